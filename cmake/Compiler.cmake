@@ -1,0 +1,33 @@
+# Warnings, hardening and sanitizers for every target of the tree.
+
+# Everybody gets these; the library itself gets vxutils_strict on top.
+add_library(vxutils_warnings INTERFACE)
+target_compile_options(vxutils_warnings INTERFACE
+  -Wall -Wextra -Wpedantic -Werror -Wshadow -Wundef -Wformat=2 -Wcast-align -Wvla
+  $<$<COMPILE_LANGUAGE:CXX>:-Wnon-virtual-dtor -Woverloaded-virtual -Wold-style-cast -Wextra-semi>
+  $<$<AND:$<COMPILE_LANGUAGE:CXX>,$<CXX_COMPILER_ID:GNU>>:-Wduplicated-cond -Wlogical-op -Wuseless-cast>)
+
+add_library(vxutils_strict INTERFACE)
+target_link_libraries(vxutils_strict INTERFACE vxutils_warnings)
+target_compile_options(vxutils_strict INTERFACE
+  -Wconversion -Wsign-conversion -Wdouble-promotion -Wmissing-declarations)
+
+# 32-bit targets: 64-bit times and file offsets everywhere, as every caller must have them.
+if(CMAKE_SIZEOF_VOID_P EQUAL 4)
+  set(VXUTILS_TIME64_DEFINITIONS _TIME_BITS=64 _FILE_OFFSET_BITS=64)
+  add_compile_definitions(${VXUTILS_TIME64_DEFINITIONS})
+  add_compile_options(-Wno-psabi)  # a note about a parameter passing change in compilers older than any used here
+endif()
+
+if(VXUTILS_SANITIZE)
+  add_compile_options(-fsanitize=${VXUTILS_SANITIZE} -fno-omit-frame-pointer)
+  add_link_options(-fsanitize=${VXUTILS_SANITIZE})
+  if(VXUTILS_SANITIZE MATCHES "undefined")
+    add_compile_options(-fno-sanitize-recover=undefined)
+  endif()
+else()
+  add_compile_options(-fstack-protector-strong
+    $<$<NOT:$<CONFIG:Debug>>:-U_FORTIFY_SOURCE> $<$<NOT:$<CONFIG:Debug>>:-D_FORTIFY_SOURCE=2>)
+  add_link_options(-Wl,-z,relro -Wl,-z,now -Wl,-z,noexecstack)
+endif()
+add_link_options(-Wl,--as-needed)

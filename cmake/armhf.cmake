@@ -1,0 +1,21 @@
+# Cross build for the boards: 32-bit Arm hard-float, against the sysroot that scripts/setup makes.
+set(CMAKE_SYSTEM_NAME Linux)
+set(CMAKE_SYSTEM_PROCESSOR armv7l)
+set(CMAKE_C_COMPILER arm-linux-gnueabihf-gcc)
+set(CMAKE_CXX_COMPILER arm-linux-gnueabihf-g++)
+
+if(DEFINED ENV{VXUTILS_SYSROOT})
+  set(VXUTILS_SYSROOT "$ENV{VXUTILS_SYSROOT}")
+else()
+  set(VXUTILS_SYSROOT "${CMAKE_CURRENT_LIST_DIR}/../build/sysroot-armhf")
+endif()
+get_filename_component(VXUTILS_SYSROOT "${VXUTILS_SYSROOT}" ABSOLUTE)
+set(CMAKE_SYSROOT "${VXUTILS_SYSROOT}")
+set(CMAKE_LIBRARY_ARCHITECTURE arm-linux-gnueabihf)
+set(CMAKE_FIND_ROOT_PATH "${VXUTILS_SYSROOT}")
+set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
+set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
+set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
+set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
+
+set(CMAKE_CROSSCOMPILING_EMULATOR qemu-arm -L "${VXUTILS_SYSROOT}")

@@ -1,0 +1,4 @@
+# The house itself.
+chapter "A gateway in a throwaway root"
+say "Own processes, own network, own system log; nothing on this machine changes."
+show hostname

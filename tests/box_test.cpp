@@ -1,0 +1,82 @@
+// SPDX-License-Identifier: MIT
+// The test bench itself: what a box promises to the tests that run in it.
+#include <fcntl.h>
+#include <ifaddrs.h>
+#include <sys/stat.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include "support/files.h"
+#include "support/process.h"
+#include "support/resources.h"
+#include "support/syslog_capture.h"
+
+namespace {
+
+using vxtest::LogLine;
+
+TEST(Box, WritesToRealPathsStayInTheBox) {
+    vxtest::writeFile("/nvstatus/box/probe", "inside");
+    EXPECT_EQ(vxtest::readFile("/nvstatus/box/probe"), "inside");
+    EXPECT_FALSE(vxtest::exists("/var/run/configd"));
+    vxtest::makeDirs("/var/run/configd");
+    EXPECT_TRUE(vxtest::exists("/var/run/configd"));
+}
+
+TEST(Box, HasItsOwnProcessesNetworkAndHostName) {
+    EXPECT_LT(::getpid(), 100);
+    char name[64] = {};
+    ASSERT_EQ(::gethostname(name, sizeof name), 0);
+    EXPECT_STREQ(name, "gateway");
+    ifaddrs *all = nullptr;
+    ASSERT_EQ(::getifaddrs(&all), 0);
+    for (const ifaddrs *one = all; one != nullptr; one = one->ifa_next) EXPECT_STREQ(one->ifa_name, "lo");
+    ::freeifaddrs(all);
+}
+
+TEST(Box, EndsWithTheProgramsOwnStatus) {
+    EXPECT_EQ(vxtest::run({"sh", "-c", "exit 7"}).status, 7);
+    EXPECT_EQ(vxtest::run({"sh", "-c", "kill -9 $$"}).status, 128 + 9);
+}
+
+TEST(SyslogCapture, SeesPriorityAndText) {
+    vxtest::SyslogCapture log;
+    ::syslog(LOG_WARNING, "disk %d full", 3);
+    EXPECT_EQ(vxtest::inChild([] {
+                  ::syslog(LOG_DEBUG, "from a child");
+                  return 0;
+              }),
+              0);
+    EXPECT_EQ(log.take(), (std::vector<LogLine>{{LOG_WARNING, "disk 3 full"}, {LOG_DEBUG, "from a child"}}));
+    EXPECT_TRUE(log.take().empty());
+}
+
+TEST(SyslogCapture, TakesFloodsWithoutBlockingTheLogger) {
+    vxtest::SyslogCapture log;
+    constexpr size_t count = 2000;
+    for (size_t i = 0; i < count; ++i) ::syslog(LOG_INFO, "line %zu", i);
+    const auto lines = log.take();
+    ASSERT_EQ(lines.size(), count);
+    EXPECT_EQ(lines.back().text, "line 1999");
+}
+
+TEST(Resources, ALeakedDescriptorIsSeen) {
+    const auto before = vxtest::openDescriptors();
+    const int fd = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+    EXPECT_NE(vxtest::openDescriptors(), before);
+    ::close(fd);
+    EXPECT_EQ(vxtest::openDescriptors(), before);
+}
+
+TEST(Resources, AGuardedBufferEndsAtAnUnreadablePage) {
+    vxtest::GuardedBuffer buffer(5);
+    buffer.data()[4] = 'x';
+    EXPECT_EXIT(
+        {
+            ::signal(SIGSEGV, [](int) { ::_exit(42); });
+            static_cast<volatile char *>(buffer.data())[5] = 'y';
+        },
+        testing::ExitedWithCode(42), "");
+}
+
+}  // namespace

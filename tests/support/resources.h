@@ -1,0 +1,52 @@
+// SPDX-License-Identifier: MIT
+// Descriptors, processes and memory before and after.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+namespace vxtest {
+
+// Open descriptors of this process as "number -> target", the one used for looking left out.
+std::vector<std::string> openDescriptors();
+
+// Children of this process that have ended and were not waited for.
+int zombieChildren();
+
+// Expects at its end the descriptors of its beginning, and no zombie more.
+class NoLeaks {
+public:
+    NoLeaks() : descriptors_(openDescriptors()), zombies_(zombieChildren()) {}
+    ~NoLeaks() {
+        EXPECT_EQ(openDescriptors(), descriptors_);
+        EXPECT_EQ(zombieChildren(), zombies_);
+    }
+    NoLeaks(const NoLeaks &) = delete;
+    NoLeaks &operator=(const NoLeaks &) = delete;
+
+private:
+    std::vector<std::string> descriptors_;
+    int zombies_;
+};
+
+// A block of `size` bytes that ends right at an unreadable page (and begins behind one when size is a page multiple).
+class GuardedBuffer {
+public:
+    explicit GuardedBuffer(size_t size);
+    ~GuardedBuffer();
+    GuardedBuffer(const GuardedBuffer &) = delete;
+    GuardedBuffer &operator=(const GuardedBuffer &) = delete;
+
+    char *data() { return data_; }
+    size_t size() const { return size_; }
+
+private:
+    char *map_;
+    size_t mapped_;
+    char *data_;
+    size_t size_;
+};
+
+}  // namespace vxtest
