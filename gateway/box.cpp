@@ -188,7 +188,7 @@ void endBox(int) {
 std::string absolute(const char *path) {
     char *resolved = ::realpath(path, nullptr);
     if (resolved == nullptr) fail(path);
-    const std::string result = resolved;
+    std::string result = resolved;
     std::free(resolved);
     return result;
 }
