@@ -1,0 +1,97 @@
+/* SPDX-License-Identifier: MIT */
+/**
+ * @file
+ * Circular, doubly linked list whose links live inside the caller's records: adding never allocates, removing needs no
+ * search.
+ *
+ * @code
+ * struct job { list_link link; int number; };
+ * list_link jobs = {&jobs, &jobs};                       // the head of an empty list points at itself
+ * list_add_tail(&job->link, &jobs);
+ * for (list_link *at = jobs.next; at != &jobs; at = at->next) run((struct job *)at);
+ * @endcode
+ *
+ * The head is a link that belongs to no record. The list owns nothing, and no function checks its arguments, blocks or
+ * allocates. A list is used by one thread at a time.
+ */
+#ifndef VXUTILS_LIST_H
+#define VXUTILS_LIST_H
+
+#include <vxutils/api.h>
+
+VXUTILS_BEGIN_DECLS
+
+/** A link of a record, or the head of a list. */
+struct list_link {
+    struct list_link *next; /**< following link; in a head the first member */
+    struct list_link *prev; /**< preceding link; in a head the last member */
+};
+typedef struct list_link list_link;
+
+/**
+ * Links an entry between two neighbours.
+ *
+ * @param entry entry that is in no list
+ * @param prev  link that will precede it
+ * @param next  link that follows @p prev now
+ */
+VXUTILS_API void __list_add(list_link *entry, list_link *prev, list_link *next);
+
+/**
+ * Inserts an entry right after @p head: the last one added is the first one met.
+ *
+ * @param entry entry that is in no list
+ * @param head  head of the list, or the member to insert after
+ */
+VXUTILS_API void list_add(list_link *entry, list_link *head);
+
+/**
+ * Inserts an entry right before @p head: the first one added is the first one met.
+ *
+ * @param entry entry that is in no list
+ * @param head  head of the list, or the member to insert before
+ */
+VXUTILS_API void list_add_tail(list_link *entry, list_link *head);
+
+/**
+ * Makes two links neighbours, dropping whatever was between them.
+ *
+ * @param prev link that will precede @p next
+ * @param next link that will follow @p prev
+ */
+VXUTILS_API void __list_del(list_link *prev, list_link *next);
+
+/**
+ * Takes an entry out of its list. Its own pointers stay as they were, stale.
+ *
+ * @param entry member of a list
+ */
+VXUTILS_API void list_del(list_link *entry);
+
+/**
+ * Takes an entry out of its list and makes it an empty list of its own.
+ *
+ * @param entry member of a list
+ */
+VXUTILS_API void list_del_init(list_link *entry);
+
+/**
+ * Tells whether a list has no members.
+ *
+ * @param head head of the list
+ * @return 1 or 0
+ */
+VXUTILS_API int list_empty(const list_link *head);
+
+/**
+ * Moves all members of a list, in order, right after the head of another.
+ *
+ * @param list head of the list to take the members from; it still points at them afterwards and must be made empty
+ *             (pointed at itself) before it is used again
+ * @param head head of the list, or the member to insert after
+ */
+VXUTILS_API void list_splice(list_link *list, list_link *head);
+
+VXUTILS_END_DECLS
+
+#endif

@@ -1,0 +1,104 @@
+// SPDX-License-Identifier: MIT
+// Digits of unsigned numbers: how many there are, and writing them two at a time.
+#pragma once
+
+#include <array>
+#include <bit>
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <limits>
+#include <type_traits>
+
+namespace vx {
+
+// Every two-digit number of a base, one after the other.
+template <unsigned int base>
+constexpr std::array<char, 2 * base * base> makeDigitPairs(const char *digits) {
+    std::array<char, 2 * base * base> pairs{};
+    for (unsigned int i = 0; i < base * base; ++i) {
+        pairs[2 * i] = digits[i / base];
+        pairs[2 * i + 1] = digits[i % base];
+    }
+    return pairs;
+}
+
+inline constexpr auto decimalPairs = makeDigitPairs<10>("0123456789");
+inline constexpr auto lowerHexPairs = makeDigitPairs<16>("0123456789abcdef");
+inline constexpr auto upperHexPairs = makeDigitPairs<16>("0123456789ABCDEF");
+
+// Powers of ten that the type holds; entry 0 is 0, so that the value 0 has one digit.
+template <typename Value>
+constexpr auto makePowersOfTen() {
+    std::array<Value, std::numeric_limits<Value>::digits10 + 1> powers{};
+    Value power = 1;
+    for (size_t i = 1; i < powers.size(); ++i) powers[i] = power = static_cast<Value>(power * 10);
+    return powers;
+}
+
+template <typename Value>
+inline constexpr auto powersOfTen = makePowersOfTen<Value>();
+
+// Number of decimal digits, 1 for 0. 1233/4096 is log10(2), just precise enough for 64 bits.
+template <typename Value>
+constexpr size_t countDecimalDigits(Value value) {
+    static_assert(std::is_unsigned_v<Value>);
+    const auto guess = static_cast<size_t>(std::bit_width(static_cast<Value>(value | 1))) * 1233 >> 12;
+    return guess + (value >= powersOfTen<Value>[guess] ? 1 : 0);
+}
+
+// Number of digits in base 2^bits, 1 for 0.
+template <typename Value>
+constexpr size_t countPowerOfTwoDigits(Value value, unsigned int bits) {
+    return (static_cast<size_t>(std::bit_width(static_cast<Value>(value | 1))) + bits - 1) / bits;
+}
+
+// Writes the decimal digits so that they end right before `end`; the room is countDecimalDigits().
+template <typename Value>
+inline void writeDecimal(char *end, Value value) {
+    if constexpr (sizeof(Value) > sizeof(uint32_t)) {
+        while (value > std::numeric_limits<uint32_t>::max()) {
+            end -= 2;
+            std::memcpy(end, &decimalPairs[static_cast<size_t>(2 * (value % 100))], 2);
+            value /= 100;
+        }
+    }
+    auto rest = static_cast<uint32_t>(value);
+    while (rest >= 100) {
+        end -= 2;
+        std::memcpy(end, &decimalPairs[2 * (rest % 100)], 2);
+        rest /= 100;
+    }
+    if (rest >= 10) {
+        std::memcpy(end - 2, &decimalPairs[2 * rest], 2);
+    } else {
+        end[-1] = static_cast<char>('0' + rest);
+    }
+}
+
+// Writes the hexadecimal digits so that they end right before `end`; the room is countPowerOfTwoDigits(value, 4).
+template <typename Value>
+inline void writeHex(char *end, Value value, const std::array<char, 512> &pairs) {
+    while (value >= 0x100) {
+        end -= 2;
+        std::memcpy(end, &pairs[static_cast<size_t>(2 * (value & 0xff))], 2);
+        value >>= 8;
+    }
+    if (value >= 0x10) {
+        std::memcpy(end - 2, &pairs[static_cast<size_t>(2 * value)], 2);
+    } else {
+        end[-1] = pairs[static_cast<size_t>(2 * value + 1)];
+    }
+}
+
+// Writes the digits of base 2^bits, below base 16, so that they end right before `end`.
+template <typename Value>
+inline void writePowerOfTwo(char *end, Value value, unsigned int bits) {
+    const auto mask = static_cast<Value>((Value{1} << bits) - 1);
+    do {
+        *--end = static_cast<char>('0' + static_cast<int>(value & mask));
+        value = static_cast<Value>(value >> bits);
+    } while (value != 0);
+}
+
+}  // namespace vx

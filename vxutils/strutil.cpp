@@ -1,0 +1,193 @@
+// SPDX-License-Identifier: MIT
+#include <vxutils/strutil.h>
+
+#include <algorithm>
+#include <cctype>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+namespace {
+
+constexpr char whiteSpace[] = " \t\r\n";
+
+constexpr size_t formatLimit = 2047;  // what vsnprintf may write into the static buffer, terminator included
+char formatted[formatLimit + 1];
+
+constexpr unsigned int firstYear = 1999;
+constexpr unsigned int lastYear = 2035;
+
+constexpr bool isDigit(char c) { return c >= '0' && c <= '9'; }
+
+// strchr alone would find the terminator in every set.
+bool inSet(char c, const char *set) { return c != '\0' && std::strchr(set, c) != nullptr; }
+
+constexpr unsigned int foldCase(char c) {
+    const auto byte = static_cast<unsigned char>(c);
+    return byte >= 'A' && byte <= 'Z' ? byte + ('a' - 'A') : byte;
+}
+
+constexpr unsigned char firstPrintable = 0x20;
+
+// How a control character is made visible.
+struct ControlForm {
+    char mark;
+    char letter;
+};
+
+constexpr ControlForm controlForm(unsigned char byte) {
+    switch (byte) {
+        case '\t':
+            return {'\\', 't'};
+        case '\n':
+            return {'\\', 'n'};
+        case '\r':
+            return {'\\', 'r'};
+        default:
+            return {'^', static_cast<char>(byte + 0x40)};
+    }
+}
+
+// Dates are compared as unsigned numbers, so that a negative part fails.
+constexpr bool inRange(int value, unsigned int low, unsigned int high) {
+    const auto number = static_cast<unsigned int>(value);
+    return number >= low && number <= high;
+}
+
+constexpr bool isDate(int year, int month, int day) {
+    return inRange(year, firstYear, lastYear) && inRange(month, 1, 12) && inRange(day, 1, 31);
+}
+
+// Times have upper bounds only: callers pass relative times with a negative part.
+constexpr bool isTime(int hour, int minute, int second) { return hour <= 23 && minute <= 59 && second <= 59; }
+
+constexpr int verdict(bool good) { return good ? 0 : -1; }
+
+}  // namespace
+
+void *zalloc(size_t size) { return std::calloc(size, 1); }
+
+size_t strlcpy(char *__restrict dst, const char *__restrict src, size_t size) VXUTILS_STRLCPY_NOTHROW {
+    const size_t length = std::strlen(src);
+    if (size == 0) return length;
+    const size_t copied = std::min(length, size - 1);
+    std::memcpy(dst, src, copied);
+    dst[copied] = '\0';
+    return length;
+}
+
+char *strtolower(char *s) {
+    if (s == nullptr) return s;
+    for (char *at = s; *at != '\0'; ++at) *at = static_cast<char>(std::tolower(static_cast<unsigned char>(*at)));
+    return s;
+}
+
+char *strtoupper(char *s) {
+    if (s == nullptr) return s;
+    for (char *at = s; *at != '\0'; ++at) *at = static_cast<char>(std::toupper(static_cast<unsigned char>(*at)));
+    return s;
+}
+
+int is_number(const char *s) {
+    for (; *s != '\0'; ++s) {
+        if (!isDigit(*s) && *s != '+' && *s != '-') return 0;
+    }
+    return 1;
+}
+
+char *skipchars(const char *s, const char *set) {
+    const size_t skipped = s == nullptr || set == nullptr ? 0 : std::strspn(s, set);
+    return const_cast<char *>(s + skipped);
+}
+
+char *stripchars(char *s, const char *set) {
+    if (s == nullptr || set == nullptr) return nullptr;
+    char *const kept = skipchars(s, set);
+    char *const end = kept + std::strlen(kept);
+    char *cut = end;
+    while (cut != kept && inSet(cut[-1], set)) --cut;
+    if (cut != end) *cut = '\0';  // a text without a trailing run may stand in read-only memory
+    return kept;
+}
+
+char *stripwhite(char *s) { return stripchars(s, whiteSpace); }
+
+const char *strformat(const char *fmt, ...) {
+    formatted[0] = '\0';
+    if (fmt == nullptr) return formatted;
+    va_list args;
+    va_start(args, fmt);
+    (void)std::vsnprintf(formatted, formatLimit, fmt, args);
+    va_end(args);
+    return formatted;
+}
+
+char *escape(const char *src, size_t n, char *dst, size_t size) {
+    const size_t limit = size - 2;  // unsigned on purpose: sizes 0 and 1 mean no limit
+    size_t index = 0;
+    for (size_t i = 0; i < n && index < limit && src[i] != '\0'; ++i) {
+        const auto byte = static_cast<unsigned char>(src[i]);
+        if (byte >= firstPrintable) {
+            dst[index++] = src[i];
+        } else {
+            const ControlForm form = controlForm(byte);
+            dst[index++] = form.mark;
+            dst[index++] = form.letter;
+        }
+    }
+    dst[index] = '\0';
+    return dst;
+}
+
+void reverse(char *s) {
+    if (s == nullptr) return;
+    std::reverse(s, s + std::strlen(s));
+}
+
+int e164Number(const char *s) {
+    if (s == nullptr) return -1;
+    for (; *s != '\0'; ++s) {
+        const bool letter = *s >= 'A' && *s <= 'Z';
+        if (!letter && !isDigit(*s) && *s != '*' && *s != '#' && *s != '?') return -1;
+    }
+    return 0;
+}
+
+int validateTimeString(const char *s) {
+    if (s == nullptr) return -1;
+    int year, month, day, hour, minute, second;
+    const int fields = std::sscanf(s, "%d-%d-%dT%d:%d:%d", &year, &month, &day, &hour, &minute, &second);
+    return verdict(fields == 6 && isDate(year, month, day) && isTime(hour, minute, second));
+}
+
+int validateTime(const char *s) {
+    if (s == nullptr) return -1;
+    int hour, minute, second;
+    return verdict(std::sscanf(s, "%d:%d:%d", &hour, &minute, &second) == 3 && isTime(hour, minute, second));
+}
+
+int validateDate(const char *s) {
+    if (s == nullptr) return -1;
+    int year, month, day;
+    return verdict(std::sscanf(s, "%d-%d-%d", &year, &month, &day) == 3 && isDate(year, month, day));
+}
+
+int stricmp(const char *a, const char *b) {
+    for (;; ++a, ++b) {
+        const unsigned int left = foldCase(*a);
+        const unsigned int right = foldCase(*b);
+        if (left != right) return left < right ? -1 : 1;
+        if (left == 0) return 0;
+    }
+}
+
+int strnicmp(const char *a, const char *b, size_t n) {
+    for (size_t i = 0; i < n; ++i) {
+        const unsigned int left = foldCase(a[i]);
+        const unsigned int right = foldCase(b[i]);
+        if (left != right) return left < right ? -1 : 1;
+        if (left == 0) return 0;
+    }
+    return 0;
+}
