@@ -7,6 +7,7 @@
 #ifndef VXUTILS_TIME64_H
 #define VXUTILS_TIME64_H
 
+#include <sched.h> /* struct timespec, also where strict C99 keeps <time.h> from declaring it */
 #include <time.h>
 
 #ifdef __cplusplus

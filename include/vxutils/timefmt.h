@@ -1,0 +1,104 @@
+/* SPDX-License-Identifier: MIT */
+/**
+ * @file
+ * Time stamps, elapsed time, readable sizes and bit rates, short unique ids, and the text of one element of a simple
+ * XML document.
+ *
+ * @code
+ * struct timespec start, end;
+ * clock_gettime(CLOCK_MONOTONIC, &start);
+ * work();
+ * clock_gettime(CLOCK_MONOTONIC, &end);
+ * printf("%s: %lld us for ", timeformat(NULL), (long long)uselapsed(start, end));
+ * puts(format_size(104857600)); // 100 MB
+ * @endcode
+ *
+ * Nothing here blocks, logs or allocates. timeformat(), format_size(), format_rate() and xml_readattr() each return a
+ * static buffer of their own, valid until the next call of the same function: one thread at a time per function, and no
+ * use in signal handlers. timeformat() and timeparse() work in the local time zone; a change of @c TZ shows at the next
+ * call. The remaining functions may be called by any number of threads at once.
+ */
+#ifndef VXUTILS_TIMEFMT_H
+#define VXUTILS_TIMEFMT_H
+
+#include <stdint.h>
+#include <vxutils/api.h>
+#include <vxutils/time64.h>
+
+VXUTILS_BEGIN_DECLS
+
+/**
+ * System uptime.
+ * @return whole seconds since the system was started.
+ */
+VXUTILS_API long jiffy(void);
+
+/**
+ * Time stamp in local time, as in "2024-02-29 23:59:59".
+ * @param t seconds since 1970 (UTC); NULL means now.
+ * @return static text, valid until the next call; "1970-01-01 00:00:00" for a time whose year no calendar record holds.
+ */
+VXUTILS_API const char *timeformat(const time_t *t);
+
+/**
+ * Reads a time stamp with a two-digit year ("24-02-29 23:59:59": 69 to 99 mean 1969 to 1999, 00 to 68 mean 2000 to
+ * 2068) or, failing that, a four-digit one. What follows the seconds is ignored. Daylight saving time is taken to be
+ * off.
+ *
+ * The text is read as local time, the result is its universal time read as local time once more. In the zone UTC that
+ * is the time itself; elsewhere it is shifted by the zone's offset a second time. Programs that store these values rely
+ * on it.
+ * @param text time stamp; NULL or empty is no time stamp.
+ * @return seconds since 1970, 0 when the text is no time stamp.
+ */
+VXUTILS_API time_t timeparse(const char *text);
+
+/**
+ * Difference of two times with tv_nsec between 0 and 999999999.
+ * @return @p end minus @p start; a negative difference has negative seconds and, as everywhere, nanoseconds that count
+ *         upwards: half a second back is -1 s and 500000000 ns.
+ */
+VXUTILS_API struct timespec diffts(struct timespec start, struct timespec end);
+
+/**
+ * Microseconds from @p start to @p end.
+ * @return the difference, negative when @p end is the earlier one; nanoseconds are cut toward zero.
+ */
+VXUTILS_API int64_t uselapsed(struct timespec start, struct timespec end);
+
+/**
+ * A short id: the time in its high half, random() in its low half. Neither half is ever 0xFFFF. Seeding random() is up
+ * to the program; an unseeded one gives the same low halves after every start.
+ * @return the id.
+ */
+VXUTILS_API uint32_t mkid(void);
+
+/**
+ * A size with its unit, "B", "KB", "MB", "GB" or "TB", each 1024 of the one before: at most four digits before a unit
+ * below "TB".
+ * @param bytes a count of bytes; negative ones are printed in bytes.
+ * @return static text, valid until the next call, as "9999 B" or "100 MB".
+ */
+VXUTILS_API const char *format_size(int64_t bytes);
+
+/**
+ * A transfer rate in "Kbit/s", "Mbit/s", "Gbit/s" or "Tbit/s" (each 1024 of the one before) with one decimal.
+ * @param bytes_per_second a rate in bytes per second. Negative ones give some text that means nothing.
+ * @return static text, valid until the next call, as "7.8 Kbit/s".
+ */
+VXUTILS_API const char *format_rate(int64_t bytes_per_second);
+
+/**
+ * Raw text between the first "<tag>" of a document and the first "</tag>" behind it. Attributes, nesting and entities
+ * are unknown to it, and white space stays.
+ * @param document NUL-terminated text. It must not be this function's own previous result, which is cleared first.
+ * @param tag name of the element, without brackets.
+ * @return static text of at most 1023 characters less the closing tag, valid until the next call and free to be changed
+ *         until then; NULL when a pointer is NULL, a text is empty, a tag is missing, or the closing one does not end
+ *         within the 1023 characters that follow the opening one.
+ */
+VXUTILS_API char *xml_readattr(const char *document, const char *tag);
+
+VXUTILS_END_DECLS
+
+#endif
