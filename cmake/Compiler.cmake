@@ -31,3 +31,6 @@ else()
   add_link_options(-Wl,-z,relro -Wl,-z,now -Wl,-z,noexecstack)
 endif()
 add_link_options(-Wl,--as-needed)
+# The library names no path of its own: a program's run path has to serve what the library needs as well (RPATH, not
+# RUNPATH).
+add_link_options(-Wl,--disable-new-dtags)
