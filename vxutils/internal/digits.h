@@ -36,15 +36,19 @@ constexpr auto makePowersOfTen() {
     return powers;
 }
 
-template <typename Value>
-inline constexpr auto powersOfTen = makePowersOfTen<Value>();
+inline constexpr auto powersOfTen32 = makePowersOfTen<uint32_t>();
+inline constexpr auto powersOfTen64 = makePowersOfTen<uint64_t>();
 
 // Number of decimal digits, 1 for 0. 1233/4096 is log10(2), just precise enough for 64 bits.
 template <typename Value>
 constexpr size_t countDecimalDigits(Value value) {
     static_assert(std::is_unsigned_v<Value>);
     const auto guess = static_cast<size_t>(std::bit_width(static_cast<Value>(value | 1))) * 1233 >> 12;
-    return guess + (value >= powersOfTen<Value>[guess] ? 1 : 0);
+    if constexpr (sizeof(Value) > sizeof(uint32_t)) {
+        return guess + (value >= powersOfTen64[guess] ? 1 : 0);
+    } else {
+        return guess + (value >= powersOfTen32[guess] ? 1 : 0);
+    }
 }
 
 // Number of digits in base 2^bits, 1 for 0.

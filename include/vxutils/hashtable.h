@@ -1,0 +1,147 @@
+/* SPDX-License-Identifier: MIT */
+/**
+ * @file
+ * Two small hash tables that map a key to an untyped pointer: by 32-bit number and by text.
+ *
+ * @code
+ * INStringHashTable sessions(64);
+ * sessions.addEntry("alice", session);
+ * void *found;
+ * if (sessions.getValueFromKey("alice", &found)) static_cast<Session *>(found)->touch();
+ * sessions.passAllPointers([](void *one) { delete static_cast<Session *>(one); });
+ * @endcode
+ *
+ * The number of buckets is chosen at construction and never changes: a table that is too small still works, slowly
+ * (getLongestChain() shows it). The table owns its entries and key copies, never the values. A key may be stored more
+ * than once; the oldest entry is found and removed first. No call blocks; a table is used by one thread at a time.
+ * Running out of memory throws @c std::bad_alloc out of the constructors and addEntry(), with the table unchanged.
+ */
+#ifndef VXUTILS_HASHTABLE_H
+#define VXUTILS_HASHTABLE_H
+
+#include <vxutils/api.h>
+
+/** How a number becomes a bucket. There is one way, and the tables do not look at the choice. */
+enum HashFunctionType {
+    HASH_LOW_BITS /**< the low bits of the key */
+};
+
+/** Hash table with 32-bit unsigned keys. Where @c unsigned @c long is wider, every key is cut to 32 bits. */
+class VXUTILS_API INUInt32HashTable {
+public:
+    /**
+     * Makes an empty table.
+     *
+     * @param size number of buckets wanted; the smallest power of two that is not below it is taken, 2 at least
+     * @throws std::bad_array_new_length when that would be 0x1FFFFFFF buckets or more
+     */
+    INUInt32HashTable(unsigned long size, HashFunctionType);
+    ~INUInt32HashTable();
+    INUInt32HashTable(const INUInt32HashTable &) = delete;
+    INUInt32HashTable &operator=(const INUInt32HashTable &) = delete;
+
+    /** Stores a value under a key, behind those already stored under it. @return true */
+    bool addEntry(unsigned long key, void *value);
+
+    /**
+     * Finds the oldest value of a key.
+     *
+     * @param key   key
+     * @param value receives the value; left alone when there is none
+     * @return whether there is one
+     */
+    bool getValueFromKey(unsigned long key, void **value) const;
+
+    /** Removes the oldest entry of a key. @return whether there was one */
+    bool removeEntry(unsigned long key);
+
+    /** Removes all entries. */
+    void removeAllEntries();
+
+    /**
+     * Copies values, bucket after bucket and oldest first within one.
+     *
+     * @param n   most values to copy
+     * @param out receives them; room for @p n pointers
+     * @return number of values copied
+     */
+    unsigned long getFirstNPointers(unsigned long n, void **out) const;
+
+    /** Calls a function for every value, in the order of getFirstNPointers(). It may free the value, not change the
+     * table. */
+    void passAllPointers(void (*fn)(void *)) const;
+
+    /** Number of entries, counted one by one. */
+    unsigned long getNumberOfKeys() const;
+
+    /** Number of entries in the fullest bucket. */
+    unsigned long getLongestChain() const;
+
+private:
+    struct Entry;
+
+    Entry **buckets_;
+    unsigned int count_;
+    unsigned int mask_;
+};
+
+/** Hash table with texts as keys, which it copies. Otherwise like INUInt32HashTable. */
+class VXUTILS_API INStringHashTable {
+public:
+    /**
+     * Makes an empty table.
+     *
+     * @param size number of buckets wanted; the smallest power of two that is not below it is taken, 2 at least
+     * @throws std::bad_array_new_length when that would be 0x1FFFFFFF buckets or more
+     */
+    explicit INStringHashTable(unsigned long size);
+    ~INStringHashTable();
+    INStringHashTable(const INStringHashTable &) = delete;
+    INStringHashTable &operator=(const INStringHashTable &) = delete;
+
+    /** Stores a value under a copy of a key, behind those already stored under it. @return true */
+    bool addEntry(const char *key, void *value);
+
+    /**
+     * Finds the oldest value of a key.
+     *
+     * @param key   key
+     * @param value receives the value; left alone when there is none
+     * @return whether there is one
+     */
+    bool getValueFromKey(const char *key, void **value) const;
+
+    /** Removes the oldest entry of a key. @return whether there was one */
+    bool removeEntry(const char *key);
+
+    /** Removes all entries. */
+    void removeAllEntries();
+
+    /**
+     * Copies values, bucket after bucket and oldest first within one.
+     *
+     * @param n   most values to copy
+     * @param out receives them; room for @p n pointers
+     * @return number of values copied
+     */
+    unsigned long getFirstNPointers(unsigned long n, void **out) const;
+
+    /** Calls a function for every value, in the order of getFirstNPointers(). It may free the value, not change the
+     * table. */
+    void passAllPointers(void (*fn)(void *)) const;
+
+    /** Number of entries, counted one by one. */
+    unsigned long getNumberOfKeys() const;
+
+    /** Number of entries in the fullest bucket. */
+    unsigned long getLongestChain() const;
+
+private:
+    struct Entry;
+
+    Entry **buckets_;
+    unsigned int count_;
+    unsigned int mask_;
+};
+
+#endif

@@ -1,0 +1,180 @@
+/* SPDX-License-Identifier: MIT */
+/**
+ * @file
+ * Numbers to text and back in bases 2, 8, 10 and 16, checks of decimal texts, dumps in hexadecimal, and IPv4 addresses
+ * as plain numbers.
+ *
+ * In a radix text the digits are followed by a letter that names the base: @c b for 2, @c o for 8, @c h for 16, none
+ * for
+ * 10. So 5 is @c 101b, 15 is @c 17o, 255 is @c FFh and -42 is @c -42. Hexadecimal digits are written in upper case.
+ *
+ * @code
+ * char text[34];
+ * puts(u_i32toa(255, text, 16));                        // FFh
+ * int error;
+ * int32_t port = validValueOf32(&error, argv[1]);       // error is -1 unless argv[1] is a number and nothing else
+ * @endcode
+ *
+ * All functions may be called from any thread and in a forked child; none allocates, blocks or logs. A pointer argument
+ * must not be NULL unless the function says what NULL means.
+ */
+#ifndef VXUTILS_NUMCONV_H
+#define VXUTILS_NUMCONV_H
+
+#include <stdint.h>
+#include <vxutils/api.h>
+
+VXUTILS_BEGIN_DECLS
+
+/** Two lower-case hexadecimal digits and a terminator for every byte: "00", "01", ... "ff". */
+VXUTILS_API extern const char binToHexLut[256][3];
+
+/**
+ * Writes a signed number as radix text.
+ *
+ * @param value number; a negative one is refused in bases 8 and 16, and its text in base 2 is unspecified
+ * @param buf   receives the text; 34 bytes hold any
+ * @param base  2, 8, 10 or 16
+ * @return @p buf; NULL when @p buf is NULL or @p base or @p value is refused
+ */
+VXUTILS_API char *i32toa(int32_t value, char *buf, int base);
+
+/**
+ * Writes an unsigned number as radix text.
+ *
+ * @param value number
+ * @param buf   receives the text; 34 bytes hold any
+ * @param base  2, 8, 10 or 16
+ * @return @p buf; NULL when @p buf is NULL or @p base is another one
+ */
+VXUTILS_API char *u_i32toa(uint32_t value, char *buf, int base);
+
+/**
+ * i32toa() for 16 bits. Nothing but the base is refused: the text of a negative number in bases 2, 8 and 16 is
+ * unspecified.
+ */
+VXUTILS_API char *i16toa(int16_t value, char *buf, int base);
+
+/** u_i32toa() for 16 bits. */
+VXUTILS_API char *u_i16toa(uint16_t value, char *buf, int base);
+
+/**
+ * Reads a radix text, without any check.
+ *
+ * At most 33 characters are used. A leading minus sign makes the number negative. A last byte from @c a upward is a
+ * marker and dropped: @c b reads the rest as base 2, @c o as base 8, @c h and @c x as base 16, any other one as base
+ * 10, as without a marker. Every remaining character counts as a digit, and what is too large wraps around: use the
+ * valid... functions for texts from outside.
+ *
+ * @param text text; NULL and the empty text read as 0
+ * @return the number
+ */
+VXUTILS_API int32_t valueOf32(const char *text);
+
+/** valueOf32() for unsigned numbers: a minus sign has no meaning and is read as if it were a digit. */
+VXUTILS_API uint32_t u_valueOf32(const char *text);
+
+/** valueOf32() narrowed to its low 16 bits. */
+VXUTILS_API int16_t valueOf16(const char *text);
+
+/** u_valueOf32() narrowed to its low 16 bits. */
+VXUTILS_API uint16_t u_valueOf16(const char *text);
+
+/**
+ * Reads a number and checks that the text is its canonical decimal form: no plus sign, blank, leading zero or marker,
+ * and within the range of the type. "-0" is not canonical.
+ *
+ * @param err  set to 0 when the text is canonical, to -1 otherwise; may be NULL
+ * @param text text; NULL is not canonical
+ * @return what valueOf32() reads, either way
+ */
+VXUTILS_API int32_t validValueOf32(int *err, const char *text);
+
+/** validValueOf32() for 16 bits: what valueOf16() reads, and whether the text is its canonical form. */
+VXUTILS_API int16_t validValueOf16(int *err, const char *text);
+
+/** validValueOf32() for unsigned numbers: what u_valueOf32() reads. */
+VXUTILS_API uint32_t u_validValueOf32(int *err, const char *text);
+
+/** validValueOf32() for unsigned numbers of 16 bits: what u_valueOf16() reads. */
+VXUTILS_API uint16_t u_validValueOf16(int *err, const char *text);
+
+/**
+ * Checks that a text is the canonical decimal form of a number within a range.
+ *
+ * @param err  set to 0 or -1; NULL does nothing at all
+ * @param text text
+ * @param min  smallest number accepted
+ * @param max  largest number accepted
+ */
+VXUTILS_API void validRangeValueOf32(int *err, const char *text, int32_t min, int32_t max);
+
+/** validRangeValueOf32() for 16 bits. */
+VXUTILS_API void validRangeValueOf16(int *err, const char *text, int16_t min, int16_t max);
+
+/** validRangeValueOf32() for unsigned numbers. */
+VXUTILS_API void u_validRangeValueOf32(int *err, const char *text, uint32_t min, uint32_t max);
+
+/** validRangeValueOf32() for unsigned numbers of 16 bits. */
+VXUTILS_API void u_validRangeValueOf16(int *err, const char *text, uint16_t min, uint16_t max);
+
+/**
+ * Writes the four bytes of a word, least significant first on every machine, as @c 0x and eight lower-case digits:
+ * 0x12345678 becomes "0x78563412".
+ *
+ * @param value word
+ * @param buf   receives 10 characters and a terminator: 11 bytes
+ * @return the terminator's place in @p buf
+ */
+VXUTILS_API char *convBinToHex(uint32_t value, char *buf);
+
+/**
+ * Dumps words as lines of hexadecimal: each word as convBinToHex() writes it and a space, a line feed behind every
+ * @p lineBytes bytes and another one at the end.
+ *
+ * @param words     words to dump, all bytes of the last one included
+ * @param out       receives the text; nbrOfChars_forDataChunk2String() bytes
+ * @param byteCount number of bytes, rounded up to whole words; 0 gives the empty text
+ * @param lineBytes bytes to a line: a multiple of 4, not 0
+ */
+VXUTILS_API void dataChunk2String(const uint32_t *words, char *out, unsigned int byteCount, unsigned int lineBytes);
+
+/**
+ * Room in bytes, terminator included, that dataChunk2String() needs at most.
+ *
+ * @param byteCount number of bytes to dump
+ * @param lineBytes bytes to a line: a multiple of 4, not 0
+ * @return the number of bytes; the largest unsigned number when it is more than that
+ */
+VXUTILS_API unsigned int nbrOfChars_forDataChunk2String(unsigned int byteCount, unsigned int lineBytes);
+
+/**
+ * The smallest power of two that is not below a number.
+ *
+ * @param v number
+ * @return 1 for 0; 0 when @p v is above 2^31
+ */
+VXUTILS_API uint32_t nextHigherPowerOf2(uint32_t v);
+
+/**
+ * Reads a dotted IPv4 address into a number, most significant part first ("192.168.1.1" is 0xC0A80101). The parts are
+ * not checked: one above 255 spills over into its neighbour. What follows the fourth part is not looked at.
+ *
+ * @param text text
+ * @param out  receives the number; left alone on failure
+ * @return 0, or -1 when there are fewer than four parts
+ */
+VXUTILS_API int convIPStr2IPUl(const char *text, uint32_t *out);
+
+/**
+ * Writes a number as a dotted IPv4 address.
+ *
+ * @param value number, most significant byte first in the text
+ * @param out   receives the text: 16 bytes
+ * @return 0
+ */
+VXUTILS_API int convIPUL2IPStr(uint32_t value, char *out);
+
+VXUTILS_END_DECLS
+
+#endif
