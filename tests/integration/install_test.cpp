@@ -50,9 +50,9 @@ void install() { shell("cmake --install " VXTEST_BUILD_DIR " && ldconfig"); }
 TEST(Install, PutsEverythingWhereAnImageExpectsIt) {
     shell("DESTDIR=/tmp/image cmake --install " VXTEST_BUILD_DIR);
     const std::string lib = "/tmp/image/usr/lib/";
-    EXPECT_TRUE(fs::is_regular_file(lib + "libvxutils.so.1.0.0"));
-    EXPECT_EQ(fs::read_symlink(lib + "libvxutils.so.1"), "libvxutils.so.1.0.0");
-    EXPECT_EQ(fs::read_symlink(lib + "libvxutils.so"), "libvxutils.so.1");
+    EXPECT_TRUE(vxtest::exists(lib + "libvxutils.so.1.0.0"));
+    EXPECT_EQ(fs::read_symlink(lib + "libvxutils.so.1").string(), "libvxutils.so.1.0.0");
+    EXPECT_EQ(fs::read_symlink(lib + "libvxutils.so").string(), "libvxutils.so.1");
     EXPECT_TRUE(vxtest::exists(lib + "pkgconfig/vxutils.pc"));
     EXPECT_TRUE(vxtest::exists(lib + "cmake/vxutils/vxutilsConfig.cmake"));
     EXPECT_TRUE(vxtest::exists("/tmp/image/usr/include/vxutils/strutil.h"));
@@ -64,7 +64,8 @@ TEST(Install, PutsEverythingWhereAnImageExpectsIt) {
 TEST(Install, HonoursPrefixAndLibraryDirectory) {
     const std::string options =
         "-DBUILD_TESTING=OFF -DCMAKE_INSTALL_PREFIX=/opt/fw -DCMAKE_INSTALL_LIBDIR=lib32 -DCMAKE_BUILD_TYPE=Debug";
-    shell("cmake -S " VXTEST_SOURCE_DIR " -B /tmp/prefix-build -G Ninja " + options + " && cmake --build /tmp/prefix-build");
+    shell("cmake -S " VXTEST_SOURCE_DIR " -B /tmp/prefix-build -G Ninja " + options +
+          " && cmake --build /tmp/prefix-build");
     shell("DESTDIR=/tmp/other cmake --install /tmp/prefix-build");
     EXPECT_TRUE(vxtest::exists("/tmp/other/opt/fw/lib32/libvxutils.so.1.0.0"));
     EXPECT_TRUE(vxtest::exists("/tmp/other/opt/fw/include/vxutils/strutil.h"));
@@ -77,7 +78,8 @@ TEST(Install, HonoursPrefixAndLibraryDirectory) {
 TEST(Install, ACProgramBuildsWithPkgConfigAlone) {
     install();
     vxtest::writeFile("/tmp/user/main.c", cProgram);
-    shell("cd /tmp/user && " + compiler("C") + " -std=c99 -Wall -Wextra -Werror main.c $(pkg-config --cflags --libs vxutils) -o main-c");
+    shell("cd /tmp/user && " + compiler("C") +
+          " -std=c99 -Wall -Wextra -Werror main.c $(pkg-config --cflags --libs vxutils) -o main-c");
     EXPECT_EQ(shell("/tmp/user/main-c"), "LINK-002A\n");
 }
 

@@ -5,7 +5,6 @@
 #include <filesystem>
 #include <fstream>
 #include <map>
-#include <regex>
 #include <set>
 #include <string>
 #include <vector>
@@ -23,8 +22,8 @@ const std::vector<std::set<std::string>> layers{
     {"file", "command", "lock", "process", "processcontrol", "timefmt", "cfread", "systeminfo", "csemaphore", "sem",
      "digest", "dynamicmodule", "qxlog"},
     {"eventsource", "messagequeue", "statusinterface", "vxevent"},
-    {"configd", "configreader", "configdaemonclient", "wwanmd", "ipaddress", "ping", "pingclient", "route",
-     "interface", "ipinterfacestatus", "dio", "dio_status", "hardware", "storage", "adc", "cellular", "simplesms"}};
+    {"configd", "configreader", "configdaemonclient", "wwanmd", "ipaddress", "ping", "pingclient", "route", "interface",
+     "ipinterfacestatus", "dio", "dio_status", "hardware", "storage", "adc", "cellular", "simplesms"}};
 
 int layerOf(const std::string &family) {
     for (size_t layer = 0; layer < layers.size(); ++layer) {
@@ -33,21 +32,40 @@ int layerOf(const std::string &family) {
     return -1;
 }
 
-std::vector<std::string> includes(const fs::path &file, const std::regex &pattern) {
+// What a file includes, as it is written between the quotes or angle brackets.
+std::vector<std::string> includes(const fs::path &file) {
     std::vector<std::string> found;
     std::ifstream text(file);
     for (std::string line; std::getline(text, line);) {
-        std::smatch match;
-        if (std::regex_search(line, match, pattern)) found.push_back(match[1]);
+        const size_t open = line.find_first_of("<\"");
+        if (line.rfind("#include", 0) != 0 || open == std::string::npos) continue;
+        found.push_back(line.substr(open + 1, line.find_first_of(">\"", open + 1) - open - 1));
     }
     return found;
+}
+
+// The families among them: "vxutils/NAME.h", but nothing below "vxutils/internal/".
+std::vector<std::string> includedFamilies(const fs::path &file) {
+    std::vector<std::string> families;
+    for (const fs::path included : includes(file)) {
+        if (included.parent_path() == "vxutils") families.push_back(included.stem());
+    }
+    return families;
+}
+
+bool mentions(const fs::path &file, const std::string &text) {
+    std::ifstream lines(file);
+    for (std::string line; std::getline(lines, line);) {
+        if (line.find(text) != std::string::npos) return true;
+    }
+    return false;
 }
 
 // Sources that are split by what a reader looks for belong to the family whose header they implement first.
 std::string familyOf(const fs::path &file) {
     const std::string stem = file.stem();
     if (layerOf(stem) >= 0) return stem;
-    const auto own = includes(file, std::regex("#include [<\"]vxutils/([a-z0-9_]+)\\.h[>\"]"));
+    const auto own = includedFamilies(file);
     return own.empty() ? stem : own.front();
 }
 
@@ -58,32 +76,33 @@ TEST(Layers, EveryPublicHeaderHasAPlace) {
 }
 
 TEST(Layers, AFamilyIncludesItsOwnLayerAndLowerOnesOnly) {
-    const std::regex pattern("#include [<\"]vxutils/([a-z0-9_]+)\\.h[>\"]");
     int files = 0;
-    for (const fs::path dir : {source / "include/vxutils", source / "vxutils"}) {
-        for (const auto &entry : fs::directory_iterator(dir)) {
+    for (const char *dir : {"include/vxutils", "vxutils"}) {
+        for (const auto &entry : fs::directory_iterator(source / dir)) {
             const std::string kind = entry.path().extension();
             if (kind != ".h" && kind != ".cpp") continue;
             const int own = layerOf(familyOf(entry.path()));
             EXPECT_GE(own, 0) << entry.path();
-            for (const std::string &included : includes(entry.path(), pattern)) {
+            for (const std::string &included : includedFamilies(entry.path())) {
                 EXPECT_LE(layerOf(included), own) << entry.path() << " includes " << included;
             }
             ++files;
         }
     }
-    EXPECT_GT(files, 10);
+    EXPECT_GT(files, 2);
 }
 
 TEST(Layers, PublicHeadersIncludeNothingPrivate) {
     for (const auto &entry : fs::directory_iterator(source / "include/vxutils")) {
-        const auto found = includes(entry.path(), std::regex("#include [<\"](vxutils/internal/|platform/|\\.\\.)"));
-        EXPECT_TRUE(found.empty()) << entry.path();
+        for (const std::string &included : includes(entry.path())) {
+            for (const char *room : {"vxutils/internal/", "platform/", "..", "support/"}) {
+                EXPECT_NE(included.rfind(room, 0), 0U) << entry.path() << " includes " << included;
+            }
+        }
     }
 }
 
 TEST(Layers, InternalHelpersIncludeNoFamilyAboveTheFoundation) {
-    const std::regex pattern("#include [<\"]vxutils/([a-z0-9_]+)\\.h[>\"]");
     for (const auto &entry : fs::directory_iterator(source / "vxutils/internal")) {
         // A private header named after a family is that family's own and stands where the family stands.
         std::string stem = entry.path().stem();
@@ -95,17 +114,16 @@ TEST(Layers, InternalHelpersIncludeNoFamilyAboveTheFoundation) {
             }
             if (cut == 0) break;
         }
-        for (const std::string &included : includes(entry.path(), pattern)) {
+        for (const std::string &included : includedFamilies(entry.path())) {
             EXPECT_LE(layerOf(included), own) << entry.path() << " includes " << included;
         }
     }
 }
 
 TEST(Layers, OnePlaceWritesToTheSystemLog) {
-    const std::regex pattern("\\b(v?syslog) ?\\(");
     for (const auto &entry : fs::recursive_directory_iterator(source / "vxutils")) {
         if (!entry.is_regular_file() || entry.path().filename() == "log.cpp") continue;
-        EXPECT_TRUE(includes(entry.path(), pattern).empty()) << entry.path();
+        EXPECT_FALSE(mentions(entry.path(), "syslog(")) << entry.path();
     }
 }
 

@@ -34,8 +34,8 @@ std::vector<std::string> dynamicEntries(const std::string &tag) {
 TEST(LibraryFile, IsNamedAndLinkedAsTheFirmwareLoadsIt) {
     EXPECT_EQ(dynamicEntries("SONAME"), std::vector<std::string>{"libvxutils.so.1"});
     namespace fs = std::filesystem;
-    EXPECT_EQ(fs::read_symlink(vxtest::built("vxutils/libvxutils.so.1")), "libvxutils.so.1.0.0");
-    EXPECT_EQ(fs::read_symlink(vxtest::built("vxutils/libvxutils.so")), "libvxutils.so.1");
+    EXPECT_EQ(fs::read_symlink(vxtest::built("vxutils/libvxutils.so.1")).string(), "libvxutils.so.1.0.0");
+    EXPECT_EQ(fs::read_symlink(vxtest::built("vxutils/libvxutils.so")).string(), "libvxutils.so.1");
 }
 
 TEST(LibraryFile, HasNoRunPathAndNoTextRelocations) {

@@ -86,7 +86,7 @@ def exported(library, nm):
     names = set()
     for line in lines.splitlines():
         kind, name = line.split()[-2:]
-        if kind != "A":
+        if kind != "A" and not name.startswith("__odr_asan."):  # the sanitizer's own marks
             names.add(normalized(name.split("@")[0]))
     return names
 

@@ -12,9 +12,12 @@
 #include <chrono>
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <sstream>
 #include <stdexcept>
 #include <thread>
+
+#include "support/emulation.h"
 
 namespace vxtest {
 namespace {
@@ -24,18 +27,21 @@ int exitStatus(int status) { return WIFSIGNALED(status) ? 128 + WTERMSIG(status)
 // Words that start a program of this tree on a machine that cannot run it by itself; none natively.
 std::vector<std::string> emulator() {
     std::vector<std::string> words;
-    std::istringstream list(VXTEST_EMULATOR);
+    std::istringstream list(emulatorCommand());
     for (std::string word; list >> word;) words.push_back(word);
     return words;
 }
 
 }  // namespace
 
-std::string built(const std::string &program) { return std::string(VXTEST_BUILD_DIR) + "/" + program; }
+std::string built(const std::string &program) {
+    static const char *const elsewhere = std::getenv("VXTEST_BUILD_DIR");
+    return std::string(elsewhere != nullptr ? elsewhere : VXTEST_BUILD_DIR) + "/" + program;
+}
 
 Process::Process(const std::vector<std::string> &command) {
     std::vector<std::string> words;
-    if (command.at(0).rfind(VXTEST_BUILD_DIR, 0) == 0) words = emulator();
+    if (command.at(0).rfind(built(""), 0) == 0) words = emulator();
     words.insert(words.end(), command.begin(), command.end());
     std::vector<char *> argv;
     for (std::string &word : words) argv.push_back(word.data());

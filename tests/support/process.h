@@ -10,7 +10,8 @@
 
 namespace vxtest {
 
-// Program built by this tree: "gateway/configd" or "examples/configd_reader".
+// Program built by this tree: "gateway/configd" or "examples/configd_reader"; the environment variable VXTEST_BUILD_DIR
+// names another place where they lie (a board).
 std::string built(const std::string &program);
 
 // A program started with its standard output (and error output) readable and its standard input writable.
