@@ -1,0 +1,333 @@
+/* SPDX-License-Identifier: MIT */
+/**
+ * @file
+ * `String`: the byte string of the class face, a value that costs one pointer to hold and one increment to copy.
+ *
+ * @code
+ *   String name("eth");
+ *   name += '0';
+ *   String path;
+ *   path.format("/sys/class/net/%s/mtu", name.c_str());
+ *   if (path.endsWith("mtu")) puts(path.c_str());
+ * @endcode
+ *
+ * A text is any sequence of bytes and is always followed by a NUL; most operations that look into a text with the C
+ * library's functions (`strcmp`, `strstr`, `strchr`) see it up to the first NUL inside, where there is one.  Lengths
+ * and positions are `long` and count bytes; a text is at most 2^31 - 1 bytes long.  Case is folded for `A`..`Z` only,
+ * whatever the locale.  A position out of range is never an error: each operation says what it does then.
+ *
+ * **Sharing.**  Copies share one block (String::StringBuffer) and a changing operation first takes a block of its own
+ * when the block is shared.  An argument may lie inside the string that it changes: `s += s.c_str() + 3` and
+ * `s.insert(1, s)` do what they say.
+ *
+ * **Threads.**  The counts are plain integers.  A String and all copies made from it belong to one thread; give another
+ * thread a text of its own, `String(s.c_str())`.
+ *
+ * **Memory.**  A process that has no memory left for a text, or asks for a longer one than there can be, is aborted.
+ * No operation throws.  No operation blocks.
+ */
+#ifndef VXUTILS_VXSTRING_H
+#define VXUTILS_VXSTRING_H
+
+#include <stdint.h>
+#include <vxutils/api.h>
+
+class VXUTILS_API String {
+public:
+    /**
+     * The block that Strings share: one `malloc`, three numbers and the text.
+     *
+     * A block for a text of n bytes has room for A bytes of text and NUL: A = ((n + 8) with its low four bits cleared)
+     * + 8 while n < 128, else A = ((n - 64) with its low six bits cleared) + 128.  Its capacity is A - 1.
+     */
+    struct VXUTILS_API StringBuffer {
+        int32_t refCount; /**< Strings that point here; the shared empty buffer counts itself once more. */
+        int32_t capacity; /**< Longest text that fits. */
+        int32_t length;   /**< Bytes of the text, its NUL not counted. */
+        char text[1];     /**< In fact capacity + 1 bytes; text[length] is NUL. */
+
+        /** @return the one block of all empty texts that own no block: capacity 0, never freed, never written. */
+        static StringBuffer *EMPTY();
+    };
+
+    /** @name Construction and assignment
+     * @{ */
+
+    /** The shared empty buffer. */
+    String();
+
+    /** Shares the other's block. */
+    String(const String &other);
+
+    /** One character, in a block of capacity 7; NUL gives the shared empty buffer. */
+    String(char c);
+
+    /** A copy of @p s; NULL or an empty text gives the shared empty buffer. */
+    String(const char *s);
+
+    /**
+     * A copy of @p s in a block made for at least @p capacity bytes, so that it can grow without moving.
+     * An empty @p s gets a block as well; only NULL gives the shared empty buffer.
+     */
+    String(const char *s, long capacity);
+
+    /**
+     * A piece of @p s: @p count bytes from @p start on, or as many as there are.
+     * @param s     NULL gives the shared empty buffer.
+     * @param start where the piece begins; a negative value counts as 0, one behind the end as the end.
+     * @param count at most so many bytes, which are not reduced by a negative @p start.
+     * An empty piece gives the shared empty buffer.
+     */
+    String(const char *s, long start, long count);
+
+    /** Gives the block back; the last of its Strings frees it. */
+    ~String();
+
+    /** Shares the other's block; nothing when both are the same object. */
+    String &operator=(const String &other);
+
+    /** One character, always in a new block of capacity 7; NUL gives the shared empty buffer. */
+    String &operator=(char c);
+
+    /** A copy of @p s, in place where the own block is unshared and large enough; NULL gives the shared empty buffer.
+     */
+    String &operator=(const char *s);
+
+    /** The same as String(char). */
+    static String stringOf(char c);
+    /** The same as String(const char *). */
+    static String stringOf(const char *s);
+    /** The same as String(const char *, long, long). */
+    static String stringOf(const char *s, long start, long count);
+    /** The number in decimal. */
+    static String stringOf(long number);
+    /** The number in decimal. */
+    static String stringOf(unsigned long number);
+    /** The address as the system's `printf` shows it with `%p`. */
+    static String stringOf(void *pointer);
+    /** "true" or "false". */
+    static String stringOf(bool value);
+
+    /** @return an empty String that lives until the process exits. */
+    static const String &EMPTY();
+
+    /** @} */
+    /** @name Queries
+     * @{ */
+
+    /** @return the bytes of the text, its NUL not counted. */
+    long length() const { return buffer_->length; }
+
+    /** @return the text, NUL-terminated; valid until the next change or the end of this String. */
+    const char *c_str() const { return buffer_->text; }
+
+    /**
+     * Order of two texts, seen from the argument: positive when @p other sorts behind this text, 0 when they are equal,
+     * negative when it sorts before it (`strcmp(other, this)`).
+     */
+    int compareTo(const String &other) const;
+    /** The same with `stricmp`: -1, 0 or 1. */
+    int compareToIgnoreCase(const String &other) const;
+
+    /** @return whether both texts are the same bytes, NULs inside included. */
+    bool equals(const String &other) const;
+    /** @return whether `strcmp` finds them equal; NULL equals an empty text. */
+    bool equals(const char *s) const;
+    /** @return whether both are of one length and `strnicmp` finds them equal. */
+    bool equalsIgnoreCase(const String &other) const;
+    /** @return whether `stricmp` finds them equal; NULL equals an empty text. */
+    bool equalsIgnoreCase(const char *s) const;
+
+    /** @return whether the text begins with @p prefix; an empty one begins every text. */
+    bool startsWith(const String &prefix) const;
+    /** @return whether @p prefix stands at @p offset; false for a negative offset or one that leaves no room for it. */
+    bool startsWith(const String &prefix, long offset) const;
+    /** @return whether the text ends with @p suffix. */
+    bool endsWith(const String &suffix) const;
+
+    /**
+     * Compares @p count bytes of this text from @p offset on with those of @p other from @p otherOffset on.
+     * @return false when a number is negative or either piece reaches beyond its text; else whether `strncmp`, or
+     *         `strnicmp` with @p ignoreCase, finds the pieces equal.
+     */
+    bool regionMatches(bool ignoreCase, long offset, const String &other, long otherOffset, long count) const;
+    /** The same with the case looked at. */
+    bool regionMatches(long offset, const String &other, long otherOffset, long count) const;
+
+    /**
+     * Copies the bytes from @p begin up to, not including, @p end; both are brought into the text first.
+     * @param dst gets the bytes without a NUL; NULL copies nothing.
+     * @return the number of bytes copied.
+     */
+    long getChars(long begin, long end, char *dst) const;
+
+    /** @return the byte at @p index, 0 for an index outside of the text. */
+    char operator[](long index) const;
+
+    /** @return the object itself. */
+    const String &operator*() const;
+
+    /**
+     * The number at the beginning of the text as `sscanf` reads it with `%i`: decimal, octal after "0", hexadecimal
+     * after "0x".
+     * @return -1 when there is no number.
+     */
+    int toInteger() const;
+
+    /** @return the text from @p begin to its end; empty when @p begin is negative or not inside the text. */
+    String substring(long begin) const;
+
+    /**
+     * The piece from @p begin up to, not including, @p end.  A negative @p begin starts at 0 without shortening the
+     * piece: `substring(-2, 3)` gives the first five bytes.
+     * @return the piece; empty unless @p begin is below @p end and below the length.
+     */
+    String substring(long begin, long end) const;
+
+    /** @} */
+    /** @name Search
+     * Each returns a position, or -1 when there is none.
+     * @{ */
+
+    /** First @p c; none for NUL. */
+    long indexOf(char c) const;
+    /** First @p c at or after @p from; a negative @p from counts as 0. */
+    long indexOf(char c, long from) const;
+    /** First place where @p s stands; an empty @p s stands at 0. */
+    long indexOf(const String &s) const;
+    /** First place at or after @p from where @p s stands; a negative @p from counts as 0. */
+    long indexOf(const String &s, long from) const;
+    /** The same as indexOf(const String &), case ignored. */
+    long indexOfIgnoreCase(const String &s) const;
+    /** The same as indexOf(const String &, long), case ignored. */
+    long indexOfIgnoreCase(const String &s, long from) const;
+
+    /** Last @p c. */
+    long lastIndexOf(char c) const;
+    /** Last @p c at or before @p from; none for a negative @p from. */
+    long lastIndexOf(char c, long from) const;
+    /**
+     * Last place where @p s stands; an empty @p s stands at the end.
+     * @return for an @p s longer than the text the difference of the lengths: negative, and not always -1.
+     */
+    long lastIndexOf(const String &s) const;
+    /** Last place at or before @p from; none for a negative @p from; a longer @p s as above. */
+    long lastIndexOf(const String &s, long from) const;
+    /** The same as lastIndexOf(const String &), case ignored. */
+    long lastIndexOfIgnoreCase(const String &s) const;
+    /** The same as lastIndexOf(const String &, long), case ignored. */
+    long lastIndexOfIgnoreCase(const String &s, long from) const;
+
+    /** @} */
+    /** @name Changes
+     * Each works in place where the block is unshared and large enough.  Else a text that grows or is cut goes into a
+     * block of the size for its new length, a text that keeps its length into one of the same capacity.
+     * @{ */
+
+    /** Appends @p s. */
+    String &concat(const String &s);
+    /** Appends @p count bytes of @p bytes, NULs included; nothing for NULL or a count below 1. */
+    String &concat(const char *bytes, long count);
+    /** Appends @p s. */
+    String &operator+=(const String &s);
+    /** Appends @p s; nothing for NULL. */
+    String &operator+=(const char *s);
+    /** Appends @p c; nothing for NUL. */
+    String &operator+=(char c);
+
+    /**
+     * Replaces the text by a formatted one.  Its length is that of `strlenf` (xprintf.h), its bytes are those of the
+     * system's `vsnprintf`: use the conversions that both know alike, `d i u x X o c s p` with flags, width and
+     * precision.  Where the two differ the text is cut, or filled with NULs, to the measured length.  Nothing to write
+     * gives the shared empty buffer.  Not marked as printf-like for the compiler, because the set of conversions is
+     * not that of printf.
+     */
+    String &format(const char *fmt, ...);
+    /** Appends a formatted text, as format() writes it. */
+    String &concatf(const char *fmt, ...);
+
+    /** Cuts everything from @p start on; a negative @p start counts as 0. */
+    String &deleteRegion(long start);
+    /** Cuts the bytes from @p start up to, not including, @p end. */
+    String &deleteRegion(long start, long end);
+
+    /** Makes `a`..`z` upper case. */
+    String &toUpperCase();
+    /** Makes `A`..`Z` lower case. */
+    String &toLowerCase();
+
+    /** Replaces every byte @p from by @p to; nothing when @p to is NUL. */
+    void replace(char from, char to);
+
+    /** Cuts blanks (space, TAB, LF, VT, FF, CR) at both ends; nothing left gives the shared empty buffer. */
+    void trim();
+
+    /** Inserts @p s before @p pos, the length appends; nothing for a position outside of the text. */
+    String &insert(long pos, const String &s);
+    /** The same; nothing for NULL. */
+    String &insert(long pos, const char *s);
+    /** The same with one character; nothing for NUL. */
+    String &insert(long pos, char c);
+
+    /** @} */
+
+private:
+    String &internalConcat(const char *bytes, long count);
+    String &internalInsert(long pos, const char *bytes, long count);
+    void assign(const char *bytes, long count);
+    void take(StringBuffer *block);
+    void takeEmpty();
+    void makePrivate();
+    void keepOnly(long start, long count);
+
+    StringBuffer *buffer_;  // never NULL
+};
+
+/** @name Concatenation
+ * A String made of the left operand, then `+=` of the right one.
+ * @{ */
+VXUTILS_API String operator+(const String &left, const String &right);
+VXUTILS_API String operator+(const String &left, const char *right);
+VXUTILS_API String operator+(const String &left, char right);
+VXUTILS_API String operator+(const char *left, const String &right);
+VXUTILS_API String operator+(char left, const String &right);
+/** @} */
+
+/** @name Comparison
+ * By `strcmp`; two Strings are equal only if their lengths are as well.
+ * @{ */
+VXUTILS_API bool operator==(const String &left, const String &right);
+VXUTILS_API bool operator!=(const String &left, const String &right);
+VXUTILS_API bool operator<(const String &left, const String &right);
+VXUTILS_API bool operator>(const String &left, const String &right);
+VXUTILS_API bool operator<=(const String &left, const String &right);
+VXUTILS_API bool operator>=(const String &left, const String &right);
+/** @} */
+
+/** @name Comparison with a C text
+ * By `strcmp`; NULL compares as the empty text.
+ * @{ */
+VXUTILS_API bool operator==(const String &left, const char *right);
+VXUTILS_API bool operator!=(const String &left, const char *right);
+VXUTILS_API bool operator<(const String &left, const char *right);
+VXUTILS_API bool operator>(const String &left, const char *right);
+VXUTILS_API bool operator<=(const String &left, const char *right);
+VXUTILS_API bool operator>=(const String &left, const char *right);
+VXUTILS_API bool operator==(const char *left, const String &right);
+VXUTILS_API bool operator!=(const char *left, const String &right);
+VXUTILS_API bool operator<(const char *left, const String &right);
+VXUTILS_API bool operator>(const char *left, const String &right);
+VXUTILS_API bool operator<=(const char *left, const String &right);
+VXUTILS_API bool operator>=(const char *left, const String &right);
+/** @} */
+
+/** @name Comparison with a character
+ * NUL equals exactly the empty text, any other character the text that consists of it.
+ * @{ */
+VXUTILS_API bool operator==(const String &left, char right);
+VXUTILS_API bool operator!=(const String &left, char right);
+VXUTILS_API bool operator==(char left, const String &right);
+VXUTILS_API bool operator!=(char left, const String &right);
+/** @} */
+
+#endif

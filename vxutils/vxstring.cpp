@@ -1,0 +1,656 @@
+// SPDX-License-Identifier: MIT
+#include <vxutils/vxstring.h>
+
+#include <string.h>  // memrchr, strnlen
+
+#include <vxutils/strutil.h>
+#include <vxutils/xprintf.h>
+
+#include <algorithm>
+#include <climits>
+#include <cstdarg>
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "vxutils/internal/handles.h"
+
+using StringBuffer = String::StringBuffer;
+
+// Programs in the field were compiled with this layout: their inline accessors read it.
+static_assert(sizeof(String) == sizeof(void *));
+static_assert(offsetof(StringBuffer, refCount) == 0 && offsetof(StringBuffer, capacity) == 4);
+static_assert(offsetof(StringBuffer, length) == 8 && offsetof(StringBuffer, text) == 12);
+
+namespace {
+
+constexpr size_t kHeaderSize = offsetof(StringBuffer, text);
+constexpr size_t kMaxLength = INT32_MAX;
+constexpr int32_t kOneCharCapacity = 7;
+constexpr size_t kNumberText = 32;  // room for a printed number or address
+
+// The largest length that the block for a text of `length` bytes holds.
+constexpr int32_t capacityFor(size_t length) {
+    constexpr size_t kSmall = 128;
+    const size_t room = length < kSmall ? ((length + 8) & ~size_t{15}) + 8 : ((length - 64) & ~size_t{63}) + 128;
+    return static_cast<int32_t>(room - 1);
+}
+static_assert(capacityFor(0) == 7 && capacityFor(7) == 7 && capacityFor(8) == 23 && capacityFor(127) == 135);
+static_assert(capacityFor(128) == 191 && capacityFor(192) == 255 && capacityFor(kMaxLength) == INT32_MAX);
+
+constexpr size_t blockSize(int32_t capacity) { return kHeaderSize + static_cast<size_t>(capacity) + 1; }
+
+// A text that cannot be had ends the process here rather than somewhere behind a null pointer.
+void require(bool possible) {
+    if (!possible) std::abort();
+}
+
+void setLength(StringBuffer *block, long length) {
+    block->length = static_cast<int32_t>(length);
+    block->text[length] = '\0';
+}
+
+// A block of one owner, its text still to be written.
+StringBuffer *allocate(int32_t capacity) {
+    auto *block = static_cast<StringBuffer *>(std::malloc(blockSize(capacity)));
+    require(block != nullptr);
+    block->refCount = 1;
+    block->capacity = capacity;
+    return block;
+}
+
+StringBuffer *allocateFor(size_t length) {
+    require(length <= kMaxLength);
+    return allocate(capacityFor(length));
+}
+
+StringBuffer *newText(const char *bytes, size_t count) {
+    StringBuffer *block = allocateFor(count);
+    if (count > 0) std::memcpy(block->text, bytes, count);
+    setLength(block, static_cast<long>(count));
+    return block;
+}
+
+StringBuffer *newCharacter(char c) {
+    StringBuffer *block = allocate(kOneCharCapacity);
+    block->text[0] = c;
+    setLength(block, 1);
+    return block;
+}
+
+StringBuffer *share(StringBuffer *block) {
+    ++block->refCount;
+    return block;
+}
+
+void release(StringBuffer *block) {
+    if (--block->refCount == 0 && block != StringBuffer::EMPTY()) std::free(block);
+}
+
+// Whether a block may be written.  The shared empty buffer, the only one without room, never may.
+bool isPrivate(const StringBuffer *block) { return block->refCount < 2 && block->capacity > 0; }
+
+bool isPrivateWithRoom(const StringBuffer *block, size_t length) {
+    return isPrivate(block) && length <= static_cast<size_t>(block->capacity);
+}
+
+// Moves a private block to the capacity for a text of `length` bytes.
+StringBuffer *grow(StringBuffer *block, size_t length) {
+    require(length <= kMaxLength);
+    const int32_t capacity = capacityFor(length);
+    auto *grown = static_cast<StringBuffer *>(std::realloc(block, blockSize(capacity)));
+    require(grown != nullptr);
+    grown->capacity = capacity;
+    return grown;
+}
+
+// Where `bytes` lie inside the block's text, so that they are found again after the block has moved; -1 when outside.
+ptrdiff_t offsetInside(const StringBuffer *block, const char *bytes) {
+    const auto text = reinterpret_cast<uintptr_t>(block->text);
+    const auto place = reinterpret_cast<uintptr_t>(bytes);
+    if (place < text || place - text > static_cast<uintptr_t>(block->capacity)) return -1;
+    return static_cast<ptrdiff_t>(place - text);
+}
+
+// The piece that String(s, start, count) takes.  Looks no further into `s` than the piece reaches.
+StringBuffer *newPiece(const char *s, long start, long count) {
+    if (s == nullptr || count <= 0) return share(StringBuffer::EMPTY());
+    const size_t begin = start > 0 ? static_cast<size_t>(start) : 0;
+    const size_t end = strnlen(s, begin + static_cast<size_t>(count));
+    if (end <= begin) return share(StringBuffer::EMPTY());
+    return newText(s + begin, end - begin);
+}
+
+bool isBlank(char c) { return c == ' ' || (c >= '\t' && c <= '\r'); }
+
+char lowered(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c + ('a' - 'A')) : c; }
+
+char raised(char c) { return c >= 'a' && c <= 'z' ? static_cast<char>(c - ('a' - 'A')) : c; }
+
+long positionOf(const char *found, const char *text) { return found == nullptr ? -1 : found - text; }
+
+size_t sizeOf(const String &s) { return static_cast<size_t>(s.length()); }
+
+bool sameIgnoringCase(const char *text, const String &s) { return strnicmp(text, s.c_str(), sizeOf(s)) == 0; }
+
+// First position in from..last where `s` stands, case ignored.
+long searchIgnoringCase(const String &text, const String &s, long from, long last) {
+    const char first = lowered(s.c_str()[0]);
+    for (long p = from; p <= last; ++p) {
+        const char *place = text.c_str() + p;
+        if ((s.length() == 0 || lowered(*place) == first) && sameIgnoringCase(place, s)) return p;
+    }
+    return -1;
+}
+
+// The last position at or before `start` where `stands` holds; a negative start is handed back as it is.
+template <typename Stands>
+long searchBackwards(long start, Stands stands) {
+    if (start < 0) return start;
+    for (long p = start; p >= 0; --p) {
+        if (stands(p)) return p;
+    }
+    return -1;
+}
+
+// A formatted text of the library's measure and the system's making, held apart from the string that it goes into
+// because its arguments may lie in there.
+class Formatted {
+public:
+    Formatted(const char *fmt, va_list args) {
+        va_list again;
+        va_copy(again, args);
+        length_ = vstrlenf(fmt, again);
+        va_end(again);
+        if (length_ > 0) write(fmt, args);
+    }
+
+    [[nodiscard]] int length() const { return length_; }
+    [[nodiscard]] const char *text() const { return text_; }
+
+private:
+#ifdef __clang__
+#pragma clang diagnostic push
+#pragma clang diagnostic ignored "-Wformat-nonliteral"  // the format is the caller's
+#endif
+    void write(const char *fmt, va_list args) {
+        const size_t size = static_cast<size_t>(length_) + 1;
+        if (size > sizeof small_) {
+            large_.reset(static_cast<char *>(std::malloc(size)));
+            require(large_ != nullptr);
+            text_ = large_.get();
+        }
+        const int needed = std::vsnprintf(text_, size, fmt, args);
+        const int written = std::clamp(needed, 0, length_);
+        std::memset(text_ + written, 0, size - static_cast<size_t>(written));
+    }
+#ifdef __clang__
+#pragma clang diagnostic pop
+#endif
+
+    int length_;
+    char small_[256];
+    char *text_ = small_;
+    vx::MallocText large_;
+};
+
+const char *orEmpty(const char *s) { return s == nullptr ? "" : s; }
+
+int order(const String &left, const String &right) { return std::strcmp(left.c_str(), right.c_str()); }
+int order(const String &left, const char *right) { return std::strcmp(left.c_str(), orEmpty(right)); }
+
+}  // namespace
+
+// Initialized before the process runs any code, so that no thread can meet it half made.
+StringBuffer *String::StringBuffer::EMPTY() {
+    static StringBuffer empty = {1, 0, 0, {'\0'}};
+    return &empty;
+}
+
+String::String() : buffer_(share(StringBuffer::EMPTY())) {}
+
+String::String(const String &other) : buffer_(share(other.buffer_)) {}
+
+String::String(char c) : buffer_(c == '\0' ? share(StringBuffer::EMPTY()) : newCharacter(c)) {}
+
+String::String(const char *s)
+    : buffer_(s == nullptr || *s == '\0' ? share(StringBuffer::EMPTY()) : newText(s, std::strlen(s))) {}
+
+String::String(const char *s, long capacity) : buffer_(StringBuffer::EMPTY()) {
+    if (s == nullptr) {
+        share(buffer_);
+        return;
+    }
+    const size_t count = std::strlen(s);
+    buffer_ = allocateFor(std::max(count, capacity > 0 ? static_cast<size_t>(capacity) : 0));
+    std::memcpy(buffer_->text, s, count);
+    setLength(buffer_, static_cast<long>(count));
+}
+
+String::String(const char *s, long start, long count) : buffer_(newPiece(s, start, count)) {}
+
+String::~String() { release(buffer_); }
+
+String &String::operator=(const String &other) {
+    take(share(other.buffer_));
+    return *this;
+}
+
+String &String::operator=(char c) {
+    take(c == '\0' ? share(StringBuffer::EMPTY()) : newCharacter(c));
+    return *this;
+}
+
+String &String::operator=(const char *s) {
+    if (s == nullptr) {
+        takeEmpty();
+    } else {
+        assign(s, static_cast<long>(std::strlen(s)));
+    }
+    return *this;
+}
+
+String String::stringOf(char c) { return {c}; }
+
+String String::stringOf(const char *s) { return {s}; }
+
+String String::stringOf(const char *s, long start, long count) { return {s, start, count}; }
+
+String String::stringOf(long number) {
+    char text[kNumberText];
+    std::snprintf(text, sizeof text, "%ld", number);
+    return {text};
+}
+
+String String::stringOf(unsigned long number) {
+    char text[kNumberText];
+    std::snprintf(text, sizeof text, "%lu", number);
+    return {text};
+}
+
+String String::stringOf(void *pointer) {
+    char text[kNumberText];
+    std::snprintf(text, sizeof text, "%p", pointer);
+    return {text};
+}
+
+String String::stringOf(bool value) { return {value ? "true" : "false"}; }
+
+const String &String::EMPTY() {
+    static const String empty;
+    return empty;
+}
+
+int String::compareTo(const String &other) const { return buffer_ == other.buffer_ ? 0 : order(other, *this); }
+
+int String::compareToIgnoreCase(const String &other) const {
+    return buffer_ == other.buffer_ ? 0 : stricmp(other.c_str(), c_str());
+}
+
+bool String::equals(const String &other) const {
+    if (buffer_ == other.buffer_) return true;
+    return length() == other.length() && std::memcmp(c_str(), other.c_str(), sizeOf(*this)) == 0;
+}
+
+bool String::equals(const char *s) const { return s == nullptr ? length() == 0 : std::strcmp(c_str(), s) == 0; }
+
+bool String::equalsIgnoreCase(const String &other) const {
+    if (buffer_ == other.buffer_) return true;
+    return length() == other.length() && sameIgnoringCase(c_str(), other);
+}
+
+bool String::equalsIgnoreCase(const char *s) const { return s == nullptr ? length() == 0 : stricmp(c_str(), s) == 0; }
+
+bool String::startsWith(const String &prefix) const { return startsWith(prefix, 0); }
+
+bool String::startsWith(const String &prefix, long offset) const {
+    if (offset < 0 || length() - offset < prefix.length()) return false;
+    return std::memcmp(c_str() + offset, prefix.c_str(), sizeOf(prefix)) == 0;
+}
+
+bool String::endsWith(const String &suffix) const { return startsWith(suffix, length() - suffix.length()); }
+
+bool String::regionMatches(bool ignoreCase, long offset, const String &other, long otherOffset, long count) const {
+    if (count < 0 || offset < 0 || otherOffset < 0) return false;
+    if (count > length() - offset || count > other.length() - otherOffset) return false;
+    const char *mine = c_str() + offset;
+    const char *theirs = other.c_str() + otherOffset;
+    const auto n = static_cast<size_t>(count);
+    return (ignoreCase ? strnicmp(mine, theirs, n) : std::strncmp(mine, theirs, n)) == 0;
+}
+
+bool String::regionMatches(long offset, const String &other, long otherOffset, long count) const {
+    return regionMatches(false, offset, other, otherOffset, count);
+}
+
+long String::getChars(long begin, long end, char *dst) const {
+    if (dst == nullptr) return 0;
+    const long first = std::clamp(begin, 0L, length());
+    const long count = std::clamp(end, first, length()) - first;
+    std::memmove(dst, c_str() + first, static_cast<size_t>(count));
+    return count;
+}
+
+char String::operator[](long index) const { return index < 0 || index >= length() ? '\0' : c_str()[index]; }
+
+const String &String::operator*() const { return *this; }
+
+int String::toInteger() const {
+    int number = -1;
+    return std::sscanf(c_str(), "%i", &number) == 1 ? number : -1;
+}
+
+String String::substring(long begin) const {
+    String piece;
+    if (begin >= 0 && begin < length()) piece.assign(c_str() + begin, length() - begin);
+    return piece;
+}
+
+String String::substring(long begin, long end) const {
+    if (begin >= end || begin >= length()) return {};
+    const bool tooFar = begin < 0 && end > LONG_MAX + begin;  // the difference would not fit
+    return {c_str(), begin, tooFar ? LONG_MAX : end - begin};
+}
+
+long String::indexOf(char c) const { return c == '\0' ? -1 : positionOf(std::strchr(c_str(), c), c_str()); }
+
+long String::indexOf(char c, long from) const {
+    if (c == '\0' || from >= length()) return -1;
+    return positionOf(std::strchr(c_str() + std::max(from, 0L), c), c_str());
+}
+
+long String::indexOf(const String &s) const { return positionOf(std::strstr(c_str(), s.c_str()), c_str()); }
+
+long String::indexOf(const String &s, long from) const {
+    if (length() - s.length() < from) return -1;
+    return positionOf(std::strstr(c_str() + std::max(from, 0L), s.c_str()), c_str());
+}
+
+long String::indexOfIgnoreCase(const String &s) const { return searchIgnoringCase(*this, s, 0, length() - s.length()); }
+
+long String::indexOfIgnoreCase(const String &s, long from) const {
+    return searchIgnoringCase(*this, s, std::max(from, 0L), length() - s.length());
+}
+
+long String::lastIndexOf(char c) const { return lastIndexOf(c, length()); }
+
+long String::lastIndexOf(char c, long from) const {
+    if (from < 0) return -1;
+    const size_t count = from < length() ? static_cast<size_t>(from) + 1 : sizeOf(*this);
+    return positionOf(static_cast<const char *>(memrchr(c_str(), c, count)), c_str());
+}
+
+long String::lastIndexOf(const String &s) const { return lastIndexOf(s, LONG_MAX); }
+
+long String::lastIndexOf(const String &s, long from) const {
+    if (from < 0) return -1;
+    return searchBackwards(std::min(length() - s.length(), from),
+                           [&](long p) { return std::memcmp(c_str() + p, s.c_str(), sizeOf(s)) == 0; });
+}
+
+long String::lastIndexOfIgnoreCase(const String &s) const { return lastIndexOfIgnoreCase(s, LONG_MAX); }
+
+long String::lastIndexOfIgnoreCase(const String &s, long from) const {
+    if (from < 0) return -1;
+    return searchBackwards(std::min(length() - s.length(), from),
+                           [&](long p) { return sameIgnoringCase(c_str() + p, s); });
+}
+
+String &String::concat(const String &s) { return concat(s.c_str(), s.length()); }
+
+String &String::concat(const char *bytes, long count) {
+    return bytes == nullptr || count <= 0 ? *this : internalConcat(bytes, count);
+}
+
+String &String::operator+=(const String &s) { return concat(s); }
+
+String &String::operator+=(const char *s) {
+    return s == nullptr || *s == '\0' ? *this : internalConcat(s, static_cast<long>(std::strlen(s)));
+}
+
+String &String::operator+=(char c) { return c == '\0' ? *this : internalConcat(&c, 1); }
+
+String &String::format(const char *fmt, ...) {
+    va_list args;
+    va_start(args, fmt);
+    const Formatted formatted(fmt, args);
+    va_end(args);
+    if (formatted.length() < 1) {
+        takeEmpty();
+    } else {
+        assign(formatted.text(), formatted.length());
+    }
+    return *this;
+}
+
+String &String::concatf(const char *fmt, ...) {
+    va_list args;
+    va_start(args, fmt);
+    const Formatted formatted(fmt, args);
+    va_end(args);
+    return concat(formatted.text(), formatted.length());
+}
+
+String &String::deleteRegion(long start) {
+    const long kept = std::max(start, 0L);
+    if (kept < length()) keepOnly(0, kept);
+    return *this;
+}
+
+String &String::deleteRegion(long start, long end) {
+    const long first = std::max(start, 0L);
+    const long last = std::min(end, length());
+    if (first >= last) return *this;
+
+    const long newLength = length() - (last - first);
+    const auto tail = static_cast<size_t>(length() - last);
+    if (isPrivate(buffer_)) {
+        std::memmove(buffer_->text + first, buffer_->text + last, tail);
+        setLength(buffer_, newLength);
+    } else {
+        StringBuffer *shorter = allocateFor(static_cast<size_t>(newLength));
+        std::memcpy(shorter->text, c_str(), static_cast<size_t>(first));
+        std::memcpy(shorter->text + first, c_str() + last, tail);
+        setLength(shorter, newLength);
+        take(shorter);
+    }
+    return *this;
+}
+
+String &String::toUpperCase() {
+    if (length() > 0) {
+        makePrivate();
+        std::transform(buffer_->text, buffer_->text + length(), buffer_->text, raised);
+    }
+    return *this;
+}
+
+String &String::toLowerCase() {
+    if (length() > 0) {
+        makePrivate();
+        std::transform(buffer_->text, buffer_->text + length(), buffer_->text, lowered);
+    }
+    return *this;
+}
+
+void String::replace(char from, char to) {
+    if (to == '\0' || length() == 0) return;
+    makePrivate();
+    std::replace(buffer_->text, buffer_->text + length(), from, to);
+}
+
+void String::trim() {
+    long begin = 0;
+    long end = length();
+    while (begin < end && isBlank(c_str()[begin])) ++begin;
+    while (end > begin && isBlank(c_str()[end - 1])) --end;
+    if (begin == end) {
+        takeEmpty();
+    } else if (end - begin < length()) {
+        keepOnly(begin, end - begin);
+    }
+}
+
+String &String::insert(long pos, const String &s) { return internalInsert(pos, s.c_str(), s.length()); }
+
+String &String::insert(long pos, const char *s) {
+    return s == nullptr ? *this : internalInsert(pos, s, static_cast<long>(std::strlen(s)));
+}
+
+String &String::insert(long pos, char c) { return c == '\0' ? *this : internalInsert(pos, &c, 1); }
+
+String &String::internalConcat(const char *bytes, long count) {
+    const auto n = static_cast<size_t>(count);
+    const size_t oldLength = sizeOf(*this);
+    if (isPrivateWithRoom(buffer_, oldLength + n)) {
+        std::memmove(buffer_->text + oldLength, bytes, n);
+    } else if (isPrivate(buffer_)) {
+        const ptrdiff_t inside = offsetInside(buffer_, bytes);
+        buffer_ = grow(buffer_, oldLength + n);
+        std::memmove(buffer_->text + oldLength, inside < 0 ? bytes : buffer_->text + inside, n);
+    } else {
+        StringBuffer *longer = allocateFor(oldLength + n);
+        std::memcpy(longer->text, buffer_->text, oldLength);
+        std::memcpy(longer->text + oldLength, bytes, n);
+        take(longer);
+    }
+    setLength(buffer_, static_cast<long>(oldLength + n));
+    return *this;
+}
+
+String &String::internalInsert(long pos, const char *bytes, long count) {
+    if (pos < 0 || pos > length() || count <= 0) return *this;
+    const auto n = static_cast<size_t>(count);
+    const size_t newLength = sizeOf(*this) + n;
+    const auto tail = static_cast<size_t>(length() - pos);
+    if (!isPrivate(buffer_)) {
+        StringBuffer *longer = allocateFor(newLength);
+        std::memcpy(longer->text, c_str(), static_cast<size_t>(pos));
+        std::memcpy(longer->text + pos, bytes, n);
+        std::memcpy(longer->text + pos + n, c_str() + pos, tail);
+        setLength(longer, static_cast<long>(newLength));
+        take(longer);
+        return *this;
+    }
+
+    const ptrdiff_t inside = offsetInside(buffer_, bytes);
+    if (!isPrivateWithRoom(buffer_, newLength)) buffer_ = grow(buffer_, newLength);
+    char *gap = buffer_->text + pos;
+    std::memmove(gap + n, gap, tail);
+    if (inside < 0) {
+        std::memcpy(gap, bytes, n);
+    } else {
+        // The inserted bytes are the string's own: those behind the gap have just moved by its width.
+        const size_t before = inside < pos ? std::min(n, static_cast<size_t>(pos - inside)) : 0;
+        std::memcpy(gap, buffer_->text + inside, before);
+        std::memcpy(gap + before, buffer_->text + inside + before + n, n - before);
+    }
+    setLength(buffer_, static_cast<long>(newLength));
+    return *this;
+}
+
+// Replaces the text; `bytes` may lie in the old one.
+void String::assign(const char *bytes, long count) {
+    const auto n = static_cast<size_t>(count);
+    if (!isPrivateWithRoom(buffer_, n)) {
+        take(newText(bytes, n));
+        return;
+    }
+    std::memmove(buffer_->text, bytes, n);
+    setLength(buffer_, count);
+}
+
+// Takes over a block that counts this object already; the old one goes last, since the new text may come from it.
+void String::take(StringBuffer *block) {
+    StringBuffer *old = buffer_;
+    buffer_ = block;
+    release(old);
+}
+
+void String::takeEmpty() { take(share(StringBuffer::EMPTY())); }
+
+// A block of its own, of the same capacity, for a change that keeps the length.
+void String::makePrivate() {
+    if (buffer_->refCount < 2) return;
+    StringBuffer *copy = allocate(buffer_->capacity);
+    std::memcpy(copy->text, buffer_->text, sizeOf(*this) + 1);
+    copy->length = buffer_->length;
+    take(copy);
+}
+
+// Cuts everything but the piece.
+void String::keepOnly(long start, long count) {
+    if (isPrivate(buffer_)) {
+        std::memmove(buffer_->text, buffer_->text + start, static_cast<size_t>(count));
+        setLength(buffer_, count);
+    } else {
+        take(newText(c_str() + start, static_cast<size_t>(count)));
+    }
+}
+
+String operator+(const String &left, const String &right) {
+    String sum(left);
+    sum += right;
+    return sum;
+}
+
+String operator+(const String &left, const char *right) {
+    String sum(left);
+    sum += right;
+    return sum;
+}
+
+String operator+(const String &left, char right) {
+    String sum(left);
+    sum += right;
+    return sum;
+}
+
+String operator+(const char *left, const String &right) {
+    String sum(left);
+    sum += right;
+    return sum;
+}
+
+String operator+(char left, const String &right) {
+    String sum(left);
+    sum += right;
+    return sum;
+}
+
+// Two Strings of one block are equal by order() too, only found so more slowly.
+bool operator==(const String &left, const String &right) {
+    if (left.c_str() == right.c_str()) return true;
+    return left.length() == right.length() && order(left, right) == 0;
+}
+
+bool operator!=(const String &left, const String &right) { return !(left == right); }
+bool operator<(const String &left, const String &right) { return order(left, right) < 0; }
+bool operator>(const String &left, const String &right) { return order(left, right) > 0; }
+bool operator<=(const String &left, const String &right) { return order(left, right) <= 0; }
+bool operator>=(const String &left, const String &right) { return order(left, right) >= 0; }
+
+bool operator==(const String &left, const char *right) { return order(left, right) == 0; }
+bool operator!=(const String &left, const char *right) { return order(left, right) != 0; }
+bool operator<(const String &left, const char *right) { return order(left, right) < 0; }
+bool operator>(const String &left, const char *right) { return order(left, right) > 0; }
+bool operator<=(const String &left, const char *right) { return order(left, right) <= 0; }
+bool operator>=(const String &left, const char *right) { return order(left, right) >= 0; }
+
+bool operator==(const char *left, const String &right) { return right == left; }
+bool operator!=(const char *left, const String &right) { return right != left; }
+bool operator<(const char *left, const String &right) { return right > left; }
+bool operator>(const char *left, const String &right) { return right < left; }
+bool operator<=(const char *left, const String &right) { return right >= left; }
+bool operator>=(const char *left, const String &right) { return right <= left; }
+
+bool operator==(const String &left, char right) {
+    if (right == '\0') return left.length() == 0;
+    return left.length() == 1 && left.c_str()[0] == right;
+}
+
+bool operator!=(const String &left, char right) { return !(left == right); }
+bool operator==(char left, const String &right) { return right == left; }
+bool operator!=(char left, const String &right) { return !(right == left); }
