@@ -1,0 +1,311 @@
+// SPDX-License-Identifier: MIT
+#include <fcntl.h>
+#include <sys/epoll.h>
+#include <sys/timerfd.h>
+#include <unistd.h>
+#include <vxutils/eventsource.h>
+
+#include <cerrno>
+#include <cstring>
+#include <vector>
+
+#include "vxutils/internal/errno_keeper.h"
+#include "vxutils/internal/fd.h"
+#include "vxutils/internal/log.h"
+
+namespace {
+
+constexpr char terminateByte = 'x';
+constexpr int staleEvent = -1;
+
+// A descriptor's number is all that an event carries: that, and not a pointer, can be checked after a callback has
+// removed whatever stood behind it.
+epoll_event eventFor(int fd, uint32_t events) {
+    epoll_event event{};
+    event.events = events;
+    event.data.u64 = static_cast<uint64_t>(fd);
+    return event;
+}
+
+itimerspec timerSetting(int ms, bool oneShot) {
+    itimerspec setting{};
+    setting.it_value.tv_sec = ms / 1000;
+    setting.it_value.tv_nsec = static_cast<decltype(setting.it_value.tv_nsec)>(ms % 1000) * 1'000'000;
+    if (!oneShot) setting.it_interval = setting.it_value;
+    return setting;
+}
+
+std::pair<uintptr_t, int> bySink(const ITimeoutEventsink *sink, int fd) {
+    return {reinterpret_cast<uintptr_t>(sink), fd};
+}
+
+}  // namespace
+
+IFDEventsink::~IFDEventsink() = default;
+ITimeoutEventsink::~ITimeoutEventsink() = default;
+IFDEventsource::~IFDEventsource() = default;
+ITimeoutEventsource::~ITimeoutEventsource() = default;
+
+// The events of one wake-up that were not served yet. Callbacks that remove a sink or a timer take its events out,
+// since the number may belong to another file by the time its turn comes. A callback may run the loop again: batches
+// nest.
+struct CEPollEventsource::Batch {
+    Batch(CEPollEventsource &source, epoll_event *events, int count)
+        : owner(source), outer(source.batch_), next(events), end(events + count) {
+        owner.batch_ = this;
+    }
+    ~Batch() { owner.batch_ = outer; }
+    Batch(const Batch &) = delete;
+    Batch &operator=(const Batch &) = delete;
+
+    CEPollEventsource &owner;
+    Batch *outer;
+    epoll_event *next;
+    epoll_event *end;
+};
+
+CEPollEventsource::CEPollEventsource()
+    : epollFd_(-1), commandWriteFd_(-1), commandReadFd_(-1), terminated_(false), batch_(nullptr) {}
+
+CEPollEventsource::~CEPollEventsource() { closeAll(); }
+
+void CEPollEventsource::closeAll() {
+    for (int *fd : {&epollFd_, &commandWriteFd_, &commandReadFd_}) vx::Fd(std::exchange(*fd, -1)).reset();
+}
+
+int CEPollEventsource::init() {
+    closeAll();
+    epollFd_ = ::epoll_create1(EPOLL_CLOEXEC);
+    if (epollFd_ == -1) {
+        vx::log(DL_ERR, "Unable to initialize epoll - errno=%s", std::strerror(errno));
+        return -1;
+    }
+    // Non-blocking, so that terminate() cannot hang however often it is called.
+    int ends[2];
+    if (::pipe2(ends, O_CLOEXEC | O_NONBLOCK) == -1) {
+        vx::log(DL_ERR, "Unable to initialize command pipe - errno=%s", std::strerror(errno));
+        return -1;
+    }
+    commandReadFd_ = ends[0];
+    commandWriteFd_ = ends[1];
+    return epollAddEvent(commandReadFd_, EPOLLIN);
+}
+
+void CEPollEventsource::addSink(IFDEventsink *sink, event_type type) {
+    const int fd = sink->getFd();
+    if (!sinks_.try_emplace(fd, CSinkData{sink, type}).second) return;
+    if (epollAddEvent(fd, eventTypeToEpoll(type)) == -1) {
+        vx::log(DL_ERROR, "Unable to add fd %i (sink 0x%p) to epoll-events", fd, static_cast<void *>(sink));
+    }
+}
+
+void CEPollEventsource::removeSink(IFDEventsink *sink) {
+    const int fd = sink->getFd();
+    const auto found = sinks_.find(fd);
+    if (found == sinks_.end()) return;
+    // A sink that was closed before it is removed has left the epoll set, and a timer may have got its number
+    // meanwhile.
+    const bool takenOver = timers_.contains(fd);
+    if (!takenOver && epollRemoveEvent(fd) == -1) {
+        vx::log(DL_ERROR, "Unable to remove fd %i (sink 0x%p) from epoll-events", fd, static_cast<void *>(sink));
+    }
+    sinks_.erase(found);
+    dropFetchedEvents(fd);
+}
+
+void CEPollEventsource::modifyEventMask(IFDEventsink *sink, event_type type) {
+    const int fd = sink->getFd();
+    const auto found = sinks_.find(fd);
+    if (found == sinks_.end() || found->second.type == type) return;
+    found->second.type = type;
+    epoll_event event = eventFor(fd, eventTypeToEpoll(type));
+    if (::epoll_ctl(epollFd_, EPOLL_CTL_MOD, fd, &event) == -1) {
+        vx::log(DL_ERR, "Sink 0x%p (fd=%i) epoll_ctl(mod) failed - errno=%s", static_cast<void *>(sink), fd,
+                std::strerror(errno));
+    }
+}
+
+// Daemons keep their own record of the mask and have come to rely on this answer.
+IFDEventsource::event_type CEPollEventsource::getEventMask(IFDEventsink *) { return ET_NONE; }
+
+void CEPollEventsource::terminate() {
+    const vx::ErrnoKeeper keeper;  // a signal handler must not change what the interrupted code is about to look at
+    if (::write(commandWriteFd_, &terminateByte, 1) == 1) return;
+    if (errno == EAGAIN) return;  // a pipe full of requests: this one is in there already
+    vx::log(DL_ERROR, "unable to write to command-pipe (fd=%i) - errno=%s", commandWriteFd_, std::strerror(errno));
+}
+
+void CEPollEventsource::addTimer(ITimeoutEventsink *sink) {
+    vx::Fd fd(::timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC));
+    if (!fd.valid()) {
+        vx::log(DL_ERR, "Unable to create a timerfd for sink 0x%p - errno=%s", static_cast<void *>(sink),
+                std::strerror(errno));
+        return;
+    }
+    // Somebody has closed a timer's descriptor behind our back.
+    if (const auto stale = timers_.find(fd.get()); stale != timers_.end()) {
+        vx::log(DL_ERR, "sink 0x%p - timerfd %i is already in the map !?", static_cast<void *>(sink), fd.get());
+        forgetTimer(stale);
+    }
+    const int ms = sink->getTimeoutMs();
+    const itimerspec setting = timerSetting(ms, sink->isOneShot());
+    if (::timerfd_settime(fd.get(), 0, &setting, nullptr) == -1) {
+        vx::log(DL_ERR, "Unable to set requested timer value (%i ms) for sink 0x%p - errno=%s", ms,
+                static_cast<void *>(sink), std::strerror(errno));
+        (void)fd.release();  // promised: it stays open and unregistered
+        return;
+    }
+    if (epollAddEvent(fd.get(), EPOLLIN) == -1) {
+        vx::log(DL_ERROR, "Unable to add timer (fd %i, sink 0x%p) to epoll-events", fd.get(),
+                static_cast<void *>(sink));
+    }
+    rememberTimer(fd.get(), sink);
+    (void)fd.release();  // owned by its entry from here on
+}
+
+void CEPollEventsource::removeTimer(ITimeoutEventsink *sink) {
+    const vx::Fd fd(lowestTimerOf(sink));
+    if (!fd.valid()) return;
+    if (epollRemoveEvent(fd.get()) == -1) {
+        vx::log(DL_ERROR, "Unable to remove timer (fd %i, sink 0x%p) from epoll-events", fd.get(),
+                static_cast<void *>(sink));
+    }
+    forgetTimer(timers_.find(fd.get()));
+}
+
+bool CEPollEventsource::activeTimer(ITimeoutEventsink *sink) { return lowestTimerOf(sink) != -1; }
+
+int CEPollEventsource::evtLoop() {
+    std::vector<epoll_event> events(1);
+    while (!terminated_) {
+        const size_t wanted = sinks_.size() + timers_.size();
+        if (events.size() < wanted) events.resize(wanted);
+        const int count = ::epoll_wait(epollFd_, events.data(), static_cast<int>(events.size()), -1);
+        if (count > 0) {
+            onEpollWakeup(events.data(), count);
+        } else if (count == 0) {
+            vx::log(DL_ERR, "Got a timeout from epoll_wait() without specifying a timeout!?");
+        } else if (errno == EAGAIN) {
+            vx::log(DL_ERROR, "epoll_wait failed will errno=%s - terminating.", std::strerror(errno));
+            return -1;
+        }
+    }
+    return 0;
+}
+
+int CEPollEventsource::epollAddEvent(int fd, uint32_t events) {
+    if (epollFd_ == -1) return -1;
+    epoll_event event = eventFor(fd, events);
+    if (::epoll_ctl(epollFd_, EPOLL_CTL_ADD, fd, &event) == 0) return 0;
+    vx::log(DL_ERR, "epoll_ctl(add) failed fd=%i, event=0x%x, errno=%s", fd, events, std::strerror(errno));
+    return -1;
+}
+
+int CEPollEventsource::epollRemoveEvent(int fd) {
+    if (epollFd_ == -1) return -1;
+    if (::epoll_ctl(epollFd_, EPOLL_CTL_DEL, fd, nullptr) == 0) return 0;
+    vx::log(DL_ERR, "epoll_ctl(del) failed fd=%i, errno=%s", fd, std::strerror(errno));
+    return -1;
+}
+
+uint32_t CEPollEventsource::eventTypeToEpoll(event_type type) {
+    switch (type) {
+        case ET_NONE:
+            return 0;
+        case ET_READ:
+            return EPOLLIN;
+        case ET_WRITE:
+            return EPOLLOUT;
+        case ET_READWRITE:
+            return EPOLLIN | EPOLLOUT;
+    }
+    vx::log(DL_ERR, "Invalid event type %i", static_cast<int>(type));
+    return 0;
+}
+
+void CEPollEventsource::onEpollWakeup(epoll_event *events, int count) {
+    Batch batch(*this, events, count);
+    while (batch.next != batch.end) {
+        const uint32_t what = batch.next->events;
+        const int fd = batch.next->data.fd;
+        ++batch.next;
+        if (fd == staleEvent) continue;
+        if (const auto timer = timers_.find(fd); timer != timers_.end()) {
+            onEpollTimeout(fd, timer->second);
+        } else if (fd == commandReadFd_) {
+            onCommand();
+            return;
+        } else if (const auto entry = sinks_.find(fd); entry != sinks_.end()) {
+            IFDEventsink *const sink = entry->second.sink;
+            if ((what & EPOLLIN) != 0) {
+                sink->onReadable();
+            } else if ((what & EPOLLOUT) != 0) {
+                sink->onWritable();
+            }
+        } else {
+            onUnknownDescriptor(fd);
+        }
+    }
+}
+
+void CEPollEventsource::onEpollTimeout(int fd, ITimeoutEventsink *sink) {
+    uint64_t expirations = 0;
+    const ssize_t got = ::read(fd, &expirations, sizeof expirations);
+    if (got == 0) return;
+    if (got != static_cast<ssize_t>(sizeof expirations)) {
+        vx::log(DL_ERR, "Unable to read from timerfd");
+        return;
+    }
+    if (expirations == 0) {
+        vx::log(DL_ERROR, "Got a wakeup with a zero # of timeouts (fd=%i, sink=0x%p)", fd, static_cast<void *>(sink));
+        return;
+    }
+    if (sink->isOneShot()) removeTimer(sink);
+    sink->onTimeout(static_cast<unsigned int>(expirations));
+}
+
+// The byte stays in the pipe: a terminated source finds it again whenever it is asked to wait.
+int CEPollEventsource::onCommand() {
+    terminated_ = true;
+    return 1;
+}
+
+// An event of a descriptor that nobody registered. It may come from a file that was registered under this number,
+// closed and kept open by somebody's duplicate; then the number may be somebody else's by now. Only what the epoll set
+// knows by this very number is ours to close.
+void CEPollEventsource::onUnknownDescriptor(int fd) {
+    vx::log(DL_ERR, "Unable to find corresponding event-sink for active file descriptor %i - terminating!", fd);
+    if (::epoll_ctl(epollFd_, EPOLL_CTL_DEL, fd, nullptr) == 0) ::close(fd);
+    terminate();
+}
+
+void CEPollEventsource::rememberTimer(int fd, ITimeoutEventsink *sink) {
+    const auto timer = timers_.emplace(fd, sink).first;
+    try {
+        timersBySink_.insert(bySink(sink, fd));
+    } catch (...) {
+        timers_.erase(timer);
+        throw;
+    }
+}
+
+void CEPollEventsource::forgetTimer(std::map<int, ITimeoutEventsink *>::iterator timer) {
+    dropFetchedEvents(timer->first);
+    timersBySink_.erase(bySink(timer->second, timer->first));
+    timers_.erase(timer);
+}
+
+// A table by sink instead of a walk over all timers: a daemon that re-arms a thousand of them should not notice.
+int CEPollEventsource::lowestTimerOf(const ITimeoutEventsink *sink) const {
+    const auto found = timersBySink_.lower_bound(bySink(sink, 0));
+    const bool own = found != timersBySink_.end() && found->first == reinterpret_cast<uintptr_t>(sink);
+    return own ? found->second : -1;
+}
+
+void CEPollEventsource::dropFetchedEvents(int fd) {
+    for (Batch *batch = batch_; batch != nullptr; batch = batch->outer) {
+        for (epoll_event *event = batch->next; event != batch->end; ++event) {
+            if (event->data.fd == fd) event->data.fd = staleEvent;
+        }
+    }
+}
