@@ -1,0 +1,51 @@
+# The configuration daemon: a tool and a small daemon that live on its values.
+chapter "Configuration daemon"
+say "A configuration daemon with a store in a file listens at /var/run/configd/daemon.sock."
+mkfifo /tmp/configd.control /tmp/leds.clock
+sleep 60 >/tmp/configd.control & peers+=($!)  # keeps the pipe open between orders
+start_configd() {
+  : >/tmp/configd.log
+  configd --store /var/lib/configd/store "$@" >>/tmp/configd.log </tmp/configd.control & peers+=($!)
+  until grep -q ready /tmp/configd.log; do sleep 0.01; done
+}
+start_configd led.count=2 led.0.color=red led.1.color=green hostname=gateway-7
+order() {
+  echo "$*" >/tmp/configd.control
+  until grep -qx "ok $*" /tmp/configd.log; do sleep 0.01; done
+  : >/tmp/configd.log
+}
+say "Two keys, one request each; then three as a list that is fetched once and served from memory:"
+show configd_reader hostname led.count
+show configd_reader --list led.0.color led.1.color no.such.key
+say "A change is echoed byte for byte, then committed. The daemon is busy the first time:"
+order busy 1
+show configd_reader --set hostname=gateway-8
+show configd_reader hostname
+
+say "Asked for a key on which the daemon stays silent, a program gets its time back after 10 s; it waits in the background until the end of this demo:"
+order mute slow.key
+printf '  $ configd_reader slow.key &\n'
+configd_reader slow.key >/tmp/slow.out 2>&1 & slow=$!
+
+say "A small daemon, one round at a time. First with the values above, then with a changed one:"
+led_daemon </tmp/leds.clock >>/tmp/leds.out & peers+=($!)
+exec {clock}>/tmp/leds.clock
+tick() {
+  : >/tmp/leds.out
+  echo >&"$clock"
+  until grep -qE 'committed|busy|could not|keeping' /tmp/leds.out; do sleep 0.01; done
+  sed 's/^/      /' /tmp/leds.out
+}
+tick
+order set led.1.color blue
+tick
+say "The daemon answers nonsense:"
+order raw '?'
+tick
+say "The configuration daemon dies:"
+order die
+tick
+say "It starts again, with what was committed:"
+start_configd
+tick
+exec {clock}>&-

@@ -1,0 +1,181 @@
+/* SPDX-License-Identifier: MIT */
+/**
+ * @file
+ * Client of the configuration daemon `configd`: reads and writes configuration values over Unix-domain datagrams, one
+ * request and one answer at a time.
+ *
+ * Many values, fetched together when the first of them is asked for and then served from the handle:
+ * @code
+ *     configd_handle *config = configd_open();
+ *     int i;
+ *     for (i = 0; i < ports; i++) configd_add_query(config, "port.%d.speed", i);
+ *     for (i = 0; i < ports; i++) set_speed(i, atoi(configd_fetch(config, "port.%d.speed", i)));
+ *     configd_clear(config);  // before reading anew
+ *     configd_close(config);
+ * @endcode
+ *
+ * A fixed set of values, read into or written from an array that a record with an empty key ends:
+ * @code
+ *     configd_entry change[2];
+ *     memset(change, 0, sizeof change);
+ *     strlcpy(change[0].key, "hostname", sizeof change[0].key);
+ *     strlcpy(change[0].value, "gw-7", sizeof change[0].value);
+ *     if (configd_set(config, change) == 0)
+ *         while (configd_done(config) == 1) sleep(1);  // busy: the change waits
+ * @endcode
+ *
+ * Rules
+ * - A handle is used by one thread at a time. Any number of handles may exist, in one process and in many.
+ * - Every call that talks to the daemon blocks: up to 10 s until the daemon takes the request and up to 10 s until it
+ *   answers, signals notwithstanding. configd_get() and the first configd_fetch() do so once per key.
+ * - Waiting for an answer changes the process's SIGPIPE disposition: ignored while waiting, the default action
+ *   afterwards, whatever it was before.
+ * - A handle does not survive fork() in both processes: the socket's file has one name, and the process that closes
+ *   first removes it.
+ * - A handle is either connected (`fd` is a descriptor, both paths are set, the client's socket file exists) or closed
+ *   (`fd` is -1, both paths empty). A failed exchange ends with a fresh connection under the same name; what the
+ *   daemon still answers to the failed request is thrown away. A closed handle is fine to use: each call fails and
+ *   tries to connect again.
+ * - Failures are reported by result and in the system log, priority LOG_ERR.
+ *
+ * Keys and values are texts without line feeds; keys hold no "=". The client does not look into them.
+ */
+#ifndef VXUTILS_CONFIGD_H
+#define VXUTILS_CONFIGD_H
+
+#include <vxutils/api.h>
+#include <vxutils/list.h>
+
+VXUTILS_BEGIN_DECLS
+
+/** Bytes of a record's key, its NUL included. */
+#define CONFIGD_KEY_LEN 256
+/** Bytes of a record's value, its NUL included. */
+#define CONFIGD_VALUE_LEN 1024
+/** Most keys in one handle's query list. */
+#define CONFIGD_MAX_QUERIES 512
+/** Bytes of the buffers that requests are built in and answers received in. */
+#define CONFIGD_MSG_LEN 16384
+
+/** One key and its value: element of the callers' arrays and of a handle's query list. */
+typedef struct configd_entry {
+    struct list_link list;         /**< Link of the query list; zero in a caller's array. */
+    char key[CONFIGD_KEY_LEN];     /**< NUL-terminated; empty in the record that ends a caller's array. */
+    char value[CONFIGD_VALUE_LEN]; /**< NUL-terminated. */
+} configd_entry;
+
+/**
+ * One connection. Fields are for reading; the records of `queries` are the library's, their values may be changed.
+ * A caller that brings its own record zeroes it and sets `fd` to -1 before the first call: 0 would be closed as a
+ * descriptor.
+ */
+typedef struct configd_handle {
+    int fd;                   /**< The socket, -1 when closed. */
+    char client_path[256];    /**< Path the socket is bound to; empty when none. */
+    char server_path[256];    /**< Path of the daemon's socket; empty when closed. */
+    int count;                /**< Entries in `queries`. */
+    struct list_link queries; /**< Entries of the query list, in the order they were added. */
+    int fetched;              /**< 1 when the values of `queries` have been fetched, else 0. */
+} configd_handle;
+
+/**
+ * Makes a handle and connects it. The daemon need not run yet; the directory /var/run/configd must exist.
+ * @return the handle, to be released with configd_close(); NULL when memory, socket or bind failed (logged).
+ */
+VXUTILS_API configd_handle *configd_open(void);
+
+/** Disconnects, empties the query list and frees the handle. NULL is accepted. */
+VXUTILS_API void configd_close(configd_handle *handle);
+
+/**
+ * Adds a key to the query list; a key that is already there is left as it is. Its value is empty until the list is
+ * fetched; a key added after the fetch stays empty until the next configd_clear(). Does not contact the daemon.
+ * @param format printf format of the key, which is cut to 254 characters.
+ * @return 0 when the key is in the list, -1 for NULL arguments, an empty key, a full list or no memory.
+ */
+VXUTILS_API int configd_add_query(configd_handle *handle, const char *format, ...) VXUTILS_PRINTF(2, 3);
+
+/**
+ * Value of a key of the query list. The first call fetches the whole list from the daemon, in the order the keys were
+ * added; if that fails, the next call tries again. Later calls do not contact the daemon.
+ * @param format printf format of the key, which is cut to 254 characters.
+ * @return the value, valid until configd_clear() or configd_close(); an empty text for NULL arguments, a failed fetch
+ * or a key that was never added (logged at LOG_DEBUG). Never NULL.
+ */
+VXUTILS_API const char *configd_fetch(configd_handle *handle, const char *format, ...) VXUTILS_PRINTF(2, 3);
+
+/**
+ * Reads values from the daemon, one exchange per key, in order.
+ * @param entries array ended by a record with an empty key, whose values are filled in; NULL reads the query list (and
+ *        leaves `fetched` alone).
+ * @return 0, also when there is nothing to read; -1 for a NULL handle or at the first failure, after which the handle
+ *         has reconnected. Values read before the failure stay.
+ */
+VXUTILS_API int configd_get(configd_handle *handle, configd_entry *entries);
+
+/**
+ * Writes values in one request, which the daemon confirms by echoing it. All together, key, "=", value and line feed of
+ * every record must not exceed 16381 characters.
+ * @param entries array ended by a record with an empty key; must hold at least one key.
+ * @return 0 when the daemon echoed the request; -1 for NULL arguments, nothing to write or more than fits, all without
+ *         contacting the daemon; -2 when the request could not be sent, -3 when no answer came in time or its length
+ *         differs, -4 when the answer differs. After -2, -3 and -4 the handle has reconnected.
+ */
+VXUTILS_API int configd_set(configd_handle *handle, const configd_entry *entries);
+
+/**
+ * Ends a change: asks the daemon to put into effect what was written. Does not retry.
+ * @return 0 when the daemon is "Ready", 1 when it is "Busy" (ask again later); -1 for a NULL handle, -2 when the
+ * request could not be sent, -3 for an answer without any byte, -4 for another answer or none in time. After -2, -3 and
+ *         -4 the handle has reconnected.
+ */
+VXUTILS_API int configd_done(configd_handle *handle);
+
+/** Empties the query list, so that keys can be added and fetched anew. NULL is accepted. */
+VXUTILS_API void configd_clear(configd_handle *handle);
+
+/**
+ * @name Building blocks
+ * What the functions above are made of; for programs that speak the protocol themselves.
+ * @{
+ */
+
+/**
+ * Sends one datagram to the daemon. Waits up to 10 s while the daemon's queue is full.
+ * @return bytes sent; -1 for a NULL argument, a closed handle, a length below 1, or when sending failed (errno).
+ */
+VXUTILS_API int configd_send(configd_handle *handle, const char *data, int length);
+
+/**
+ * Receives one datagram, waiting up to 10 s for it. When one came, the whole buffer was zeroed first and the text is
+ * NUL-terminated; when none came, the buffer is left as it is.
+ * @param size bytes of the buffer; at most size - 1 are received, what a longer datagram holds beyond them is lost.
+ * @return bytes received, 0 for an empty datagram; -1 for a NULL argument, a closed handle, a size below 1, or when
+ * none came or receiving failed.
+ */
+VXUTILS_API int configd_recv(configd_handle *handle, char *data, int size);
+
+/**
+ * Reads the value of one record's key. On failure the record is unchanged and the handle is not reconnected.
+ * @return 0, or -1 for NULL arguments, an empty key or a failed exchange (logged).
+ */
+VXUTILS_API int configd_prepare_get(configd_handle *handle, configd_entry *entry);
+
+/**
+ * Connects, after disconnecting a connected handle: binds a socket to
+ * "/var/run/configd/client.PID.ADDRESS_OF_HANDLE", accessible to everyone.
+ * @return 0, or -1 for NULL or when socket or bind failed (logged); the handle is closed then.
+ */
+VXUTILS_API int __configd_open(configd_handle *handle);
+
+/**
+ * Disconnects: closes the socket, except that a descriptor numbered 1 is left open, removes its file and empties both
+ * paths. NULL is accepted.
+ */
+VXUTILS_API void __configd_close(configd_handle *handle);
+
+/** @} */
+
+VXUTILS_END_DECLS
+
+#endif

@@ -1,0 +1,959 @@
+// SPDX-License-Identifier: MIT
+// The configuration daemon's client against the virtual gateway's daemon, a process of its own.
+#include <fcntl.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/time.h>
+#include <sys/un.h>
+#include <syslog.h>
+#include <unistd.h>
+#include <vxutils/configd.h>
+
+#include <chrono>
+#include <csignal>
+#include <cstring>
+#include <filesystem>
+#include <memory>
+#include <thread>
+
+#include "support/configd.h"
+#include "support/files.h"
+#include "support/resources.h"
+#include "support/syslog_capture.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using vxtest::Configd;
+using vxtest::LogLine;
+using Clock = std::chrono::steady_clock;
+using Lines = std::vector<std::string>;
+using Log = std::vector<LogLine>;
+
+constexpr const char *directory = "/var/run/configd";
+constexpr const char *daemonSocket = "/var/run/configd/daemon.sock";
+
+static_assert(CONFIGD_KEY_LEN == 256 && CONFIGD_VALUE_LEN == 1024 && CONFIGD_MAX_QUERIES == 512 &&
+              CONFIGD_MSG_LEN == 16384);
+static_assert(offsetof(configd_entry, key) == sizeof(list_link) &&
+              offsetof(configd_entry, value) == sizeof(list_link) + 256 &&
+              sizeof(configd_entry) == sizeof(list_link) + 1280);
+static_assert(offsetof(configd_handle, client_path) == 4 && offsetof(configd_handle, server_path) == 260 &&
+              offsetof(configd_handle, count) == 516 && offsetof(configd_handle, queries) == 520 &&
+              offsetof(configd_handle, fetched) == 520 + sizeof(list_link));
+
+using Handle = std::unique_ptr<configd_handle, decltype(&configd_close)>;
+Handle openHandle() { return Handle(configd_open(), &configd_close); }
+
+// A caller's array: the pairs and the record that ends it.
+std::vector<configd_entry> entries(const std::vector<std::pair<std::string, std::string>> &pairs) {
+    std::vector<configd_entry> array(pairs.size() + 1);
+    std::memset(array.data(), 0, array.size() * sizeof(configd_entry));
+    for (size_t i = 0; i < pairs.size(); ++i) {
+        std::memcpy(array[i].key, pairs[i].first.data(), pairs[i].first.size());
+        std::memcpy(array[i].value, pairs[i].second.data(), pairs[i].second.size());
+    }
+    return array;
+}
+
+std::string value(configd_handle *handle, const std::string &key) {
+    auto array = entries({{key, "untouched"}});
+    return configd_get(handle, array.data()) == 0 ? array[0].value : "failed: " + std::string(array[0].value);
+}
+
+ino_t inode(const std::string &path) {
+    struct stat status {};
+    EXPECT_EQ(::stat(path.c_str(), &status), 0) << path;
+    return status.st_ino;
+}
+
+std::string clientPath(const configd_handle *handle) {
+    char path[256];
+    std::snprintf(path, sizeof path, "%s/client.%d.%p", directory, ::getpid(), static_cast<const void *>(handle));
+    return path;
+}
+
+void expectConnected(const configd_handle *handle) {
+    EXPECT_GE(handle->fd, 0);
+    EXPECT_EQ(handle->server_path, std::string(daemonSocket));
+    EXPECT_EQ(handle->client_path, clientPath(handle));
+    EXPECT_TRUE(std::filesystem::is_socket(handle->client_path));
+}
+
+void expectClosed(const configd_handle *handle) {
+    EXPECT_EQ(handle->fd, -1);
+    EXPECT_STREQ(handle->server_path, "");
+    EXPECT_STREQ(handle->client_path, "");
+    EXPECT_FALSE(vxtest::exists(clientPath(handle)));
+}
+
+// Interrupts the calling thread's system calls every 50 ms, without restarting them.
+class Interruptions {
+public:
+    Interruptions() {
+        struct sigaction action {};
+        action.sa_handler = [](int) { count = count + 1; };
+        ::sigaction(SIGALRM, &action, nullptr);
+        const itimerval often{{0, 50000}, {0, 50000}};
+        ::setitimer(ITIMER_REAL, &often, nullptr);
+    }
+    ~Interruptions() {
+        const itimerval never{};
+        ::setitimer(ITIMER_REAL, &never, nullptr);
+        std::signal(SIGALRM, SIG_DFL);
+    }
+    static inline volatile std::sig_atomic_t count = 0;
+};
+
+// Fills the queue of the daemon's socket; to be called while it does not read.
+void fillQueue() {
+    const int fd = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::strcpy(address.sun_path, daemonSocket);
+    while (::sendto(fd, "?x\n", 4, MSG_DONTWAIT, reinterpret_cast<sockaddr *>(&address), sizeof address) == 4) continue;
+    EXPECT_EQ(errno, EAGAIN);
+    ::close(fd);
+}
+
+class ConfigdTest : public testing::Test {
+protected:
+    void SetUp() override {
+        std::filesystem::remove_all("/var/lib/configd");
+        ::openlog(nullptr, LOG_NDELAY, LOG_USER);  // its descriptor is open before any are counted
+    }
+    void TearDown() override { ::closelog(); }
+    Configd daemon;
+    vxtest::SyslogCapture log;
+};
+
+using ConfigdOpen = ConfigdTest;
+using ConfigdGet = ConfigdTest;
+using ConfigdSet = ConfigdTest;
+using ConfigdDone = ConfigdTest;
+using ConfigdFetch = ConfigdTest;
+using ConfigdTransport = ConfigdTest;
+using ConfigdExample = ConfigdTest;
+
+TEST_F(ConfigdOpen, BindsADatagramSocketNamedByProcessAndHandleThatEveryoneMayUse) {
+    const vxtest::NoLeaks leaks;
+    const Handle handle = openHandle();
+    ASSERT_NE(handle, nullptr);
+    expectConnected(handle.get());
+    EXPECT_EQ(handle->count, 0);
+    EXPECT_EQ(handle->fetched, 0);
+    EXPECT_EQ(handle->queries.next, &handle->queries);
+    EXPECT_EQ(handle->queries.prev, &handle->queries);
+    struct stat status {};
+    ASSERT_EQ(::stat(handle->client_path, &status), 0);
+    EXPECT_EQ(status.st_mode & 07777, 0777u);
+    int type = 0;
+    socklen_t size = sizeof type;
+    ASSERT_EQ(::getsockopt(handle->fd, SOL_SOCKET, SO_TYPE, &type, &size), 0);
+    EXPECT_EQ(type, SOCK_DGRAM);
+    EXPECT_EQ(::fcntl(handle->fd, F_GETFD), FD_CLOEXEC);
+    EXPECT_EQ(log.take(), Log{});
+}
+
+TEST_F(ConfigdOpen, TheSocketIsGoneAfterClose) {
+    const vxtest::NoLeaks leaks;
+    Handle handle = openHandle();
+    const std::string path = handle->client_path;
+    handle.reset();
+    EXPECT_FALSE(vxtest::exists(path));
+}
+
+TEST_F(ConfigdOpen, HandlesOfOneProcessDoNotMeet) {
+    daemon.tell("set a 1");
+    const Handle one = openHandle();
+    const Handle two = openHandle();
+    EXPECT_STRNE(one->client_path, two->client_path);
+    EXPECT_EQ(value(one.get(), "a"), "1");
+    EXPECT_EQ(value(two.get(), "a"), "1");
+}
+
+TEST_F(ConfigdOpen, WorksWithoutARunningDaemon) {
+    daemon.die();
+    EXPECT_NE(openHandle(), nullptr);
+}
+
+TEST_F(ConfigdOpen, FailsWhereTheDirectoryIsMissing) {
+    const vxtest::NoLeaks leaks;
+    std::filesystem::remove_all(directory);
+    EXPECT_EQ(configd_open(), nullptr);
+    EXPECT_EQ(log.take(), (Log{{LOG_ERR, "cannot bind to configd"}}));
+}
+
+TEST_F(ConfigdOpen, FailsWithoutADescriptor) {
+    EXPECT_EQ(vxtest::inChild([] {
+                  ::syslog(LOG_INFO, "connect to the log first");
+                  const rlimit none{3, 3};
+                  while (::dup(0) >= 0) continue;
+                  ::setrlimit(RLIMIT_NOFILE, &none);
+                  return configd_open() == nullptr ? 0 : 1;
+              }),
+              0);
+    EXPECT_EQ(log.take(), (Log{{LOG_INFO, "connect to the log first"}, {LOG_ERR, "cannot open socket to configd"}}));
+}
+
+TEST_F(ConfigdOpen, ReplacesTheFileThatAnEarlierProcessLeft) {
+    configd_handle handle{};
+    handle.fd = -1;
+    vxtest::writeFile(clientPath(&handle), "left over");
+    ASSERT_EQ(__configd_open(&handle), 0);
+    expectConnected(&handle);
+    __configd_close(&handle);
+    expectClosed(&handle);
+}
+
+TEST_F(ConfigdOpen, OfAConnectedHandleConnectsAnew) {
+    const vxtest::NoLeaks leaks;
+    const Handle handle = openHandle();
+    const ino_t before = inode(handle->client_path);
+    ASSERT_EQ(__configd_open(handle.get()), 0);
+    expectConnected(handle.get());
+    EXPECT_NE(inode(handle->client_path), before);
+}
+
+TEST_F(ConfigdOpen, ADescriptorNumberedOneIsLeftOpen) {
+    EXPECT_EQ(vxtest::inChild([] {
+                  ::close(1);
+                  configd_handle *handle = configd_open();
+                  if (handle == nullptr || handle->fd != 1) return 1;
+                  const std::string path = handle->client_path;
+                  __configd_close(handle);
+                  if (handle->fd != -1 || vxtest::exists(path)) return 2;
+                  if (::fcntl(1, F_GETFD) == -1) return 3;
+                  configd_close(handle);
+                  return ::fcntl(1, F_GETFD) == -1 ? 4 : 0;
+              }),
+              0);
+}
+
+TEST_F(ConfigdOpen, DescriptorsAboveThoseOfSelectWork) {
+    daemon.tell("set a 1");
+    EXPECT_EQ(vxtest::inChild([] {
+                  rlimit limit{};
+                  ::getrlimit(RLIMIT_NOFILE, &limit);
+                  limit.rlim_cur = std::min<rlim_t>(limit.rlim_max, 2048);
+                  ::setrlimit(RLIMIT_NOFILE, &limit);
+                  while (::dup(0) < 1500) continue;
+                  const Handle handle = openHandle();
+                  if (handle == nullptr || handle->fd < 1024) return 1;
+                  return value(handle.get(), "a") == "1" ? 0 : 2;
+              }),
+              0);
+}
+
+TEST_F(ConfigdOpen, NullIsRefusedOrIgnoredEverywhere) {
+    auto array = entries({{"a", "1"}});
+    char buffer[8] = "";
+    EXPECT_EQ(configd_add_query(nullptr, "a"), -1);
+    EXPECT_STREQ(configd_fetch(nullptr, "a"), "");
+    EXPECT_EQ(configd_get(nullptr, array.data()), -1);
+    EXPECT_EQ(configd_set(nullptr, array.data()), -1);
+    EXPECT_EQ(configd_done(nullptr), -1);
+    EXPECT_EQ(configd_send(nullptr, "x", 1), -1);
+    EXPECT_EQ(configd_recv(nullptr, buffer, sizeof buffer), -1);
+    EXPECT_EQ(configd_prepare_get(nullptr, array.data()), -1);
+    EXPECT_EQ(__configd_open(nullptr), -1);
+    configd_clear(nullptr);
+    configd_close(nullptr);
+    __configd_close(nullptr);
+    const Handle handle = openHandle();
+    const char *volatile noFormat = nullptr;
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-nonliteral"
+#pragma GCC diagnostic ignored "-Wformat-security"
+    EXPECT_EQ(configd_add_query(handle.get(), noFormat), -1);
+    EXPECT_STREQ(configd_fetch(handle.get(), noFormat), "");
+#pragma GCC diagnostic pop
+    EXPECT_EQ(configd_set(handle.get(), nullptr), -1);
+    EXPECT_EQ(configd_send(handle.get(), nullptr, 1), -1);
+    EXPECT_EQ(configd_recv(handle.get(), nullptr, 1), -1);
+    EXPECT_EQ(configd_prepare_get(handle.get(), nullptr), -1);
+    EXPECT_EQ(daemon.requests(), 0);
+    EXPECT_EQ(log.take(), Log{});
+}
+
+TEST_F(ConfigdOpen, AClosedHandleOfACallerWorksWithArraysAndTheQueryList) {
+    daemon.tell("set a 1");
+    configd_handle handle{};
+    handle.fd = -1;
+    configd_clear(&handle);
+    EXPECT_EQ(configd_get(&handle, nullptr), 0);  // nothing to read
+    ASSERT_EQ(__configd_open(&handle), 0);
+    EXPECT_EQ(value(&handle, "a"), "1");
+    EXPECT_EQ(configd_add_query(&handle, "a"), 0);
+    EXPECT_STREQ(configd_fetch(&handle, "a"), "1");
+    configd_clear(&handle);
+    EXPECT_EQ(handle.count, 0);
+    __configd_close(&handle);
+    __configd_close(&handle);
+    expectClosed(&handle);
+}
+
+TEST_F(ConfigdGet, SendsOneRequestPerKeyAndTakesTheAnswerWithoutItsTrailer) {
+    daemon.tell("set host gw 7");
+    daemon.tell("set empty");
+    const Handle handle = openHandle();
+    auto array = entries({{"host", "?"}, {"empty", "?"}, {"unknown", "?"}});
+    daemon.tell("trace on");
+    ASSERT_EQ(configd_get(handle.get(), array.data()), 0);
+    EXPECT_STREQ(array[0].value, "gw 7");
+    EXPECT_STREQ(array[1].value, "");
+    EXPECT_STREQ(array[2].value, "");
+    EXPECT_EQ(array[0].list.next, nullptr);
+    EXPECT_EQ(daemon.tell("trace off"),
+              (Lines{R"(request "?host\n\0")", R"(answer "gw 7\n\0")", R"(request "?empty\n\0")", R"(answer "\n\0")",
+                     R"(request "?unknown\n\0")", R"(answer "\n\0")"}));
+    EXPECT_EQ(log.take(), Log{});
+}
+
+TEST_F(ConfigdGet, NothingToReadSucceedsWithoutContact) {
+    const Handle handle = openHandle();
+    auto none = entries({});
+    EXPECT_EQ(configd_get(handle.get(), none.data()), 0);
+    EXPECT_EQ(configd_get(handle.get(), nullptr), 0);
+    EXPECT_EQ(configd_prepare_get(handle.get(), none.data()), -1);  // an empty key
+    EXPECT_EQ(daemon.requests(), 0);
+    EXPECT_EQ(log.take(), Log{});
+}
+
+TEST_F(ConfigdGet, AKeyThatFillsItsFieldToTheLastByteIsReadNoFurther) {
+    const Handle handle = openHandle();
+    auto array = entries({{std::string(256, 'k'), ""}});
+    std::memset(array[0].value, 'v', sizeof array[0].value);
+    daemon.tell("trace on");
+    EXPECT_EQ(configd_prepare_get(handle.get(), array.data()), 0);
+    EXPECT_EQ(daemon.tell("trace off")[0], "request \"?" + std::string(256, 'k') + "\\n\\0\"");
+}
+
+TEST_F(ConfigdGet, AnAnswerOfTwoBytesIsAnEmptyValue) {
+    const Handle handle = openHandle();
+    for (const char *two : {R"(\n\0)", "xy"}) {
+        daemon.tell(std::string("raw ") + two);
+        EXPECT_EQ(value(handle.get(), "a"), "");
+    }
+    EXPECT_EQ(log.take(), Log{});
+}
+
+TEST_F(ConfigdGet, OnlyTheLastTwoBytesAreCutOffWhateverTheyAre) {
+    const Handle handle = openHandle();
+    daemon.tell("raw abcd");
+    EXPECT_EQ(value(handle.get(), "a"), "ab");
+    daemon.tell(R"(raw ab\0cd\n\0)");
+    EXPECT_EQ(value(handle.get(), "a"), "ab");
+}
+
+TEST_F(ConfigdGet, AnAnswerOfOneByteOrNoneFailsAndReconnects) {
+    const vxtest::NoLeaks leaks;
+    const Handle handle = openHandle();
+    const ino_t before = inode(handle->client_path);
+    daemon.tell("raw x");
+    EXPECT_EQ(value(handle.get(), "a"), "failed: untouched");
+    EXPECT_EQ(log.take(), (Log{{LOG_ERR, "no response from configd (len 1)"}}));
+    expectConnected(handle.get());
+    EXPECT_NE(inode(handle->client_path), before);
+    daemon.tell("empty");
+    EXPECT_EQ(value(handle.get(), "a"), "failed: untouched");
+    EXPECT_EQ(log.take(), (Log{{LOG_ERR, "no response from configd (len 0)"}}));
+}
+
+TEST_F(ConfigdGet, PrepareGetDoesNotReconnect) {
+    const Handle handle = openHandle();
+    const ino_t before = inode(handle->client_path);
+    auto array = entries({{"a", "kept"}});
+    daemon.tell("empty");
+    EXPECT_EQ(configd_prepare_get(handle.get(), array.data()), -1);
+    EXPECT_STREQ(array[0].value, "kept");
+    EXPECT_EQ(inode(handle->client_path), before);
+}
+
+TEST_F(ConfigdGet, AValueIsCutTo1023Characters) {
+    const Handle handle = openHandle();
+    for (const size_t length : {1022u, 1023u, 1024u, 1025u, 4000u, 16381u, 16382u, 20000u}) {
+        daemon.tell("raw " + std::string(length, 'v') + R"(\n\0)");
+        EXPECT_EQ(value(handle.get(), "a"), std::string(std::min<size_t>(length, 1023), 'v')) << length;
+    }
+}
+
+TEST_F(ConfigdGet, StopsAtTheFirstFailureAndKeepsWhatWasRead) {
+    daemon.tell("set a 1");
+    daemon.tell("set c 3");
+    const Handle handle = openHandle();
+    auto array = entries({{"a", "?"}, {"b", "?"}, {"c", "?"}});
+    std::thread([&] {
+        ASSERT_EQ(configd_prepare_get(handle.get(), &array[0]), 0);
+        daemon.tell("raw x");
+        EXPECT_EQ(configd_get(handle.get(), &array[1]), -1);
+    }).join();
+    EXPECT_STREQ(array[0].value, "1");
+    EXPECT_STREQ(array[1].value, "?");
+    EXPECT_STREQ(array[2].value, "?");
+    EXPECT_EQ(daemon.requests(), 2);
+}
+
+TEST_F(ConfigdGet, ADaemonThatDiedIsASendErrorAndARestartedOneIsFoundAgain) {
+    const Handle handle = openHandle();
+    daemon.tell("set a 1");
+    daemon.die();
+    EXPECT_EQ(value(handle.get(), "a"), "failed: untouched");
+    EXPECT_EQ(log.take(), (Log{{LOG_ERR, "unable to send query to configd"}}));
+    expectConnected(handle.get());
+    Configd again;
+    EXPECT_EQ(value(handle.get(), "a"), "1");
+    again.tell("restart");
+    EXPECT_EQ(value(handle.get(), "a"), "1");
+    EXPECT_EQ(log.take(), Log{});
+}
+
+TEST_F(ConfigdGet, AFailedReconnectLeavesTheHandleClosedAndEachCallTriesAgain) {
+    const vxtest::NoLeaks leaks;
+    const Handle handle = openHandle();
+    daemon.tell("set a 1");
+    std::filesystem::remove_all(directory);
+    const Log failures{{LOG_ERR, "unable to send query to configd"}, {LOG_ERR, "cannot bind to configd"}};
+    EXPECT_EQ(value(handle.get(), "a"), "failed: untouched");
+    expectClosed(handle.get());
+    EXPECT_EQ(log.take(), failures);
+    EXPECT_EQ(configd_send(handle.get(), "x", 1), -1);
+    char buffer[2];
+    EXPECT_EQ(configd_recv(handle.get(), buffer, sizeof buffer), -1);
+    auto array = entries({{"a", "2"}});
+    EXPECT_EQ(configd_set(handle.get(), array.data()), -2);
+    EXPECT_EQ(log.take(), failures);
+    EXPECT_EQ(configd_done(handle.get()), -2);
+    EXPECT_EQ(log.take(), failures);
+    daemon.tell("restart");
+    EXPECT_EQ(value(handle.get(), "a"), "failed: untouched");  // still closed, but connects again
+    EXPECT_EQ(log.take(), (Log{{LOG_ERR, "unable to send query to configd"}}));
+    EXPECT_EQ(value(handle.get(), "a"), "1");
+}
+
+TEST_F(ConfigdSet, SendsAllRecordsInOneRequestThatIsEchoed) {
+    const Handle handle = openHandle();
+    const auto array = entries({{"a", "1"}, {"b", "two words"}, {"c", ""}});
+    daemon.tell("trace on");
+    EXPECT_EQ(configd_set(handle.get(), array.data()), 0);
+    EXPECT_EQ(daemon.tell("trace off"),
+              (Lines{R"(request "a=1\nb=two words\nc=\n\0")", R"(answer "a=1\nb=two words\nc=\n\0")"}));
+    EXPECT_EQ(daemon.get("b"), "two words");
+    EXPECT_EQ(value(handle.get(), "a"), "1");
+    EXPECT_EQ(log.take(), Log{});
+}
+
+TEST_F(ConfigdSet, NothingToWriteIsRefusedWithoutContact) {
+    const Handle handle = openHandle();
+    const auto none = entries({});
+    EXPECT_EQ(configd_set(handle.get(), none.data()), -1);
+    EXPECT_EQ(daemon.requests(), 0);
+    EXPECT_EQ(log.take(), Log{});
+}
+
+// Records whose request text has exactly this length.
+std::vector<configd_entry> changeOf(size_t length) {
+    std::vector<std::pair<std::string, std::string>> pairs;
+    constexpr size_t whole = 1000;
+    for (size_t left = length; left > 0;) {
+        const size_t piece = left >= 2 * whole ? whole : std::min(left, whole + 20);
+        pairs.emplace_back("k" + std::to_string(100 + pairs.size()), std::string(piece - 6, 'v'));
+        left -= piece;
+    }
+    return entries(pairs);
+}
+
+TEST_F(ConfigdSet, ATextOf16381CharactersIsSentAndALongerOneIsNot) {
+    const Handle handle = openHandle();
+    for (const size_t length : {16380u, 16381u}) EXPECT_EQ(configd_set(handle.get(), changeOf(length).data()), 0);
+    EXPECT_EQ(daemon.requests(), 2);
+    for (const size_t length : {16382u, 16383u, 16384u, 16385u, 17500u, 100000u}) {
+        EXPECT_EQ(configd_set(handle.get(), changeOf(length).data()), -1) << length;
+    }
+    EXPECT_EQ(daemon.requests(), 2);
+    EXPECT_EQ(log.take(), Log{});
+}
+
+TEST_F(ConfigdSet, FieldsFullToTheLastByteAreReadNoFurther) {
+    const Handle handle = openHandle();
+    const auto array = entries({{std::string(256, 'k'), std::string(1024, 'v')}});
+    EXPECT_EQ(configd_set(handle.get(), array.data()), 0);
+    EXPECT_EQ(daemon.get(std::string(256, 'k')), std::string(1024, 'v'));
+}
+
+TEST_F(ConfigdSet, AnAnswerOfAnotherLengthIsMinusThree) {
+    const Handle handle = openHandle();
+    const auto array = entries({{"a", "1"}});
+    for (const auto &[mode, length] : {std::pair{"short", "4"}, {"long", "6"}, {"empty", "0"}}) {
+        const ino_t before = inode(handle->client_path);
+        daemon.tell(mode);
+        EXPECT_EQ(configd_set(handle.get(), array.data()), -3) << mode;
+        EXPECT_EQ(log.take(), (Log{{LOG_ERR, std::string("no response from configd (") + length + " != 5)"}}));
+        expectConnected(handle.get());
+        EXPECT_NE(inode(handle->client_path), before);
+    }
+}
+
+TEST_F(ConfigdSet, AnAnswerWithOneOtherByteIsMinusFour) {
+    const Handle handle = openHandle();
+    const auto array = entries({{"a", "1"}});
+    const ino_t before = inode(handle->client_path);
+    for (const char *answer : {"wrong", R"(raw a=2\n\0)", R"(raw a=1\nx)", R"(raw a=\0\n\0)", R"(raw \0\0\0\0\0)"}) {
+        daemon.tell(answer);
+        EXPECT_EQ(configd_set(handle.get(), array.data()), -4) << answer;
+        EXPECT_EQ(log.take(), (Log{{LOG_ERR, "invalid response from configd"}}));
+    }
+    expectConnected(handle.get());
+    EXPECT_NE(inode(handle->client_path), before);
+}
+
+TEST_F(ConfigdSet, ADeadDaemonIsMinusTwo) {
+    const Handle handle = openHandle();
+    const auto array = entries({{"a", "1"}});
+    const ino_t before = inode(handle->client_path);
+    daemon.die();
+    EXPECT_EQ(configd_set(handle.get(), array.data()), -2);
+    EXPECT_EQ(configd_done(handle.get()), -2);
+    EXPECT_EQ(log.take(),
+              (Log{{LOG_ERR, "unable to send query to configd"}, {LOG_ERR, "unable to send query to configd"}}));
+    expectConnected(handle.get());
+    EXPECT_NE(inode(handle->client_path), before);
+}
+
+TEST_F(ConfigdSet, ASilentDaemonIsMinusThreeAfterTenSeconds) {
+    const Handle handle = openHandle();
+    const auto array = entries({{"a", "1"}});
+    daemon.tell("silent");
+    const auto start = Clock::now();
+    EXPECT_EQ(configd_set(handle.get(), array.data()), -3);
+    EXPECT_GE(Clock::now() - start, 10s);
+    EXPECT_EQ(log.take(), (Log{{LOG_ERR, "no response from configd (-1 != 5)"}}));
+    expectConnected(handle.get());
+}
+
+TEST_F(ConfigdSet, WhatWasCommittedSurvivesARestartAndWhatWasNotDoesNot) {
+    const Handle handle = openHandle();
+    EXPECT_EQ(configd_set(handle.get(), entries({{"kept", "1"}, {"lost", "1"}}).data()), 0);
+    EXPECT_EQ(configd_done(handle.get()), 0);
+    EXPECT_EQ(configd_set(handle.get(), entries({{"lost", "2"}}).data()), 0);
+    EXPECT_EQ(value(handle.get(), "lost"), "2");
+    daemon.tell("restart");
+    EXPECT_EQ(value(handle.get(), "kept"), "1");
+    EXPECT_EQ(value(handle.get(), "lost"), "1");
+}
+
+TEST_F(ConfigdDone, SendsFiveBytesAndTellsReadyFromBusy) {
+    const Handle handle = openHandle();
+    daemon.tell("busy 2");
+    daemon.tell("trace on");
+    EXPECT_EQ(configd_done(handle.get()), 1);
+    EXPECT_EQ(configd_done(handle.get()), 1);
+    EXPECT_EQ(configd_done(handle.get()), 0);
+    EXPECT_EQ(daemon.tell("trace off"), (Lines{R"(request "Done\n")", R"(answer "Busy")", R"(request "Done\n")",
+                                               R"(answer "Busy")", R"(request "Done\n")", R"(answer "Ready")"}));
+    EXPECT_EQ(log.take(), Log{});
+}
+
+TEST_F(ConfigdDone, ANulMayFollowTheAnswer) {
+    const Handle handle = openHandle();
+    daemon.tell(R"(raw Ready\0)");
+    EXPECT_EQ(configd_done(handle.get()), 0);
+    daemon.tell(R"(raw Busy\0)");
+    EXPECT_EQ(configd_done(handle.get()), 1);
+}
+
+TEST_F(ConfigdDone, AnEmptyAnswerIsMinusThree) {
+    const Handle handle = openHandle();
+    const ino_t before = inode(handle->client_path);
+    daemon.tell("empty");
+    EXPECT_EQ(configd_done(handle.get()), -3);
+    EXPECT_EQ(log.take(), (Log{{LOG_ERR, "no response from configd"}}));
+    expectConnected(handle.get());
+    EXPECT_NE(inode(handle->client_path), before);
+}
+
+TEST_F(ConfigdDone, AnyOtherAnswerIsMinusFourAndIsLogged) {
+    const Handle handle = openHandle();
+    const ino_t before = inode(handle->client_path);
+    for (const auto &[order, text] : {std::pair{"short", "Read"},
+                                      {"long", "Readyx"},
+                                      {"wrong", "Seady"},
+                                      {"raw ready", "ready"},
+                                      {"raw Busy!", "Busy!"},
+                                      {R"(raw \0Ready)", ""}}) {
+        daemon.tell(order);
+        EXPECT_EQ(configd_done(handle.get()), -4) << order;
+        EXPECT_EQ(log.take(), (Log{{LOG_ERR, std::string("invalid response <") + text + "> from configd"}}));
+    }
+    expectConnected(handle.get());
+    EXPECT_NE(inode(handle->client_path), before);
+}
+
+TEST_F(ConfigdDone, ASilentDaemonIsMinusFourAfterTenSeconds) {
+    const Handle handle = openHandle();
+    daemon.tell("silent");
+    const auto start = Clock::now();
+    EXPECT_EQ(configd_done(handle.get()), -4);
+    EXPECT_GE(Clock::now() - start, 10s);
+    EXPECT_EQ(log.take(), (Log{{LOG_ERR, "invalid response <> from configd"}}));
+    expectConnected(handle.get());
+}
+
+TEST_F(ConfigdFetch, FetchesTheWholeListOnceInTheOrderOfItsKeys) {
+    for (const char *set : {"set z 26", "set a 1", "set m.3 13"}) daemon.tell(set);
+    const Handle handle = openHandle();
+    EXPECT_EQ(configd_add_query(handle.get(), "z"), 0);
+    EXPECT_EQ(configd_add_query(handle.get(), "%s", "a"), 0);
+    EXPECT_EQ(configd_add_query(handle.get(), "%c.%d", 'm', 3), 0);
+    EXPECT_EQ(handle->count, 3);
+    EXPECT_EQ(daemon.requests(), 0);
+    daemon.tell("trace on");
+    EXPECT_STREQ(configd_fetch(handle.get(), "m.%d", 3), "13");
+    EXPECT_EQ(handle->fetched, 1);
+    EXPECT_EQ(daemon.tell("trace off"), (Lines{R"(request "?z\n\0")", R"(answer "26\n\0")", R"(request "?a\n\0")",
+                                               R"(answer "1\n\0")", R"(request "?m.3\n\0")", R"(answer "13\n\0")"}));
+    daemon.tell("set a 2");
+    EXPECT_STREQ(configd_fetch(handle.get(), "a"), "1");
+    EXPECT_STREQ(configd_fetch(handle.get(), "z"), "26");
+    EXPECT_EQ(daemon.requests(), 3);
+    EXPECT_EQ(log.take(), Log{});
+}
+
+TEST_F(ConfigdFetch, ClearEmptiesTheListSoThatItCanBeReadAnew) {
+    daemon.tell("set a 1");
+    const Handle handle = openHandle();
+    EXPECT_EQ(configd_add_query(handle.get(), "a"), 0);
+    EXPECT_STREQ(configd_fetch(handle.get(), "a"), "1");
+    daemon.tell("set a 2");
+    configd_clear(handle.get());
+    EXPECT_EQ(handle->count, 0);
+    EXPECT_EQ(handle->fetched, 0);
+    EXPECT_EQ(list_empty(&handle->queries), 1);
+    EXPECT_EQ(configd_add_query(handle.get(), "a"), 0);
+    EXPECT_STREQ(configd_fetch(handle.get(), "a"), "2");
+}
+
+TEST_F(ConfigdFetch, AKeyAddedAfterTheFetchStaysEmpty) {
+    daemon.tell("set a 1");
+    daemon.tell("set b 2");
+    const Handle handle = openHandle();
+    configd_add_query(handle.get(), "a");
+    EXPECT_STREQ(configd_fetch(handle.get(), "a"), "1");
+    EXPECT_EQ(configd_add_query(handle.get(), "b"), 0);
+    EXPECT_STREQ(configd_fetch(handle.get(), "b"), "");
+    EXPECT_EQ(daemon.requests(), 1);
+    EXPECT_EQ(log.take(), Log{});
+}
+
+TEST_F(ConfigdFetch, AKeyThatWasNeverAddedIsLoggedForDebuggingAndEmpty) {
+    const Handle handle = openHandle();
+    const char *text = configd_fetch(handle.get(), "net.%s", "mtu");
+    ASSERT_NE(text, nullptr);
+    EXPECT_STREQ(text, "");
+    EXPECT_EQ(log.take(), (Log{{LOG_DEBUG, "key 'net.mtu' not found"}}));
+    EXPECT_EQ(handle->fetched, 1);  // there was nothing to fetch
+    EXPECT_EQ(daemon.requests(), 0);
+}
+
+TEST_F(ConfigdFetch, AKeyAddedTwiceIsOneEntry) {
+    const Handle handle = openHandle();
+    EXPECT_EQ(configd_add_query(handle.get(), "a"), 0);
+    EXPECT_EQ(configd_add_query(handle.get(), "%s", "a"), 0);
+    EXPECT_EQ(configd_add_query(handle.get(), "A"), 0);
+    EXPECT_EQ(handle->count, 2);
+}
+
+TEST_F(ConfigdFetch, The513thKeyIsRefused) {
+    const Handle handle = openHandle();
+    for (int i = 0; i < 512; ++i) ASSERT_EQ(configd_add_query(handle.get(), "key.%d", i), 0);
+    EXPECT_EQ(configd_add_query(handle.get(), "one more"), -1);
+    EXPECT_EQ(configd_add_query(handle.get(), "key.77"), 0);  // is there already
+    EXPECT_EQ(handle->count, 512);
+    int i = 0;
+    for (const list_link *link = handle->queries.next; link != &handle->queries; link = link->next, ++i) {
+        EXPECT_EQ(reinterpret_cast<const configd_entry *>(link)->key, "key." + std::to_string(i));
+    }
+    EXPECT_EQ(i, 512);
+    std::vector<std::pair<std::string, std::string>> pairs;
+    for (i = 0; i < 512; ++i) daemon.tell("set key." + std::to_string(i) + " value of " + std::to_string(i));
+    for (i = 0; i < 512; ++i) {
+        ASSERT_EQ(configd_fetch(handle.get(), "key.%d", i), "value of " + std::to_string(i));
+    }
+    EXPECT_EQ(daemon.requests(), 512);
+    EXPECT_STREQ(configd_fetch(handle.get(), "key.512"), "");
+}
+
+TEST_F(ConfigdFetch, KeysAreCutTo254CharactersWhenAddedAndWhenFetched) {
+    const Handle handle = openHandle();
+    for (const size_t length : {253u, 254u, 255u, 256u, 1000u}) {
+        configd_clear(handle.get());
+        const std::string key(length, 'k');
+        const std::string cut = key.substr(0, 254);
+        daemon.tell("set " + cut + " " + std::to_string(length));
+        EXPECT_EQ(configd_add_query(handle.get(), "%s", key.c_str()), 0);
+        EXPECT_EQ(reinterpret_cast<configd_entry *>(handle->queries.next)->key, cut);
+        EXPECT_EQ(configd_fetch(handle.get(), "%s", key.c_str()), std::to_string(length));
+    }
+    configd_clear(handle.get());
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-nonliteral"
+#pragma GCC diagnostic ignored "-Wformat-security"
+    const std::string plain(300, 'p');  // a format without a conversion
+    EXPECT_EQ(configd_add_query(handle.get(), plain.c_str()), 0);
+#pragma GCC diagnostic pop
+    EXPECT_EQ(reinterpret_cast<configd_entry *>(handle->queries.next)->key, plain.substr(0, 254));
+}
+
+TEST_F(ConfigdFetch, AnEmptyKeyIsNotAdded) {
+    const Handle handle = openHandle();
+    EXPECT_EQ(configd_add_query(handle.get(), "%s", ""), -1);
+    EXPECT_EQ(handle->count, 0);
+    EXPECT_STREQ(configd_fetch(handle.get(), "%s", ""), "");
+    EXPECT_EQ(log.take(), (Log{{LOG_DEBUG, "key '' not found"}}));
+}
+
+TEST_F(ConfigdFetch, AFailedFetchIsTriedAgainAsAWholeTheNextTime) {
+    daemon.tell("set a 1");
+    const Handle handle = openHandle();
+    configd_add_query(handle.get(), "a");
+    configd_add_query(handle.get(), "b");
+    daemon.tell("empty");
+    EXPECT_STREQ(configd_fetch(handle.get(), "a"), "");
+    EXPECT_EQ(log.take(), (Log{{LOG_ERR, "no response from configd (len 0)"}, {LOG_ERR, "configd_get failed"}}));
+    EXPECT_EQ(handle->fetched, 0);
+    EXPECT_EQ(daemon.requests(), 1);
+    daemon.tell("normal");
+    EXPECT_STREQ(configd_fetch(handle.get(), "a"), "1");
+    EXPECT_EQ(daemon.requests(), 3);
+}
+
+TEST_F(ConfigdTransport, TheAnswerOfARequestThatWasGivenUpIsNotTakenForTheNext) {
+    daemon.tell("set slow old");
+    daemon.tell("set quick new");
+    const Handle handle = openHandle();
+    daemon.tell("late 10400");
+    const auto start = Clock::now();
+    EXPECT_EQ(value(handle.get(), "slow"), "failed: untouched");
+    EXPECT_GE(Clock::now() - start, 10s);
+    EXPECT_EQ(log.take(), (Log{{LOG_ERR, "no response from configd (len -1)"}}));
+    daemon.tell("trace on");
+    EXPECT_EQ(daemon.process().readLine(), R"(answer "old\n\0")");  // now waits in the fresh socket
+    daemon.tell("normal");
+    daemon.tell("trace off");
+    EXPECT_EQ(value(handle.get(), "quick"), "new");
+}
+
+TEST_F(ConfigdTransport, SeveralLateAnswersAreThrownAwayBeforeEachRequest) {
+    daemon.tell("set a 1");
+    const Handle handle = openHandle();
+    for (int i = 0; i < 3; ++i) ASSERT_EQ(configd_send(handle.get(), "?other\n", 8), 8);
+    ASSERT_EQ(daemon.requests(), 3);
+    EXPECT_EQ(value(handle.get(), "a"), "1");
+    ASSERT_EQ(configd_send(handle.get(), "?other\n", 8), 8);
+    ASSERT_EQ(daemon.requests(), 5);
+    EXPECT_EQ(configd_set(handle.get(), entries({{"a", "2"}}).data()), 0);
+    ASSERT_EQ(configd_send(handle.get(), "?other\n", 8), 8);
+    ASSERT_EQ(daemon.requests(), 7);
+    EXPECT_EQ(configd_done(handle.get()), 0);
+    EXPECT_EQ(log.take(), Log{});
+}
+
+TEST_F(ConfigdTransport, SendAndReceiveRefuseEmptyBuffers) {
+    const Handle handle = openHandle();
+    char buffer[4] = "";
+    for (const int size : {0, -1, INT_MIN}) {
+        EXPECT_EQ(configd_send(handle.get(), "x", size), -1);
+        EXPECT_EQ(configd_recv(handle.get(), buffer, size), -1);
+    }
+    EXPECT_EQ(daemon.requests(), 0);
+}
+
+TEST_F(ConfigdTransport, ReceivingZeroesTheBufferAndTakesOneByteLessThanItHolds) {
+    const Handle handle = openHandle();
+    daemon.tell("raw abcdef");
+    for (const int size : {1, 2, 6, 7, 8, 64}) {
+        vxtest::GuardedBuffer buffer(static_cast<size_t>(size));
+        std::memset(buffer.data(), '#', buffer.size());
+        ASSERT_EQ(configd_send(handle.get(), "?a\n", 4), 4);
+        const int expected = std::min(size - 1, 6);
+        EXPECT_EQ(configd_recv(handle.get(), buffer.data(), size), expected);
+        std::string whole = std::string("abcdef").substr(0, static_cast<size_t>(expected));
+        whole.resize(buffer.size());
+        EXPECT_EQ(std::string(buffer.data(), buffer.size()), whole);
+    }
+}
+
+TEST_F(ConfigdTransport, SigpipeIsIgnoredWhileWaitingAndDefaultAfterwards) {
+    const Handle handle = openHandle();
+    std::signal(SIGPIPE, [](int) {});
+    const auto disposition = [] {
+        struct sigaction action {};
+        ::sigaction(SIGPIPE, nullptr, &action);
+        return action.sa_handler;
+    };
+    daemon.tell("late 1000");
+    std::thread caller([&] { EXPECT_EQ(value(handle.get(), "a"), ""); });
+    EXPECT_TRUE(vxtest::eventually([&] { return disposition() == SIG_IGN; }));
+    caller.join();
+    EXPECT_EQ(disposition(), SIG_DFL);
+}
+
+TEST_F(ConfigdTransport, AnInterruptedWaitGoesOnUntilTheAnswerComes) {
+    daemon.tell("set a 1");
+    const Handle handle = openHandle();
+    daemon.tell("late 1000");
+    const Interruptions interruptions;
+    EXPECT_EQ(value(handle.get(), "a"), "1");
+    EXPECT_GT(Interruptions::count, 5);
+    EXPECT_EQ(log.take(), Log{});
+}
+
+TEST_F(ConfigdTransport, AnInterruptedWaitEndsAfterItsTenSecondsAndLeavesTheBufferAlone) {
+    const Handle handle = openHandle();
+    const auto start = Clock::now();
+    char buffer[4] = "abc";
+    {
+        const Interruptions interruptions;
+        EXPECT_EQ(configd_recv(handle.get(), buffer, sizeof buffer), -1);
+    }
+    EXPECT_GE(Clock::now() - start, 10s);
+    EXPECT_STREQ(buffer, "abc");
+}
+
+TEST_F(ConfigdTransport, ADaemonThatStopsReadingIsAShortSendAfterTenSeconds) {
+    const Handle handle = openHandle();
+    daemon.tell("deaf");
+    fillQueue();
+    const auto start = Clock::now();
+    EXPECT_EQ(configd_done(handle.get()), -2);
+    EXPECT_GE(Clock::now() - start, 10s);
+    EXPECT_EQ(log.take(), (Log{{LOG_ERR, "unable to send query to configd"}}));
+    expectConnected(handle.get());
+}
+
+TEST_F(ConfigdTransport, AnInterruptedSendEndsAfterItsTenSeconds) {
+    const Handle handle = openHandle();
+    daemon.tell("deaf");
+    fillQueue();
+    const auto start = Clock::now();
+    {
+        const Interruptions interruptions;
+        EXPECT_EQ(configd_send(handle.get(), "Done\n", 5), -1);
+        EXPECT_EQ(errno, EAGAIN);
+    }
+    EXPECT_GE(Clock::now() - start, 10s);
+    timeval limit{};
+    socklen_t size = sizeof limit;
+    ASSERT_EQ(::getsockopt(handle->fd, SOL_SOCKET, SO_SNDTIMEO, &limit, &size), 0);
+    EXPECT_EQ(limit.tv_sec, 10);
+    EXPECT_EQ(limit.tv_usec, 0);
+}
+
+TEST_F(ConfigdTransport, AnInterruptedSendGoesOnUntilTheDaemonReads) {
+    daemon.tell("set a 1");
+    const Handle handle = openHandle();
+    daemon.tell("deaf");
+    fillQueue();
+    std::thread later([&] {
+        sigset_t all;
+        ::sigfillset(&all);
+        ::pthread_sigmask(SIG_BLOCK, &all, nullptr);
+        std::this_thread::sleep_for(1s);
+        daemon.tell("normal");
+    });
+    {
+        const Interruptions interruptions;
+        EXPECT_EQ(value(handle.get(), "a"), "1");
+    }
+    later.join();
+    EXPECT_EQ(log.take(), Log{});
+}
+
+TEST_F(ConfigdTransport, ManyProcessesTalkAtOnceEachWithItsOwnSocket) {
+    constexpr int processes = 8;
+    std::vector<pid_t> children;
+    for (int i = 0; i < processes; ++i) {
+        children.push_back(vxtest::startChild([i] {
+            const Handle handle = openHandle();
+            if (handle == nullptr) return 1;
+            const std::string key = "process." + std::to_string(i);
+            for (int round = 0; round < 100; ++round) {
+                const std::string text = std::to_string(round * processes + i);
+                if (configd_set(handle.get(), entries({{key, text}}).data()) != 0) return 2;
+                if (value(handle.get(), key) != text) return 3;
+            }
+            return 0;
+        }));
+    }
+    for (const pid_t child : children) EXPECT_EQ(vxtest::waitChild(child), 0);
+    EXPECT_EQ(log.take(), Log{});
+}
+
+TEST_F(ConfigdExample, ReaderReadsSinglyAndAsAListAndWrites) {
+    const std::string reader = vxtest::built("examples/configd_reader");
+    daemon.tell("set a 1");
+    daemon.tell("set b 2");
+    EXPECT_EQ(vxtest::run({reader, "b", "a"}).text, "b = 2\na = 1\n");
+    EXPECT_EQ(vxtest::run({reader, "--list", "a", "b"}).text, "a = 1\nb = 2\n");
+    daemon.tell("busy 1");
+    EXPECT_EQ(vxtest::run({reader, "--set", "a=3", "c=4"}).text,
+              "write: echoed\ncommit: busy, asking again\ncommit: ready\n");
+    EXPECT_EQ(daemon.get("a") + daemon.get("c"), "34");
+    daemon.die();
+    const vxtest::Output failed = vxtest::run({reader, "a"});
+    EXPECT_EQ(failed.text, "a: no answer\n");
+    EXPECT_EQ(failed.status, 1);
+    EXPECT_EQ(vxtest::run({reader}).status, 2);
+}
+
+TEST_F(ConfigdExample, DaemonGoesOnWithWhatItHasWhateverTheConfigurationDaemonDoes) {
+    for (const char *set : {"set led.count 2", "set led.0.color red", "set led.1.color green"}) daemon.tell(set);
+    vxtest::Process leds({vxtest::built("examples/led_daemon")});
+    const auto round = [&](size_t lines) {
+        leds.send("\n");
+        Lines read;
+        while (read.size() < lines) read.push_back(leds.readLine());
+        return read;
+    };
+    EXPECT_EQ(leds.readLine(), "led_daemon: ready");
+    EXPECT_EQ(round(4), (Lines{"led 0:  -> red", "led 1:  -> green", "round 1: written", "round 1: committed"}));
+    daemon.tell("set led.1.color off");
+    daemon.tell("busy 1");
+    EXPECT_EQ(round(3), (Lines{"led 1: green -> off", "round 2: written", "round 2: busy, next time"}));
+    daemon.tell("raw ?");
+    EXPECT_EQ(round(1), (Lines{"round 3: no configuration, keeping what is there"}));
+    daemon.tell("normal");
+    daemon.tell("restart");
+    EXPECT_EQ(round(2), (Lines{"round 4: written", "round 4: committed"}));
+    EXPECT_EQ(daemon.get("led.rounds"), "4");
+    leds.closeInput();
+    EXPECT_EQ(leds.wait(), 0);
+}
+
+TEST(ConfigdPeer, TellsHowItIsUsed) {
+    const vxtest::Output help = vxtest::run({vxtest::built("gateway/configd"), "--help"});
+    EXPECT_EQ(help.status, 0);
+    EXPECT_THAT(help.text, testing::HasSubstr("usage: configd"));
+    EXPECT_EQ(vxtest::run({vxtest::built("gateway/configd"), "--nonsense"}).status, 2);
+}
+
+TEST(ConfigdPeer, RemovesItsSocketOnTermination) {
+    Configd daemon;
+    EXPECT_TRUE(vxtest::exists(daemonSocket));
+    daemon.process().signal(SIGTERM);
+    EXPECT_EQ(daemon.process().wait(), 0);
+    EXPECT_FALSE(vxtest::exists(daemonSocket));
+}
+
+TEST(ConfigdPeer, StartsWithValuesOfItsCommandLineAndOfItsStore) {
+    {
+        Configd daemon({"--store", "/tmp/store", "a=1", "b=2"});
+        daemon.tell("set b 3");
+    }
+    Configd daemon({"--store", "/tmp/store", "c=4"});
+    EXPECT_EQ(daemon.get("a") + daemon.get("b") + daemon.get("c"), "134");
+    EXPECT_EQ(vxtest::readFile("/tmp/store"), "a=1\nb=3\nc=4\n");
+}
+
+}  // namespace
