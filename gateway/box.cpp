@@ -8,6 +8,7 @@
 // upper layer is memory; fresh /tmp, /run, /dev, /proc and /sys. Works as root and, where the kernel allows it, as an
 // ordinary user through a user namespace. Ends with the program's own exit status (128 + signal number when a signal
 // ended it), 125 when the box could not be made. Everything started inside ends with it.
+#include <dirent.h>
 #include <fcntl.h>
 #include <net/if.h>
 #include <sched.h>
@@ -20,6 +21,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <array>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
@@ -27,6 +29,7 @@
 #include <cstring>
 #include <fstream>
 #include <initializer_list>
+#include <set>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -107,7 +110,49 @@ void makeDev() {
     check(::symlink("/proc/self/fd/2", (dev + "/stderr").c_str()), "/dev/stderr");
 }
 
-void makeRoot(const std::vector<std::string> &binds) {
+// One of the machine's top directories, changeable in memory. One overlay over "/" as a whole would do for root, but a
+// user namespace may not look below the mounts that it inherited.
+void layOver(const std::string &name, bool inUserNamespace) {
+    const std::string lower = "/" + name;
+    const std::string upper = stage + "/upper/" + name;
+    const std::string work = stage + "/work/" + name;
+    for (const std::string &dir : {upper, work, newRoot + lower}) makeDirs(dir);
+    const std::string layers = "lowerdir=" + lower + ",upperdir=" + upper + ",workdir=" + work;
+    const std::string options = inUserNamespace ? layers + ",userxattr" : layers;
+    if (::mount("overlay", (newRoot + lower).c_str(), "overlay", 0, options.c_str()) == 0) return;
+    bind(lower, newRoot + lower);  // other file systems are mounted below it: seen as they are
+}
+
+// Directories that hold the library's fixed paths. They belong to the machine's root, whom a user namespace does not
+// know: its own versions of them, merged with the machine's, can be written to.
+void ownFixedDirectories() {
+    for (const char *dir : {"/etc/default", "/usr/lib", "/usr/local/sbin", "/var/lib", "/var/log", "/var/spool"}) {
+        makeDirs(stage + "/upper" + dir);
+    }
+}
+
+void layOverMachine(bool inUserNamespace) {
+    if (inUserNamespace) ownFixedDirectories();
+    static const std::set<std::string> own{".", "..", "dev", "mnt", "proc", "run", "sys", "tmp"};
+    DIR *machine = ::opendir("/");
+    if (machine == nullptr) fail("/");
+    while (const dirent *entry = ::readdir(machine)) {
+        const std::string name = entry->d_name;
+        struct stat about {};
+        if (own.count(name) != 0 || ::lstat(("/" + name).c_str(), &about) == -1) continue;
+        if (S_ISLNK(about.st_mode)) {
+            std::array<char, 4096> target{};
+            check(static_cast<int>(::readlink(("/" + name).c_str(), target.data(), target.size() - 1)), "readlink");
+            check(::symlink(target.data(), (newRoot + "/" + name).c_str()), "symlink");
+        } else if (S_ISDIR(about.st_mode)) {
+            layOver(name, inUserNamespace);
+        }
+    }
+    ::closedir(machine);
+    for (const char *name : {"/mnt", "/proc", "/sys"}) makeDirs(newRoot + name);
+}
+
+void makeRoot(const std::vector<std::string> &binds, bool inUserNamespace) {
     check(::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr), "private mounts");
     // Kept open: the stage may cover a directory that is to be bound.
     std::vector<int> trees;
@@ -117,9 +162,8 @@ void makeRoot(const std::vector<std::string> &binds) {
         trees.push_back(tree);
     }
     mountTmpfs(stage, "mode=0755");
-    for (const char *name : {"/upper", "/work", "/root"}) makeDirs(stage + name);
-    const std::string layers = "lowerdir=/,upperdir=" + stage + "/upper,workdir=" + stage + "/work";
-    check(::mount("overlay", newRoot.c_str(), "overlay", 0, layers.c_str()), "overlay");
+    mountTmpfs(newRoot, "mode=0755");
+    layOverMachine(inUserNamespace);
     mountTmpfs(newRoot + "/tmp", "mode=1777");
     mountTmpfs(newRoot + "/run", "mode=0755");
     makeDirs(newRoot + "/run/lock");
@@ -212,13 +256,14 @@ int main(int argc, char **argv) {
         return cannotMakeBox;
     }
     const std::string workingDir = absolute(".");
-    if (::geteuid() != 0) becomeRootOfUserNamespace();
+    const bool inUserNamespace = ::geteuid() != 0;
+    if (inUserNamespace) becomeRootOfUserNamespace();
     check(::unshare(CLONE_NEWNS | CLONE_NEWIPC | CLONE_NEWUTS | CLONE_NEWNET | CLONE_NEWPID), "namespaces");
     boxInit = ::fork();
     if (boxInit == -1) fail("fork");
     if (boxInit == 0) {
         ::prctl(PR_SET_PDEATHSIG, SIGKILL);
-        makeRoot(binds);
+        makeRoot(binds, inUserNamespace);
         enterRoot(workingDir);
         loopbackUp();
         check(::sethostname("gateway", 7), "host name");

@@ -6,6 +6,7 @@
 #include <syslog.h>
 #include <unistd.h>
 
+#include "support/emulation.h"
 #include "support/files.h"
 #include "support/process.h"
 #include "support/resources.h"
@@ -37,6 +38,17 @@ TEST(Box, HasItsOwnProcessesNetworkAndHostName) {
 TEST(Box, EndsWithTheProgramsOwnStatus) {
     EXPECT_EQ(vxtest::run({"sh", "-c", "exit 7"}).status, 7);
     EXPECT_EQ(vxtest::run({"sh", "-c", "kill -9 $$"}).status, 128 + 9);
+}
+
+TEST(Box, WorksForAnOrdinaryUser) {
+    if (vxtest::emulated()) GTEST_SKIP() << "user-mode emulation cannot make namespaces";
+    const auto output = vxtest::run({"setpriv", "--reuid=65534", "--regid=65534", "--clear-groups",
+                                     vxtest::built("gateway/vxbox"), "--", "sh", "-c",
+                                     "echo x >/nvstatus.probe && echo x >/usr/lib/libvxutils.so.1.0.0 && mkdir -p "
+                                     "/var/run/configd && id -u && hostname"});
+    EXPECT_EQ(output.text, "0\ngateway\n");
+    EXPECT_EQ(output.status, 0);
+    EXPECT_FALSE(vxtest::exists("/nvstatus.probe"));
 }
 
 TEST(SyslogCapture, SeesPriorityAndText) {

@@ -81,6 +81,21 @@ TEST(LibraryFile, ExportsWhatThePublicHeadersDeclareAndNothingElse) {
     EXPECT_EQ(output.status, 0);
 }
 
+// Where `long` is 32 bits wide, a caller without 64-bit times would pass other records than the library reads.
+TEST(LibraryFile, ACallerWithNarrowTimesDoesNotCompile) {
+    if (sizeof(long) == 8) GTEST_SKIP() << "times are 64 bits wide on this machine, whatever a caller sets";
+    const std::string compile =
+        std::string(VXTEST_CC) + " " + VXTEST_COMPILE_FLAGS + " -I" + VXTEST_SOURCE_DIR + "/include -fsyntax-only -x ";
+    const std::string include = " - <<< '#include <vxutils/time64.h>'";
+    for (const std::string language : {"c -std=c99", "c++ -std=c++11"}) {
+        const auto refused = vxtest::run({"bash", "-c", compile + language + include});
+        EXPECT_NE(refused.status, 0) << language;
+        EXPECT_NE(refused.text.find("TIME_BITS"), std::string::npos) << refused.text;
+        const std::string wide = " -D_TIME_BITS=64 -D_FILE_OFFSET_BITS=64";
+        EXPECT_EQ(vxtest::run({"bash", "-c", compile + language + wide + include}).status, 0) << language;
+    }
+}
+
 TEST(LibraryFile, HasOneVersionNode) {
     const std::string versions = readelf("-VW");
     EXPECT_NE(versions.find("Name: VXUTILS_1"), std::string::npos);
