@@ -39,6 +39,12 @@ std::string built(const std::string &program) {
     return std::string(elsewhere != nullptr ? elsewhere : VXTEST_BUILD_DIR) + "/" + program;
 }
 
+std::string shellCommand(const std::string &program) {
+    std::string words;
+    for (const std::string &word : emulator()) words += word + " ";
+    return words + built(program);
+}
+
 Process::Process(const std::vector<std::string> &command) {
     std::vector<std::string> words;
     if (command.at(0).rfind(built(""), 0) == 0) words = emulator();

@@ -14,6 +14,9 @@ namespace vxtest {
 // names another place where they lie (a board).
 std::string built(const std::string &program);
 
+// The same as words for a shell, the emulator's in front of them where the tests run under one.
+std::string shellCommand(const std::string &program);
+
 // A program started with its standard output (and error output) readable and its standard input writable.
 // Programs of this tree are run under the emulator where the tests are.
 class Process {
