@@ -1,0 +1,397 @@
+// SPDX-License-Identifier: MIT
+#include <vxutils/hashtable.h>
+
+#include <algorithm>
+#include <climits>
+#include <cstdint>
+#include <cstring>
+#include <map>
+#include <new>
+#include <random>
+#include <string>
+#include <type_traits>
+#include <vector>
+
+#include "support/process.h"
+
+namespace {
+
+static_assert(sizeof(INUInt32HashTable) == sizeof(void *) + 2 * sizeof(unsigned int));
+static_assert(sizeof(INStringHashTable) == sizeof(void *) + 2 * sizeof(unsigned int));
+static_assert(!std::is_polymorphic_v<INUInt32HashTable> && !std::is_polymorphic_v<INStringHashTable>);
+static_assert(!std::is_copy_constructible_v<INUInt32HashTable> && !std::is_copy_assignable_v<INStringHashTable>);
+
+int slots[1000];  // values are addresses of these
+
+void *slot(size_t i) { return &slots[i]; }
+
+template <typename Table>
+std::vector<void *> values(const Table &table) {
+    std::vector<void *> out(2000);
+    out.resize(table.getFirstNPointers(out.size(), out.data()));
+    return out;
+}
+
+// Stands between the table and its counted walk, which takes no context.
+std::vector<void *> passed;
+
+template <typename Table>
+std::vector<void *> passedValues(const Table &table) {
+    passed.clear();
+    table.passAllPointers([](void *value) { passed.push_back(value); });
+    return passed;
+}
+
+uint32_t referenceHash(const std::string &key) {
+    uint32_t h = 0;
+    for (const char c : key) h = h ^ (static_cast<unsigned char>(c) ^ (h << 5));
+    return h;
+}
+
+// ---- Numbers as keys ----
+
+TEST(INUInt32HashTable, FindsWhatWasAdded) {
+    INUInt32HashTable table(16, HASH_LOW_BITS);
+    EXPECT_TRUE(table.addEntry(1, slot(1)));
+    EXPECT_TRUE(table.addEntry(0, slot(0)));
+    EXPECT_TRUE(table.addEntry(0xffffffff, slot(2)));
+    void *value = nullptr;
+    EXPECT_TRUE(table.getValueFromKey(1, &value));
+    EXPECT_EQ(value, slot(1));
+    EXPECT_TRUE(table.getValueFromKey(0, &value));
+    EXPECT_EQ(value, slot(0));
+    EXPECT_TRUE(table.getValueFromKey(0xffffffff, &value));
+    EXPECT_EQ(value, slot(2));
+    value = slot(9);
+    EXPECT_FALSE(table.getValueFromKey(17, &value)) << "the same bucket as 1";
+    EXPECT_EQ(value, slot(9)) << "untouched";
+}
+
+TEST(INUInt32HashTable, ANullValueIsAValue) {
+    INUInt32HashTable table(4, HASH_LOW_BITS);
+    table.addEntry(3, nullptr);
+    void *value = slot(1);
+    EXPECT_TRUE(table.getValueFromKey(3, &value));
+    EXPECT_EQ(value, nullptr);
+    EXPECT_EQ(values(table), std::vector<void *>{nullptr});
+}
+
+TEST(INUInt32HashTable, AKeyAddedTwiceIsTwoEntriesAndTheOldestWins) {
+    INUInt32HashTable table(4, HASH_LOW_BITS);
+    table.addEntry(5, slot(1));
+    table.addEntry(5, slot(2));
+    EXPECT_EQ(table.getNumberOfKeys(), 2UL);
+    void *value = nullptr;
+    EXPECT_TRUE(table.getValueFromKey(5, &value));
+    EXPECT_EQ(value, slot(1));
+    EXPECT_TRUE(table.removeEntry(5));
+    EXPECT_TRUE(table.getValueFromKey(5, &value));
+    EXPECT_EQ(value, slot(2));
+    EXPECT_TRUE(table.removeEntry(5));
+    EXPECT_FALSE(table.removeEntry(5));
+    EXPECT_EQ(table.getNumberOfKeys(), 0UL);
+}
+
+TEST(INUInt32HashTable, RemovesFromTheBeginningMiddleAndEndOfAChain) {
+    for (const unsigned long victim : {1UL, 9UL, 17UL}) {
+        INUInt32HashTable table(8, HASH_LOW_BITS);
+        for (const unsigned long key : {1UL, 9UL, 17UL}) table.addEntry(key, slot(key));
+        EXPECT_FALSE(table.removeEntry(25));
+        EXPECT_TRUE(table.removeEntry(victim));
+        for (const unsigned long key : {1UL, 9UL, 17UL}) {
+            void *value = nullptr;
+            EXPECT_EQ(table.getValueFromKey(key, &value), key != victim) << key;
+        }
+        table.addEntry(25, slot(25));
+        EXPECT_EQ(values(table).back(), slot(25)) << "new entries stand at the end";
+        EXPECT_EQ(table.getLongestChain(), 3UL);
+    }
+}
+
+TEST(INUInt32HashTable, TheLowBitsChooseTheBucket) {
+    INUInt32HashTable table(8, HASH_LOW_BITS);
+    for (const unsigned long key : {1UL, 9UL, 17UL}) table.addEntry(key, slot(key));
+    EXPECT_EQ(table.getLongestChain(), 3UL);
+    table.addEntry(2, slot(2));
+    table.addEntry(0xfffffff8UL, slot(8));
+    EXPECT_EQ(table.getLongestChain(), 3UL);
+    EXPECT_EQ(values(table), (std::vector<void *>{slot(8), slot(1), slot(9), slot(17), slot(2)}))
+        << "buckets upwards, each from its oldest";
+    EXPECT_EQ(passedValues(table), values(table));
+}
+
+TEST(INUInt32HashTable, DoesNotLookAtTheHashFunctionAsked) {
+    INUInt32HashTable table(8, static_cast<HashFunctionType>(1));
+    table.addEntry(1, slot(1));
+    table.addEntry(9, slot(9));
+    EXPECT_EQ(table.getLongestChain(), 2UL);
+}
+
+TEST(INUInt32HashTable, KeysAre32BitsWideEverywhere) {
+    INUInt32HashTable table(8, HASH_LOW_BITS);
+    const unsigned long wide = static_cast<unsigned long>(0x100000005ULL);  // 5 where unsigned long has 32 bits
+    table.addEntry(wide, slot(1));
+    void *value = nullptr;
+    EXPECT_TRUE(table.getValueFromKey(5, &value));
+    EXPECT_TRUE(table.getValueFromKey(wide, &value));
+    EXPECT_TRUE(table.getValueFromKey(ULONG_MAX - UINT32_MAX + 5, &value));
+    EXPECT_FALSE(table.removeEntry(ULONG_MAX));
+    EXPECT_TRUE(table.removeEntry(wide));
+    EXPECT_EQ(table.getNumberOfKeys(), 0UL);
+    table.addEntry(ULONG_MAX, slot(2));
+    EXPECT_TRUE(table.getValueFromKey(UINT32_MAX, &value));
+}
+
+// Number of buckets, found from outside: keys 0, 1, 2, ... make the first chain of two when they wrap around.
+unsigned long bucketsOf(unsigned long size) {
+    INUInt32HashTable table(size, HASH_LOW_BITS);
+    unsigned long keys = 0;
+    while (table.getLongestChain() < 2) table.addEntry(keys++, nullptr);
+    return keys - 1;
+}
+
+TEST(INUInt32HashTable, TakesTheSmallestPowerOfTwoThatIsNotBelowTheRequest) {
+    EXPECT_EQ(bucketsOf(0), 2UL);
+    EXPECT_EQ(bucketsOf(1), 2UL);
+    EXPECT_EQ(bucketsOf(2), 2UL);
+    EXPECT_EQ(bucketsOf(3), 4UL);
+    EXPECT_EQ(bucketsOf(4), 4UL);
+    EXPECT_EQ(bucketsOf(5), 8UL);
+    EXPECT_EQ(bucketsOf(8), 8UL);
+    EXPECT_EQ(bucketsOf(9), 16UL);
+    EXPECT_EQ(bucketsOf(1000), 1024UL);
+    EXPECT_EQ(bucketsOf(1024), 1024UL);
+    EXPECT_EQ(bucketsOf(1025), 2048UL);
+}
+
+TEST(INUInt32HashTable, SizesThatCannotBeHadAreRefusedAtOnce) {
+    std::vector<unsigned long> sizes = {0x10000001UL, 0x1fffffffUL, 0x20000000UL, 0x40000000UL,     0x80000000UL,
+                                        0x80000001UL, 0xffffffffUL, ULONG_MAX,    ULONG_MAX / 2 + 1};
+    if constexpr (sizeof(long) > 4) sizes.push_back(ULONG_MAX - UINT32_MAX);  // its low 32 bits are 0
+    for (const unsigned long size : sizes) {
+        EXPECT_THROW(INUInt32HashTable(size, HASH_LOW_BITS), std::bad_array_new_length) << size;
+        EXPECT_THROW(INStringHashTable{size}, std::bad_array_new_length) << size;
+    }
+}
+
+TEST(INUInt32HashTable, RemoveAllEntriesKeepsTheTableUsable) {
+    INUInt32HashTable table(4, HASH_LOW_BITS);
+    for (unsigned long key = 0; key < 20; ++key) table.addEntry(key, slot(key));
+    table.removeAllEntries();
+    EXPECT_EQ(table.getNumberOfKeys(), 0UL);
+    EXPECT_EQ(table.getLongestChain(), 0UL);
+    EXPECT_TRUE(values(table).empty());
+    table.addEntry(3, slot(3));
+    EXPECT_EQ(table.getNumberOfKeys(), 1UL);
+    table.removeAllEntries();
+    table.removeAllEntries();
+    EXPECT_EQ(table.getNumberOfKeys(), 0UL);
+}
+
+TEST(INUInt32HashTable, GetFirstNPointersStopsAtN) {
+    INUInt32HashTable table(4, HASH_LOW_BITS);
+    for (unsigned long key = 0; key < 6; ++key) table.addEntry(key, slot(key));
+    const std::vector<void *> all = {slot(0), slot(4), slot(1), slot(5), slot(2), slot(3)};
+    for (size_t n = 0; n <= 8; ++n) {
+        std::vector<void *> out(8, slot(99));
+        const size_t copied = std::min<size_t>(n, 6);
+        EXPECT_EQ(table.getFirstNPointers(n, out.data()), copied);
+        EXPECT_TRUE(std::equal(all.begin(), all.begin() + static_cast<long>(copied), out.begin()));
+        EXPECT_EQ(out[copied], slot(99)) << "nothing behind";
+    }
+    EXPECT_EQ(table.getFirstNPointers(0, nullptr), 0UL);
+}
+
+TEST(INUInt32HashTable, AnEmptyTableHasNothing) {
+    const INUInt32HashTable table(0, HASH_LOW_BITS);
+    EXPECT_EQ(table.getNumberOfKeys(), 0UL);
+    EXPECT_EQ(table.getLongestChain(), 0UL);
+    EXPECT_EQ(table.getFirstNPointers(5, nullptr), 0UL);
+    EXPECT_TRUE(passedValues(table).empty());
+    void *value = slot(1);
+    EXPECT_FALSE(table.getValueFromKey(0, &value));
+    EXPECT_EQ(value, slot(1));
+}
+
+TEST(INUInt32HashTable, TheWalkMayFreeWhatItIsGiven) {
+    INUInt32HashTable table(4, HASH_LOW_BITS);
+    for (unsigned long key = 0; key < 50; ++key) table.addEntry(key, new int(7));
+    table.passAllPointers([](void *value) { delete static_cast<int *>(value); });
+    EXPECT_EQ(table.getNumberOfKeys(), 50UL) << "the entries stay";
+}
+
+TEST(INUInt32HashTable, AgreesWithAModelOverManySteps) {
+    std::mt19937 random(11);
+    INUInt32HashTable table(32, HASH_LOW_BITS);
+    std::multimap<uint32_t, void *> model;  // equal keys in order of insertion
+    for (int step = 0; step < 50000; ++step) {
+        const uint32_t key = random() % 64 * (random() % 2 == 0 ? 1 : 0x01000000);
+        if (random() % 2 == 0) {
+            void *const value = slot(random() % 1000);
+            table.addEntry(key, value);
+            model.emplace(key, value);
+        } else {
+            const auto found = model.lower_bound(key);
+            const bool known = found != model.end() && found->first == key;
+            ASSERT_EQ(table.removeEntry(key), known);
+            if (known) model.erase(found);
+        }
+        const uint32_t asked = random() % 64;
+        const auto found = model.lower_bound(asked);
+        const bool known = found != model.end() && found->first == asked;
+        void *value = nullptr;
+        ASSERT_EQ(table.getValueFromKey(asked, &value), known);
+        ASSERT_EQ(value, known ? found->second : nullptr);
+        if (step % 1000 == 0) {
+            ASSERT_EQ(table.getNumberOfKeys(), model.size());
+            table.removeAllEntries();
+            model.clear();
+        }
+    }
+}
+
+// ---- Texts as keys ----
+
+TEST(INStringHashTable, FindsWhatWasAdded) {
+    INStringHashTable table(16);
+    EXPECT_TRUE(table.addEntry("alpha", slot(1)));
+    EXPECT_TRUE(table.addEntry("beta", slot(2)));
+    EXPECT_TRUE(table.addEntry("", slot(3)));
+    void *value = nullptr;
+    EXPECT_TRUE(table.getValueFromKey("alpha", &value));
+    EXPECT_EQ(value, slot(1));
+    EXPECT_TRUE(table.getValueFromKey("", &value));
+    EXPECT_EQ(value, slot(3));
+    value = slot(9);
+    EXPECT_FALSE(table.getValueFromKey("alph", &value));
+    EXPECT_FALSE(table.getValueFromKey("Alpha", &value));
+    EXPECT_FALSE(table.getValueFromKey("alphas", &value));
+    EXPECT_EQ(value, slot(9));
+}
+
+TEST(INStringHashTable, AKeyAddedTwiceAndRemovedOnceIsStillThere) {
+    INStringHashTable table(16);
+    table.addEntry("key", slot(1));
+    table.addEntry("key", slot(2));
+    EXPECT_EQ(table.getNumberOfKeys(), 2UL);
+    EXPECT_TRUE(table.removeEntry("key"));
+    EXPECT_EQ(table.getNumberOfKeys(), 1UL);
+    void *value = nullptr;
+    EXPECT_TRUE(table.getValueFromKey("key", &value));
+    EXPECT_EQ(value, slot(2)) << "the oldest went first";
+    EXPECT_TRUE(table.removeEntry("key"));
+    EXPECT_FALSE(table.removeEntry("key"));
+}
+
+TEST(INStringHashTable, KeepsItsOwnCopyOfTheKey) {
+    INStringHashTable table(16);
+    auto *const key = new char[6]{'a', 'l', 'p', 'h', 'a', '\0'};
+    table.addEntry(key, slot(1));
+    key[0] = 'X';
+    void *value = nullptr;
+    EXPECT_TRUE(table.getValueFromKey("alpha", &value));
+    delete[] key;
+    EXPECT_TRUE(table.getValueFromKey("alpha", &value));
+    EXPECT_FALSE(table.getValueFromKey("Xlpha", &value));
+}
+
+TEST(INStringHashTable, SizesFollowTheSameRule) {
+    for (const unsigned long size : {0UL, 1UL, 3UL, 1000UL}) {
+        INStringHashTable table(size);
+        for (int i = 0; i < 100; ++i) table.addEntry(std::to_string(i).c_str(), slot(static_cast<size_t>(i)));
+        EXPECT_EQ(table.getNumberOfKeys(), 100UL);
+        for (int i = 0; i < 100; ++i) {
+            void *value = nullptr;
+            EXPECT_TRUE(table.getValueFromKey(std::to_string(i).c_str(), &value));
+            EXPECT_EQ(value, slot(static_cast<size_t>(i)));
+        }
+    }
+}
+
+// Which bucket a key is in, found from outside: marks made of the keys' own hashes stand in every bucket.
+TEST(INStringHashTable, TheHashChoosesTheBucket) {
+    std::mt19937 random(5);
+    constexpr uint32_t buckets = 256;
+    for (size_t length = 0; length <= 40; ++length) {
+        INStringHashTable table(buckets);
+        std::vector<std::pair<uint32_t, void *>> expected;
+        for (size_t i = 0; i < 200; ++i) {
+            std::string key(length, '\0');
+            for (char &c : key) c = static_cast<char>(1 + random() % 255);
+            table.addEntry(key.c_str(), slot(i));
+            expected.emplace_back(referenceHash(key) & (buckets - 1), slot(i));
+        }
+        std::stable_sort(expected.begin(), expected.end(),
+                         [](const auto &a, const auto &b) { return a.first < b.first; });
+        std::vector<void *> order;
+        for (const auto &one : expected) order.push_back(one.second);
+        ASSERT_EQ(values(table), order) << "keys of " << length << " bytes";
+        EXPECT_EQ(passedValues(table), order);
+    }
+}
+
+TEST(INStringHashTable, AllBitsOfTheHashAreRight) {
+    std::mt19937 random(6);
+    constexpr uint32_t buckets = 1U << 20;
+    for (int round = 0; round < 20; ++round) {
+        INStringHashTable table(buckets);
+        std::string first, second;
+        do {  // two keys in known order of their buckets
+            first.assign(1 + random() % 64, '\0');
+            second.assign(1 + random() % 64, '\0');
+            for (char &c : first) c = static_cast<char>(1 + random() % 255);
+            for (char &c : second) c = static_cast<char>(1 + random() % 255);
+        } while ((referenceHash(first) & (buckets - 1)) >= (referenceHash(second) & (buckets - 1)));
+        table.addEntry(second.c_str(), slot(2));
+        table.addEntry(first.c_str(), slot(1));
+        EXPECT_EQ(values(table), (std::vector<void *>{slot(1), slot(2)}));
+    }
+}
+
+TEST(INStringHashTable, RemovesFromTheBeginningMiddleAndEndOfAChain) {
+    for (const char *victim : {"a", "c", "e"}) {  // even letters share one of two buckets
+        INStringHashTable table(2);
+        for (const char *key : {"a", "c", "e"}) table.addEntry(key, slot(static_cast<size_t>(key[0])));
+        ASSERT_EQ(table.getLongestChain(), 3UL);
+        EXPECT_FALSE(table.removeEntry("g"));
+        EXPECT_TRUE(table.removeEntry(victim));
+        EXPECT_EQ(table.getNumberOfKeys(), 2UL);
+        for (const char *key : {"a", "c", "e"}) {
+            void *value = nullptr;
+            EXPECT_EQ(table.getValueFromKey(key, &value), std::strcmp(key, victim) != 0);
+        }
+    }
+}
+
+TEST(INStringHashTable, RemoveAllEntriesAndTheWalk) {
+    INStringHashTable table(8);
+    for (int i = 0; i < 50; ++i) table.addEntry(std::to_string(i).c_str(), new int(i));
+    table.passAllPointers([](void *value) { delete static_cast<int *>(value); });
+    EXPECT_EQ(table.getNumberOfKeys(), 50UL);
+    table.removeAllEntries();
+    EXPECT_EQ(table.getNumberOfKeys(), 0UL);
+    EXPECT_EQ(table.getFirstNPointers(10, nullptr), 0UL);
+    table.addEntry("again", slot(1));
+    EXPECT_EQ(values(table), std::vector<void *>{slot(1)});
+}
+
+TEST(INStringHashTable, LongKeysAreWhole) {
+    INStringHashTable table(4);
+    const std::string one = std::string(100000, 'x') + "1";
+    const std::string two = std::string(100000, 'x') + "2";
+    table.addEntry(one.c_str(), slot(1));
+    void *value = nullptr;
+    EXPECT_TRUE(table.getValueFromKey(one.c_str(), &value));
+    EXPECT_FALSE(table.getValueFromKey(two.c_str(), &value));
+    EXPECT_TRUE(table.removeEntry(one.c_str()));
+}
+
+TEST(HashTableExample, CountsWords) {
+    vxtest::Process program({vxtest::built("examples/hashtable_words"), "up", "down", "left"});
+    program.send("up down up\nup right\n");
+    program.closeInput();
+    EXPECT_EQ(program.readAll(), "3 different words\nup: 3\ndown: 1\nleft: 0\n");
+    EXPECT_EQ(program.wait(), 0);
+}
+
+}  // namespace
