@@ -1,0 +1,222 @@
+/* SPDX-License-Identifier: MIT */
+/**
+ * @file
+ * The small file jobs of a daemon: read a one-value file, read a file as lines, replace a file so that a reader sees
+ * the old or the new content and nothing between, make, copy, empty and remove directory trees.
+ *
+ * @code
+ * writefile("/tmp/status/wan/state", "up");               // content "up\n", replaced in one step
+ * if (strcmp(readfile("/tmp/status/wan/state"), "up") == 0) start_services();
+ * writefile("/tmp/status/wan/state", "");                 // removes the file
+ * @endcode
+ *
+ * Functions return 0 for success and -1 for failure unless they say otherwise; errno is then what the failing call
+ * left, and where a message is promised it is one line in the system log. Paths are the kernel's: relative ones start
+ * at the current directory. Nothing locks, nothing is flushed to the medium, no descriptor outlives its call or is
+ * inherited across exec.
+ *
+ * readfile(), readaddress() and create_tmpfile() work in static buffers: one thread at a time for each of them
+ * (readaddress() shares readfile()'s). Everything else may be called from several threads at once. Calls block as long
+ * as the file system, or the other end of a FIFO, makes them.
+ */
+#ifndef VXUTILS_FILE_H
+#define VXUTILS_FILE_H
+
+#include <stddef.h>
+#include <vxutils/api.h>
+#include <vxutils/list.h>
+
+struct sockaddr;
+
+VXUTILS_BEGIN_DECLS
+
+/** Result of read_file_lines() when the file could not be opened: -1. */
+extern VXUTILS_API const int READFILE_OPEN_FAILED;
+
+/** Result of read_file_lines() when memory ran out: -10. */
+extern VXUTILS_API const int READFILE_OUT_OF_MEMORY;
+
+/** One line of read_file_lines(). Record and text are released with free(). */
+struct file_line {
+    struct list_link list; /**< link in the caller's list */
+    char *data;            /**< the line without its end; NULL if there was no memory for it */
+};
+typedef struct file_line file_line;
+
+/**
+ * Appends the lines of a file to a list.
+ *
+ * Lines end at CR or LF, which are not stored; what stands between a CR and its LF is lost. A physical line is read in
+ * pieces of at most 1023 characters, each an entry of its own: a line of exactly 1023 characters is followed by an
+ * empty entry, made of its newline alone.
+ *
+ * @param path  file to read
+ * @param lines head of the list; a file_line per line is added at its tail. The caller owns records and texts.
+ * @return the number of entries appended; READFILE_OPEN_FAILED; READFILE_OUT_OF_MEMORY (logged, LOG_ERR), what was
+ *         appended until then stays in the list
+ */
+VXUTILS_API int read_file_lines(const char *path, struct list_link *lines);
+
+/**
+ * Removes a file that is there: for flag files that are to be noticed once.
+ *
+ * @param name file
+ * @return 0 if the file was readable by the real user (it is then unlinked, whatever comes of that), -1 otherwise and
+ *         for NULL
+ */
+VXUTILS_API int dropfile(const char *name);
+
+/**
+ * Replaces the content of a file in one step: a temporary file beside it ("PATH_XXXXXX", mode 0600) is written and
+ * renamed onto it, so that readers see the old content or the new one. The new file has the mode of the temporary one,
+ * 0600.
+ *
+ * Paths that begin with "/dev", "/proc" or "/sys" (also "/device/x") cannot be replaced: they are written directly, the
+ * newline in the same write as the data, because kernel attributes take each write as one command. A direct write
+ * truncates or creates the file (0666 less the umask) and is logged at DL_INFO.
+ *
+ * A failed or short write leaves the temporary file behind, with what was written; a failed rename removes it. Every
+ * failure is logged at DL_ERROR.
+ *
+ * @param path           file to replace
+ * @param buf            content, @p len bytes; may be NULL when @p len is 0
+ * @param len            size of the content in bytes
+ * @param append_newline non-zero: end the content with a newline
+ * @param allow_fallback non-zero: write directly where the path begins with one of the three prefixes; bit 0 set: also
+ *                       where the temporary file cannot be created
+ * @return 0 or -1
+ */
+VXUTILS_API int write_file_atomic(const char *path, const void *buf, size_t len, int append_newline,
+                                  unsigned char allow_fallback);
+
+/**
+ * Writes a status file: the text and a newline with write_file_atomic(), direct writes allowed. The empty text removes
+ * the file instead, and a file that is not there counts as removed.
+ *
+ * @param name file
+ * @param text new content, or "" to remove the file
+ * @return 0 or -1; -1 for NULL. Another failure to remove is logged at DL_ERROR.
+ */
+VXUTILS_API int writefile(const char *name, const char *text);
+
+/**
+ * Reads a small text file into the caller's buffer, white space cut off both ends. What cannot be read, as the real
+ * user, is the empty text. A NUL byte hides the rest of its line.
+ *
+ * @param name file; NULL reads as empty
+ * @param buf  receives at most @p size - 1 characters and a terminator
+ * @param size size of @p buf in bytes
+ * @return the text: a pointer into @p buf, behind the leading white space. @p buf untouched when @p size is 0, NULL
+ * when
+ *         @p buf is.
+ */
+VXUTILS_API char *readfile_r(const char *name, char *buf, size_t size);
+
+/**
+ * readfile_r() into a static buffer of 1024 bytes.
+ *
+ * @param name file; NULL reads as empty
+ * @return the text, which may be changed, inside the buffer; valid until the next call of readfile() or readaddress()
+ */
+VXUTILS_API char *readfile(const char *name);
+
+/**
+ * Reads a file that holds an IPv4 or IPv6 address as text.
+ *
+ * @param name file
+ * @param addr record to fill, as str2addr() does (address.h); its first 16 bytes are cleared before. Room for a
+ *             sockaddr_in6 is needed if the file may hold an IPv6 address.
+ * @return result of str2addr(); -1 when an argument is NULL or the file is empty or not readable
+ */
+VXUTILS_API int readaddress(const char *name, struct sockaddr *addr);
+
+/**
+ * Makes one directory, readable and searchable for everybody and writable for nobody (mode 0555). One that exists, or a
+ * symbolic link of that name wherever it points, is success and left as it is.
+ *
+ * @param path directory to make
+ * @return 0 or -1, with a message (LOG_ERR; a failing chmod LOG_DEBUG). NULL is -1 without a message.
+ */
+VXUTILS_API int try_mkdir(const char *path);
+
+/**
+ * Makes a directory and the missing ones above it, each with try_mkdir(). One trailing slash is ignored.
+ *
+ * @param path directory to make; not changed. "." and "/" are there already.
+ * @return 0; the result of the try_mkdir() that failed; -1 for NULL and "" (logged, LOG_ERR)
+ */
+VXUTILS_API int create_directory(char *path);
+
+/**
+ * Removes a regular file, and nothing else: no link, directory or device.
+ *
+ * @param name file; one that is not there counts as removed, NULL too
+ * @return 0; -1 when it is no regular file or cannot be removed
+ */
+VXUTILS_API int delete_regular_file(const char *name);
+
+/**
+ * Removes a directory with everything in it, or a file. Symbolic links inside are removed, not followed. A @p path that
+ * is itself a link to a directory is followed: the directory it points to is emptied, then the link is removed.
+ *
+ * What cannot be removed is passed over without a word.
+ *
+ * @param path directory or file
+ * @return 0, also when something could not be removed; -1 for NULL and "", when an entry of the directory cannot be
+ *         examined or its path does not fit 4096 bytes: the rest then stays
+ */
+VXUTILS_API int delete_directory(const char *path);
+
+/**
+ * Empties a directory as delete_directory() does, and keeps it.
+ *
+ * @param path directory; 0 when it cannot be opened
+ * @return 0; -1 as delete_directory()
+ */
+VXUTILS_API int delete_directory_contents(const char *path);
+
+/**
+ * Tells whether a directory has no entries.
+ *
+ * @param path directory
+ * @return 1 when it is empty or cannot be read, 0 when it has entries, -1 for NULL and ""
+ */
+VXUTILS_API int empty_directory(const char *path);
+
+/**
+ * Copies a file's content and, for a new file, its mode less the umask. Links are followed, also in the place of @p
+ * dst. The directory of @p dst is made when it is missing, with create_directory(); one that is a symbolic link is
+ * refused.
+ *
+ * The content goes over in one transfer of the size the file has at that moment: files without a size, as those of
+ * /proc, copy as empty ones, and what the kernel moves at once (2 GiB) is the most.
+ *
+ * @param src file to copy
+ * @param dst file to write
+ * @return 0 or -1, with a message (LOG_ERR)
+ */
+VXUTILS_API int copy_file(const char *src, const char *dst);
+
+/**
+ * Copies a directory tree. The destination directories are made with mode 0755; files are copied with copy_file(), and
+ * links as the files that they point to. Stops at the first failure; what was copied stays.
+ *
+ * @param src directory to copy
+ * @param dst directory to fill; made when it is missing, the one above it must exist
+ * @return 0 or -1; -1 for NULL and when a path does not fit 4096 bytes
+ */
+VXUTILS_API int copy_directory(const char *src, const char *dst);
+
+/**
+ * Makes an empty file with a new name and mode 0600; the caller removes it.
+ *
+ * When that fails, whatever has the name of the pattern is removed: a pattern must not be the name of a file in use.
+ *
+ * @param pattern path ending in XXXXXX, cut at 1023 characters
+ * @return its name, in a static buffer, valid until the next call; NULL on failure and for NULL and ""
+ */
+VXUTILS_API char *create_tmpfile(const char *pattern);
+
+VXUTILS_END_DECLS
+
+#endif

@@ -1,0 +1,740 @@
+// SPDX-License-Identifier: MIT
+// Content of files: reading small ones, reading lines, replacing in one step.
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <glob.h>
+#include <netinet/in.h>
+#include <sys/mount.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <syslog.h>
+#include <unistd.h>
+#include <vxutils/file.h>
+#include <vxutils/strutil.h>
+
+#include <atomic>
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+#include <random>
+#include <thread>
+
+#include "support/files.h"
+#include "support/process.h"
+#include "support/resources.h"
+#include "support/syslog_capture.h"
+
+namespace {
+
+using vxtest::LogLine;
+using vxtest::readFile;
+using vxtest::writeFile;
+using namespace std::string_literals;
+
+const std::string dir = "/tmp/file";
+
+std::string path(const std::string &name) { return dir + "/" + name; }
+
+mode_t modeOf(const std::string &name) {
+    struct stat status {};
+    return ::lstat(name.c_str(), &status) == 0 ? status.st_mode & 07777 : 0;
+}
+
+std::vector<std::string> found(const std::string &pattern) {
+    glob_t result{};
+    std::vector<std::string> names;
+    if (::glob(pattern.c_str(), 0, nullptr, &result) == 0) {
+        names.assign(result.gl_pathv, result.gl_pathv + result.gl_pathc);
+    }
+    ::globfree(&result);
+    return names;
+}
+
+// What is left of temporary files beside a target.
+std::vector<std::string> temporaries(const std::string &target) { return found(target + "_??????"); }
+
+class Files : public testing::Test {
+protected:
+    void SetUp() override {
+        vxtest::makeDirs(dir);
+        for (const std::string &name : found(dir + "/*")) ::unlink(name.c_str());
+    }
+
+    vxtest::NoLeaks noLeaks_;
+};
+
+// ---- write_file_atomic ----
+
+using WriteFileAtomic = Files;
+
+TEST_F(WriteFileAtomic, ReplacesTheContentAndLeavesNothingElse) {
+    writeFile(path("state"), "old and longer");
+    vxtest::SyslogCapture log;
+    EXPECT_EQ(write_file_atomic(path("state").c_str(), "new", 3, 0, 0), 0);
+    EXPECT_EQ(readFile(path("state")), "new");
+    EXPECT_EQ(found(dir + "/*"), std::vector{path("state")});
+    EXPECT_TRUE(log.take().empty());
+}
+
+TEST_F(WriteFileAtomic, AppendsANewlineWhenAsked) {
+    EXPECT_EQ(write_file_atomic(path("state").c_str(), "new", 3, 1, 0), 0);
+    EXPECT_EQ(readFile(path("state")), "new\n");
+    EXPECT_EQ(write_file_atomic(path("state").c_str(), "", 0, -1, 0), 0);
+    EXPECT_EQ(readFile(path("state")), "\n");
+    EXPECT_EQ(write_file_atomic(path("state").c_str(), nullptr, 0, 0, 0), 0);
+    EXPECT_EQ(readFile(path("state")), "");
+}
+
+TEST_F(WriteFileAtomic, WritesAnyBytes) {
+    std::string bytes(200000, '\0');
+    for (size_t i = 0; i < bytes.size(); ++i) bytes[i] = static_cast<char>(i * 7);
+    EXPECT_EQ(write_file_atomic(path("blob").c_str(), bytes.data(), bytes.size(), 0, 0), 0);
+    EXPECT_EQ(readFile(path("blob")), bytes);
+}
+
+TEST_F(WriteFileAtomic, GivesTheFileTheTemporaryFilesMode) {
+    writeFile(path("state"), "old");
+    ::chmod(path("state").c_str(), 0644);
+    EXPECT_EQ(write_file_atomic(path("state").c_str(), "new", 3, 0, 0), 0);
+    EXPECT_EQ(modeOf(path("state")), 0600u);
+}
+
+TEST_F(WriteFileAtomic, ReplacesALinkAndNotItsTarget) {
+    writeFile(path("target"), "kept");
+    ASSERT_EQ(::symlink("target", path("link").c_str()), 0);
+    EXPECT_EQ(write_file_atomic(path("link").c_str(), "new", 3, 0, 0), 0);
+    EXPECT_EQ(readFile(path("target")), "kept");
+    EXPECT_EQ(modeOf(path("link")), 0600u);
+}
+
+TEST_F(WriteFileAtomic, WorksOnARelativePath) {
+    EXPECT_EQ(vxtest::inChild([] {
+                  if (::chdir(dir.c_str()) != 0) return 1;
+                  return write_file_atomic("here", "x", 1, 0, 0) == 0 ? 0 : 2;
+              }),
+              0);
+    EXPECT_EQ(readFile(path("here")), "x");
+}
+
+TEST_F(WriteFileAtomic, RefusesANullPath) {
+    EXPECT_EQ(write_file_atomic(nullptr, "x", 1, 0, 1), -1);
+    EXPECT_EQ(errno, EINVAL);
+}
+
+TEST_F(WriteFileAtomic, RefusesThePrefixesWithoutFallbackAndTouchesNothing) {
+    vxtest::SyslogCapture log;
+    for (const std::string target : {"/proc/self/comm", "/dev/shm/x", "/sys/x", "/device/x", "/process", "/system/y"}) {
+        errno = ENOTTY;
+        EXPECT_EQ(write_file_atomic(target.c_str(), "x", 1, 0, 0), -1);
+        EXPECT_EQ(errno, ENOTTY);
+        EXPECT_EQ(log.take(), (std::vector<LogLine>{{LOG_ERR, "Unable to open tempfile (" + target +
+                                                                  "_XXXXXX) for writing - errno=25(Inappropriate ioctl "
+                                                                  "for device)"}}));
+    }
+    EXPECT_FALSE(vxtest::exists("/dev/shm/x"));
+}
+
+TEST_F(WriteFileAtomic, AnyFallbackValueAllowsThePrefixes) {
+    vxtest::SyslogCapture log;
+    for (const unsigned char fallback : {1, 2, 255}) {
+        EXPECT_EQ(write_file_atomic("/dev/shm/direct", "value", 5, 0, fallback), 0);
+        EXPECT_EQ(readFile("/dev/shm/direct"), "value");
+        EXPECT_EQ(log.take(),
+                  (std::vector<LogLine>{{LOG_INFO, "Non atomic fallback used for writing to file (/dev/shm/direct)"}}));
+        ::unlink("/dev/shm/direct");
+    }
+}
+
+TEST_F(WriteFileAtomic, PrefixesAreComparedByTheirOwnLength) {
+    vxtest::SyslogCapture log;
+    vxtest::makeDirs("/device");
+    vxtest::makeDirs("/de");
+    EXPECT_EQ(write_file_atomic("/device/x", "1", 1, 0, 1), 0);
+    EXPECT_EQ(log.take(),
+              (std::vector<LogLine>{{LOG_INFO, "Non atomic fallback used for writing to file (/device/x)"}}));
+    EXPECT_EQ(write_file_atomic("/de/x", "1", 1, 0, 0), 0);
+    EXPECT_EQ(write_file_atomic("/tmp/../tmp/file/x", "1", 1, 0, 0), 0);
+    EXPECT_TRUE(log.take().empty());
+}
+
+TEST_F(WriteFileAtomic, ADirectWriteTruncatesAndKeepsTheMode) {
+    writeFile("/dev/shm/direct", "old and longer");
+    ::chmod("/dev/shm/direct", 0640);
+    EXPECT_EQ(write_file_atomic("/dev/shm/direct", "new", 3, 1, 1), 0);
+    EXPECT_EQ(readFile("/dev/shm/direct"), "new\n");
+    EXPECT_EQ(modeOf("/dev/shm/direct"), 0640u);
+    ::unlink("/dev/shm/direct");
+    const mode_t before = ::umask(0027);
+    EXPECT_EQ(write_file_atomic("/dev/shm/direct", nullptr, 0, 1, 1), 0);
+    ::umask(before);
+    EXPECT_EQ(readFile("/dev/shm/direct"), "\n");
+    EXPECT_EQ(modeOf("/dev/shm/direct"), 0640u);
+    ::unlink("/dev/shm/direct");
+}
+
+// The kernel takes each write to this attribute as the whole new name: two writes would leave the name "\n".
+TEST_F(WriteFileAtomic, ADirectWriteHandsDataAndNewlineOverInOneWrite) {
+    EXPECT_EQ(vxtest::inChild([] {
+                  if (write_file_atomic("/proc/self/comm", "gateway", 7, 1, 1) != 0) return 1;
+                  char name[16] = {};
+                  ::prctl(PR_GET_NAME, name);
+                  return std::strcmp(name, "gateway\n") == 0 ? 0 : 2;
+              }),
+              0);
+}
+
+TEST_F(WriteFileAtomic, ADirectWriteThatFailsIsReported) {
+    vxtest::SyslogCapture log;
+    for (const int newline : {0, 1}) {
+        errno = 0;
+        EXPECT_EQ(write_file_atomic("/dev/full", "x", 1, newline, 1), -1);
+        EXPECT_EQ(errno, ENOSPC);
+        EXPECT_EQ(log.take(),
+                  (std::vector<LogLine>{
+                      {LOG_ERR, "Unable to write to file (/dev/full) - errno=28(No space left on device)"}}));
+    }
+}
+
+TEST_F(WriteFileAtomic, ADirectWriteThatCannotOpenIsReported) {
+    vxtest::SyslogCapture log;
+    EXPECT_EQ(write_file_atomic("/dev/none/x", "x", 1, 1, 1), -1);
+    EXPECT_EQ(errno, ENOENT);
+    EXPECT_EQ(log.take(),
+              (std::vector<LogLine>{
+                  {LOG_ERR, "Unable to open file (/dev/none/x) for writing - errno=2(No such file or directory)"}}));
+}
+
+TEST_F(WriteFileAtomic, ASizeThatLeavesNoRoomForTheNewlineIsNoMemory) {
+    vxtest::SyslogCapture log;
+    EXPECT_EQ(write_file_atomic("/dev/shm/direct", "x", SIZE_MAX, 1, 1), -1);
+    EXPECT_EQ(errno, ENOMEM);
+    EXPECT_EQ(log.take(), (std::vector<LogLine>{{LOG_ERR,
+                                                 "Unable to write to file (/dev/shm/direct) - errno=12(Cannot allocate "
+                                                 "memory)"}}));
+    ::unlink("/dev/shm/direct");
+}
+
+// A name so long that only the temporary file's is too long for a directory entry.
+const std::string longName(250, 'n');
+
+TEST_F(WriteFileAtomic, WithoutATemporaryFileBitZeroOfTheFallbackWritesDirectly) {
+    const std::string target = path(longName);
+    vxtest::SyslogCapture log;
+    EXPECT_EQ(write_file_atomic(target.c_str(), "x", 1, 1, 1), 0);
+    EXPECT_EQ(readFile(target), "x\n");
+    EXPECT_EQ(log.take(),
+              (std::vector<LogLine>{{LOG_INFO, "Non atomic fallback used for writing to file (" + target + ")"}}));
+    EXPECT_EQ(write_file_atomic(target.c_str(), "y", 1, 0, 3), 0);
+    EXPECT_EQ(readFile(target), "y");
+}
+
+TEST_F(WriteFileAtomic, WithoutATemporaryFileOtherFallbackValuesFail) {
+    const std::string target = path(longName);
+    for (const unsigned char fallback : {0, 2, 254}) {
+        vxtest::SyslogCapture log;
+        EXPECT_EQ(write_file_atomic(target.c_str(), "x", 1, 1, fallback), -1);
+        EXPECT_EQ(errno, ENAMETOOLONG);
+        const auto lines = log.take();
+        ASSERT_EQ(lines.size(), 1u);
+        EXPECT_EQ(lines[0].priority, LOG_ERR);
+        EXPECT_THAT(lines[0].text, testing::MatchesRegex("Unable to open tempfile \\(" + target +
+                                                         "_.{6}\\) for writing - errno=36\\(File name too long\\)"));
+        EXPECT_FALSE(vxtest::exists(target));
+    }
+}
+
+TEST_F(WriteFileAtomic, AMissingDirectoryIsReported) {
+    vxtest::SyslogCapture log;
+    EXPECT_EQ(write_file_atomic(path("none/x").c_str(), "x", 1, 0, 0), -1);
+    EXPECT_EQ(errno, ENOENT);
+    EXPECT_EQ(log.take().at(0).priority, LOG_ERR);
+    EXPECT_EQ(write_file_atomic(path("none/x").c_str(), "x", 1, 0, 1), -1);
+    EXPECT_EQ(log.take(), (std::vector<LogLine>{{LOG_ERR, "Unable to open file (" + path("none/x") +
+                                                              ") for writing - errno=2(No such file or directory)"}}));
+}
+
+TEST_F(WriteFileAtomic, AFailedRenameIsReportedAndRemovesTheTemporaryFile) {
+    vxtest::makeDirs(path("folder"));
+    vxtest::SyslogCapture log;
+    EXPECT_EQ(write_file_atomic(path("folder").c_str(), "x", 1, 0, 1), -1);
+    EXPECT_EQ(errno, EISDIR);
+    const auto lines = log.take();
+    ASSERT_EQ(lines.size(), 1u);
+    EXPECT_EQ(lines[0].priority, LOG_ERR);
+    EXPECT_THAT(lines[0].text,
+                testing::MatchesRegex("Unable to rename tempfile \\(" + path("folder") + "_\\w{6}\\) to " +
+                                      path("folder") + " - errno=21\\(Is a directory\\)"));
+    EXPECT_TRUE(temporaries(path("folder")).empty());
+    ::rmdir(path("folder").c_str());
+}
+
+// Runs `body` in a child whose files may not grow beyond `limit` bytes.
+int withFileSizeLimit(rlim_t limit, const std::function<int()> &body) {
+    return vxtest::inChild([&] {
+        std::signal(SIGXFSZ, SIG_IGN);
+        const rlimit size{limit, limit};
+        if (::setrlimit(RLIMIT_FSIZE, &size) != 0) return 100;
+        return body();
+    });
+}
+
+TEST_F(WriteFileAtomic, AShortWriteFailsShowsErrnoAsItStandsAndLeavesTheTemporaryFile) {
+    writeFile(path("state"), "old");
+    vxtest::SyslogCapture log;
+    EXPECT_EQ(withFileSizeLimit(4,
+                                [] {
+                                    errno = ENOTTY;
+                                    const int result = write_file_atomic(path("state").c_str(), "longer", 6, 1, 1);
+                                    return result == -1 && errno == ENOTTY ? 0 : 1;
+                                }),
+              0);
+    EXPECT_EQ(readFile(path("state")), "old");
+    const auto left = temporaries(path("state"));
+    ASSERT_EQ(left.size(), 1u);
+    EXPECT_EQ(readFile(left[0]), "long");
+    EXPECT_EQ(log.take(), (std::vector<LogLine>{{LOG_ERR, "Unable to write to tempfile (" + left[0] +
+                                                              ") - errno=25(Inappropriate ioctl for device)"}}));
+}
+
+TEST_F(WriteFileAtomic, ANewlineThatDoesNotFitFailsAndLeavesTheTemporaryFile) {
+    writeFile(path("state"), "old");
+    vxtest::SyslogCapture log;
+    EXPECT_EQ(withFileSizeLimit(6,
+                                [] {
+                                    const int result = write_file_atomic(path("state").c_str(), "longer", 6, 1, 1);
+                                    return result == -1 && errno == EFBIG ? 0 : 1;
+                                }),
+              0);
+    EXPECT_EQ(readFile(path("state")), "old");
+    const auto left = temporaries(path("state"));
+    ASSERT_EQ(left.size(), 1u);
+    EXPECT_EQ(readFile(left[0]), "longer");
+    EXPECT_EQ(
+        log.take(),
+        (std::vector<LogLine>{{LOG_ERR, "Unable to write to tempfile (" + left[0] + ") - errno=27(File too large)"}}));
+}
+
+TEST_F(WriteFileAtomic, ContentThatJustFitsIsWritten) {
+    EXPECT_EQ(
+        withFileSizeLimit(7, [] { return write_file_atomic(path("state").c_str(), "longer", 6, 1, 1) == 0 ? 0 : 1; }),
+        0);
+    EXPECT_EQ(readFile(path("state")), "longer\n");
+}
+
+TEST_F(WriteFileAtomic, AShortDirectWriteFails) {
+    vxtest::SyslogCapture log;
+    EXPECT_EQ(withFileSizeLimit(6,
+                                [] {
+                                    errno = 0;
+                                    return write_file_atomic("/dev/shm/direct", "longer", 6, 1, 1) == -1 ? 0 : 1;
+                                }),
+              0);
+    EXPECT_EQ(readFile("/dev/shm/direct"), "longer");
+    EXPECT_EQ(log.take(),
+              (std::vector<LogLine>{{LOG_ERR, "Unable to write to file (/dev/shm/direct) - errno=0(Success)"}}));
+    ::unlink("/dev/shm/direct");
+}
+
+TEST_F(WriteFileAtomic, AFullFileSystemKeepsTheOldContent) {
+    const std::string disk = "/tmp/full";
+    vxtest::makeDirs(disk);
+    ASSERT_EQ(::mount("tmpfs", disk.c_str(), "tmpfs", 0, "size=64k"), 0);
+    ASSERT_EQ(write_file_atomic((disk + "/state").c_str(), "old", 3, 0, 0), 0);
+    const std::string big(50000, 'b');
+    ASSERT_EQ(write_file_atomic((disk + "/filler").c_str(), big.data(), big.size(), 0, 0), 0);
+    vxtest::SyslogCapture log;
+    EXPECT_EQ(write_file_atomic((disk + "/state").c_str(), big.data(), big.size(), 1, 1), -1);
+    EXPECT_EQ(readFile(disk + "/state"), "old");
+    const auto left = temporaries(disk + "/state");
+    ASSERT_EQ(left.size(), 1u);
+    EXPECT_EQ(log.take().at(0).text.rfind("Unable to write to tempfile (" + left[0] + ") - errno=", 0), 0u);
+    ASSERT_EQ(::umount(disk.c_str()), 0);
+}
+
+TEST_F(WriteFileAtomic, ReadersSeeTheOldOrTheNewContentNeverAMixture) {
+    const std::string old(20000, 'o');
+    const std::string fresh(31000, 'n');
+    const std::string target = path("state");
+    writeFile(target, old);
+    std::atomic<bool> stop{false};
+    std::thread writer([&] {
+        for (int i = 0; i < 500; ++i) {
+            const std::string &content = i % 2 == 0 ? fresh : old;
+            EXPECT_EQ(write_file_atomic(target.c_str(), content.data(), content.size(), 0, 0), 0);
+        }
+        stop = true;
+    });
+    int reads = 0;
+    std::vector<char> buffer(40000);
+    while (!stop || reads == 0) {
+        const std::string seen = readfile_r(target.c_str(), buffer.data(), buffer.size());
+        ASSERT_TRUE(seen == old || seen == fresh) << seen.size();
+        ++reads;
+    }
+    writer.join();
+}
+
+// Whatever the moment of its death, a writer leaves the target whole.
+TEST_F(WriteFileAtomic, AKilledWriterLeavesTheOldOrTheNewContent) {
+    const std::string target = path("state");
+    const std::vector<std::string> contents{std::string(30000, 'a'), std::string(17000, 'b')};
+    writeFile(target, contents[0]);
+    std::mt19937 random(4711);
+    int replaced = 0;
+    int interrupted = 0;
+    for (int round = 0; round < 400; ++round) {
+        const pid_t writer = vxtest::startChild([&] {
+            for (size_t i = static_cast<size_t>(round);; ++i) {
+                const std::string &content = contents[i % 2];
+                if (write_file_atomic(target.c_str(), content.data(), content.size(), 0, 0) != 0) return 1;
+            }
+        });
+        ::usleep(random() % 3000);
+        ::kill(writer, SIGKILL);
+        ASSERT_EQ(vxtest::waitChild(writer), 128 + SIGKILL);
+        const std::string seen = readFile(target);
+        ASSERT_TRUE(seen == contents[0] || seen == contents[1]) << "round " << round << ", " << seen.size() << " bytes";
+        if (modeOf(target) == 0600) ++replaced;
+        for (const std::string &name : temporaries(target)) {
+            ++interrupted;
+            ::unlink(name.c_str());
+        }
+    }
+    EXPECT_GT(replaced, 0);
+    EXPECT_GT(interrupted, 0) << "no writer was killed between its first and its last step";
+}
+
+// ---- writefile, dropfile ----
+
+using Writefile = Files;
+
+TEST_F(Writefile, WritesTheTextAndANewline) {
+    EXPECT_EQ(writefile(path("state").c_str(), "up"), 0);
+    EXPECT_EQ(readFile(path("state")), "up\n");
+}
+
+TEST_F(Writefile, AnEmptyTextRemovesTheFileAndAMissingOneIsRemovedAlready) {
+    writeFile(path("state"), "up");
+    vxtest::SyslogCapture log;
+    EXPECT_EQ(writefile(path("state").c_str(), ""), 0);
+    EXPECT_FALSE(vxtest::exists(path("state")));
+    EXPECT_EQ(writefile(path("state").c_str(), ""), 0);
+    EXPECT_TRUE(log.take().empty());
+}
+
+TEST_F(Writefile, AFileThatCannotBeRemovedIsReported) {
+    vxtest::makeDirs(path("folder"));
+    vxtest::SyslogCapture log;
+    EXPECT_EQ(writefile(path("folder").c_str(), ""), -1);
+    EXPECT_EQ(errno, EISDIR);
+    EXPECT_EQ(log.take(), (std::vector<LogLine>{{LOG_ERR, "Unable to unlink status file - errno=21(Is a directory)"}}));
+    ::rmdir(path("folder").c_str());
+}
+
+TEST_F(Writefile, RefusesNull) {
+    EXPECT_EQ(writefile(nullptr, "x"), -1);
+    EXPECT_EQ(writefile(path("x").c_str(), nullptr), -1);
+}
+
+TEST_F(Writefile, WritesToKernelFilesDirectly) {
+    ::mkdir("/sys", 0755);
+    ASSERT_EQ(::mount("tmpfs", "/sys", "tmpfs", 0, nullptr), 0);
+    vxtest::SyslogCapture log;
+    EXPECT_EQ(writefile("/sys/value", "1"), 0);
+    EXPECT_EQ(readFile("/sys/value"), "1\n");
+    EXPECT_EQ(log.take(),
+              (std::vector<LogLine>{{LOG_INFO, "Non atomic fallback used for writing to file (/sys/value)"}}));
+    ASSERT_EQ(::umount("/sys"), 0);
+}
+
+using Dropfile = Files;
+
+TEST_F(Dropfile, RemovesAFileThatIsThere) {
+    writeFile(path("flag"), "");
+    EXPECT_EQ(dropfile(path("flag").c_str()), 0);
+    EXPECT_FALSE(vxtest::exists(path("flag")));
+    EXPECT_EQ(dropfile(path("flag").c_str()), -1);
+    EXPECT_EQ(dropfile(nullptr), -1);
+}
+
+TEST_F(Dropfile, DoesNotMindAnEntryThatCannotBeUnlinked) { EXPECT_EQ(dropfile(dir.c_str()), 0); }
+
+// ---- readfile, readfile_r, readaddress ----
+
+using Readfile = Files;
+
+std::string read(const std::string &content, size_t size = 1024) {
+    writeFile(path("value"), content);
+    vxtest::GuardedBuffer buffer(size);
+    std::memset(buffer.data(), '?', size);
+    return readfile_r(path("value").c_str(), buffer.data(), size);
+}
+
+TEST_F(Readfile, CutsWhiteSpaceOffBothEnds) {
+    writeFile(path("value"), "  42\n");
+    EXPECT_STREQ(readfile(path("value").c_str()), "42");
+    EXPECT_EQ(errno, 0);
+    EXPECT_EQ(read("  42\n"), "42");
+    EXPECT_EQ(read("42"), "42");
+    EXPECT_EQ(read("\t 4 2 \r\n"), "4 2");
+    EXPECT_EQ(read(""), "");
+    EXPECT_EQ(read("\n"), "");
+    EXPECT_EQ(read(" \n \n"), "");
+}
+
+TEST_F(Readfile, KeepsTheNewlinesBetweenLines) { EXPECT_EQ(read("one\ntwo\n"), "one\ntwo"); }
+
+TEST_F(Readfile, StopsWhereTheBufferEnds) {
+    EXPECT_EQ(read("abcdef", 3), "ab");
+    EXPECT_EQ(read("abcdef", 1), "");
+    EXPECT_EQ(read("abcdef", 6), "abcde");
+    EXPECT_EQ(read("abcdef", 7), "abcdef");
+    EXPECT_EQ(read("a\nb\nc\n", 4), "a\nb");
+    EXPECT_EQ(read("\n\nabc", 4), "a");
+    for (const size_t length : {1022, 1023, 1024, 1025, 9000}) {
+        writeFile(path("value"), std::string(length, 'v'));
+        EXPECT_EQ(std::strlen(readfile(path("value").c_str())), std::min<size_t>(length, 1023));
+    }
+}
+
+TEST_F(Readfile, ReadsFilesLargerThanOnePiece) {
+    std::string text;
+    for (int i = 0; i < 5000; ++i) text += std::to_string(i) + "\n";
+    EXPECT_EQ(read(text, 100000), text.substr(0, text.size() - 1));
+    EXPECT_EQ(read(text, 10000), text.substr(0, 9999));
+}
+
+TEST_F(Readfile, WhatCannotBeReadIsEmpty) {
+    EXPECT_STREQ(readfile(path("none").c_str()), "");
+    EXPECT_EQ(errno, ENOENT);
+    EXPECT_STREQ(readfile(nullptr), "");
+    EXPECT_STREQ(readfile(dir.c_str()), "");
+    char buffer[4] = "abc";
+    EXPECT_EQ(readfile_r(nullptr, buffer, sizeof buffer), buffer);
+    EXPECT_STREQ(buffer, "");
+    std::strcpy(buffer, "abc");
+    EXPECT_EQ(readfile_r(path("none").c_str(), buffer, sizeof buffer), buffer);
+    EXPECT_STREQ(buffer, "");
+}
+
+TEST_F(Readfile, ABufferWithoutRoomIsLeftAlone) {
+    char buffer[4] = "abc";
+    EXPECT_EQ(readfile_r(path("none").c_str(), buffer, 0), buffer);
+    EXPECT_STREQ(buffer, "abc");
+    EXPECT_EQ(readfile_r(path("none").c_str(), nullptr, 10), nullptr);
+}
+
+TEST_F(Readfile, ForgetsThePreviousValue) {
+    writeFile(path("value"), "previous");
+    EXPECT_STREQ(readfile(path("value").c_str()), "previous");
+    EXPECT_STREQ(readfile(path("none").c_str()), "");
+}
+
+TEST_F(Readfile, ReadsKernelAttributes) {
+    EXPECT_STREQ(readfile("/proc/sys/kernel/ostype"), "Linux");
+    EXPECT_NE(*readfile("/proc/self/status"), '\0');
+}
+
+TEST_F(Readfile, ReadsAFifoToItsEnd) {
+    ASSERT_EQ(::mkfifo(path("fifo").c_str(), 0600), 0);
+    std::thread writer([] {
+        const int fd = ::open(path("fifo").c_str(), O_WRONLY | O_CLOEXEC);
+        EXPECT_EQ(::write(fd, "one\n", 4), 4);
+        ::usleep(20000);
+        EXPECT_EQ(::write(fd, "two", 3), 3);
+        ::close(fd);
+    });
+    EXPECT_STREQ(readfile(path("fifo").c_str()), "one\ntwo");
+    writer.join();
+}
+
+// The real user decides, as it does for access().
+TEST_F(Readfile, AFileThatTheRealUserMayNotReadIsEmpty) {
+    writeFile(path("secret"), "42");
+    ::chmod(path("secret").c_str(), 0600);
+    EXPECT_EQ(vxtest::inChild([] {
+                  if (::setresuid(12345, 0, 0) != 0) return 100;
+                  return *readfile(path("secret").c_str()) == '\0' ? 0 : 1;
+              }),
+              0);
+    ::chmod(path("secret").c_str(), 0644);
+    EXPECT_EQ(vxtest::inChild([] {
+                  if (::setresuid(12345, 12345, 12345) != 0) return 100;
+                  return std::strcmp(readfile(path("secret").c_str()), "42") == 0 ? 0 : 1;
+              }),
+              0);
+}
+
+// The definition, written with the C library's line reader.
+std::string readLineWise(const std::string &name, size_t size) {
+    std::string buf(size, '\0');
+    FILE *file = std::fopen(name.c_str(), "r");
+    size_t used = 0;
+    int lines = 0;
+    while (std::feof(file) == 0 && used < size - 1) {
+        if (std::fgets(buf.data() + used, static_cast<int>(size - used), file) == nullptr) break;
+        const size_t now = std::strlen(buf.c_str());
+        if (now > used) ++lines;
+        used = now;
+    }
+    std::fclose(file);
+    if (lines == 1 && buf[used - 1] == '\n') buf[used - 1] = '\0';
+    return stripwhite(buf.data());
+}
+
+TEST_F(Readfile, ReadsAnyBytesAsALineReaderDoes) {
+    std::mt19937 random(42);
+    const std::string bytes = "\n\n\0\0 ab\r"s;
+    for (int round = 0; round < 3000; ++round) {
+        std::string content(random() % 40, '\0');
+        if (round % 50 == 0) content.resize(4090 + random() % 20);
+        for (char &c : content) c = bytes[random() % bytes.size()];
+        const size_t size = round % 50 == 0 ? 5000 : 2 + random() % 40;
+        const std::string ours = read(content, size);
+        ASSERT_EQ(ours, readLineWise(path("value"), size)) << testing::PrintToString(content);
+    }
+}
+
+using Readaddress = Files;
+
+TEST_F(Readaddress, ReadsBothFamilies) {
+    sockaddr_in6 record{};
+    auto *addr = reinterpret_cast<sockaddr *>(&record);
+    writeFile(path("address"), "192.0.2.7\n");
+    EXPECT_EQ(readaddress(path("address").c_str(), addr), 0);
+    EXPECT_EQ(addr->sa_family, AF_INET);
+    EXPECT_EQ(reinterpret_cast<sockaddr_in *>(addr)->sin_addr.s_addr, ::inet_addr("192.0.2.7"));
+    writeFile(path("address"), "fe80::1\n");
+    EXPECT_EQ(readaddress(path("address").c_str(), addr), 0);
+    EXPECT_EQ(record.sin6_family, AF_INET6);
+    EXPECT_EQ(record.sin6_addr.s6_addr[15], 1);
+}
+
+TEST_F(Readaddress, ClearsSixteenBytesFirst) {
+    char record[20];
+    std::memset(record, '?', sizeof record);
+    EXPECT_EQ(readaddress(path("none").c_str(), reinterpret_cast<sockaddr *>(record)), -1);
+    EXPECT_EQ(std::string(record, sizeof record), std::string(16, '\0') + "????");
+}
+
+TEST_F(Readaddress, FailsOnWhatIsNoAddress) {
+    sockaddr addr{};
+    writeFile(path("address"), "nonsense");
+    EXPECT_EQ(readaddress(path("address").c_str(), &addr), -1);
+    writeFile(path("address"), "");
+    EXPECT_EQ(readaddress(path("address").c_str(), &addr), -1);
+    EXPECT_EQ(readaddress(nullptr, &addr), -1);
+    EXPECT_EQ(readaddress(path("address").c_str(), nullptr), -1);
+}
+
+// ---- read_file_lines ----
+
+class ReadFileLines : public Files {
+protected:
+    ~ReadFileLines() override {
+        while (list_empty(&lines_) == 0) {
+            auto *line = reinterpret_cast<file_line *>(lines_.next);
+            list_del(&line->list);
+            std::free(line->data);
+            std::free(line);
+        }
+    }
+
+    std::vector<std::string> texts() const {
+        std::vector<std::string> all;
+        for (const list_link *at = lines_.next; at != &lines_; at = at->next) {
+            all.emplace_back(reinterpret_cast<const file_line *>(at)->data);
+        }
+        return all;
+    }
+
+    int readLines(const std::string &content) {
+        writeFile(path("lines"), content);
+        return read_file_lines(path("lines").c_str(), &lines_);
+    }
+
+    list_link lines_ = {&lines_, &lines_};
+};
+
+TEST_F(ReadFileLines, AppendsEachLineWithoutItsEnd) {
+    EXPECT_EQ(readLines("one\ntwo\r\n\nfour"), 4);
+    EXPECT_EQ(texts(), (std::vector<std::string>{"one", "two", "", "four"}));
+    EXPECT_EQ(readLines("five\n"), 1);
+    EXPECT_EQ(texts().back(), "five");
+    EXPECT_EQ(texts().size(), 5u);
+}
+
+TEST_F(ReadFileLines, CutsALineAtItsFirstCarriageReturnOrNul) {
+    EXPECT_EQ(readLines("ab\rcd\nef\0gh\n"s), 2);
+    EXPECT_EQ(texts(), (std::vector<std::string>{"ab", "ef"}));
+}
+
+TEST_F(ReadFileLines, SplitsLongLines) {
+    const std::string full(1023, 'f');
+    EXPECT_EQ(readLines(std::string(1022, 'e') + "\n" + full + "\n" + full + "gg\nlast"), 6);
+    EXPECT_EQ(texts(), (std::vector<std::string>{std::string(1022, 'e'), full, "", full, "gg", "last"}));
+}
+
+TEST_F(ReadFileLines, AnEmptyFileHasNoLines) {
+    EXPECT_EQ(readLines(""), 0);
+    EXPECT_EQ(list_empty(&lines_), 1);
+    EXPECT_EQ(read_file_lines(dir.c_str(), &lines_), 0);
+}
+
+TEST_F(ReadFileLines, AMissingFileIsToldApart) {
+    EXPECT_EQ(READFILE_OPEN_FAILED, -1);
+    EXPECT_EQ(READFILE_OUT_OF_MEMORY, -10);
+    EXPECT_EQ(read_file_lines(path("none").c_str(), &lines_), READFILE_OPEN_FAILED);
+    EXPECT_EQ(errno, ENOENT);
+    EXPECT_EQ(read_file_lines(nullptr, &lines_), READFILE_OPEN_FAILED);
+    EXPECT_EQ(read_file_lines(path("none").c_str(), nullptr), READFILE_OPEN_FAILED);
+}
+
+// ---- create_tmpfile ----
+
+using CreateTmpfile = Files;
+
+TEST_F(CreateTmpfile, MakesAnEmptyFileWithANewName) {
+    const std::string first = create_tmpfile(path("work_XXXXXX").c_str());
+    const std::string second = create_tmpfile(path("work_XXXXXX").c_str());
+    EXPECT_NE(first, second);
+    for (const std::string &name : {first, second}) {
+        EXPECT_THAT(name, testing::MatchesRegex(path("work_\\w{6}")));
+        EXPECT_EQ(modeOf(name), 0600u);
+        EXPECT_EQ(readFile(name), "");
+    }
+}
+
+TEST_F(CreateTmpfile, ReturnsTheSameBufferEachTime) {
+    char *first = create_tmpfile(path("work_XXXXXX").c_str());
+    EXPECT_EQ(create_tmpfile(path("work_XXXXXX").c_str()), first);
+}
+
+TEST_F(CreateTmpfile, FailsWithoutAPattern) {
+    EXPECT_EQ(create_tmpfile(nullptr), nullptr);
+    EXPECT_EQ(create_tmpfile(""), nullptr);
+    EXPECT_EQ(create_tmpfile(path("none/XXXXXX").c_str()), nullptr);
+    EXPECT_EQ(errno, ENOENT);
+}
+
+TEST_F(CreateTmpfile, AFailureRemovesWhatHasTheName) {
+    writeFile(path("plain"), "x");
+    EXPECT_EQ(create_tmpfile(path("plain").c_str()), nullptr);
+    EXPECT_EQ(errno, EINVAL);
+    EXPECT_FALSE(vxtest::exists(path("plain")));
+}
+
+TEST_F(CreateTmpfile, APatternIsCutAtTheBuffersEnd) {
+    std::string pattern = dir;
+    while (pattern.size() < 1017) pattern += "/.";
+    pattern.resize(1016);
+    pattern += "/XXXXXX";
+    ASSERT_EQ(pattern.size(), 1023u);
+    const char *name = create_tmpfile(pattern.c_str());
+    ASSERT_NE(name, nullptr);
+    EXPECT_EQ(std::strlen(name), 1023u);
+    EXPECT_EQ(create_tmpfile(("/" + pattern).c_str()), nullptr);
+}
+
+}  // namespace
