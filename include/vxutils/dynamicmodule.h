@@ -1,0 +1,72 @@
+/* SPDX-License-Identifier: MIT */
+/**
+ * @file
+ * Loads a plug-in, a shared library that extends a daemon at run time, and hands out its class factory.
+ *
+ * @code
+ * CDynamicModule module("/usr/lib/plugins/modem.so");
+ * if (module.load(&context) == -1) puts(module.lastError());
+ * auto *factory = static_cast<ModemFactory *>(module.getClassFactory());
+ * @endcode
+ *
+ * A plug-in may export, with C linkage:
+ * - @c dynamic_module_init, taking the pointer that was given to load(): called once, right after the library was
+ * opened;
+ * - @c dynamic_module_done, without arguments: called right before it is closed;
+ * - @c getClassFactory, without arguments: returns what getClassFactory() hands out.
+ *
+ * Everything that came out of a plug-in, objects and functions, is gone when its CDynamicModule is. Errors and what is
+ * being done go to the system log. An object belongs to one thread at a time; loading blocks for as long as the
+ * library's initialisation takes.
+ */
+#ifndef VXUTILS_DYNAMICMODULE_H
+#define VXUTILS_DYNAMICMODULE_H
+
+#include <string>
+
+#include <vxutils/api.h>
+
+/** One plug-in: not loaded at first, loaded from a successful load() until the object's end. */
+class VXUTILS_API CDynamicModule {
+public:
+    /**
+     * Loads nothing yet.
+     * @param libPath path of the library, as dlopen() takes it; copied.
+     */
+    CDynamicModule(const std::string &libPath);
+
+    /** Calls the plug-in's @c dynamic_module_done, if it has one, and closes the library. Never throws. */
+    virtual ~CDynamicModule();
+
+    CDynamicModule(const CDynamicModule &) = delete;
+    CDynamicModule &operator=(const CDynamicModule &) = delete;
+
+    /**
+     * Opens the library, with its symbols resolved on first use and visible to libraries that are loaded later, and
+     * calls its @c dynamic_module_init if it has one.
+     * @param arg handed to @c dynamic_module_init as it is.
+     * @return 0 when the library was opened; -1 when it could not be or is open already.
+     */
+    int load(void *arg);
+
+    /**
+     * What the dynamic loader complained about last on this thread, as dlerror() tells it: asking takes the text away.
+     * @return the text, valid until the loader's next call; null when there is nothing to tell.
+     */
+    const char *lastError() const;
+
+    /**
+     * Asks the plug-in for its class factory, every time anew.
+     * @return whatever the plug-in returns; null when it is not loaded or has no @c getClassFactory.
+     */
+    void *getClassFactory() const;
+
+    /** @return the path given at construction. */
+    const std::string &getLibPath() const;
+
+private:
+    void *handle_;
+    std::string libPath_;
+};
+
+#endif
