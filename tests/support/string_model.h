@@ -143,6 +143,8 @@ private:
         const Slot &other = slots_[choose_(slots_.size())];
         const std::string old = slot.model->text;
         const std::string theirs = other.model->text;
+        constexpr size_t kLong = 600;  // texts that append themselves double
+        if (old.size() > kLong) return assign(slot, other);
         switch (choose_(4)) {
             case 0:
                 return assign(slot, other);
@@ -398,10 +400,10 @@ private:
     static int sign(int order) { return (order > 0) - (order < 0); }
 
     // Comparison of at most `count` bytes, ending where both have a NUL, as the C library's relatives do.
-    static int order(const std::string &a, const std::string &b, size_t count, bool ignoreCase) {
+    static int order(const char *a, const char *b, size_t count, bool ignoreCase) {
         for (size_t i = 0; i < count; ++i) {
-            const auto one = static_cast<unsigned char>(ignoreCase ? lower(a.c_str()[i]) : a.c_str()[i]);
-            const auto two = static_cast<unsigned char>(ignoreCase ? lower(b.c_str()[i]) : b.c_str()[i]);
+            const auto one = static_cast<unsigned char>(ignoreCase ? lower(a[i]) : a[i]);
+            const auto two = static_cast<unsigned char>(ignoreCase ? lower(b[i]) : b[i]);
             if (one != two) return one < two ? -1 : 1;
             if (one == 0) break;
         }
@@ -413,16 +415,16 @@ private:
     void query() {
         const Slot &a = slots_[choose_(slots_.size())];
         const Slot &b = slots_[choose_(slots_.size())];
-        const std::string x = a.model->text;
-        const std::string y = b.model->text;
+        const std::string &x = a.model->text;
+        const std::string &y = b.model->text;
         compareQueries(a, b, x, y);
         searchQueries(a.real, b.real, x, y);
         regionQueries(a.real, b.real, x, y);
     }
 
     void compareQueries(const Slot &a, const Slot &b, const std::string &x, const std::string &y) {
-        const int forward = order(x, y, std::string::npos, false);
-        const int folded = order(x, y, std::string::npos, true);
+        const int forward = order(x.c_str(), y.c_str(), std::string::npos, false);
+        const int folded = order(x.c_str(), y.c_str(), std::string::npos, true);
         expect(sign(a.real.compareTo(b.real)) == -forward, "compareTo");
         expect(a.real.compareToIgnoreCase(b.real) == -folded, "compareToIgnoreCase");
         expect(a.real.equals(b.real) == (x == y), "equals");
@@ -467,7 +469,7 @@ private:
 
     static long firstFolded(const std::string &x, const std::string &y, long from) {
         for (long p = from; p <= static_cast<long>(x.size()) - static_cast<long>(y.size()); ++p) {
-            if (order(x.substr(static_cast<size_t>(p)), y, y.size(), true) == 0) return p;
+            if (order(x.c_str() + p, y.c_str(), y.size(), true) == 0) return p;
         }
         return -1;
     }
@@ -482,7 +484,7 @@ private:
         if (from < 0) return -1;
         long p = std::min(static_cast<long>(x.size()) - static_cast<long>(y.size()), from);
         if (p < 0) return p;
-        while (p >= 0 && order(x.substr(static_cast<size_t>(p)), y, y.size(), true) != 0) --p;
+        while (p >= 0 && order(x.c_str() + p, y.c_str(), y.size(), true) != 0) --p;
         return p;
     }
 
@@ -500,8 +502,9 @@ private:
         const std::string mine = x.substr(begin);
         const std::string theirs = both ? y.substr(static_cast<size_t>(u)) : "";
         const auto count = static_cast<size_t>(both ? n : 0);
-        expect(a.regionMatches(t, b, u, n) == (both && order(mine, theirs, count, false) == 0), "regionMatches");
-        expect(a.regionMatches(true, t, b, u, n) == (both && order(mine, theirs, count, true) == 0),
+        expect(a.regionMatches(t, b, u, n) == (both && order(mine.c_str(), theirs.c_str(), count, false) == 0),
+               "regionMatches");
+        expect(a.regionMatches(true, t, b, u, n) == (both && order(mine.c_str(), theirs.c_str(), count, true) == 0),
                "regionMatches(ignore case)");
 
         expect(a[t] == (inside ? x.c_str()[t] : '\0'), "[]");
