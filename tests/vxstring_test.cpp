@@ -663,7 +663,10 @@ TEST(StringChange, FormatArgumentsMayLieInTheStringItself) {
     EXPECT_EQ(text(s), "<abc|bc>-<abc|bc>-<abc|bc>");
     String longer = times(700, 'x');
     longer.concatf("-%s-%s", longer.c_str(), longer.c_str());
-    EXPECT_EQ(text(longer), std::string(700, 'x') + '-' + std::string(700, 'x') + '-' + std::string(700, 'x'));
+    const std::string long700(700, 'x');
+    std::string expected = long700;
+    expected.append("-").append(long700).append("-").append(long700);
+    EXPECT_EQ(text(longer), expected);
     longer.format("%s", longer.c_str() + 2100);
     EXPECT_EQ(text(longer), "xx");
 }
@@ -821,6 +824,30 @@ TEST(StringSum, IsTheLeftOperandThenTheRight) {
     EXPECT_EQ(text('\0' + a), "a");
     EXPECT_EQ((a + "").c_str(), a.c_str()) << "nothing appended, nothing copied";
     EXPECT_EQ(text(a + "b" + String("c") + 'd'), "abcd");
+}
+
+TEST(StringSum, OfATemporaryIsMadeInItsBlockButSizedAsANewOne) {
+    for (size_t n = 1; n < 300; ++n) {
+        for (size_t m = 1; m < 20; ++m) {
+            const String left = times(n, 'a');
+            const std::string right(m, 'b');
+            const String added = String(left.c_str(), 400) + right.c_str();
+            ASSERT_EQ(text(added), text(left) + right);
+            ASSERT_EQ(capacity(added), capacityByTable(n + m)) << "as it is for " << n << " + " << m;
+            ASSERT_EQ(capacity(times(n, 'a') + String(right.c_str())), capacityByTable(n + m));
+            ASSERT_EQ(capacity(times(n, 'a') + 'b'), capacityByTable(n + 1));
+        }
+    }
+    String gone("left");
+    EXPECT_EQ(text(std::move(gone) + "right"), "leftright");
+    String shared("left");
+    const String keeper(shared);
+    EXPECT_EQ(text(std::move(shared) + 'x'), "leftx");
+    EXPECT_EQ(text(keeper), "left");
+    String self("abcdefg");
+    EXPECT_EQ(text(std::move(self) + self), "abcdefgabcdefg");
+    EXPECT_EQ(text(String() + "x"), "x");
+    EXPECT_TRUE(isEmptyBuffer(String() + ""));
 }
 
 TEST(StringLimit, ATextThatCannotBeHadEndsTheProcess) {

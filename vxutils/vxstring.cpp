@@ -14,6 +14,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <utility>
 
 #include "vxutils/internal/handles.h"
 
@@ -25,6 +26,9 @@ static_assert(offsetof(StringBuffer, refCount) == 0 && offsetof(StringBuffer, ca
 static_assert(offsetof(StringBuffer, length) == 8 && offsetof(StringBuffer, text) == 12);
 
 namespace {
+
+// Initialized before the process runs any code, so that no thread can meet it half made.
+constinit StringBuffer emptyBuffer = {1, 0, 0, {'\0'}};
 
 constexpr size_t kHeaderSize = offsetof(StringBuffer, text);
 constexpr size_t kMaxLength = INT32_MAX;
@@ -85,9 +89,7 @@ StringBuffer *share(StringBuffer *block) {
     return block;
 }
 
-void release(StringBuffer *block) {
-    if (--block->refCount == 0 && block != StringBuffer::EMPTY()) std::free(block);
-}
+StringBuffer *shareEmpty() { return share(&emptyBuffer); }
 
 // Whether a block may be written.  The shared empty buffer, the only one without room, never may.
 bool isPrivate(const StringBuffer *block) { return block->refCount < 2 && block->capacity > 0; }
@@ -96,14 +98,23 @@ bool isPrivateWithRoom(const StringBuffer *block, size_t length) {
     return isPrivate(block) && length <= static_cast<size_t>(block->capacity);
 }
 
-// Moves a private block to the capacity for a text of `length` bytes.
-StringBuffer *grow(StringBuffer *block, size_t length) {
+// Moves a private block to the capacity for a text of `length` bytes, which is more than it holds.  Small blocks are
+// had quicker from malloc's lists than from realloc; large ones can often stay where they are.
+StringBuffer *resize(StringBuffer *block, size_t length) {
+    constexpr int32_t kSmall = 512;
     require(length <= kMaxLength);
     const int32_t capacity = capacityFor(length);
-    auto *grown = static_cast<StringBuffer *>(std::realloc(block, blockSize(capacity)));
-    require(grown != nullptr);
-    grown->capacity = capacity;
-    return grown;
+    if (block->capacity < kSmall) {
+        StringBuffer *moved = allocate(capacity);
+        std::memcpy(moved->text, block->text, static_cast<size_t>(block->length) + 1);
+        moved->length = block->length;
+        std::free(block);
+        return moved;
+    }
+    auto *moved = static_cast<StringBuffer *>(std::realloc(block, blockSize(capacity)));
+    require(moved != nullptr);
+    moved->capacity = capacity;
+    return moved;
 }
 
 // Where `bytes` lie inside the block's text, so that they are found again after the block has moved; -1 when outside.
@@ -116,10 +127,10 @@ ptrdiff_t offsetInside(const StringBuffer *block, const char *bytes) {
 
 // The piece that String(s, start, count) takes.  Looks no further into `s` than the piece reaches.
 StringBuffer *newPiece(const char *s, long start, long count) {
-    if (s == nullptr || count <= 0) return share(StringBuffer::EMPTY());
+    if (s == nullptr || count <= 0) return shareEmpty();
     const size_t begin = start > 0 ? static_cast<size_t>(start) : 0;
     const size_t end = strnlen(s, begin + static_cast<size_t>(count));
-    if (end <= begin) return share(StringBuffer::EMPTY());
+    if (end <= begin) return shareEmpty();
     return newText(s + begin, end - begin);
 }
 
@@ -145,14 +156,48 @@ long searchIgnoringCase(const String &text, const String &s, long from, long las
     return -1;
 }
 
-// The last position at or before `start` where `stands` holds; a negative start is handed back as it is.
-template <typename Stands>
-long searchBackwards(long start, Stands stands) {
-    if (start < 0) return start;
-    for (long p = start; p >= 0; --p) {
-        if (stands(p)) return p;
+// The last position at or before `start` where `s` stands; a negative start is handed back as it is.
+long searchBackwards(const String &text, const String &s, long start) {
+    if (start < 0 || s.length() == 0) return start;
+    long p = start;
+    while (p >= 0) {
+        const void *first = memrchr(text.c_str(), s.c_str()[0], static_cast<size_t>(p) + 1);
+        if (first == nullptr) return -1;
+        p = static_cast<const char *>(first) - text.c_str();
+        if (std::memcmp(first, s.c_str(), sizeOf(s)) == 0) return p;
+        --p;
     }
     return -1;
+}
+
+// The same, case ignored.
+long searchBackwardsIgnoringCase(const String &text, const String &s, long start) {
+    if (start < 0 || s.length() == 0) return start;
+    const char first = lowered(s.c_str()[0]);
+    for (long p = start; p >= 0; --p) {
+        const char *place = text.c_str() + p;
+        if (lowered(*place) == first && sameIgnoringCase(place, s)) return p;
+    }
+    return -1;
+}
+
+// Whether the two formatters measure this format alike whatever its arguments: it has only %s and plain numbers, with
+// neither precision nor sign nor prefix.
+bool isPlainFormat(const char *fmt) {
+    constexpr int kMostDigits = 4;  // of a width
+    for (;;) {
+        while (*fmt != '%' && *fmt != '\0') ++fmt;
+        if (*fmt++ == '\0') return true;
+        while (*fmt == '-' || *fmt == '0') ++fmt;
+        for (int digits = 0; *fmt >= '0' && *fmt <= '9'; ++fmt) {
+            if (++digits > kMostDigits) return false;
+        }
+        const bool isLong = *fmt == 'l';
+        if (isLong) ++fmt;
+        const bool isNumber = *fmt == 'd' || *fmt == 'i' || *fmt == 'u' || *fmt == 'x' || *fmt == 'X';
+        if (!isNumber && (isLong || *fmt != 's')) return false;
+        ++fmt;
+    }
 }
 
 // A formatted text of the library's measure and the system's making, held apart from the string that it goes into
@@ -160,11 +205,12 @@ long searchBackwards(long start, Stands stands) {
 class Formatted {
 public:
     Formatted(const char *fmt, va_list args) {
+        if (fmt != nullptr && isPlainFormat(fmt) && writeShort(fmt, args)) return;
         va_list again;
         va_copy(again, args);
         length_ = vstrlenf(fmt, again);
         va_end(again);
-        if (length_ > 0) write(fmt, args);
+        if (length_ > 0) writeMeasured(fmt, args);
     }
 
     [[nodiscard]] int length() const { return length_; }
@@ -175,7 +221,16 @@ private:
 #pragma clang diagnostic push
 #pragma clang diagnostic ignored "-Wformat-nonliteral"  // the format is the caller's
 #endif
-    void write(const char *fmt, va_list args) {
+    // The usual case without a measuring pass: a text that fits at once, whose length both formatters agree upon.
+    bool writeShort(const char *fmt, va_list args) {
+        va_list again;
+        va_copy(again, args);
+        length_ = std::vsnprintf(small_, sizeof small_, fmt, again);
+        va_end(again);
+        return length_ >= 0 && static_cast<size_t>(length_) < sizeof small_;
+    }
+
+    void writeMeasured(const char *fmt, va_list args) {
         const size_t size = static_cast<size_t>(length_) + 1;
         if (size > sizeof small_) {
             large_.reset(static_cast<char *>(std::malloc(size)));
@@ -203,22 +258,15 @@ int order(const String &left, const char *right) { return std::strcmp(left.c_str
 
 }  // namespace
 
-// Initialized before the process runs any code, so that no thread can meet it half made.
-StringBuffer *String::StringBuffer::EMPTY() {
-    static StringBuffer empty = {1, 0, 0, {'\0'}};
-    return &empty;
-}
+StringBuffer *String::StringBuffer::EMPTY() { return &emptyBuffer; }
 
-String::String() : buffer_(share(StringBuffer::EMPTY())) {}
+String::String() : buffer_(shareEmpty()) {}
 
-String::String(const String &other) : buffer_(share(other.buffer_)) {}
+String::String(char c) : buffer_(c == '\0' ? shareEmpty() : newCharacter(c)) {}
 
-String::String(char c) : buffer_(c == '\0' ? share(StringBuffer::EMPTY()) : newCharacter(c)) {}
+String::String(const char *s) : buffer_(s == nullptr || *s == '\0' ? shareEmpty() : newText(s, std::strlen(s))) {}
 
-String::String(const char *s)
-    : buffer_(s == nullptr || *s == '\0' ? share(StringBuffer::EMPTY()) : newText(s, std::strlen(s))) {}
-
-String::String(const char *s, long capacity) : buffer_(StringBuffer::EMPTY()) {
+String::String(const char *s, long capacity) : buffer_(&emptyBuffer) {
     if (s == nullptr) {
         share(buffer_);
         return;
@@ -231,15 +279,13 @@ String::String(const char *s, long capacity) : buffer_(StringBuffer::EMPTY()) {
 
 String::String(const char *s, long start, long count) : buffer_(newPiece(s, start, count)) {}
 
-String::~String() { release(buffer_); }
-
 String &String::operator=(const String &other) {
     take(share(other.buffer_));
     return *this;
 }
 
 String &String::operator=(char c) {
-    take(c == '\0' ? share(StringBuffer::EMPTY()) : newCharacter(c));
+    take(c == '\0' ? shareEmpty() : newCharacter(c));
     return *this;
 }
 
@@ -354,8 +400,6 @@ String String::substring(long begin, long end) const {
     return {c_str(), begin, tooFar ? LONG_MAX : end - begin};
 }
 
-long String::indexOf(char c) const { return c == '\0' ? -1 : positionOf(std::strchr(c_str(), c), c_str()); }
-
 long String::indexOf(char c, long from) const {
     if (c == '\0' || from >= length()) return -1;
     return positionOf(std::strchr(c_str() + std::max(from, 0L), c), c_str());
@@ -385,17 +429,13 @@ long String::lastIndexOf(char c, long from) const {
 long String::lastIndexOf(const String &s) const { return lastIndexOf(s, LONG_MAX); }
 
 long String::lastIndexOf(const String &s, long from) const {
-    if (from < 0) return -1;
-    return searchBackwards(std::min(length() - s.length(), from),
-                           [&](long p) { return std::memcmp(c_str() + p, s.c_str(), sizeOf(s)) == 0; });
+    return from < 0 ? -1 : searchBackwards(*this, s, std::min(length() - s.length(), from));
 }
 
 long String::lastIndexOfIgnoreCase(const String &s) const { return lastIndexOfIgnoreCase(s, LONG_MAX); }
 
 long String::lastIndexOfIgnoreCase(const String &s, long from) const {
-    if (from < 0) return -1;
-    return searchBackwards(std::min(length() - s.length(), from),
-                           [&](long p) { return sameIgnoringCase(c_str() + p, s); });
+    return from < 0 ? -1 : searchBackwardsIgnoringCase(*this, s, std::min(length() - s.length(), from));
 }
 
 String &String::concat(const String &s) { return concat(s.c_str(), s.length()); }
@@ -409,8 +449,6 @@ String &String::operator+=(const String &s) { return concat(s); }
 String &String::operator+=(const char *s) {
     return s == nullptr || *s == '\0' ? *this : internalConcat(s, static_cast<long>(std::strlen(s)));
 }
-
-String &String::operator+=(char c) { return c == '\0' ? *this : internalConcat(&c, 1); }
 
 String &String::format(const char *fmt, ...) {
     va_list args;
@@ -501,6 +539,9 @@ String &String::insert(long pos, const char *s) {
 
 String &String::insert(long pos, char c) { return c == '\0' ? *this : internalInsert(pos, &c, 1); }
 
+// What is left of operator+=(char) when the character does not go into the room at hand.
+String &String::concatCharacter(char c) { return c == '\0' ? *this : internalConcat(&c, 1); }
+
 String &String::internalConcat(const char *bytes, long count) {
     const auto n = static_cast<size_t>(count);
     const size_t oldLength = sizeOf(*this);
@@ -508,7 +549,7 @@ String &String::internalConcat(const char *bytes, long count) {
         std::memmove(buffer_->text + oldLength, bytes, n);
     } else if (isPrivate(buffer_)) {
         const ptrdiff_t inside = offsetInside(buffer_, bytes);
-        buffer_ = grow(buffer_, oldLength + n);
+        buffer_ = resize(buffer_, oldLength + n);
         std::memmove(buffer_->text + oldLength, inside < 0 ? bytes : buffer_->text + inside, n);
     } else {
         StringBuffer *longer = allocateFor(oldLength + n);
@@ -536,7 +577,7 @@ String &String::internalInsert(long pos, const char *bytes, long count) {
     }
 
     const ptrdiff_t inside = offsetInside(buffer_, bytes);
-    if (!isPrivateWithRoom(buffer_, newLength)) buffer_ = grow(buffer_, newLength);
+    if (!isPrivateWithRoom(buffer_, newLength)) buffer_ = resize(buffer_, newLength);
     char *gap = buffer_->text + pos;
     std::memmove(gap + n, gap, tail);
     if (inside < 0) {
@@ -569,7 +610,7 @@ void String::take(StringBuffer *block) {
     release(old);
 }
 
-void String::takeEmpty() { take(share(StringBuffer::EMPTY())); }
+void String::takeEmpty() { take(shareEmpty()); }
 
 // A block of its own, of the same capacity, for a change that keeps the length.
 void String::makePrivate() {
@@ -620,17 +661,26 @@ String operator+(char left, const String &right) {
     return sum;
 }
 
-// Two Strings of one block are equal by order() too, only found so more slowly.
-bool operator==(const String &left, const String &right) {
-    if (left.c_str() == right.c_str()) return true;
-    return left.length() == right.length() && order(left, right) == 0;
+// A sum in the left operand's own block, which gets the size that a new block would have.
+String String::sum(String &left, const char *right, long count) {
+    if (count <= 0) return left;
+    const size_t length = sizeOf(left) + static_cast<size_t>(count);
+    if (isPrivate(left.buffer_) && length <= kMaxLength && left.buffer_->capacity != capacityFor(length)) {
+        const ptrdiff_t inside = offsetInside(left.buffer_, right);
+        left.buffer_ = resize(left.buffer_, length);
+        if (inside >= 0) right = left.buffer_->text + inside;
+    }
+    left.internalConcat(right, count);
+    return {Adopted(), std::exchange(left.buffer_, shareEmpty())};
 }
 
-bool operator!=(const String &left, const String &right) { return !(left == right); }
-bool operator<(const String &left, const String &right) { return order(left, right) < 0; }
-bool operator>(const String &left, const String &right) { return order(left, right) > 0; }
-bool operator<=(const String &left, const String &right) { return order(left, right) <= 0; }
-bool operator>=(const String &left, const String &right) { return order(left, right) >= 0; }
+String operator+(String &&left, const String &right) { return String::sum(left, right.c_str(), right.length()); }
+
+String operator+(String &&left, const char *right) {
+    return String::sum(left, right, right == nullptr ? 0 : static_cast<long>(std::strlen(right)));
+}
+
+String operator+(String &&left, char right) { return String::sum(left, &right, right == '\0' ? 0 : 1); }
 
 bool operator==(const String &left, const char *right) { return order(left, right) == 0; }
 bool operator!=(const String &left, const char *right) { return order(left, right) != 0; }

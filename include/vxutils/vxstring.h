@@ -30,6 +30,8 @@
 #define VXUTILS_VXSTRING_H
 
 #include <stdint.h>
+#include <stdlib.h>
+#include <string.h>
 #include <vxutils/api.h>
 
 class VXUTILS_API String {
@@ -57,7 +59,7 @@ public:
     String();
 
     /** Shares the other's block. */
-    String(const String &other);
+    VXUTILS_API String(const String &other) : buffer_(other.buffer_) { ++buffer_->refCount; }
 
     /** One character, in a block of capacity 7; NUL gives the shared empty buffer. */
     String(char c);
@@ -81,7 +83,7 @@ public:
     String(const char *s, long start, long count);
 
     /** Gives the block back; the last of its Strings frees it. */
-    ~String();
+    VXUTILS_API ~String() { release(buffer_); }
 
     /** Shares the other's block; nothing when both are the same object. */
     String &operator=(const String &other);
@@ -190,7 +192,10 @@ public:
      * @{ */
 
     /** First @p c; none for NUL. */
-    long indexOf(char c) const;
+    VXUTILS_API long indexOf(char c) const {
+        const char *found = c == '\0' ? nullptr : strchr(buffer_->text, c);
+        return found == nullptr ? -1 : found - buffer_->text;
+    }
     /** First @p c at or after @p from; a negative @p from counts as 0. */
     long indexOf(char c, long from) const;
     /** First place where @p s stands; an empty @p s stands at 0. */
@@ -233,7 +238,13 @@ public:
     /** Appends @p s; nothing for NULL. */
     String &operator+=(const char *s);
     /** Appends @p c; nothing for NUL. */
-    String &operator+=(char c);
+    VXUTILS_API String &operator+=(char c) {
+        if (buffer_->refCount > 1 || buffer_->length >= buffer_->capacity || c == '\0') return concatCharacter(c);
+        char *end = buffer_->text + buffer_->length++;
+        end[0] = c;
+        end[1] = '\0';
+        return *this;
+    }
 
     /**
      * Replaces the text by a formatted one.  Its length is that of `strlenf` (xprintf.h), its bytes are those of the
@@ -272,6 +283,16 @@ public:
     /** @} */
 
 private:
+    static void release(StringBuffer *block) {
+        if (--block->refCount == 0 && block->capacity > 0) free(block);  // only the shared empty buffer has no room
+    }
+    struct Adopted {};
+    String(Adopted, StringBuffer *block) : buffer_(block) {}
+    String &concatCharacter(char c);
+    static String sum(String &left, const char *right, long count);
+    friend String operator+(String &&left, const String &right);
+    friend String operator+(String &&left, const char *right);
+    friend String operator+(String &&left, char right);
     String &internalConcat(const char *bytes, long count);
     String &internalInsert(long pos, const char *bytes, long count);
     void assign(const char *bytes, long count);
@@ -293,15 +314,32 @@ VXUTILS_API String operator+(const char *left, const String &right);
 VXUTILS_API String operator+(char left, const String &right);
 /** @} */
 
+/** @name Concatenation to a temporary
+ * The same sums, made in the block of a left operand that nobody else sees: `a + b + c` builds one text, not two.  The
+ * operand may be empty afterwards.
+ * @{ */
+VXUTILS_API String operator+(String &&left, const String &right);
+VXUTILS_API String operator+(String &&left, const char *right);
+VXUTILS_API String operator+(String &&left, char right);
+/** @} */
+
 /** @name Comparison
  * By `strcmp`; two Strings are equal only if their lengths are as well.
  * @{ */
-VXUTILS_API bool operator==(const String &left, const String &right);
-VXUTILS_API bool operator!=(const String &left, const String &right);
-VXUTILS_API bool operator<(const String &left, const String &right);
-VXUTILS_API bool operator>(const String &left, const String &right);
-VXUTILS_API bool operator<=(const String &left, const String &right);
-VXUTILS_API bool operator>=(const String &left, const String &right);
+VXUTILS_API inline bool operator==(const String &left, const String &right) {
+    if (left.c_str() == right.c_str()) return true;
+    if (left.length() != right.length()) return false;
+    // The same bytes are the same text; others still may be, where both end at a NUL inside.
+    return memcmp(left.c_str(), right.c_str(), static_cast<size_t>(left.length())) == 0 ||
+           strcmp(left.c_str(), right.c_str()) == 0;
+}
+VXUTILS_API inline bool operator!=(const String &left, const String &right) { return !(left == right); }
+VXUTILS_API inline bool operator<(const String &left, const String &right) {
+    return strcmp(left.c_str(), right.c_str()) < 0;
+}
+VXUTILS_API inline bool operator>(const String &left, const String &right) { return right < left; }
+VXUTILS_API inline bool operator<=(const String &left, const String &right) { return !(right < left); }
+VXUTILS_API inline bool operator>=(const String &left, const String &right) { return !(left < right); }
 /** @} */
 
 /** @name Comparison with a C text
