@@ -5,11 +5,13 @@
 //
 // The library works on fixed absolute paths. In the box those paths are real and nothing on the machine changes: own
 // mount, IPC, host name, network and process namespaces; the machine's root as the lower layer of an overlay whose
-// upper layer is memory; fresh /tmp, /run, /dev, /proc and /sys. Works as root and, where the kernel allows it, as an
-// ordinary user through a user namespace. Ends with the program's own exit status (128 + signal number when a signal
-// ended it), 125 when the box could not be made. Everything started inside ends with it.
+// upper layer is memory; fresh /tmp, /run, /dev, /proc and /sys. No program in it can restart the machine, switch it
+// off or put it to sleep. Works as root and, where the kernel allows it, as an ordinary user through a user namespace.
+// Ends with the program's own exit status (128 + signal number when a signal ended it), 125 when the box could not be
+// made. Everything started inside ends with it.
 #include <dirent.h>
 #include <fcntl.h>
+#include <linux/capability.h>
 #include <net/if.h>
 #include <sched.h>
 #include <sys/ioctl.h>
@@ -178,6 +180,16 @@ void makeRoot(const std::vector<std::string> &binds, bool inUserNamespace) {
     }
 }
 
+// What would reach the machine itself through its kernel's files: emergency keys, sleep and hibernation.
+void coverMachineSwitches() {
+    const std::string keys = newRoot + "/proc/sysrq-trigger";
+    if (::access(keys.c_str(), F_OK) == 0) bind("/dev/null", keys);
+    const std::string sleep = newRoot + "/sys/power";
+    if (::access(sleep.c_str(), F_OK) == 0) {
+        check(::mount("tmpfs", sleep.c_str(), "tmpfs", MS_RDONLY, nullptr), "cover " + sleep);
+    }
+}
+
 void enterRoot(const std::string &workingDir) {
     check(::chdir(newRoot.c_str()), "chdir " + newRoot);
     check(static_cast<int>(::syscall(SYS_pivot_root, ".", ".")), "pivot_root");
@@ -206,12 +218,16 @@ int waitFor(pid_t pid) {
     return exitStatus(status);
 }
 
+// Restart, power-off and a new kernel are the machine's: the capability is out of reach for good, root or not.
+void giveUpRestarting() { check(::prctl(PR_CAPBSET_DROP, CAP_SYS_BOOT), "give up restarting"); }
+
 // First process of the box: starts the program, reaps whatever is orphaned, ends with the program.
 [[noreturn]] void runInit(char **command) {
     const pid_t program = ::fork();
     if (program == -1) fail("fork");
     if (program == 0) {
         ::setenv("VXBOX", "1", 1);
+        giveUpRestarting();
         ::execvp(command[0], command);
         fail(command[0]);
     }
@@ -264,6 +280,7 @@ int main(int argc, char **argv) {
     if (boxInit == 0) {
         ::prctl(PR_SET_PDEATHSIG, SIGKILL);
         makeRoot(binds, inUserNamespace);
+        coverMachineSwitches();
         enterRoot(workingDir);
         loopbackUp();
         check(::sethostname("gateway", 7), "host name");

@@ -2,9 +2,15 @@
 // The test bench itself: what a box promises to the tests that run in it.
 #include <fcntl.h>
 #include <ifaddrs.h>
+#include <linux/capability.h>
+#include <sys/prctl.h>
+#include <sys/reboot.h>
 #include <sys/stat.h>
 #include <syslog.h>
 #include <unistd.h>
+
+#include <array>
+#include <cerrno>
 
 #include "support/emulation.h"
 #include "support/files.h"
@@ -33,6 +39,23 @@ TEST(Box, HasItsOwnProcessesNetworkAndHostName) {
     ASSERT_EQ(::getifaddrs(&all), 0);
     for (const ifaddrs *one = all; one != nullptr; one = one->ifa_next) EXPECT_STREQ(one->ifa_name, "lo");
     ::freeifaddrs(all);
+}
+
+// Restarts are tested in the box; three walls stand between them and the machine.
+TEST(Box, CannotRestartTheMachine) {
+    // Outside the first process namespace the kernel ends the namespace instead of restarting.
+    std::array<char, 64> space{};
+    ASSERT_GT(::readlink("/proc/self/ns/pid", space.data(), space.size() - 1), 0);
+    EXPECT_STRNE(space.data(), "pid:[4026531836]") << "the kernel's number for the first one";
+    // The capability is gone, and out of reach for a program with any rights.
+    EXPECT_EQ(::prctl(PR_CAPBSET_READ, CAP_SYS_BOOT), 0);
+    EXPECT_EQ(::reboot(RB_DISABLE_CAD), -1) << "a harmless command that needs the same capability";
+    EXPECT_EQ(errno, EPERM);
+    // The kernel's files that do the same are covered, where it has them.
+    struct stat keys {};
+    ASSERT_EQ(::stat("/proc/sysrq-trigger", &keys), 0);
+    EXPECT_TRUE(S_ISCHR(keys.st_mode));
+    EXPECT_FALSE(vxtest::exists("/sys/power/state"));
 }
 
 TEST(Box, EndsWithTheProgramsOwnStatus) {
