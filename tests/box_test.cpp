@@ -52,9 +52,8 @@ TEST(Box, CannotRestartTheMachine) {
     EXPECT_EQ(::reboot(RB_DISABLE_CAD), -1) << "a harmless command that needs the same capability";
     EXPECT_EQ(errno, EPERM);
     // The kernel's files that do the same are covered, where it has them.
-    struct stat keys {};
-    ASSERT_EQ(::stat("/proc/sysrq-trigger", &keys), 0);
-    EXPECT_TRUE(S_ISCHR(keys.st_mode));
+    struct stat keys;
+    if (::stat("/proc/sysrq-trigger", &keys) == 0) EXPECT_TRUE(S_ISCHR(keys.st_mode));
     EXPECT_FALSE(vxtest::exists("/sys/power/state"));
 }
 
