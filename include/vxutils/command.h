@@ -1,0 +1,112 @@
+/* SPDX-License-Identifier: MIT */
+/**
+ * @file
+ * Running other programs: in the foreground for their exit code, detached for their process id, through the shell for
+ * their output; splitting a command line; restarting the device and switching it off.
+ *
+ * @code
+ * char address[64];
+ * if (run_command("ip link set wan0 up", 0) == 0 && eval_command("cat /tmp/status/wan/address", address, 64) > 0) {
+ *     int dhcp = run_command("udhcpc -i wan0 -f", 1);   // goes on by itself; its process id
+ * }
+ * @endcode
+ *
+ * A child is forked: the caller's descriptors from 3 on are closed in it, its directory is "/", its file mode mask 022,
+ * its environment, signal mask and ignored signals are the caller's. Between fork and exec only async-signal-safe calls
+ * are made, so that programs with threads may call these functions from any of them. The wait for a child is not
+ * repeated when a signal handler interrupts it; a caller that ignores SIGCHLD, or waits for any child elsewhere, loses
+ * the exit code. Messages go to the system log with fixed priorities.
+ */
+#ifndef VXUTILS_COMMAND_H
+#define VXUTILS_COMMAND_H
+
+#include <stddef.h>
+#include <vxutils/api.h>
+
+VXUTILS_BEGIN_DECLS
+
+/**
+ * Runs a program, found by its path alone.
+ *
+ * Modes 0 and 2 wait for its end; it keeps the caller's standard streams. Mode 1 detaches it: its own session, standard
+ * streams on /dev/null, no child of the caller. Any other mode waits, and the program starts without open descriptors.
+ *
+ * Detached starts from one working directory happen one at a time, whatever the process: one that finds another under
+ * way tries again 10 times, 100 ms apart (LOG_INFO each time), and then gives up with -1.
+ *
+ * A program that cannot be started ends with errno as its exit code. When no process can be forked ("fork failed",
+ * LOG_ERR) the calling process itself becomes the program: the call does not return.
+ *
+ * @param mode how to run it: 0, 1, 2 as above
+ * @param path program to run; NULL and "" are -1
+ * @param arg0 its argument 0; NULL: no arguments at all, and none is read
+ * @param ...  const char * arguments, at most 15, then NULL. More are refused with "Too many arguments" (LOG_ERR).
+ * @return waiting: the exit code, or -1 when a signal ended the program (LOG_ERR and LOG_DEBUG) or on error. Detached:
+ *         the process id; 0 when the program could not be detached and ran to its end instead; -1 on error. 0 also when
+ *         the wait failed (LOG_ERR).
+ */
+VXUTILS_API int _exec_command(int mode, const char *path, const char *arg0, ...);
+
+/**
+ * Runs a command line with /bin/sh.
+ *
+ * @param command    text for "sh -c"
+ * @param background 0 waits, in mode 0 of _exec_command(); non-zero detaches
+ * @return as _exec_command(); 127 is the shell's own way to say that it did not find a program
+ */
+VXUTILS_API int run_command(const char *command, int background);
+
+/**
+ * Runs a command line with /bin/sh and collects its standard output. Waits until it ends.
+ *
+ * @param command text for "sh -c"
+ * @param out     receives the output, at most @p size - 2 characters, terminated; a NUL byte hides the rest of its line
+ * @param size    size of @p out in bytes
+ * @return number of characters of the lines stored, the one that was cut counted whole, later ones not (pieces of 1022
+ *         characters count as lines). -1 when the exit code is not 0, when the command could not be run, and for a NULL
+ *         or empty @p command, a NULL @p out or a @p size of 0. A command ended by a signal counts as successful.
+ */
+VXUTILS_API int eval_command(const char *command, char *out, size_t size);
+
+/**
+ * Splits a line into arguments at blanks, tabs and newlines. Quotes (" or ') at the start of an argument keep them
+ * together up to the same quote, which ends the argument at once. Elsewhere a quote is ordinary, and so is a backslash
+ * everywhere.
+ *
+ * @param line text to split
+ * @param argv receives an array of 255 pointers, unused ones NULL: with exactly 255 arguments no NULL follows. Released
+ *             with freeargv(). Unchanged on failure.
+ * @param argc receives the number of arguments. Unchanged on failure.
+ * @return 0; -1 for a quote that is not closed, more than 255 arguments, a NULL argument or lack of memory
+ */
+VXUTILS_API int makeargv(const char *line, char ***argv, int *argc);
+
+/**
+ * Releases what makeargv() made.
+ *
+ * @param argv the array, all 255 slots valid or NULL; NULL is ignored
+ */
+VXUTILS_API void freeargv(char **argv);
+
+/**
+ * Restarts the device, unless /nvstatus/skip-reboot is there ("skipping reboot", LOG_ERR). Starts
+ * /usr/local/sbin/system-reboot with the two numbers, detached, and returns after 100 ms; without that script the
+ * kernel restarts at once, nothing written back.
+ *
+ * @param a first argument of the script
+ * @param b second argument of the script
+ */
+VXUTILS_API void system_reboot(int a, int b);
+
+/**
+ * Switches the device off, as system_reboot() restarts it: /nvstatus/skip-poweroff, "skipping poweroff",
+ * /usr/local/sbin/system-poweroff.
+ *
+ * @param a first argument of the script
+ * @param b second argument of the script
+ */
+VXUTILS_API void system_poweroff(int a, int b);
+
+VXUTILS_END_DECLS
+
+#endif

@@ -1,0 +1,41 @@
+// SPDX-License-Identifier: MIT
+#include "vxutils/internal/prepared_log.h"
+
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <syslog.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <ctime>
+
+#include "vxutils/internal/fd.h"
+
+namespace vx {
+namespace {
+
+constexpr sockaddr_un logSocket{AF_UNIX, _PATH_LOG};
+
+}  // namespace
+
+PreparedLog::PreparedLog(int priority, const char *text) noexcept {
+    constexpr const char *months[] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
+                                      "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
+    const ErrnoKeeper keeper;
+    const time_t now = std::time(nullptr);
+    tm local{};
+    (void)::localtime_r(&now, &local);
+    const int length = std::snprintf(line_, sizeof line_, "<%d>%s %2d %02d:%02d:%02d %s: %s", LOG_USER | priority,
+                                     months[local.tm_mon], local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec,
+                                     program_invocation_short_name, text);
+    length_ = std::min(static_cast<size_t>(std::max(length, 0)), sizeof line_ - 1);
+}
+
+void PreparedLog::send() const noexcept {
+    const ErrnoKeeper keeper;
+    const Fd socket(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    (void)::sendto(socket.get(), line_, length_, MSG_NOSIGNAL, reinterpret_cast<const sockaddr *>(&logSocket),
+                   sizeof logSocket);
+}
+
+}  // namespace vx
