@@ -1,0 +1,201 @@
+// SPDX-License-Identifier: MIT
+// Locks between processes.
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <sys/time.h>
+#include <syslog.h>
+#include <unistd.h>
+#include <vxutils/lock.h>
+
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <cstring>
+#include <thread>
+
+#include "support/files.h"
+#include "support/process.h"
+#include "support/resources.h"
+#include "support/syslog_capture.h"
+
+namespace {
+
+using vxtest::LogLine;
+using Clock = std::chrono::steady_clock;
+
+const std::string path = "/tmp/lock/held";
+const std::string firewallPath = "/var/lock/iptables_flock_file";
+
+class DirectoryLock : public testing::Test {
+protected:
+    void SetUp() override {
+        vxtest::makeDirs("/tmp/lock");
+        ::rmdir(path.c_str());
+    }
+
+    vxtest::NoLeaks noLeaks_;
+};
+
+TEST_F(DirectoryLock, IsADirectory) {
+    ::umask(0);
+    EXPECT_EQ(acquire_lock(path.c_str(), 1), 0);
+    ::umask(022);
+    struct stat status {};
+    ASSERT_EQ(::stat(path.c_str(), &status), 0);
+    EXPECT_TRUE(S_ISDIR(status.st_mode));
+    EXPECT_EQ(status.st_mode & 01777u, 0x755u & 01777u);
+    EXPECT_EQ(release_lock(path.c_str()), 0);
+    EXPECT_FALSE(vxtest::exists(path));
+    EXPECT_EQ(acquire_lock(path.c_str(), 1), 0);
+}
+
+TEST_F(DirectoryLock, ZeroTriesFailAndNegativeOnesPretend) {
+    EXPECT_EQ(acquire_lock(path.c_str(), 0), -1);
+    EXPECT_EQ(acquire_lock(path.c_str(), -1), 0);
+    EXPECT_EQ(acquire_lock(nullptr, -1), 0);
+    EXPECT_EQ(acquire_lock(nullptr, 1), -1);
+    EXPECT_FALSE(vxtest::exists(path));
+}
+
+TEST_F(DirectoryLock, AHeldOneIsTriedOnceASecondAndTheLastTrySleepsToo) {
+    ASSERT_EQ(acquire_lock(path.c_str(), 1), 0);
+    const auto start = Clock::now();
+    EXPECT_EQ(acquire_lock(path.c_str(), 2), -1);
+    EXPECT_GE(Clock::now() - start, std::chrono::seconds(2));
+}
+
+TEST_F(DirectoryLock, AnyFailureCountsAsHeld) {
+    const auto start = Clock::now();
+    EXPECT_EQ(acquire_lock("/tmp/none/lock", 1), -1);
+    EXPECT_GE(Clock::now() - start, std::chrono::seconds(1));
+}
+
+TEST_F(DirectoryLock, IsTakenOverWhenItsHolderReleasesIt) {
+    ASSERT_EQ(acquire_lock(path.c_str(), 1), 0);
+    const pid_t waiter = vxtest::startChild([] { return acquire_lock(path.c_str(), 10) == 0 ? 0 : 1; });
+    ::usleep(200000);
+    EXPECT_EQ(release_lock(path.c_str()), 0);
+    EXPECT_EQ(vxtest::waitChild(waiter), 0);
+    EXPECT_TRUE(vxtest::exists(path)) << "the dead holder left it held";
+}
+
+TEST_F(DirectoryLock, ReleaseAlwaysSucceeds) {
+    EXPECT_EQ(release_lock(path.c_str()), 0);
+    EXPECT_EQ(release_lock(nullptr), 0);
+    vxtest::writeFile("/tmp/lock/full/entry", "");
+    EXPECT_EQ(release_lock("/tmp/lock/full"), 0);
+    EXPECT_TRUE(vxtest::exists("/tmp/lock/full"));
+    EXPECT_EQ(release_lock("/tmp/lock/full/entry"), 0);
+    EXPECT_FALSE(vxtest::exists("/tmp/lock/full/entry"));
+}
+
+class FirewallLock : public testing::Test {
+protected:
+    void SetUp() override { vxtest::makeDirs("/var/lock"); }
+
+    vxtest::NoLeaks noLeaks_;
+};
+
+// Whether another process could take the lock right now.
+bool isFree() {
+    return vxtest::inChild([] {
+               const int fd = ::open(firewallPath.c_str(), O_RDONLY | O_CLOEXEC);
+               return ::flock(fd, LOCK_EX | LOCK_NB) == 0 ? 0 : 1;
+           }) == 0;
+}
+
+TEST_F(FirewallLock, ExcludesOtherProcessesUntilItIsGivenBack) {
+    ::unlink(firewallPath.c_str());
+    firewall_lock_handle *handle = firewall_lock();
+    ASSERT_NE(handle, nullptr);
+    struct stat status {};
+    ASSERT_EQ(::stat(firewallPath.c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode, S_IFREG | 0600u);
+    EXPECT_FALSE(isFree());
+    EXPECT_EQ(firewall_unlock(handle), 0);
+    EXPECT_TRUE(isFree());
+}
+
+TEST_F(FirewallLock, WaitsForItsHolderAndEndsWithIt) {
+    const pid_t holder = vxtest::startChild([] {
+        firewall_lock();
+        vxtest::writeFile("/tmp/held", "");
+        ::pause();
+        return 0;
+    });
+    ASSERT_TRUE(vxtest::eventually([] { return vxtest::exists("/tmp/held"); }));
+    std::thread end([holder] {
+        ::usleep(150000);
+        ::kill(holder, SIGKILL);
+    });
+    const auto start = Clock::now();
+    firewall_lock_handle *handle = firewall_lock();
+    EXPECT_GE(Clock::now() - start, std::chrono::milliseconds(100));
+    ASSERT_NE(handle, nullptr);
+    end.join();
+    vxtest::waitChild(holder);
+    EXPECT_EQ(firewall_unlock(handle), 0);
+}
+
+TEST_F(FirewallLock, GoesOnWaitingThroughSignals) {
+    const pid_t holder = vxtest::startChild([] {
+        firewall_lock();
+        vxtest::writeFile("/tmp/held2", "");
+        ::usleep(300000);
+        return 0;
+    });
+    ASSERT_TRUE(vxtest::eventually([] { return vxtest::exists("/tmp/held2"); }));
+    static volatile sig_atomic_t ticks = 0;
+    struct sigaction tick {};
+    tick.sa_handler = [](int) { ticks = ticks + 1; };  // no SA_RESTART: the wait is interrupted
+    ::sigaction(SIGALRM, &tick, nullptr);
+    const itimerval often{{0, 10000}, {0, 10000}};
+    ::setitimer(ITIMER_REAL, &often, nullptr);
+    vxtest::SyslogCapture log;
+    firewall_lock_handle *handle = firewall_lock();
+    const itimerval never{};
+    ::setitimer(ITIMER_REAL, &never, nullptr);
+    EXPECT_GT(ticks, 0);
+    EXPECT_NE(handle, nullptr);
+    EXPECT_TRUE(log.take().empty());
+    EXPECT_EQ(firewall_unlock(handle), 0);
+    while (vxtest::waitChild(holder) == -1) {
+    }
+}
+
+TEST_F(FirewallLock, IsNotInheritedByPrograms) {
+    firewall_lock_handle *handle = firewall_lock();
+    ASSERT_NE(handle, nullptr);
+    const auto output = vxtest::run({"sh", "-c", "ls -l /proc/self/fd"});
+    EXPECT_EQ(output.text.find("iptables"), std::string::npos) << output.text;
+    firewall_unlock(handle);
+}
+
+TEST_F(FirewallLock, AFileThatCannotBeOpenedIsReported) {
+    ::unlink(firewallPath.c_str());
+    ASSERT_EQ(::mount("tmpfs", "/var/lock", "tmpfs", MS_RDONLY, nullptr), 0);
+    vxtest::SyslogCapture log;
+    EXPECT_EQ(firewall_lock(), nullptr);
+    EXPECT_EQ(log.take(), (std::vector<LogLine>{{LOG_ERR,
+                                                 "firewall_lock: unable to open lockfile "
+                                                 "\"/var/lock/iptables_flock_file\" - errno=Read-only file system"}}));
+    ASSERT_EQ(::umount("/var/lock"), 0);
+}
+
+TEST_F(FirewallLock, UnlockingNullIsFine) { EXPECT_EQ(firewall_unlock(nullptr), 0); }
+
+TEST_F(FirewallLock, UnlockingAClosedDescriptorIsReported) {
+    vxtest::SyslogCapture log;
+    EXPECT_EQ(vxtest::inChild([] {
+                  firewall_lock_handle *handle = firewall_lock();
+                  for (int fd = 3; fd < 64; ++fd) ::close(fd);
+                  return firewall_unlock(handle);
+              }),
+              0);
+    EXPECT_EQ(log.take(),
+              (std::vector<LogLine>{{LOG_ERR, "firewall_unlock: flock(LOCK_UN) failed - errno=Bad file descriptor"}}));
+}
+
+}  // namespace
