@@ -1,0 +1,473 @@
+// SPDX-License-Identifier: MIT
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <sys/un.h>
+#include <syslog.h>
+#include <unistd.h>
+#include <vxutils/strutil.h>
+#include <vxutils/timefmt.h>
+#include <vxutils/wwanmd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <csignal>
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <list>
+#include <memory>
+#include <mutex>
+#include <new>
+#include <string>
+#include <string_view>
+
+#include "vxutils/internal/errno_keeper.h"
+#include "vxutils/internal/fd.h"
+#include "vxutils/internal/log.h"
+#include "vxutils/internal/retry.h"
+#include "vxutils/internal/sigpipe.h"
+
+namespace {
+
+constexpr const char *serverPath = "/var/run/wwanmd%d/server";
+constexpr const char *markerPath = "/tmp/status/wwanmd/card%d/%s";
+constexpr const char *resetMarker = "reset";
+constexpr const char *suspendedMarker = "suspended";
+constexpr size_t markerPathSize = 256;
+
+constexpr int inReset = -11;    // result while the card is in reset
+constexpr int initialized = 1;  // bit of wwanmd_handle::flags
+
+constexpr int64_t usPerSecond = 1000000;
+constexpr int64_t pacingUs = 300000;
+constexpr int minTimeoutSeconds = 5;
+constexpr int maxTimeoutSeconds = 300;
+constexpr int resetChecks = 5;
+constexpr int receivePasses = 21;
+constexpr int failuresOfStalled = 3;  // so that the failure at hand is the one that reconnects
+constexpr int failuresToReconnect = 4;
+constexpr int maxBusyCommands = 16;
+
+constexpr size_t maxReply = sizeof(wwanmd_msg::data) - 1;
+constexpr int maxCommand = static_cast<int>(maxReply) - 1;  // leaves room for the newline
+constexpr std::string_view okWord = "OK";
+constexpr std::string_view errorWord = "ERROR";
+constexpr std::string_view busyWord = "BUSY";
+
+static_assert(sizeof(wwanmd_handle::app) == 16 && sizeof(wwanmd_msg) == 8192 + 3 * sizeof(int));
+
+// Whether a failure may reconnect. Not from inside the handshake, which is itself part of connecting: the two would
+// call each other without end when the daemon accepts and closes at once.
+enum class Reconnect { allowed, never };
+
+timespec now() {
+    timespec time{};
+    ::clock_gettime(CLOCK_MONOTONIC, &time);
+    return time;
+}
+
+void sleepUs(int64_t us) {
+    // Of at most 300 s, so that int holds both parts on every machine.
+    timespec rest{static_cast<int>(us / usPerSecond), static_cast<int>(us % usPerSecond * 1000)};
+    while (::clock_nanosleep(CLOCK_MONOTONIC, 0, &rest, &rest) == EINTR) {
+    }
+}
+
+bool validCard(int card) {
+    if ((card >= 0 && card <= 5) || (card >= 10 && card <= 15)) return true;
+    vx::log(LOG_ERR, "invalid wwan card %d", card);
+    return false;
+}
+
+bool markerPresent(const char *marker, int card) {
+    const vx::ErrnoKeeper keeper;
+    std::array<char, markerPathSize> path;
+    std::snprintf(path.data(), path.size(), markerPath, card, marker);
+    return ::access(path.data(), R_OK) == 0;
+}
+
+// The same text in memory that lasts: openlog() keeps the pointer it is given. Each name is kept once and never freed,
+// because another thread may be logging with it at any time. Throws std::bad_alloc.
+const char *lastingName(const char *name) {
+    static std::mutex mutex;
+    static auto *const names = new std::list<std::string>;
+    const std::lock_guard lock(mutex);
+    const auto known = std::find(names->begin(), names->end(), name);
+    return known != names->end() ? known->c_str() : names->emplace_back(name).c_str();
+}
+
+// What is left of a time-out; every wait takes the time it needed.
+class Budget {
+public:
+    explicit Budget(int seconds) : leftUs_(std::clamp(seconds, minTimeoutSeconds, maxTimeoutSeconds) * usPerSecond) {}
+
+    [[nodiscard]] int64_t leftUs() const { return leftUs_; }
+
+    // Waits for an event on the socket: poll()'s result, with errno 0 unless it is -1. Not with ppoll(): the C
+    // library's fortified one takes 32-bit times where the caller has 64-bit ones.
+    int wait(pollfd &waiting) {
+        for (;;) {
+            const timespec start = now();
+            const auto milliseconds = static_cast<int>((leftUs_ + 999) / 1000);
+            errno = 0;
+            const int ready = ::poll(&waiting, 1, milliseconds);
+            leftUs_ = std::max<int64_t>(0, leftUs_ - uselapsed(start, now()));
+            if (ready != -1 || errno != EINTR) return ready;
+        }
+    }
+
+private:
+    int64_t leftUs_;
+};
+
+// Waits at most 5 s for a place in the daemon's queue of connections.
+int connectTo(int fd, const sockaddr_un &address, socklen_t size) {
+    const timespec start = now();
+    for (;;) {
+        const int64_t leftUs = minTimeoutSeconds * usPerSecond - uselapsed(start, now());
+        if (leftUs <= 0) {
+            errno = EAGAIN;
+            return -1;
+        }
+        const timeval limit{static_cast<int>(leftUs / usPerSecond), static_cast<int>(leftUs % usPerSecond)};
+        if (::setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit) == -1) return -1;
+        errno = 0;
+        if (::connect(fd, reinterpret_cast<const sockaddr *>(&address), size) == 0) return 0;
+        if (errno != EINTR) return -1;
+    }
+}
+
+// A connected, non-blocking socket; none when the daemon cannot be reached, which is logged.
+vx::Fd connectToDaemon(int card) {
+    errno = 0;
+    vx::Fd fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    if (!fd.valid()) {
+        vx::log(LOG_DEBUG, "can't open socket to wwanmd%d (%s)", card, std::strerror(errno));
+        return fd;
+    }
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    const int length = std::snprintf(address.sun_path, sizeof address.sun_path, serverPath, card);
+    socklen_t size = offsetof(sockaddr_un, sun_path);
+    size += static_cast<unsigned int>(length);
+    if (connectTo(fd.get(), address, size) == -1) {
+        vx::log(LOG_DEBUG, "can't bind to wwanmd%d (%s)", card, std::strerror(errno));
+        fd.reset();
+        return fd;
+    }
+    const int flags = ::fcntl(fd.get(), F_GETFL);
+    ::fcntl(fd.get(), F_SETFL, flags | O_NONBLOCK);
+    return fd;
+}
+
+int sendMessage(wwanmd_handle *handle, wwanmd_msg *message, Reconnect reconnect);
+int receiveMessage(wwanmd_handle *handle, wwanmd_msg *message, Reconnect reconnect);
+
+// One command and its answer.
+int exchange(wwanmd_handle *handle, wwanmd_msg *message, Reconnect reconnect) {
+    if (sendMessage(handle, message, reconnect) != 0) return -1;
+    if (receiveMessage(handle, message, reconnect) == 0) return 0;
+    vx::log(LOG_DEBUG, "command failed");
+    return -1;
+}
+
+int handshake(wwanmd_handle *handle) {
+    wwanmd_msg message{};
+    message.len = std::snprintf(message.data, sizeof message.data, "%s %s", "init", handle->app);
+    errno = 0;
+    return exchange(handle, &message, Reconnect::never);
+}
+
+bool closedForReset(wwanmd_handle *handle) {
+    if (wwanmd_in_reset(handle->card) != 1) return false;
+    vx::log(LOG_DEBUG, "wwanmd%d is currently in reset", handle->card);
+    wwanmd_close(handle);
+    return true;
+}
+
+void stalled(wwanmd_handle *handle) {
+    vx::log(LOG_DEBUG, "faced stalled wwanmd%d", handle->card);
+    handle->failures = failuresOfStalled;
+}
+
+// Counts a failed send or receive and reconnects when it was one too many.
+void countFailure(wwanmd_handle *handle, const char *doing, Reconnect reconnect) {
+    vx::log(LOG_DEBUG, "%s wwanmd%d failed (%d failures)", doing, handle->card, handle->failures + 1);
+    ++handle->failures;
+    if (handle->failures >= failuresToReconnect && reconnect == Reconnect::allowed) (void)wwanmd_open(handle);
+}
+
+void pace(const wwanmd_handle &handle) {
+    if ((handle.flags & initialized) == 0) return;
+    const int64_t elapsed = uselapsed(handle.last_io, now());
+    if (elapsed < pacingUs) sleepUs(pacingUs - elapsed);
+}
+
+// Throws away what the daemon sent unasked. Returns whether the socket can already be written to.
+bool flushStaleAnswers(const wwanmd_handle &handle) {
+    pollfd waiting{handle.fd, POLLIN | POLLOUT, 0};
+    if (::poll(&waiting, 1, 0) != 1) return false;
+    if ((waiting.revents & (POLLIN | POLLHUP | POLLERR)) != 0) {
+        std::array<char, maxReply> stale;
+        const ssize_t got = vx::retryEintr([&] { return ::recv(handle.fd, stale.data(), stale.size(), 0); });
+        if (got > 0) {
+            vx::log(LOG_DEBUG, "flushed %d bytes from wwanmd%d before sending", static_cast<int>(got), handle.card);
+        }
+    }
+    return (waiting.revents & POLLOUT) != 0;
+}
+
+bool waitWritable(const wwanmd_handle &handle, int timeout) {
+    pollfd waiting{handle.fd, POLLOUT, 0};
+    Budget budget(timeout);
+    const int ready = budget.wait(waiting);
+    if (ready == 0) vx::log(LOG_DEBUG, "sending to wwanmd%d timed out", handle.card);
+    return ready == 1;
+}
+
+bool sendAll(wwanmd_handle *handle, const wwanmd_msg &message) {
+    const vx::SigpipeScope sigpipe;
+    if (!flushStaleAnswers(*handle) && !waitWritable(*handle, message.timeout)) {
+        if (errno == EPIPE) {
+            stalled(handle);
+        } else {
+            vx::log(LOG_DEBUG, "cannot send command to wwanmd%d", handle->card);
+        }
+        return false;
+    }
+    errno = 0;
+    const auto length = static_cast<size_t>(message.len);
+    const ssize_t sent =
+        vx::retryEintr([&] { return ::send(handle->fd, message.data, length, MSG_NOSIGNAL | MSG_DONTWAIT); });
+    if (sent == message.len) return true;
+    vx::log(LOG_DEBUG, "could not send %d bytes to wwanmd%d (%s)", message.len, handle->card, std::strerror(errno));
+    if (errno == EPIPE) stalled(handle);
+    return false;
+}
+
+// Appends the newline that ends a command; false when the text is too long.
+bool terminateCommand(wwanmd_msg *message) {
+    if (message->len > maxCommand) {
+        vx::log(LOG_DEBUG, "buffer length exceeded");
+        return false;
+    }
+    message->len = std::max(message->len, 0);
+    const auto length = static_cast<size_t>(message->len);
+    if (length > 0 && message->data[length - 1] == '\n') return true;
+    message->data[length] = '\n';
+    ++message->len;
+    return true;
+}
+
+int sendMessage(wwanmd_handle *handle, wwanmd_msg *message, Reconnect reconnect) {
+    if (handle == nullptr || message == nullptr || !validCard(handle->card)) return -1;
+    if (!terminateCommand(message)) return -1;
+    pace(*handle);
+    if (handle->fd == -1 && wwanmd_open(handle) != 0) {
+        handle->last_io = now();
+        return -1;
+    }
+    if (closedForReset(handle)) return inReset;
+    if (sendAll(handle, *message)) {
+        handle->failures = 0;
+        handle->last_io = now();
+        return 0;
+    }
+    countFailure(handle, "sending to", reconnect);
+    handle->last_io = now();
+    return -1;
+}
+
+// What one pass of a receive came to.
+enum class Reply { ok, busy, failed };
+
+void keepText(wwanmd_msg *message, std::string_view text) {
+    std::memcpy(message->data, text.data(), text.size());
+    message->len = static_cast<int>(text.size());
+}
+
+Reply judge(const wwanmd_handle &handle, wwanmd_msg *message, std::string_view reply) {
+    if (reply.starts_with(okWord)) {
+        keepText(message, reply.substr(okWord.size()));
+        return Reply::ok;
+    }
+    if (reply.starts_with(busyWord)) return Reply::busy;
+    if (reply.starts_with(errorWord)) {
+        keepText(message, reply.substr(errorWord.size()));
+        return Reply::failed;
+    }
+    vx::log(LOG_DEBUG, "invalid response received from wwanmd%d", handle.card);
+    return Reply::failed;
+}
+
+using ReplyBuffer = std::array<char, maxReply>;
+
+// Waits for one answer and judges it; `reply` is what came, inside `buffer`.
+Reply receiveReply(wwanmd_handle *handle, wwanmd_msg *message, Budget &budget, ReplyBuffer &buffer,
+                   std::string_view &reply) {
+    pollfd waiting{handle->fd, POLLIN, 0};
+    const int ready = budget.wait(waiting);
+    if (ready == 0) vx::log(LOG_DEBUG, "recv from wwanmd%d timed out", handle->card);
+    if (ready != 1) return Reply::failed;
+    errno = 0;
+    const ssize_t got = vx::retryEintr([&] { return ::recv(handle->fd, buffer.data(), buffer.size(), MSG_DONTWAIT); });
+    if (got <= 0) {
+        vx::log(LOG_DEBUG, "couldn't read from wwanmd%d (%s)", handle->card, std::strerror(errno));
+        if (errno == EPIPE) stalled(handle);
+        return Reply::failed;
+    }
+    reply = {buffer.data(), static_cast<size_t>(got)};
+    return judge(*handle, message, reply);
+}
+
+// Waits through "BUSY" answers as long as passes and whole seconds are left.
+Reply receiveAnswer(wwanmd_handle *handle, wwanmd_msg *message) {
+    Budget budget(message->timeout);
+    ReplyBuffer buffer;
+    std::string_view reply;
+    for (int pass = 0; pass < receivePasses; ++pass) {
+        std::memset(message->data, 0, sizeof message->data);
+        message->len = -1;
+        const Reply outcome = receiveReply(handle, message, budget, buffer, reply);
+        if (outcome != Reply::busy) return outcome;
+        vx::log(LOG_DEBUG, "wwanmd%d is busy, remaining timeout is %lu.%lus", handle->card,
+                static_cast<unsigned long>(budget.leftUs() / usPerSecond),
+                static_cast<unsigned long>(budget.leftUs() % usPerSecond));
+        if (budget.leftUs() < usPerSecond) break;
+    }
+    keepText(message, reply.substr(busyWord.size()));
+    vx::log(LOG_DEBUG, "wwanmd%d is busy", handle->card);
+    return Reply::busy;
+}
+
+int receiveMessage(wwanmd_handle *handle, wwanmd_msg *message, Reconnect reconnect) {
+    if (handle == nullptr || message == nullptr || !validCard(handle->card)) return -1;
+    std::signal(SIGPIPE, SIG_IGN);  // stays ignored where the socket is not reached
+    if (handle->fd == -1 && wwanmd_open(handle) != 0) return -1;
+    if (closedForReset(handle)) return inReset;
+
+    Reply outcome = Reply::failed;
+    {
+        const vx::SigpipeScope sigpipe;
+        outcome = receiveAnswer(handle, message);
+    }
+    switch (outcome) {
+        case Reply::ok:
+            handle->failures = 0;
+            handle->busy_count = 0;
+            return 0;
+        case Reply::busy:
+            ++handle->busy_count;
+            if (handle->busy_count > maxBusyCommands && reconnect == Reconnect::allowed) (void)wwanmd_open(handle);
+            return -1;
+        case Reply::failed:
+            countFailure(handle, "receiving from", reconnect);
+            return -1;
+    }
+    return -1;
+}
+
+wwanmd_handle *makeHandle(int card, const char *app) {
+    auto *handle = static_cast<wwanmd_handle *>(std::calloc(1, sizeof(wwanmd_handle)));
+    if (handle == nullptr) return nullptr;
+    handle->fd = -1;
+    handle->card = card;
+    strlcpy(handle->app, app, sizeof handle->app);
+    handle->last_io = now();
+    return handle;
+}
+
+}  // namespace
+
+extern "C" {
+
+wwanmd_handle *wwanmd_init(int card, const char *app) {
+    if (!validCard(card)) return nullptr;
+    if (app == nullptr || app[0] == '\0' || std::strlen(app) >= sizeof(wwanmd_handle::app)) {
+        vx::log(LOG_DEBUG, "invalid app name for wwanmd connection");
+        return nullptr;
+    }
+    wwanmd_handle *handle = nullptr;
+    try {
+        ::openlog(lastingName(app), LOG_PID | LOG_NDELAY, LOG_USER);
+        handle = makeHandle(card, app);
+    } catch (const std::bad_alloc &) {
+        handle = nullptr;
+    }
+    if (handle == nullptr) {
+        vx::log(LOG_DEBUG, "no mem for wwanmd connection");
+        return nullptr;
+    }
+    if (wwanmd_open(handle) != 0) {
+        wwanmd_free(handle);
+        return nullptr;
+    }
+    return handle;
+}
+
+void wwanmd_free(wwanmd_handle *handle) {
+    wwanmd_close(handle);
+    std::free(handle);
+}
+
+int wwanmd_command(wwanmd_handle *handle, wwanmd_msg *message) {
+    if (handle == nullptr || message == nullptr || !validCard(handle->card)) return -1;
+    if (handle->fd == -1 && wwanmd_open(handle) != 0) return -1;
+    return exchange(handle, message, Reconnect::allowed);
+}
+
+int wwanmd_open(wwanmd_handle *handle) {
+    if (handle == nullptr || !validCard(handle->card)) return -1;
+    wwanmd_close(handle);
+    if (closedForReset(handle)) return inReset;
+    handle->failures = 0;
+    handle->busy_count = 0;
+    handle->last_io = now();
+    handle->fd = connectToDaemon(handle->card).release();
+    if (handle->fd == -1) return -1;
+    if (handshake(handle) == 0) {
+        handle->flags |= initialized;
+        return 0;
+    }
+    vx::log(LOG_DEBUG, "cannot initialize wwanmd%d (%s)", handle->card, std::strerror(errno));
+    wwanmd_close(handle);
+    return -1;
+}
+
+void wwanmd_close(wwanmd_handle *handle) {
+    if (handle == nullptr || handle->fd == -1) return;
+    const vx::Fd closed(handle->fd);
+    handle->fd = -1;
+}
+
+int wwanmd_send(wwanmd_handle *handle, wwanmd_msg *message) { return sendMessage(handle, message, Reconnect::allowed); }
+
+int wwanmd_recv(wwanmd_handle *handle, wwanmd_msg *message) {
+    return receiveMessage(handle, message, Reconnect::allowed);
+}
+
+int wwanmd_in_reset(int card) {
+    if (!validCard(card)) return -1;
+    if (!markerPresent(resetMarker, card)) return 0;
+    for (int check = 0; check < resetChecks; ++check) {
+        if (!markerPresent(resetMarker, card)) {
+            sleepUs(usPerSecond);
+            return 0;
+        }
+        sleepUs(usPerSecond);
+    }
+    return 1;
+}
+
+int wwanmd_is_suspended(int card) {
+    if (!validCard(card)) return -1;
+    return markerPresent(suspendedMarker, card) ? 1 : 0;
+}
+
+}  // extern "C"
