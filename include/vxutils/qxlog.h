@@ -1,0 +1,60 @@
+/* SPDX-License-Identifier: MIT */
+/**
+ * @file
+ * The device log: a short persistent list of events in /var/log/qxlog, newest first, apart from the system log.
+ *
+ * @code
+ * qxlog(3, "modem restarted");
+ *
+ * char text[4096];
+ * if (qxlog_read(text, sizeof text) == 0) fputs(text, stdout);  // 3: 2026-11-15 08:40 modem restarted
+ * @endcode
+ *
+ * The file keeps the new entry and 32 older lines, and mode 0664. It is only ever replaced as a whole, so that readers
+ * of the file need no lock.
+ *
+ * Calls of all processes wait for each other by a System V semaphore, whose value every call sets to free first: what a
+ * process left behind that died in the middle never blocks the log. Two writers that meet in that moment pass together;
+ * they then wait for each other at the temporary file, /var/log/qxlog.tmp. Errors are reported with perror() on
+ * standard error. Any number of threads may call.
+ */
+#ifndef VXUTILS_QXLOG_H
+#define VXUTILS_QXLOG_H
+
+#include <stddef.h>
+#include <vxutils/api.h>
+
+VXUTILS_BEGIN_DECLS
+
+/**
+ * Adds an entry as the first line, "NUMBER: YYYY-MM-DD HH:MM MESSAGE", in local time.
+ *
+ * A failure after the semaphore was taken leaves it taken, and the temporary file in place, for the next call to put
+ * right.
+ *
+ * @param number  level or event code
+ * @param message text of the entry; lines of more than 1023 characters are split when the next entry is added
+ * @return 0; -1 on failure (reported), and for NULL and "", which touch nothing
+ */
+VXUTILS_API int qxlog(int number, const char *message);
+
+/**
+ * Empties the log, or makes an empty one.
+ *
+ * @return 0, also when the file cannot be opened; -1 when the semaphore fails (reported)
+ */
+VXUTILS_API int qxlog_clear(void);
+
+/**
+ * Reads the log.
+ *
+ * @param buf  receives at most @p size - 2 characters of whole log text, the rest of its @p size bytes zero; the empty
+ *             text when there is no log
+ * @param size size of @p buf in bytes, more than 256
+ * @return 0; -1 for a NULL or too small @p buf and when the semaphore fails (reported)
+ */
+VXUTILS_API int qxlog_read(char *buf, size_t size);
+
+VXUTILS_END_DECLS
+
+#endif
