@@ -1,0 +1,133 @@
+/* SPDX-License-Identifier: MIT */
+/**
+ * @file
+ * A daemon's directory in the status tree: small files and links that tell others its state, and FIFOs through which
+ * others send it short messages.
+ *
+ * @code
+ * struct Commands : StatusFifoObserver {
+ *     void fifoDataReceived(bufferevent *, char *data, unsigned long length) override { obey(data, length); }
+ * } commands;
+ *
+ * event_base *base = event_init();                     // libevent's current base has to exist before the first FIFO
+ * StatusInterface status;
+ * if (status.setup(BASEPATH_STATUS, "/linkmanager")) { // /tmp/status/linkmanager
+ *     status.setStatus("/state", "up");
+ *     status.setupIpcRxFifo("/command", &commands);
+ *     event_base_dispatch(base);
+ * }
+ * @endcode
+ *
+ * A name is appended to the directory as it is, so it begins with "/". An object is used from one thread, the one that
+ * runs libevent's current base, on which the FIFOs' data arrives; the FIFOs have to be ended before that base is freed.
+ * Files are shared between processes without a lock: by convention each has one writer.
+ */
+#ifndef VXUTILS_STATUSINTERFACE_H
+#define VXUTILS_STATUSINTERFACE_H
+
+#include <vxutils/api.h>
+#include <vxutils/vxstring.h>
+
+struct bufferevent;
+
+/** The status trees. */
+enum BasePath : int {
+    BASEPATH_STATUS = 0,   /**< "/tmp/status": lost at reboot */
+    BASEPATH_NVSTATUS = 1, /**< "/nvstatus": survives a reboot */
+    BASEPATH_PROC = 2      /**< "/proc": the kernel's */
+};
+
+/** Receives what others write into a FIFO. */
+class VXUTILS_API StatusFifoObserver {
+public:
+    virtual ~StatusFifoObserver();
+
+    /**
+     * Called with the next piece of the data. Where a message ends is not kept: one may come in several pieces, several
+     * may come in one. Deleting the FIFO from here is allowed; nothing more of it arrives then.
+     * @param bev the FIFO's identifier, as a pointer.
+     * @param data @p length bytes and a NUL, valid during the call and free to be changed.
+     * @param length 1 to 99.
+     */
+    virtual void fifoDataReceived(struct bufferevent *bev, char *data, unsigned long length) = 0;
+};
+
+/** One daemon's directory in a status tree. */
+class VXUTILS_API StatusInterface {
+public:
+    /** No directory yet: names are paths until setup(). */
+    StatusInterface();
+
+    /** Calls cleanup(). */
+    virtual ~StatusInterface();
+
+    StatusInterface(const StatusInterface &) = delete;
+    StatusInterface &operator=(const StatusInterface &) = delete;
+
+    /**
+     * Chooses the directory and makes it and its missing parents, mode 0777 less the process's umask.
+     * @param basePath tree.
+     * @param name daemon's name, beginning with "/"; may name a directory further down.
+     * @return true; false, with the reason in the system log, when @p basePath is none of the three (there is no
+     * directory then) or a directory cannot be made (it stays chosen).
+     */
+    bool setup(BasePath basePath, const String &name);
+
+    /**
+     * Writes a status file, mode 0644 less the umask when it is new. The file is emptied and written in place: who
+     * reads it at that moment may find it empty.
+     * @param name file name.
+     * @param value contents, with NULs if there are any; no newline is added.
+     * @return true when the file was opened and took every byte.
+     */
+    bool setStatus(const String &name, const String &value);
+
+    /**
+     * Reads a status file.
+     * @param name file name.
+     * @param value set to the contents as they are, NULs and newlines included; empty when the file cannot be opened.
+     * @return true when the file was opened; a read error counts as its end.
+     */
+    bool getStatus(const String &name, String &value) const;
+
+    /**
+     * Replaces a link, or whatever file has its name.
+     * @param name name of the link.
+     * @param target what it points to; empty to have no link any more.
+     * @return true when the link was made or none was wanted.
+     */
+    bool setLink(const String &name, const String &target);
+
+    /**
+     * Makes a FIFO, mode 0666 less the umask, in place of whatever file has its name, and has its data delivered.
+     * @param name name of the FIFO.
+     * @param observer receives the data; it must outlive the FIFO. Null throws the data away.
+     * @return the FIFO's identifier; 0 when a step failed, in particular when libevent has no current base. The file is
+     * left in place then.
+     */
+    unsigned long setupIpcRxFifo(const String &name, StatusFifoObserver *observer);
+
+    /**
+     * Ends a FIFO and removes its file.
+     * @param id identifier; one that is not among this object's is ignored.
+     */
+    void deleteIpcRxFifo(unsigned long id);
+
+    /** Ends every FIFO and removes their files, the newest first. */
+    void cleanup();
+
+    /**
+     * What libevent calls when a FIFO has data: hands it to the observer in pieces of at most 99 bytes.
+     * @param bev the FIFO's buffered event.
+     * @param observer its StatusFifoObserver.
+     */
+    static void STATUS_FIFO_READ_EVENT(struct bufferevent *bev, void *observer);
+
+private:
+    struct Fifo;
+
+    String path_;
+    Fifo *fifos_;
+};
+
+#endif
