@@ -1,0 +1,152 @@
+/* SPDX-License-Identifier: MIT */
+/**
+ * @file
+ * Locks between processes: CRecursiveSemaphore, a named recursive mutex that survives the death of its owner, and
+ * CSemaphore, a plain binary lock found by a file's path. The same as plain functions: sem.h.
+ *
+ * @code
+ * CRecursiveSemaphore modem("/modem0");
+ * const int result = modem.lock();
+ * if (result == 0 || result == EOWNERDEAD) {  // EOWNERDEAD: locked, but the owner before has died in the middle
+ *     ...
+ *     modem.unlock();
+ * }
+ * @endcode
+ *
+ * Both kinds of lock are made by their first user and stay in the system until the next boot.
+ *
+ * Threads: a CRecursiveSemaphore may be shared between threads, and belongs to the thread that locked it. A CSemaphore
+ * belongs to the process; two threads of one process exclude each other with it, but either may unlock.
+ *
+ * fork(): a child does not own what its parent has locked.
+ *
+ * Signals: nothing here may be called from a signal handler.
+ *
+ * Failures are written to the system log and reported by results; nothing is thrown but the standard library's
+ * @c std::bad_alloc from constructors.
+ */
+#ifndef VXUTILS_CSEMAPHORE_H
+#define VXUTILS_CSEMAPHORE_H
+
+#include <sys/types.h>
+#include <vxutils/api.h>
+
+#include <memory>
+#include <string>
+
+/**
+ * A binary lock on a System V semaphore. Not recursive: locking it twice blocks for ever. The kernel gives it back when
+ * the process that holds it ends, in whatever way.
+ */
+class VXUTILS_API CSemaphore {
+public:
+    /**
+     * Stores which semaphore is meant; nothing is opened.
+     * @param pathname an existing file; it is looked at, never opened
+     * @param projectID tells several locks of one file apart; its low 8 bits count and must not all be 0
+     *
+     * An empty path and a project of 0 are logged.
+     */
+    CSemaphore(const std::string &pathname, int projectID);
+
+    /** The semaphore stays in the system, locked or not. */
+    virtual ~CSemaphore();
+
+    /**
+     * Finds the semaphore, or makes it, free and for this user only.
+     * @return 0, or -1 with the reason in the system log
+     */
+    int init();
+
+    /**
+     * Takes the lock, waiting without limit; signals do not end the wait.
+     * @return 0, or -1 with the reason in the system log
+     */
+    int lock();
+
+    /**
+     * Gives the lock back.
+     * @return 0, or -1 with the reason in the system log
+     */
+    int unlock();
+
+private:
+    std::string pathname_;
+    int projectId_;
+    key_t key_;
+    int semId_;
+};
+
+/**
+ * A named mutex in shared memory: recursive, shared by all processes that use its name, robust. An object whose
+ * construction failed is unusable for good: its functions return -1.
+ */
+class VXUTILS_API CRecursiveSemaphore {
+public:
+    /** How a lock is to behave. */
+    class VXUTILS_API CSemaphoreOptions {
+    public:
+        /** Who repairs a mutex whose owner has died. */
+        enum eConsistentMode : int {
+            eConsistentAutomatic = 0, /**< lock() and trylock() do */
+            eConsistentManual = 1,    /**< the caller does, by makeConsistent() */
+        };
+
+        /** Automatic. */
+        CSemaphoreOptions();
+
+        /** Any value but eConsistentAutomatic means manual. */
+        void SetConsistentMode(eConsistentMode mode);
+        eConsistentMode GetConsistentMode() const;
+
+    private:
+        bool automatic_;
+    };
+
+    /**
+     * Opens or creates the lock of this name, with default options.
+     * @param name as for @c shm_open(): "/" and up to 255 further characters, none of them "/"
+     *
+     * Waits while another process creates a lock of any name. A failure is logged and leaves the object unusable.
+     */
+    explicit CRecursiveSemaphore(const std::string &name);
+
+    /** The same with @p options, of which a copy is kept. */
+    CRecursiveSemaphore(const std::string &name, const CSemaphoreOptions &options);
+
+    /** Leaves the lock as it is: locked when it was locked. */
+    virtual ~CRecursiveSemaphore();
+
+    CRecursiveSemaphore(const CRecursiveSemaphore &) = delete;
+    CRecursiveSemaphore &operator=(const CRecursiveSemaphore &) = delete;
+
+    /**
+     * Takes the lock, waiting without limit. The owner may lock again and must unlock as often.
+     * @retval 0 locked
+     * @retval EOWNERDEAD locked too; the owner before died while holding it. In manual mode makeConsistent() must be
+     *         called before unlock(), or the lock is lost for all processes for good
+     * @retval ENOTRECOVERABLE the lock was lost that way
+     * @retval -1 the object is unusable
+     * @return otherwise the error number of @c pthread_mutex_lock()
+     */
+    int lock();
+
+    /** The same without waiting: @c EBUSY when another thread has it. */
+    int trylock();
+
+    /** Gives back one lock(): 0, -1 for an unusable object, or an error number (@c EPERM: not the owner). */
+    int unlock();
+
+    /**
+     * Declares what the lock protects to be in order again, after EOWNERDEAD: 0, -1 for an unusable object, or an error
+     * number (@c EINVAL: nothing to repair).
+     */
+    int makeConsistent();
+
+private:
+    class private_impl;
+
+    std::unique_ptr<private_impl> impl_;
+};
+
+#endif

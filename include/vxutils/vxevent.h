@@ -1,0 +1,88 @@
+/* SPDX-License-Identifier: MIT */
+/**
+ * @file
+ * Named events for the gateway's event manager, and the same records over ZeroMQ for whoever subscribes.
+ *
+ * @code
+ * vxevent(17, 1, "wan1");                        // into the event manager's FIFO
+ *
+ * void *source = create_legacy_source(context);  // context: zmq_ctx_new()
+ * vxevent_record record = {17, 1, "wan1"};
+ * dispatch_legacy_event(source, &record);        // to every subscriber that is connected
+ * @endcode
+ *
+ * Subscribers read one message of sizeof(vxevent_record) bytes per event from the socket that register_legacy_sink()
+ * gives them, with ZeroMQ's own receiving functions, and close sockets with @c zmq_close().
+ *
+ * Threads: vxevent() from any thread, and any number of processes at once; a ZeroMQ socket by one thread at a time.
+ * Signals: vxevent() may be called from a signal handler. fork(): a child must not use its parent's ZeroMQ sockets.
+ * Nothing here writes to the system log.
+ */
+#ifndef VXUTILS_VXEVENT_H
+#define VXUTILS_VXEVENT_H
+
+#include <devlog.h>
+#include <stdint.h>
+#include <vxutils/api.h>
+
+VXUTILS_BEGIN_DECLS
+
+/** One event as it travels: 136 bytes on every machine, numbers in the machine's byte order. */
+typedef struct vxevent_record {
+    uint32_t id;    /**< which event */
+    uint32_t param; /**< its parameter */
+    char text[128]; /**< NUL-terminated text, the rest zero */
+} vxevent_record;
+
+/**
+ * The log level for daemons that log the contents of messages. Made when the library is loaded; the library itself does
+ * not use it.
+ */
+extern VXUTILS_API devlog_level *DL_MQCONTENTS;
+
+/**
+ * Raises an event: hands one record to the event manager's FIFO "/tmp/status/event-manager/throw".
+ * @param id which event
+ * @param param its parameter
+ * @param text cut after 127 bytes; null means none
+ * @return 0 when the record is in the FIFO; -1 when there is no FIFO (none is made) or it could not be written, errno
+ *         saying why
+ *
+ * Records of different callers never mix. Blocks while the FIFO is full, that is while an event manager holds it open
+ * and does not read. A record that nobody holds the FIFO open for is lost, with result 0.
+ */
+VXUTILS_API int vxevent(unsigned int id, unsigned int param, const char *text);
+
+/**
+ * Makes the socket that publishes events.
+ * @param zmq_context a ZeroMQ context
+ * @param endpoint where to publish, "tcp://127.0.0.1:47012"; one source per endpoint, in whatever process
+ * @return a socket to be closed by @c zmq_close(), or null: endpoint in use, null or not understood, no context
+ */
+VXUTILS_API void *create_legacy_source_with_addr(void *zmq_context, const char *endpoint);
+
+/** The same on the gateway's endpoint "tcp://127.0.0.1:47011". */
+VXUTILS_API void *create_legacy_source(void *zmq_context);
+
+/**
+ * Makes a socket that receives all events of an endpoint, from the time when the connection stands. The source may come
+ * later; ZeroMQ keeps trying.
+ * @return a socket to be closed by @c zmq_close(), or null: endpoint null or not understood, no context
+ */
+VXUTILS_API void *register_legacy_sink_with_addr(void *zmq_context, const char *endpoint);
+
+/** The same on the gateway's endpoint "tcp://127.0.0.1:47011". */
+VXUTILS_API void *register_legacy_sink(void *zmq_context);
+
+/**
+ * Publishes one event to every subscriber connected.
+ * @param socket from create_legacy_source()
+ * @param record copied
+ * @return 0, or -1 when it is null or could not be handed to ZeroMQ. Without subscribers the event is dropped, with
+ * result 0
+ */
+VXUTILS_API int dispatch_legacy_event(void *socket, const vxevent_record *record);
+
+VXUTILS_END_DECLS
+
+#endif

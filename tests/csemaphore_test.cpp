@@ -1,0 +1,781 @@
+// SPDX-License-Identifier: MIT
+// Locks between processes: real processes, killed where it hurts.
+#include <vxutils/csemaphore.h>
+
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <pthread.h>
+#include <sys/ipc.h>
+#include <sys/mman.h>
+#include <sys/resource.h>
+#include <sys/sem.h>
+#include <sys/stat.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <array>
+#include <atomic>
+#include <cerrno>
+#include <csignal>
+#include <cstdarg>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "support/emulation.h"
+#include "support/files.h"
+#include "support/process.h"
+#include "support/resources.h"
+#include "support/syslog_capture.h"
+#include "support/vtable.h"
+
+namespace {
+
+using Lines = std::vector<vxtest::LogLine>;
+using Options = CRecursiveSemaphore::CSemaphoreOptions;
+
+const std::string libraryFile = "/usr/lib/libvxutils.so.1.0.0";
+
+// Calls that cannot be made to fail by other means. The library's own come through here.
+enum class Call { none, semget, semop, mmap, attrInit, setRobust, setShared, setType, mutexInit, consistent };
+Call failing = Call::none;
+int failAfter = 0;  // so many calls still succeed
+
+bool fails(Call call) {
+    if (failing != call) return false;
+    return failAfter-- <= 0;
+}
+
+template <typename Function>
+Function real(const char *name) {
+    return reinterpret_cast<Function>(::dlsym(RTLD_NEXT, name));
+}
+
+}  // namespace
+
+extern "C" int semget(key_t key, int count, int flags) noexcept {
+    if (fails(Call::semget)) {
+        errno = ENOSPC;
+        return -1;
+    }
+    static const auto next = real<int (*)(key_t, int, int)>("semget");
+    return next(key, count, flags);
+}
+
+extern "C" int semop(int id, sembuf *operations, size_t count) noexcept {
+    if (fails(Call::semop)) {
+        errno = EIDRM;
+        return -1;
+    }
+    static const auto next = real<int (*)(int, sembuf *, size_t)>("semop");
+    return next(id, operations, count);
+}
+
+extern "C" void *mmap(void *address, size_t length, int protection, int flags, int fd, off_t offset) noexcept {
+    if (fails(Call::mmap)) {
+        errno = ENOMEM;
+        return MAP_FAILED;
+    }
+    constexpr const char *name = sizeof(long) == 4 ? "mmap64" : "mmap";
+    static const auto next = real<void *(*)(void *, size_t, int, int, int, off_t)>(name);
+    return next(address, length, protection, flags, fd, offset);
+}
+
+extern "C" int pthread_mutexattr_init(pthread_mutexattr_t *attributes) noexcept {
+    if (fails(Call::attrInit)) return ENOMEM;
+    return real<int (*)(pthread_mutexattr_t *)>("pthread_mutexattr_init")(attributes);
+}
+
+extern "C" int pthread_mutexattr_setrobust(pthread_mutexattr_t *attributes, int value) noexcept {
+    if (fails(Call::setRobust)) return ENOTSUP;
+    return real<int (*)(pthread_mutexattr_t *, int)>("pthread_mutexattr_setrobust")(attributes, value);
+}
+
+extern "C" int pthread_mutexattr_setpshared(pthread_mutexattr_t *attributes, int value) noexcept {
+    if (fails(Call::setShared)) return ENOTSUP;
+    return real<int (*)(pthread_mutexattr_t *, int)>("pthread_mutexattr_setpshared")(attributes, value);
+}
+
+extern "C" int pthread_mutexattr_settype(pthread_mutexattr_t *attributes, int value) noexcept {
+    if (fails(Call::setType)) return ENOTSUP;
+    return real<int (*)(pthread_mutexattr_t *, int)>("pthread_mutexattr_settype")(attributes, value);
+}
+
+extern "C" int pthread_mutex_init(pthread_mutex_t *mutex, const pthread_mutexattr_t *attributes) noexcept {
+    if (fails(Call::mutexInit)) return EAGAIN;
+    return real<int (*)(pthread_mutex_t *, const pthread_mutexattr_t *)>("pthread_mutex_init")(mutex, attributes);
+}
+
+extern "C" int pthread_mutex_consistent(pthread_mutex_t *mutex) noexcept {
+    if (fails(Call::consistent)) return EINVAL;
+    return real<int (*)(pthread_mutex_t *)>("pthread_mutex_consistent")(mutex);
+}
+
+namespace {
+
+std::string textf(const char *format, ...) __attribute__((format(printf, 1, 2)));
+std::string textf(const char *format, ...) {
+    std::array<char, 512> text{};
+    va_list args;
+    va_start(args, format);
+    std::vsnprintf(text.data(), text.size(), format, args);
+    va_end(args);
+    return text.data();
+}
+
+// A page that all processes of a test see.
+struct Shared {
+    std::atomic<int> counter;
+    std::atomic<int> inside;
+    std::atomic<int> ready;
+    std::atomic<int> go;
+    int plain;
+};
+
+class SharedPage {
+public:
+    SharedPage()
+        : page_(static_cast<Shared *>(
+              ::mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0))) {}
+    ~SharedPage() { ::munmap(page_, sizeof(Shared)); }
+    SharedPage(const SharedPage &) = delete;
+    SharedPage &operator=(const SharedPage &) = delete;
+    Shared *operator->() const { return page_; }
+
+private:
+    Shared *page_;
+};
+
+class Semaphores : public testing::Test {
+protected:
+    Semaphores() {
+        ::openlog("csemaphore_test", LOG_NDELAY, LOG_USER);  // its descriptor is there before anything is counted
+        if (!vxtest::exists(libraryFile)) vxtest::writeFile(libraryFile, "the library's own file");
+        failing = Call::none;
+        failAfter = 0;
+    }
+    ~Semaphores() override {
+        failing = Call::none;
+        EXPECT_EQ(log.take(), Lines{});
+        ::closelog();
+    }
+    // A name of a lock that nobody has used yet.
+    static std::string fresh() {
+        static int number = 0;
+        return "/lock" + std::to_string(::getpid()) + "." + std::to_string(++number);
+    }
+    static std::string object(const std::string &name) { return "/dev/shm" + name; }
+    static vxtest::LogLine created(const std::string &name) {
+        return {LOG_DEBUG, "created recursive semaphore \"" + name + "\""};
+    }
+
+    vxtest::SyslogCapture log;
+};
+
+using Plain = Semaphores;
+using Recursive = Semaphores;
+
+// --- CSemaphore
+
+TEST_F(Plain, AnEmptyPathIsLoggedAndInitFails) {
+    CSemaphore lock("", 1);
+    EXPECT_EQ(log.take(), (Lines{{LOG_ERR, "CSemaphore - constructed with empty pathname!"}}));
+    EXPECT_EQ(lock.init(), -1);
+    EXPECT_EQ(log.take(), (Lines{{LOG_ERR, textf("CSemaphore::init() - ftok failed (errno=%i) for file ", ENOENT)}}));
+}
+
+TEST_F(Plain, AProjectOfZeroIsLoggedAndUsedAsItIs) {
+    CSemaphore lock("/etc/hostname", 0);
+    EXPECT_EQ(log.take(), (Lines{{LOG_ERR, "CSemaphore - constructed with invalid projectID!"}}));
+    EXPECT_EQ(lock.lock(), -1);
+    EXPECT_EQ(log.take(), (Lines{{LOG_ERR, "CSemaphore::lock() - invalid semId!"}}));
+    EXPECT_EQ(lock.init(), 0);
+    EXPECT_EQ(lock.lock(), 0);
+    EXPECT_EQ(lock.unlock(), 0);
+}
+
+TEST_F(Plain, BothConstructorComplaintsMayCome) {
+    const CSemaphore lock("", 0);
+    EXPECT_EQ(log.take(), (Lines{{LOG_ERR, "CSemaphore - constructed with empty pathname!"},
+                                 {LOG_ERR, "CSemaphore - constructed with invalid projectID!"}}));
+}
+
+TEST_F(Plain, WithoutInitNothingCanBeLocked) {
+    CSemaphore lock("/etc/hostname", 1);
+    EXPECT_EQ(lock.lock(), -1);
+    EXPECT_EQ(lock.unlock(), -1);
+    EXPECT_EQ(log.take(), (Lines{{LOG_ERR, "CSemaphore::lock() - invalid semId!"},
+                                 {LOG_ERR, "CSemaphore::unlock() - invalid semId!"}}));
+}
+
+TEST_F(Plain, AMissingFileIsLoggedWithItsName) {
+    CSemaphore lock("/no/such/file", 1);
+    EXPECT_EQ(lock.init(), -1);
+    EXPECT_EQ(log.take(),
+              (Lines{{LOG_ERR, textf("CSemaphore::init() - ftok failed (errno=%i) for file /no/such/file", ENOENT)}}));
+    EXPECT_EQ(lock.lock(), -1);
+    EXPECT_EQ(log.take(), (Lines{{LOG_ERR, "CSemaphore::lock() - invalid semId!"}}));
+}
+
+TEST_F(Plain, IsOneSemaphoreForItsOwnerOnlyFoundByPathAndProject) {
+    vxtest::writeFile("/tmp/of-a-semaphore", "");
+    CSemaphore lock("/tmp/of-a-semaphore", 77);
+    ASSERT_EQ(lock.init(), 0);
+    const int id = ::semget(::ftok("/tmp/of-a-semaphore", 77), 1, 0);
+    ASSERT_NE(id, -1);
+    semid_ds status{};
+    union {
+        int value;
+        semid_ds *buffer;
+    } argument{};
+    argument.buffer = &status;
+    ASSERT_EQ(::semctl(id, 0, IPC_STAT, argument), 0);
+    EXPECT_EQ(status.sem_nsems, 1U);
+    EXPECT_EQ(status.sem_perm.mode & 0777, 0600);
+    EXPECT_EQ(::semctl(id, 0, GETVAL), 1);
+    ASSERT_EQ(lock.lock(), 0);
+    EXPECT_EQ(::semctl(id, 0, GETVAL), 0);
+    CSemaphore again("/tmp/of-a-semaphore", 77);
+    ASSERT_EQ(again.init(), 0);  // found, not made free a second time
+    EXPECT_EQ(::semctl(id, 0, GETVAL), 0);
+    ASSERT_EQ(again.unlock(), 0);
+    EXPECT_EQ(::semctl(id, 0, GETVAL), 1);
+}
+
+TEST_F(Plain, TheSemaphoreOutlivesItsObjects) {
+    { EXPECT_EQ(CSemaphore("/etc/hostname", 9).init(), 0); }
+    EXPECT_NE(::semget(::ftok("/etc/hostname", 9), 1, 0), -1);
+}
+
+TEST_F(Plain, ACreatorThatCannotFreeItReportsThat) {
+    failing = Call::semop;
+    CSemaphore lock("/etc/hostname", 10);
+    EXPECT_EQ(lock.init(), -1);
+    EXPECT_EQ(log.take(),
+              (Lines{{LOG_ERR, textf("CSemaphore::init() - semop() failed - unable to initialize semaphore - errno=%i",
+                                     EIDRM)}}));
+    EXPECT_EQ(lock.lock(), -1);
+    EXPECT_EQ(log.take(), (Lines{{LOG_ERR, "CSemaphore::lock() - invalid semId!"}}));
+}
+
+TEST_F(Plain, NoSemaphoreToBeHadIsReported) {
+    CSemaphore lock("/etc/hostname", 11);
+    const Lines expected{{LOG_ERR, textf("CSemaphore::init() - unable to obtain semaphore-set - errno=%i", ENOSPC)}};
+    failing = Call::semget;
+    EXPECT_EQ(lock.init(), -1);
+    EXPECT_EQ(log.take(), expected);
+    failing = Call::none;
+    ASSERT_EQ(lock.init(), 0);
+    CSemaphore second("/etc/hostname", 11);
+    failing = Call::semget;
+    failAfter = 1;  // the exclusive attempt finds it there, opening it fails
+    EXPECT_EQ(second.init(), -1);
+    EXPECT_EQ(log.take(), expected);
+}
+
+TEST_F(Plain, ARemovedSemaphoreIsReportedByLockAndUnlock) {
+    CSemaphore lock("/etc/hostname", 12);
+    ASSERT_EQ(lock.init(), 0);
+    ASSERT_EQ(::semctl(::semget(::ftok("/etc/hostname", 12), 1, 0), 0, IPC_RMID), 0);
+    EXPECT_EQ(lock.lock(), -1);
+    EXPECT_EQ(lock.unlock(), -1);
+    EXPECT_EQ(log.take(), (Lines{{LOG_ERR, textf("CSemaphore::lock() - semop failed, errno=%i", EINVAL)},
+                                 {LOG_ERR, textf("CSemaphore::unlock() - semop() failed errno=%i", EINVAL)}}));
+}
+
+TEST_F(Plain, KeepsProcessesOut) {
+    const SharedPage page;
+    CSemaphore lock("/etc/hostname", 13);
+    ASSERT_EQ(lock.init(), 0);
+    std::vector<pid_t> children;
+    for (int child = 0; child < 4; ++child) {
+        children.push_back(vxtest::startChild([&] {
+            CSemaphore own("/etc/hostname", 13);
+            if (own.init() != 0) return 1;
+            for (int i = 0; i < 200; ++i) {
+                if (own.lock() != 0) return 2;
+                if (++page->inside != 1) return 3;
+                ++page->plain;
+                --page->inside;
+                if (own.unlock() != 0) return 4;
+            }
+            return 0;
+        }));
+    }
+    for (const pid_t child : children) EXPECT_EQ(vxtest::waitChild(child), 0);
+    EXPECT_EQ(page->plain, 800);
+}
+
+TEST_F(Plain, AKilledHolderGivesItBack) {
+    const SharedPage page;
+    CSemaphore lock("/etc/hostname", 14);
+    ASSERT_EQ(lock.init(), 0);
+    const pid_t holder = vxtest::startChild([&] {
+        if (lock.lock() != 0) return 1;
+        page->ready = 1;
+        for (;;) ::pause();
+    });
+    ASSERT_TRUE(vxtest::eventually([&] { return page->ready == 1; }));
+    std::thread killer([&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        page->go = 1;
+        ::kill(holder, SIGKILL);
+    });
+    EXPECT_EQ(lock.lock(), 0);
+    EXPECT_EQ(page->go, 1);  // not before
+    killer.join();
+    EXPECT_EQ(vxtest::waitChild(holder), 128 + SIGKILL);
+    EXPECT_EQ(lock.unlock(), 0);
+}
+
+TEST_F(Plain, SignalsDoNotEndTheWait) {
+    const SharedPage page;
+    CSemaphore lock("/etc/hostname", 15);
+    ASSERT_EQ(lock.init(), 0);
+    ASSERT_EQ(lock.lock(), 0);
+    const pid_t waiting = vxtest::startChild([&] {
+        static std::atomic<int> *seen = &page->counter;
+        struct sigaction action {};
+        action.sa_handler = [](int) { ++*seen; };
+        ::sigaction(SIGUSR1, &action, nullptr);
+        page->ready = 1;
+        const int result = lock.lock();
+        return result == 0 && page->go == 1 ? 0 : 1;
+    });
+    ASSERT_TRUE(vxtest::eventually([&] { return page->ready == 1; }));
+    for (int i = 0; i < 3; ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        const int before = page->counter;
+        ::kill(waiting, SIGUSR1);
+        ASSERT_TRUE(vxtest::eventually([&] { return page->counter > before; }));
+    }
+    page->go = 1;
+    EXPECT_EQ(lock.unlock(), 0);
+    EXPECT_EQ(vxtest::waitChild(waiting), 0);
+}
+
+// --- options
+
+TEST_F(Recursive, OptionsAreAutomaticUnlessSetOtherwise) {
+    Options options;
+    EXPECT_EQ(sizeof options, 1U);
+    EXPECT_EQ(options.GetConsistentMode(), Options::eConsistentAutomatic);
+    EXPECT_EQ(Options::eConsistentAutomatic, 0);
+    EXPECT_EQ(Options::eConsistentManual, 1);
+    options.SetConsistentMode(Options::eConsistentManual);
+    EXPECT_EQ(options.GetConsistentMode(), Options::eConsistentManual);
+    options.SetConsistentMode(Options::eConsistentAutomatic);
+    EXPECT_EQ(options.GetConsistentMode(), Options::eConsistentAutomatic);
+    options.SetConsistentMode(static_cast<Options::eConsistentMode>(2));
+    EXPECT_EQ(options.GetConsistentMode(), Options::eConsistentManual);
+}
+
+// --- creating and opening
+
+TEST_F(Recursive, TheFirstCreatesTheSecondOpens) {
+    const vxtest::NoLeaks leaks;
+    const std::string name = fresh();
+    CRecursiveSemaphore first(name);
+    EXPECT_EQ(log.take(), Lines{created(name)});
+    CRecursiveSemaphore second(name);
+    EXPECT_EQ(log.take(), Lines{});
+    ASSERT_EQ(first.lock(), 0);
+    std::thread([&] { EXPECT_EQ(second.trylock(), EBUSY); }).join();
+    ASSERT_EQ(second.unlock(), 0);  // the same mutex, the same thread
+    std::thread([&] {
+        EXPECT_EQ(second.trylock(), 0);
+        EXPECT_EQ(second.unlock(), 0);
+    }).join();
+}
+
+TEST_F(Recursive, TheObjectIsOneMutexForItsOwnerOnlyAndStays) {
+    const std::string name = fresh();
+    { const CRecursiveSemaphore lock(name); }
+    struct stat status {};
+    ASSERT_EQ(::stat(object(name).c_str(), &status), 0);
+    EXPECT_EQ(status.st_size, static_cast<off_t>(sizeof(pthread_mutex_t)));
+    if (sizeof(void *) == 4) EXPECT_EQ(status.st_size, 24);
+    EXPECT_EQ(status.st_mode & 07777, 0600U);
+    EXPECT_EQ(log.take(), Lines{created(name)});
+    CRecursiveSemaphore again(name);
+    EXPECT_EQ(log.take(), Lines{});
+    EXPECT_EQ(again.lock(), 0);
+    EXPECT_EQ(again.unlock(), 0);
+}
+
+TEST_F(Recursive, SixteenProcessesAtOnceMakeOneLock) {
+    const SharedPage page;
+    const std::string name = fresh();
+    constexpr int processes = 16;
+    constexpr int rounds = 100;
+    std::vector<pid_t> children;
+    for (int child = 0; child < processes; ++child) {
+        children.push_back(vxtest::startChild([&] {
+            ++page->ready;
+            while (page->go == 0) ::usleep(100);
+            CRecursiveSemaphore lock(name);
+            for (int i = 0; i < rounds; ++i) {
+                if (lock.lock() != 0) return 1;
+                if (++page->inside != 1) return 2;
+                ++page->plain;
+                --page->inside;
+                if (lock.unlock() != 0) return 3;
+            }
+            return 0;
+        }));
+    }
+    ASSERT_TRUE(vxtest::eventually([&] { return page->ready == processes; }));
+    page->go = 1;
+    for (const pid_t child : children) EXPECT_EQ(vxtest::waitChild(child), 0);
+    EXPECT_EQ(page->plain, processes * rounds);
+    EXPECT_EQ(log.take(), Lines{created(name)});
+}
+
+TEST_F(Recursive, NobodyOpensALockWhileAnotherIsMade) {
+    const SharedPage page;
+    const std::string name = fresh();
+    CSemaphore guard(libraryFile, 1);
+    ASSERT_EQ(guard.init(), 0);
+    ASSERT_EQ(guard.lock(), 0);
+    const pid_t opener = vxtest::startChild([&] {
+        page->ready = 1;
+        CRecursiveSemaphore lock(name);
+        return page->go == 1 && lock.lock() == 0 ? 0 : 1;
+    });
+    ASSERT_TRUE(vxtest::eventually([&] { return page->ready == 1; }));
+    std::this_thread::sleep_for(std::chrono::milliseconds(30));
+    EXPECT_FALSE(vxtest::exists(object(name)));
+    page->go = 1;
+    ASSERT_EQ(guard.unlock(), 0);
+    EXPECT_EQ(vxtest::waitChild(opener), 0);
+    EXPECT_EQ(log.take(), Lines{created(name)});
+}
+
+TEST_F(Recursive, TheGuardIsFreeAfterEveryConstruction) {
+    const std::string name = fresh();
+    { const CRecursiveSemaphore good(name); }
+    { const CRecursiveSemaphore bad("/no/slash/allowed"); }
+    log.take();
+    CSemaphore guard(libraryFile, 1);
+    ASSERT_EQ(guard.init(), 0);
+    EXPECT_EQ(::semctl(::semget(::ftok(libraryFile.c_str(), 1), 1, 0), 0, GETVAL), 1);
+}
+
+TEST_F(Recursive, AnEmptyObjectOfAKilledCreatorIsFinished) {
+    for (const size_t left : {size_t{0}, size_t{1}, sizeof(pthread_mutex_t) - 1}) {
+        const std::string name = fresh();
+        vxtest::writeFile(object(name), std::string(left, '\0'));
+        CRecursiveSemaphore lock(name);
+        EXPECT_EQ(log.take(), Lines{created(name)}) << left;
+        EXPECT_EQ(lock.lock(), 0);
+        EXPECT_EQ(lock.lock(), 0);
+        EXPECT_EQ(lock.unlock(), 0);
+        EXPECT_EQ(lock.unlock(), 0);
+        struct stat status {};
+        ASSERT_EQ(::stat(object(name).c_str(), &status), 0);
+        EXPECT_EQ(status.st_size, static_cast<off_t>(sizeof(pthread_mutex_t)));
+    }
+}
+
+TEST_F(Recursive, ALockMadeByOthersIsTakenAsItIs) {
+    const std::string name = fresh();
+    const int fd = ::shm_open(name.c_str(), O_RDWR | O_CREAT, 0600);
+    ASSERT_NE(fd, -1);
+    ASSERT_EQ(::ftruncate(fd, sizeof(pthread_mutex_t)), 0);
+    auto *const mutex = static_cast<pthread_mutex_t *>(
+        ::mmap(nullptr, sizeof(pthread_mutex_t), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0));
+    ASSERT_NE(mutex, MAP_FAILED);
+    pthread_mutexattr_t attributes;
+    pthread_mutexattr_init(&attributes);
+    pthread_mutexattr_setpshared(&attributes, PTHREAD_PROCESS_SHARED);
+    pthread_mutexattr_settype(&attributes, PTHREAD_MUTEX_ERRORCHECK);
+    pthread_mutex_init(mutex, &attributes);
+    CRecursiveSemaphore lock(name);
+    EXPECT_EQ(log.take(), Lines{});
+    EXPECT_EQ(lock.lock(), 0);
+    EXPECT_EQ(lock.lock(), EDEADLK);
+    EXPECT_EQ(lock.unlock(), 0);
+    ::munmap(mutex, sizeof(pthread_mutex_t));
+    ::close(fd);
+}
+
+// --- failures leave an unusable object
+
+class Unusable : public Semaphores {
+protected:
+    void expectUnusable(const std::string &name, const Lines &lines) {
+        {
+            const vxtest::NoLeaks leaks;
+            CRecursiveSemaphore lock(name);
+            EXPECT_EQ(log.take(), lines);
+            EXPECT_EQ(lock.lock(), -1);
+            EXPECT_EQ(lock.trylock(), -1);
+            EXPECT_EQ(lock.unlock(), -1);
+            EXPECT_EQ(lock.makeConsistent(), -1);
+        }
+        EXPECT_EQ(log.take(), Lines{});
+    }
+    // The same name works once the cause is gone.
+    void expectUsable(const std::string &name) {
+        failing = Call::none;
+        CRecursiveSemaphore lock(name);
+        EXPECT_EQ(log.take(), Lines{created(name)});
+        EXPECT_EQ(lock.lock(), 0);
+        EXPECT_EQ(lock.unlock(), 0);
+    }
+};
+
+TEST_F(Unusable, WithoutTheGuardsFile) {
+    ASSERT_EQ(::rename(libraryFile.c_str(), "/usr/lib/away"), 0);
+    expectUnusable(
+        fresh(),
+        {{LOG_ERR, textf("CSemaphore::init() - ftok failed (errno=%i) for file %s", ENOENT, libraryFile.c_str())},
+         {LOG_ERR, "recursive-semaphore: unable to init guarding semaphore"}});
+    ASSERT_EQ(::rename("/usr/lib/away", libraryFile.c_str()), 0);
+}
+
+TEST_F(Unusable, WhenTheGuardCannotBeLocked) {
+    CSemaphore guard(libraryFile, 1);
+    ASSERT_EQ(guard.init(), 0);
+    failing = Call::semop;
+    expectUnusable(fresh(), {{LOG_ERR, textf("CSemaphore::lock() - semop failed, errno=%i", EIDRM)},
+                             {LOG_ERR, "recursive-semaphore: unable to lock guarding semaphore"}});
+}
+
+TEST_F(Unusable, ByItsName) {
+    const auto refused = [](const char *reason) {
+        return Lines{{LOG_ERR, std::string("recursive-semaphore: unable to open shared memory - errno=") + reason}};
+    };
+    expectUnusable("", refused("Invalid argument"));
+    expectUnusable("/", refused("Invalid argument"));
+    expectUnusable("/a/b", refused("Invalid argument"));
+    expectUnusable("/" + std::string(256, 'x'), refused("File name too long"));
+    const std::string longest = "/" + std::string(255, 'y');
+    expectUsable(longest);
+}
+
+TEST_F(Unusable, WhenTheObjectCannotGetItsSize) {
+    const std::string name = fresh();
+    ::signal(SIGXFSZ, SIG_IGN);
+    rlimit saved{};
+    ::getrlimit(RLIMIT_FSIZE, &saved);
+    rlimit none = saved;
+    none.rlim_cur = sizeof(pthread_mutex_t) - 1;
+    ::setrlimit(RLIMIT_FSIZE, &none);
+    expectUnusable(name, {{LOG_ERR, "recursive-semaphore: unable to ftruncate shared memory - errno=File too large"},
+                          {LOG_ERR, "recursive-semaphore: unable to open shared memory - errno=File too large"}});
+    ::setrlimit(RLIMIT_FSIZE, &saved);
+    ::signal(SIGXFSZ, SIG_DFL);
+    EXPECT_FALSE(vxtest::exists(object(name)));
+    expectUsable(name);
+}
+
+TEST_F(Unusable, WhenTheObjectCannotBeMapped) {
+    const std::string name = fresh();
+    failing = Call::mmap;
+    expectUnusable(name, {{LOG_ERR, "recursive-semaphore: mmap failed - errno=Cannot allocate memory"}});
+    expectUsable(name);
+}
+
+TEST_F(Unusable, WhenTheMutexCannotBeMade) {
+    const std::string robust = "recursive semaphore: unable to set attribute \"robust\"";
+    const std::string recursive = "recursive-semaphore: unable to set attribute \"recursive\"";
+    const std::vector<std::pair<Call, std::string>> rows{
+        {Call::attrInit, "recursive-semaphore: unable initialize attributes"},
+        {Call::setRobust, robust},
+        {Call::setShared, recursive},
+        {Call::setType, recursive},
+        {Call::mutexInit, "recursive-semaphore: unable to initialize mutex - errno=Resource temporarily unavailable"},
+    };
+    for (const auto &[call, text] : rows) {
+        const std::string name = fresh();
+        failing = call;
+        expectUnusable(name, {{LOG_ERR, text}});
+        expectUsable(name);
+    }
+}
+
+// --- locking
+
+TEST_F(Recursive, TheOwnerMayLockAgainAndUnlocksAsOften) {
+    const std::string name = fresh();
+    CRecursiveSemaphore lock(name);
+    log.take();
+    for (int i = 0; i < 5; ++i) EXPECT_EQ(i % 2 == 0 ? lock.lock() : lock.trylock(), 0);
+    for (int i = 0; i < 5; ++i) {
+        std::thread([&] { EXPECT_EQ(lock.trylock(), EBUSY); }).join();
+        EXPECT_EQ(lock.unlock(), 0);
+    }
+    EXPECT_EQ(lock.unlock(), EPERM);
+    EXPECT_EQ(lock.makeConsistent(), EINVAL);
+    std::thread([&] {
+        EXPECT_EQ(lock.trylock(), 0);
+        EXPECT_EQ(lock.unlock(), 0);
+    }).join();
+}
+
+TEST_F(Recursive, DestructionDoesNotUnlock) {
+    const std::string name = fresh();
+    CRecursiveSemaphore other(name);
+    log.take();
+    {
+        CRecursiveSemaphore lock(name);
+        ASSERT_EQ(lock.lock(), 0);
+    }
+    std::thread([&] { EXPECT_EQ(other.trylock(), EBUSY); }).join();
+    EXPECT_EQ(other.unlock(), 0);
+}
+
+TEST_F(Recursive, ThreadsShareOneObject) {
+    const std::string name = fresh();
+    CRecursiveSemaphore lock(name);
+    log.take();
+    int plain = 0;
+    std::vector<std::thread> threads;
+    for (int thread = 0; thread < 4; ++thread) {
+        threads.emplace_back([&] {
+            for (int i = 0; i < 1000; ++i) {
+                EXPECT_EQ(lock.lock(), 0);
+                ++plain;
+                EXPECT_EQ(lock.unlock(), 0);
+            }
+        });
+    }
+    for (std::thread &thread : threads) thread.join();
+    EXPECT_EQ(plain, 4000);
+}
+
+// --- an owner's death
+
+class OwnerDeath : public Semaphores {
+protected:
+    void SetUp() override {
+        if (vxtest::emulated()) GTEST_SKIP() << "user-mode emulation has no robust mutex lists: a death is not seen";
+    }
+    // A process that dies holding the lock, locked `depth` times.
+    static void die(const std::string &name, int depth = 1) {
+        EXPECT_EQ(vxtest::inChild([&] {
+                      CRecursiveSemaphore lock(name);
+                      for (int i = 0; i < depth; ++i) {
+                          const int result = lock.lock();
+                          if (result != 0) return 1;
+                      }
+                      ::kill(::getpid(), SIGKILL);
+                      return 2;
+                  }),
+                  128 + SIGKILL);
+    }
+    static Options manual() {
+        Options options;
+        options.SetConsistentMode(Options::eConsistentManual);
+        return options;
+    }
+};
+
+TEST_F(OwnerDeath, IsHandedThroughAndRepairedAutomatically) {
+    const std::string name = fresh();
+    CRecursiveSemaphore lock(name);
+    log.take();
+    EXPECT_EQ(EOWNERDEAD, 130);
+    for (int i = 0; i < 3; ++i) {
+        die(name, 1 + i);
+        EXPECT_EQ(i == 1 ? lock.trylock() : lock.lock(), EOWNERDEAD);
+        EXPECT_EQ(lock.makeConsistent(), EINVAL);  // it is already
+        EXPECT_EQ(lock.lock(), 0);                 // still recursive
+        EXPECT_EQ(lock.unlock(), 0);
+        EXPECT_EQ(lock.unlock(), 0);
+        EXPECT_EQ(lock.lock(), 0);
+        EXPECT_EQ(lock.unlock(), 0);
+    }
+}
+
+TEST_F(OwnerDeath, WakesAWaitingProcess) {
+    const SharedPage page;
+    const std::string name = fresh();
+    CRecursiveSemaphore lock(name);
+    log.take();
+    const pid_t owner = vxtest::startChild([&] {
+        if (lock.lock() != 0) return 1;
+        page->ready = 1;
+        for (;;) ::pause();
+    });
+    ASSERT_TRUE(vxtest::eventually([&] { return page->ready == 1; }));
+    EXPECT_EQ(lock.trylock(), EBUSY);
+    std::thread killer([&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        ::kill(owner, SIGKILL);
+    });
+    EXPECT_EQ(lock.lock(), EOWNERDEAD);
+    killer.join();
+    EXPECT_EQ(vxtest::waitChild(owner), 128 + SIGKILL);
+    EXPECT_EQ(lock.unlock(), 0);
+}
+
+TEST_F(OwnerDeath, InManualModeIsTheCallersToRepair) {
+    const std::string name = fresh();
+    CRecursiveSemaphore lock(name, manual());
+    log.take();
+    die(name);
+    EXPECT_EQ(lock.lock(), EOWNERDEAD);
+    EXPECT_EQ(lock.makeConsistent(), 0);
+    EXPECT_EQ(lock.unlock(), 0);
+    die(name);
+    EXPECT_EQ(lock.trylock(), EOWNERDEAD);
+    EXPECT_EQ(lock.makeConsistent(), 0);
+    EXPECT_EQ(lock.unlock(), 0);
+    EXPECT_EQ(lock.lock(), 0);
+    EXPECT_EQ(lock.unlock(), 0);
+}
+
+TEST_F(OwnerDeath, NotRepairedLosesTheLockForGood) {
+    const std::string name = fresh();
+    CRecursiveSemaphore lock(name, manual());
+    log.take();
+    die(name);
+    EXPECT_EQ(lock.lock(), EOWNERDEAD);
+    EXPECT_EQ(lock.unlock(), 0);
+    EXPECT_EQ(lock.lock(), ENOTRECOVERABLE);
+    EXPECT_EQ(lock.trylock(), ENOTRECOVERABLE);
+    CRecursiveSemaphore other(name);
+    EXPECT_EQ(other.lock(), ENOTRECOVERABLE);
+    EXPECT_EQ(vxtest::inChild([&] { return CRecursiveSemaphore(name).lock(); }), ENOTRECOVERABLE);
+}
+
+TEST_F(OwnerDeath, AFailedRepairIsLoggedAndTheResultStays) {
+    const std::string name = fresh();
+    CRecursiveSemaphore lock(name);
+    log.take();
+    die(name);
+    failing = Call::consistent;
+    EXPECT_EQ(lock.lock(), EOWNERDEAD);
+    EXPECT_EQ(log.take(), (Lines{{LOG_ERR, "recursive-semaphore: make consistent failed - errno=Invalid argument"}}));
+    failing = Call::none;
+    EXPECT_EQ(lock.makeConsistent(), 0);
+    EXPECT_EQ(lock.unlock(), 0);
+}
+
+TEST_F(OwnerDeath, TheOptionsAreACopy) {
+    const std::string name = fresh();
+    Options options = manual();
+    CRecursiveSemaphore lock(name, options);
+    log.take();
+    options.SetConsistentMode(Options::eConsistentAutomatic);
+    die(name);
+    EXPECT_EQ(lock.lock(), EOWNERDEAD);
+    EXPECT_EQ(lock.makeConsistent(), 0);  // nobody had done it
+    EXPECT_EQ(lock.unlock(), 0);
+}
+
+TEST_F(OwnerDeath, TheExampleTakesALockOver) {
+    const auto output = vxtest::run({vxtest::built("examples/csemaphore")});
+    EXPECT_EQ(output.status, 0) << output.text;
+    EXPECT_EQ(output.text,
+              "child: locked, busy\n"
+              "parent: kills the child\n"
+              "parent: locked, the owner before died\n"
+              "parent: locked\n");
+    log.take();
+}
+
+}  // namespace

@@ -1,0 +1,272 @@
+// SPDX-License-Identifier: MIT
+#include <fcntl.h>
+#include <pthread.h>
+#include <sys/ipc.h>
+#include <sys/mman.h>
+#include <sys/sem.h>
+#include <sys/stat.h>
+#include <time.h>
+#include <unistd.h>
+#include <vxutils/csemaphore.h>
+
+#include <cerrno>
+#include <cstring>
+#include <exception>
+
+#include "vxutils/internal/fd.h"
+#include "vxutils/internal/log.h"
+#include "vxutils/internal/retry.h"
+
+namespace {
+
+constexpr mode_t ownerOnly = 0600;
+constexpr const char *libraryFile = "/usr/lib/libvxutils.so.";
+constexpr const char *libraryVersion = "1.0.0";
+constexpr int guardProject = 1;
+constexpr size_t sharedSize = sizeof(pthread_mutex_t);
+static_assert(sizeof(void *) != 4 || sharedSize == 24, "the boards' processes share 24 bytes");
+
+int changeSemaphore(int id, short by, short flags) {
+    sembuf operation{0, by, flags};
+    return ::semop(id, &operation, 1);
+}
+
+// The guard needs a file that exists on every gateway: the library's own. Runs when the library is loaded, so short of
+// memory it gives an empty path, which the first lock then reports.
+std::string libraryPath() noexcept {
+    try {
+        return std::string(libraryFile) + libraryVersion;
+    } catch (const std::exception &) {
+        return {};
+    }
+}
+
+int initMutexAttributes(pthread_mutexattr_t &attributes) {
+    if (pthread_mutexattr_init(&attributes) != 0) {
+        vx::log(LOG_ERR, "recursive-semaphore: unable initialize attributes");
+        return -1;
+    }
+    if (pthread_mutexattr_setrobust(&attributes, PTHREAD_MUTEX_ROBUST) != 0) {
+        vx::log(LOG_ERR, "recursive semaphore: unable to set attribute \"robust\"");
+        return -1;
+    }
+    if (pthread_mutexattr_setpshared(&attributes, PTHREAD_PROCESS_SHARED) != 0 ||
+        pthread_mutexattr_settype(&attributes, PTHREAD_MUTEX_RECURSIVE) != 0) {
+        vx::log(LOG_ERR, "recursive-semaphore: unable to set attribute \"recursive\"");
+        return -1;
+    }
+    return 0;
+}
+
+// pthread_mutex_trylock() of the C library leaves a mutex that is lost for good locked when it says ENOTRECOVERABLE:
+// every later lock() of another process would hang instead of being told. Waiting until a time long past does the same
+// job well.
+int tryLock(pthread_mutex_t *mutex) {
+    constexpr timespec longPast{-1, 0};
+    const int result = pthread_mutex_timedlock(mutex, &longPast);
+    return result == ETIMEDOUT ? EBUSY : result;
+}
+
+// A creator that died between making the object and giving it its size leaves an empty one.
+bool tooShort(const vx::Fd &fd) {
+    struct stat status {};
+    return ::fstat(fd.get(), &status) == 0 && status.st_size < static_cast<off_t>(sharedSize);
+}
+
+vx::Fd createShared(const std::string &name) {
+    vx::Fd fd(::shm_open(name.c_str(), O_RDWR | O_CREAT, ownerOnly));
+    if (fd.valid()) {
+        if (::ftruncate(fd.get(), static_cast<off_t>(sharedSize)) == 0) return fd;
+        const int error = errno;
+        vx::log(LOG_ERR, "recursive-semaphore: unable to ftruncate shared memory - errno=%s", std::strerror(error));
+        fd.reset();
+        ::shm_unlink(name.c_str());
+        errno = error;
+    }
+    vx::log(LOG_ERR, "recursive-semaphore: unable to open shared memory - errno=%s", std::strerror(errno));
+    return fd;
+}
+
+}  // namespace
+
+CSemaphore::CSemaphore(const std::string &pathname, int projectID)
+    : pathname_(pathname), projectId_(projectID), key_(-1), semId_(-1) {
+    if (pathname_.empty()) vx::log(LOG_ERR, "CSemaphore - constructed with empty pathname!");
+    if (projectId_ == 0) vx::log(LOG_ERR, "CSemaphore - constructed with invalid projectID!");
+}
+
+CSemaphore::~CSemaphore() = default;
+
+int CSemaphore::init() {
+    key_ = ::ftok(pathname_.c_str(), projectId_);
+    if (key_ == -1) {
+        vx::log(LOG_ERR, "CSemaphore::init() - ftok failed (errno=%i) for file %s", errno, pathname_.c_str());
+        return -1;
+    }
+    int id = ::semget(key_, 1, IPC_CREAT | IPC_EXCL | static_cast<int>(ownerOnly));
+    if (id != -1) {
+        if (changeSemaphore(id, 1, 0) == -1) {
+            vx::log(LOG_ERR, "CSemaphore::init() - semop() failed - unable to initialize semaphore - errno=%i", errno);
+            return -1;
+        }
+    } else if (errno == EEXIST) {
+        id = ::semget(key_, 1, IPC_CREAT | static_cast<int>(ownerOnly));
+    }
+    if (id == -1) {
+        vx::log(LOG_ERR, "CSemaphore::init() - unable to obtain semaphore-set - errno=%i", errno);
+        return -1;
+    }
+    semId_ = id;
+    return 0;
+}
+
+int CSemaphore::lock() {
+    if (semId_ == -1) {
+        vx::log(LOG_ERR, "CSemaphore::lock() - invalid semId!");
+        return -1;
+    }
+    if (vx::retryEintr([this] { return changeSemaphore(semId_, -1, SEM_UNDO); }) == -1) {
+        vx::log(LOG_ERR, "CSemaphore::lock() - semop failed, errno=%i", errno);
+        return -1;
+    }
+    return 0;
+}
+
+int CSemaphore::unlock() {
+    if (semId_ == -1) {
+        vx::log(LOG_ERR, "CSemaphore::unlock() - invalid semId!");
+        return -1;
+    }
+    if (changeSemaphore(semId_, 1, SEM_UNDO) == -1) {
+        vx::log(LOG_ERR, "CSemaphore::unlock() - semop() failed errno=%i", errno);
+        return -1;
+    }
+    return 0;
+}
+
+CRecursiveSemaphore::CSemaphoreOptions::CSemaphoreOptions() : automatic_(true) {}
+
+void CRecursiveSemaphore::CSemaphoreOptions::SetConsistentMode(eConsistentMode mode) {
+    automatic_ = mode == eConsistentAutomatic;
+}
+
+CRecursiveSemaphore::CSemaphoreOptions::eConsistentMode CRecursiveSemaphore::CSemaphoreOptions::GetConsistentMode()
+    const {
+    return automatic_ ? eConsistentAutomatic : eConsistentManual;
+}
+
+class __attribute__((visibility("hidden"))) CRecursiveSemaphore::private_impl {
+public:
+    private_impl(const std::string &name, const CSemaphoreOptions &options);
+    ~private_impl() { unmap(); }
+    private_impl(const private_impl &) = delete;
+    private_impl &operator=(const private_impl &) = delete;
+
+    pthread_mutex_t *mutex() const { return mutex_; }
+    int afterLocking(int result);
+
+private:
+    void createOrOpen(const std::string &name);
+    int initMutex(const std::string &name);
+    void unmap();
+
+    static const std::string SEM_PATHNAME;
+
+    void *address_;
+    pthread_mutex_t *mutex_;
+    CSemaphore guard_;
+    CSemaphoreOptions options_;
+};
+
+const std::string CRecursiveSemaphore::private_impl::SEM_PATHNAME = libraryPath();
+
+CRecursiveSemaphore::private_impl::private_impl(const std::string &name, const CSemaphoreOptions &options)
+    : address_(MAP_FAILED), mutex_(nullptr), guard_(SEM_PATHNAME, guardProject), options_(options) {
+    if (guard_.init() == -1) {
+        vx::log(LOG_ERR, "recursive-semaphore: unable to init guarding semaphore");
+        return;
+    }
+    if (guard_.lock() == -1) {
+        vx::log(LOG_ERR, "recursive-semaphore: unable to lock guarding semaphore");
+        return;
+    }
+    createOrOpen(name);
+    guard_.unlock();
+}
+
+// One process at a time is in here, so that nobody maps a mutex that is not initialised yet.
+void CRecursiveSemaphore::private_impl::createOrOpen(const std::string &name) {
+    vx::Fd fd(::shm_open(name.c_str(), O_RDWR, 0));
+    const bool create = !fd.valid() || tooShort(fd);
+    if (create) fd = createShared(name);
+    if (!fd.valid()) return;
+
+    address_ = ::mmap(nullptr, sharedSize, PROT_READ | PROT_WRITE, MAP_SHARED, fd.get(), 0);
+    if (address_ == MAP_FAILED) {
+        vx::log(LOG_ERR, "recursive-semaphore: mmap failed - errno=%s", std::strerror(errno));
+    } else {
+        mutex_ = static_cast<pthread_mutex_t *>(address_);
+        if (create && initMutex(name) == -1) unmap();
+    }
+    // What was made and could not be initialised must not look like a lock: empty again, the next user has another go.
+    if (create && mutex_ == nullptr && ::ftruncate(fd.get(), 0) == -1) ::shm_unlink(name.c_str());
+}
+
+int CRecursiveSemaphore::private_impl::initMutex(const std::string &name) {
+    pthread_mutexattr_t attributes;
+    if (initMutexAttributes(attributes) == -1) return -1;
+    const int error = pthread_mutex_init(mutex_, &attributes);
+    pthread_mutexattr_destroy(&attributes);
+    if (error != 0) {
+        vx::log(LOG_ERR, "recursive-semaphore: unable to initialize mutex - errno=%s", std::strerror(error));
+        return -1;
+    }
+    vx::log(LOG_DEBUG, "created recursive semaphore \"%s\"", name.c_str());
+    return 0;
+}
+
+void CRecursiveSemaphore::private_impl::unmap() {
+    if (mutex_ != nullptr) ::munmap(address_, sharedSize);
+    address_ = MAP_FAILED;
+    mutex_ = nullptr;
+}
+
+// EOWNERDEAD is handed through in either mode: the caller has the lock, and may want to look at what it protects.
+int CRecursiveSemaphore::private_impl::afterLocking(int result) {
+    if (result != EOWNERDEAD) [[likely]]
+        return result;
+    if (options_.GetConsistentMode() == CSemaphoreOptions::eConsistentAutomatic) {
+        const int error = pthread_mutex_consistent(mutex_);
+        if (error != 0) {
+            vx::log(LOG_ERR, "recursive-semaphore: make consistent failed - errno=%s", std::strerror(error));
+        }
+    }
+    return result;
+}
+
+CRecursiveSemaphore::CRecursiveSemaphore(const std::string &name) : CRecursiveSemaphore(name, CSemaphoreOptions()) {}
+
+CRecursiveSemaphore::CRecursiveSemaphore(const std::string &name, const CSemaphoreOptions &options)
+    : impl_(std::make_unique<private_impl>(name, options)) {}
+
+CRecursiveSemaphore::~CRecursiveSemaphore() = default;
+
+int CRecursiveSemaphore::lock() {
+    pthread_mutex_t *const mutex = impl_->mutex();
+    return mutex == nullptr ? -1 : impl_->afterLocking(pthread_mutex_lock(mutex));
+}
+
+int CRecursiveSemaphore::trylock() {
+    pthread_mutex_t *const mutex = impl_->mutex();
+    return mutex == nullptr ? -1 : impl_->afterLocking(tryLock(mutex));
+}
+
+int CRecursiveSemaphore::unlock() {
+    pthread_mutex_t *const mutex = impl_->mutex();
+    return mutex == nullptr ? -1 : pthread_mutex_unlock(mutex);
+}
+
+int CRecursiveSemaphore::makeConsistent() {
+    pthread_mutex_t *const mutex = impl_->mutex();
+    return mutex == nullptr ? -1 : pthread_mutex_consistent(mutex);
+}

@@ -1,0 +1,82 @@
+// SPDX-License-Identifier: MIT
+#include <fcntl.h>
+#include <limits.h>
+#include <unistd.h>
+#include <vxutils/strutil.h>
+#include <vxutils/vxevent.h>
+#include <zmq.h>
+
+#include <cerrno>
+#include <cstddef>
+#include <cstdlib>
+#include <memory>
+#include <type_traits>
+
+#include "vxutils/internal/errno_keeper.h"
+#include "vxutils/internal/fd.h"
+#include "vxutils/internal/handles.h"
+
+namespace {
+
+constexpr const char *eventFifo = "/tmp/status/event-manager/throw";
+constexpr const char *defaultEndpoint = "tcp://127.0.0.1:47011";
+constexpr int messageContentsLevel = 29;
+
+static_assert(sizeof(vxevent_record) == 136 && offsetof(vxevent_record, param) == 4 &&
+              offsetof(vxevent_record, text) == 8);
+static_assert(sizeof(vxevent_record) <= PIPE_BUF, "records of several writers must not mix");
+
+using ZmqSocket = std::unique_ptr<void, vx::Release<&zmq_close>>;
+
+void freeRecord(void *record, void *) { std::free(record); }
+
+}  // namespace
+
+// Needs nothing of the other objects made at load time, and a failure leaves it null.
+devlog_level *DL_MQCONTENTS = devlog_level_create(messageContentsLevel);
+
+int vxevent(unsigned int id, unsigned int param, const char *text) {
+    vxevent_record record{};
+    record.id = id;
+    record.param = param;
+    if (text != nullptr) strlcpy(record.text, text, sizeof record.text);
+
+    // For reading too: opening only to write would wait for a reader, and writing without one would raise SIGPIPE.
+    const vx::Fd fifo(::open(eventFifo, O_RDWR | O_CLOEXEC));
+    if (!fifo.valid()) return -1;
+    return ::write(fifo.get(), &record, sizeof record) == static_cast<ssize_t>(sizeof record) ? 0 : -1;
+}
+
+void *create_legacy_source_with_addr(void *zmq_context, const char *endpoint) {
+    ZmqSocket socket(zmq_socket(zmq_context, ZMQ_PUB));
+    if (!socket || endpoint == nullptr || zmq_bind(socket.get(), endpoint) != 0) return nullptr;
+    return socket.release();
+}
+
+void *create_legacy_source(void *zmq_context) { return create_legacy_source_with_addr(zmq_context, defaultEndpoint); }
+
+void *register_legacy_sink_with_addr(void *zmq_context, const char *endpoint) {
+    ZmqSocket socket(zmq_socket(zmq_context, ZMQ_SUB));
+    if (!socket || endpoint == nullptr || zmq_setsockopt(socket.get(), ZMQ_SUBSCRIBE, "", 0) != 0 ||
+        zmq_connect(socket.get(), endpoint) != 0) {
+        return nullptr;
+    }
+    return socket.release();
+}
+
+void *register_legacy_sink(void *zmq_context) { return register_legacy_sink_with_addr(zmq_context, defaultEndpoint); }
+
+int dispatch_legacy_event(void *socket, const vxevent_record *record) {
+    if (record == nullptr) return -1;
+    vx::MallocPtr<vxevent_record> copy(static_cast<vxevent_record *>(std::malloc(sizeof *record)));
+    if (!copy) return -1;
+    *copy = *record;
+
+    zmq_msg_t message;
+    if (zmq_msg_init_data(&message, copy.get(), sizeof *record, freeRecord, nullptr) != 0) return -1;
+    (void)copy.release();  // the message's from here on, freed by whoever is done with it last
+    if (zmq_msg_send(&message, socket, 0) == static_cast<int>(sizeof *record)) return 0;
+    const vx::ErrnoKeeper keeper;
+    zmq_msg_close(&message);
+    return -1;
+}
