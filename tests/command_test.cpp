@@ -632,4 +632,23 @@ INSTANTIATE_TEST_SUITE_P(, Power,
                                                 "/nvstatus/skip-poweroff", "skipping poweroff", 0x4321FEDC}),
                          [](const auto &param) { return param.param.call == system_reboot ? "Reboot" : "Poweroff"; });
 
+// ---- the example ----
+
+using CommandExample = Commands;
+
+TEST_F(CommandExample, RunsCommandsEachWay) {
+    const auto example = [](const std::string &how, const std::string &text) {
+        return vxtest::run({vxtest::built("examples/command_run"), how, text});
+    };
+    EXPECT_EQ(example("wait", "exit 3").text, "exit code 3\n");
+    EXPECT_EQ(example("read", "echo text").text, "5 characters: text\n\n");
+    EXPECT_EQ(example("read", "echo text; exit 1").text, "failed, its output is not trusted\n");
+    EXPECT_EQ(example("split", "set key 'a value'").text, "0: set\n1: key\n2: a value\n");
+    EXPECT_EQ(example("split", "'").text, "not a command line\n");
+    EXPECT_EQ(example("none", "x").status, 2);
+    const auto detached = example("detach", "echo $$ >" + path("pid"));
+    EXPECT_TRUE(vxtest::eventually(
+        [&] { return vxtest::exists(path("pid")) && detached.text == "process " + readFile(path("pid")); }));
+}
+
 }  // namespace

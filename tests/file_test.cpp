@@ -737,4 +737,16 @@ TEST_F(CreateTmpfile, APatternIsCutAtTheBuffersEnd) {
     EXPECT_EQ(create_tmpfile(("/" + pattern).c_str()), nullptr);
 }
 
+// ---- the example ----
+
+using FileExample = Files;
+
+TEST_F(FileExample, TheWatcherSeesNoMixture) {
+    const auto output = vxtest::run({vxtest::built("examples/file_status"), "200", path("state")});
+    EXPECT_EQ(output.status, 0);
+    EXPECT_THAT(output.text,
+                testing::MatchesRegex("200 updates, [0-9]+ reads meanwhile, 0 of them a mixture of two states\n"));
+    EXPECT_FALSE(vxtest::exists(path("state")));
+}
+
 }  // namespace

@@ -198,4 +198,10 @@ TEST_F(FirewallLock, UnlockingAClosedDescriptorIsReported) {
               (std::vector<LogLine>{{LOG_ERR, "firewall_unlock: flock(LOCK_UN) failed - errno=Bad file descriptor"}}));
 }
 
+TEST_F(FirewallLock, TheExamplesChangesStayWhole) {
+    const auto output = vxtest::run({vxtest::built("examples/lock_rules"), "100"});
+    EXPECT_EQ(output.text, "200 of 200 changes were made in one piece\n");
+    EXPECT_EQ(output.status, 0);
+}
+
 }  // namespace

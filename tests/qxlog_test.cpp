@@ -460,4 +460,18 @@ TEST_F(DeviceLog, AWriterKilledAtAnyMomentLeavesAWholeLogAndBlocksNobody) {
     expectWholeLines(readFile(logFile));
 }
 
+// ---- the example ----
+
+TEST_F(DeviceLog, TheExampleTakesNotes) {
+    const std::string note = vxtest::built("examples/qxlog_note");
+    for (int i = 1; i <= 35; ++i) EXPECT_EQ(vxtest::run({note, std::to_string(i), "event"}).status, 0);
+    const auto lines = linesOf(vxtest::run({note}).text);
+    ASSERT_EQ(lines.size(), 33u);
+    EXPECT_THAT(lines.front(), testing::MatchesRegex("35: [0-9]{4}-[0-9]{2}-[0-9]{2} [0-9]{2}:[0-9]{2} event"));
+    EXPECT_EQ(lines.back().substr(0, 3), "3: ");
+    EXPECT_EQ(vxtest::run({note, "clear"}).status, 0);
+    EXPECT_EQ(vxtest::run({note}).text, "");
+    EXPECT_EQ(vxtest::run({note, "a", "b", "c"}).status, 2);
+}
+
 }  // namespace
