@@ -5,7 +5,6 @@
 #include <climits>
 #include <cstdint>
 #include <cstring>
-#include <string_view>
 
 #include "vxutils/internal/digits.h"
 
@@ -15,38 +14,38 @@ constexpr char nullText[] = "(null)";
 constexpr size_t longestDigits = 22;  // 64 bits in octal
 
 // Copies of a few bytes are most of a formatter's work: two overlapping moves each, no call.
-inline char *put(char *to, const char *from, size_t count) {
-    if (count > 32) {
-        std::memcpy(to, from, count);
-    } else if (count >= 16) {
-        std::memcpy(to, from, 16);
-        std::memcpy(to + count - 16, from + count - 16, 16);
-    } else if (count >= 8) {
-        std::memcpy(to, from, 8);
-        std::memcpy(to + count - 8, from + count - 8, 8);
-    } else if (count >= 4) {
+inline void put(char *to, const char *from, size_t count) {
+    if (count < 4) {
+        if (count == 0) return;
+        to[0] = from[0];
+        to[count / 2] = from[count / 2];
+        to[count - 1] = from[count - 1];
+    } else if (count < 8) {
         std::memcpy(to, from, 4);
         std::memcpy(to + count - 4, from + count - 4, 4);
-    } else if (count >= 2) {
-        std::memcpy(to, from, 2);
-        std::memcpy(to + count - 2, from + count - 2, 2);
-    } else if (count == 1) {
-        *to = *from;
+    } else if (count < 16) {
+        std::memcpy(to, from, 8);
+        std::memcpy(to + count - 8, from + count - 8, 8);
+    } else if (count <= 32) {
+        std::memcpy(to, from, 16);
+        std::memcpy(to + count - 16, from + count - 16, 16);
+    } else {
+        std::memcpy(to, from, count);
     }
-    return to + count;
 }
 
 inline char *fill(char *to, char with, size_t count) {
-    if (count > 16) {
-        std::memset(to, with, count);
-    } else if (count >= 8) {
-        std::memset(to, with, 8);
-        std::memset(to + count - 8, with, 8);
-    } else if (count >= 4) {
+    if (count < 4) {
+        if (count == 0) return to;
+        to[0] = to[count / 2] = to[count - 1] = with;
+    } else if (count < 8) {
         std::memset(to, with, 4);
         std::memset(to + count - 4, with, 4);
+    } else if (count <= 16) {
+        std::memset(to, with, 8);
+        std::memset(to + count - 8, with, 8);
     } else {
-        for (size_t i = 0; i < count; ++i) to[i] = with;
+        std::memset(to, with, count);
     }
     return to + count;
 }
@@ -56,37 +55,38 @@ inline char *fill(char *to, char with, size_t count) {
 class Cursor {
 public:
     Cursor(char *buffer, size_t skip, size_t room)
-        : out_(buffer), toSkip_(skip), room_(room), skip_(skip), all_(room) {}
+        : buffer_(buffer), room_(room), direct_(buffer != nullptr && skip == 0), toSkip_(skip), skip_(skip) {}
 
-    size_t stored() const { return all_ - room_; }
-    size_t produced() const { return skip_ - toSkip_ + stored(); }
+    size_t stored() const { return stored_; }
+    size_t produced() const { return skip_ - toSkip_ + stored_; }
 
     // Characters from here on that could still make a difference.
     size_t reach() const {
-        if (room_ == 0) return 0;
-        return room_ > SIZE_MAX - toSkip_ ? SIZE_MAX : toSkip_ + room_;
+        const size_t left = room_ - stored_;
+        if (direct_ || left == 0) return left;
+        return left > SIZE_MAX - toSkip_ ? SIZE_MAX : left + toSkip_;
+    }
+
+    // Place for `count` characters that are all stored; null when the window does not show them whole.
+    char *claim(size_t count) {
+        if (!direct_ || count > room_ - stored_) return nullptr;
+        char *const place = buffer_ + stored_;
+        stored_ += count;
+        return place;
     }
 
     // Accounts for `count` characters of which none is stored (all left out, counted only, or behind a full window);
     // false when they have to be produced.
     bool pass(size_t count) {
-        if (room_ == 0) return true;
-        if (out_ == nullptr) {
-            room_ -= std::min(count, room_);
+        const size_t left = room_ - stored_;
+        if (direct_ || left == 0) return left == 0;
+        if (buffer_ == nullptr) {
+            stored_ += std::min(count, left);
             return true;
         }
         if (count > toSkip_) return false;
-        toSkip_ -= count;
+        leaveOut(count);
         return true;
-    }
-
-    // Place for `count` characters that are all stored; null when the window cuts them.
-    char *claim(size_t count) {
-        if (toSkip_ != 0 || count > room_ || out_ == nullptr) return nullptr;
-        char *const place = out_;
-        out_ += count;
-        room_ -= count;
-        return place;
     }
 
     void text(const char *from, size_t count) {
@@ -99,13 +99,16 @@ public:
     }
 
     void padding(char with, size_t count) {
-        if (count == 0 || pass(count)) return;
-        const Part part = cut(count);
-        std::memset(part.to, with, part.count);
+        if (char *const place = claim(count)) {
+            fill(place, with, count);
+        } else if (!pass(count)) {
+            const Part part = cut(count);
+            std::memset(part.to, with, part.count);
+        }
     }
 
     // The window's end holds the terminator.
-    void terminate() { *out_ = '\0'; }
+    void terminate() { buffer_[stored_] = '\0'; }
 
 private:
     struct Part {
@@ -114,21 +117,26 @@ private:
         size_t count;
     };
 
+    void leaveOut(size_t count) {
+        toSkip_ -= count;
+        direct_ = toSkip_ == 0;
+    }
+
     // The part of the next `count` characters that the window shows.
     Part cut(size_t count) {
         const size_t begin = std::min(count, toSkip_);
-        const Part part{out_, begin, std::min(count - begin, room_)};
-        toSkip_ -= begin;
-        room_ -= part.count;
-        out_ += part.count;
+        const Part part{buffer_ + stored_, begin, std::min(count - begin, room_ - stored_)};
+        leaveOut(begin);
+        stored_ += part.count;
         return part;
     }
 
-    char *out_;
+    char *const buffer_;
+    const size_t room_;
+    size_t stored_ = 0;
+    bool direct_;  // nothing is left out any more, and what comes is stored
     size_t toSkip_;
-    size_t room_;
     const size_t skip_;
-    const size_t all_;
 };
 
 // A va_list that functions can share: the type itself may be an array.
@@ -136,113 +144,146 @@ struct Arguments {
     va_list list;
 };
 
+// Flags are characters from 0x20 to 0x30, each with the bit of its place in that range.
+constexpr char firstFlag = ' ';
+constexpr char lastFlag = '0';
+constexpr unsigned int flagBit(char c) { return 1U << (c - firstFlag); }
+
+enum Flag : unsigned int {
+    spaceSign = flagBit(' '),
+    alternateForm = flagBit('#'),
+    forceSign = flagBit('+'),
+    leftJustify = flagBit('-'),
+    zeroPad = flagBit('0'),
+};
+constexpr unsigned int allFlags = spaceSign | alternateForm | forceSign | leftJustify | zeroPad;
+
+// What stands between the percent sign and the conversion character.
 struct Field {
-    bool left = false;
-    bool zero = false;
-    bool plus = false;
-    bool space = false;
-    bool alternate = false;
+    unsigned int flags = 0;
     size_t width = 0;
     int precision = -1;  // negative: none
     char length = '\0';  // 'h', 'l' or none
+
+    bool has(Flag flag) const { return (flags & flag) != 0; }
 };
 
 enum class Base { decimal, octal, lowerHex, upperHex };
 
-size_t countDigits(unsigned long value, Base base) {
-    switch (base) {
-        case Base::decimal:
-            return vx::countDecimalDigits(value);
-        case Base::octal:
-            return vx::countPowerOfTwoDigits(value, 3);
-        default:
-            return vx::countPowerOfTwoDigits(value, 4);
+// An integer as it is to be printed: its magnitude and what stands before the digits.
+struct Number {
+    unsigned long value;
+    const char *prefix;
+    size_t prefixSize;
+};
+
+template <Base base>
+size_t countDigits(unsigned long value) {
+    if constexpr (base == Base::decimal) return vx::countDecimalDigits(value);
+    return vx::countPowerOfTwoDigits(value, base == Base::octal ? 3 : 4);
+}
+
+template <Base base>
+void writeDigits(char *end, unsigned long value) {
+    if constexpr (base == Base::decimal) {
+        vx::writeDecimal(end, value);
+    } else if constexpr (base == Base::octal) {
+        vx::writePowerOfTwo(end, value, 3);
+    } else {
+        vx::writeHex(end, value, base == Base::lowerHex ? vx::lowerHexPairs : vx::upperHexPairs);
     }
 }
 
-void writeDigits(char *end, unsigned long value, Base base) {
-    switch (base) {
-        case Base::decimal:
-            return vx::writeDecimal(end, value);
-        case Base::octal:
-            return vx::writePowerOfTwo(end, value, 3);
-        case Base::lowerHex:
-            return vx::writeHex(end, value, vx::lowerHexPairs);
-        case Base::upperHex:
-            return vx::writeHex(end, value, vx::upperHexPairs);
-    }
-}
+// The parts of an integer field, in output order.
+struct Layout {
+    size_t before, zeros, digits, behind;
+};
 
-void formatInteger(Cursor &cursor, const Field &field, unsigned long value, Base base, std::string_view prefix) {
-    const size_t digits = countDigits(value, base);
-    const size_t plain = prefix.size() + digits;
+inline Layout arrange(const Field &field, size_t prefixSize, size_t digits) {
+    const size_t plain = prefixSize + digits;
     size_t zeros = 0;
     if (field.precision >= 0) {
         const auto wanted = static_cast<size_t>(field.precision);
         zeros = wanted > digits ? wanted - digits : 0;
-    } else if (field.zero && field.width > plain) {
+    } else if (field.has(zeroPad) && field.width > plain) {
         zeros = field.width - plain;
     }
     const size_t body = plain + zeros;
     const size_t spaces = field.width > body ? field.width - body : 0;
-    const size_t before = field.left ? 0 : spaces;
-    const size_t behind = field.left ? spaces : 0;
+    const bool left = field.has(leftJustify);
+    return {left ? 0 : spaces, zeros, digits, left ? spaces : 0};
+}
 
-    if (char *place = cursor.claim(body + spaces)) {
-        place = fill(place, ' ', before);
-        place = put(place, prefix.data(), prefix.size());
-        place = fill(place, '0', zeros) + digits;
-        writeDigits(place, value, base);
-        fill(place, ' ', behind);
+inline char *putPrefix(char *to, const Number &number) {
+    for (size_t i = 0; i < number.prefixSize; ++i) *to++ = number.prefix[i];
+    return to;
+}
+
+// A field that the window cuts.
+template <Base base>
+[[gnu::noinline]] void putIntegerPartly(Cursor &cursor, const Number &number, const Layout &layout) {
+    char scratch[longestDigits];
+    writeDigits<base>(scratch + layout.digits, number.value);
+    cursor.padding(' ', layout.before);
+    cursor.text(number.prefix, number.prefixSize);
+    cursor.padding('0', layout.zeros);
+    cursor.text(scratch, layout.digits);
+    cursor.padding(' ', layout.behind);
+}
+
+template <Base base>
+[[gnu::noinline]] void putPaddedInteger(Cursor &cursor, const Field &field, const Number &number, size_t digits) {
+    const Layout layout = arrange(field, number.prefixSize, digits);
+    const size_t all = layout.before + number.prefixSize + layout.zeros + digits + layout.behind;
+    char *place = cursor.claim(all);
+    if (place == nullptr) {
+        if (!cursor.pass(all)) putIntegerPartly<base>(cursor, number, layout);
         return;
     }
-    if (cursor.pass(body + spaces)) return;
-    char scratch[longestDigits];
-    writeDigits(scratch + digits, value, base);
-    cursor.padding(' ', before);
-    cursor.text(prefix.data(), prefix.size());
-    cursor.padding('0', zeros);
-    cursor.text(scratch, digits);
-    cursor.padding(' ', behind);
+    place = putPrefix(fill(place, ' ', layout.before), number);
+    place = fill(place, '0', layout.zeros) + digits;
+    writeDigits<base>(place, number.value);
+    fill(place, ' ', layout.behind);
 }
 
-void formatSigned(Cursor &cursor, const Field &field, long value) {
-    if (value < 0) return formatInteger(cursor, field, 0UL - static_cast<unsigned long>(value), Base::decimal, "-");
-    const std::string_view prefix = field.plus ? "+" : field.space ? " " : "";
-    formatInteger(cursor, field, static_cast<unsigned long>(value), Base::decimal, prefix);
-}
-
-void formatUnsigned(Cursor &cursor, const Field &field, unsigned long value, char conversion) {
-    const bool marked = field.alternate && value != 0;
-    switch (conversion) {
-        case 'o':
-            return formatInteger(cursor, field, value, Base::octal, marked ? "0" : "");
-        case 'x':
-            return formatInteger(cursor, field, value, Base::lowerHex, marked ? "0x" : "");
-        case 'X':
-            return formatInteger(cursor, field, value, Base::upperHex, marked ? "0X" : "");
-        default:
-            return formatInteger(cursor, field, value, Base::decimal, "");
+template <Base base>
+[[gnu::noinline]] void putInteger(Cursor &cursor, const Field &field, const Number &number) {
+    const size_t digits = countDigits<base>(number.value);
+    const size_t plain = number.prefixSize + digits;
+    if (field.width > plain || field.precision > 0) return putPaddedInteger<base>(cursor, field, number, digits);
+    if (char *const place = cursor.claim(plain)) {
+        writeDigits<base>(putPrefix(place, number) + digits, number.value);
+    } else if (!cursor.pass(plain)) {
+        putIntegerPartly<base>(cursor, number, {0, 0, digits, 0});
     }
 }
 
 // Length of a text as far as it matters: up to the precision, what the window can show and what the width needs.
-size_t usedLength(const Cursor &cursor, const Field &field, const char *text) {
+inline size_t usedLength(const Cursor &cursor, const Field &field, const char *text) {
     size_t most = std::max(cursor.reach(), field.width);
     if (field.precision >= 0) most = std::min(most, static_cast<size_t>(field.precision));
     return ::strnlen(text, most);
 }
 
-void formatText(Cursor &cursor, const Field &field, const char *text) {
-    if (text == nullptr) text = nullText;
-    const size_t length = usedLength(cursor, field, text);
+inline void putRun(Cursor &cursor, const Field &field, const char *text, size_t length) {
     const size_t blanks = field.width > length ? field.width - length : 0;
-    if (!field.left) cursor.padding(field.zero ? '0' : ' ', blanks);
+    if (blanks != 0 && !field.has(leftJustify)) cursor.padding(field.has(zeroPad) ? '0' : ' ', blanks);
     cursor.text(text, length);
-    if (field.left) cursor.padding(' ', blanks);
+    if (blanks != 0 && field.has(leftJustify)) cursor.padding(' ', blanks);
 }
 
-void storeProduced(const Cursor &cursor, const Field &field, Arguments &args) {
+[[gnu::noinline]] void putText(Cursor &cursor, const Field &field, const char *text) {
+    if (text == nullptr) text = nullText;
+    putRun(cursor, field, text, usedLength(cursor, field, text));
+}
+
+// A byte as a text of one character; the byte 0 is an empty text.
+[[gnu::noinline]] void putCharacter(Cursor &cursor, const Field &field, char character) {
+    const bool empty = character == '\0' || field.precision == 0;
+    putRun(cursor, field, &character, empty ? 0 : 1);
+}
+
+inline void storeProduced(const Cursor &cursor, const Field &field, Arguments &args) {
     if (field.length == 'h') {
         *va_arg(args.list, short *) = static_cast<short>(cursor.produced());
     } else {
@@ -250,61 +291,60 @@ void storeProduced(const Cursor &cursor, const Field &field, Arguments &args) {
     }
 }
 
-long nextSigned(char length, Arguments &args) {
-    if (length == 'l') return va_arg(args.list, long);
-    const int value = va_arg(args.list, int);
-    return length == 'h' ? static_cast<short>(value) : value;
+inline Number nextSigned(const Field &field, Arguments &args) {
+    long value;
+    if (field.length == 'l') {
+        value = va_arg(args.list, long);
+    } else {
+        const int number = va_arg(args.list, int);
+        value = field.length == 'h' ? static_cast<short>(number) : number;
+    }
+    if (value < 0) return {0UL - static_cast<unsigned long>(value), "-", 1};
+    const bool sign = field.has(forceSign) || field.has(spaceSign);
+    return {static_cast<unsigned long>(value), field.has(forceSign) ? "+" : " ", sign ? 1U : 0U};
 }
 
-unsigned long nextUnsigned(char length, Arguments &args) {
-    if (length == 'l') return va_arg(args.list, unsigned long);
-    const unsigned int value = va_arg(args.list, unsigned int);
-    return length == 'h' ? static_cast<unsigned short>(value) : value;
+inline Number nextUnsigned(const Field &field, Arguments &args, const char *prefix, size_t prefixSize) {
+    unsigned long value;
+    if (field.length == 'l') {
+        value = va_arg(args.list, unsigned long);
+    } else {
+        const unsigned int number = va_arg(args.list, unsigned int);
+        value = field.length == 'h' ? static_cast<unsigned short>(number) : number;
+    }
+    const bool marked = field.has(alternateForm) && value != 0;
+    return {value, prefix, marked ? prefixSize : 0};
 }
+
+inline Number nextPointer(Arguments &args) { return {reinterpret_cast<uintptr_t>(va_arg(args.list, void *)), "0x", 2}; }
 
 // A run of digits, in wrapping arithmetic: overflow is not checked, but it is harmless.
-int readDigits(const char *&at) {
+inline int readDigits(const char *&at) {
     unsigned int number = 0;
     for (; *at >= '0' && *at <= '9'; ++at) number = number * 10 + static_cast<unsigned int>(*at - '0');
     return static_cast<int>(number);
 }
 
-void readFlags(const char *&at, Field &field) {
-    for (;; ++at) {
-        switch (*at) {
-            case ' ':
-                field.space = true;
-                break;
-            case '#':
-                field.alternate = true;
-                break;
-            case '+':
-                field.plus = true;
-                break;
-            case '-':
-                field.left = true;
-                break;
-            case '0':
-                field.zero = true;
-                break;
-            default:
-                return;
-        }
+inline void readFlags(const char *&at, Field &field) {
+    for (; *at >= firstFlag && *at <= lastFlag; ++at) {
+        const unsigned int flag = flagBit(*at) & allFlags;
+        if (flag == 0) return;
+        field.flags |= flag;
     }
 }
 
-void readWidth(const char *&at, Field &field, Arguments &args) {
+inline void readWidth(const char *&at, Field &field, Arguments &args) {
     if (*at != '*') {
         field.width = static_cast<size_t>(std::max(readDigits(at), 0));
         return;
     }
     ++at;
     const int width = va_arg(args.list, int);
-    field.left = field.left || width < 0;
+    if (width < 0) field.flags |= leftJustify;
     field.width = width < 0 ? 0U - static_cast<unsigned int>(width) : static_cast<unsigned int>(width);
 }
 
-void readPrecision(const char *&at, Field &field, Arguments &args) {
+inline void readPrecision(const char *&at, Field &field, Arguments &args) {
     if (*at != '.') return;
     ++at;
     if (*at != '*') {
@@ -315,52 +355,59 @@ void readPrecision(const char *&at, Field &field, Arguments &args) {
     field.precision = va_arg(args.list, int);
 }
 
-// Reads what stands between the percent sign and the conversion character.
-Field readField(const char *&at, Arguments &args) {
+inline Field readField(const char *&at, Arguments &args) {
     Field field;
-    if (*at <= '9') {
+    if (*at <= '9') {  // most conversions are a bare letter
         readFlags(at, field);
         readWidth(at, field, args);
         readPrecision(at, field, args);
-        if (field.left) field.zero = false;
+        if (field.has(leftJustify)) field.flags &= ~static_cast<unsigned int>(zeroPad);
     }
     if (*at == 'h' || *at == 'l') field.length = *at++;
     return field;
 }
 
-void convert(Cursor &cursor, const Field &field, char conversion, Arguments &args) {
+inline void convert(Cursor &cursor, const Field &field, char conversion, Arguments &args) {
     switch (conversion) {
         case 'd':
         case 'i':
-            return formatSigned(cursor, field, nextSigned(field.length, args));
+            return putInteger<Base::decimal>(cursor, field, nextSigned(field, args));
         case 'u':
+            return putInteger<Base::decimal>(cursor, field, nextUnsigned(field, args, "", 0));
         case 'o':
+            return putInteger<Base::octal>(cursor, field, nextUnsigned(field, args, "0", 1));
         case 'x':
+            return putInteger<Base::lowerHex>(cursor, field, nextUnsigned(field, args, "0x", 2));
         case 'X':
-            return formatUnsigned(cursor, field, nextUnsigned(field.length, args), conversion);
-        case 'p': {
-            const auto address = reinterpret_cast<uintptr_t>(va_arg(args.list, void *));
-            return formatInteger(cursor, field, address, Base::lowerHex, "0x");
-        }
-        case 'c': {
-            const char text[2] = {static_cast<char>(va_arg(args.list, int)), '\0'};
-            return formatText(cursor, field, text);
-        }
+            return putInteger<Base::upperHex>(cursor, field, nextUnsigned(field, args, "0X", 2));
+        case 'p':
+            return putInteger<Base::lowerHex>(cursor, field, nextPointer(args));
+        case 'c':
+            return putCharacter(cursor, field, static_cast<char>(va_arg(args.list, int)));
         case 's':
-            return formatText(cursor, field, va_arg(args.list, const char *));
+            return putText(cursor, field, va_arg(args.list, const char *));
         case 'n':
             return storeProduced(cursor, field, args);
         default:
-            return cursor.text(&conversion, 1);
+            return putCharacter(cursor, Field(), conversion);
     }
+}
+
+// The end of a literal run. Between conversions there are often only a few characters: no call for those.
+inline const char *literalEnd(const char *at) {
+    for (const char *const far = at + 3; at != far; ++at) {
+        if (*at == '%' || *at == '\0') return at;
+    }
+    return ::strchrnul(at, '%');
 }
 
 void formatAll(Cursor &cursor, const char *at, Arguments &args) {
     for (;;) {
         const char *const literal = at;
-        while (*at != '%' && *at != '\0') ++at;
-        if (at != literal) cursor.text(literal, static_cast<size_t>(at - literal));
-        if (*at++ == '\0') return;
+        at = literalEnd(at);
+        cursor.text(literal, static_cast<size_t>(at - literal));
+        if (*at == '\0') return;
+        ++at;
         if (*at == '%') {
             cursor.text(at++, 1);
             continue;
@@ -371,41 +418,51 @@ void formatAll(Cursor &cursor, const char *at, Arguments &args) {
     }
 }
 
-}  // namespace
-
-int vsnxprintf(char *buf, int skip, size_t size, const char *fmt, va_list ap) {
+int formatWindow(char *buf, int skip, size_t size, const char *fmt, Arguments &args) {
     if (buf == nullptr || size == 0 || skip < 0) return 0;
     Cursor cursor(buf, static_cast<size_t>(skip), size - 1);
-    Arguments args;
-    va_copy(args.list, ap);
     if (fmt != nullptr) formatAll(cursor, fmt, args);
-    va_end(args.list);
     cursor.terminate();
     return static_cast<int>(cursor.stored());
 }
 
+int measure(const char *fmt, Arguments &args) {
+    if (fmt == nullptr) return 0;
+    Cursor cursor(nullptr, 0, UINT_MAX - 1);
+    formatAll(cursor, fmt, args);
+    return static_cast<int>(cursor.stored());
+}
+
+}  // namespace
+
+int vsnxprintf(char *buf, int skip, size_t size, const char *fmt, va_list ap) {
+    Arguments args;
+    va_copy(args.list, ap);
+    const int stored = formatWindow(buf, skip, size, fmt, args);
+    va_end(args.list);
+    return stored;
+}
+
 int snxprintf(char *buf, int skip, size_t size, const char *fmt, ...) {
-    va_list ap;
-    va_start(ap, fmt);
-    const int stored = vsnxprintf(buf, skip, size, fmt, ap);
-    va_end(ap);
+    Arguments args;
+    va_start(args.list, fmt);
+    const int stored = formatWindow(buf, skip, size, fmt, args);
+    va_end(args.list);
     return stored;
 }
 
 int vstrlenf(const char *fmt, va_list ap) {
-    if (fmt == nullptr) return 0;
-    Cursor cursor(nullptr, 0, UINT_MAX - 1);
     Arguments args;
     va_copy(args.list, ap);
-    formatAll(cursor, fmt, args);
+    const int length = measure(fmt, args);
     va_end(args.list);
-    return static_cast<int>(cursor.stored());
+    return length;
 }
 
 int strlenf(const char *fmt, ...) {
-    va_list ap;
-    va_start(ap, fmt);
-    const int length = vstrlenf(fmt, ap);
-    va_end(ap);
+    Arguments args;
+    va_start(args.list, fmt);
+    const int length = measure(fmt, args);
+    va_end(args.list);
     return length;
 }

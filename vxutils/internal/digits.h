@@ -43,6 +43,8 @@ inline constexpr auto powersOfTen64 = makePowersOfTen<uint64_t>();
 template <typename Value>
 constexpr size_t countDecimalDigits(Value value) {
     static_assert(std::is_unsigned_v<Value>);
+    if (value < 1000)
+        return static_cast<size_t>(1 + (value > 9 ? 1 : 0) + (value > 99 ? 1 : 0));  // most numbers are short
     const auto guess = static_cast<size_t>(std::bit_width(static_cast<Value>(value | 1))) * 1233 >> 12;
     if constexpr (sizeof(Value) > sizeof(uint32_t)) {
         return guess + (value >= powersOfTen64[guess] ? 1 : 0);
