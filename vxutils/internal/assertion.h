@@ -4,8 +4,8 @@
 
 #include <cassert>  // declares __assert_fail unless NDEBUG is set
 
-extern "C" [[noreturn]] void __assert_fail(const char *expression, const char *file, unsigned int line,
-                                           const char *function) noexcept;
+extern "C" __attribute__((noreturn)) void __assert_fail(const char *expression, const char *file, unsigned int line,
+                                                        const char *function) noexcept;
 
 namespace vx {
 
