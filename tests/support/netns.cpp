@@ -11,6 +11,7 @@
 #include <sched.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <array>
@@ -27,11 +28,18 @@ namespace vxtest {
 namespace {
 
 constexpr size_t ethernetHeader = 14;
+// The wires make their system calls themselves: calls of the C library may be hooked by the test (intercept.h), and
+// wires are at work on other threads meanwhile.
 
 [[noreturn]] void fail(const std::string &what) { throw std::runtime_error(what + ": " + std::strerror(errno)); }
 
 bool isIcmp(const Frame &frame) {
     return frame.bytes.size() >= 34 && frame.bytes[12] == 0x08 && frame.bytes[13] == 0 && frame.bytes[23] == 1;
+}
+
+bool isEchoRequest(const Frame &frame) {
+    const size_t message = ethernetHeader + static_cast<size_t>(frame.bytes[ethernetHeader] & 0x0F) * 4;
+    return frame.bytes.size() >= message + 8 && frame.bytes[message] == 8;
 }
 
 }  // namespace
@@ -139,8 +147,8 @@ std::optional<Frame> Wire::nextOfAll(int timeout_ms) {
     Frame frame{std::vector<uint8_t>(65536), 0};
     sockaddr_ll from{};
     socklen_t length = sizeof from;
-    const ssize_t got = ::recvfrom(socket_, frame.bytes.data(), frame.bytes.size(), MSG_DONTWAIT,
-                                   reinterpret_cast<sockaddr *>(&from), &length);
+    const long got =
+        ::syscall(SYS_recvfrom, socket_, frame.bytes.data(), frame.bytes.size(), MSG_DONTWAIT, &from, &length);
     if (got == -1) return std::nullopt;
     frame.bytes.resize(static_cast<size_t>(got));
     frame.direction = from.sll_pkttype;
@@ -174,8 +182,8 @@ void Wire::send(const std::vector<uint8_t> &frame) const {
     address.sll_protocol = htons(ETH_P_IP);
     address.sll_ifindex = static_cast<int>(index_);
     address.sll_halen = ETH_ALEN;
-    for (int tries = 0; ::sendto(socket_, frame.data(), frame.size(), 0, reinterpret_cast<sockaddr *>(&address),
-                                 sizeof address) == -1;) {
+    for (int tries = 0;
+         ::syscall(SYS_sendto, socket_, frame.data(), frame.size(), 0, &address, sizeof address) == -1;) {
         if (errno != ENOBUFS || ++tries == 1000) fail("send frame");
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
@@ -185,7 +193,7 @@ Responder::Responder(const std::string &interface, Answer answer)
     : wire_(interface), answer_(std::move(answer)), thread_([this] {
           while (!stop_) {
               const auto frame = wire_.nextIcmp(20);
-              if (!frame.has_value()) continue;
+              if (!frame.has_value() || !isEchoRequest(*frame)) continue;
               ++seen_;
               for (const auto &reply : answer_(frame->bytes)) wire_.send(reply);
           }

@@ -75,7 +75,7 @@ private:
 // Answers the echoes that arrive on a wire, on a thread of its own, in whatever way the test wants.
 class Responder {
 public:
-    // For each ICMP frame: the frames to send back. Runs in the namespace that the constructor runs in.
+    // For each echo request: the frames to send back. Runs in the namespace that the constructor runs in.
     using Answer = std::function<std::vector<std::vector<uint8_t>>(const std::vector<uint8_t> &frame)>;
     Responder(const std::string &interface, Answer answer);
     ~Responder();

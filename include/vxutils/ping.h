@@ -1,0 +1,85 @@
+/* SPDX-License-Identifier: MIT */
+/**
+ * @file
+ * One ICMP echo on a named interface, and the wait for its reply: the connectivity test of WAN links.
+ *
+ * @code
+ * struct timespec round_trip;
+ * if (__rawping("wan0", "198.51.100.9", "192.0.2.1", NULL, NULL, 1000, -1, &round_trip, NULL) == 0)
+ *     printf("%ld us\n", (long)(round_trip.tv_nsec / 1000));
+ * @endcode
+ *
+ * - icmpping() sends a plain echo through a raw ICMP socket.
+ * - rawping() and __rawping() send at IP level, or as a whole Ethernet frame to a gateway's hardware address, which
+ *   reaches a target outside the interface's subnet without any route to it.
+ *
+ * All of them need the raw-socket capability. They block: replies are looked for at once and then every 300 ms, until
+ * the time-out and 300 ms more are used up or 1024 packets were looked at. An interface name is used up to its 15th
+ * character. Hosts are dotted quads or names (first IPv4 address); resolving a name may take longer than the time-out.
+ * Any number of threads may ping at once; only the addresses in their debug messages can get mixed up then. A signal
+ * handler that runs meanwhile shortens nothing. Errors go to the system log at @c LOG_ERR, the course of events at
+ * @c LOG_DEBUG.
+ */
+#ifndef VXUTILS_PING_H
+#define VXUTILS_PING_H
+
+#include <stdint.h>
+#include <vxutils/api.h>
+#include <vxutils/time64.h>
+
+VXUTILS_BEGIN_DECLS
+
+/* Defined by <time.h>; named here for strict C99, where that header leaves it out. */
+struct timespec;
+
+/**
+ * Plain echo: an ICMP message of 64 bytes with identifier 0 and sequence number 1, on a raw ICMP socket bound to the
+ * interface. RFC 792.
+ *
+ * @param interface  interface to send and receive on.
+ * @param target     host to ping.
+ * @param timeout_ms milliseconds to wait for the reply; below 500 it is 500, above 10000 it is 10000.
+ * @return 0 when the reply came; -1 when it did not, a text is null or empty, the target has no address or a socket
+ *         call failed.
+ */
+VXUTILS_API int icmpping(const char *interface, const char *target, unsigned int timeout_ms);
+
+/** __rawping() with neither source nor netmask, 48 bytes, no round-trip time and no mark. */
+VXUTILS_API int rawping(const char *interface, const char *target, const char *gateway, unsigned int timeout_ms);
+
+/**
+ * Echo at link level through a gateway, or else at IP level.
+ *
+ * The link level is used when a gateway is given, the target lies outside the interface's subnet, the interface is not
+ * point-to-point (neither @c IFF_POINTOPOINT nor @c IFF_NOARP), and the gateway's hardware address is known: its text
+ * must stand in the first column of "/proc/net/arp". Where it does not, one echo to the gateway makes the kernel look
+ * it up; failing that, too, the echo to the target goes out at IP level.
+ *
+ * The IP-level packet is written by the caller's side (@c IP_HDRINCL) and is sent on the interface whatever the routes
+ * say.
+ *
+ * @param interface   interface to send and receive on.
+ * @param target      host to ping.
+ * @param gateway     host to go through; null or empty for none.
+ * @param source      source address to use, a dotted quad; null for the interface's own.
+ * @param netmask     netmask of the subnet, a dotted quad; null for the interface's own. Given together with @p source
+ * or not at all.
+ * @param timeout_ms  milliseconds to wait for each reply; below 500 it is 500, above 10000 it is 10000. The echo to the
+ *                    gateway has its own wait.
+ * @param buffer_size bytes of the frame or packet; below 48 it is 48, above 1450 it is 1450. A frame's size includes
+ * the 14 bytes of its Ethernet header.
+ * @param round_trip  receives the time from sending the echo to the arrival of the last packet that was received, also
+ *                    when no reply came (it then means nothing); untouched when nothing could be tried. Null for none.
+ * @param mark        firewall mark (@c SO_MARK) of the link-level frame, 0 included; null for none. IP-level echoes are
+ *                    never marked.
+ * @return 0 when the reply came, -1 otherwise.
+ *
+ * An invalid @p source or @p netmask text leaves one socket open.
+ */
+VXUTILS_API int __rawping(const char *interface, const char *target, const char *gateway, const char *source,
+                          const char *netmask, unsigned int timeout_ms, int buffer_size, struct timespec *round_trip,
+                          const uint32_t *mark);
+
+VXUTILS_END_DECLS
+
+#endif

@@ -1,0 +1,70 @@
+/* SPDX-License-Identifier: MIT */
+/**
+ * @file
+ * @c PingClient: one ICMP echo from a chosen source address, its reply polled for without blocking.
+ *
+ * @code
+ * PingClient client;
+ * if (client.sendSimplePing("192.0.2.10", "198.51.100.9") == 0) {
+ *     while (client.checkPingResponse() == 2 && !tooLate()) doSomethingElse();
+ * }
+ * @endcode
+ *
+ * The routes decide about the interface; resolving a destination's name may block. Needs the raw-socket capability.
+ * Use an object from one thread at a time; several objects do not disturb each other. Identifier and sequence number
+ * begin with rand(): seed it, or two processes may take each other's replies for their own. Nothing is logged.
+ */
+#ifndef VXUTILS_PINGCLIENT_H
+#define VXUTILS_PINGCLIENT_H
+
+#include <vxutils/api.h>
+#include <vxutils/vxstring.h>
+
+/** Sends one echo at a time and looks for its reply. */
+class VXUTILS_API PingClient {
+public:
+    PingClient();
+    PingClient(const PingClient &) = delete;
+    PingClient &operator=(const PingClient &) = delete;
+
+    /** cleanup() */
+    virtual ~PingClient();
+
+    /**
+     * Closes the socket of an earlier echo and sends a new one: 28 bytes, with the next sequence number.
+     *
+     * @param source      source address, a dotted quad; "0.0.0.0" leaves the choice to the kernel.
+     * @param destination host to ping, a dotted quad or a name (first IPv4 address).
+     * @return 0 when the packet went out, else 1; the socket, once open, stays open until cleanup().
+     */
+    virtual int sendSimplePing(const String &source, const String &destination);
+
+    /**
+     * Looks through the ICMP packets that have come in since the last look. A packet counts as the reply when it
+     * carries the echo's identifier and sequence number; its type is not looked at, so that the echo itself counts
+     * where it can be seen, on the loopback interface.
+     *
+     * @return 0 when the reply was there, 2 when there is nothing (more) to read, 3 on a receive error, also when no
+     * echo was sent.
+     */
+    virtual int checkPingResponse();
+
+    /** Closes the socket, if open. */
+    virtual void cleanup();
+
+    /**
+     * Internet checksum (RFC 1071), in the byte order of the data.
+     *
+     * @param data   bytes to sum up; an odd last byte is added as it stands.
+     * @param length number of bytes; 0 or less sums up nothing.
+     * @return the complement of the sum.
+     */
+    virtual unsigned short checksum(unsigned short *data, int length) const;
+
+private:
+    int socket_;
+    unsigned short identifier_;
+    unsigned short sequence_;
+};
+
+#endif
