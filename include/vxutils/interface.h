@@ -1,0 +1,77 @@
+/* SPDX-License-Identifier: MIT */
+/**
+ * @file
+ * Network interfaces as users see them: display names, WAN links, bridge members.
+ *
+ * @code
+ * char members[256];
+ * printf("%s is up\n", interfaceize("eth0"));           // "ETH1 is up"
+ * if (bridge_members("br0", members, sizeof members) > 0) printf("bridged: %s\n", members);
+ * @endcode
+ *
+ * WAN links are read from the status tree, which the link manager keeps; bridges from the output of "/usr/sbin/brctl".
+ * Nothing is logged. What the display names are used for is the daemons' business: the mapping is fixed.
+ */
+#ifndef VXUTILS_INTERFACE_H
+#define VXUTILS_INTERFACE_H
+
+#include <stddef.h>
+#include <vxutils/api.h>
+
+VXUTILS_BEGIN_DECLS
+
+/**
+ * Name shown to users for a kernel interface.
+ *
+ * The kernel's name is a prefix, a number n and, behind a '-', a sub-number s. Numbers are decimal and of at most six
+ * digits, the prefix of at most 14 characters; characters beyond that, and any behind the number, are ignored.
+ *
+ * | kernel's name                     | shown                                        | example               |
+ * |-----------------------------------|----------------------------------------------|-----------------------|
+ * | no number                         | prefix                                       | lo: LO                |
+ * | ppp, n from 10 to 19              | SERIAL, n - 9                                | ppp10: SERIAL1        |
+ * | ppp, any other n                  | PPP, n + 1                                   | ppp25: PPP26          |
+ * | ppp, name of 20 to 29 characters  | PPPOE, n - 19 (unless SERIAL)                |                       |
+ * | gretun                            | GRE, n + 1                                   | gretun0: GRE1         |
+ * | no sub-number                     | prefix, n + 1                                | eth0: ETH1            |
+ * | wlan... with sub-number           | prefix, s + 1; with a second WLAN module prefix, n + 1, '-', s | wlan0-0: WLAN1
+ * | | any other with sub-number         | prefix, n + 1, '-', s + 1                    | br0-1: BR1-2          |
+ *
+ * For WLAN the number behind the name is one higher when "/tmp/status/wlan/status-wlan<n>" begins with "dualmode" or
+ * "mesh-ap"; a second module is fitted when "/proc/sysinfo/wlan1/type" is not empty. Letters are shown in upper case.
+ *
+ * @param name kernel's interface name, of any length.
+ * @return at most 15 characters in a static buffer that the next call overwrites (not for several threads at once); a
+ *         constant empty text for a null or empty name. Never null.
+ */
+VXUTILS_API const char *interfaceize(const char *name);
+
+/** Is a WAN link up? @return 1 when "/tmp/status/link-manager/hotlink" is readable, else 0. */
+VXUTILS_API int wanlink_is_up(void);
+
+/**
+ * Counts the enabled WAN links: entries of "/tmp/status/link-manager" whose name begins with "wanlink" and whose file
+ * "state" holds a text that does not begin with "disabled".
+ *
+ * @return their number; 0 when the directory is missing.
+ */
+VXUTILS_API int wanlink_count(void);
+
+/**
+ * Lists the members of a bridge, each followed by one blank, as "/usr/sbin/brctl show" names them. Members of bridges
+ * that the tool lists behind the wanted one are appended as well, except the first of each.
+ *
+ * @param bridge bridge's interface name.
+ * @param buffer receives the list; emptied first. At most @p size - 2 characters and the terminator are written.
+ * @param size   bytes of @p buffer.
+ * @return number of characters of the whole list, also of what did not fit; 0 when the bridge is unknown, has no
+ * members or the tool is missing or fails; -1 when @p bridge is null or empty, @p buffer null, @p size 0 or no process
+ *         could be started.
+ *
+ * Runs a shell and waits for it.
+ */
+VXUTILS_API int bridge_members(const char *bridge, char *buffer, size_t size);
+
+VXUTILS_END_DECLS
+
+#endif
