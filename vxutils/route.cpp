@@ -8,6 +8,7 @@
 #include <sys/socket.h>
 
 #include <cerrno>
+#include <cstddef>
 #include <ctime>
 #include <memory>
 #include <new>
@@ -65,12 +66,13 @@ int failQuery() {
 
 // Takes the address over by way of its text, so that what is logged is what is asked for.
 bool takeAddress(RouteQuery &query, const addrinfo &target) {
-    const void *address = nullptr;
+    const auto *record = reinterpret_cast<const uint8_t *>(target.ai_addr);  // of any alignment
+    const uint8_t *address = nullptr;
     if (target.ai_family == AF_INET) {
-        address = &reinterpret_cast<const sockaddr_in *>(target.ai_addr)->sin_addr;
+        address = record + offsetof(sockaddr_in, sin_addr);
         query.addressLength = sizeof(in_addr);
     } else if (target.ai_family == AF_INET6) {
-        address = &reinterpret_cast<const sockaddr_in6 *>(target.ai_addr)->sin6_addr;
+        address = record + offsetof(sockaddr_in6, sin6_addr);
         query.addressLength = sizeof(in6_addr);
     } else {
         return false;
