@@ -11,6 +11,7 @@ int main(int argc, char **argv) {
         fprintf(stderr, "usage: %s PATH NAME\n", argv[0]);
         return 1;
     }
+    setvbuf(stdout, nullptr, _IOLBF, 0);
     CDynamicModule plugin(argv[1]);
     if (plugin.load(argv[2]) == -1) {
         const char *reason = plugin.lastError();

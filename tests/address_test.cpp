@@ -11,6 +11,12 @@
 
 namespace {
 
+// Bytes seen as a record; what they are aligned to is the test's business.
+template <typename Type>
+Type *as(void *bytes) {
+    return static_cast<Type *>(bytes);
+}
+
 // A record with room for either family, every byte that nobody wrote set to 0xA5.
 class Record {
 public:
@@ -41,7 +47,7 @@ private:
 class ShortRecord {
 public:
     ShortRecord(size_t size, const Record &content) : buffer_(size) { memcpy(buffer_.data(), content.get(), size); }
-    sockaddr *get() { return reinterpret_cast<sockaddr *>(buffer_.data()); }
+    sockaddr *get() { return as<sockaddr>(buffer_.data()); }
 
 private:
     vxtest::GuardedBuffer buffer_;
@@ -73,7 +79,7 @@ TEST(AddrDiffers, ComparesEachWordOfIpv6Addresses) {
 TEST(AddrDiffers, LooksAtNothingButFamilyAndAddress) {
     Record a("10.0.0.1");
     Record b("10.0.0.1");
-    reinterpret_cast<sockaddr_in *>(b.get())->sin_port = 80;
+    as<sockaddr_in>(b.get())->sin_port = 80;
     EXPECT_EQ(addr_differs(a, b), 0);
     Record c("fe80::1");
     Record d("fe80::1");
@@ -145,7 +151,7 @@ TEST(RouteDiffers, NeverReadsPastItsRecord) {
     vxtest::GuardedBuffer b(sizeof route);
     memcpy(a.data(), &route, sizeof route);
     memcpy(b.data(), &route, sizeof route);
-    EXPECT_EQ(route_differs(reinterpret_cast<route_record *>(a.data()), reinterpret_cast<route_record *>(b.data())), 0);
+    EXPECT_EQ(route_differs(as<route_record>(a.data()), as<route_record>(b.data())), 0);
 }
 
 TEST(RouteDiffers, NullDiffersFromARecordAndEqualsNull) {
@@ -163,7 +169,7 @@ TEST(Addr2Str, PrintsEveryOctetAsTheSystemDoes) {
     for (uint32_t octet = 0; octet < 256; ++octet) {
         for (unsigned int shift = 0; shift < 32; shift += 8) {
             Record record("1.22.3.44");
-            auto &address = reinterpret_cast<sockaddr_in *>(record.get())->sin_addr;
+            auto &address = as<sockaddr_in>(record.get())->sin_addr;
             address.s_addr = htonl((ntohl(address.s_addr) & ~(0xFFU << shift)) | octet << shift);
             char expected[INET_ADDRSTRLEN];
             inet_ntop(AF_INET, &address, expected, sizeof expected);
@@ -278,7 +284,7 @@ TEST(Str2Addr4, TakesExactlyWhatTheSystemTakes) {
         Record record;
         EXPECT_EQ(str2addr4(text, record.get()), valid ? 0 : -1) << text;
         EXPECT_EQ(record.family(), AF_INET) << text;
-        EXPECT_EQ(reinterpret_cast<sockaddr_in *>(record.get())->sin_addr.s_addr, expected.s_addr) << text;
+        EXPECT_EQ(as<sockaddr_in>(record.get())->sin_addr.s_addr, expected.s_addr) << text;
     }
 }
 
@@ -355,7 +361,7 @@ TEST(Str2Addr, OfNullFailsAndStoresNothing) {
 
 TEST(Str2Addr, FillsAnIpv4RecordThatIsNoLongerAndNotAligned) {
     vxtest::GuardedBuffer buffer(9);
-    auto *odd = reinterpret_cast<sockaddr *>(buffer.data() + 1);
+    auto *odd = as<sockaddr>(buffer.data() + 1);
     ASSERT_EQ(str2addr("9.8.7.6", odd), 0);
     char text[16];
     EXPECT_STREQ(addr2str(text, odd), "9.8.7.6");

@@ -51,7 +51,8 @@ std::string callerBelow(const std::vector<const char *> &names, size_t size = 10
     return {text, got > 0 ? static_cast<size_t>(got) : 0};
 }
 
-// Runs `body` in a child whose /proc holds nothing but these files.
+// Runs `body` in a child whose /proc holds nothing but these files. Made-up processes have numbers that no real one
+// has: an emulator answers itself for its own.
 int withProc(const std::vector<std::pair<std::string, std::string>> &files, const std::function<int()> &body) {
     return vxtest::inChild([&] {
         if (::unshare(CLONE_NEWNS) == -1) return 101;
@@ -113,25 +114,25 @@ TEST(GetParentPid, IsShiftedByABlankInTheProgramsName) {
 }
 
 TEST(GetParentPid, TakesOddStatusLinesAsTheyAre) {
-    EXPECT_EQ(withProc({{"5/stat", "5 (x) S 815 4\n"},
-                        {"6/stat", "6 (x) S"},
-                        {"7/stat", ""},
-                        {"8/stat", "8  (x)   S   42\n"},
-                        {"9/stat", "9 (x) S\n12 13 14\n"},
-                        {"10/stat", "1 2 3 99999999999999999999"},
-                        {"11/stat", std::string(253, '1') + " 2 3 4"},
-                        {"12/stat", "1 2 3 " + std::string(300, '0') + "7"},
-                        {"13/stat", "1 2 " + std::string(248, '3') + " 456"}},
+    EXPECT_EQ(withProc({{"700005/stat", "5 (x) S 815 4\n"},
+                        {"700006/stat", "6 (x) S"},
+                        {"700007/stat", ""},
+                        {"700008/stat", "8  (x)   S   42\n"},
+                        {"700009/stat", "9 (x) S\n12 13 14\n"},
+                        {"700010/stat", "1 2 3 99999999999999999999"},
+                        {"700011/stat", std::string(253, '1') + " 2 3 4"},
+                        {"700012/stat", "1 2 3 " + std::string(300, '0') + "7"},
+                        {"700013/stat", "1 2 " + std::string(248, '3') + " 456"}},
                        [] {
-                           EXPECT_EQ(get_parent_pid(5), 815);
-                           EXPECT_EQ(get_parent_pid(6), -1);
-                           EXPECT_EQ(get_parent_pid(7), -1);
-                           EXPECT_EQ(get_parent_pid(8), 42);
-                           EXPECT_EQ(get_parent_pid(9), -1);   // only the first line counts
-                           EXPECT_EQ(get_parent_pid(10), 0);   // no number that a process could have
-                           EXPECT_EQ(get_parent_pid(11), -1);  // only 254 characters of it do
-                           EXPECT_EQ(get_parent_pid(12), 0);
-                           EXPECT_EQ(get_parent_pid(13), 4);
+                           EXPECT_EQ(get_parent_pid(700005), 815);
+                           EXPECT_EQ(get_parent_pid(700006), -1);
+                           EXPECT_EQ(get_parent_pid(700007), -1);
+                           EXPECT_EQ(get_parent_pid(700008), 42);
+                           EXPECT_EQ(get_parent_pid(700009), -1);  // only the first line counts
+                           EXPECT_EQ(get_parent_pid(700010), 0);   // no number that a process could have
+                           EXPECT_EQ(get_parent_pid(700011), -1);  // only 254 characters of it do
+                           EXPECT_EQ(get_parent_pid(700012), 0);
+                           EXPECT_EQ(get_parent_pid(700013), 4);
                            return testing::Test::HasFailure() ? 1 : 0;
                        }),
               0);
@@ -288,33 +289,33 @@ TEST(ProcName, IsEmptyForNoProcessAndForZombies) {
 }
 
 TEST(ProcName, LeavesOutALeadingSh) {
-    EXPECT_EQ(withProc({{"5/cmdline", std::string("sh\0-c\0true\0", 11)},
-                        {"6/cmdline", std::string("shutdown\0now\0", 13)},
-                        {"7/cmdline", std::string("/bin/sh\0-c\0", 11)},
-                        {"8/cmdline", "s"}},
+    EXPECT_EQ(withProc({{"700005/cmdline", std::string("sh\0-c\0true\0", 11)},
+                        {"700006/cmdline", std::string("shutdown\0now\0", 13)},
+                        {"700007/cmdline", std::string("/bin/sh\0-c\0", 11)},
+                        {"700008/cmdline", "s"}},
                        [] {
-                           EXPECT_STREQ(procname(5), "");
-                           EXPECT_STREQ(procname(5) + 1, "-c");  // the buffer goes on behind the two letters
-                           EXPECT_STREQ(procname(6), "utdown");
-                           EXPECT_STREQ(procname(7), "/bin/sh");
-                           EXPECT_STREQ(procname(8), "s");
+                           EXPECT_STREQ(procname(700005), "");
+                           EXPECT_STREQ(procname(700005) + 1, "-c");  // the buffer goes on behind the two letters
+                           EXPECT_STREQ(procname(700006), "utdown");
+                           EXPECT_STREQ(procname(700007), "/bin/sh");
+                           EXPECT_STREQ(procname(700008), "s");
                            return testing::Test::HasFailure() ? 1 : 0;
                        }),
               0);
 }
 
 TEST(ProcName, ReadsAtMost255BytesIntoAClearedBuffer) {
-    EXPECT_EQ(withProc({{"5/cmdline", std::string(255, 'a')},
-                        {"6/cmdline", std::string(256, 'b')},
-                        {"7/cmdline", std::string(100000, 'c')},
-                        {"8/cmdline", "d"}},
+    EXPECT_EQ(withProc({{"700005/cmdline", std::string(255, 'a')},
+                        {"700006/cmdline", std::string(256, 'b')},
+                        {"700007/cmdline", std::string(100000, 'c')},
+                        {"700008/cmdline", "d"}},
                        [] {
-                           EXPECT_EQ(procname(5), std::string(255, 'a'));
-                           EXPECT_EQ(procname(6), std::string(255, 'b'));
-                           EXPECT_EQ(procname(7), std::string(255, 'c'));
-                           const char *name = procname(8);
+                           EXPECT_EQ(procname(700005), std::string(255, 'a'));
+                           EXPECT_EQ(procname(700006), std::string(255, 'b'));
+                           EXPECT_EQ(procname(700007), std::string(255, 'c'));
+                           const char *name = procname(700008);
                            EXPECT_EQ(std::string(name, 256), "d" + std::string(255, '\0'));
-                           EXPECT_STREQ(procname(9), "");
+                           EXPECT_STREQ(procname(700009), "");
                            EXPECT_STREQ(name, "d");  // a failure leaves the result before alone
                            return testing::Test::HasFailure() ? 1 : 0;
                        }),

@@ -44,7 +44,8 @@ std::vector<std::string> namesOf(const ProcessControl &control) {
     return names;
 }
 
-// A process of /proc made by a test: a directory with the command line in it.
+// A process of /proc made by a test: a directory with the command line in it. It has a number that no real process has:
+// an emulator answers itself for its own.
 void addProcess(int pid, const std::string &commandLine) {
     vxtest::writeFile("/proc/" + std::to_string(pid) + "/cmdline", commandLine);
 }
@@ -201,9 +202,9 @@ TEST(ProcessControl, AnIncrementalRefreshKeepsTheEntriesOfLivingProcesses) {
 TEST(ProcessControl, AnIncrementalRefreshDoesNotReadNamesAgain) {
     withEmptyProc([] {
         ProcessControl control;
-        addProcess(5, std::string("old\0", 4));
+        addProcess(700005, std::string("old\0", 4));
         control.refresh(false);
-        addProcess(5, std::string("new\0", 4));
+        addProcess(700005, std::string("new\0", 4));
         control.refresh(true);
         EXPECT_THAT(namesOf(control), ElementsAre("old"));
         control.refresh(false);
@@ -225,12 +226,12 @@ TEST(ProcessControl, NamesAreCommandLinesWithBlanks) {
         {std::string(256, 'x'), std::string(255, 'x')},
         {std::string(254, 'x') + std::string("\0yz", 3), std::string(254, 'x')},
         {std::string(10000, 'x'), std::string(255, 'x')},
-        {"", "[5]"},
+        {"", "[700005]"},
     };
     for (const auto &line : lines) {
         withEmptyProc([&] {
             ProcessControl control;
-            addProcess(5, line.first);
+            addProcess(700005, line.first);
             control.refresh(false);
             EXPECT_THAT(namesOf(control), ElementsAre(line.second));
             EXPECT_EQ(control.getNumberOfProcesses(), line.first.empty() ? 0 : 1);
@@ -240,17 +241,17 @@ TEST(ProcessControl, NamesAreCommandLinesWithBlanks) {
 
 TEST(ProcessControl, TakesDirectoriesWithNumericNamesOnly) {
     withEmptyProc([] {
-        for (const char *name : {"self", "5a", "-5", "0x5", " 5", "5 "}) {
+        for (const char *name : {"self", "700005a", "-700005", "0x700005", " 700005", "700005 "}) {
             vxtest::writeFile("/proc/" + std::string(name) + "/cmdline", "no");
         }
-        vxtest::writeFile("/proc/77", "a file");
-        addProcess(6, "yes");
-        EXPECT_EQ(::symlink("6", "/proc/78"), 0);
-        EXPECT_EQ(::mkdir("/proc/79", 0755), 0);  // without command line file: as a process that has just ended
+        vxtest::writeFile("/proc/700077", "a file");
+        addProcess(700006, "yes");
+        EXPECT_EQ(::symlink("700006", "/proc/700078"), 0);
+        EXPECT_EQ(::mkdir("/proc/700079", 0755), 0);  // without command line file: as a process that has just ended
         vxtest::writeFile("/proc/99999999999999999999/cmdline", "no such number");
         ProcessControl control;
         control.refresh(false);
-        EXPECT_THAT(pidsOf(control), ElementsAre(6));
+        EXPECT_THAT(pidsOf(control), ElementsAre(700006));
         EXPECT_THAT(namesOf(control), ElementsAre("yes"));
         EXPECT_EQ(control.getNumberOfProcesses(), 1);
     });
@@ -258,15 +259,13 @@ TEST(ProcessControl, TakesDirectoriesWithNumericNamesOnly) {
 
 TEST(ProcessControl, ReadsTheProcessOfTheNumberWhateverTheDirectoryIsCalled) {
     withEmptyProc([] {
-        vxtest::writeFile("/proc/007/cmdline", "of the padded one");
+        vxtest::writeFile("/proc/0700007/cmdline", "of the padded one");
         ProcessControl control;
         control.refresh(false);
         EXPECT_THAT(pidsOf(control), IsEmpty());
-        addProcess(7, "");
-        std::filesystem::remove_all("/proc/7/cmdline");
-        vxtest::writeFile("/proc/7/cmdline", "");
+        addProcess(700007, "");
         control.refresh(false);
-        EXPECT_THAT(namesOf(control), UnorderedElementsAre("[7]", "[007]"));
+        EXPECT_THAT(namesOf(control), UnorderedElementsAre("[700007]", "[0700007]"));
     });
 }
 
@@ -278,7 +277,7 @@ TEST(ProcessControl, FollowsProcessesThatComeAndGoInAnyOrder) {
         for (int round = 0; round < 40; ++round) {
             for (int i = 0; i < 30; ++i) {
                 random = random * 1103515245 + 12345;
-                const int pid = static_cast<int>(random >> 16) % 200 + 1;
+                const int pid = static_cast<int>(random >> 16) % 200 + 700001;
                 const auto found = std::find(alive.begin(), alive.end(), pid);
                 if (found == alive.end()) {
                     addProcess(pid, "p" + std::to_string(pid));

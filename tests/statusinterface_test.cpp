@@ -486,7 +486,8 @@ TEST_F(StatusFifo, TakesWholeMessagesOfManyProcesses) {
         children.push_back(vxtest::startChild([&] {
             const int fd = ::open((directory_ + "/rx").c_str(), O_WRONLY);
             for (int i = 0; i < messages; ++i) {
-                const std::string message = std::string(60, static_cast<char>('a' + writer)) + "\n";
+                std::string message(61, static_cast<char>('a' + writer));
+                message.back() = '\n';
                 if (::write(fd, message.data(), message.size()) != 61) return 1;
             }
             return 0;
@@ -501,7 +502,8 @@ TEST_F(StatusFifo, TakesWholeMessagesOfManyProcesses) {
     const std::string text = recorder_.text();
     for (size_t at = 0; at < text.size(); at += 61) {
         const char letter = text[at];
-        ASSERT_EQ(text.substr(at, 61), std::string(60, letter) + "\n");
+        ASSERT_EQ(text.substr(at, 60), std::string(60, letter));
+        ASSERT_EQ(text[at + 60], '\n');
         ++count.at(static_cast<size_t>(letter - 'a'));
     }
     for (const int each : count) EXPECT_EQ(each, messages);
