@@ -98,7 +98,7 @@ void bindDevice(const std::string &name) {
 void makeDev() {
     const std::string dev = newRoot + "/dev";
     mountTmpfs(dev, "mode=0755");
-    for (const char *name : {"null", "zero", "full", "random", "urandom", "tty", "net/tun", "loop-control"})
+    for (const char *name : {"null", "zero", "full", "random", "urandom", "tty", "net/tun", "loop-control", "fuse"})
         bindDevice(name);
     for (int i = 0; i < 8; ++i) bindDevice("loop" + std::to_string(i));
     mountTmpfs(dev + "/shm", "mode=1777");

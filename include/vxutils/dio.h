@@ -1,0 +1,126 @@
+/* SPDX-License-Identifier: MIT */
+/**
+ * @file
+ * The board's digital inputs and outputs, one line at a time, through the board driver's files below
+ * "/sys/devices/vantorix/": inputs "din1", "din2", ... are read, outputs "dout1", ... are written and read back, and
+ * inputs can count pulses ("frequency"). dio_status.h takes all lines at once.
+ *
+ * @code
+ * unsigned char on;
+ * if (dio_roValue(1, &on) == DIO_OK && on) dio_setValue(2, 1);   // input 1 drives output 2
+ * @endcode
+ *
+ * **Lines** are numbered from 1 to 99; other numbers are logged ("DIO number out of range (%u > %u)", LOG_WARNING)
+ * and give DIO_RANGE. **Results** are the codes below. What the system refuses is logged (LOG_ERR) with strerror()
+ * text. Outputs are written only where the description of the result says so, otherwise on DIO_OK alone; a failed close
+ * is logged and changes no result. No call blocks beyond the driver's own time.
+ *
+ * **Threads.** The single-line functions may be used by any thread. The two line counters are process-wide and
+ * unprotected: counts that run at the same time write the same values. **fork**, **signals**: nothing is kept open.
+ */
+#ifndef VXUTILS_DIO_H
+#define VXUTILS_DIO_H
+
+#include <stdint.h>
+#include <vxutils/api.h>
+
+VXUTILS_BEGIN_DECLS
+
+/** Results of the digital I/O functions. */
+enum {
+    DIO_OK = 0,       /**< success */
+    DIO_RANGE = 1,    /**< line number outside 1 to 99 */
+    DIO_MISSING = 2,  /**< the line has no such file */
+    DIO_LEXICAL = 3,  /**< the file's content is not as expected */
+    DIO_INACTIVE = 4, /**< pulse counting is not running, or was not when it was to be stopped */
+    DIO_ACTIVE = 5,   /**< pulse counting was already running when it was to be started */
+    DIO_SYSTEM = 6    /**< any other error of the system; also a null output, with errno EINVAL */
+};
+
+/** Content of an input's "frequency" file; what the numbers mean is the board driver's. */
+struct dio_frequency_record {
+    uint32_t number; /**< third number of the file */
+    int64_t first;   /**< first number */
+    int64_t second;  /**< second number; this and the first are 0 while no measurement runs */
+};
+typedef struct dio_frequency_record dio_frequency_record; /**< the record's short name */
+
+/**
+ * Counts all lines: readable directories "din" and "dout" followed by one or two digits.
+ *
+ * A missing tree counts as 0. A tree that cannot be read is logged ("Can't scandir(/sys/devices/vantorix/) - (%s)") and
+ * leaves the number of the last count; errno is left alone then.
+ *
+ * @param n  receives inputs + outputs; NULL gives DIO_SYSTEM
+ * @return DIO_OK or DIO_SYSTEM
+ */
+VXUTILS_API int dio_count(unsigned int *n);
+
+/**
+ * Counts the inputs, as dio_count() does.
+ * @param n  receives their number; NULL gives DIO_SYSTEM
+ * @return DIO_OK or DIO_SYSTEM
+ */
+VXUTILS_API int dio_roCount(unsigned int *n);
+
+/**
+ * Counts the outputs, as dio_count() does.
+ * @param n  receives their number; NULL gives DIO_SYSTEM
+ * @return DIO_OK or DIO_SYSTEM
+ */
+VXUTILS_API int dio_rwCount(unsigned int *n);
+
+/**
+ * Reads an input.
+ * @param dio  number of the input
+ * @param on   receives 0 or 1; NULL gives DIO_SYSTEM
+ * @return DIO_OK, DIO_RANGE, DIO_MISSING, DIO_LEXICAL (neither '0' nor '1') or DIO_SYSTEM (also for an empty file)
+ */
+VXUTILS_API int dio_roValue(unsigned int dio, unsigned char *on);
+
+/**
+ * Reads an output back.
+ * @param dio  number of the output
+ * @param on   receives 0 or 1; NULL gives DIO_SYSTEM
+ * @return as dio_roValue()
+ */
+VXUTILS_API int dio_rwValue(int dio, unsigned char *on);
+
+/**
+ * Sets an output: writes the one character '0' + @p value.
+ * @param dio    number of the output
+ * @param value  0 or 1; above 9 some other character is written
+ * @return DIO_OK, DIO_RANGE, DIO_MISSING or DIO_SYSTEM
+ */
+VXUTILS_API int dio_setValue(int dio, unsigned int value);
+
+/**
+ * Reads an input's pulse counter.
+ * @param dio     number of the input
+ * @param record  receives the numbers on DIO_OK; NULL gives DIO_SYSTEM
+ * @return DIO_OK; DIO_INACTIVE when the first two numbers are 0; DIO_LEXICAL for fewer than three numbers; DIO_RANGE,
+ *         DIO_MISSING; DIO_SYSTEM, also for a file without any number and no other text
+ */
+VXUTILS_API int dio_frequency(int dio, dio_frequency_record *record);
+
+/**
+ * Tells whether an input counts pulses, by a probe that the driver refuses (EEXIST) while it does. That refusal is
+ * logged like an error.
+ * @param dio     number of the input
+ * @param active  receives 0 or 1 on DIO_OK; NULL gives DIO_SYSTEM
+ * @return DIO_OK; DIO_INACTIVE when the driver refuses the probe for another reason; DIO_RANGE, DIO_MISSING, DIO_SYSTEM
+ */
+VXUTILS_API int dio_frequencyActive(int dio, unsigned char *active);
+
+/**
+ * Starts or stops an input's pulse counting.
+ * @param dio  number of the input
+ * @param on   0 stops, anything else starts
+ * @return DIO_OK; DIO_ACTIVE when it was to be started and ran; DIO_INACTIVE when it was to be stopped and did not run;
+ *         DIO_RANGE, DIO_MISSING, DIO_SYSTEM
+ */
+VXUTILS_API int dio_setFrequencyActive(int dio, unsigned int on);
+
+VXUTILS_END_DECLS
+
+#endif

@@ -1,0 +1,113 @@
+/* SPDX-License-Identifier: MIT */
+/**
+ * @file
+ * All digital inputs and outputs of the board in one record of bits: read or applied at once, and shared between
+ * daemons in its fixed layout. Built on dio.h, whose result codes it hands on.
+ *
+ * @code
+ * dio_status board;
+ * if (dio_getStatus(&board) == DIO_OK && dio_getInValueFromStatus(&board.in, 1)) {
+ *     dio_setOutValueInStatus(&board.out, 2, 1);
+ *     dio_setStatusOut(&board.out);
+ * }
+ * @endcode
+ *
+ * **Lines 97 to 99.** Numbers go up to 99, but a half holds 96 bits and its 16 bytes are shared with other programs.
+ * Such a line reads as 0 from a record and is not stored in it; it never touches the neighbouring half. Its single-line
+ * functions work.
+ *
+ * **Mistakes** of the calling program - a null record, a line the record does not have - are assertions: they name the
+ * source vxutils/dio_status and abort the process, in every build.
+ *
+ * **Threads.** A record is used by one thread at a time; see dio.h on the counters.
+ */
+#ifndef VXUTILS_DIO_STATUS_H
+#define VXUTILS_DIO_STATUS_H
+
+#include <stdint.h>
+#include <vxutils/api.h>
+
+VXUTILS_BEGIN_DECLS
+
+#define DIORONUMBER_MIN 1    /**< first input */
+#define DIORONUMBER_MAX 99   /**< last possible input */
+#define DIORWNUMBER_MIN 1    /**< first output */
+#define DIORWNUMBER_MAX 99   /**< last possible output */
+#define MAX_DIO_IN_COUNT 99  /**< most inputs of a record */
+#define MAX_DIO_OUT_COUNT 99 /**< most outputs of a record */
+
+/** The inputs or the outputs. */
+struct dio_status_half {
+    uint32_t count;   /**< number of lines */
+    uint8_t mask[12]; /**< line n is bit (n - 1) % 8 of byte (n - 1) / 8 */
+};
+typedef struct dio_status_half dio_status_half; /**< the record's short name */
+
+/** Inputs and outputs; the outputs begin 16 bytes after the start. */
+struct dio_status {
+    struct dio_status_half in;  /**< inputs */
+    struct dio_status_half out; /**< outputs */
+};
+typedef struct dio_status dio_status; /**< the record's short name */
+
+/**
+ * Reads all inputs, then all outputs.
+ * @param status  the record; must not be NULL
+ * @return DIO_OK, or the first other result; the outputs are not read when reading the inputs failed
+ */
+VXUTILS_API int dio_getStatus(dio_status *status);
+
+/**
+ * Counts and reads the inputs. Bits of lines that the board does not have are left alone.
+ * @param status  a record's half for inputs; must not be NULL
+ * @return DIO_OK, or the result of the first line that cannot be read; the lines before it are in the record then
+ */
+VXUTILS_API int dio_getStatusIn(dio_status_half *status);
+
+/**
+ * Counts and reads back the outputs, as dio_getStatusIn() does.
+ * @param status  a record's half for outputs; must not be NULL
+ * @return as dio_getStatusIn()
+ */
+VXUTILS_API int dio_getStatusOut(dio_status_half *status);
+
+/**
+ * Sets the outputs 1 to count as the record says.
+ * @param status  a record's half for outputs, count at most 99; must not be NULL
+ * @return DIO_OK, also for a count of 0; or the result of the first output that cannot be set, after which none is
+ */
+VXUTILS_API int dio_setStatusOut(dio_status_half *status);
+
+/**
+ * @param status  half for inputs; must not be NULL
+ * @param dio     number of the input, 1 to count and at most 99
+ * @return its bit, 0 or 1
+ */
+VXUTILS_API int dio_getInValueFromStatus(const dio_status_half *status, unsigned int dio);
+
+/**
+ * @param status  half for outputs; must not be NULL
+ * @param dio     number of the output, 1 to count and at most 99
+ * @return its bit, 0 or 1
+ */
+VXUTILS_API int dio_getOutValueFromStatus(const dio_status_half *status, unsigned int dio);
+
+/**
+ * Changes an input's bit in the record.
+ * @param status  half for inputs; must not be NULL
+ * @param dio     number of the input, 1 to count and at most 99
+ * @param value   0 clears, anything else sets
+ */
+VXUTILS_API void dio_setInValueInStatus(dio_status_half *status, unsigned int dio, unsigned int value);
+
+/**
+ * Changes an output's bit in the record; dio_setStatusOut() applies it.
+ * @param status  half for outputs; must not be NULL
+ * @param dio     number of the output, 1 to count and at most 99
+ * @param value   0 clears, anything else sets
+ */
+VXUTILS_API void dio_setOutValueInStatus(dio_status_half *status, unsigned int dio, unsigned int value);
+
+VXUTILS_END_DECLS
+
+#endif

@@ -1,0 +1,314 @@
+// SPDX-License-Identifier: MIT
+#include <vxutils/dio.h>
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <syslog.h>
+#include <unistd.h>
+#include <vxutils/dio_status.h>
+
+#include <array>
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <limits>
+#include <string_view>
+
+#include "vxutils/internal/assertion.h"
+#include "vxutils/internal/errno_keeper.h"
+#include "vxutils/internal/fd.h"
+#include "vxutils/internal/frequency.h"
+#include "vxutils/internal/handles.h"
+#include "vxutils/internal/log.h"
+#include "vxutils/internal/retry.h"
+
+namespace {
+
+constexpr const char *source = "vxutils/dio";
+constexpr const char *tree = "/sys/devices/vantorix/";
+constexpr const char *entryPath = "/sys/devices/vantorix//%s";
+constexpr size_t entryPathSize = 4096;
+
+constexpr std::string_view inputPrefix = "din";
+constexpr std::string_view outputPrefix = "dout";
+constexpr std::string_view valueFile = "/value";
+constexpr std::string_view frequencyFile = "/frequency";
+
+constexpr unsigned int firstLine = DIORONUMBER_MIN;
+constexpr unsigned int lastLine = DIORONUMBER_MAX;
+static_assert(firstLine == DIORWNUMBER_MIN && lastLine == DIORWNUMBER_MAX && lastLine < 100);
+
+unsigned int inputs = 0;
+unsigned int outputs = 0;
+
+// Path of one of a line's files, put together by hand: reading a line costs hardly more than the three system calls.
+class LinePath {
+public:
+    LinePath(std::string_view prefix, unsigned int line, std::string_view file) {
+        append(tree);
+        append(prefix);
+        if (line >= 10) *end_++ = static_cast<char>('0' + line / 10);
+        *end_++ = static_cast<char>('0' + line % 10);
+        append(file);
+        *end_ = '\0';
+    }
+    LinePath(const LinePath &) = delete;
+    LinePath &operator=(const LinePath &) = delete;
+
+    [[nodiscard]] const char *c_str() const { return text_.data(); }
+
+private:
+    void append(std::string_view text) {
+        std::memcpy(end_, text.data(), text.size());
+        end_ += text.size();
+    }
+
+    std::array<char, 48> text_;
+    char *end_ = text_.data();
+};
+static_assert(std::string_view(tree).size() + outputPrefix.size() + 2 + frequencyFile.size() < 48);
+
+bool inRange(unsigned int line) {
+    if (line >= firstLine && line <= lastLine) return true;
+    vx::log(LOG_WARNING, "DIO number out of range (%u > %u)", line, lastLine);
+    return false;
+}
+
+int nullOutput() {
+    errno = EINVAL;
+    return DIO_SYSTEM;
+}
+
+int openFailure() { return errno == ENOENT ? DIO_MISSING : DIO_SYSTEM; }
+
+// Opens a line's file; a failure is logged and its result code put into `result`.
+vx::Fd openFile(const LinePath &path, int flags, int &result) {
+    vx::Fd fd(vx::retryEintr([&] { return ::open(path.c_str(), flags | O_CLOEXEC); }));
+    if (fd.valid()) return fd;
+    vx::log(LOG_ERR, "Can't open(%s) - (%s)", path.c_str(), std::strerror(errno));
+    result = openFailure();
+    return fd;
+}
+
+void closeFile(vx::Fd &fd, const LinePath &path) {
+    const vx::ErrnoKeeper keeper;
+    if (fd.close() == -1) vx::log(LOG_ERR, "Can't close(%s) - (%s)", path.c_str(), std::strerror(errno));
+}
+
+// Writes a text in one piece: true when all of it was taken; else logged, with errno 0 for a short write.
+bool writeText(const vx::Fd &fd, const LinePath &path, std::string_view text) {
+    errno = 0;
+    const ssize_t written = vx::retryEintr([&] { return ::write(fd.get(), text.data(), text.size()); });
+    if (written == static_cast<ssize_t>(text.size())) return true;
+    vx::log(LOG_ERR, "Can't write to \"%s\" - (%s)", path.c_str(), std::strerror(errno));
+    return false;
+}
+
+bool isDigit(char c) { return c >= '0' && c <= '9'; }
+
+// Whether a directory entry is a line: the prefix, one or two digits, and a directory that can be read and searched.
+bool dio_isDioDirent(const dirent *entry, std::string_view prefix) {
+    VX_ASSERT(entry != nullptr, "entry != NULL", source);
+    const std::string_view name = entry->d_name;
+    if (!name.starts_with(prefix)) return false;
+    const std::string_view digits = name.substr(prefix.size());
+    if (digits.empty() || digits.size() > 2 || !isDigit(digits.front()) || !isDigit(digits.back())) return false;
+
+    std::array<char, entryPathSize> path;
+    const int length = std::snprintf(path.data(), path.size(), entryPath, entry->d_name);
+    if (length < 0 || static_cast<size_t>(length) >= path.size()) return false;
+    struct stat status {};
+    if (::stat(path.data(), &status) == -1 || !S_ISDIR(status.st_mode)) return false;
+    return ::access(path.data(), R_OK | X_OK) == 0;
+}
+
+int isInput(const dirent *entry) { return dio_isDioDirent(entry, inputPrefix) ? 1 : 0; }
+int isOutput(const dirent *entry) { return dio_isDioDirent(entry, outputPrefix) ? 1 : 0; }
+
+// Counts one kind of line into its counter; false when the tree is there and cannot be read.
+bool countLines(int (*filter)(const dirent *), unsigned int &counter) {
+    const vx::ErrnoKeeper keeper;
+    dirent **entries = nullptr;
+    const int found = ::scandir(tree, &entries, filter, nullptr);
+    if (found == -1 && errno != ENOENT) {
+        vx::log(LOG_ERR, "Can't scandir(%s) - (%s)", tree, std::strerror(errno));
+        return false;
+    }
+    counter = found == -1 ? 0 : static_cast<unsigned int>(found);
+    for (int i = 0; i < found; ++i) std::free(entries[i]);
+    std::free(entries);
+    return true;
+}
+
+void countAll() {
+    if (countLines(isInput, inputs)) (void)countLines(isOutput, outputs);
+}
+
+int dio_value(std::string_view prefix, unsigned int line, unsigned char *on) {
+    if (on == nullptr) return nullOutput();
+    if (!inRange(line)) return DIO_RANGE;
+    const LinePath path(prefix, line, valueFile);
+    int result = DIO_OK;
+    vx::Fd fd = openFile(path, O_RDONLY, result);
+    if (!fd.valid()) return result;
+
+    char value = 0;
+    errno = 0;
+    if (vx::retryEintr([&] { return ::read(fd.get(), &value, 1); }) != 1) {
+        vx::log(LOG_ERR, "Can't read from \"%s\" - (%s)", path.c_str(), std::strerror(errno));
+        result = DIO_SYSTEM;
+    } else if (value == '0' || value == '1') {
+        *on = value == '1' ? 1 : 0;
+    } else {
+        vx::log(LOG_ERR, "Lexical error on input from \"%s\"", path.c_str());
+        result = DIO_LEXICAL;
+    }
+    closeFile(fd, path);
+    return result;
+}
+
+// What a machine with 32-bit longs makes of a number: too large a one is the largest, a negative one wraps.
+uint32_t to32Bits(unsigned long number) {
+    constexpr unsigned long largest = std::numeric_limits<uint32_t>::max();
+    const bool negative = -number <= largest;
+    return number <= largest || negative ? static_cast<uint32_t>(number) : static_cast<uint32_t>(largest);
+}
+
+int readFrequency(FILE *file, const LinePath &path, dio_frequency_record *record) {
+    dio_frequency_record read{};
+    errno = 0;
+    const int items = vx::scanFrequency(file, read);
+    if (items == EOF) {
+        vx::log(LOG_ERR, "Can't fscanf(%s) - (%s)", path.c_str(), std::strerror(errno));
+        return DIO_SYSTEM;
+    }
+    if (items < 3) {
+        vx::log(LOG_ERR, "Lexical error on input from \"%s\"", path.c_str());
+        return DIO_LEXICAL;
+    }
+    if (read.first == 0 && read.second == 0) return DIO_INACTIVE;
+    *record = read;
+    return DIO_OK;
+}
+
+// Result of a refused "1" or "0".
+int switchFailure(unsigned int on) {
+    if (errno == EEXIST && on != 0) return DIO_ACTIVE;
+    if (errno == ENOENT && on == 0) return DIO_INACTIVE;
+    return DIO_SYSTEM;
+}
+
+// Result of a refused probe.
+int probeFailure(unsigned char *active) {
+    if (errno == 0) return DIO_SYSTEM;  // a short write
+    if (errno != EEXIST) return DIO_INACTIVE;
+    *active = 1;
+    return DIO_OK;
+}
+
+}  // namespace
+
+namespace vx {
+
+int scanFrequency(FILE *file, dio_frequency_record &record) {
+    long long first = 0;
+    long long second = 0;
+    unsigned long number = 0;
+    const int items = std::fscanf(file, "%lld %lld %lu", &first, &second, &number);
+    if (items == 3) record = {to32Bits(number), first, second};
+    return items;
+}
+
+}  // namespace vx
+
+extern "C" {
+
+int dio_count(unsigned int *n) {
+    if (n == nullptr) return nullOutput();
+    countAll();
+    *n = inputs + outputs;
+    return DIO_OK;
+}
+
+int dio_roCount(unsigned int *n) {
+    if (n == nullptr) return nullOutput();
+    countAll();
+    *n = inputs;
+    return DIO_OK;
+}
+
+int dio_rwCount(unsigned int *n) {
+    if (n == nullptr) return nullOutput();
+    countAll();
+    *n = outputs;
+    return DIO_OK;
+}
+
+int dio_roValue(unsigned int dio, unsigned char *on) { return dio_value(inputPrefix, dio, on); }
+
+int dio_rwValue(int dio, unsigned char *on) { return dio_value(outputPrefix, static_cast<unsigned int>(dio), on); }
+
+int dio_setValue(int dio, unsigned int value) {
+    const auto line = static_cast<unsigned int>(dio);
+    if (!inRange(line)) return DIO_RANGE;
+    const LinePath path(outputPrefix, line, valueFile);
+    int result = DIO_OK;
+    vx::Fd fd = openFile(path, O_WRONLY, result);
+    if (!fd.valid()) return result;
+    const auto character = static_cast<char>('0' + value);
+    if (!writeText(fd, path, {&character, 1})) result = DIO_SYSTEM;
+    closeFile(fd, path);
+    return result;
+}
+
+int dio_frequency(int dio, dio_frequency_record *record) {
+    if (record == nullptr) return nullOutput();
+    const auto line = static_cast<unsigned int>(dio);
+    if (!inRange(line)) return DIO_RANGE;
+    const LinePath path(inputPrefix, line, frequencyFile);
+    vx::FilePtr file(std::fopen(path.c_str(), "re"));
+    if (!file) {
+        vx::log(LOG_ERR, "Can't fopen(%s) - (%s)", path.c_str(), std::strerror(errno));
+        return openFailure();
+    }
+    const int result = readFrequency(file.get(), path, record);
+    const vx::ErrnoKeeper keeper;
+    if (std::fclose(file.release()) != 0) {
+        vx::log(LOG_ERR, "Can't fclose(%s) - (%s)", path.c_str(), std::strerror(errno));
+    }
+    return result;
+}
+
+int dio_frequencyActive(int dio, unsigned char *active) {
+    if (active == nullptr) return nullOutput();
+    const auto line = static_cast<unsigned int>(dio);
+    if (!inRange(line)) return DIO_RANGE;
+    const LinePath path(inputPrefix, line, frequencyFile);
+    int result = DIO_OK;
+    vx::Fd fd = openFile(path, O_WRONLY, result);
+    if (!fd.valid()) return result;
+    if (writeText(fd, path, "-1")) {
+        *active = 0;
+    } else {
+        result = probeFailure(active);
+    }
+    closeFile(fd, path);
+    return result;
+}
+
+int dio_setFrequencyActive(int dio, unsigned int on) {
+    const auto line = static_cast<unsigned int>(dio);
+    if (!inRange(line)) return DIO_RANGE;
+    const LinePath path(inputPrefix, line, frequencyFile);
+    int result = DIO_OK;
+    vx::Fd fd = openFile(path, O_WRONLY, result);
+    if (!fd.valid()) return result;
+    if (!writeText(fd, path, on != 0 ? "1" : "0")) result = switchFailure(on);
+    closeFile(fd, path);
+    return result;
+}
+
+}  // extern "C"
