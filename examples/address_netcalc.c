@@ -19,7 +19,9 @@ int main(int argc, char **argv) {
         fprintf(stderr, "%s: no address\n", argv[1]);
         return 1;
     }
-    if (cidr2netmask(atoi(argv[2]), mask, address->sa_family) == -1) {
+    char *end = argv[2];
+    const long prefix = strtol(argv[2], &end, 10);
+    if (*end != '\0' || prefix > 128 || cidr2netmask((int)prefix, mask, address->sa_family) == -1) {
         fprintf(stderr, "%s: no prefix length of this family\n", argv[2]);
         return 1;
     }

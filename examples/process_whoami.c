@@ -14,7 +14,7 @@ int main(int argc, char **argv) {
         printf("called by nobody that can be told\n");
     }
 
-    const int pid = argc > 1 ? atoi(argv[1]) : (int)getpid();
+    const int pid = argc > 1 ? (int)strtol(argv[1], NULL, 10) : (int)getpid();
     if (!pid_alive(pid)) {
         printf("process %d does not exist\n", pid);
         return 1;

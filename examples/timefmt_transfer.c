@@ -8,7 +8,7 @@ int main(int argc, char **argv) {
     const struct timespec start = {100, 750000000};
     const struct timespec end = {109, 250000000};
 
-    const long long bytes = argc == 3 ? atoll(argv[1]) : 0;
+    const long long bytes = argc == 3 ? strtoll(argv[1], NULL, 10) : 0;
     const time_t when = argc == 3 ? timeparse(argv[2]) : 0;
     if (bytes <= 0 || when == 0) {
         fprintf(stderr, "usage: %s BYTES \"YY-MM-DD hh:mm:ss\"\n", argv[0]);
