@@ -124,14 +124,13 @@ int32_t readSigned(const char *text) {
     return static_cast<int32_t>(negative ? 0 - size : size);
 }
 
-// Whether the text is exactly what printing a number of the type in base 10 gives.
+// Reads a text that is exactly what printing a number of the type in base 10 gives; false for any other.
 template <typename Value>
-bool isCanonical(const char *text) {
+bool readCanonical(const char *text, Value *value) {
     if (text == nullptr) return false;
     const bool negative = std::is_signed_v<Value> && text[0] == '-';
     if (negative) ++text;
-    if (text[0] == '0') return text[1] == '\0' && !negative;
-    if (text[0] == '\0') return false;
+    if (text[0] == '\0' || (text[0] == '0' && (text[1] != '\0' || negative))) return false;
     const uint64_t largest = static_cast<uint64_t>(std::numeric_limits<Value>::max()) + (negative ? 1 : 0);
     uint64_t size = 0;
     for (; *text != '\0'; ++text) {
@@ -139,13 +138,16 @@ bool isCanonical(const char *text) {
         size = size * 10 + static_cast<unsigned int>(*text - '0');
         if (size > largest) return false;
     }
+    *value = static_cast<Value>(negative ? 0 - size : size);
     return true;
 }
 
 template <typename Value>
-Value validated(int *err, const char *text, Value value) {
-    if (err != nullptr) *err = isCanonical<Value>(text) ? 0 : -1;
-    return value;
+Value validated(int *err, const char *text, Value (*read)(const char *)) {
+    Value value;
+    const bool canonical = readCanonical(text, &value);
+    if (err != nullptr) *err = canonical ? 0 : -1;
+    return canonical ? value : read(text);
 }
 
 template <typename Value>
@@ -192,13 +194,13 @@ int16_t valueOf16(const char *text) { return static_cast<int16_t>(readSigned(tex
 
 uint16_t u_valueOf16(const char *text) { return static_cast<uint16_t>(readUnsigned(text)); }
 
-int32_t validValueOf32(int *err, const char *text) { return validated(err, text, valueOf32(text)); }
+int32_t validValueOf32(int *err, const char *text) { return validated(err, text, valueOf32); }
 
-int16_t validValueOf16(int *err, const char *text) { return validated(err, text, valueOf16(text)); }
+int16_t validValueOf16(int *err, const char *text) { return validated(err, text, valueOf16); }
 
-uint32_t u_validValueOf32(int *err, const char *text) { return validated(err, text, u_valueOf32(text)); }
+uint32_t u_validValueOf32(int *err, const char *text) { return validated(err, text, u_valueOf32); }
 
-uint16_t u_validValueOf16(int *err, const char *text) { return validated(err, text, u_valueOf16(text)); }
+uint16_t u_validValueOf16(int *err, const char *text) { return validated(err, text, u_valueOf16); }
 
 void validRangeValueOf32(int *err, const char *text, int32_t min, int32_t max) {
     if (err != nullptr) checkRange(err, validValueOf32(err, text), min, max);

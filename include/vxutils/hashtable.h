@@ -19,6 +19,7 @@
 #ifndef VXUTILS_HASHTABLE_H
 #define VXUTILS_HASHTABLE_H
 
+#include <stdint.h>
 #include <vxutils/api.h>
 
 /** How a number becomes a bucket. There is one way, and the tables do not look at the choice. */
@@ -44,13 +45,20 @@ public:
     bool addEntry(unsigned long key, void *value);
 
     /**
-     * Finds the oldest value of a key.
+     * Finds the oldest value of a key. Compiled into the caller, since a call takes longer than the search.
      *
      * @param key   key
      * @param value receives the value; left alone when there is none
      * @return whether there is one
      */
-    bool getValueFromKey(unsigned long key, void **value) const;
+    VXUTILS_API bool getValueFromKey(unsigned long key, void **value) const {
+        const uint32_t number = static_cast<uint32_t>(key);
+        const Entry *entry = buckets_[number & mask_];
+        while (entry != nullptr && entry->key != number) entry = entry->next;
+        if (entry == nullptr) return false;
+        *value = entry->value;
+        return true;
+    }
 
     /** Removes the oldest entry of a key. @return whether there was one */
     bool removeEntry(unsigned long key);
@@ -78,7 +86,11 @@ public:
     unsigned long getLongestChain() const;
 
 private:
-    struct Entry;
+    struct Entry {
+        uint32_t key;
+        void *value;
+        Entry *next;
+    };
 
     Entry **buckets_;
     unsigned int count_;
