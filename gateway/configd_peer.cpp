@@ -170,8 +170,8 @@ public:
         ::unlink(socketPath_.c_str());
     }
 
-    // Serves until SIGTERM, which is delivered only while it waits, or the end of its input.
-    void run() {
+    // From now on a request to end is kept until the daemon waits in run(). Called before anybody can know it is there.
+    void holdEndingSignals() {
         struct sigaction onTerm {};
         onTerm.sa_handler = [](int) { terminated = 1; };
         sigset_t ending;
@@ -181,6 +181,10 @@ public:
             ::sigaddset(&ending, signal);
         }
         ::sigprocmask(SIG_BLOCK, &ending, &whileWaiting_);
+    }
+
+    // Serves until SIGTERM or SIGINT, or the end of its input.
+    void run() {
         std::string input;
         while (terminated == 0) {
             std::array<pollfd, 2> waiting{{{0, POLLIN, 0}, {mode_ == Mode::deaf ? -1 : fd_, POLLIN, 0}}};
@@ -384,6 +388,7 @@ int main(int argc, char **argv) {
     for (const std::string &value : values) daemon.store().putLine(value);
     if (!values.empty()) daemon.store().commit();
     daemon.trace(trace);
+    daemon.holdEndingSignals();
     daemon.listen();
     std::cout << "ready" << std::endl;
     daemon.run();

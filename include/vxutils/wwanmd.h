@@ -75,8 +75,8 @@ typedef struct wwanmd_handle wwanmd_handle; /**< the record's short name */
 struct wwanmd_msg {
     char data[8192]; /**< the command; then the answer behind its first word, with a NUL behind it */
     int len;         /**< bytes in data, 0 or below for none; then the answer's length, -1 when there was none */
-    int timeout;     /**< seconds to wait for the daemon to take the command, and for its answer: 5 to 300, cut to that */
-    int reserved;    /**< 0 */
+    int timeout;  /**< seconds to wait for the daemon to take the command, and for its answer: 5 to 300, cut to that */
+    int reserved; /**< 0 */
 };
 typedef struct wwanmd_msg wwanmd_msg; /**< the record's short name */
 

@@ -6,8 +6,9 @@
 
 namespace vx {
 
-// syslog() takes locks that another thread may have held when the process was forked. This line is formatted before the
-// fork, in the form the C library gives it (facility "user", the program's name), and sent by plain system calls.
+// The C library's logger takes locks that another thread may have held when the process was forked. This line is
+// formatted before the fork, in the form the C library gives it (facility "user", the program's name), and sent by
+// plain system calls.
 class PreparedLog {
 public:
     PreparedLog(int priority, const char *text) noexcept;
