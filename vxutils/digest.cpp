@@ -1,0 +1,389 @@
+// SPDX-License-Identifier: MIT
+#include <vxutils/digest.h>
+
+#include <string.h>  // explicit_bzero
+
+#include <algorithm>
+#include <bit>
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <typeinfo>
+#include <utility>
+
+namespace {
+
+constexpr size_t kBlock = 64;
+constexpr size_t kCountSize = 8;  // the bit count at the end of the last block
+constexpr size_t kCountAt = kBlock - kCountSize;
+constexpr size_t kLargestDigest = 64;  // of a context that HMAC may key
+constexpr unsigned long kMd5Length = 16;
+constexpr unsigned long kSha1Length = 20;
+constexpr unsigned char kInnerPad = 0x36;
+constexpr unsigned char kOuterPad = 0x5c;
+
+constexpr unsigned char kTestMessage[] = {'a', 'b', 'c'};
+constexpr unsigned char kMd5OfTest[kMd5Length] = {0x90, 0x01, 0x50, 0x98, 0x3c, 0xd2, 0x4f, 0xb0,
+                                                  0xd6, 0x96, 0x3f, 0x7d, 0x28, 0xe1, 0x7f, 0x72};
+constexpr unsigned char kSha1OfTest[kSha1Length] = {0xa9, 0x99, 0x3e, 0x36, 0x47, 0x06, 0x81, 0x6a, 0xba, 0x3e,
+                                                    0x25, 0x71, 0x78, 0x50, 0xc2, 0x6c, 0x9c, 0xd0, 0xd8, 0x9d};
+
+// Bytes and words
+
+constexpr uint32_t byteSwapped(uint32_t word) { return __builtin_bswap32(word); }
+constexpr uint32_t littleEndian(uint32_t word) {
+    return std::endian::native == std::endian::little ? word : byteSwapped(word);
+}
+constexpr uint32_t bigEndian(uint32_t word) {
+    return std::endian::native == std::endian::big ? word : byteSwapped(word);
+}
+
+inline uint32_t loadWord(const unsigned char *from) {
+    uint32_t word;
+    std::memcpy(&word, from, sizeof word);
+    return word;
+}
+
+inline void storeWord(unsigned char *to, uint32_t word) { std::memcpy(to, &word, sizeof word); }
+
+// What both digests do with a message: count its bits and cut it into blocks.
+
+void addBits(uint32_t &low, uint32_t &high, unsigned long bytes) {
+    const uint64_t added = bytes;
+    const uint64_t bits = ((static_cast<uint64_t>(high) << 32) | low) + (added << 3);
+    low = static_cast<uint32_t>(bits);
+    high = static_cast<uint32_t>(bits >> 32);
+}
+
+size_t bufferedBytes(uint32_t countLow) { return (countLow / 8) % kBlock; }
+
+// Hands the complete blocks among the buffered bytes and the new ones to `transform`(first block, number of blocks),
+// straight from the input where possible, and keeps the rest in the buffer.
+template <typename Transform>
+void cutIntoBlocks(unsigned char (&buffer)[kBlock], size_t buffered, const unsigned char *data, size_t length,
+                   Transform transform) {
+    if (buffered > 0) {
+        const size_t taken = std::min(length, kBlock - buffered);
+        std::memcpy(buffer + buffered, data, taken);
+        if (buffered + taken < kBlock) return;
+        transform(buffer, 1);
+        data += taken;
+        length -= taken;
+    }
+    const size_t blocks = length / kBlock;
+    if (blocks > 0) transform(data, blocks);
+    if (length % kBlock > 0) std::memcpy(buffer, data + blocks * kBlock, length % kBlock);
+}
+
+// The padding that brings the buffer up to the place of the bit count.
+size_t paddingLength(size_t buffered) { return (buffered < kCountAt ? kCountAt : kBlock + kCountAt) - buffered; }
+
+// What ends a message: a one bit, zeros, the bit count.
+struct Tail {
+    unsigned char bytes[kBlock + kCountSize] = {0x80};
+
+    void setCount(size_t at, uint32_t firstWord, uint32_t secondWord) {
+        storeWord(bytes + at, firstWord);
+        storeWord(bytes + at + 4, secondWord);
+    }
+};
+
+// MD5
+
+constexpr uint32_t kMd5Initial[4] = {0x67452301, 0xefcdab89, 0x98badcfe, 0x10325476};
+constexpr int kMd5Rotations[4][4] = {{7, 12, 17, 22}, {5, 9, 14, 20}, {4, 11, 16, 23}, {6, 10, 15, 21}};
+constexpr uint32_t kMd5Sines[64] = {  // the integer part of 2^32 * |sin(i + 1)|
+    0xd76aa478, 0xe8c7b756, 0x242070db, 0xc1bdceee, 0xf57c0faf, 0x4787c62a, 0xa8304613, 0xfd469501,
+    0x698098d8, 0x8b44f7af, 0xffff5bb1, 0x895cd7be, 0x6b901122, 0xfd987193, 0xa679438e, 0x49b40821,
+    0xf61e2562, 0xc040b340, 0x265e5a51, 0xe9b6c7aa, 0xd62f105d, 0x02441453, 0xd8a1e681, 0xe7d3fbc8,
+    0x21e1cde6, 0xc33707d6, 0xf4d50d87, 0x455a14ed, 0xa9e3e905, 0xfcefa3f8, 0x676f02d9, 0x8d2a4c8a,
+    0xfffa3942, 0x8771f681, 0x6d9d6122, 0xfde5380c, 0xa4beea44, 0x4bdecfa9, 0xf6bb4b60, 0xbebfbc70,
+    0x289b7ec6, 0xeaa127fa, 0xd4ef3085, 0x04881d05, 0xd9d4d039, 0xe6db99e5, 0x1fa27cf8, 0xc4ac5665,
+    0xf4292244, 0x432aff97, 0xab9423a7, 0xfc93a039, 0x655b59c3, 0x8f0ccc92, 0xffeff47d, 0x85845dd1,
+    0x6fa87e4f, 0xfe2ce6e0, 0xa3014314, 0x4e0811a1, 0xf7537e82, 0xbd3af235, 0x2ad7d2bb, 0xeb86d391};
+
+// One of the 64 steps.  The four words change their roles from step to step.  Everything that does not need b, the
+// result of the step before, is added first, because the steps wait for one another there.
+template <unsigned i>
+[[gnu::always_inline]] inline void md5Step(uint32_t (&words)[4], const unsigned char *block) {
+    constexpr unsigned round = i / 16;
+    constexpr unsigned places[4] = {i, 5 * i + 1, 3 * i + 5, 7 * i};  // of the message word, by round
+    uint32_t &a = words[(0 - i) % 4];
+    const uint32_t b = words[(1 - i) % 4];
+    const uint32_t c = words[(2 - i) % 4];
+    const uint32_t d = words[(3 - i) % 4];
+    a += kMd5Sines[i] + littleEndian(loadWord(block + 4 * (places[round] % 16)));
+    if constexpr (round == 0) {
+        a += ((c ^ d) & b) ^ d;
+    } else if constexpr (round == 1) {
+        a += c & ~d;
+        a += b & d;  // no bit is set in both terms: the sum is their union
+    } else if constexpr (round == 2) {
+        a += (c ^ d) ^ b;
+    } else {
+        a += (b | ~d) ^ c;
+    }
+    a = std::rotl(a, kMd5Rotations[round][i % 4]) + b;
+}
+
+template <unsigned... i>
+[[gnu::always_inline]] inline void md5Steps(uint32_t (&words)[4], const unsigned char *block,
+                                            std::integer_sequence<unsigned, i...>) {
+    (md5Step<i>(words, block), ...);
+}
+
+// Compresses one 64-byte block into the state.
+[[gnu::always_inline]] inline void md5Transform(uint32_t (&state)[4], const unsigned char *block) {
+    uint32_t words[4] = {state[0], state[1], state[2], state[3]};
+    md5Steps(words, block, std::make_integer_sequence<unsigned, 64>());
+    for (size_t i = 0; i < 4; ++i) state[i] += words[i];
+}
+
+void md5TransformAll(uint32_t (&state)[4], const unsigned char *blocks, size_t count) {
+    for (; count > 0; --count, blocks += kBlock) md5Transform(state, blocks);
+}
+
+// SHA-1
+
+constexpr uint32_t kSha1Initial[5] = {0x67452301, 0xefcdab89, 0x98badcfe, 0x10325476, 0xc3d2e1f0};
+constexpr uint32_t kSha1Constants[4] = {0x5a827999, 0x6ed9eba1, 0x8f1bbcdc, 0xca62c1d6};
+
+// One of the 80 steps; the schedule keeps the last 16 message words.
+template <unsigned i>
+[[gnu::always_inline]] inline void sha1Step(uint32_t (&words)[5], uint32_t (&schedule)[16],
+                                            const unsigned char *block) {
+    constexpr unsigned round = i / 20;
+    const uint32_t a = words[(80 - i) % 5];
+    uint32_t &b = words[(81 - i) % 5];
+    const uint32_t c = words[(82 - i) % 5];
+    const uint32_t d = words[(83 - i) % 5];
+    uint32_t &e = words[(84 - i) % 5];
+    uint32_t &w = schedule[i % 16];
+    if constexpr (i < 16) {
+        w = bigEndian(loadWord(block + 4 * i));
+    } else {
+        w = std::rotl(w ^ schedule[(i + 2) % 16] ^ schedule[(i + 8) % 16] ^ schedule[(i + 13) % 16], 1);
+    }
+    e += kSha1Constants[round] + w;
+    if constexpr (round == 0) {
+        e += ((c ^ d) & b) ^ d;
+    } else if constexpr (round == 2) {
+        e += ((c | d) & b) | (c & d);
+    } else {
+        e += (c ^ d) ^ b;
+    }
+    e += std::rotl(a, 5);
+    b = std::rotl(b, 30);
+}
+
+template <unsigned... i>
+[[gnu::always_inline]] inline void sha1Steps(uint32_t (&words)[5], const unsigned char *block,
+                                             std::integer_sequence<unsigned, i...>) {
+    uint32_t schedule[16];
+    (sha1Step<i>(words, schedule, block), ...);
+}
+
+// Compresses one 64-byte block into the state.
+[[gnu::always_inline]] inline void sha1Transform(uint32_t (&state)[5], const unsigned char *block) {
+    uint32_t words[5] = {state[0], state[1], state[2], state[3], state[4]};
+    sha1Steps(words, block, std::make_integer_sequence<unsigned, 80>());
+    for (size_t i = 0; i < 5; ++i) state[i] += words[i];
+}
+
+void sha1TransformAll(uint32_t (&state)[5], const unsigned char *blocks, size_t count) {
+    for (; count > 0; --count, blocks += kBlock) sha1Transform(state, blocks);
+}
+
+// The length that getHash() is to write: what is asked for, where there is so much.
+uint32_t cappedLength(unsigned long asked, unsigned long complete) {
+    return static_cast<uint32_t>(asked >= 1 && asked <= complete ? asked : complete);
+}
+
+// Digests "abc" and says whether the published digest came out.
+int selfTest(HashContext &context, const unsigned char *expected) {
+    unsigned char digest[kLargestDigest] = {};
+    context.initialize(0);
+    context.hash(kTestMessage, sizeof kTestMessage);
+    context.getHash(digest);
+    const bool same = std::memcmp(digest, expected, context.getCompleteHashLength()) == 0;
+    context.initialize(0);
+    return same ? 0 : -1;
+}
+
+}  // namespace
+
+// Programs derive from these classes and lay them out in their own objects.
+static_assert(sizeof(HashContext) == sizeof(void *) && sizeof(AuthenticationContext) == sizeof(void *));
+static_assert(sizeof(void *) != 4 || (sizeof(Md5HashContext) == 96 && sizeof(Sha1HashContext) == 100));
+static_assert(sizeof(void *) != 4 || sizeof(HmacContext) == 140);
+
+HashContext::~HashContext() = default;
+
+Md5HashContext::Md5HashContext() { Md5HashContext::destroy(); }
+
+Md5HashContext::~Md5HashContext() = default;
+
+int Md5HashContext::initialize(unsigned long returnedLength) {
+    returnedLength_ = cappedLength(returnedLength, getCompleteHashLength());
+    std::copy(kMd5Initial, kMd5Initial + 4, state_);
+    countLow_ = countHigh_ = 0;
+    return 0;
+}
+
+void Md5HashContext::destroy() {
+    std::fill(state_, state_ + 4, 0);
+    countLow_ = countHigh_ = 0;
+    std::fill(buffer_, buffer_ + kBlock, static_cast<unsigned char>(0));
+    returnedLength_ = static_cast<uint32_t>(getCompleteHashLength());
+}
+
+void Md5HashContext::hash(const unsigned char *data, unsigned long length) {
+    if (length == 0) return;
+    const size_t buffered = bufferedBytes(countLow_);
+    addBits(countLow_, countHigh_, length);
+    cutIntoBlocks(buffer_, buffered, data, length,
+                  [this](const unsigned char *blocks, size_t count) { md5TransformAll(state_, blocks, count); });
+}
+
+unsigned long Md5HashContext::getReturnedHashLength() const { return returnedLength_; }
+
+// Ends the message with the padding and the bit count of before.  A derived class sees them pass through its hash() one
+// by one; where nobody looks they go in one piece.
+void Md5HashContext::finish() {
+    const size_t padding = paddingLength(bufferedBytes(countLow_));
+    Tail tail;
+    tail.setCount(padding, littleEndian(countLow_), littleEndian(countHigh_));
+    if (typeid(*this) == typeid(Md5HashContext)) {
+        Md5HashContext::hash(tail.bytes, padding + kCountSize);
+    } else {
+        hash(tail.bytes, padding);
+        hash(tail.bytes + padding, kCountSize);
+    }
+}
+
+void Md5HashContext::getHash(unsigned char *out) {
+    if (returnedLength_ == kMd5Length) return Md5HashContext::getCompleteHash(out);
+    unsigned char digest[kMd5Length];
+    Md5HashContext::getCompleteHash(digest);
+    std::memcpy(out, digest, returnedLength_);
+}
+
+unsigned long Md5HashContext::getCompleteHashLength() const { return kMd5Length; }
+
+void Md5HashContext::getCompleteHash(unsigned char *out) {
+    finish();
+    for (size_t i = 0; i < 4; ++i) storeWord(out + 4 * i, littleEndian(state_[i]));
+}
+
+int Md5HashContext::test() { return selfTest(*this, kMd5OfTest); }
+
+Sha1HashContext::Sha1HashContext() { Sha1HashContext::destroy(); }
+
+Sha1HashContext::~Sha1HashContext() = default;
+
+int Sha1HashContext::initialize(unsigned long returnedLength) {
+    returnedLength_ = cappedLength(returnedLength, getCompleteHashLength());
+    std::copy(kSha1Initial, kSha1Initial + 5, state_);
+    countLow_ = countHigh_ = 0;
+    return 0;
+}
+
+void Sha1HashContext::destroy() {
+    std::fill(state_, state_ + 5, 0);
+    countLow_ = countHigh_ = 0;
+    std::fill(buffer_, buffer_ + kBlock, static_cast<unsigned char>(0));
+    returnedLength_ = static_cast<uint32_t>(getCompleteHashLength());
+}
+
+void Sha1HashContext::hash(const unsigned char *data, unsigned long length) {
+    if (length == 0) return;
+    const size_t buffered = bufferedBytes(countLow_);
+    addBits(countLow_, countHigh_, length);
+    cutIntoBlocks(buffer_, buffered, data, length,
+                  [this](const unsigned char *blocks, size_t count) { sha1TransformAll(state_, blocks, count); });
+}
+
+unsigned long Sha1HashContext::getReturnedHashLength() const { return returnedLength_; }
+
+// As above, but a derived class sees the padding byte by byte.
+void Sha1HashContext::finish() {
+    const size_t padding = paddingLength(bufferedBytes(countLow_));
+    Tail tail;
+    tail.setCount(padding, bigEndian(countHigh_), bigEndian(countLow_));
+    if (typeid(*this) == typeid(Sha1HashContext)) {
+        Sha1HashContext::hash(tail.bytes, padding + kCountSize);
+    } else {
+        for (size_t i = 0; i < padding; ++i) hash(tail.bytes + i, 1);
+        hash(tail.bytes + padding, kCountSize);
+    }
+}
+
+void Sha1HashContext::getHash(unsigned char *out) {
+    if (returnedLength_ == kSha1Length) return Sha1HashContext::getCompleteHash(out);
+    unsigned char digest[kSha1Length];
+    Sha1HashContext::getCompleteHash(digest);
+    std::memcpy(out, digest, returnedLength_);
+}
+
+unsigned long Sha1HashContext::getCompleteHashLength() const { return kSha1Length; }
+
+void Sha1HashContext::getCompleteHash(unsigned char *out) {
+    finish();
+    for (size_t i = 0; i < 5; ++i) storeWord(out + 4 * i, bigEndian(state_[i]));
+}
+
+int Sha1HashContext::test() { return selfTest(*this, kSha1OfTest); }
+
+AuthenticationContext::~AuthenticationContext() = default;
+
+HmacContext::HmacContext(HashContext *inner)
+    : inner_(inner), innerPad_(), outerPad_(), returnedLength_(static_cast<uint32_t>(inner->getCompleteHashLength())) {}
+
+HmacContext::~HmacContext() { HmacContext::destroy(); }
+
+int HmacContext::initialize(const unsigned char *key, unsigned long keyLength, unsigned long returnedLength) {
+    const unsigned long asked = returnedLength == 0 ? inner_->getCompleteHashLength() : returnedLength;
+    returnedLength_ = static_cast<uint32_t>(std::min<unsigned long>(asked, UINT32_MAX));
+    std::fill(innerPad_, innerPad_ + kBlock, static_cast<unsigned char>(0));
+    if (keyLength > kBlock) {
+        inner_->initialize(0);
+        inner_->hash(key, keyLength);
+        inner_->getHash(innerPad_);
+    } else if (keyLength > 0) {
+        std::memcpy(innerPad_, key, keyLength);
+    }
+    for (size_t i = 0; i < kBlock; ++i) {
+        outerPad_[i] = innerPad_[i] ^ kOuterPad;
+        innerPad_[i] ^= kInnerPad;
+    }
+    return reset();
+}
+
+void HmacContext::destroy() {
+    inner_ = nullptr;
+    explicit_bzero(innerPad_, sizeof innerPad_);
+    explicit_bzero(outerPad_, sizeof outerPad_);
+}
+
+int HmacContext::reset() {
+    const int result = inner_->initialize(0);
+    if (result != 0) return result;
+    inner_->hash(innerPad_, sizeof innerPad_);
+    return 0;
+}
+
+void HmacContext::hash(const unsigned char *data, unsigned long length) { inner_->hash(data, length); }
+
+void HmacContext::getHash(unsigned char *out) {
+    unsigned char innerDigest[kLargestDigest];
+    inner_->getHash(innerDigest);
+    inner_->initialize(returnedLength_);
+    inner_->hash(outerPad_, sizeof outerPad_);
+    inner_->hash(innerDigest, inner_->getCompleteHashLength());
+    inner_->getHash(out);
+    explicit_bzero(innerDigest, sizeof innerDigest);
+}
+
+unsigned long HmacContext::getCompleteHashLength() const { return inner_->getCompleteHashLength(); }
+
+unsigned long HmacContext::getReturnedHashLength() const { return returnedLength_; }
