@@ -19,6 +19,7 @@
 #include <cerrno>
 #include <csignal>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <random>
 #include <sstream>
@@ -202,9 +203,7 @@ TEST_F(ExecCommand, DetachedReturnsTheProgramsOwnProcessId) {
     EXPECT_NE(statField(pid, 6), std::to_string(::getsid(0))) << "its session";
     EXPECT_EQ(vxtest::zombieChildren(), 0);
     for (const char *stream : {"0", "1", "2"}) {
-        char target[64] = {};
-        ::readlink(("/proc/" + std::to_string(pid) + "/fd/" + stream).c_str(), target, sizeof target - 1);
-        EXPECT_STREQ(target, "/dev/null");
+        EXPECT_EQ(std::filesystem::read_symlink("/proc/" + std::to_string(pid) + "/fd/" + stream), "/dev/null");
     }
     ::kill(pid, SIGKILL);
 }

@@ -598,24 +598,30 @@ TEST_F(Readfile, ReadsAnyBytesAsALineReaderDoes) {
 
 using Readaddress = Files;
 
+union AddressRecord {
+    sockaddr any;
+    sockaddr_in v4;
+    sockaddr_in6 v6;
+    char bytes[sizeof(sockaddr_in6)];
+};
+
 TEST_F(Readaddress, ReadsBothFamilies) {
-    sockaddr_in6 record{};
-    auto *addr = reinterpret_cast<sockaddr *>(&record);
+    AddressRecord record{};
     writeFile(path("address"), "192.0.2.7\n");
-    EXPECT_EQ(readaddress(path("address").c_str(), addr), 0);
-    EXPECT_EQ(addr->sa_family, AF_INET);
-    EXPECT_EQ(reinterpret_cast<sockaddr_in *>(addr)->sin_addr.s_addr, ::inet_addr("192.0.2.7"));
+    EXPECT_EQ(readaddress(path("address").c_str(), &record.any), 0);
+    EXPECT_EQ(record.v4.sin_family, AF_INET);
+    EXPECT_EQ(record.v4.sin_addr.s_addr, ::inet_addr("192.0.2.7"));
     writeFile(path("address"), "fe80::1\n");
-    EXPECT_EQ(readaddress(path("address").c_str(), addr), 0);
-    EXPECT_EQ(record.sin6_family, AF_INET6);
-    EXPECT_EQ(record.sin6_addr.s6_addr[15], 1);
+    EXPECT_EQ(readaddress(path("address").c_str(), &record.any), 0);
+    EXPECT_EQ(record.v6.sin6_family, AF_INET6);
+    EXPECT_EQ(record.v6.sin6_addr.s6_addr[15], 1);
 }
 
 TEST_F(Readaddress, ClearsSixteenBytesFirst) {
-    char record[20];
-    std::memset(record, '?', sizeof record);
-    EXPECT_EQ(readaddress(path("none").c_str(), reinterpret_cast<sockaddr *>(record)), -1);
-    EXPECT_EQ(std::string(record, sizeof record), std::string(16, '\0') + "????");
+    AddressRecord record;
+    std::memset(&record, '?', sizeof record);
+    EXPECT_EQ(readaddress(path("none").c_str(), &record.any), -1);
+    EXPECT_EQ(std::string(record.bytes, 20), std::string(16, '\0') + "????");
 }
 
 TEST_F(Readaddress, FailsOnWhatIsNoAddress) {
