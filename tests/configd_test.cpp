@@ -119,11 +119,7 @@ void fillQueue() {
 
 class ConfigdTest : public testing::Test {
 protected:
-    void SetUp() override {
-        std::filesystem::remove_all("/var/lib/configd");
-        ::openlog(nullptr, LOG_NDELAY, LOG_USER);  // its descriptor is open before any are counted
-    }
-    void TearDown() override { ::closelog(); }
+    void SetUp() override { std::filesystem::remove_all("/var/lib/configd"); }
     Configd daemon;
     vxtest::SyslogCapture log;
 };

@@ -1,0 +1,111 @@
+/* SPDX-License-Identifier: MIT */
+/**
+ * @file
+ * Reader of configuration files made of "key=value" lines that may include each other.
+ *
+ * @code
+ *     cfread_table *config = cfread_open("/etc/gateway/main.conf");
+ *     const cfread_entry *mtu = config != NULL ? cfread_find_entry(config, "wan.mtu") : NULL;
+ *     if (mtu != NULL && mtu->ival > 0) set_mtu(mtu->ival);
+ *     cfread_close(config);
+ * @endcode
+ *
+ * A line is one of
+ * - "include NAME", beginning in the first column: the file is read in place. White space around the name is dropped. A
+ *   name that begins with "/" may have 511 characters; any other is taken in the directory of the file that holds the
+ *   line and may have 510. A longer name fails as a file that cannot be opened. Files nest as deep as descriptors last;
+ *   one that includes itself fails when they run out.
+ * - a comment, beginning with "#" in the first column.
+ * - an entry. Before the first "=" blanks vanish wherever they stand (tabs do not), the rest is the key; blanks right
+ *   after that "=" are skipped, all that follows is the value, further "=" and blanks included. Bytes above 127 are
+ *   dropped everywhere. Key and value hold at most 255 characters. A line without key or without value adds nothing.
+ *   The line ends at a line feed or a carriage return, which may not be missing on the file's last entry; it has at
+ *   most 1023 bytes with it. A later entry replaces an earlier one of the same key.
+ *
+ * Every failure is logged with file and line at LOG_ERR. Line numbers count each file's lines from 1, include lines
+ * left out. A read error ends a file like its end does.
+ *
+ * A table is used by one thread at a time; different tables are independent. Reading blocks as the files do.
+ */
+#ifndef VXUTILS_CFREAD_H
+#define VXUTILS_CFREAD_H
+
+#include <vxutils/api.h>
+
+VXUTILS_BEGIN_DECLS
+
+/**
+ * Sees each entry of a file as it is read.
+ * @param key   valid during the call; empty only when @p empty is not 0
+ * @param value valid during the call; empty only when @p empty is not 0
+ * @param arg   what the caller of cfread_parse_with_callback() gave
+ * @param empty 0 for an entry; the caller's flag for a line without key or without value
+ * @return 0 to go on; anything else ends the current file, with success: a file that includes it goes on
+ */
+typedef int (*cfread_callback)(const char *key, const char *value, void *arg, int empty);
+
+/** One entry of a table. */
+typedef struct cfread_entry {
+    int index;   /**< the slot that holds it */
+    char *key;   /**< never empty */
+    char *value; /**< may be empty when set by cfread_set_entry() */
+    long ival;   /**< the value as a number: decimal digits with at most one sign before them give their number, -1 from
+                      2147483647 up and from -2147483648 down; a sign alone gives 0; "true" 1, "false" 0; all else -1 */
+} cfread_entry;
+
+/** A table; its fields are for reading. */
+typedef struct cfread_table {
+    int count;                     /**< entries in the table */
+    int size;                      /**< slots */
+    struct cfread_entry **entries; /**< the slots; NULL in a free one, of which there may be any between others */
+    const char *file;              /**< name of the file being read: the caller's own text, not a copy */
+    unsigned int reserved;         /**< 0 */
+    cfread_callback callback;      /**< NULL in a table made by cfread_open() */
+    void *cb_arg;                  /**< for the callback */
+    unsigned char cb_empty;        /**< not 0: lines without key or value go to the callback too */
+    struct cfread_index *index;    /**< private */
+} cfread_table;
+
+/**
+ * Reads a file and what it includes into a new table.
+ * @param file name of the file; kept in the table and shown in messages of cfread_set_entry(), so it should live as
+ * long.
+ * @return the table, to be released with cfread_close(); NULL on any failure, of which nothing is kept.
+ */
+VXUTILS_API cfread_table *cfread_open(const char *file);
+
+/** Frees the table with all its entries. NULL is accepted. */
+VXUTILS_API void cfread_close(cfread_table *table);
+
+/**
+ * Looks for a key, letter by letter. Takes the same time in small and large tables.
+ * @return its entry, valid until the key is set anew or the table closed; NULL when there is none, for NULL and for "".
+ */
+VXUTILS_API cfread_entry *cfread_find_entry(const cfread_table *table, const char *key);
+
+/**
+ * Puts an entry into the table, in place of the one with the same key if there is one. The new entry takes the lowest
+ * free slot; when there is none, the table grows by 64 slots. Both texts are copied; they may be those of the entry
+ * that is replaced.
+ * @param value NULL counts as "".
+ * @return the new entry; NULL for a NULL table, a NULL or empty key, or no memory (logged). Out of memory for the
+ * copies of key or value, slot 0 is cleared and the count lowered as well. The process ends with status 1 when the
+ *         number of slots is exhausted.
+ */
+VXUTILS_API cfread_entry *cfread_set_entry(cfread_table *table, const char *key, const char *value);
+
+/**
+ * Reads a file and what it includes and hands each entry to a callback; nothing is stored.
+ * @param file     name of the file
+ * @param callback called for each entry, in order
+ * @param arg      handed to the callback
+ * @param cb_empty not 0 (in its low 8 bits): also call for lines without key or without value, with these 8 bits as the
+ *                 callback's last argument
+ * @return 0, also when the callback ended the reading; -1 on a NULL callback or any failure, which comes after the
+ *         callback has seen what stands before it
+ */
+VXUTILS_API int cfread_parse_with_callback(const char *file, cfread_callback callback, void *arg, int cb_empty);
+
+VXUTILS_END_DECLS
+
+#endif

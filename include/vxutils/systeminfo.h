@@ -1,0 +1,64 @@
+/* SPDX-License-Identifier: MIT */
+/**
+ * @file
+ * Reader of "/etc/default/system-info", the shell-style list of variables that describes the device.
+ *
+ * @code
+ *     systeminfo_table *info = systeminfo_init();
+ *     printf("%s revision %d\n", systeminfo_getvar(info, "PRODUCT"), systeminfo_getint(info, "REVISION"));
+ *     systeminfo_free(info);
+ * @endcode
+ *
+ * A line "NAME=VALUE" is a variable; blanks before the name are skipped, those between it and the "=" belong to it.
+ * Lines without "=", with nothing behind it, and comments ("#" after any blanks) are skipped. A value that begins with
+ * a double quote ends before the next one (or the line feed) and loses both; any other is kept as it stands, leading
+ * blanks and the line feed included: texts are written in quotes, and numbers do not mind. Lines have at most 1022
+ * bytes; what is longer counts as another line. The file is read up to the first line that begins with a NUL. The first
+ * of several variables of one name counts.
+ *
+ * Nothing is logged. A table may be read by several threads.
+ */
+#ifndef VXUTILS_SYSTEMINFO_H
+#define VXUTILS_SYSTEMINFO_H
+
+#include <vxutils/api.h>
+
+VXUTILS_BEGIN_DECLS
+
+/** One variable. */
+typedef struct systeminfo_var {
+    char *name;  /**< NULL where there is none */
+    char *value; /**< NULL where there is none */
+} systeminfo_var;
+
+/** All variables, in the order of the file. */
+typedef struct systeminfo_table {
+    int count; /**< filled ones of @c vars */
+    struct systeminfo_var vars[256];
+} systeminfo_table;
+
+/**
+ * Reads the file.
+ * @return the table, to be released with systeminfo_free(); NULL when the file cannot be opened, holds more than 256
+ *         variables, or memory is short.
+ */
+VXUTILS_API systeminfo_table *systeminfo_init(void);
+
+/**
+ * Value of a variable.
+ * @return the value, valid as long as the table; "" when there is none, also for NULL. Never NULL.
+ */
+VXUTILS_API const char *systeminfo_getvar(const systeminfo_table *table, const char *name);
+
+/**
+ * Value of a variable as a number.
+ * @return what atoi() makes of the value; -1 when there is none or it is empty, also for NULL.
+ */
+VXUTILS_API int systeminfo_getint(const systeminfo_table *table, const char *name);
+
+/** Frees the table. NULL is accepted. */
+VXUTILS_API void systeminfo_free(systeminfo_table *table);
+
+VXUTILS_END_DECLS
+
+#endif

@@ -1,0 +1,143 @@
+// SPDX-License-Identifier: MIT
+// The device's system information.
+#include <vxutils/systeminfo.h>
+
+#include <filesystem>
+#include <memory>
+
+#include "support/files.h"
+#include "support/process.h"
+#include "support/resources.h"
+#include "support/syslog_capture.h"
+
+namespace {
+
+static_assert(offsetof(systeminfo_table, vars) == sizeof(char *));
+static_assert(sizeof(systeminfo_table) == sizeof(char *) + 256 * 2 * sizeof(char *));
+
+constexpr const char *path = "/etc/default/system-info";
+
+using Table = std::unique_ptr<systeminfo_table, decltype(&systeminfo_free)>;
+using Pairs = std::vector<std::pair<std::string, std::string>>;
+
+Table read(const std::string &text) {
+    vxtest::writeFile(path, text);
+    return Table(systeminfo_init(), &systeminfo_free);
+}
+
+Pairs pairs(const std::string &text) {
+    const Table table = read(text);
+    if (table == nullptr) return {{"no", "table"}};
+    Pairs found;
+    for (int i = 0; i < table->count; ++i) found.emplace_back(table->vars[i].name, table->vars[i].value);
+    for (int i = table->count; i < 256; ++i) {
+        EXPECT_EQ(table->vars[i].name, nullptr);
+        EXPECT_EQ(table->vars[i].value, nullptr);
+    }
+    return found;
+}
+
+class Systeminfo : public testing::Test {
+protected:
+    ~Systeminfo() override { EXPECT_TRUE(log.take().empty()); }  // nothing is logged, whatever happens
+    vxtest::SyslogCapture log;
+    vxtest::NoLeaks leaks;
+};
+
+TEST_F(Systeminfo, QuotedValuesLoseTheirQuotesAndLineFeed) {
+    EXPECT_EQ(pairs("X=\"12\"\nY=\"two words\"  \n"), (Pairs{{"X", "12"}, {"Y", "two words"}}));
+    const Table table = read("X=\"12\"\n");
+    EXPECT_STREQ(systeminfo_getvar(table.get(), "X"), "12");
+    EXPECT_EQ(systeminfo_getint(table.get(), "X"), 12);
+}
+
+TEST_F(Systeminfo, OtherValuesKeepTheirLineFeedAndBlanks) {
+    EXPECT_EQ(pairs("X=12\nY=  a \"b\" \nZ=last"), (Pairs{{"X", "12\n"}, {"Y", "  a \"b\" \n"}, {"Z", "last"}}));
+    EXPECT_EQ(systeminfo_getint(read("X=12\n").get(), "X"), 12);
+}
+
+TEST_F(Systeminfo, AQuotedValueEndsAtTheNextQuoteOrAtTheLineFeed) {
+    EXPECT_EQ(pairs("A=\"1\"2\"\nB=\"open\nC=\"\nD=\"\"\nE=\"\"x\"\n"),
+              (Pairs{{"A", "1"}, {"B", "open"}, {"C", ""}, {"D", ""}, {"E", ""}}));
+}
+
+TEST_F(Systeminfo, CommentsAndLinesWithoutAValueAreSkipped) {
+    EXPECT_EQ(pairs("# A=1\n   # B=2\n\n   \nword\nC="), Pairs{});
+    EXPECT_EQ(pairs("C=\nD"), (Pairs{{"C", "\n"}}));  // the line feed is something behind the "="
+    EXPECT_EQ(pairs("\t# A=1\n"), (Pairs{{"\t# A", "1\n"}}));
+}
+
+TEST_F(Systeminfo, BlanksBeforeANameAreSkippedAndThoseBehindItBelongToIt) {
+    EXPECT_EQ(pairs("   A B =\"1\"\n\tC=\"2\"\n=\"3\"\n"), (Pairs{{"A B ", "1"}, {"\tC", "2"}, {"", "3"}}));
+}
+
+TEST_F(Systeminfo, OnlyTheFirstEqualsSignDivides) { EXPECT_EQ(pairs("A=\"b=c\"\n"), (Pairs{{"A", "b=c"}})); }
+
+TEST_F(Systeminfo, LinesHave1022BytesAndTheRestIsALineOfItsOwn) {
+    const std::string value(1020, 'v');
+    EXPECT_EQ(pairs("A=" + value.substr(1) + "\nB=1\n"), (Pairs{{"A", value.substr(1) + "\n"}, {"B", "1\n"}}));
+    EXPECT_EQ(pairs("A=" + value + "C=2\nB=1\n"), (Pairs{{"A", value}, {"C", "2\n"}, {"B", "1\n"}}));
+}
+
+TEST_F(Systeminfo, ALineThatBeginsWithANulEndsTheReading) {
+    EXPECT_EQ(pairs(std::string("A=1\n\0B=2\nC=3\n", 13)), (Pairs{{"A", "1\n"}}));
+    EXPECT_EQ(pairs(std::string("A=1\0\nB=2\n", 9)), (Pairs{{"A", "1"}, {"B", "2\n"}}));
+}
+
+TEST_F(Systeminfo, HoldsUpTo256Variables) {
+    std::string text;
+    for (int i = 0; i < 256; ++i) text += "V" + std::to_string(i) + "=\"" + std::to_string(i) + "\"\n";
+    const Table table = read(text + "# not one more\n");
+    ASSERT_NE(table, nullptr);
+    EXPECT_EQ(table->count, 256);
+    EXPECT_EQ(systeminfo_getint(table.get(), "V255"), 255);
+    EXPECT_EQ(read(text + "V256=1\n"), nullptr);
+}
+
+TEST_F(Systeminfo, TheFirstOfSeveralVariablesOfANameCounts) {
+    const Table table = read("A=\"1\"\nA=\"2\"\n");
+    EXPECT_EQ(table->count, 2);
+    EXPECT_STREQ(systeminfo_getvar(table.get(), "A"), "1");
+}
+
+TEST_F(Systeminfo, WhatIsMissingIsEmptyAndMinusOne) {
+    const Table table = read("A=\"1\"\nE=\"\"\nT=\"text\"\n");
+    EXPECT_STREQ(systeminfo_getvar(table.get(), "B"), "");
+    EXPECT_EQ(systeminfo_getint(table.get(), "B"), -1);
+    EXPECT_STREQ(systeminfo_getvar(table.get(), "a"), "");
+    EXPECT_STREQ(systeminfo_getvar(table.get(), "E"), "");
+    EXPECT_EQ(systeminfo_getint(table.get(), "E"), -1);
+    EXPECT_EQ(systeminfo_getint(table.get(), "T"), 0);
+    EXPECT_STREQ(systeminfo_getvar(nullptr, "A"), "");
+    EXPECT_EQ(systeminfo_getint(nullptr, "A"), -1);
+    const Table empty = read("");
+    EXPECT_STREQ(systeminfo_getvar(empty.get(), "A"), "");
+    EXPECT_EQ(systeminfo_getint(empty.get(), "A"), -1);
+    EXPECT_STREQ(systeminfo_getvar(table.get(), nullptr), "");
+    EXPECT_EQ(systeminfo_getint(table.get(), nullptr), -1);
+    systeminfo_free(nullptr);
+}
+
+TEST_F(Systeminfo, NumbersAreWhatAtoiMakesOfThem) {
+    const Table table = read("A=  -12x\nB=\"+3\"\nC=\"0x10\"\n");
+    EXPECT_EQ(systeminfo_getint(table.get(), "A"), -12);
+    EXPECT_EQ(systeminfo_getint(table.get(), "B"), 3);
+    EXPECT_EQ(systeminfo_getint(table.get(), "C"), 0);
+}
+
+TEST_F(Systeminfo, AMissingFileGivesNoTable) {
+    std::filesystem::remove(path);
+    EXPECT_EQ(systeminfo_init(), nullptr);
+}
+
+TEST_F(Systeminfo, TheExamplePrintsVariables) {
+    vxtest::writeFile(path, "PRODUCT=\"gateway\"\nREVISION=\"7\"\n");
+    const std::string program = vxtest::built("examples/system_info");
+    EXPECT_EQ(vxtest::run({program}).text, "PRODUCT: gateway\nREVISION: 7\n");
+    EXPECT_EQ(vxtest::run({program, "REVISION", "NONE"}).text,
+              "REVISION: \"7\", as a number 7\nNONE: \"\", as a number -1\n");
+    std::filesystem::remove(path);
+    EXPECT_EQ(vxtest::run({program}).status, 1);
+}
+
+}  // namespace

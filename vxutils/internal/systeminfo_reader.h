@@ -1,0 +1,14 @@
+// SPDX-License-Identifier: MIT
+// The reader behind systeminfo_init(), for any file.
+#pragma once
+
+#include <vxutils/systeminfo.h>
+
+#include <cstdio>
+
+namespace vx {
+
+// Reads the rest of the file; null when it holds too many variables or memory is short. Free with systeminfo_free().
+systeminfo_table *readSystemInfo(FILE *file);
+
+}  // namespace vx
