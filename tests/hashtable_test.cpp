@@ -377,8 +377,9 @@ TEST(INStringHashTable, RemoveAllEntriesAndTheWalk) {
 
 TEST(INStringHashTable, LongKeysAreWhole) {
     INStringHashTable table(4);
-    const std::string one = std::string(100000, 'x') + "1";
-    const std::string two = std::string(100000, 'x') + "2";
+    const std::string two(100000, 'x');
+    std::string one = two;
+    one.back() = '1';
     table.addEntry(one.c_str(), slot(1));
     void *value = nullptr;
     EXPECT_TRUE(table.getValueFromKey(one.c_str(), &value));

@@ -29,6 +29,13 @@ std::string printed(Print print, Value value, int base) {
     return result;
 }
 
+// So many of a character, and a tail.
+std::string repeated(size_t count, char c, const char *tail) {
+    std::string text;
+    while (text.size() < count) text += c;
+    return text.append(tail);
+}
+
 // Digits by repeated division.
 std::string digitsOf(uint64_t value, unsigned int base) {
     std::string text;
@@ -70,7 +77,7 @@ TEST(I32toa, WritesTheExtremes) {
     EXPECT_EQ(printed(i32toa, INT32_MAX, 10), "2147483647");
     EXPECT_EQ(printed(i32toa, INT32_MAX, 16), "7FFFFFFFh");
     EXPECT_EQ(printed(i32toa, INT32_MAX, 8), "17777777777o");
-    EXPECT_EQ(printed(i32toa, INT32_MAX, 2), std::string(31, '1') + "b");
+    EXPECT_EQ(printed(i32toa, INT32_MAX, 2), repeated(31, '1', "b"));
 }
 
 TEST(I32toa, RefusesNegativeNumbersInBases8And16) {
@@ -104,7 +111,7 @@ TEST(UI32toa, WritesTheLargestNumberInEachBase) {
     EXPECT_EQ(printed(u_i32toa, UINT32_MAX, 10), "4294967295");
     EXPECT_EQ(printed(u_i32toa, UINT32_MAX, 16), "FFFFFFFFh");
     EXPECT_EQ(printed(u_i32toa, UINT32_MAX, 8), "37777777777o");
-    EXPECT_EQ(printed(u_i32toa, UINT32_MAX, 2), std::string(32, '1') + "b");
+    EXPECT_EQ(printed(u_i32toa, UINT32_MAX, 2), repeated(32, '1', "b"));
 }
 
 TEST(UI32toa, AgreesWithRepeatedDivision) {
@@ -135,7 +142,7 @@ TEST(UI16toa, IsTheSameOver16Bits) {
     EXPECT_EQ(printed(u_i16toa, UINT16_MAX, 10), "65535");
     EXPECT_EQ(printed(u_i16toa, UINT16_MAX, 16), "FFFFh");
     EXPECT_EQ(printed(u_i16toa, UINT16_MAX, 8), "177777o");
-    EXPECT_EQ(printed(u_i16toa, UINT16_MAX, 2), std::string(16, '1') + "b");
+    EXPECT_EQ(printed(u_i16toa, UINT16_MAX, 2), repeated(16, '1', "b"));
 }
 
 // ---- Reading ----
@@ -212,18 +219,17 @@ TEST(ValueOf32, WrapsAround) {
     EXPECT_EQ(valueOf32("FFFFFFFFh"), -1);
     EXPECT_EQ(valueOf32("-FFFFFFFFh"), 1);
     EXPECT_EQ(valueOf32("123456789ABCDEFh"), static_cast<int32_t>(0x89abcdef));
-    EXPECT_EQ(valueOf32((std::string(32, '1') + "b").c_str()), -1);
+    EXPECT_EQ(valueOf32(repeated(32, '1', "b").c_str()), -1);
 }
 
 TEST(ValueOf32, UsesAtMost33Characters) {
-    const std::string zeros(30, '0');
-    EXPECT_EQ(valueOf32((zeros + "123").c_str()), 123);
-    EXPECT_EQ(valueOf32((zeros + "1234").c_str()), 123);
-    EXPECT_EQ(valueOf32((zeros + "12h").c_str()), 0x12) << "the marker is the 33rd character";
-    EXPECT_EQ(valueOf32((zeros + "123h").c_str()), 123) << "a marker behind is cut off";
-    EXPECT_EQ(valueOf32((zeros + "1bh").c_str()), 0x1b);
-    EXPECT_EQ(valueOf32((zeros + "10bh").c_str()), 2) << "what is left may end in a marker";
-    EXPECT_EQ(valueOf32(("-" + zeros + "123").c_str()), -12) << "the sign is one of the 33";
+    EXPECT_EQ(valueOf32(repeated(30, '0', "123").c_str()), 123);
+    EXPECT_EQ(valueOf32(repeated(30, '0', "1234").c_str()), 123);
+    EXPECT_EQ(valueOf32(repeated(30, '0', "12h").c_str()), 0x12) << "the marker is the 33rd character";
+    EXPECT_EQ(valueOf32(repeated(30, '0', "123h").c_str()), 123) << "a marker behind is cut off";
+    EXPECT_EQ(valueOf32(repeated(30, '0', "1bh").c_str()), 0x1b);
+    EXPECT_EQ(valueOf32(repeated(30, '0', "10bh").c_str()), 2) << "what is left may end in a marker";
+    EXPECT_EQ(valueOf32(("-" + repeated(30, '0', "123")).c_str()), -12) << "the sign is one of the 33";
 }
 
 TEST(ValueOf32, ReadsNoByteBehindThe33rd) {
