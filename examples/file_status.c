@@ -41,7 +41,7 @@ static int publish(const char *file, int updates) {
 }
 
 int main(int argc, char **argv) {
-    const int updates = argc > 1 ? atoi(argv[1]) : 500;
+    const int updates = argc > 1 ? (int)strtol(argv[1], NULL, 10) : 500;
     const char *file = argc > 2 ? argv[2] : "/tmp/status/example/state";
     char directory[] = "/tmp/status/example";
     if (create_directory(directory) != 0 || publish(file, 1) != 0) return EXIT_FAILURE;

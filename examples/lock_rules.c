@@ -43,7 +43,7 @@ static int count_whole_changes(void) {
 }
 
 int main(int argc, char **argv) {
-    const int changes = argc > 1 ? atoi(argv[1]) : 200;
+    const int changes = argc > 1 ? (int)strtol(argv[1], NULL, 10) : 200;
     remove(rules);
     const pid_t other = fork();
     if (other == 0) {

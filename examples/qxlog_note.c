@@ -12,7 +12,7 @@
 #include <vxutils/qxlog.h>
 
 int main(int argc, char **argv) {
-    if (argc == 3) return qxlog(atoi(argv[1]), argv[2]) == 0 ? EXIT_SUCCESS : EXIT_FAILURE;
+    if (argc == 3) return qxlog((int)strtol(argv[1], NULL, 10), argv[2]) == 0 ? EXIT_SUCCESS : EXIT_FAILURE;
     if (argc == 2 && strcmp(argv[1], "clear") == 0) return qxlog_clear() == 0 ? EXIT_SUCCESS : EXIT_FAILURE;
     if (argc != 1) {
         fputs("usage: qxlog_note [clear | NUMBER TEXT]\n", stderr);

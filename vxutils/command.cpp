@@ -12,6 +12,7 @@
 #include <array>
 #include <cerrno>
 #include <cstdarg>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -99,7 +100,7 @@ public:
 private:
     bool attach() {
         void *const address = ::shmat(id_, nullptr, 0);
-        if (address == reinterpret_cast<void *>(-1)) return false;
+        if (reinterpret_cast<intptr_t>(address) == -1) return false;
         record_ = static_cast<int *>(address);
         return true;
     }

@@ -61,11 +61,13 @@ firewall_lock_handle *firewall_lock(void) {
         vx::log(LOG_ERR, "firewall_lock: unable to acquire lock, errno=%s", std::strerror(errno));
         return nullptr;
     }
-    auto *handle = new (std::nothrow) firewall_lock_handle{std::move(fd)};
+    auto *handle = new (std::nothrow) firewall_lock_handle;
     if (handle == nullptr) {
         (void)flockThroughSignals(fd, LOCK_UN);
         vx::log(LOG_ERR, "firewall_lock: context allocation failed");
+        return nullptr;
     }
+    handle->fd = std::move(fd);
     return handle;
 }
 

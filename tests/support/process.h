@@ -57,6 +57,9 @@ int inChild(const std::function<int()> &body);
 pid_t startChild(const std::function<int()> &body);
 int waitChild(pid_t pid);
 
+// Whether this box has users beside root: one made by an ordinary user has not.
+bool hasOtherUsers();
+
 // Waits until the condition holds, looking every 2 ms; false after timeout_ms.
 bool eventually(const std::function<bool()> &condition, int timeout_ms = 15000);
 
