@@ -35,6 +35,8 @@
 namespace {
 std::vector<int> rebootCommands;
 }
+extern "C" const char *__asan_default_options();
+extern "C" const char *__asan_default_options() { return "allocator_may_return_null=1"; }
 extern "C" int reboot(int command) noexcept {
     rebootCommands.push_back(command);
     return 0;
@@ -548,6 +550,19 @@ TEST(Makeargv, GivesEachArgumentRoomForTheWholeLine) {
 TEST(Makeargv, TakesALineOfAnyLength) {
     const std::string word(1000000, 'w');
     EXPECT_EQ(split(word + " x"), "2: [" + word + "] [x]");
+}
+
+TEST(Makeargv, FailsWithoutMemory) {
+    if (vxtest::emulated()) GTEST_SKIP() << "the emulator does not pass the limit on";
+    vxtest::HugeText line;
+    EXPECT_EQ(vxtest::inChild([&] {
+                  const rlimit none{0, 0};
+                  if (::setrlimit(RLIMIT_AS, &none) != 0) return 100;
+                  char **argv = nullptr;
+                  int argc = -7;
+                  return makeargv(line.c_str(), &argv, &argc) == -1 && argv == nullptr && argc == -7 ? 0 : 1;
+              }),
+              0);
 }
 
 TEST(Makeargv, RefusesNullAndFreesNull) {

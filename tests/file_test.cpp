@@ -20,10 +20,27 @@
 #include <random>
 #include <thread>
 
+#include "support/emulation.h"
 #include "support/files.h"
 #include "support/process.h"
 #include "support/resources.h"
 #include "support/syslog_capture.h"
+
+// Memory runs out where a test wants it: the library's allocator of zeroed records, this program's instead, and the
+// address sanitizer's, which ends the program otherwise.
+namespace {
+int recordsLeft = -1;  // -1: as many as are asked for
+}
+void *zalloc(size_t size) {
+    if (recordsLeft == 0) {
+        errno = ENOMEM;
+        return nullptr;
+    }
+    if (recordsLeft > 0) --recordsLeft;
+    return std::calloc(size, 1);
+}
+extern "C" const char *__asan_default_options();
+extern "C" const char *__asan_default_options() { return "allocator_may_return_null=1"; }
 
 namespace {
 
@@ -213,6 +230,19 @@ TEST_F(WriteFileAtomic, ASizeThatLeavesNoRoomForTheNewlineIsNoMemory) {
                                                  "Unable to write to file (/dev/shm/direct) - errno=12(Cannot allocate "
                                                  "memory)"}}));
     ::unlink("/dev/shm/direct");
+}
+
+TEST_F(WriteFileAtomic, ANameThatMemoryDoesNotHoldTwiceIsReported) {
+    if (vxtest::emulated()) GTEST_SKIP() << "the emulator does not pass the limit on";
+    vxtest::HugeText name;
+    vxtest::SyslogCapture log;
+    EXPECT_EQ(vxtest::inChild([&] {
+                  const rlimit none{0, 0};
+                  if (::setrlimit(RLIMIT_AS, &none) != 0) return 100;
+                  return write_file_atomic(name.c_str(), "x", 1, 0, 1) == -1 && errno == ENOMEM ? 0 : 1;
+              }),
+              0);
+    EXPECT_EQ(log.take(), (std::vector<LogLine>{{LOG_ERR, "Unable to allocate temporary filename (out of memory?)"}}));
 }
 
 // A name so long that only the temporary file's is too long for a directory entry.
@@ -687,6 +717,15 @@ TEST_F(ReadFileLines, AnEmptyFileHasNoLines) {
     EXPECT_EQ(readLines(""), 0);
     EXPECT_EQ(list_empty(&lines_), 1);
     EXPECT_EQ(read_file_lines(dir.c_str(), &lines_), 0);
+}
+
+TEST_F(ReadFileLines, WithoutMemoryTheLinesReadSoFarStay) {
+    vxtest::SyslogCapture log;
+    recordsLeft = 2;
+    EXPECT_EQ(readLines("one\ntwo\nthree\n"), READFILE_OUT_OF_MEMORY);
+    recordsLeft = -1;
+    EXPECT_EQ(texts(), (std::vector<std::string>{"one", "two"}));
+    EXPECT_EQ(log.take(), (std::vector<LogLine>{{LOG_ERR, "Zalloc failed, errno: Cannot allocate memory"}}));
 }
 
 TEST_F(ReadFileLines, AMissingFileIsToldApart) {

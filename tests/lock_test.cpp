@@ -13,12 +13,26 @@
 #include <chrono>
 #include <csignal>
 #include <cstring>
+#include <new>
 #include <thread>
 
 #include "support/files.h"
 #include "support/process.h"
 #include "support/resources.h"
 #include "support/syslog_capture.h"
+
+// Memory runs out where a test wants it.
+namespace {
+bool outOfMemory = false;
+}
+void *operator new(size_t size, const std::nothrow_t &) noexcept {
+    if (outOfMemory) return nullptr;
+    try {
+        return ::operator new(size);
+    } catch (const std::bad_alloc &) {
+        return nullptr;
+    }
+}
 
 namespace {
 
@@ -182,6 +196,15 @@ TEST_F(FirewallLock, AFileThatCannotBeOpenedIsReported) {
                                                  "firewall_lock: unable to open lockfile "
                                                  "\"/var/lock/iptables_flock_file\" - errno=Read-only file system"}}));
     ASSERT_EQ(::umount("/var/lock"), 0);
+}
+
+TEST_F(FirewallLock, WithoutMemoryTheLockIsGivenBack) {
+    vxtest::SyslogCapture log;
+    outOfMemory = true;
+    EXPECT_EQ(firewall_lock(), nullptr);
+    outOfMemory = false;
+    EXPECT_EQ(log.take(), (std::vector<LogLine>{{LOG_ERR, "firewall_lock: context allocation failed"}}));
+    EXPECT_TRUE(isFree());
 }
 
 TEST_F(FirewallLock, UnlockingNullIsFine) { EXPECT_EQ(firewall_unlock(nullptr), 0); }

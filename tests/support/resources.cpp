@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cstring>
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
@@ -49,6 +50,32 @@ int zombieChildren() {
     ::closedir(dir);
     return zombies;
 }
+
+namespace {
+
+constexpr size_t pieceSize = 2u << 20;
+constexpr size_t pieces = 256;
+
+void mapPiece(char *where, int fd) {
+    const auto flags = MAP_FIXED | (fd == -1 ? MAP_PRIVATE | MAP_ANONYMOUS : MAP_SHARED);
+    if (::mmap(where, pieceSize, PROT_READ | PROT_WRITE, flags, fd, 0) == MAP_FAILED) throw std::runtime_error("mmap");
+}
+
+}  // namespace
+
+HugeText::HugeText() {
+    void *map = ::mmap(nullptr, (pieces + 1) * pieceSize, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (map == MAP_FAILED) throw std::runtime_error("mmap");
+    text_ = static_cast<char *>(map);
+    const int fd = ::memfd_create("piece", MFD_CLOEXEC);
+    if (fd == -1 || ::ftruncate(fd, pieceSize) == -1) throw std::runtime_error("memfd");
+    for (size_t i = 0; i < pieces; ++i) mapPiece(text_ + i * pieceSize, fd);
+    ::close(fd);
+    mapPiece(text_ + pieces * pieceSize, -1);  // the terminator
+    std::memset(text_, 'h', pieceSize);
+}
+
+HugeText::~HugeText() { ::munmap(text_, (pieces + 1) * pieceSize); }
 
 GuardedBuffer::GuardedBuffer(size_t size) : size_(size) {
     const auto page = static_cast<size_t>(::sysconf(_SC_PAGESIZE));

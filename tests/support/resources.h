@@ -38,6 +38,21 @@ private:
     int zombies_;
 };
 
+// A text of hundreds of megabytes that takes two of memory: the same piece, mapped again and again. For calls that are
+// to run out of memory when they copy it (within a limit of the address space).
+class HugeText {
+public:
+    HugeText();
+    ~HugeText();
+    HugeText(const HugeText &) = delete;
+    HugeText &operator=(const HugeText &) = delete;
+
+    const char *c_str() const { return text_; }
+
+private:
+    char *text_;
+};
+
 // A block of `size` bytes that ends right at an unreadable page (and begins behind one when size is a page multiple).
 class GuardedBuffer {
 public:
