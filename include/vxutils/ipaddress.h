@@ -1,0 +1,195 @@
+/* SPDX-License-Identifier: MIT */
+/**
+ * @file
+ * `IpAddress`: an IPv4 address together with its netmask, as a value of 36 bytes.
+ *
+ * @code
+ *   IpAddress lan("192.168.1.1/24");
+ *   IpAddress peer("192.168.1.77");
+ *   if (lan.isIfaceType() && lan.contains(peer)) puts("a neighbour");
+ * @endcode
+ *
+ * Addresses and masks are 32-bit numbers in host order, a.b.c.d being a<<24 | b<<16 | c<<8 | d, handed over as
+ * `unsigned long`; where that is wider, its upper half is ignored and comes back as 0.  Texts are dotted quads, with an
+ * optional slash and prefix length for an address; decimal only, no leading zeros, no blanks.
+ *
+ * A fresh object is empty: type 0, address 0.0.0.0, mask 255.255.255.255.  Setters return 0, or -1 and leave the object
+ * as it was.  Nothing is allocated but in the Strings that are handed in; nothing blocks, logs or throws.  An object
+ * may be read from several threads as long as none changes it.
+ *
+ * The IPv6 operations are placeholders: they store nothing, and the setters refuse.
+ */
+#ifndef VXUTILS_IPADDRESS_H
+#define VXUTILS_IPADDRESS_H
+
+#include <stdint.h>
+#include <vxutils/api.h>
+#include <vxutils/vxstring.h>
+
+class VXUTILS_API IpAddress {
+public:
+    static const uint32_t ipv4McGrpAllRouters = 0xe0000002;  /**< 224.0.0.2 */
+    static const uint32_t ipv4McGrpAllHosts = 0xe0000001;    /**< 224.0.0.1 */
+    static const uint32_t ipv4McGrpUnspecified = 0xe0000000; /**< 224.0.0.0 */
+    static const uint32_t ipv4Loopback = 0x7f000001;         /**< 127.0.0.1 */
+
+    /** @name Construction
+     * @{ */
+
+    /** An empty object. */
+    IpAddress();
+
+    /** Of a text as setIpAddrAsString() takes it; empty when it is refused. */
+    IpAddress(const String &text);
+
+    /** Of an address and a mask as setIpAddrAsString() and setNetMaskAsString() take them; empty when one is refused.
+     */
+    IpAddress(const String &ip, const String &mask);
+
+    /** Of two numbers; empty, and without the address too, when the mask is not valid. */
+    IpAddress(unsigned long address, unsigned long mask);
+
+    /** Makes the object empty. */
+    void init();
+
+    /** @return an empty object that lives until the process exits. */
+    static const IpAddress &EMPTY();
+
+    /** @} */
+    /** @name Address, network and mask
+     * Each getter with a reference argument stores into it and returns it.
+     * @{ */
+
+    /** @return @p text with the address as a dotted quad; the empty text unless the type is IPv4. */
+    String &getIpAddrAsString(String &text) const;
+    /** @return @p text with the network, address AND mask; the empty text unless the type is IPv4. */
+    String &getNetAddressAsString(String &text) const;
+    /** @return @p text with the mask; the empty text unless the type is IPv4. */
+    String &getNetMaskAsString(String &text) const;
+
+    /** @return the address, whatever the type. */
+    unsigned long &getV4IpAddrAsBinaryUInt32(unsigned long &address) const;
+    /** @copydoc getV4IpAddrAsBinaryUInt32(unsigned long &) const */
+    unsigned long getV4IpAddrAsBinaryUInt32() const;
+    /** Sets the address and the type; the mask stays. @return 0. */
+    int setV4IpAddrAsBinaryUInt32(unsigned long address);
+
+    /** @return the network, address AND mask, whatever the type. */
+    unsigned long &getV4NetAddrAsBinaryUInt32(unsigned long &address) const;
+    /** @copydoc getV4NetAddrAsBinaryUInt32(unsigned long &) const */
+    unsigned long getV4NetAddrAsBinaryUInt32() const;
+
+    /** @return the mask, whatever the type. */
+    unsigned long &getV4NetMaskAsBinaryUInt32(unsigned long &mask) const;
+    /** @copydoc getV4NetMaskAsBinaryUInt32(unsigned long &) const */
+    unsigned long getV4NetMaskAsBinaryUInt32() const;
+    /** Sets the mask and the type; the address stays. @return 0, or -1 for a mask that is not valid. */
+    int setV4NetMaskAsBinaryUInt32(unsigned long mask);
+
+    /** @return the leading one bits of the mask, whatever follows them; 0 unless the type is IPv4. */
+    unsigned long &getNetMaskSize(unsigned long &size) const;
+    /** @copydoc getNetMaskSize(unsigned long &) const */
+    unsigned long getNetMaskSize() const;
+    /** Sets the mask by its prefix length. @return 0; -1 for more than 32 and unless the type is IPv4. */
+    int setNetMaskSize(unsigned long size);
+
+    /**
+     * Takes an address "a.b.c.d", which leaves the mask, or "a.b.c.d/n", which sets it.
+     * @return 0, or -1 for any other text.
+     */
+    int setIpAddrAsString(const String &text);
+
+    /** Takes a mask "a.b.c.d", its one bits before its zero bits; the address stays. @return 0, or -1. */
+    int setNetMaskAsString(const String &text);
+
+    /** @} */
+    /** @name Questions
+     * All are false unless the type is IPv4.
+     * @{ */
+
+    /** @return whether the mask is valid. @param size gets the prefix length as s_isV4MaskValid() counts it. */
+    bool isMaskValid(unsigned long &size) const;
+
+    /** @return whether the other's address lies in this network; the other's type and mask are not looked at. */
+    bool contains(const IpAddress &other) const;
+
+    /** @return whether this equals a fresh object. */
+    bool isEmpty() const;
+
+    bool isV4ClassA() const;   /**< 0.0.0.0 to 127.255.255.255 */
+    bool isV4ClassB() const;   /**< 128.0.0.0 to 191.255.255.255 */
+    bool isV4ClassC() const;   /**< 192.0.0.0 to 223.255.255.255 */
+    bool isV4ClassD() const;   /**< 224.0.0.0 to 239.255.255.255, multicast */
+    bool isV4ClassE() const;   /**< from 240.0.0.0 on */
+    bool isV4ClassABC() const; /**< below 224.0.0.0 */
+    bool isLoopback() const;   /**< 127.x.x.x */
+    bool isLocalGroup() const; /**< 224.0.0.x */
+
+    /** A single host: class A, B or C, first byte not 0, mask 255.255.255.255. */
+    bool isHostType() const;
+    /** The default gateway: 0.0.0.0 with mask 0.0.0.0. */
+    bool isDefGwType() const;
+    /** The limited broadcast, 255.255.255.255; the mask is not looked at. */
+    bool isLimBcType() const;
+    /** A network, its host part all zeros, with a prefix of 2 to 30 bits; or the default gateway. */
+    bool isNetType() const;
+    /** A host within a network, its host part neither all zeros nor all ones, with a prefix of 2 to 30 bits. */
+    bool isIfaceType() const;
+    /** A network's broadcast, its host part all ones, with a prefix of 2 to 30 bits. */
+    bool isDirBcType() const;
+    /** A host, network, interface, limited or directed broadcast. */
+    bool isValidAddress() const;
+
+    /** @} */
+    /** @name IPv6 placeholders
+     * @{ */
+
+    unsigned char *getV6IpAddrAsBinaryString(unsigned char *address) const;  /**< Writes nothing. @return @p address. */
+    unsigned char *getV6NetAddrAsBinaryString(unsigned char *address) const; /**< Writes nothing. @return @p address. */
+    unsigned char *getV6NetMaskAsBinaryString(unsigned char *mask) const;    /**< Writes nothing. @return @p mask. */
+    int setV6IpAddrAsBinaryString(const unsigned char *address);             /**< Changes nothing. @return -1. */
+    int setV6NetMaskAsBinaryString(const unsigned char *mask);               /**< Changes nothing. @return -1. */
+    static bool s_isV6MaskValid(const char *mask, const unsigned long &size); /**< @return false. */
+
+    /** @} */
+    /** @name Pieces of a text
+     * Each looks at @p text from @p pos on; on success @p pos moves behind what was read, else it stays, as does the
+     * value.
+     * @{ */
+
+    /** One decimal octet: "0", or one to three digits without a leading zero, below 256. */
+    static bool s_getV4IpAddrTokenOfString(const String &text, long &pos, unsigned long &value);
+    /** One prefix length: "0", or one or two digits without a leading zero, below 33. */
+    static bool s_getV4NetMaskSizeOfString(const String &text, long &pos, unsigned long &value);
+    /** The character @p ch. */
+    static bool s_getCharOfString(const String &text, long &pos, char ch);
+    /** The end of the text: a position at or behind its length. */
+    static bool s_getEndOfString(const String &text, const long &pos);
+
+    /** @} */
+
+    /**
+     * @return whether all one bits of @p mask stand before all zero bits.
+     * @param size gets the number of leading one bits, also for a mask that is not valid.
+     */
+    static bool s_isV4MaskValid(unsigned long mask, unsigned long &size);
+
+private:
+    friend VXUTILS_API bool operator==(const IpAddress &left, const IpAddress &right);
+
+    uint32_t v4Address() const { return address_[0]; }
+    uint32_t v4Mask() const { return netmask_[0]; }
+    bool isV4() const { return type_ == 1; }
+    bool isInNumberedNetwork() const;
+
+    uint32_t type_;        // 0: empty, 1: IPv4
+    uint32_t address_[4];  // IPv4 uses the first word
+    uint32_t netmask_[4];
+};
+
+/** @return whether type, address and mask are the same, all 16 bytes of both. */
+VXUTILS_API bool operator==(const IpAddress &left, const IpAddress &right);
+/** @return whether one of them differs. */
+VXUTILS_API bool operator!=(const IpAddress &left, const IpAddress &right);
+
+#endif

@@ -1,0 +1,306 @@
+// SPDX-License-Identifier: MIT
+#include <vxutils/ipaddress.h>
+
+#include <algorithm>
+#include <bit>
+#include <cstdint>
+#include <type_traits>
+
+// Daemons keep these by value: in records, in tables, in shared memory.
+static_assert(sizeof(IpAddress) == 36 && !std::is_polymorphic_v<IpAddress>);
+
+const uint32_t IpAddress::ipv4McGrpAllRouters;
+const uint32_t IpAddress::ipv4McGrpAllHosts;
+const uint32_t IpAddress::ipv4McGrpUnspecified;
+const uint32_t IpAddress::ipv4Loopback;
+
+namespace {
+
+constexpr uint32_t kTypeEmpty = 0;
+constexpr uint32_t kTypeV4 = 1;
+constexpr uint32_t kAllOnes = 0xffffffff;
+constexpr uint32_t kClassB = 0x80000000;
+constexpr uint32_t kClassC = 0xc0000000;
+constexpr uint32_t kClassD = 0xe0000000;
+constexpr uint32_t kClassE = 0xf0000000;
+constexpr uint32_t kFirstNumbered = 0x01000000;  // 0.x.x.x is "this network"
+constexpr unsigned int kWordBits = 32;
+constexpr unsigned int kShortestPrefix = 2;
+constexpr unsigned int kLongestPrefix = 30;
+
+constexpr uint32_t kOctetLimit = 256;
+constexpr long kOctetDigits = 3;
+constexpr uint32_t kPrefixLimit = 33;
+constexpr long kPrefixDigits = 2;
+constexpr size_t kQuadText = sizeof "255.255.255.255";
+
+// On wider machines only the lower half of a number counts.
+uint32_t word(unsigned long value) { return static_cast<uint32_t>(value & kAllOnes); }
+
+uint32_t leadingOnes(uint32_t mask) { return static_cast<uint32_t>(std::countl_one(mask)); }
+
+// The mask of a prefix of up to 32 bits; no shift by the whole width.
+uint32_t maskOfSize(unsigned long size) { return size == 0 ? 0 : kAllOnes << (kWordBits - size); }
+
+// The zero bits behind the leading ones must be all.
+bool isContiguous(uint32_t mask) { return mask == maskOfSize(leadingOnes(mask)); }
+
+bool isDigit(char c) { return c >= '0' && c <= '9'; }
+
+// Reads a text from left to right.  It relies on the NUL behind the text, which is neither digit nor separator.
+class Reader {
+public:
+    explicit Reader(const String &text) : begin_(text.c_str()), at_(begin_), end_(begin_ + text.length()) {}
+    Reader(const String &text, long pos) : Reader(text) { at_ += std::clamp(pos, 0L, text.length()); }
+
+    [[nodiscard]] long position() const { return at_ - begin_; }
+    [[nodiscard]] bool atEnd() const { return at_ >= end_; }
+
+    bool character(char c) {
+        if (atEnd() || *at_ != c) return false;
+        ++at_;
+        return true;
+    }
+
+    // A number of at most so many digits and below a limit; "0" is complete by itself.
+    bool number(long mostDigits, uint32_t limit, uint32_t &value) {
+        if (*at_ == '0') {
+            ++at_;
+            value = 0;
+            return true;
+        }
+        uint32_t read = 0;
+        const char *digit = at_;
+        while (isDigit(*digit) && digit < at_ + mostDigits) read = read * 10 + static_cast<uint32_t>(*digit++ - '0');
+        if (digit == at_ || read >= limit) return false;
+        at_ = digit;
+        value = read;
+        return true;
+    }
+
+    bool quad(uint32_t &value) {
+        uint32_t octets = 0;
+        for (int i = 0; i < 4; ++i) {
+            uint32_t octet = 0;
+            if (i > 0 && !character('.')) return false;
+            if (!number(kOctetDigits, kOctetLimit, octet)) return false;
+            octets = octets << 8 | octet;
+        }
+        value = octets;
+        return true;
+    }
+
+private:
+    const char *begin_;
+    const char *at_;
+    const char *end_;
+};
+
+bool readNumber(const String &text, long &pos, unsigned long &value, long mostDigits, uint32_t limit) {
+    if (pos < 0 || pos >= text.length()) return false;
+    Reader reader(text, pos);
+    uint32_t number = 0;
+    if (!reader.number(mostDigits, limit, number)) return false;
+    pos = reader.position();
+    value = number;
+    return true;
+}
+
+char *writeOctet(char *to, uint32_t octet) {
+    if (octet >= 100) *to++ = static_cast<char>('0' + octet / 100);
+    if (octet >= 10) *to++ = static_cast<char>('0' + octet / 10 % 10);
+    *to++ = static_cast<char>('0' + octet % 10);
+    return to;
+}
+
+String &writeQuad(String &text, bool isV4, uint32_t value) {
+    if (!isV4) return text = String::EMPTY();
+    char quad[kQuadText];
+    char *end = writeOctet(quad, value >> 24);
+    for (const unsigned int shift : {16U, 8U, 0U}) {
+        *end++ = '.';
+        end = writeOctet(end, value >> shift & 0xff);
+    }
+    *end = '\0';
+    return text = quad;
+}
+
+}  // namespace
+
+IpAddress::IpAddress() { init(); }
+
+IpAddress::IpAddress(const String &text) : IpAddress() { setIpAddrAsString(text); }
+
+IpAddress::IpAddress(const String &ip, const String &mask) : IpAddress() {
+    if (setIpAddrAsString(ip) != 0 || setNetMaskAsString(mask) != 0) init();
+}
+
+IpAddress::IpAddress(unsigned long address, unsigned long mask) : IpAddress() {
+    if (setV4NetMaskAsBinaryUInt32(mask) == 0) setV4IpAddrAsBinaryUInt32(address);
+}
+
+void IpAddress::init() {
+    type_ = kTypeEmpty;
+    std::fill(address_, address_ + 4, 0);
+    std::fill(netmask_, netmask_ + 4, kAllOnes);
+}
+
+const IpAddress &IpAddress::EMPTY() {
+    static const IpAddress empty;
+    return empty;
+}
+
+String &IpAddress::getIpAddrAsString(String &text) const { return writeQuad(text, isV4(), v4Address()); }
+
+String &IpAddress::getNetAddressAsString(String &text) const { return writeQuad(text, isV4(), v4Address() & v4Mask()); }
+
+String &IpAddress::getNetMaskAsString(String &text) const { return writeQuad(text, isV4(), v4Mask()); }
+
+unsigned long &IpAddress::getV4IpAddrAsBinaryUInt32(unsigned long &address) const { return address = v4Address(); }
+
+unsigned long IpAddress::getV4IpAddrAsBinaryUInt32() const { return v4Address(); }
+
+int IpAddress::setV4IpAddrAsBinaryUInt32(unsigned long address) {
+    type_ = kTypeV4;
+    address_[0] = word(address);
+    return 0;
+}
+
+unsigned long &IpAddress::getV4NetAddrAsBinaryUInt32(unsigned long &address) const {
+    return address = v4Address() & v4Mask();
+}
+
+unsigned long IpAddress::getV4NetAddrAsBinaryUInt32() const { return v4Address() & v4Mask(); }
+
+unsigned long &IpAddress::getV4NetMaskAsBinaryUInt32(unsigned long &mask) const { return mask = v4Mask(); }
+
+unsigned long IpAddress::getV4NetMaskAsBinaryUInt32() const { return v4Mask(); }
+
+int IpAddress::setV4NetMaskAsBinaryUInt32(unsigned long mask) {
+    if (!isContiguous(word(mask))) return -1;
+    type_ = kTypeV4;
+    netmask_[0] = word(mask);
+    return 0;
+}
+
+unsigned long &IpAddress::getNetMaskSize(unsigned long &size) const { return size = getNetMaskSize(); }
+
+unsigned long IpAddress::getNetMaskSize() const { return isV4() ? leadingOnes(v4Mask()) : 0; }
+
+int IpAddress::setNetMaskSize(unsigned long size) {
+    if (size > kWordBits || !isV4()) return -1;
+    netmask_[0] = maskOfSize(size);
+    return 0;
+}
+
+int IpAddress::setIpAddrAsString(const String &text) {
+    Reader reader(text);
+    uint32_t address = 0;
+    if (!reader.quad(address)) return -1;
+    if (reader.atEnd()) return setV4IpAddrAsBinaryUInt32(address);
+
+    uint32_t size = 0;
+    if (!reader.character('/') || !reader.number(kPrefixDigits, kPrefixLimit, size) || !reader.atEnd()) return -1;
+    setV4IpAddrAsBinaryUInt32(address);
+    return setNetMaskSize(size);
+}
+
+int IpAddress::setNetMaskAsString(const String &text) {
+    Reader reader(text);
+    uint32_t mask = 0;
+    if (!reader.quad(mask) || !reader.atEnd()) return -1;
+    return setV4NetMaskAsBinaryUInt32(mask);
+}
+
+bool IpAddress::isMaskValid(unsigned long &size) const { return isV4() && s_isV4MaskValid(v4Mask(), size); }
+
+bool IpAddress::contains(const IpAddress &other) const {
+    return isV4() && ((other.v4Address() ^ v4Address()) & v4Mask()) == 0;
+}
+
+bool IpAddress::isEmpty() const { return *this == EMPTY(); }
+
+bool IpAddress::isV4ClassA() const { return isV4() && v4Address() < kClassB; }
+
+bool IpAddress::isV4ClassB() const { return isV4() && v4Address() >= kClassB && v4Address() < kClassC; }
+
+bool IpAddress::isV4ClassC() const { return isV4() && v4Address() >= kClassC && v4Address() < kClassD; }
+
+bool IpAddress::isV4ClassD() const { return isV4() && v4Address() >= kClassD && v4Address() < kClassE; }
+
+bool IpAddress::isV4ClassE() const { return isV4() && v4Address() >= kClassE; }
+
+bool IpAddress::isV4ClassABC() const { return isV4() && v4Address() < kClassD; }
+
+bool IpAddress::isLoopback() const { return isV4() && v4Address() >> 24 == ipv4Loopback >> 24; }
+
+bool IpAddress::isLocalGroup() const { return isV4() && v4Address() >> 8 == ipv4McGrpUnspecified >> 8; }
+
+bool IpAddress::isHostType() const { return isV4ClassABC() && v4Address() >= kFirstNumbered && v4Mask() == kAllOnes; }
+
+bool IpAddress::isDefGwType() const { return isV4() && v4Address() == 0 && v4Mask() == 0; }
+
+bool IpAddress::isLimBcType() const { return isV4() && v4Address() == kAllOnes; }
+
+bool IpAddress::isNetType() const { return isDefGwType() || (isInNumberedNetwork() && (v4Address() & ~v4Mask()) == 0); }
+
+bool IpAddress::isIfaceType() const {
+    const uint32_t host = v4Address() & ~v4Mask();
+    return isInNumberedNetwork() && host != 0 && host != ~v4Mask();
+}
+
+bool IpAddress::isDirBcType() const { return isInNumberedNetwork() && (v4Address() | v4Mask()) == kAllOnes; }
+
+bool IpAddress::isValidAddress() const {
+    return isHostType() || isNetType() || isIfaceType() || isLimBcType() || isDirBcType();
+}
+
+unsigned char *IpAddress::getV6IpAddrAsBinaryString(unsigned char *address) const { return address; }
+
+unsigned char *IpAddress::getV6NetAddrAsBinaryString(unsigned char *address) const { return address; }
+
+unsigned char *IpAddress::getV6NetMaskAsBinaryString(unsigned char *mask) const { return mask; }
+
+int IpAddress::setV6IpAddrAsBinaryString(const unsigned char * /*address*/) { return -1; }
+
+int IpAddress::setV6NetMaskAsBinaryString(const unsigned char * /*mask*/) { return -1; }
+
+bool IpAddress::s_isV6MaskValid(const char * /*mask*/, const unsigned long & /*size*/) { return false; }
+
+bool IpAddress::s_getV4IpAddrTokenOfString(const String &text, long &pos, unsigned long &value) {
+    return readNumber(text, pos, value, kOctetDigits, kOctetLimit);
+}
+
+bool IpAddress::s_getV4NetMaskSizeOfString(const String &text, long &pos, unsigned long &value) {
+    return readNumber(text, pos, value, kPrefixDigits, kPrefixLimit);
+}
+
+bool IpAddress::s_getCharOfString(const String &text, long &pos, char ch) {
+    if (pos < 0 || pos >= text.length() || text[pos] != ch) return false;
+    ++pos;
+    return true;
+}
+
+bool IpAddress::s_getEndOfString(const String &text, const long &pos) { return pos >= text.length(); }
+
+bool IpAddress::s_isV4MaskValid(unsigned long mask, unsigned long &size) {
+    size = leadingOnes(word(mask));
+    return isContiguous(word(mask));
+}
+
+// What networks, interfaces and directed broadcasts have in common: a class A, B or C address whose network part is
+// numbered, neither all zeros nor all ones, by a valid mask that leaves room for hosts.
+bool IpAddress::isInNumberedNetwork() const {
+    if (!isV4ClassABC() || v4Address() < kFirstNumbered) return false;
+    unsigned long size = 0;
+    if (!isMaskValid(size) || size < kShortestPrefix || size > kLongestPrefix) return false;
+    const uint32_t network = v4Address() & v4Mask();
+    return network != 0 && network != v4Mask();
+}
+
+bool operator==(const IpAddress &left, const IpAddress &right) {
+    return left.type_ == right.type_ && std::equal(left.address_, left.address_ + 4, right.address_) &&
+           std::equal(left.netmask_, left.netmask_ + 4, right.netmask_);
+}
+
+bool operator!=(const IpAddress &left, const IpAddress &right) { return !(left == right); }
