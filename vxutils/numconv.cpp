@@ -15,7 +15,6 @@ namespace {
 
 constexpr size_t longestText = 33;  // characters of a radix text: 32 binary digits and the marker
 constexpr size_t longestIpText = 16;
-constexpr char wordPrefix[] = "0x";
 constexpr size_t wordChars = 10;  // the prefix and eight digits
 
 enum class Base { binary = 2, octal = 8, decimal = 10, hexadecimal = 16 };
@@ -156,9 +155,10 @@ void checkRange(int *err, Value value, Value min, Value max) {
 }
 
 char *putWord(char *to, uint32_t value) {
-    std::memcpy(to, wordPrefix, 2);
-    for (int byte = 0; byte < 4; ++byte) std::memcpy(to + 2 + 2 * byte, binToHexLut[value >> (8 * byte) & 0xff], 2);
-    return to + wordChars;
+    *to++ = '0';
+    *to++ = 'x';
+    for (int byte = 0; byte < 4; ++byte, to += 2) std::memcpy(to, binToHexLut[value >> (8 * byte) & 0xff], 2);
+    return to;
 }
 
 }  // namespace
@@ -253,6 +253,7 @@ uint32_t nextHigherPowerOf2(uint32_t v) {
 
 int convIPStr2IPUl(const char *text, uint32_t *out) {
     unsigned long a, b, c, d;
+    // What is accepted is what sscanf takes, blanks and signs included. NOLINTNEXTLINE(cert-err34-c)
     if (std::sscanf(text, "%lu.%lu.%lu.%lu", &a, &b, &c, &d) != 4) return -1;
     *out = static_cast<uint32_t>((a << 24) + (b << 16) + (c << 8) + d);
     return 0;

@@ -13,10 +13,10 @@
 namespace vx {
 
 // Every two-digit number of a base, one after the other.
-template <unsigned int base>
+template <size_t base>
 constexpr std::array<char, 2 * base * base> makeDigitPairs(const char *digits) {
     std::array<char, 2 * base * base> pairs{};
-    for (unsigned int i = 0; i < base * base; ++i) {
+    for (size_t i = 0; i < base * base; ++i) {
         pairs[2 * i] = digits[i / base];
         pairs[2 * i + 1] = digits[i % base];
     }
@@ -43,8 +43,7 @@ inline constexpr auto powersOfTen64 = makePowersOfTen<uint64_t>();
 template <typename Value>
 constexpr size_t countDecimalDigits(Value value) {
     static_assert(std::is_unsigned_v<Value>);
-    if (value < 1000)
-        return static_cast<size_t>(1 + (value > 9 ? 1 : 0) + (value > 99 ? 1 : 0));  // most numbers are short
+    if (value < 1000) return size_t{1} + (value > 9 ? 1U : 0U) + (value > 99 ? 1U : 0U);  // most numbers are short
     const auto guess = static_cast<size_t>(std::bit_width(static_cast<Value>(value | 1))) * 1233 >> 12;
     if constexpr (sizeof(Value) > sizeof(uint32_t)) {
         return guess + (value >= powersOfTen64[guess] ? 1 : 0);
@@ -65,18 +64,18 @@ inline void writeDecimal(char *end, Value value) {
     if constexpr (sizeof(Value) > sizeof(uint32_t)) {
         while (value > std::numeric_limits<uint32_t>::max()) {
             end -= 2;
-            std::memcpy(end, &decimalPairs[static_cast<size_t>(2 * (value % 100))], 2);
+            std::memcpy(end, &decimalPairs[static_cast<size_t>(value % 100) * 2], 2);
             value /= 100;
         }
     }
     auto rest = static_cast<uint32_t>(value);
     while (rest >= 100) {
         end -= 2;
-        std::memcpy(end, &decimalPairs[2 * (rest % 100)], 2);
+        std::memcpy(end, &decimalPairs[size_t{rest % 100} * 2], 2);
         rest /= 100;
     }
     if (rest >= 10) {
-        std::memcpy(end - 2, &decimalPairs[2 * rest], 2);
+        std::memcpy(end - 2, &decimalPairs[size_t{rest} * 2], 2);
     } else {
         end[-1] = static_cast<char>('0' + rest);
     }
@@ -87,13 +86,13 @@ template <typename Value>
 inline void writeHex(char *end, Value value, const std::array<char, 512> &pairs) {
     while (value >= 0x100) {
         end -= 2;
-        std::memcpy(end, &pairs[static_cast<size_t>(2 * (value & 0xff))], 2);
+        std::memcpy(end, &pairs[static_cast<size_t>(value & 0xff) * 2], 2);
         value >>= 8;
     }
     if (value >= 0x10) {
-        std::memcpy(end - 2, &pairs[static_cast<size_t>(2 * value)], 2);
+        std::memcpy(end - 2, &pairs[static_cast<size_t>(value) * 2], 2);
     } else {
-        end[-1] = pairs[static_cast<size_t>(2 * value + 1)];
+        end[-1] = pairs[static_cast<size_t>(value) * 2 + 1];
     }
 }
 
