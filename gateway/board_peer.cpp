@@ -55,6 +55,7 @@ constexpr const char *devices = "/sys/devices";
 constexpr const char *tree = "/sys/devices/vantorix";
 constexpr size_t bufferSize = 65536;
 constexpr unsigned int mostLines = 200;
+constexpr int processLinks = 4096;
 
 [[noreturn]] void fail(const std::string &what) {
     std::fprintf(stderr, "board: %s: %s\n", what.c_str(), std::strerror(errno));
@@ -461,6 +462,8 @@ void prepareProc() {
         names.emplace_back(name.data());
     }
     ::pclose(list);
+    // Processes that are still to come have their entries as well: a box counts them from 1.
+    for (int pid = 1; pid <= processLinks; ++pid) names.push_back(std::to_string(pid));
     mountTmpfs("/proc");
     for (const std::string &one : names) (void)!::symlink(("/.proc/" + one).c_str(), ("/proc/" + one).c_str());
     ::mkdir("/proc/sysinfo", 0755);

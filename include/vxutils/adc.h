@@ -1,0 +1,72 @@
+/* SPDX-License-Identifier: MIT */
+/**
+ * @file
+ * The analog inputs of the boards, in volts.
+ *
+ * @code
+ * float volts;
+ * const char *path = qxdelta_get_adc_vin_path(1);
+ * if (path != NULL && *path != '\0' && adc_read(path, NULL, &volts) == 0) printf("%.2f\n", (double)volts);
+ * @endcode
+ *
+ * Each board's converter has its own factor; the functions with a board's name apply it. Converter files hold a whole
+ * number of 0 or more; a text that is no number reads as 0. Scale files hold a decimal fraction.
+ *
+ * **Threads.** All may be used by any thread, but qxdelta_get_adc_vin_path() returns a static buffer per input. Nothing
+ * is kept open.
+ */
+#ifndef VXUTILS_ADC_H
+#define VXUTILS_ADC_H
+
+#include <vxutils/api.h>
+
+VXUTILS_BEGIN_DECLS
+
+/**
+ * Reads a converter.
+ * @param raw_path    file with the converter's number; NULL gives -1
+ * @param scale_path  file with the factor; NULL for a factor of 1
+ * @param value       receives number × factor, or 0 on failure; NULL gives -1
+ * @return 0; -1 when a file is missing or empty, or the number is below 0
+ */
+VXUTILS_API int adc_read(const char *raw_path, const char *scale_path, float *value);
+
+/** @return 1 when the board's first converter channel can be read, else 0 */
+VXUTILS_API int qxalpha_adc_supported(void);
+
+/**
+ * Reads a converter of the first board type: factor 30.379 and the converter's own scale file.
+ * @param path   file with the converter's number; NULL gives -1
+ * @param value  receives the voltage, or 0 on failure; NULL gives -1
+ * @return as adc_read()
+ */
+VXUTILS_API int qxalpha_adc_read(const char *path, float *value);
+
+/**
+ * Reads a converter of the second board type: factor 28.561.
+ * @param path   file with the converter's number; NULL gives -1
+ * @param value  receives the voltage, or 0 on failure; NULL gives -1
+ * @return as adc_read()
+ */
+VXUTILS_API int qxbeta_adc_read(const char *path, float *value);
+
+/**
+ * Reads a converter of the third board type.
+ * @param path    file with the converter's number; NULL gives -1
+ * @param value   receives the number × @p factor, or 0 on failure; NULL gives -1
+ * @param factor  factor of the input
+ * @return as adc_read()
+ */
+VXUTILS_API int qxgamma_adc_read(const char *path, float *value, float factor);
+
+/**
+ * Finds the hardware monitor's file of an input of the fourth board type, among hwmon0 to hwmon9. What is in its place
+ * and is no regular file is logged (LOG_ERR), as is finding nothing.
+ * @param input  1 or 2
+ * @return the path, in the input's static buffer until its next call; empty when there is none; NULL for another input
+ */
+VXUTILS_API const char *qxdelta_get_adc_vin_path(int input);
+
+VXUTILS_END_DECLS
+
+#endif

@@ -1,0 +1,48 @@
+/* SPDX-License-Identifier: MIT */
+/**
+ * @file
+ * Names of the mobile world: radio generations, families of modem modules, network providers.
+ *
+ * @code
+ * if (get_generation("LTE") >= 4 && card2family("mc7455") == 0x20002) puts("a fast one");
+ * @endcode
+ *
+ * **Threads.** pdb_find_provider() returns a static buffer; the others may be used by any thread.
+ */
+#ifndef VXUTILS_CELLULAR_H
+#define VXUTILS_CELLULAR_H
+
+#include <vxutils/api.h>
+
+VXUTILS_BEGIN_DECLS
+
+/**
+ * @param technology  name of an access technology, such as "EDGE", "HSPA+", "LTE", "5G", in any case; or NULL
+ * @return its radio generation, 2 to 5; -1 for other names and NULL
+ */
+VXUTILS_API int get_generation(const char *technology);
+
+/**
+ * Tells the family of a modem module from the start of its name, in lower case. The first family that fits counts, in
+ * the order of the modem daemon's table; so "mc509..." is of the family of "mc...".
+ *
+ * @param module  name of the module, or NULL
+ * @return the modem daemon's code of the family; 0 for other names and NULL
+ */
+VXUTILS_API int card2family(const char *module);
+
+/**
+ * Asks the provider data base ("/usr/bin/pdb") for the provider of a network. Blocks until that tool is done.
+ *
+ * The text becomes part of a command: it may hold letters, digits, blanks, dots, dashes, underscores and plus signs.
+ * Any other text is not passed on and counts as a network without a known provider.
+ *
+ * @param network  the network; NULL and the empty text give NULL
+ * @return the provider's name, at most 63 characters in a static buffer, valid until the next call; empty when none is
+ *         known
+ */
+VXUTILS_API const char *pdb_find_provider(const char *network);
+
+VXUTILS_END_DECLS
+
+#endif

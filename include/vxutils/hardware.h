@@ -1,0 +1,61 @@
+/* SPDX-License-Identifier: MIT */
+/**
+ * @file
+ * What board this is: generation, product name, fitted extensions, and whether it is being maintained. Read from the
+ * kernel's board data below "/proc/sysinfo", an optional rebranding file "/etc/oem/oem.conf", and marker files.
+ *
+ * @code
+ * if (!in_maintenance()) printf("%s, generation %d\n", get_product(), qxhw());
+ * @endcode
+ *
+ * A missing file gives each function's neutral result; nothing is logged. Numbers are read as by atoi(): a text that is
+ * no number is 0, and what does not fit in 32 bits is the nearest number that does.
+ *
+ * **Threads.** oem() and get_product() return static buffers, and qxhw() keeps what it read: programs with several
+ * threads copy results at once, from one thread at a time. No call blocks beyond reading a file. Nothing is kept open.
+ */
+#ifndef VXUTILS_HARDWARE_H
+#define VXUTILS_HARDWARE_H
+
+#include <vxutils/api.h>
+
+VXUTILS_BEGIN_DECLS
+
+/** @return the hardware generation, from "/proc/sysinfo/qxhw"; read once and kept; -1 while the file is empty */
+VXUTILS_API int qxhw(void);
+
+/**
+ * Looks up a value in "/etc/oem/oem.conf". The first line that begins with the key, directly followed by '=', counts;
+ * blanks behind the '=' are skipped. Lines end after 1024 characters at the latest.
+ *
+ * @param key  the key; NULL finds nothing
+ * @return the value, or an empty text; at most 1023 characters in a static buffer, valid until the next call (also of
+ *         get_product())
+ */
+VXUTILS_API const char *oem(const char *key);
+
+/**
+ * Names the product. With a readable "/etc/oem/oem.conf": its value of "ProductType.QX" and the board's product name
+ * (the key cut to 30 characters), or else of "ProductType". Without the file: "QX" and the product name, which stands
+ * in
+ * "/proc/sysinfo/bd/0/prod_name".
+ *
+ * @return the name, possibly empty; at most 127 characters in a static buffer, valid until the next call
+ */
+VXUTILS_API const char *get_product(void);
+
+/** @return the extension board's variant, from "/proc/sysinfo/bd/1/prod_variant"; -1 when that is empty */
+VXUTILS_API int get_extension_variant(void);
+
+/** @return 1 when the board can be powered through its network cable (generation 18, extension variant 0), else 0 */
+VXUTILS_API int has_poe(void);
+
+/** @return 1 when there is a SIM holder ("/dev/sim" is readable), else 0 */
+VXUTILS_API int has_sim_holder(void);
+
+/** @return 1 while an update or configuration is in progress (a marker below "/tmp/progress" is readable), else 0 */
+VXUTILS_API int in_maintenance(void);
+
+VXUTILS_END_DECLS
+
+#endif

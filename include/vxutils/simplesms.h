@@ -1,0 +1,92 @@
+/* SPDX-License-Identifier: MIT */
+/**
+ * @file
+ * Short messages, exchanged with the device's SMS service through files: outgoing ones are handed to
+ * "/usr/local/sbin/send-sms", incoming ones are found in "/var/spool/sms/incoming/", one file per message, whose name
+ * is the message's id.
+ *
+ * @code
+ * if (CSimpleSMS("+4930123456", "link is down").send() != 0) complain();
+ *
+ * std::vector<std::pair<long long, std::string>> ids;
+ * CSimpleSMS::RetrieveIncomingIds(ids);
+ * for (const auto &id : ids) {
+ *     std::unique_ptr<CSimpleSMS> sms(CSimpleSMS::getIncomingSMSById(id.second));
+ *     if (sms && act(sms->getNumber(), sms->getText())) CSimpleSMS::DeleteIncomingSMSById(id.second);
+ * }
+ * @endcode
+ *
+ * An incoming file is read up to its first 1023 bytes, without white space at its ends: header lines, an empty line,
+ * the text. An id that is empty, is "." or "..", or holds a slash or a NUL is no file name and reads as a message that
+ * does not exist.
+ *
+ * **Threads.** A message belongs to one thread at a time; getIncomingSMSById() uses the buffer of readfile() (file.h).
+ * **Exceptions.** Only those of the string and vector types when memory is short.
+ */
+#ifndef VXUTILS_SIMPLESMS_H
+#define VXUTILS_SIMPLESMS_H
+
+#include <vxutils/api.h>
+
+#include <string>
+#include <utility>
+#include <vector>
+
+/** A short message: a value that is copied and kept like any other. */
+class VXUTILS_API CSimpleSMS {
+public:
+    /** An empty message. */
+    CSimpleSMS();
+
+    /**
+     * An outgoing message.
+     * @param number  recipient
+     * @param text    body; a NUL byte ends it
+     */
+    CSimpleSMS(const std::string &number, const std::string &text);
+
+    /**
+     * Hands the message to the sending tool and waits for that to end. On success the tool owns the file it was given,
+     * "/tmp/outgoing-sms." and six characters.
+     * @return 0 when the tool accepted the message; -1 when it did not, the file could not be written, or the number
+     *         holds a line break
+     */
+    int send();
+
+    /** @return the recipient of an outgoing message, the sender ("From:") of an incoming one */
+    const std::string &getNumber() const;
+
+    /** @return the "Received:" text of an incoming message, its words joined by single blanks; else empty */
+    const std::string &getReceived() const;
+
+    /** @return the body */
+    const std::string &getText() const;
+
+    /**
+     * Lists the incoming messages, in the directory's order.
+     * @param ids  receives one more pair per message: status-change time of its file (seconds since 1970), and its id
+     */
+    static void RetrieveIncomingIds(std::vector<std::pair<long long, std::string>> &ids);
+
+    /**
+     * Reads an incoming message.
+     * @param id  its id
+     * @return the message, for delete; null when there is none, or its file has no empty line or no text (logged,
+     *         LOG_DEBUG)
+     */
+    static CSimpleSMS *getIncomingSMSById(const std::string &id);
+
+    /**
+     * Deletes an incoming message.
+     * @param id  its id
+     * @return 0, or -1 with errno set
+     */
+    static int DeleteIncomingSMSById(const std::string &id);
+
+private:
+    std::string number_;
+    std::string received_;
+    std::string text_;
+};
+
+#endif

@@ -1,0 +1,76 @@
+/* SPDX-License-Identifier: MIT */
+/**
+ * @file
+ * The storage devices of the board: which are fitted, where they are mounted, how large they are.
+ *
+ * @code
+ * storage_list *found = old_get_storage(0);
+ * const storage_entry *usb = old_get_storage_device(found, 16, 0);   // USB disk on port 0
+ * if (usb != NULL && usb->mount_point[0] != '\0') printf("%lld bytes free\n", (long long)usb->available);
+ * if (found != NULL) old_free_storage(found);
+ * free(found);                                                       // the head is the caller's
+ * @endcode
+ *
+ * Types are single bits: 2 internal flash or eMMC, 4 partition 4 of an eMMC, 8 SD card, SATA disk, or USB disk on no
+ * known port, 16 USB disk on a known port. Nothing is logged. A call takes time linear in the number of block devices.
+ *
+ * **Threads.** A list is used by one thread at a time; nothing is shared between lists.
+ */
+#ifndef VXUTILS_STORAGE_H
+#define VXUTILS_STORAGE_H
+
+#include <stdint.h>
+#include <vxutils/api.h>
+#include <vxutils/list.h>
+
+VXUTILS_BEGIN_DECLS
+
+/** One storage device. Texts too long for their fields are cut. */
+struct storage_entry {
+    struct list_link list; /**< link in storage_list::entries */
+    char device[32];       /**< whole device, e.g. "mmcblk1", "sda", "mtdblock3" */
+    char partition[32];    /**< partition, e.g. "mmcblk1p1", "sda1"; a disk without one has its own name here */
+    uint32_t type;         /**< one bit, see above */
+    uint32_t index;        /**< 0 or 1; of a USB disk the port */
+    char mount_point[64];  /**< where it is mounted, "/" for the root's overlay; empty when it is not */
+    int64_t size;          /**< bytes of the whole device; -1 when unknown */
+    int64_t total;         /**< bytes of the file system; -1 when not mounted */
+    int64_t available;     /**< bytes that ordinary users can still write; -1 when not mounted */
+};
+typedef struct storage_entry storage_entry; /**< the record's short name */
+
+/** The devices found, ordered by type, then index, then order of discovery. */
+struct storage_list {
+    struct list_link entries; /**< head of the list of storage_entry */
+    uint32_t mask;            /**< types that were asked for */
+    unsigned int count;       /**< number of entries */
+};
+typedef struct storage_list storage_list; /**< the record's short name */
+
+/**
+ * Finds the storage devices.
+ *
+ * @param mask  types that are wanted, 0 for all (then taken as 255)
+ * @return the list, possibly empty; the caller empties it with old_free_storage() and frees the head with free(). NULL
+ *         only when there is no memory for the head; entries there is no memory for are left out.
+ */
+VXUTILS_API storage_list *old_get_storage(unsigned int mask);
+
+/**
+ * Finds a device in a list.
+ * @param list   from old_get_storage(); NULL finds nothing
+ * @param type   type bit
+ * @param index  index
+ * @return the first such entry, which lives as long as the list's entries; NULL when there is none
+ */
+VXUTILS_API storage_entry *old_get_storage_device(const storage_list *list, uint32_t type, uint32_t index);
+
+/**
+ * Frees all entries. The head stays, empty, with the caller.
+ * @param list  from old_get_storage(), or NULL
+ */
+VXUTILS_API void old_free_storage(storage_list *list);
+
+VXUTILS_END_DECLS
+
+#endif

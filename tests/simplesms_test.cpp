@@ -1,0 +1,312 @@
+// SPDX-License-Identifier: MIT
+#include <vxutils/simplesms.h>
+
+#include <fcntl.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <filesystem>
+#include <memory>
+
+#include "support/files.h"
+#include "support/process.h"
+#include "support/resources.h"
+#include "support/syslog_capture.h"
+
+namespace {
+
+using testing::ElementsAre;
+using testing::StartsWith;
+using vxtest::LogLine;
+
+const std::string spool = "/var/spool/sms/incoming/";
+const std::string sendScript = "/usr/local/sbin/send-sms";
+
+class SimpleSms : public testing::Test {
+protected:
+    SimpleSms() {
+        std::filesystem::remove_all("/var/spool/sms");
+        vxtest::makeDirs(spool);
+        for (const std::string &path : outgoing()) ::unlink(path.c_str());
+        ::unlink("/tmp/sent");
+    }
+
+    // The sending tool: keeps what it was given and ends with this status.
+    static void tool(int status) {
+        vxtest::writeFile(sendScript, "#!/bin/sh\necho \"$# $1\" >/tmp/call\ncat \"$1\" >/tmp/sent\nexit " +
+                                          std::to_string(status) + "\n");
+        ASSERT_EQ(::chmod(sendScript.c_str(), 0755), 0);
+    }
+
+    static std::vector<std::string> outgoing() {
+        std::vector<std::string> found;
+        for (const auto &entry : std::filesystem::directory_iterator("/tmp")) {
+            if (entry.path().filename().string().rfind("outgoing-sms.", 0) == 0) found.push_back(entry.path());
+        }
+        return found;
+    }
+
+    // The message of a spool file with this content.
+    std::unique_ptr<CSimpleSMS> incoming(const std::string &content) {
+        vxtest::writeFile(spool + "id", content);
+        return std::unique_ptr<CSimpleSMS>(CSimpleSMS::getIncomingSMSById("id"));
+    }
+
+    LogLine invalid(const std::string &id, const char *error) {
+        return {LOG_DEBUG, "sms: file \"" + spool + id + "\" not existing or invalid, errno=" + error};
+    }
+
+    static LogLine unrecognized(const std::string &line) {
+        return {LOG_DEBUG, "sms: Ignoring unrecognized line : \"" + line + "\""};
+    }
+
+    vxtest::SyslogCapture log;
+};
+
+TEST_F(SimpleSms, AMessageIsAValue) {
+    const CSimpleSMS empty;
+    EXPECT_EQ(empty.getNumber() + empty.getReceived() + empty.getText(), "");
+    CSimpleSMS sms("+4930123", "hello");
+    EXPECT_EQ(sms.getNumber(), "+4930123");
+    EXPECT_EQ(sms.getReceived(), "");
+    EXPECT_EQ(sms.getText(), "hello");
+    const CSimpleSMS copy = sms;
+    sms = empty;
+    EXPECT_EQ(copy.getText(), "hello");
+    EXPECT_EQ(sms.getText(), "");
+}
+
+TEST_F(SimpleSms, SendingHandsTheFileToTheTool) {
+    tool(0);
+    const vxtest::NoLeaks leaks;
+    EXPECT_EQ(CSimpleSMS("+4930123", "two\nlines").send(), 0);
+    EXPECT_EQ(vxtest::readFile("/tmp/sent"), "To: +4930123\n\ntwo\nlines\n");
+    const auto files = outgoing();
+    ASSERT_EQ(files.size(), 1U);  // left for the tool
+    EXPECT_EQ(vxtest::readFile("/tmp/call"), "1 " + files[0] + "\n");
+    EXPECT_EQ(files[0].size(), std::string("/tmp/outgoing-sms.XXXXXX").size());
+    struct stat status {};
+    ASSERT_EQ(::stat(files[0].c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 0777U, 0600U);
+}
+
+TEST_F(SimpleSms, WhatTheToolRefusesIsRemoved) {
+    tool(1);
+    const vxtest::NoLeaks leaks;
+    EXPECT_EQ(CSimpleSMS("1", "x").send(), -1);
+    EXPECT_EQ(vxtest::readFile("/tmp/sent"), "To: 1\n\nx\n");
+    EXPECT_TRUE(outgoing().empty());
+    ::unlink(sendScript.c_str());
+    EXPECT_EQ(CSimpleSMS("1", "x").send(), -1);
+    EXPECT_TRUE(outgoing().empty());
+}
+
+TEST_F(SimpleSms, SendingTakesEmptyLongAndBinaryTexts) {
+    tool(0);
+    EXPECT_EQ(CSimpleSMS().send(), 0);
+    EXPECT_EQ(vxtest::readFile("/tmp/sent"), "To: \n\n\n");
+    const std::string longText(1000000, 't');
+    const std::string longNumber(100000, '1');
+    EXPECT_EQ(CSimpleSMS(longNumber, longText).send(), 0);
+    EXPECT_EQ(vxtest::readFile("/tmp/sent"), "To: " + longNumber + "\n\n" + longText + "\n");
+    EXPECT_EQ(CSimpleSMS("%s%n", "%d \x01\xff\r").send(), 0);
+    EXPECT_EQ(vxtest::readFile("/tmp/sent"), "To: %s%n\n\n%d \x01\xff\r\n");
+    EXPECT_EQ(CSimpleSMS("1", std::string("be\0hind", 7)).send(), 0);
+    EXPECT_EQ(vxtest::readFile("/tmp/sent"), "To: 1\n\nbe\n");
+}
+
+TEST_F(SimpleSms, ALineBreakInTheNumberIsRefused) {
+    tool(0);
+    for (const char *number : {"1\nFrom: 2", "\n", "1\r2", "12\n"}) EXPECT_EQ(CSimpleSMS(number, "x").send(), -1);
+    EXPECT_FALSE(vxtest::exists("/tmp/sent"));
+    EXPECT_TRUE(outgoing().empty());
+}
+
+TEST_F(SimpleSms, SendingNeedsAFile) {
+    tool(0);
+    const vxtest::NoLeaks leaks;
+    EXPECT_EQ(vxtest::inChild([] {
+                  const rlimit none{0, 0};
+                  ::setrlimit(RLIMIT_NOFILE, &none);
+                  return CSimpleSMS("1", "x").send() == -1 ? 0 : 1;
+              }),
+              0);
+    EXPECT_EQ(vxtest::inChild([] {
+                  ::signal(SIGXFSZ, SIG_IGN);
+                  const rlimit none{3, 3};  // the file takes three bytes
+                  ::setrlimit(RLIMIT_FSIZE, &none);
+                  return CSimpleSMS("1", "x").send() == -1 ? 0 : 1;
+              }),
+              0);
+    EXPECT_TRUE(outgoing().empty());
+    EXPECT_FALSE(vxtest::exists("/tmp/sent"));
+}
+
+TEST_F(SimpleSms, AnIncomingFileHasHeaderAndBody) {
+    const vxtest::NoLeaks leaks;
+    const auto sms = incoming("From: +4930123\nReceived: 2024-05-06 12:13:14\n\nhello\n\nworld\n");
+    ASSERT_NE(sms, nullptr);
+    EXPECT_EQ(sms->getNumber(), "+4930123");
+    EXPECT_EQ(sms->getReceived(), "2024-05-06 12:13:14");
+    EXPECT_EQ(sms->getText(), "hello\n\nworld");
+    EXPECT_TRUE(log.take().empty());
+}
+
+TEST_F(SimpleSms, WordsAreSplitAtBlanks) {
+    const auto sms = incoming("  From:   1   2 3\nReceived:   a   b\tc  d  \n\nx");
+    ASSERT_NE(sms, nullptr);
+    EXPECT_EQ(sms->getNumber(), "1");
+    EXPECT_EQ(sms->getReceived(), "a b\tc d");  // single blanks between, none behind the last
+    EXPECT_TRUE(log.take().empty());
+}
+
+TEST_F(SimpleSms, TheLastOfEachHeaderWins) {
+    const auto sms = incoming("From: 1\nReceived: a\nFrom: 2\nReceived: b c\n\nx");
+    ASSERT_NE(sms, nullptr);
+    EXPECT_EQ(sms->getNumber(), "2");
+    EXPECT_EQ(sms->getReceived(), "b c");
+    const auto bare = incoming("From:\nReceived:\n\nx");
+    ASSERT_NE(bare, nullptr);
+    EXPECT_EQ(bare->getNumber(), "");
+    EXPECT_EQ(bare->getReceived(), "");
+}
+
+TEST_F(SimpleSms, OtherHeaderLinesAreLoggedAndIgnored) {
+    const auto sms = incoming("Sent: x\nFrom: 1\n   \nfrom: 2\nFrom:3\nXFrom: 4\n\nx");
+    ASSERT_NE(sms, nullptr);
+    EXPECT_EQ(sms->getNumber(), "1");
+    EXPECT_THAT(log.take(), ElementsAre(unrecognized("Sent: x"), unrecognized("   "), unrecognized("from: 2"),
+                                        unrecognized("From:3"), unrecognized("XFrom: 4")));
+}
+
+TEST_F(SimpleSms, AFileWithoutEmptyLineIsInvalid) {
+    const vxtest::NoLeaks leaks;
+    for (const char *content : {"", "\n\n", "From: 1\nhello\n", "From: 1\n\n", "From: 1\r\n\r\nx"}) {
+        EXPECT_EQ(incoming(content), nullptr) << content;
+        EXPECT_THAT(log.take(), ElementsAre(invalid("id", "Success"))) << content;
+    }
+    EXPECT_EQ(CSimpleSMS::getIncomingSMSById("missing"), nullptr);
+    EXPECT_THAT(log.take(), ElementsAre(invalid("missing", "No such file or directory")));
+}
+
+TEST_F(SimpleSms, OnlyTheFirst1023BytesAreRead) {
+    const std::string header = "From: 1\n\n";
+    const auto sms = incoming(header + std::string(2000, 'x'));
+    ASSERT_NE(sms, nullptr);
+    EXPECT_EQ(sms->getText(), std::string(1023 - header.size(), 'x'));
+    EXPECT_EQ(incoming("From: " + std::string(1020, '1') + "\n\nx"), nullptr);
+}
+
+TEST_F(SimpleSms, BinaryFilesAreReadUpToTheirFirstNul) {
+    const auto sms = incoming("From: \x01\xff\n\n\xfe\x02 end");
+    ASSERT_NE(sms, nullptr);
+    EXPECT_EQ(sms->getNumber(), "\x01\xff");
+    EXPECT_EQ(sms->getText(), "\xfe\x02 end");
+}
+
+TEST_F(SimpleSms, AnIdReachesNoFileOutsideTheSpool) {
+    vxtest::writeFile("/var/spool/sms/outside", "From: 1\n\nsecret\n");
+    vxtest::writeFile("/tmp/outside", "From: 1\n\nsecret\n");
+    vxtest::writeFile(spool + "sub/inner", "From: 1\n\nsecret\n");
+    vxtest::writeFile(spool + "id", "From: 1\n\nsecret\n");
+    for (const std::string &id :
+         {std::string(), std::string("."), std::string(".."), std::string("../outside"), std::string("/tmp/outside"),
+          std::string("sub/inner"), std::string("id/"), std::string("id\0x", 4)}) {
+        EXPECT_EQ(CSimpleSMS::getIncomingSMSById(id), nullptr) << id;
+        const auto lines = log.take();
+        ASSERT_EQ(lines.size(), 1U) << id;
+        EXPECT_EQ(lines[0].priority, LOG_DEBUG);
+        EXPECT_THAT(lines[0].text, testing::HasSubstr("not existing or invalid, errno=No such file or directory"));
+        errno = 0;
+        EXPECT_EQ(CSimpleSMS::DeleteIncomingSMSById(id), -1) << id;
+        EXPECT_EQ(errno, ENOENT);
+    }
+    for (const char *path : {"/var/spool/sms/outside", "/tmp/outside", "/var/spool/sms/incoming/sub/inner",
+                             "/var/spool/sms/incoming/id"}) {
+        EXPECT_TRUE(vxtest::exists(path)) << path;
+    }
+    // Names that merely look odd are names.
+    for (const char *id : {"...", ".hidden", "a b", "a\nb", "*"}) {
+        vxtest::writeFile(spool + id, "From: 1\n\nx\n");
+        EXPECT_NE(std::unique_ptr<CSimpleSMS>(CSimpleSMS::getIncomingSMSById(id)), nullptr) << id;
+        EXPECT_EQ(CSimpleSMS::DeleteIncomingSMSById(id), 0) << id;
+    }
+}
+
+TEST_F(SimpleSms, DeletingRemovesTheFile) {
+    incoming("From: 1\n\nx\n");
+    EXPECT_EQ(CSimpleSMS::DeleteIncomingSMSById("id"), 0);
+    EXPECT_FALSE(vxtest::exists(spool + "id"));
+    EXPECT_EQ(CSimpleSMS::DeleteIncomingSMSById("id"), -1);
+    EXPECT_EQ(errno, ENOENT);
+    vxtest::makeDirs(spool + "directory");
+    EXPECT_EQ(CSimpleSMS::DeleteIncomingSMSById("directory"), -1);
+}
+
+TEST_F(SimpleSms, IdsAreTheRegularFilesOfTheSpool) {
+    const vxtest::NoLeaks leaks;
+    vxtest::writeFile(spool + "one", "x");
+    vxtest::writeFile(spool + ".two", "x");
+    vxtest::makeDirs(spool + "directory");
+    ASSERT_EQ(::symlink((spool + "one").c_str(), (spool + "link").c_str()), 0);
+    ASSERT_EQ(::mkfifo((spool + "fifo").c_str(), 0600), 0);
+    std::vector<std::pair<long long, std::string>> ids{{7, "kept"}};
+    CSimpleSMS::RetrieveIncomingIds(ids);
+    ASSERT_EQ(ids.size(), 3U);
+    EXPECT_EQ(ids[0], (std::pair<long long, std::string>{7, "kept"}));
+    EXPECT_THAT((std::vector<std::string>{ids[1].second, ids[2].second}), testing::UnorderedElementsAre("one", ".two"));
+    for (size_t i = 1; i < ids.size(); ++i) {
+        struct stat status {};
+        ASSERT_EQ(::stat((spool + ids[i].second).c_str(), &status), 0);
+        EXPECT_EQ(ids[i].first, static_cast<long long>(status.st_ctime));
+    }
+    EXPECT_TRUE(log.take().empty());
+}
+
+TEST_F(SimpleSms, TheTimeIsThatOfTheStatusChange) {
+    vxtest::writeFile(spool + "one", "x");
+    const timespec old[2] = {{1000, 0}, {2000, 0}};
+    ASSERT_EQ(::utimensat(AT_FDCWD, (spool + "one").c_str(), old, 0), 0);
+    std::vector<std::pair<long long, std::string>> ids;
+    CSimpleSMS::RetrieveIncomingIds(ids);
+    ASSERT_EQ(ids.size(), 1U);
+    EXPECT_GT(ids[0].first, 2000);
+}
+
+TEST_F(SimpleSms, WithoutASpoolThereAreNoIds) {
+    std::filesystem::remove_all("/var/spool/sms");
+    std::vector<std::pair<long long, std::string>> ids;
+    CSimpleSMS::RetrieveIncomingIds(ids);
+    EXPECT_TRUE(ids.empty());
+    EXPECT_TRUE(log.take().empty());
+}
+
+TEST_F(SimpleSms, FilesThatCannotBeLookedAtAreLoggedAndSkipped) {
+    vxtest::writeFile(spool + "one", "x");
+    ASSERT_EQ(::chmod("/dev/log", 0666), 0);
+    ASSERT_EQ(::chmod(spool.c_str(), 0744), 0);  // may be listed by others, not searched
+    EXPECT_EQ(vxtest::inChild([] {
+                  if (::setresgid(65534, 65534, 65534) != 0 || ::setresuid(65534, 65534, 65534) != 0) return 99;
+                  std::vector<std::pair<long long, std::string>> ids;
+                  CSimpleSMS::RetrieveIncomingIds(ids);
+                  return ids.empty() ? 0 : 1;
+              }),
+              0);
+    EXPECT_THAT(log.take(),
+                ElementsAre(LogLine{LOG_DEBUG, "Unable to stat " + spool + "one - errno=Permission denied"}));
+}
+
+TEST_F(SimpleSms, TheExampleAnswersEveryMessage) {
+    tool(0);
+    vxtest::writeFile(spool + "17", "From: +4930123\nReceived: now\n\nstatus?\n");
+    const auto output = vxtest::run({vxtest::built("examples/simplesms_answer"), "all", "is", "well"});
+    EXPECT_EQ(output.status, 0);
+    EXPECT_EQ(output.text, "+4930123 asks: status?\nanswered\n");
+    EXPECT_EQ(vxtest::readFile("/tmp/sent"), "To: +4930123\n\nall is well\n");
+    EXPECT_FALSE(vxtest::exists(spool + "17"));
+}
+
+}  // namespace

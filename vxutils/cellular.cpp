@@ -1,0 +1,95 @@
+// SPDX-License-Identifier: MIT
+#include <vxutils/cellular.h>
+
+#include <vxutils/strutil.h>
+
+#include <algorithm>
+#include <array>
+#include <cstdio>
+#include <cstring>
+#include <string_view>
+
+#include "vxutils/internal/handles.h"
+
+namespace {
+
+struct Technology {
+    const char *name;
+    int generation;
+};
+constexpr Technology technologies[] = {
+    {"CSD", 2},  {"GPRS", 2},  {"EDGE", 2}, {"UMTS", 3}, {"HSDPA", 3}, {"HSUPA", 3},
+    {"HSPA", 3}, {"HSPA+", 3}, {"CDMA", 3}, {"LTE", 4},  {"ENDC", 5},  {"5G", 5},
+};
+
+struct Family {
+    std::string_view prefix;
+    int code;
+};
+// In the modem daemon's order: "mc509" stands behind "mc" and is never reached.
+constexpr Family families[] = {
+    {"gtm", 0x10001},  {"mc", 0x20002},     {"em", 0x40004},       {"me", 0x80004},
+    {"mu", 0x80004},   {"mc509", 0x100004}, {"mpn", 0x200008},     {"mpl", 0x200008},
+    {"trm", 0x400010}, {"sim", 0x800020},   {"tobyl2", 0x1000040}, {"laral6", 0x4000040},
+    {"fn", 0x2000080}, {"le", 0x2000080},   {"lm", 0x2000080},     {"ln", 0x2000080},
+};
+
+constexpr const char *providerCommand = "/usr/bin/pdb -n %s";
+constexpr std::string_view providerKey = "provider:";
+constexpr size_t providerLineSize = 1024 + 1;
+
+char provider[64];
+
+// What may become part of a command; not by the locale's notion of a letter.
+bool isNetworkText(std::string_view text) {
+    constexpr std::string_view allowed = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789 .-_+";
+    return text.find_first_not_of(allowed) == std::string_view::npos;
+}
+
+// Reads the tool's output up to the line that names the provider.
+void readProvider(FILE *output) {
+    std::array<char, providerLineSize> line;
+    while (std::fgets(line.data(), line.size(), output) != nullptr) {
+        const std::string_view text = line.data();
+        if (!text.starts_with(providerKey)) continue;
+        // The name begins with the second character behind the colon; there may be none.
+        char *name = line.data() + std::min(providerKey.size() + 1, text.size());
+        strlcpy(provider, stripwhite(name), sizeof provider);
+        return;
+    }
+}
+
+}  // namespace
+
+extern "C" {
+
+int get_generation(const char *technology) {
+    if (technology == nullptr) return -1;
+    for (const Technology &one : technologies) {
+        if (stricmp(technology, one.name) == 0) return one.generation;
+    }
+    return -1;
+}
+
+int card2family(const char *module) {
+    if (module == nullptr) return 0;
+    const std::string_view name = module;
+    for (const Family &one : families) {
+        if (name.starts_with(one.prefix)) return one.code;
+    }
+    return 0;
+}
+
+const char *pdb_find_provider(const char *network) {
+    if (network == nullptr || *network == '\0') return nullptr;
+    provider[0] = '\0';
+    if (!isNetworkText(network)) return provider;
+    char *command = nullptr;
+    if (::asprintf(&command, providerCommand, network) == -1) return provider;
+    const vx::MallocText owner(command);
+    const vx::PipePtr output(::popen(command, "re"));
+    if (output) readProvider(output.get());
+    return provider;
+}
+
+}  // extern "C"
