@@ -3,6 +3,8 @@
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <linux/capability.h>
+#include <linux/filter.h>
+#include <linux/seccomp.h>
 #include <sys/ipc.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
@@ -10,6 +12,7 @@
 #include <sys/resource.h>
 #include <sys/shm.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/time.h>
 #include <syslog.h>
 #include <unistd.h>
@@ -178,6 +181,28 @@ TEST_F(ExecCommand, ClosesTheDescriptors) {
     EXPECT_EQ(openIn(-1), "1 ");
     ::close(low);
     ::close(high);
+}
+
+// Makes this process's kernel one that has never heard of a system call.
+bool withoutSystemCall(unsigned int number) {
+    sock_filter filter[] = {BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+                            BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, number, 0, 1),
+                            BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | ENOSYS),
+                            BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW)};
+    const sock_fprog program{static_cast<unsigned short>(std::size(filter)), filter};
+    return ::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 && ::prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program) == 0;
+}
+
+TEST_F(ExecCommand, ClosesTheDescriptorsOneByOneWhereTheKernelIsOld) {
+    if (vxtest::emulated()) GTEST_SKIP() << "the emulator has no system call filters";
+    EXPECT_EQ(vxtest::inChild([] {
+                  const rlimit descriptors{1024, 1024};
+                  if (::setrlimit(RLIMIT_NOFILE, &descriptors) != 0) return 100;
+                  if (!withoutSystemCall(SYS_close_range) || ::close_range(1000, 1001, 0) != -1) return 101;
+                  if (::dup2(0, 3) != 3 || ::dup2(0, 1023) != 1023) return 102;
+                  return openIn(0) == "0 1 2 " && openIn(3) == "1 " ? 0 : 1;
+              }),
+              0);
 }
 
 // ---- _exec_command: detached ----
