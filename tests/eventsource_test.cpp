@@ -594,6 +594,55 @@ TEST_F(Eventsource, EventsAreServedInTheOrderOfTheKernel) {
     EXPECT_EQ(order, shuffled);
 }
 
+TEST_F(Eventsource, HighDescriptorNumbersWorkAsLowOnesDo) {
+    init();
+    for (const int number : {63, 64, 4095, 4096, 9000}) {
+        Sink low;
+        const int high = ::fcntl(low.getFd(), F_DUPFD_CLOEXEC, number);
+        ASSERT_EQ(high, number);
+        {
+            CEPollEventsource loop;
+            ASSERT_EQ(loop.init(), 0);
+            Sink sink(high);
+            Timer timer(1, false);
+            sink.whenReadable = [&] {
+                sink.clear();
+                loop.addTimer(&timer);
+            };
+            timer.whenFired = [&] {
+                loop.removeTimer(&timer);
+                loop.removeSink(&sink);
+                loop.terminate();
+            };
+            loop.addSink(&sink, IFDEventsource::ET_READ);
+            sink.fire();
+            EXPECT_EQ(loop.evtLoop(), 0) << number;
+            EXPECT_EQ(sink.reads, 1);
+            EXPECT_EQ(timer.counts.size(), 1U);
+        }
+        ::close(high);
+    }
+}
+
+TEST_F(Eventsource, TimersOnHighDescriptorNumbersFireAndGo) {
+    init();
+    std::vector<int> taken;
+    for (int fd = 0; fd < 4100;) {
+        fd = ::fcntl(0, F_DUPFD_CLOEXEC, 0);
+        ASSERT_NE(fd, -1);
+        taken.push_back(fd);
+    }
+    Timer timer(1, true);
+    timer.whenFired = [&] { source->terminate(); };
+    source->addTimer(&timer);
+    EXPECT_GT(timerDescriptors().at(0), 4095);
+    EXPECT_TRUE(source->activeTimer(&timer));
+    for (const int fd : taken) ::close(fd);
+    runUntilTerminated();
+    EXPECT_EQ(timer.counts.size(), 1U);
+    EXPECT_FALSE(source->activeTimer(&timer));
+}
+
 // --- terminate
 
 TEST_F(Eventsource, TerminatedBeforeItRunsItReturnsAtOnceAndForEver) {

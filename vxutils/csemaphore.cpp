@@ -155,29 +155,6 @@ CRecursiveSemaphore::CSemaphoreOptions::eConsistentMode CRecursiveSemaphore::CSe
     return automatic_ ? eConsistentAutomatic : eConsistentManual;
 }
 
-class __attribute__((visibility("hidden"))) CRecursiveSemaphore::private_impl {
-public:
-    private_impl(const std::string &name, const CSemaphoreOptions &options);
-    ~private_impl() { unmap(); }
-    private_impl(const private_impl &) = delete;
-    private_impl &operator=(const private_impl &) = delete;
-
-    pthread_mutex_t *mutex() const { return mutex_; }
-    int afterLocking(int result);
-
-private:
-    void createOrOpen(const std::string &name);
-    int initMutex(const std::string &name);
-    void unmap();
-
-    static const std::string SEM_PATHNAME;
-
-    void *address_;
-    pthread_mutex_t *mutex_;
-    CSemaphore guard_;
-    CSemaphoreOptions options_;
-};
-
 const std::string CRecursiveSemaphore::private_impl::SEM_PATHNAME = libraryPath();
 
 CRecursiveSemaphore::private_impl::private_impl(const std::string &name, const CSemaphoreOptions &options)
@@ -231,19 +208,6 @@ void CRecursiveSemaphore::private_impl::unmap() {
     mutex_ = nullptr;
 }
 
-// EOWNERDEAD is handed through in either mode: the caller has the lock, and may want to look at what it protects.
-int CRecursiveSemaphore::private_impl::afterLocking(int result) {
-    if (result != EOWNERDEAD) [[likely]]
-        return result;
-    if (options_.GetConsistentMode() == CSemaphoreOptions::eConsistentAutomatic) {
-        const int error = pthread_mutex_consistent(mutex_);
-        if (error != 0) {
-            vx::log(LOG_ERR, "recursive-semaphore: make consistent failed - errno=%s", std::strerror(error));
-        }
-    }
-    return result;
-}
-
 CRecursiveSemaphore::CRecursiveSemaphore(const std::string &name) : CRecursiveSemaphore(name, CSemaphoreOptions()) {}
 
 CRecursiveSemaphore::CRecursiveSemaphore(const std::string &name, const CSemaphoreOptions &options)
@@ -251,22 +215,23 @@ CRecursiveSemaphore::CRecursiveSemaphore(const std::string &name, const CSemapho
 
 CRecursiveSemaphore::~CRecursiveSemaphore() = default;
 
-int CRecursiveSemaphore::lock() {
-    pthread_mutex_t *const mutex = impl_->mutex();
-    return mutex == nullptr ? -1 : impl_->afterLocking(pthread_mutex_lock(mutex));
-}
-
 int CRecursiveSemaphore::trylock() {
-    pthread_mutex_t *const mutex = impl_->mutex();
-    return mutex == nullptr ? -1 : impl_->afterLocking(tryLock(mutex));
-}
-
-int CRecursiveSemaphore::unlock() {
-    pthread_mutex_t *const mutex = impl_->mutex();
-    return mutex == nullptr ? -1 : pthread_mutex_unlock(mutex);
+    if (impl_->mutex_ == nullptr) return -1;
+    const int result = tryLock(impl_->mutex_);
+    return result == EOWNERDEAD ? ownerDied() : result;
 }
 
 int CRecursiveSemaphore::makeConsistent() {
-    pthread_mutex_t *const mutex = impl_->mutex();
-    return mutex == nullptr ? -1 : pthread_mutex_consistent(mutex);
+    return impl_->mutex_ == nullptr ? -1 : pthread_mutex_consistent(impl_->mutex_);
+}
+
+// EOWNERDEAD is handed through in either mode: the caller has the lock, and may want to look at what it protects.
+int CRecursiveSemaphore::ownerDied() {
+    if (impl_->options_.GetConsistentMode() == CSemaphoreOptions::eConsistentAutomatic) {
+        const int error = pthread_mutex_consistent(impl_->mutex_);
+        if (error != 0) {
+            vx::log(LOG_ERR, "recursive-semaphore: make consistent failed - errno=%s", std::strerror(error));
+        }
+    }
+    return EOWNERDEAD;
 }

@@ -18,6 +18,10 @@ namespace {
 constexpr char terminateByte = 'x';
 constexpr int staleEvent = -1;
 
+// Descriptors below this number are found without a search. What a daemon has is far below; the table grows with need.
+constexpr size_t shortcutLimit = 4096;
+constexpr size_t shortcutStep = 64;
+
 // A descriptor's number is all that an event carries: that, and not a pointer, can be checked after a callback has
 // removed whatever stood behind it.
 epoll_event eventFor(int fd, uint32_t events) {
@@ -93,7 +97,7 @@ int CEPollEventsource::init() {
 
 void CEPollEventsource::addSink(IFDEventsink *sink, event_type type) {
     const int fd = sink->getFd();
-    if (!sinks_.try_emplace(fd, CSinkData{sink, type}).second) return;
+    if (!rememberSink(fd, sink, type)) return;
     if (epollAddEvent(fd, eventTypeToEpoll(type)) == -1) {
         vx::log(DL_ERROR, "Unable to add fd %i (sink 0x%p) to epoll-events", fd, static_cast<void *>(sink));
     }
@@ -109,8 +113,7 @@ void CEPollEventsource::removeSink(IFDEventsink *sink) {
     if (!takenOver && epollRemoveEvent(fd) == -1) {
         vx::log(DL_ERROR, "Unable to remove fd %i (sink 0x%p) from epoll-events", fd, static_cast<void *>(sink));
     }
-    sinks_.erase(found);
-    dropFetchedEvents(fd);
+    forgetSink(found);
 }
 
 void CEPollEventsource::modifyEventMask(IFDEventsink *sink, event_type type) {
@@ -230,17 +233,17 @@ void CEPollEventsource::onEpollWakeup(epoll_event *events, int count) {
         const int fd = batch.next->data.fd;
         ++batch.next;
         if (fd == staleEvent) continue;
-        if (const auto timer = timers_.find(fd); timer != timers_.end()) {
-            onEpollTimeout(fd, timer->second);
+        const Watched watched = lookUp(fd);
+        if (watched.timer != nullptr) {
+            onEpollTimeout(fd, watched.timer);
         } else if (fd == commandReadFd_) {
             onCommand();
             return;
-        } else if (const auto entry = sinks_.find(fd); entry != sinks_.end()) {
-            IFDEventsink *const sink = entry->second.sink;
+        } else if (watched.sink != nullptr) {
             if ((what & EPOLLIN) != 0) {
-                sink->onReadable();
+                watched.sink->onReadable();
             } else if ((what & EPOLLOUT) != 0) {
-                sink->onWritable();
+                watched.sink->onWritable();
             }
         } else {
             onUnknownDescriptor(fd);
@@ -279,7 +282,40 @@ void CEPollEventsource::onUnknownDescriptor(int fd) {
     terminate();
 }
 
+CEPollEventsource::Watched CEPollEventsource::lookUp(int fd) const {
+    if (static_cast<size_t>(fd) < shortcuts_.size()) return shortcuts_[static_cast<size_t>(fd)];
+    const auto sink = sinks_.find(fd);
+    const auto timer = timers_.find(fd);
+    return {sink == sinks_.end() ? nullptr : sink->second.sink, timer == timers_.end() ? nullptr : timer->second};
+}
+
+// To be called before a map gets the descriptor, so that no map knows a number of the table that the table does not.
+void CEPollEventsource::reserveShortcut(int fd) {
+    const auto number = static_cast<size_t>(fd);  // a negative one becomes larger than any limit
+    if (number < shortcuts_.size() || number >= shortcutLimit) return;
+    shortcuts_.resize((number / shortcutStep + 1) * shortcutStep);
+}
+
+CEPollEventsource::Watched *CEPollEventsource::shortcut(int fd) {
+    const auto number = static_cast<size_t>(fd);
+    return number < shortcuts_.size() ? &shortcuts_[number] : nullptr;
+}
+
+bool CEPollEventsource::rememberSink(int fd, IFDEventsink *sink, event_type type) {
+    reserveShortcut(fd);
+    if (!sinks_.try_emplace(fd, CSinkData{sink, type}).second) return false;
+    if (Watched *const entry = shortcut(fd)) entry->sink = sink;
+    return true;
+}
+
+void CEPollEventsource::forgetSink(std::map<int, CSinkData>::iterator entry) {
+    dropFetchedEvents(entry->first);
+    if (Watched *const quick = shortcut(entry->first)) quick->sink = nullptr;
+    sinks_.erase(entry);
+}
+
 void CEPollEventsource::rememberTimer(int fd, ITimeoutEventsink *sink) {
+    reserveShortcut(fd);
     const auto timer = timers_.emplace(fd, sink).first;
     try {
         timersBySink_.insert(bySink(sink, fd));
@@ -287,10 +323,12 @@ void CEPollEventsource::rememberTimer(int fd, ITimeoutEventsink *sink) {
         timers_.erase(timer);
         throw;
     }
+    if (Watched *const entry = shortcut(fd)) entry->timer = sink;
 }
 
 void CEPollEventsource::forgetTimer(std::map<int, ITimeoutEventsink *>::iterator timer) {
     dropFetchedEvents(timer->first);
+    if (Watched *const quick = shortcut(timer->first)) quick->timer = nullptr;
     timersBySink_.erase(bySink(timer->second, timer->first));
     timers_.erase(timer);
 }

@@ -28,9 +28,11 @@
 #ifndef VXUTILS_CSEMAPHORE_H
 #define VXUTILS_CSEMAPHORE_H
 
+#include <pthread.h>
 #include <sys/types.h>
 #include <vxutils/api.h>
 
+#include <cerrno>
 #include <memory>
 #include <string>
 
@@ -146,7 +148,47 @@ public:
 private:
     class private_impl;
 
+    int ownerDied();
+
     std::unique_ptr<private_impl> impl_;
 };
+
+/**
+ * What a lock consists of. Nobody's interface: laid open so that taking a free lock costs no more than the mutex
+ * itself.
+ */
+class __attribute__((visibility("hidden"))) CRecursiveSemaphore::private_impl {
+public:
+    private_impl(const std::string &name, const CSemaphoreOptions &options);
+    ~private_impl() { unmap(); }
+    private_impl(const private_impl &) = delete;
+    private_impl &operator=(const private_impl &) = delete;
+
+private:
+    friend class CRecursiveSemaphore;
+
+    void createOrOpen(const std::string &name);
+    int initMutex(const std::string &name);
+    void unmap();
+
+    static const std::string SEM_PATHNAME;
+
+    void *address_;
+    pthread_mutex_t *mutex_;  // null: unusable
+    CSemaphore guard_;
+    CSemaphoreOptions options_;
+};
+
+inline int CRecursiveSemaphore::lock() {
+    pthread_mutex_t *const mutex = impl_->mutex_;
+    if (mutex == nullptr) return -1;
+    const int result = pthread_mutex_lock(mutex);
+    return result == EOWNERDEAD ? ownerDied() : result;
+}
+
+inline int CRecursiveSemaphore::unlock() {
+    pthread_mutex_t *const mutex = impl_->mutex_;
+    return mutex == nullptr ? -1 : pthread_mutex_unlock(mutex);
+}
 
 #endif

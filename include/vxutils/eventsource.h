@@ -43,6 +43,7 @@
 #include <map>
 #include <set>
 #include <utility>
+#include <vector>
 
 struct epoll_event;
 
@@ -213,6 +214,10 @@ private:
         IFDEventsink *sink;
         event_type type;
     };
+    struct Watched {
+        IFDEventsink *sink;
+        ITimeoutEventsink *timer;
+    };
     struct Batch;
 
     void closeAll();
@@ -223,6 +228,11 @@ private:
     void onEpollTimeout(int fd, ITimeoutEventsink *sink);
     int onCommand();
     void onUnknownDescriptor(int fd);
+    Watched lookUp(int fd) const;
+    void reserveShortcut(int fd);
+    Watched *shortcut(int fd);
+    bool rememberSink(int fd, IFDEventsink *sink, event_type type);
+    void forgetSink(std::map<int, CSinkData>::iterator entry);
     void rememberTimer(int fd, ITimeoutEventsink *sink);
     void forgetTimer(std::map<int, ITimeoutEventsink *>::iterator timer);
     int lowestTimerOf(const ITimeoutEventsink *sink) const;
@@ -235,6 +245,7 @@ private:
     int commandReadFd_;
     bool terminated_;
     std::set<std::pair<uintptr_t, int>> timersBySink_;  // same content as timers_, found by sink
+    std::vector<Watched> shortcuts_;                    // same content as both maps for low descriptors, by number
     Batch *batch_;                                      // events being served, null outside evtLoop()
 };
 

@@ -1,0 +1,59 @@
+// SPDX-License-Identifier: MIT
+// An uncontended lock and unlock beside the bare mutex of the same kind.
+#include <benchmark/benchmark.h>
+#include <pthread.h>
+#include <sys/mman.h>
+#include <vxutils/csemaphore.h>
+#include <vxutils/sem.h>
+
+#include <fstream>
+
+namespace {
+
+// The guard needs the library's own file in its place; the benchmarks run in a box, where it can be put there.
+void provideLibraryFile() { std::ofstream("/usr/lib/libvxutils.so.1.0.0", std::ios::app).flush(); }
+
+void lockOurs(benchmark::State &state) {
+    provideLibraryFile();
+    CRecursiveSemaphore lock("/bench");
+    if (lock.lock() != 0 || lock.unlock() != 0) return state.SkipWithError("no lock");
+    for (auto _ : state) {
+        benchmark::DoNotOptimize(lock.lock());
+        benchmark::DoNotOptimize(lock.unlock());
+    }
+}
+
+void lockPlain(benchmark::State &state) {
+    provideLibraryFile();
+    sem_handle *const lock = sem_create("/bench");
+    if (sem_lock(lock) != 0 || sem_unlock(lock) != 0) return state.SkipWithError("no lock");
+    for (auto _ : state) {
+        benchmark::DoNotOptimize(sem_lock(lock));
+        benchmark::DoNotOptimize(sem_unlock(lock));
+    }
+    sem_release(lock);
+}
+
+void lockBare(benchmark::State &state) {
+    void *const page =
+        ::mmap(nullptr, sizeof(pthread_mutex_t), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    auto *const mutex = static_cast<pthread_mutex_t *>(page);
+    pthread_mutexattr_t attributes;
+    pthread_mutexattr_init(&attributes);
+    pthread_mutexattr_setrobust(&attributes, PTHREAD_MUTEX_ROBUST);
+    pthread_mutexattr_setpshared(&attributes, PTHREAD_PROCESS_SHARED);
+    pthread_mutexattr_settype(&attributes, PTHREAD_MUTEX_RECURSIVE);
+    pthread_mutex_init(mutex, &attributes);
+    for (auto _ : state) {
+        benchmark::DoNotOptimize(pthread_mutex_lock(mutex));
+        benchmark::DoNotOptimize(pthread_mutex_unlock(mutex));
+    }
+    ::munmap(page, sizeof(pthread_mutex_t));
+}
+
+BENCHMARK(lockOurs)->Name("LockUnlock/ours");
+BENCHMARK(lockBare)->Name("LockUnlock/mutex");
+BENCHMARK(lockPlain)->Name("PlainLockUnlock/ours");
+BENCHMARK(lockBare)->Name("PlainLockUnlock/mutex");
+
+}  // namespace

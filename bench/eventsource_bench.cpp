@@ -1,0 +1,387 @@
+// SPDX-License-Identifier: MIT
+// The loop's hot paths beside two other loops and the bare system calls.  The same eventfd is written and read in each.
+#include <benchmark/benchmark.h>
+#include <event2/event.h>
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
+#include <sys/timerfd.h>
+#include <unistd.h>
+#include <uv.h>
+#include <vxutils/eventsource.h>
+
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <thread>
+#include <vector>
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+void fire(int fd) {
+    const uint64_t one = 1;
+    benchmark::DoNotOptimize(::write(fd, &one, sizeof one));
+}
+
+void drain(int fd) {
+    uint64_t value = 0;
+    benchmark::DoNotOptimize(::read(fd, &value, sizeof value));
+}
+
+class Descriptors {
+public:
+    explicit Descriptors(int64_t count) {
+        for (int64_t i = 0; i < count; ++i) fds_.push_back(::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC));
+    }
+    ~Descriptors() {
+        for (const int fd : fds_) ::close(fd);
+    }
+    Descriptors(const Descriptors &) = delete;
+    Descriptors &operator=(const Descriptors &) = delete;
+
+    const std::vector<int> &all() const { return fds_; }
+    // A different one each time, so that no implementation lives on one warm entry.
+    int next() {
+        at_ = (at_ + 7) % fds_.size();
+        return fds_[at_];
+    }
+
+private:
+    std::vector<int> fds_;
+    size_t at_ = 0;
+};
+
+// What every callback does: read, and either start the next event or end the loop.
+struct Step {
+    benchmark::State &state;
+    Descriptors &fds;
+
+    bool operator()(int fd) {
+        drain(fd);
+        if (!state.KeepRunning()) return false;
+        fire(fds.next());
+        return true;
+    }
+};
+
+// --- one descriptor event, with so many registered
+
+class StepSink : public IFDEventsink {
+public:
+    StepSink(CEPollEventsource &source, Step &step, int fd) : source_(source), step_(step), fd_(fd) {}
+    void onReadable() override {
+        if (!step_(fd_)) source_.terminate();
+    }
+    void onWritable() override {}
+    int getFd() const override { return fd_; }
+
+private:
+    CEPollEventsource &source_;
+    Step &step_;
+    int fd_;
+};
+
+void descriptorOurs(benchmark::State &state) {
+    Descriptors fds(state.range(0));
+    Step step{state, fds};
+    CEPollEventsource source;
+    source.init();
+    std::vector<std::unique_ptr<StepSink>> sinks;
+    for (const int fd : fds.all()) {
+        sinks.push_back(std::make_unique<StepSink>(source, step, fd));
+        source.addSink(sinks.back().get(), IFDEventsource::ET_READ);
+    }
+    if (!state.KeepRunning()) return;
+    fire(fds.next());
+    source.evtLoop();
+}
+
+void descriptorLibevent(benchmark::State &state) {
+    Descriptors fds(state.range(0));
+    struct Context {
+        Step step;
+        event_base *base;
+    } context{{state, fds}, event_base_new()};
+    std::vector<event *> events;
+    for (const int fd : fds.all()) {
+        const auto callback = [](evutil_socket_t ready, short, void *data) {
+            auto *const own = static_cast<Context *>(data);
+            if (!own->step(ready)) event_base_loopbreak(own->base);
+        };
+        events.push_back(event_new(context.base, fd, EV_READ | EV_PERSIST, callback, &context));
+        event_add(events.back(), nullptr);
+    }
+    if (state.KeepRunning()) {
+        fire(fds.next());
+        event_base_dispatch(context.base);
+    }
+    for (event *one : events) event_free(one);
+    event_base_free(context.base);
+}
+
+void descriptorLibuv(benchmark::State &state) {
+    Descriptors fds(state.range(0));
+    Step step{state, fds};
+    uv_loop_t loop;
+    uv_loop_init(&loop);
+    std::vector<uv_poll_t> polls(fds.all().size());
+    struct Context {
+        Step *step;
+        int fd;
+    };
+    std::vector<Context> contexts(polls.size());
+    for (size_t i = 0; i < polls.size(); ++i) {
+        contexts[i] = {&step, fds.all()[i]};
+        uv_poll_init(&loop, &polls[i], contexts[i].fd);
+        polls[i].data = &contexts[i];
+        uv_poll_start(&polls[i], UV_READABLE, [](uv_poll_t *poll, int, int) {
+            auto *const own = static_cast<Context *>(poll->data);
+            if (!(*own->step)(own->fd)) uv_stop(poll->loop);
+        });
+    }
+    if (state.KeepRunning()) {
+        fire(fds.next());
+        uv_run(&loop, UV_RUN_DEFAULT);
+    }
+    for (uv_poll_t &poll : polls) uv_close(reinterpret_cast<uv_handle_t *>(&poll), nullptr);
+    uv_run(&loop, UV_RUN_DEFAULT);
+    uv_loop_close(&loop);
+}
+
+void descriptorBare(benchmark::State &state) {
+    Descriptors fds(state.range(0));
+    Step step{state, fds};
+    const int set = ::epoll_create1(EPOLL_CLOEXEC);
+    for (const int fd : fds.all()) {
+        epoll_event event{};
+        event.events = EPOLLIN;
+        event.data.fd = fd;
+        ::epoll_ctl(set, EPOLL_CTL_ADD, fd, &event);
+    }
+    std::vector<epoll_event> events(fds.all().size());
+    bool more = state.KeepRunning();
+    if (more) fire(fds.next());
+    while (more) {
+        const int count = ::epoll_wait(set, events.data(), static_cast<int>(events.size()), -1);
+        for (int i = 0; i < count; ++i) more = step(events[static_cast<size_t>(i)].data.fd);
+    }
+    ::close(set);
+}
+
+#define DESCRIPTOR_COUNTS Arg(1)->Arg(64)->Arg(1000)
+BENCHMARK(descriptorOurs)->Name("DescriptorEvent/ours")->DESCRIPTOR_COUNTS;
+BENCHMARK(descriptorLibevent)->Name("DescriptorEvent/libevent")->DESCRIPTOR_COUNTS;
+BENCHMARK(descriptorLibuv)->Name("DescriptorEvent/libuv")->DESCRIPTOR_COUNTS;
+BENCHMARK(descriptorBare)->Name("DescriptorEvent/epoll")->DESCRIPTOR_COUNTS;
+
+// --- adding and removing a sink, among so many
+
+class IdleSink : public IFDEventsink {
+public:
+    explicit IdleSink(int fd) : fd_(fd) {}
+    void onReadable() override {}
+    void onWritable() override {}
+    int getFd() const override { return fd_; }
+
+private:
+    int fd_;
+};
+
+void sinkOurs(benchmark::State &state) {
+    Descriptors fds(state.range(0));
+    CEPollEventsource source;
+    source.init();
+    std::vector<std::unique_ptr<IdleSink>> sinks;
+    for (const int fd : fds.all()) {
+        sinks.push_back(std::make_unique<IdleSink>(fd));
+        source.addSink(sinks.back().get(), IFDEventsource::ET_READ);
+    }
+    Descriptors one(1);
+    IdleSink sink(one.next());
+    for (auto _ : state) {
+        source.addSink(&sink, IFDEventsource::ET_READ);
+        source.removeSink(&sink);
+    }
+}
+
+void sinkBare(benchmark::State &state) {
+    Descriptors fds(state.range(0));
+    const int set = ::epoll_create1(EPOLL_CLOEXEC);
+    epoll_event event{};
+    event.events = EPOLLIN;
+    for (const int fd : fds.all()) ::epoll_ctl(set, EPOLL_CTL_ADD, fd, &event);
+    Descriptors one(1);
+    const int fd = one.next();
+    event.data.fd = fd;
+    for (auto _ : state) {
+        ::epoll_ctl(set, EPOLL_CTL_ADD, fd, &event);
+        ::epoll_ctl(set, EPOLL_CTL_DEL, fd, nullptr);
+    }
+    ::close(set);
+}
+
+BENCHMARK(sinkOurs)->Name("SinkAddRemove/ours")->DESCRIPTOR_COUNTS;
+BENCHMARK(sinkBare)->Name("SinkAddRemove/epoll_ctl")->DESCRIPTOR_COUNTS;
+
+// --- timers
+
+constexpr int farAway = 1000000;
+
+class IdleTimer : public ITimeoutEventsink {
+public:
+    explicit IdleTimer(int ms) : ms_(ms) {}
+    void onTimeout(unsigned int expirations) override { benchmark::DoNotOptimize(expirations); }
+    int getTimeoutMs() override { return ms_; }
+    bool isOneShot() override { return false; }
+
+private:
+    int ms_;
+};
+
+int bareTimer(int set, int ms) {
+    const int fd = ::timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC);
+    itimerspec setting{};
+    setting.it_value.tv_sec = ms / 1000;
+    setting.it_value.tv_nsec = ms % 1000 * 1000000L;
+    setting.it_interval = setting.it_value;
+    ::timerfd_settime(fd, 0, &setting, nullptr);
+    epoll_event event{};
+    event.events = EPOLLIN;
+    event.data.fd = fd;
+    ::epoll_ctl(set, EPOLL_CTL_ADD, fd, &event);
+    return fd;
+}
+
+void timerOurs(benchmark::State &state) {
+    CEPollEventsource source;
+    source.init();
+    std::vector<std::unique_ptr<IdleTimer>> timers;
+    for (int64_t i = 1; i < state.range(0); ++i) {
+        timers.push_back(std::make_unique<IdleTimer>(farAway));
+        source.addTimer(timers.back().get());
+    }
+    IdleTimer timer(farAway / 2);
+    for (auto _ : state) {
+        source.addTimer(&timer);
+        source.removeTimer(&timer);
+    }
+    for (const auto &one : timers) source.removeTimer(one.get());
+}
+
+void timerBare(benchmark::State &state) {
+    const int set = ::epoll_create1(EPOLL_CLOEXEC);
+    std::vector<int> timers;
+    for (int64_t i = 1; i < state.range(0); ++i) timers.push_back(bareTimer(set, farAway));
+    for (auto _ : state) {
+        const int fd = bareTimer(set, farAway / 2);
+        ::epoll_ctl(set, EPOLL_CTL_DEL, fd, nullptr);
+        ::close(fd);
+    }
+    for (const int fd : timers) ::close(fd);
+    ::close(set);
+}
+
+BENCHMARK(timerOurs)->Name("TimerAddRemove/ours")->Arg(1)->Arg(100)->Arg(1000);
+BENCHMARK(timerBare)->Name("TimerAddRemove/timerfd")->Arg(1)->Arg(100)->Arg(1000);
+
+// Timers that are all due, served in one round.  A driver, ready on every round, brackets the round: on one it lets all
+// timers expire and starts the clock, on the next but one all of them have been served and it stops the clock.
+constexpr int periodMs = 10;  // long enough for none to be due twice
+constexpr auto untilAllAreDue = std::chrono::microseconds(periodMs * 1000 + 300);
+
+class Bracket {
+public:
+    explicit Bracket(benchmark::State &state) : state_(state) {}
+    // False when there is nothing more to measure.
+    bool operator()() {
+        if (done_) return false;  // asked again before the loop has seen that it is to end
+        if (waiting_) {
+            waiting_ = false;
+            return true;
+        }
+        if (started_ != Clock::time_point{}) {
+            state_.SetIterationTime(std::chrono::duration<double>(Clock::now() - started_).count());
+        }
+        done_ = !state_.KeepRunning();
+        if (done_) return false;
+        std::this_thread::sleep_for(untilAllAreDue);
+        waiting_ = true;
+        started_ = Clock::now();
+        return true;
+    }
+
+private:
+    benchmark::State &state_;
+    bool waiting_ = false;
+    bool done_ = false;
+    Clock::time_point started_;
+};
+
+class Driver : public IFDEventsink {
+public:
+    Driver(CEPollEventsource &source, Bracket &bracket, int fd) : source_(source), bracket_(bracket), fd_(fd) {}
+    void onReadable() override {
+        if (!bracket_()) source_.terminate();
+    }
+    void onWritable() override {}
+    int getFd() const override { return fd_; }
+
+private:
+    CEPollEventsource &source_;
+    Bracket &bracket_;
+    int fd_;
+};
+
+void expiryOurs(benchmark::State &state) {
+    Descriptors one(1);
+    Bracket bracket(state);
+    CEPollEventsource source;
+    source.init();
+    Driver driver(source, bracket, one.next());
+    source.addSink(&driver, IFDEventsource::ET_READ);
+    fire(driver.getFd());
+    std::vector<std::unique_ptr<IdleTimer>> timers;
+    for (int64_t i = 0; i < state.range(0); ++i) {
+        timers.push_back(std::make_unique<IdleTimer>(periodMs));
+        source.addTimer(timers.back().get());
+    }
+    source.evtLoop();
+    for (const auto &timer : timers) source.removeTimer(timer.get());
+    state.SetItemsProcessed(state.iterations() * state.range(0));
+}
+
+void expiryBare(benchmark::State &state) {
+    Descriptors one(1);
+    Bracket bracket(state);
+    const int set = ::epoll_create1(EPOLL_CLOEXEC);
+    const int driver = one.next();
+    epoll_event event{};
+    event.events = EPOLLIN;
+    event.data.fd = driver;
+    ::epoll_ctl(set, EPOLL_CTL_ADD, driver, &event);
+    fire(driver);
+    std::vector<int> timers;
+    for (int64_t i = 0; i < state.range(0); ++i) timers.push_back(bareTimer(set, periodMs));
+    std::vector<epoll_event> events(timers.size() + 1);
+    bool more = true;
+    while (more) {
+        const int count = ::epoll_wait(set, events.data(), static_cast<int>(events.size()), -1);
+        for (int i = 0; i < count; ++i) {
+            const int fd = events[static_cast<size_t>(i)].data.fd;
+            if (fd == driver) {
+                more = bracket();
+            } else {
+                drain(fd);
+            }
+        }
+    }
+    for (const int fd : timers) ::close(fd);
+    ::close(set);
+    state.SetItemsProcessed(state.iterations() * state.range(0));
+}
+
+BENCHMARK(expiryOurs)->Name("TimerEvents/ours")->Arg(1)->Arg(100)->Arg(1000)->UseManualTime()->Iterations(30);
+BENCHMARK(expiryBare)->Name("TimerEvents/timerfd")->Arg(1)->Arg(100)->Arg(1000)->UseManualTime()->Iterations(30);
+
+}  // namespace
