@@ -567,6 +567,28 @@ TEST(IpAddressV6, OperationsArePlaceholders) {
     EXPECT_TRUE(ip == before);
 }
 
+TEST(ClassDaemon, TakesGenuineOrdersOfItsNetworkOnly) {
+    const std::string mac =
+        vxtest::run({vxtest::built("examples/digest_check"), "secret", "reboot"}).text.substr(0, 24);
+    vxtest::Process daemon({vxtest::built("examples/class_daemon"), "192.168.1.1/24", "secret"});
+    EXPECT_EQ(daemon.readLine(), "network 192.168.1.0/24");
+    daemon.send("192.168.1.77 " + mac + " reboot\n");
+    EXPECT_EQ(daemon.readLine(), "accepted from 192.168.1.77: reboot");
+    daemon.send("192.168.1.77 " + mac + " reboot now\n");
+    EXPECT_EQ(daemon.readLine(), "refused: forged order from 192.168.1.77");
+    daemon.send("192.168.1.77 " + mac.substr(0, 22) + " reboot\n");
+    EXPECT_EQ(daemon.readLine(), "refused: forged order from 192.168.1.77");
+    daemon.send("192.168.2.77 " + mac + " reboot\n");
+    EXPECT_EQ(daemon.readLine(), "refused: sender is not of this network");
+    daemon.send("hello\n");
+    EXPECT_EQ(daemon.readLine(), "refused: sender is not of this network");
+    daemon.send("192.168.1.77\n");
+    EXPECT_EQ(daemon.readLine(), "refused: forged order from 192.168.1.77");
+    daemon.closeInput();
+    EXPECT_EQ(daemon.wait(), 0);
+    EXPECT_EQ(vxtest::run({vxtest::built("examples/class_daemon"), "192.168.1.0/24", "secret"}).status, 2);
+}
+
 TEST(IpAddressExample, DescribesWhatItIsGiven) {
     const auto lan = vxtest::run({vxtest::built("examples/ipaddress_calc"), "192.168.1.5/24", "192.168.2.9"});
     EXPECT_EQ(lan.status, 0);
