@@ -53,6 +53,9 @@ struct EchoContext {
     int interfaceIndex;
     unsigned int timeoutMs;
     int bufferSize;
+    // Kept until the call is over: the kernel takes milliseconds to close a packet socket, and a processor that has
+    // slept meanwhile would be slow to send the echo.
+    vx::Fd querySocket;
     vx::Fd packetSocket;
     vx::Fd ipSocket;
     echo::Numbers numbers;  // the sequence number counts up before every echo
@@ -490,16 +493,15 @@ bool readAddress(const char *text, uint32_t &address) {
 
 // One address of the interface: as given, or else as the kernel says.  An invalid text leaves the query socket open, as
 // it always was.
-int findAddress(const EchoContext &context, vx::Fd &query, const char *text, unsigned long request, const char *what,
-                uint32_t &address) {
+int findAddress(EchoContext &context, const char *text, unsigned long request, const char *what, uint32_t &address) {
     if (text != nullptr) {
         if (readAddress(text, address)) return 0;
         vx::log(LOG_ERR, "rawping[%s]: invalid %s '%s'", context.interface, what, text);
-        (void)query.release();
+        (void)context.querySocket.release();
         return -1;
     }
     ifreq answer = vx::interfaceRequest(context.interface);
-    if (ioctl(query.get(), request, &answer) == -1) {
+    if (ioctl(context.querySocket.get(), request, &answer) == -1) {
         vx::log(LOG_ERR, "rawping[%s]: can't get interface %s (%s)", context.interface,
                 request == SIOCGIFADDR ? "address" : "netmask", lastError());
         return -1;
@@ -508,9 +510,9 @@ int findAddress(const EchoContext &context, vx::Fd &query, const char *text, uns
     return 0;
 }
 
-int findIndex(EchoContext &context, const vx::Fd &query) {
+int findIndex(EchoContext &context) {
     ifreq answer = vx::interfaceRequest(context.interface);
-    if (ioctl(query.get(), SIOCGIFINDEX, &answer) == -1) {
+    if (ioctl(context.querySocket.get(), SIOCGIFINDEX, &answer) == -1) {
         vx::log(LOG_ERR, "rawping[%s]: can't get interface index (%s)", context.interface, lastError());
         return -1;
     }
@@ -529,9 +531,9 @@ int findGateway(EchoContext &context) {
     return 0;
 }
 
-int findHardwareAddress(EchoContext &context, const vx::Fd &query) {
+int findHardwareAddress(EchoContext &context) {
     ifreq answer = vx::interfaceRequest(context.interface);
-    if (ioctl(query.get(), SIOCGIFHWADDR, &answer) == -1) {
+    if (ioctl(context.querySocket.get(), SIOCGIFHWADDR, &answer) == -1) {
         vx::log(LOG_ERR, "rawping[%s]: can't get interface hwaddr (%s)", context.interface, lastError());
         return -1;
     }
@@ -540,16 +542,18 @@ int findHardwareAddress(EchoContext &context, const vx::Fd &query) {
 }
 
 int queryInterface(EchoContext &context) {
-    vx::Fd query(::socket(AF_INET, SOCK_PACKET | SOCK_CLOEXEC, 0));
-    if (!query.valid()) {
+    context.querySocket.reset(::socket(AF_INET, SOCK_PACKET | SOCK_CLOEXEC, 0));
+    if (!context.querySocket.valid()) {
         vx::log(LOG_ERR, "rawping[%s]: unable to create socket (%s)", context.interface, lastError());
         return -1;
     }
-    if (findIndex(context, query) == -1) return -1;
-    if (findAddress(context, query, context.sourceText, SIOCGIFADDR, "source", context.sourceAddress) == -1) return -1;
-    if (findAddress(context, query, context.netmaskText, SIOCGIFNETMASK, "netmask", context.netmask) == -1) return -1;
+    stampArrivals(
+        context.querySocket.get());  // the kernel switches its stamping on a moment later: the echo finds it on
+    if (findIndex(context) == -1) return -1;
+    if (findAddress(context, context.sourceText, SIOCGIFADDR, "source", context.sourceAddress) == -1) return -1;
+    if (findAddress(context, context.netmaskText, SIOCGIFNETMASK, "netmask", context.netmask) == -1) return -1;
     if (findGateway(context) == -1) return -1;
-    if (findHardwareAddress(context, query) == -1) return -1;
+    if (findHardwareAddress(context) == -1) return -1;
     vx::log(LOG_DEBUG, "rawping[%s]: interface runs %s/%s (%s)", context.interface, addressText(context.sourceAddress),
             addressText(context.netmask), hardwareText(context.interfaceHardware));
     return 0;
