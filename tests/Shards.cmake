@@ -2,3 +2,4 @@
 set(vxutils_shards_configd 8)
 set(vxutils_shards_wwanmd 8)
 set(vxutils_shards_ping 4)
+set(vxutils_shards_wanlink 3)
