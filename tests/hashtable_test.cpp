@@ -1,6 +1,9 @@
 // SPDX-License-Identifier: MIT
 #include <vxutils/hashtable.h>
 
+#include <sys/mman.h>
+#include <sys/resource.h>
+
 #include <algorithm>
 #include <climits>
 #include <cstdint>
@@ -12,7 +15,11 @@
 #include <type_traits>
 #include <vector>
 
+#include "support/emulation.h"
 #include "support/process.h"
+
+// The sanitizer's allocator refuses large blocks, as a machine without memory does.
+extern "C" const char *__asan_default_options() { return "allocator_may_return_null=1:max_allocation_size_mb=16"; }
 
 namespace {
 
@@ -385,6 +392,48 @@ TEST(INStringHashTable, LongKeysAreWhole) {
     EXPECT_TRUE(table.getValueFromKey(one.c_str(), &value));
     EXPECT_FALSE(table.getValueFromKey(two.c_str(), &value));
     EXPECT_TRUE(table.removeEntry(one.c_str()));
+}
+
+// A key of 20 MiB that no allocator has seen.
+struct HugeKey {
+    static constexpr size_t size = size_t{20} << 20;
+    char *const text =
+        static_cast<char *>(::mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+
+    HugeKey() {
+        if (text == MAP_FAILED) throw std::bad_alloc();
+        std::memset(text, 'x', size - 1);
+    }
+    ~HugeKey() { ::munmap(text, size); }
+    HugeKey(const HugeKey &) = delete;
+    HugeKey &operator=(const HugeKey &) = delete;
+};
+
+// The sanitizer's allocator has its limit; the plain one needs to be told that the address space ends here.
+void endAddressSpace() {
+#ifndef __SANITIZE_ADDRESS__
+    const rlimit limit = {0, RLIM_INFINITY};
+    ::setrlimit(RLIMIT_AS, &limit);
+#endif
+}
+
+TEST(INStringHashTable, WithoutMemoryItThrowsAndStaysAsItWas) {
+    if (vxtest::emulated()) GTEST_SKIP() << "memory limits hold for the emulator, not for the program in it";
+    const HugeKey key;
+    EXPECT_EQ(vxtest::inChild([&] {
+                  INStringHashTable table(4);
+                  table.addEntry("kept", slot(1));
+                  endAddressSpace();
+                  try {
+                      table.addEntry(key.text, slot(2));
+                      return 1;
+                  } catch (const std::bad_alloc &) {
+                  }
+                  void *value = nullptr;
+                  if (table.getNumberOfKeys() != 1 || !table.getValueFromKey("kept", &value)) return 2;
+                  return value == slot(1) ? 0 : 3;
+              }),
+              0);
 }
 
 TEST(HashTableExample, CountsWords) {

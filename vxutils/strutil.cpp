@@ -68,6 +68,8 @@ constexpr int verdict(bool good) { return good ? 0 : -1; }
 
 void *zalloc(size_t size) { return std::calloc(size, 1); }
 
+// Exported also where the declaration is left to the C library.
+#pragma GCC visibility push(default)
 size_t strlcpy(char *__restrict dst, const char *__restrict src, size_t size) VXUTILS_STRLCPY_NOTHROW {
     const size_t length = std::strlen(src);
     if (size == 0) return length;
@@ -76,6 +78,7 @@ size_t strlcpy(char *__restrict dst, const char *__restrict src, size_t size) VX
     dst[copied] = '\0';
     return length;
 }
+#pragma GCC visibility pop
 
 char *strtolower(char *s) {
     if (s == nullptr) return s;

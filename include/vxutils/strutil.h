@@ -22,14 +22,16 @@
 #include <string.h>
 #include <vxutils/api.h>
 
-/* C libraries that bring a strlcpy of their own declare it as never throwing; a second declaration must say the same.
- */
+/* C libraries that bring a strlcpy of their own declare it as never throwing, and may define an inline form of it: the
+ * declaration here says the same and no more. */
 #if defined(__GLIBC__) && defined(__GLIBC_PREREQ)
 #if __GLIBC_PREREQ(2, 38)
+#define VXUTILS_STRLCPY_API
 #define VXUTILS_STRLCPY_NOTHROW __THROW
 #endif
 #endif
-#ifndef VXUTILS_STRLCPY_NOTHROW
+#ifndef VXUTILS_STRLCPY_API
+#define VXUTILS_STRLCPY_API VXUTILS_API
 #define VXUTILS_STRLCPY_NOTHROW
 #endif
 
@@ -51,7 +53,8 @@ VXUTILS_API void *zalloc(size_t size);
  * @param size size of @p dst in bytes; 0 writes nothing
  * @return the length of @p src; the copy is complete exactly when that is below @p size
  */
-VXUTILS_API size_t strlcpy(char *__restrict dst, const char *__restrict src, size_t size) VXUTILS_STRLCPY_NOTHROW;
+VXUTILS_STRLCPY_API size_t strlcpy(char *__restrict dst, const char *__restrict src,
+                                   size_t size) VXUTILS_STRLCPY_NOTHROW;
 
 /**
  * Turns a text into lower case in place, by the program's locale.
