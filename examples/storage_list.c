@@ -10,7 +10,7 @@ int main(void) {
 
     if (found == NULL) return 1;
     for (at = found->entries.next; at != &found->entries; at = at->next) {
-        const struct storage_entry *entry = (const struct storage_entry *)at;
+        const struct storage_entry *entry = (const void *)at;
         printf("%s  type %u/%u  ", entry->partition, (unsigned int)entry->type, (unsigned int)entry->index);
         if (entry->mount_point[0] == '\0') {
             printf("not mounted\n");

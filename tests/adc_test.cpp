@@ -95,10 +95,10 @@ TEST_F(Adc, ATextThatIsNoNumberReadsAsZero) {
 }
 
 TEST_F(Adc, RawTextsHave127Characters) {
-    vxtest::writeFile(raw, std::string(126, '0') + "12");
+    vxtest::writeFile(raw, vxtest::repeated(126, '0') + "12");
     EXPECT_EQ(adc_read(raw, nullptr, &value), 0);
     EXPECT_EQ(value, 1.0F);
-    vxtest::writeFile(raw, std::string(127, '0') + "12");
+    vxtest::writeFile(raw, vxtest::repeated(127, '0') + "12");
     EXPECT_EQ(adc_read(raw, nullptr, &value), 0);
     EXPECT_EQ(value, 0.0F);
 }

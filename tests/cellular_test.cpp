@@ -82,11 +82,11 @@ TEST_F(Provider, WithNothingBehindTheColonIsEmpty) {
 
 TEST_F(Provider, IsCutTo63Characters) {
     for (const size_t length : {62U, 63U, 64U, 900U}) {
-        tool("provider: " + std::string(length, 'p') + "\n");
-        EXPECT_STREQ(pdb_find_provider("1"), std::string(std::min<size_t>(length, 63), 'p').c_str());
+        tool("provider: " + vxtest::repeated(length, 'p') + "\n");
+        EXPECT_STREQ(pdb_find_provider("1"), vxtest::repeated(std::min<size_t>(length, 63), 'p').c_str());
     }
-    tool("provider: " + std::string(5000, 'p') + "\n");
-    EXPECT_STREQ(pdb_find_provider("1"), std::string(63, 'p').c_str());
+    tool("provider: " + vxtest::repeated(5000, 'p') + "\n");
+    EXPECT_STREQ(pdb_find_provider("1"), vxtest::repeated(63, 'p').c_str());
 }
 
 TEST_F(Provider, UnknownNetworksGiveAnEmptyText) {
@@ -145,14 +145,14 @@ TEST_F(Provider, OnlyPlainNetworkTextsReachTheShell) {
 
 TEST_F(Provider, TheToolMayPrintMoreThanIsRead) {
     const vxtest::NoLeaks leaks;
-    tool("provider: first\n" + std::string(300000, 'x'));
+    tool("provider: first\n" + vxtest::repeated(300000, 'x'));
     EXPECT_STREQ(pdb_find_provider("1"), "first");
 }
 
 TEST_F(Provider, LinesEndAt1024Characters) {
-    tool(std::string(1024, 'x') + "provider: behind\n");
+    tool(vxtest::repeated(1024, 'x') + "provider: behind\n");
     EXPECT_STREQ(pdb_find_provider("1"), "behind");
-    tool(std::string(1023, 'x') + "provider: inside\n");
+    tool(vxtest::repeated(1023, 'x') + "provider: inside\n");
     EXPECT_STREQ(pdb_find_provider("1"), "");
 }
 

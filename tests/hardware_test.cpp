@@ -114,15 +114,15 @@ TEST_F(Hardware, OemStripsOneNewlineAndNothingElse) {
 
 TEST_F(Hardware, OemLinesEndAt1024Characters) {
     for (const size_t length : {1023U, 1024U, 1025U}) {
-        vxtest::writeFile(oemPath, "k=" + std::string(length - 2, 'v') + "\nend=1\n");
-        EXPECT_STREQ(oem("k"), std::string(std::min<size_t>(length, 1024) - 2, 'v').c_str());
+        vxtest::writeFile(oemPath, "k=" + vxtest::repeated(length - 2, 'v') + "\nend=1\n");
+        EXPECT_STREQ(oem("k"), vxtest::repeated(std::min<size_t>(length, 1024) - 2, 'v').c_str());
         EXPECT_STREQ(oem("end"), "1");
     }
     // A value may fill the buffer: with the empty key a line has one character less in front.
-    vxtest::writeFile(oemPath, "=" + std::string(2000, 'v'));
-    EXPECT_STREQ(oem(""), std::string(1023, 'v').c_str());
+    vxtest::writeFile(oemPath, "=" + vxtest::repeated(2000, 'v'));
+    EXPECT_STREQ(oem(""), vxtest::repeated(1023, 'v').c_str());
     // What is cut off is a line of its own.
-    vxtest::writeFile(oemPath, std::string(1024, 'x') + "late=found\n");
+    vxtest::writeFile(oemPath, vxtest::repeated(1024, 'x') + "late=found\n");
     EXPECT_STREQ(oem("late"), "found");
 }
 
@@ -136,8 +136,8 @@ TEST_F(Hardware, TheProductIsNamedAfterTheBoard) {
     EXPECT_STREQ(get_product(), "QX");
     sysinfo("bd/0/prod_name", "310\n");
     EXPECT_STREQ(get_product(), "QX310");
-    sysinfo("bd/0/prod_name", std::string(200, 'n'));
-    EXPECT_STREQ(get_product(), ("QX" + std::string(125, 'n')).c_str());
+    sysinfo("bd/0/prod_name", vxtest::repeated(200, 'n'));
+    EXPECT_STREQ(get_product(), ("QX" + vxtest::repeated(125, 'n')).c_str());
 }
 
 TEST_F(Hardware, TheOemFileRenamesTheProduct) {
@@ -150,8 +150,8 @@ TEST_F(Hardware, TheOemFileRenamesTheProduct) {
     EXPECT_STREQ(get_product(), "Special");
     sysinfo("bd/0/prod_name", "311\n");
     EXPECT_STREQ(get_product(), "Generic");
-    vxtest::writeFile(oemPath, "ProductType=" + std::string(200, 'p') + "\n");
-    EXPECT_STREQ(get_product(), std::string(127, 'p').c_str());
+    vxtest::writeFile(oemPath, "ProductType=" + vxtest::repeated(200, 'p') + "\n");
+    EXPECT_STREQ(get_product(), vxtest::repeated(127, 'p').c_str());
 }
 
 TEST_F(Hardware, TheProductsKeyIsCutTo30Characters) {

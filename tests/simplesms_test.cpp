@@ -43,8 +43,10 @@ protected:
 
     static std::vector<std::string> outgoing() {
         std::vector<std::string> found;
-        for (const auto &entry : std::filesystem::directory_iterator("/tmp")) {
-            if (entry.path().filename().string().rfind("outgoing-sms.", 0) == 0) found.push_back(entry.path());
+        // Not "/tmp": the user-mode emulator shows the /tmp of its system root under that name.
+        for (const auto &entry : std::filesystem::directory_iterator("/proc/self/root/tmp")) {
+            const std::string name = entry.path().filename();
+            if (name.rfind("outgoing-sms.", 0) == 0) found.push_back("/tmp/" + name);
         }
         return found;
     }
@@ -194,10 +196,10 @@ TEST_F(SimpleSms, AFileWithoutEmptyLineIsInvalid) {
 
 TEST_F(SimpleSms, OnlyTheFirst1023BytesAreRead) {
     const std::string header = "From: 1\n\n";
-    const auto sms = incoming(header + std::string(2000, 'x'));
+    const auto sms = incoming(header + vxtest::repeated(2000, 'x'));
     ASSERT_NE(sms, nullptr);
-    EXPECT_EQ(sms->getText(), std::string(1023 - header.size(), 'x'));
-    EXPECT_EQ(incoming("From: " + std::string(1020, '1') + "\n\nx"), nullptr);
+    EXPECT_EQ(sms->getText(), vxtest::repeated(1023 - header.size(), 'x'));
+    EXPECT_EQ(incoming("From: " + vxtest::repeated(1020, '1') + "\n\nx"), nullptr);
 }
 
 TEST_F(SimpleSms, BinaryFilesAreReadUpToTheirFirstNul) {

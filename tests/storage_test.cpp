@@ -58,7 +58,7 @@ protected:
         for (list_link *at = list->entries.next; at != &list->entries; at = at->next) {
             EXPECT_EQ(at->prev, previous);
             previous = at;
-            const auto *entry = reinterpret_cast<storage_entry *>(at);
+            const auto *entry = static_cast<storage_entry *>(static_cast<void *>(at));
             lines.push_back(std::string(entry->partition) + "(" + entry->device + ") " + std::to_string(entry->type) +
                             "/" + std::to_string(entry->index));
         }
@@ -183,7 +183,7 @@ TEST_F(StorageTest, EntriesThatAreNoLinksAreSkipped) {
 TEST_F(StorageTest, LinksOfAnyLengthAreRead) {
     for (const size_t length : {255U, 256U, 257U, 512U, 3000U}) {
         const std::string tail = "/usb1/1-1/sda";
-        link("sda", std::string(length - tail.size(), 'd') + tail);
+        link("sda", vxtest::repeated(length - tail.size(), 'd') + tail);
         EXPECT_THAT(found(), ElementsAre("sda(sda) 8/0")) << length;
         ::unlink((block + "sda").c_str());
     }
@@ -365,7 +365,7 @@ TEST_F(StorageTest, FileSystemTotalsAreThoseOfTheMountPoint) {
     const Mount other("/dev/mmcblk0p33", "/mnt/other");
     const Mount first("/dev/mmcblk0p3", "/mnt/first");
     const Mount second("/dev/mmcblk0p3", "/mnt/second");
-    vxtest::writeFile("/mnt/first/data", std::string(3000000, 'd'));
+    vxtest::writeFile("/mnt/first/data", vxtest::repeated(3000000, 'd'));
     const vxtest::NoLeaks leaks;
     const Storage list(old_get_storage(0));
     const storage_entry *entry = old_get_storage_device(list.get(), 2, 0);
@@ -391,7 +391,7 @@ TEST_F(StorageTest, TheOverlayIsShownAsTheRootWithItsOwnTotals) {
 TEST_F(StorageTest, MountPointsAreCutTo63CharactersAndMayHoldBlanks) {
     link("mmcblk0p3", pci + "mmc_host/mmc0/mmcblk0p3");
     link("mmcblk0p4", pci + "mmc_host/mmc0/mmcblk0p4");
-    const std::string deep = "/mnt/" + std::string(100, 'd');
+    const std::string deep = "/mnt/" + vxtest::repeated(100, 'd');
     const Mount longPoint("/dev/mmcblk0p3", deep);
     const Mount blank("/dev/mmcblk0p4", "/mnt/a b");
     const Storage list(old_get_storage(0));

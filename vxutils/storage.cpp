@@ -57,7 +57,8 @@ struct Identity {
     uint32_t index;
 };
 
-storage_entry *entryOf(list_link *link) { return reinterpret_cast<storage_entry *>(link); }
+// The link is the first field; by way of void, as the compiler does not know that it is aligned like its record.
+storage_entry *entryOf(list_link *link) { return static_cast<storage_entry *>(static_cast<void *>(link)); }
 
 std::string blockPath(std::string_view name) { return std::string(blockDirectory).append("/").append(name); }
 

@@ -30,4 +30,10 @@ bool exists(const std::string &path) {
     return std::filesystem::symlink_status(path).type() != std::filesystem::file_type::not_found;
 }
 
+std::string repeated(size_t count, char c) {
+    std::string text;
+    text.append(count, c);
+    return text;
+}
+
 }  // namespace vxtest
