@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include <vxutils/simplesms.h>
 
+#include <dirent.h>
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -8,13 +10,52 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <filesystem>
 #include <memory>
+#include <new>
 
 #include "support/files.h"
 #include "support/process.h"
 #include "support/resources.h"
 #include "support/syslog_capture.h"
+
+// Calls of the library that no file system and no machine lets fail on demand.
+namespace {
+bool failClosedir = false;
+bool failFdopen = false;
+bool failNew = false;
+
+// The C library's own function behind one that this program replaces.
+template <typename Function>
+Function *next(const char *name) {
+    return reinterpret_cast<Function *>(::dlsym(RTLD_NEXT, name));
+}
+}  // namespace
+
+extern "C" int closedir(DIR *directory) {
+    static auto *const real = next<int(DIR *)>("closedir");
+    const int result = real(directory);
+    if (!failClosedir) return result;
+    errno = EIO;
+    return -1;
+}
+
+extern "C" FILE *fdopen(int fd, const char *mode) noexcept {
+    static auto *const real = next<FILE *(int, const char *)>("fdopen");
+    if (!failFdopen) return real(fd, mode);
+    errno = ENOMEM;
+    return nullptr;
+}
+
+void *operator new(size_t size, const std::nothrow_t &) noexcept {
+    if (failNew) return nullptr;
+    try {
+        return ::operator new(size);
+    } catch (const std::bad_alloc &) {
+        return nullptr;
+    }
+}
 
 namespace {
 
@@ -147,6 +188,33 @@ TEST_F(SimpleSms, SendingNeedsAFile) {
     EXPECT_FALSE(vxtest::exists("/tmp/sent"));
 }
 
+TEST_F(SimpleSms, AFileThatCannotBecomeAStreamIsClosedAndRemoved) {
+    tool(0);
+    const vxtest::NoLeaks leaks;
+    failFdopen = true;
+    const int result = CSimpleSMS("1", "x").send();
+    failFdopen = false;
+    EXPECT_EQ(result, -1);
+    EXPECT_TRUE(outgoing().empty());
+    EXPECT_FALSE(vxtest::exists("/tmp/sent"));
+}
+
+TEST_F(SimpleSms, AToolEndedByASignalHasNotAccepted) {
+    vxtest::writeFile(sendScript, "#!/bin/sh\nkill -KILL $$\n");
+    ASSERT_EQ(::chmod(sendScript.c_str(), 0755), 0);
+    EXPECT_EQ(CSimpleSMS("1", "x").send(), -1);
+    EXPECT_TRUE(outgoing().empty());
+}
+
+TEST_F(SimpleSms, AMessageCanBeSentAgainAsAFileOfItsOwn) {
+    tool(0);
+    CSimpleSMS sms("1", "x");
+    EXPECT_EQ(sms.send(), 0);
+    EXPECT_EQ(sms.send(), 0);
+    EXPECT_EQ(outgoing().size(), 2U);
+    EXPECT_EQ(sms.getNumber() + sms.getText(), "1x");
+}
+
 TEST_F(SimpleSms, AnIncomingFileHasHeaderAndBody) {
     const vxtest::NoLeaks leaks;
     const auto sms = incoming("From: +4930123\nReceived: 2024-05-06 12:13:14\n\nhello\n\nworld\n");
@@ -192,6 +260,51 @@ TEST_F(SimpleSms, AFileWithoutEmptyLineIsInvalid) {
     }
     EXPECT_EQ(CSimpleSMS::getIncomingSMSById("missing"), nullptr);
     EXPECT_THAT(log.take(), ElementsAre(invalid("missing", "No such file or directory")));
+}
+
+TEST_F(SimpleSms, WithoutMemoryForTheMessageThereIsNone) {
+    const vxtest::NoLeaks leaks;
+    failNew = true;
+    const auto sms = incoming("From: 1\nSent: x\n\ny");
+    failNew = false;
+    EXPECT_EQ(sms, nullptr);
+    EXPECT_THAT(log.take(), ElementsAre(LogLine{LOG_ERR, "sms: Unable to allocate sms - out of memory!?"}));
+}
+
+TEST_F(SimpleSms, WhatIsNotReadableIsInvalidWithItsReason) {
+    vxtest::makeDirs(spool + "directory");
+    EXPECT_EQ(CSimpleSMS::getIncomingSMSById("directory"), nullptr);
+    EXPECT_THAT(log.take(), ElementsAre(invalid("directory", "Is a directory")));
+    const std::string longName(256, 'n');
+    EXPECT_EQ(CSimpleSMS::getIncomingSMSById(longName), nullptr);
+    EXPECT_THAT(log.take(), ElementsAre(invalid(longName, "File name too long")));
+    EXPECT_EQ(CSimpleSMS::DeleteIncomingSMSById(longName), -1);
+    EXPECT_EQ(errno, ENAMETOOLONG);
+}
+
+TEST_F(SimpleSms, AnErrorOfBeforeIsNotTakenForTheFiles) {
+    vxtest::writeFile(spool + "id", "From: 1");
+    errno = EPIPE;
+    EXPECT_EQ(CSimpleSMS::getIncomingSMSById("id"), nullptr);
+    EXPECT_THAT(log.take(), ElementsAre(invalid("id", "Success")));
+}
+
+TEST_F(SimpleSms, TheBodyBeginsBehindTheFirstEmptyLine) {
+    const auto sms = incoming("From: 1\n\n\nReceived: a\nFrom: 2\n\nx");
+    ASSERT_NE(sms, nullptr);
+    EXPECT_EQ(sms->getNumber(), "1");
+    EXPECT_EQ(sms->getReceived(), "");
+    EXPECT_EQ(sms->getText(), "\nReceived: a\nFrom: 2\n\nx");
+    EXPECT_TRUE(log.take().empty());
+}
+
+TEST_F(SimpleSms, MessagesStayThemselvesWhenOthersAreRead) {
+    const auto first = incoming("From: 1\n\none");
+    const auto second = incoming("From: 2\n\ntwo");
+    ASSERT_NE(first, nullptr);
+    ASSERT_NE(second, nullptr);
+    EXPECT_EQ(first->getNumber() + first->getText(), "1one");
+    EXPECT_EQ(second->getNumber() + second->getText(), "2two");
 }
 
 TEST_F(SimpleSms, OnlyTheFirst1023BytesAreRead) {
@@ -266,6 +379,28 @@ TEST_F(SimpleSms, IdsAreTheRegularFilesOfTheSpool) {
         EXPECT_EQ(ids[i].first, static_cast<long long>(status.st_ctime));
     }
     EXPECT_TRUE(log.take().empty());
+}
+
+TEST_F(SimpleSms, IdsComeInTheDirectorysOrder) {
+    for (const char *id : {"9", "1", "zz", "a", "5", "10"}) vxtest::writeFile(spool + id, "x");
+    std::vector<std::string> order;
+    for (const auto &entry : std::filesystem::directory_iterator(spool)) order.push_back(entry.path().filename());
+    std::vector<std::pair<long long, std::string>> ids;
+    CSimpleSMS::RetrieveIncomingIds(ids);
+    std::vector<std::string> listed;
+    for (const auto &id : ids) listed.push_back(id.second);
+    EXPECT_EQ(listed, order);
+    EXPECT_EQ(listed.size(), 6U);
+}
+
+TEST_F(SimpleSms, ADirectoryThatDoesNotCloseIsLogged) {
+    vxtest::writeFile(spool + "one", "x");
+    std::vector<std::pair<long long, std::string>> ids;
+    failClosedir = true;
+    CSimpleSMS::RetrieveIncomingIds(ids);
+    failClosedir = false;
+    EXPECT_EQ(ids.size(), 1U);
+    EXPECT_THAT(log.take(), ElementsAre(LogLine{LOG_ERR, "Unable to close the directory " + spool}));
 }
 
 TEST_F(SimpleSms, TheTimeIsThatOfTheStatusChange) {

@@ -26,7 +26,7 @@
 
 namespace {
 
-const char *const spool = "/var/spool/sms/incoming/";
+constexpr const char *spool = "/var/spool/sms/incoming/";
 constexpr const char *outgoingTemplate = "/tmp/outgoing-sms.XXXXXX";
 constexpr const char *sendCommand = "/usr/local/sbin/send-sms ";
 constexpr const char *headerEnd = "\n\n";
@@ -132,8 +132,9 @@ void CSimpleSMS::RetrieveIncomingIds(std::vector<std::pair<long long, std::strin
     if (!directory) return;
     while (const dirent *entry = ::readdir(directory.get())) {
         if (entry->d_type != DT_REG) continue;
+        const std::string path = std::string(spool) + entry->d_name;
         struct stat status {};
-        if (::stat((std::string(spool) + entry->d_name).c_str(), &status) == -1) {
+        if (::stat(path.c_str(), &status) == -1) {
             vx::log(LOG_DEBUG, "Unable to stat %s%s - errno=%s", spool, entry->d_name, std::strerror(errno));
             continue;
         }
