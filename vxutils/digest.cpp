@@ -104,10 +104,10 @@ constexpr uint32_t kMd5Sines[64] = {  // the integer part of 2^32 * |sin(i + 1)|
 
 // One of the 64 steps.  The four words change their roles from step to step.  Everything that does not need b, the
 // result of the step before, is added first, because the steps wait for one another there.
-template <unsigned i>
+template <size_t i>
 [[gnu::always_inline]] inline void md5Step(uint32_t (&words)[4], const unsigned char *block) {
-    constexpr unsigned round = i / 16;
-    constexpr unsigned places[4] = {i, 5 * i + 1, 3 * i + 5, 7 * i};  // of the message word, by round
+    constexpr size_t round = i / 16;
+    constexpr size_t places[4] = {i, 5 * i + 1, 3 * i + 5, 7 * i};  // of the message word, by round
     uint32_t &a = words[(0 - i) % 4];
     const uint32_t b = words[(1 - i) % 4];
     const uint32_t c = words[(2 - i) % 4];
@@ -126,16 +126,16 @@ template <unsigned i>
     a = std::rotl(a, kMd5Rotations[round][i % 4]) + b;
 }
 
-template <unsigned... i>
+template <size_t... i>
 [[gnu::always_inline]] inline void md5Steps(uint32_t (&words)[4], const unsigned char *block,
-                                            std::integer_sequence<unsigned, i...>) {
+                                            std::index_sequence<i...>) {
     (md5Step<i>(words, block), ...);
 }
 
 // Compresses one 64-byte block into the state.
 [[gnu::always_inline]] inline void md5Transform(uint32_t (&state)[4], const unsigned char *block) {
     uint32_t words[4] = {state[0], state[1], state[2], state[3]};
-    md5Steps(words, block, std::make_integer_sequence<unsigned, 64>());
+    md5Steps(words, block, std::make_index_sequence<64>());
     for (size_t i = 0; i < 4; ++i) state[i] += words[i];
 }
 
@@ -149,10 +149,10 @@ constexpr uint32_t kSha1Initial[5] = {0x67452301, 0xefcdab89, 0x98badcfe, 0x1032
 constexpr uint32_t kSha1Constants[4] = {0x5a827999, 0x6ed9eba1, 0x8f1bbcdc, 0xca62c1d6};
 
 // One of the 80 steps; the schedule keeps the last 16 message words.
-template <unsigned i>
+template <size_t i>
 [[gnu::always_inline]] inline void sha1Step(uint32_t (&words)[5], uint32_t (&schedule)[16],
                                             const unsigned char *block) {
-    constexpr unsigned round = i / 20;
+    constexpr size_t round = i / 20;
     const uint32_t a = words[(80 - i) % 5];
     uint32_t &b = words[(81 - i) % 5];
     const uint32_t c = words[(82 - i) % 5];
@@ -176,9 +176,9 @@ template <unsigned i>
     b = std::rotl(b, 30);
 }
 
-template <unsigned... i>
+template <size_t... i>
 [[gnu::always_inline]] inline void sha1Steps(uint32_t (&words)[5], const unsigned char *block,
-                                             std::integer_sequence<unsigned, i...>) {
+                                             std::index_sequence<i...>) {
     uint32_t schedule[16];
     (sha1Step<i>(words, schedule, block), ...);
 }
@@ -186,7 +186,7 @@ template <unsigned... i>
 // Compresses one 64-byte block into the state.
 [[gnu::always_inline]] inline void sha1Transform(uint32_t (&state)[5], const unsigned char *block) {
     uint32_t words[5] = {state[0], state[1], state[2], state[3], state[4]};
-    sha1Steps(words, block, std::make_integer_sequence<unsigned, 80>());
+    sha1Steps(words, block, std::make_index_sequence<80>());
     for (size_t i = 0; i < 5; ++i) state[i] += words[i];
 }
 

@@ -280,7 +280,7 @@ String::String(const char *s, long capacity) : buffer_(&emptyBuffer) {
 String::String(const char *s, long start, long count) : buffer_(newPiece(s, start, count)) {}
 
 String &String::operator=(const String &other) {
-    take(share(other.buffer_));
+    if (this != &other) take(share(other.buffer_));
     return *this;
 }
 
@@ -385,6 +385,7 @@ const String &String::operator*() const { return *this; }
 
 int String::toInteger() const {
     int number = -1;
+    // NOLINTNEXTLINE(cert-err34-c): the number is what sscanf makes of the text, by promise
     return std::sscanf(c_str(), "%i", &number) == 1 ? number : -1;
 }
 
