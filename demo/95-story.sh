@@ -2,6 +2,7 @@
 source "$top/demo/gateway.sh"
 chapter "The whole gateway, and a WAN supervisor that lives in it"
 say "Running now: configuration daemon, modem daemon of card 0, event manager, board with inputs and outputs, SMS tool, WAN link with a gateway host and a target behind it. The example daemon wan_supervisor watches the link."
+rm -f /var/log/qxlog
 gateway_up
 
 exec 3>&1

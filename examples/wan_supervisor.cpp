@@ -250,7 +250,7 @@ public:
 
     int run() {
         if (signals_ == -1 || loop_.init() != 0 || queue_.init() != 0) return 1;
-        status_.setup(BASEPATH_STATUS, "wan");
+        status_.setup(BASEPATH_STATUS, "/wan");
         configure();
 
         loop_.addSink(this, IFDEventsource::ET_READ);
