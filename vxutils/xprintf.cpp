@@ -50,12 +50,12 @@ inline char *fill(char *to, char with, size_t count) {
     return to + count;
 }
 
-// The window through which the text is seen: so many characters are left out, then so many fit. With no buffer the
-// characters are counted only. Once the window is full nothing counts any more.
-class Cursor {
+// The window through which the text is seen: so many characters are left out, then so many fit. Once it is full nothing
+// counts any more.
+class Window {
 public:
-    Cursor(char *buffer, size_t skip, size_t room)
-        : buffer_(buffer), room_(room), direct_(buffer != nullptr && skip == 0), toSkip_(skip), skip_(skip) {}
+    Window(char *buffer, size_t skip, size_t room)
+        : buffer_(buffer), room_(room), limit_(skip == 0 ? room : 0), toSkip_(skip), skip_(skip) {}
 
     size_t stored() const { return stored_; }
     size_t produced() const { return skip_ - toSkip_ + stored_; }
@@ -63,27 +63,22 @@ public:
     // Characters from here on that could still make a difference.
     size_t reach() const {
         const size_t left = room_ - stored_;
-        if (direct_ || left == 0) return left;
+        if (left == 0) return 0;
         return left > SIZE_MAX - toSkip_ ? SIZE_MAX : left + toSkip_;
     }
 
     // Place for `count` characters that are all stored; null when the window does not show them whole.
     char *claim(size_t count) {
-        if (!direct_ || count > room_ - stored_) return nullptr;
+        if (count > limit_ - stored_) return nullptr;
         char *const place = buffer_ + stored_;
         stored_ += count;
         return place;
     }
 
-    // Accounts for `count` characters of which none is stored (all left out, counted only, or behind a full window);
-    // false when they have to be produced.
+    // Accounts for `count` characters of which none is stored (all left out, or behind a full window); false when they
+    // have to be produced.
     bool pass(size_t count) {
-        const size_t left = room_ - stored_;
-        if (direct_ || left == 0) return left == 0;
-        if (buffer_ == nullptr) {
-            stored_ += std::min(count, left);
-            return true;
-        }
+        if (stored_ == room_) return true;
         if (count > toSkip_) return false;
         leaveOut(count);
         return true;
@@ -119,7 +114,7 @@ private:
 
     void leaveOut(size_t count) {
         toSkip_ -= count;
-        direct_ = toSkip_ == 0;
+        if (toSkip_ == 0) limit_ = room_;
     }
 
     // The part of the next `count` characters that the window shows.
@@ -134,9 +129,29 @@ private:
     char *const buffer_;
     const size_t room_;
     size_t stored_ = 0;
-    bool direct_;  // nothing is left out any more, and what comes is stored
+    size_t limit_;  // what may be stored now: nothing as long as characters are left out
     size_t toSkip_;
     const size_t skip_;
+};
+
+// What measuring takes in a window's stead: all characters pass, up to the largest count.
+class Counter {
+public:
+    size_t stored() const { return count_; }
+    size_t produced() const { return count_; }
+    size_t reach() const { return most - count_; }
+    char *claim(size_t) { return nullptr; }
+    bool pass(size_t count) {
+        count_ += std::min(count, most - count_);
+        return true;
+    }
+    void text(const char *, size_t count) { pass(count); }
+    void padding(char, size_t count) { pass(count); }
+
+private:
+    static constexpr size_t most = UINT_MAX - 1;
+
+    size_t count_ = 0;
 };
 
 // A va_list that functions can share: the type itself may be an array.
@@ -220,24 +235,24 @@ inline char *putPrefix(char *to, const Number &number) {
 }
 
 // A field that the window cuts.
-template <Base base>
-[[gnu::noinline]] void putIntegerPartly(Cursor &cursor, const Number &number, const Layout &layout) {
+template <Base base, typename Out>
+[[gnu::noinline]] void putIntegerPartly(Out &out, const Number &number, const Layout &layout) {
     char scratch[longestDigits];
     writeDigits<base>(scratch + layout.digits, number.value);
-    cursor.padding(' ', layout.before);
-    cursor.text(number.prefix, number.prefixSize);
-    cursor.padding('0', layout.zeros);
-    cursor.text(scratch, layout.digits);
-    cursor.padding(' ', layout.behind);
+    out.padding(' ', layout.before);
+    out.text(number.prefix, number.prefixSize);
+    out.padding('0', layout.zeros);
+    out.text(scratch, layout.digits);
+    out.padding(' ', layout.behind);
 }
 
-template <Base base>
-[[gnu::noinline]] void putPaddedInteger(Cursor &cursor, const Field &field, const Number &number, size_t digits) {
+template <Base base, typename Out>
+[[gnu::noinline]] void putPaddedInteger(Out &out, const Field &field, const Number &number, size_t digits) {
     const Layout layout = arrange(field, number.prefixSize, digits);
     const size_t all = layout.before + number.prefixSize + layout.zeros + digits + layout.behind;
-    char *place = cursor.claim(all);
+    char *place = out.claim(all);
     if (place == nullptr) {
-        if (!cursor.pass(all)) putIntegerPartly<base>(cursor, number, layout);
+        if (!out.pass(all)) putIntegerPartly<base>(out, number, layout);
         return;
     }
     place = putPrefix(fill(place, ' ', layout.before), number);
@@ -246,48 +261,53 @@ template <Base base>
     fill(place, ' ', layout.behind);
 }
 
-template <Base base>
-[[gnu::noinline]] void putInteger(Cursor &cursor, const Field &field, const Number &number) {
+template <Base base, typename Out>
+[[gnu::noinline]] void putInteger(Out &out, const Field &field, const Number &number) {
     const size_t digits = countDigits<base>(number.value);
     const size_t plain = number.prefixSize + digits;
-    if (field.width > plain || field.precision > 0) return putPaddedInteger<base>(cursor, field, number, digits);
-    if (char *const place = cursor.claim(plain)) {
+    if (field.width > plain || field.precision > 0) return putPaddedInteger<base>(out, field, number, digits);
+    if (char *const place = out.claim(plain)) {
         writeDigits<base>(putPrefix(place, number) + digits, number.value);
-    } else if (!cursor.pass(plain)) {
-        putIntegerPartly<base>(cursor, number, {0, 0, digits, 0});
+    } else if (!out.pass(plain)) {
+        putIntegerPartly<base>(out, number, {0, 0, digits, 0});
     }
 }
 
 // Length of a text as far as it matters: up to the precision, what the window can show and what the width needs.
-inline size_t usedLength(const Cursor &cursor, const Field &field, const char *text) {
-    size_t most = std::max(cursor.reach(), field.width);
+template <typename Out>
+inline size_t usedLength(const Out &out, const Field &field, const char *text) {
+    size_t most = std::max(out.reach(), field.width);
     if (field.precision >= 0) most = std::min(most, static_cast<size_t>(field.precision));
     return ::strnlen(text, most);
 }
 
-inline void putRun(Cursor &cursor, const Field &field, const char *text, size_t length) {
+template <typename Out>
+inline void putRun(Out &out, const Field &field, const char *text, size_t length) {
     const size_t blanks = field.width > length ? field.width - length : 0;
-    if (blanks != 0 && !field.has(leftJustify)) cursor.padding(field.has(zeroPad) ? '0' : ' ', blanks);
-    cursor.text(text, length);
-    if (blanks != 0 && field.has(leftJustify)) cursor.padding(' ', blanks);
+    if (blanks != 0 && !field.has(leftJustify)) out.padding(field.has(zeroPad) ? '0' : ' ', blanks);
+    out.text(text, length);
+    if (blanks != 0 && field.has(leftJustify)) out.padding(' ', blanks);
 }
 
-[[gnu::noinline]] void putText(Cursor &cursor, const Field &field, const char *text) {
+template <typename Out>
+[[gnu::noinline]] void putText(Out &out, const Field &field, const char *text) {
     if (text == nullptr) text = nullText;
-    putRun(cursor, field, text, usedLength(cursor, field, text));
+    putRun(out, field, text, usedLength(out, field, text));
 }
 
 // A byte as a text of one character; the byte 0 is an empty text.
-[[gnu::noinline]] void putCharacter(Cursor &cursor, const Field &field, char character) {
+template <typename Out>
+[[gnu::noinline]] void putCharacter(Out &out, const Field &field, char character) {
     const bool empty = character == '\0' || field.precision == 0;
-    putRun(cursor, field, &character, empty ? 0 : 1);
+    putRun(out, field, &character, empty ? 0 : 1);
 }
 
-inline void storeProduced(const Cursor &cursor, const Field &field, Arguments &args) {
+template <typename Out>
+inline void storeProduced(const Out &out, const Field &field, Arguments &args) {
     if (field.length == 'h') {
-        *va_arg(args.list, short *) = static_cast<short>(cursor.produced());
+        *va_arg(args.list, short *) = static_cast<short>(out.produced());
     } else {
-        *va_arg(args.list, int *) = static_cast<int>(cursor.produced());
+        *va_arg(args.list, int *) = static_cast<int>(out.produced());
     }
 }
 
@@ -367,29 +387,30 @@ inline Field readField(const char *&at, Arguments &args) {
     return field;
 }
 
-inline void convert(Cursor &cursor, const Field &field, char conversion, Arguments &args) {
+template <typename Out>
+inline void convert(Out &out, const Field &field, char conversion, Arguments &args) {
     switch (conversion) {
         case 'd':
         case 'i':
-            return putInteger<Base::decimal>(cursor, field, nextSigned(field, args));
+            return putInteger<Base::decimal>(out, field, nextSigned(field, args));
         case 'u':
-            return putInteger<Base::decimal>(cursor, field, nextUnsigned(field, args, "", 0));
+            return putInteger<Base::decimal>(out, field, nextUnsigned(field, args, "", 0));
         case 'o':
-            return putInteger<Base::octal>(cursor, field, nextUnsigned(field, args, "0", 1));
+            return putInteger<Base::octal>(out, field, nextUnsigned(field, args, "0", 1));
         case 'x':
-            return putInteger<Base::lowerHex>(cursor, field, nextUnsigned(field, args, "0x", 2));
+            return putInteger<Base::lowerHex>(out, field, nextUnsigned(field, args, "0x", 2));
         case 'X':
-            return putInteger<Base::upperHex>(cursor, field, nextUnsigned(field, args, "0X", 2));
+            return putInteger<Base::upperHex>(out, field, nextUnsigned(field, args, "0X", 2));
         case 'p':
-            return putInteger<Base::lowerHex>(cursor, field, nextPointer(args));
+            return putInteger<Base::lowerHex>(out, field, nextPointer(args));
         case 'c':
-            return putCharacter(cursor, field, static_cast<char>(va_arg(args.list, int)));
+            return putCharacter(out, field, static_cast<char>(va_arg(args.list, int)));
         case 's':
-            return putText(cursor, field, va_arg(args.list, const char *));
+            return putText(out, field, va_arg(args.list, const char *));
         case 'n':
-            return storeProduced(cursor, field, args);
+            return storeProduced(out, field, args);
         default:
-            return putCharacter(cursor, Field(), conversion);
+            return putCharacter(out, Field(), conversion);
     }
 }
 
@@ -401,36 +422,37 @@ inline const char *literalEnd(const char *at) {
     return ::strchrnul(at, '%');
 }
 
-void formatAll(Cursor &cursor, const char *at, Arguments &args) {
+template <typename Out>
+void formatAll(Out &out, const char *at, Arguments &args) {
     for (;;) {
         const char *const literal = at;
         at = literalEnd(at);
-        cursor.text(literal, static_cast<size_t>(at - literal));
+        out.text(literal, static_cast<size_t>(at - literal));
         if (*at == '\0') return;
         ++at;
         if (*at == '%') {
-            cursor.text(at++, 1);
+            out.text(at++, 1);
             continue;
         }
         const Field field = readField(at, args);
         if (*at == '\0') return;
-        convert(cursor, field, *at++, args);
+        convert(out, field, *at++, args);
     }
 }
 
 int formatWindow(char *buf, int skip, size_t size, const char *fmt, Arguments &args) {
     if (buf == nullptr || size == 0 || skip < 0) return 0;
-    Cursor cursor(buf, static_cast<size_t>(skip), size - 1);
-    if (fmt != nullptr) formatAll(cursor, fmt, args);
-    cursor.terminate();
-    return static_cast<int>(cursor.stored());
+    Window window(buf, static_cast<size_t>(skip), size - 1);
+    if (fmt != nullptr) formatAll(window, fmt, args);
+    window.terminate();
+    return static_cast<int>(window.stored());
 }
 
 int measure(const char *fmt, Arguments &args) {
     if (fmt == nullptr) return 0;
-    Cursor cursor(nullptr, 0, UINT_MAX - 1);
-    formatAll(cursor, fmt, args);
-    return static_cast<int>(cursor.stored());
+    Counter counter;
+    formatAll(counter, fmt, args);
+    return static_cast<int>(counter.stored());
 }
 
 }  // namespace
