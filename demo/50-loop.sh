@@ -23,7 +23,8 @@ loop_daemon | sed -u 's/^/      /' &
 loop_daemon=$!
 sleep 0.7
 say "      ... the daemon waits for the lock; now its owner is killed ..."
-{ kill -KILL "$loop_holder" && wait "$loop_holder"; } 2>/dev/null
+kill -KILL "$loop_holder"
+if wait "$loop_holder" 2>/dev/null; then say "the holder has survived"; fi
 wait "$loop_daemon" "$loop_first" "$loop_second"
 show vxevent 99 0 "raised by hand"
 echo quit >&8
