@@ -385,7 +385,9 @@ TEST_F(Recursive, TheFirstCreatesTheSecondOpens) {
     EXPECT_EQ(log.take(), Lines{});
     ASSERT_EQ(first.lock(), 0);
     std::thread([&] { EXPECT_EQ(second.trylock(), EBUSY); }).join();
-    ASSERT_EQ(second.unlock(), 0);  // the same mutex, the same thread
+    EXPECT_EQ(second.lock(), 0);  // the same mutex, the same thread
+    EXPECT_EQ(second.unlock(), 0);
+    ASSERT_EQ(first.unlock(), 0);
     std::thread([&] {
         EXPECT_EQ(second.trylock(), 0);
         EXPECT_EQ(second.unlock(), 0);
@@ -622,15 +624,22 @@ TEST_F(Recursive, TheOwnerMayLockAgainAndUnlocksAsOften) {
 }
 
 TEST_F(Recursive, DestructionDoesNotUnlock) {
+    const SharedPage page;
     const std::string name = fresh();
-    CRecursiveSemaphore other(name);
+    CRecursiveSemaphore lock(name);
     log.take();
-    {
-        CRecursiveSemaphore lock(name);
-        ASSERT_EQ(lock.lock(), 0);
-    }
-    std::thread([&] { EXPECT_EQ(other.trylock(), EBUSY); }).join();
-    EXPECT_EQ(other.unlock(), 0);
+    const pid_t owner = vxtest::startChild([&] {
+        {
+            CRecursiveSemaphore own(name);
+            if (own.lock() != 0) return 1;
+        }
+        page->ready = 1;
+        for (;;) ::pause();
+    });
+    ASSERT_TRUE(vxtest::eventually([&] { return page->ready == 1; }));
+    EXPECT_EQ(lock.trylock(), EBUSY);
+    ::kill(owner, SIGKILL);
+    EXPECT_EQ(vxtest::waitChild(owner), 128 + SIGKILL);
 }
 
 TEST_F(Recursive, ThreadsShareOneObject) {

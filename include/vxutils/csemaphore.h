@@ -116,7 +116,10 @@ public:
     /** The same with @p options, of which a copy is kept. */
     CRecursiveSemaphore(const std::string &name, const CSemaphoreOptions &options);
 
-    /** Leaves the lock as it is: locked when it was locked. */
+    /**
+     * Leaves the lock as it is: locked when it was locked. Unlock it first: a thread that destroys what it holds can
+     * neither give it back nor, later, be seen dead by others.
+     */
     virtual ~CRecursiveSemaphore();
 
     CRecursiveSemaphore(const CRecursiveSemaphore &) = delete;
@@ -136,7 +139,8 @@ public:
     /** The same without waiting: @c EBUSY when another thread has it. */
     int trylock();
 
-    /** Gives back one lock(): 0, -1 for an unusable object, or an error number (@c EPERM: not the owner). */
+    /** Gives back one lock() of this object: 0, -1 for an unusable object, or an error number (@c EPERM: not the
+     * owner). */
     int unlock();
 
     /**
