@@ -1,8 +1,9 @@
 # A WAN link, watched with echoes at both levels.
 chapter "WAN link: pinging a target that no route leads to"
 mkfifo /tmp/wanlink.control
+: >/tmp/wanlink.log
 sleep 60 >/tmp/wanlink.control & peers+=($!)  # keeps the pipe open between orders
-wanlink --delay 5 </tmp/wanlink.control >/tmp/wanlink.log & peers+=($!)
+wanlink --delay 5 </tmp/wanlink.control >>/tmp/wanlink.log & peers+=($!)
 until grep -q ready /tmp/wanlink.log; do sleep 0.01; done
 wanlink_order() {
   echo "$*" >/tmp/wanlink.control

@@ -28,7 +28,7 @@ int main(int argc, char **argv) {
         return 2;
     }
     const char *const name = argv[1];
-    const int length = std::atoi(argv[3]);
+    const long length = std::strtol(argv[3], nullptr, 10);
     const unsigned int mask = length <= 0 ? 0U : length >= 32 ? 0xFFFFFFFFU : ~(0xFFFFFFFFU >> length);
 
     IpInterfaceStatus status;

@@ -29,19 +29,19 @@ int main(int argc, char **argv) {
         std::fprintf(stderr, "usage: %s SOURCE TARGET COUNT\n", argv[0]);
         return 2;
     }
-    const int count = std::atoi(argv[3]);
-    int replies = 0;
+    const long count = std::strtol(argv[3], nullptr, 10);
+    long replies = 0;
     PingClient client;
-    for (int i = 0; i < count; ++i) {
+    for (long i = 0; i < count; ++i) {
         if (client.sendSimplePing(argv[1], argv[2]) != 0) {
-            std::printf("echo %d: not sent\n", i + 1);
+            std::printf("echo %ld: not sent\n", i + 1);
         } else if (answered(client)) {
-            std::printf("echo %d: reply\n", i + 1);
+            std::printf("echo %ld: reply\n", i + 1);
             ++replies;
         } else {
-            std::printf("echo %d: no reply\n", i + 1);
+            std::printf("echo %ld: no reply\n", i + 1);
         }
     }
-    std::printf("%d of %d echoes to %s were answered\n", replies, count, argv[2]);
+    std::printf("%ld of %ld echoes to %s were answered\n", replies, count, argv[2]);
     return replies == count ? 0 : 1;
 }

@@ -244,7 +244,7 @@ int main(int argc, char **argv) {
     for (int next = 1; next < argc; ++next) {
         const std::string_view option = argv[next];
         if (option == "--delay" && next + 1 < argc) {
-            delay = std::chrono::milliseconds(std::atol(argv[++next]));
+            delay = std::chrono::milliseconds(std::strtol(argv[++next], nullptr, 10));
         } else {
             std::fputs(help, option == "--help" ? stdout : stderr);
             return option == "--help" ? 0 : 2;

@@ -41,8 +41,8 @@ int setAddress(unsigned long request, const char *name, unsigned int value) {
 }  // namespace
 
 IpInterfaceStatus::IpInterfaceStatus() = default;
-IpInterfaceStatus::IpInterfaceStatus(const IpInterfaceStatus &other) = default;
-IpInterfaceStatus &IpInterfaceStatus::operator=(const IpInterfaceStatus &other) = default;
+IpInterfaceStatus::IpInterfaceStatus(const IpInterfaceStatus &) = default;
+IpInterfaceStatus &IpInterfaceStatus::operator=(const IpInterfaceStatus &) = default;
 IpInterfaceStatus::~IpInterfaceStatus() = default;
 
 int IpInterfaceStatus::isInterfaceAvailable(const char *name) const {
