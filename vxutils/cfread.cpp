@@ -19,7 +19,9 @@
 
 #include "vxutils/internal/fd.h"
 #include "vxutils/internal/handles.h"
+#include "vxutils/internal/line_buffer.h"
 #include "vxutils/internal/log.h"
+#include "vxutils/internal/plain_text.h"
 #include "vxutils/internal/retry.h"
 #include "vxutils/internal/text_hash.h"
 
@@ -57,7 +59,7 @@ constexpr size_t textMax = 255;      // characters of a key, of a value
 constexpr size_t pathMax = 511;      // characters of the path of a file with includes, of an absolute include
 constexpr size_t relativeMax = 510;  // characters of an include beside the file
 constexpr int slotStep = 64;
-constexpr uint32_t firstCells = 2 * slotStep;
+constexpr uint32_t firstCells = 4 * slotStep;
 constexpr size_t firstChunk = 4000;  // each chunk is twice as large as the one before it
 constexpr size_t largestChunk = 256000;
 constexpr std::string_view includeWord = "include ";
@@ -311,35 +313,16 @@ void freePrivatePart(Index *index) {
 
 // ---- reading lines
 
-// True when no byte needs a closer look: none above 127, no NUL, no carriage return. Eight at a time, since every byte
-// of every line comes by.
-bool isPlain(const char *text, size_t length) {
-    constexpr uint64_t ones = 0x0101010101010101u;
-    constexpr uint64_t highBits = 0x80 * ones;
-    uint64_t suspect = 0;
-    const auto look = [&](uint64_t word) { suspect |= word | (word - ('\r' + 1) * ones); };  // borrows below '\r' + 1
-    const char *end = text + length;
-    for (; end - text >= 8; text += 8) {
-        uint64_t word;
-        std::memcpy(&word, text, sizeof word);
-        look(word);
-    }
-    uint64_t rest = ' ' * ones;
-    for (; text < end; ++text) rest = rest << 8 | static_cast<unsigned char>(*text);
-    look(rest);
-    return (suspect & highBits) == 0;
-}
-
 struct Parts {
     std::string_view key;
     std::string_view value;
 };
 
-// Key and value of an ordinary line, NUL-terminated in place; an empty value for any line that is not ordinary, which
-// Reader::parseEntry() takes apart byte by byte.
+// Key and value of an ordinary line, without bytes above 127, NUL or carriage return, NUL-terminated in place; an empty
+// value for any line that is not ordinary, which Reader::parseEntry() takes apart byte by byte.
 Parts plainParts(std::span<char> line) {
     char *newline = line.data() + line.size() - 1;
-    if (*newline != '\n' || !isPlain(line.data(), line.size() - 1)) return {};
+    if (*newline != '\n' || !vx::allPlain<'\r' + 1>(line.data(), line.size() - 1)) return {};
     auto *equals = static_cast<char *>(std::memchr(line.data(), '=', line.size() - 1));
     if (equals == nullptr) return {};
 
@@ -389,7 +372,7 @@ public:
         table_.file = file;
         if (!enter(file, nullptr)) return -1;
         while (source_ != nullptr) {
-            const std::span<char> line = nextLine();
+            const std::span<char> line = lines_.next(source_->fd.get(), lineMax);
             if (line.empty()) {
                 leave();
             } else if (!handleLine(line)) {
@@ -424,7 +407,7 @@ private:
         if (source == nullptr) return cannotOpen(name);
         source_ = source;
         table_.file = name;
-        begin_ = end_ = 0;
+        lines_.restart({});
         return true;
     }
 
@@ -432,56 +415,24 @@ private:
     void leave() {
         const std::unique_ptr<Source> done(source_);
         source_ = done->parent;
-        begin_ = end_ = 0;
+        lines_.restart({});
         if (source_ == nullptr) return;
         table_.file = source_->name;
-        if (source_->rest != nullptr) {
-            std::memcpy(buffer_.data(), source_->rest.get(), source_->restSize);
-            end_ = source_->restSize;
-            source_->rest.reset();
-        }
+        if (source_->rest == nullptr) return;
+        lines_.restart({source_->rest.get(), source_->restSize});
+        source_->rest.reset();
     }
 
     // Leaves what the buffer holds to be read again after the include, which needs the buffer.
     bool keepRest() {
-        const size_t size = end_ - begin_;
-        if (source_ == nullptr || size == 0) return true;
-        if (::lseek(source_->fd.get(), -static_cast<off_t>(size), SEEK_CUR) != -1) return true;
-        source_->rest.reset(static_cast<char *>(std::malloc(size)));
+        const std::span<const char> rest = lines_.unread();
+        if (source_ == nullptr || rest.empty()) return true;
+        if (::lseek(source_->fd.get(), -static_cast<off_t>(rest.size()), SEEK_CUR) != -1) return true;
+        source_->rest.reset(static_cast<char *>(std::malloc(rest.size())));
         if (source_->rest == nullptr) return false;
-        std::memcpy(source_->rest.get(), buffer_.data() + begin_, size);
-        source_->restSize = size;
+        std::memcpy(source_->rest.get(), rest.data(), rest.size());
+        source_->restSize = rest.size();
         return true;
-    }
-
-    // The next line with its line feed, or as much of it as a line buffer holds; empty at the end of the file.
-    std::span<char> nextLine() {
-        for (size_t seen = 0;;) {
-            const size_t there = std::min(end_ - begin_, lineMax);
-            const char *start = buffer_.data() + begin_;
-            const void *newline = std::memchr(start + seen, '\n', there - seen);
-            size_t length = there;
-            if (newline != nullptr) {
-                length = static_cast<size_t>(static_cast<const char *>(newline) - start) + 1;
-            } else if (there < lineMax) {
-                seen = there;
-                const ssize_t got = fill();
-                if (got > 0) continue;
-                if (got < 0) return {};
-            }
-            begin_ += length;
-            return {buffer_.data() + begin_ - length, length};
-        }
-    }
-
-    ssize_t fill() {
-        std::memmove(buffer_.data(), buffer_.data() + begin_, end_ - begin_);
-        end_ -= begin_;
-        begin_ = 0;
-        const ssize_t got =
-            vx::retryEintr([&] { return ::read(source_->fd.get(), buffer_.data() + end_, buffer_.size() - end_); });
-        if (got > 0) end_ += static_cast<size_t>(got);
-        return got;
     }
 
     bool handleLine(std::span<char> line) {
@@ -569,9 +520,7 @@ private:
 
     cfread_table &table_;
     Source *source_ = nullptr;
-    size_t begin_ = 0;
-    size_t end_ = 0;
-    std::array<char, 16384> buffer_;  // of the current file, from begin_ to end_
+    vx::LineBuffer lines_;  // of the current file
 };
 
 }  // namespace

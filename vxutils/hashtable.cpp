@@ -8,6 +8,8 @@
 #include <cstring>
 #include <new>
 
+#include "vxutils/internal/hashtable_filler.h"
+
 // The key's text stands behind the entry, in the same block: one allocation and one cache line to an entry.
 struct INStringHashTable::Entry {
     Entry *next;
@@ -81,7 +83,8 @@ bool sameText(const char *a, const char *b, size_t length) {
 
 // A text as it is looked for.
 struct TextKey {
-    explicit TextKey(const char *key) : text(key), length(std::strlen(key)), hash(hashText(key, length)) {}
+    explicit TextKey(const char *key) : TextKey(key, std::strlen(key)) {}
+    TextKey(const char *key, size_t keyLength) : text(key), length(keyLength), hash(hashText(key, keyLength)) {}
 
     template <typename Entry>
     bool matches(const Entry &entry) const {
@@ -259,3 +262,23 @@ void INStringHashTable::passAllPointers(void (*fn)(void *)) const { passValues(b
 unsigned long INStringHashTable::getNumberOfKeys() const { return countEntries(buckets_, count_); }
 
 unsigned long INStringHashTable::getLongestChain() const { return longestChain(buckets_, count_); }
+
+size_t vx::TextTableFiller::entrySize(size_t keyLength) { return sizeof(INStringHashTable::Entry) + keyLength + 1; }
+
+vx::TextTableFiller::Place vx::TextTableFiller::find(const INStringHashTable &table, const char *key, size_t length) {
+    const TextKey wanted(key, length);
+    INStringHashTable::Entry **link = &table.buckets_[wanted.hash & table.mask_];
+    while (*link != nullptr && !wanted.matches(**link)) link = &(*link)->next;
+    return {link, wanted.hash};
+}
+
+void vx::TextTableFiller::put(const Place &place, const char *key, size_t length, void *value, void *memory) {
+    auto *const entry = new (memory) INStringHashTable::Entry{nullptr, value, length, place.hash};
+    std::memcpy(entry->key(), key, length);
+    entry->key()[length] = '\0';
+    *place.link = entry;
+}
+
+void vx::TextTableFiller::forgetEntries(INStringHashTable &table) {
+    std::fill(table.buckets_, table.buckets_ + table.count_, nullptr);
+}

@@ -22,6 +22,10 @@
 #include <stdint.h>
 #include <vxutils/api.h>
 
+namespace vx {
+struct TextTableFiller; /* the library's own */
+}
+
 /** How a number becomes a bucket. There is one way, and the tables do not look at the choice. */
 enum HashFunctionType {
     HASH_LOW_BITS /**< the low bits of the key */
@@ -149,6 +153,7 @@ public:
     unsigned long getLongestChain() const;
 
 private:
+    friend struct vx::TextTableFiller;
     struct Entry;
 
     Entry **buckets_;

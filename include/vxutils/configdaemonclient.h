@@ -1,0 +1,80 @@
+/* SPDX-License-Identifier: MIT */
+/**
+ * @file
+ * ConfigDaemonClient: single values of the configuration daemon, over the functions of configd.h.
+ *
+ * @code
+ *     ConfigDaemonClient client;
+ *     String host("gateway");
+ *     client.getValue("hostname", host);  // stays "gateway" when there is no answer
+ *     client.setIndexedValueAsInt("port.%lu.speed", 3, 100);
+ * @endcode
+ *
+ * Each call is one exchange with the daemon and blocks as configd.h describes. What is written takes effect with the
+ * next commit of any client (configd_done()). Failures are told by results, in the system log by configd.h. A client is
+ * used by one thread at a time and does not survive fork() in both processes.
+ */
+#ifndef VXUTILS_CONFIGDAEMONCLIENT_H
+#define VXUTILS_CONFIGDAEMONCLIENT_H
+
+#include <vxutils/api.h>
+#include <vxutils/configd.h>
+#include <vxutils/vxstring.h>
+
+/** Client of the configuration daemon for single values. */
+class VXUTILS_API ConfigDaemonClient {
+public:
+    /** Connects; a client that could not fails in every call. */
+    ConfigDaemonClient();
+    /** Disconnects. */
+    virtual ~ConfigDaemonClient();
+
+    /**
+     * Writes a value.
+     *
+     * @param key   at most 255 characters, not empty
+     * @param value at most 1023 characters
+     * @return whether the daemon confirmed it; what is too long is not sent
+     */
+    virtual bool setValue(String const &key, String const &value) const;
+
+    /** Writes a number. */
+    virtual bool setValueAsInt(String const &key, long value) const;
+
+    /**
+     * Writes the value of one of several keys.
+     *
+     * @param key   pattern with one conversion for an unsigned long, "%lu"; at most 255 characters, as the key it gives
+     * @param index the number that goes there
+     */
+    virtual bool setIndexedValue(String const &key, unsigned long index, String const &value) const;
+
+    /** Writes the number of one of several keys, as in setIndexedValue(). */
+    virtual bool setIndexedValueAsInt(String const &key, unsigned long index, long value) const;
+
+    /**
+     * Reads a value.
+     *
+     * @param value receives it; left alone when there is no answer, when the key is empty or has more than 255
+     * characters
+     * @return @p value
+     */
+    virtual String &getValue(String const &key, String &value) const;
+
+    /** Reads a number, as atoi() makes it of the value. @return @p value, which is left alone as in getValue() */
+    virtual long getValueAsInt(String const &key, long &value) const;
+
+    /** getValue() of one of several keys, as in setIndexedValue(). */
+    virtual String &getIndexedValue(String const &key, unsigned long index, String &value) const;
+
+    /** getValueAsInt() of one of several keys, as in setIndexedValue(). */
+    virtual long getIndexedValueAsInt(String const &key, unsigned long index, long &value) const;
+
+    ConfigDaemonClient(const ConfigDaemonClient &) = delete;
+    ConfigDaemonClient &operator=(const ConfigDaemonClient &) = delete;
+
+private:
+    configd_handle *handle_; /* NULL when the connection could not be made */
+};
+
+#endif

@@ -1,0 +1,104 @@
+/* SPDX-License-Identifier: MIT */
+/**
+ * @file
+ * ConfigReader: a "key=value" file, read once and asked often.
+ *
+ * @code
+ *     ConfigReader config;
+ *     config.initialize("/etc/gateway/leds.conf", 64);
+ *     long count = config.getValueAsInt("led.count", 0);
+ *     for (long i = 0; i < count; i++) setLed(i, config.getIndexedValue("led.%lu.color", i, "off"));
+ * @endcode
+ *
+ * Lines have at most 1022 bytes; what is longer counts as another line, and a NUL ends a line early. Lines that begin
+ * with
+ * "#" or hold no "=" are skipped. Before the first "=" stands the key, from which blanks and control characters (codes
+ * up to 32) are removed wherever they stand; only of a key that begins with two of them the second one stays. Behind it
+ * stands the value, which loses them at both ends and may be empty. The first of several entries of one key counts; a
+ * message on standard output names each later one.
+ *
+ * A reader may be asked from several threads once initialize() has returned. Out of memory throws @c std::bad_alloc.
+ */
+#ifndef VXUTILS_CONFIGREADER_H
+#define VXUTILS_CONFIGREADER_H
+
+#include <vxutils/api.h>
+#include <vxutils/vxstring.h>
+
+class INStringHashTable;
+
+/** Reader of a configuration file; see the page for the syntax. */
+class VXUTILS_API ConfigReader {
+public:
+    /** An empty reader: every question gives its default. */
+    ConfigReader();
+    /** Frees all values. */
+    virtual ~ConfigReader();
+
+    /**
+     * Reads a file in place of what was read before, after a call of cleanup().
+     *
+     * @param fileName  name of the file
+     * @param tableSize number of buckets to begin with, about the number of keys
+     * @return true; false when the file cannot be opened, which two lines on standard output tell: the reader is empty
+     * then
+     * @throws std::bad_array_new_length when @p tableSize is beyond what a table can have (hashtable.h)
+     */
+    virtual bool initialize(String const &fileName, unsigned long tableSize);
+
+    /** Forgets all values; references to them end. */
+    virtual void cleanup();
+
+    /** @return the value of a key, valid until cleanup(), or @p defaultValue itself when there is none */
+    virtual String const &getValue(String const &key, String const &defaultValue) const;
+
+    /**
+     * Value of a key as a number.
+     *
+     * @return 1 for "on" and 0 for "off" in any case of letters, otherwise what valueOf32() (numconv.h) makes of the
+     *         value; @p defaultValue when there is none
+     */
+    virtual long getValueAsInt(String const &key, long defaultValue) const;
+
+    /**
+     * getValue() of one of several keys.
+     *
+     * @param key   pattern with one conversion for an unsigned long, "%lu"
+     * @param index the number that goes there
+     */
+    virtual String const &getIndexedValue(String const &key, unsigned long index, String const &defaultValue) const;
+
+    /** getValueAsInt() of one of several keys, as in getIndexedValue(). */
+    virtual long getIndexedValueAsInt(String const &key, unsigned long index, long defaultValue) const;
+
+    /**
+     * Adds a value, once initialize() has been called.
+     *
+     * @return true; false when the key has a value already, which a line on standard output tells, or when there is no
+     *         table yet
+     */
+    bool add(String const &key, String const &value);
+
+    /**
+     * Copies a part of a text without the blanks around it.
+     *
+     * @param dst     receives the text and its NUL
+     * @param dstSize bytes of @p dst
+     * @param src     text; its leading blanks are skipped first
+     * @param n       characters to take from there; blanks at their end are not copied
+     * @return false, and nothing is written, when @p src has fewer than @p n characters behind its blanks, when @p n is
+     *         negative or not below @p dstSize, or for NULL
+     */
+    bool strcpystrip(char *dst, int dstSize, char *src, int n);
+
+    /** @return position of the first @p c in the text, -1 when there is none; its NUL is not looked at */
+    int indexof(char *str, char c);
+
+    ConfigReader(const ConfigReader &) = delete;
+    ConfigReader &operator=(const ConfigReader &) = delete;
+
+private:
+    INStringHashTable *table_; /* NULL before initialize() and after cleanup() */
+};
+
+#endif

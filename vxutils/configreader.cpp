@@ -1,0 +1,239 @@
+// SPDX-License-Identifier: MIT
+#include <fcntl.h>
+#include <vxutils/configreader.h>
+#include <vxutils/hashtable.h>
+#include <vxutils/numconv.h>
+#include <vxutils/strutil.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <new>
+#include <string_view>
+#include <utility>
+
+#include "vxutils/internal/fd.h"
+#include "vxutils/internal/hashtable_filler.h"
+#include "vxutils/internal/line_buffer.h"
+#include "vxutils/internal/plain_text.h"
+#include "vxutils/internal/retry.h"
+
+namespace {
+
+constexpr size_t lineMax = 1022;
+constexpr size_t firstBlock = 4000;  // of the values' memory; each is twice as large as the one before it
+constexpr size_t largestBlock = 128000;
+constexpr const char *noFileMessage = "cfg: Error in config file %s, line %ld:\n";
+constexpr const char *detailMessage = "cfg:   %s\n";
+constexpr const char *duplicateMessage = "cfg: Ignoring duplicate tag:%s=%s\n";
+
+// A value as it was read. Most programs ask for few of their file's keys, and for numbers: the String is made when it
+// is asked for first, by whichever thread comes first.
+class Value {
+public:
+    explicit Value(const char *text) : text_(text) {}
+    ~Value() { delete made_.load(); }
+    Value(const Value &) = delete;
+    Value &operator=(const Value &) = delete;
+
+    const char *text() const { return text_; }
+    void set(const String &value) { made_ = new String(value); }
+
+    const String &string() const {
+        const String *made = made_.load(std::memory_order_acquire);
+        if (made != nullptr) return *made;
+        auto fresh = std::make_unique<const String>(text_);
+        if (made_.compare_exchange_strong(made, fresh.get(), std::memory_order_acq_rel)) return *fresh.release();
+        return *made;
+    }
+
+private:
+    const char *text_;
+    mutable std::atomic<const String *> made_ = nullptr;
+};
+
+// The table with the memory of its entries and values: they come one by one and go together.
+class ValueTable : public INStringHashTable {
+public:
+    explicit ValueTable(unsigned long size) : INStringHashTable(size) {}
+    ~ValueTable() {
+        passAllPointers([](void *value) { static_cast<Value *>(value)->~Value(); });
+        Filler::forgetEntries(*this);
+        while (newest_ != nullptr) std::free(std::exchange(newest_, newest_->older));
+    }
+    ValueTable(const ValueTable &) = delete;
+    ValueTable &operator=(const ValueTable &) = delete;
+
+    const Value *find(const char *key) const {
+        void *value = nullptr;
+        return getValueFromKey(key, &value) ? static_cast<const Value *>(value) : nullptr;
+    }
+
+    // Null, with the message, when the key is there.
+    Value *add(std::string_view key, std::string_view text) {
+        const Filler::Place place = Filler::find(*this, key.data(), key.size());
+        if (Filler::taken(place)) {
+            std::printf(duplicateMessage, key.data(), text.data());
+            return nullptr;
+        }
+        const size_t entrySize = rounded(Filler::entrySize(key.size()));
+        char *memory = take(entrySize + rounded(sizeof(Value) + text.size() + 1));
+        char *copy = memory + entrySize + sizeof(Value);
+        std::memcpy(copy, text.data(), text.size());
+        copy[text.size()] = '\0';
+        auto *value = new (memory + entrySize) Value(copy);
+        Filler::put(place, key.data(), key.size(), value, memory);
+        return value;
+    }
+
+private:
+    struct Block {
+        Block *older;
+        size_t size;  // of what follows
+    };
+
+    using Filler = vx::TextTableFiller;
+
+    static size_t rounded(size_t size) { return (size + sizeof(void *) - 1) / sizeof(void *) * sizeof(void *); }
+
+    char *take(size_t size) {
+        if (newest_ == nullptr || newest_->size - used_ < size) {
+            const size_t next = newest_ == nullptr ? firstBlock : std::min(newest_->size * 2, largestBlock);
+            const size_t room = std::max(next, size);
+            auto *block = static_cast<Block *>(std::malloc(sizeof(Block) + room));
+            if (block == nullptr) throw std::bad_alloc();
+            newest_ = new (block) Block{newest_, room};
+            used_ = 0;
+        }
+        return reinterpret_cast<char *>(newest_ + 1) + std::exchange(used_, used_ + size);
+    }
+
+    Block *newest_ = nullptr;
+    size_t used_ = 0;
+};
+
+const Value *find(const INStringHashTable *table, String const &key) {
+    return table != nullptr ? static_cast<const ValueTable *>(table)->find(key.c_str()) : nullptr;
+}
+
+bool isBlank(char c) { return static_cast<unsigned char>(c) <= ' '; }
+
+// Removes blanks and control characters, in place; the length of what stays. After each removal the old scan went on at
+// the second character, so the one that follows a removed first one has always stayed, whatever it is; files may rely
+// on it.
+size_t removeBlanks(char *key, char *end) {
+    while (end > key + 2 && isBlank(end[-1])) --end;
+    if (vx::allPlain<' ' + 1>(key, static_cast<size_t>(end - key))) {
+        *end = '\0';
+        return static_cast<size_t>(end - key);
+    }
+    const char *from = key;
+    char *to = key;
+    if (from < end && isBlank(*from)) ++from;
+    if (from < end) *to++ = *from++;
+    for (; from < end; ++from) {
+        if (!isBlank(*from)) *to++ = *from;
+    }
+    *to = '\0';
+    return static_cast<size_t>(to - key);
+}
+
+// Takes a line apart, in place, and adds what it holds.
+void addLine(ValueTable &table, char *line, char *end) {
+    auto *equals = static_cast<char *>(std::memchr(line, '=', static_cast<size_t>(end - line)));
+    if (*line == '#' || equals == nullptr) return;
+    if (void *nul = std::memchr(line, '\0', static_cast<size_t>(end - line)); nul != nullptr) {
+        end = static_cast<char *>(nul);
+        if (end < equals) return;
+    }
+    char *value = equals + 1;
+    while (value < end && isBlank(*value)) ++value;
+    while (end > value && isBlank(end[-1])) --end;
+    const char behind = std::exchange(*end, '\0');
+    const size_t keyLength = removeBlanks(line, equals);
+    (void)table.add({line, keyLength}, {value, static_cast<size_t>(end - value)});
+    *end = behind;
+}
+
+long numberOf(const char *value) {
+    if (stricmp(value, "on") == 0) return 1;
+    if (stricmp(value, "off") == 0) return 0;
+    return valueOf32(value);
+}
+
+String indexedKey(String const &pattern, unsigned long index) {
+    String key;
+    key.format(pattern.c_str(), index);
+    return key;
+}
+
+}  // namespace
+
+ConfigReader::ConfigReader() : table_(nullptr) {}
+
+ConfigReader::~ConfigReader() { ConfigReader::cleanup(); }
+
+bool ConfigReader::initialize(String const &fileName, unsigned long tableSize) {
+    cleanup();
+    auto *table = new ValueTable(tableSize);
+    table_ = table;
+
+    const vx::Fd file(vx::retryEintr([&] { return ::open(fileName.c_str(), O_RDONLY | O_CLOEXEC); }));
+    if (!file.valid()) {
+        std::printf(noFileMessage, fileName.c_str(), 0L);
+        std::printf(detailMessage, "");
+        return false;
+    }
+    vx::LineBuffer lines;
+    for (auto line = lines.next(file.get(), lineMax); !line.empty(); line = lines.next(file.get(), lineMax)) {
+        addLine(*table, line.data(), line.data() + line.size());
+    }
+    return true;
+}
+
+void ConfigReader::cleanup() { delete static_cast<ValueTable *>(std::exchange(table_, nullptr)); }
+
+String const &ConfigReader::getValue(String const &key, String const &defaultValue) const {
+    const Value *value = find(table_, key);
+    return value != nullptr ? value->string() : defaultValue;
+}
+
+long ConfigReader::getValueAsInt(String const &key, long defaultValue) const {
+    const Value *value = find(table_, key);
+    return value != nullptr ? numberOf(value->text()) : defaultValue;
+}
+
+String const &ConfigReader::getIndexedValue(String const &key, unsigned long index, String const &defaultValue) const {
+    return ConfigReader::getValue(indexedKey(key, index), defaultValue);
+}
+
+long ConfigReader::getIndexedValueAsInt(String const &key, unsigned long index, long defaultValue) const {
+    return ConfigReader::getValueAsInt(indexedKey(key, index), defaultValue);
+}
+
+bool ConfigReader::add(String const &key, String const &value) {
+    if (table_ == nullptr) return false;
+    Value *added = static_cast<ValueTable *>(table_)->add(key.c_str(), value.c_str());
+    if (added != nullptr) added->set(value);
+    return added != nullptr;
+}
+
+bool ConfigReader::strcpystrip(char *dst, int dstSize, char *src, int n) {
+    if (dst == nullptr || src == nullptr || n < 0 || n >= dstSize) return false;
+    const char *text = src + std::strspn(src, " ");
+    auto length = static_cast<size_t>(n);
+    if (::strnlen(text, length) < length) return false;
+    while (length > 0 && text[length - 1] == ' ') --length;
+    std::memmove(dst, text, length);
+    dst[length] = '\0';
+    return true;
+}
+
+int ConfigReader::indexof(char *str, char c) {
+    if (str == nullptr || c == '\0') return -1;
+    const char *found = std::strchr(str, c);
+    return found != nullptr ? static_cast<int>(found - str) : -1;
+}

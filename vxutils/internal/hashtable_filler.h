@@ -1,0 +1,35 @@
+// SPDX-License-Identifier: MIT
+// Fills a table of texts whose entries stand in memory of the filler's own, for tables that are filled once and go as a
+// whole.
+#pragma once
+
+#include <vxutils/hashtable.h>
+
+#include <cstddef>
+#include <cstdint>
+
+namespace vx {
+
+struct TextTableFiller {
+    // Where a key stands or would stand.
+    struct Place {
+        INStringHashTable::Entry **link;
+        uint32_t hash;
+    };
+
+    // Bytes that an entry with a key of this length takes.
+    static size_t entrySize(size_t keyLength);
+
+    static Place find(const INStringHashTable &table, const char *key, size_t length);
+
+    // Whether find() found the key: of several entries the oldest.
+    static bool taken(const Place &place) { return *place.link != nullptr; }
+
+    // Makes the entry in `memory`, which is aligned for it, at a place that is not taken.
+    static void put(const Place &place, const char *key, size_t length, void *value, void *memory);
+
+    // Empties the table without freeing its entries; due before the table is destroyed or emptied by other means.
+    static void forgetEntries(INStringHashTable &table);
+};
+
+}  // namespace vx
