@@ -4,11 +4,11 @@
  * Two small hash tables that map a key to an untyped pointer: by 32-bit number and by text.
  *
  * @code
- * INStringHashTable sessions(64);
- * sessions.addEntry("alice", session);
+ * INStringHashTable users(64);
+ * users.addEntry("alice", user);
  * void *found;
- * if (sessions.getValueFromKey("alice", &found)) static_cast<Session *>(found)->touch();
- * sessions.passAllPointers([](void *one) { delete static_cast<Session *>(one); });
+ * if (users.getValueFromKey("alice", &found)) static_cast<User *>(found)->touch();
+ * users.passAllPointers([](void *one) { delete static_cast<User *>(one); });
  * @endcode
  *
  * The number of buckets is chosen at construction and never changes: a table that is too small still works, slowly
