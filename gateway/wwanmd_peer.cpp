@@ -308,7 +308,7 @@ void Daemon::control(std::string_view line) {
     const size_t blank = line.find(' ');
     const std::string word(line.substr(0, blank));
     const std::string text = blank == std::string_view::npos ? "" : unescaped(line.substr(blank + 1));
-    const int number = std::atoi(text.c_str());
+    const auto number = static_cast<int>(std::strtol(text.c_str(), nullptr, 10));
     const size_t second = text.find(' ');
     const std::string afterNumber = second == std::string::npos ? "" : text.substr(second + 1);
     if (word == "ok") {
@@ -407,7 +407,7 @@ int main(int argc, char **argv) {
         return argc == 2 ? 0 : 2;
     }
     std::setvbuf(stdout, nullptr, _IOLBF, 0);
-    Daemon daemon(std::atoi(argv[1]));
+    Daemon daemon(static_cast<int>(std::strtol(argv[1], nullptr, 10)));
     if (!daemon.listenAtSocket()) {
         std::perror("wwanmd");
         return 1;

@@ -217,6 +217,7 @@ int scanFrequency(FILE *file, dio_frequency_record &record) {
     long long first = 0;
     long long second = 0;
     unsigned long number = 0;
+    // NOLINTNEXTLINE(cert-err34-c): a number that does not fit is the nearest one that does, which is wanted here
     const int items = std::fscanf(file, "%lld %lld %lu", &first, &second, &number);
     if (items == 3) record = {to32Bits(number), first, second};
     return items;

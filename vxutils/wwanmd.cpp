@@ -31,7 +31,6 @@
 #include "vxutils/internal/fd.h"
 #include "vxutils/internal/log.h"
 #include "vxutils/internal/retry.h"
-#include "vxutils/internal/sigpipe.h"
 
 namespace {
 
@@ -62,9 +61,13 @@ constexpr std::string_view busyWord = "BUSY";
 
 static_assert(sizeof(wwanmd_handle::app) == 16 && sizeof(wwanmd_msg) == 8192 + 3 * sizeof(int));
 
-// Whether a failure may reconnect. Not from inside the handshake, which is itself part of connecting: the two would
-// call each other without end when the daemon accepts and closes at once.
-enum class Reconnect { allowed, never };
+// What a send or receive is part of.
+enum class Part {
+    alone,        // a call of its own
+    ofCommand,    // one step of a command
+    ofHandshake,  // the same while connecting: a failure does not reconnect, since the two would call each other
+                  // without end when the daemon accepts and closes at once
+};
 
 timespec now() {
     timespec time{};
@@ -166,13 +169,15 @@ vx::Fd connectToDaemon(int card) {
     return fd;
 }
 
-int sendMessage(wwanmd_handle *handle, wwanmd_msg *message, Reconnect reconnect);
-int receiveMessage(wwanmd_handle *handle, wwanmd_msg *message, Reconnect reconnect);
+int sendMessage(wwanmd_handle *handle, wwanmd_msg *message, Part part);
+int receiveMessage(wwanmd_handle *handle, wwanmd_msg *message, Part part);
 
-// One command and its answer.
-int exchange(wwanmd_handle *handle, wwanmd_msg *message, Reconnect reconnect) {
-    if (sendMessage(handle, message, reconnect) != 0) return -1;
-    if (receiveMessage(handle, message, reconnect) == 0) return 0;
+// One command and its answer, as one piece: SIGPIPE stays ignored from the send to the end of the receive, and the
+// card's reset is looked for once, before sending. A second look right behind the send could not tell more: whatever
+// the command sets off may happen before or after it.
+int exchange(wwanmd_handle *handle, wwanmd_msg *message, Part part) {
+    if (sendMessage(handle, message, part) != 0) return -1;
+    if (receiveMessage(handle, message, part) == 0) return 0;
     vx::log(LOG_DEBUG, "command failed");
     return -1;
 }
@@ -181,7 +186,7 @@ int handshake(wwanmd_handle *handle) {
     wwanmd_msg message{};
     message.len = std::snprintf(message.data, sizeof message.data, "%s %s", "init", handle->app);
     errno = 0;
-    return exchange(handle, &message, Reconnect::never);
+    return exchange(handle, &message, Part::ofHandshake);
 }
 
 bool closedForReset(wwanmd_handle *handle) {
@@ -197,10 +202,10 @@ void stalled(wwanmd_handle *handle) {
 }
 
 // Counts a failed send or receive and reconnects when it was one too many.
-void countFailure(wwanmd_handle *handle, const char *doing, Reconnect reconnect) {
+void countFailure(wwanmd_handle *handle, const char *doing, Part part) {
     vx::log(LOG_DEBUG, "%s wwanmd%d failed (%d failures)", doing, handle->card, handle->failures + 1);
     ++handle->failures;
-    if (handle->failures >= failuresToReconnect && reconnect == Reconnect::allowed) (void)wwanmd_open(handle);
+    if (handle->failures >= failuresToReconnect && part != Part::ofHandshake) (void)wwanmd_open(handle);
 }
 
 void pace(const wwanmd_handle &handle) {
@@ -232,7 +237,6 @@ bool waitWritable(const wwanmd_handle &handle, int timeout) {
 }
 
 bool sendAll(wwanmd_handle *handle, const wwanmd_msg &message) {
-    const vx::SigpipeScope sigpipe;
     if (!flushStaleAnswers(*handle) && !waitWritable(*handle, message.timeout)) {
         if (errno == EPIPE) {
             stalled(handle);
@@ -265,7 +269,7 @@ bool terminateCommand(wwanmd_msg *message) {
     return true;
 }
 
-int sendMessage(wwanmd_handle *handle, wwanmd_msg *message, Reconnect reconnect) {
+int sendMessage(wwanmd_handle *handle, wwanmd_msg *message, Part part) {
     if (handle == nullptr || message == nullptr || !validCard(handle->card)) return -1;
     if (!terminateCommand(message)) return -1;
     pace(*handle);
@@ -274,12 +278,16 @@ int sendMessage(wwanmd_handle *handle, wwanmd_msg *message, Reconnect reconnect)
         return -1;
     }
     if (closedForReset(handle)) return inReset;
-    if (sendAll(handle, *message)) {
+
+    std::signal(SIGPIPE, SIG_IGN);
+    const bool sent = sendAll(handle, *message);
+    if (!sent || part == Part::alone) std::signal(SIGPIPE, SIG_DFL);
+    if (sent) {
         handle->failures = 0;
         handle->last_io = now();
         return 0;
     }
-    countFailure(handle, "sending to", reconnect);
+    countFailure(handle, "sending to", part);
     handle->last_io = now();
     return -1;
 }
@@ -346,17 +354,18 @@ Reply receiveAnswer(wwanmd_handle *handle, wwanmd_msg *message) {
     return Reply::busy;
 }
 
-int receiveMessage(wwanmd_handle *handle, wwanmd_msg *message, Reconnect reconnect) {
+int receiveMessage(wwanmd_handle *handle, wwanmd_msg *message, Part part) {
     if (handle == nullptr || message == nullptr || !validCard(handle->card)) return -1;
-    std::signal(SIGPIPE, SIG_IGN);  // stays ignored where the socket is not reached
-    if (handle->fd == -1 && wwanmd_open(handle) != 0) return -1;
-    if (closedForReset(handle)) return inReset;
-
-    Reply outcome = Reply::failed;
-    {
-        const vx::SigpipeScope sigpipe;
-        outcome = receiveAnswer(handle, message);
+    if (part == Part::alone) {
+        std::signal(SIGPIPE, SIG_IGN);  // stays ignored where the socket is not reached
+        if (handle->fd == -1) {
+            if (wwanmd_open(handle) != 0) return -1;
+            std::signal(SIGPIPE, SIG_IGN);  // the handshake has ended with the default action
+        }
+        if (closedForReset(handle)) return inReset;
     }
+    const Reply outcome = receiveAnswer(handle, message);
+    std::signal(SIGPIPE, SIG_DFL);
     switch (outcome) {
         case Reply::ok:
             handle->failures = 0;
@@ -364,10 +373,10 @@ int receiveMessage(wwanmd_handle *handle, wwanmd_msg *message, Reconnect reconne
             return 0;
         case Reply::busy:
             ++handle->busy_count;
-            if (handle->busy_count > maxBusyCommands && reconnect == Reconnect::allowed) (void)wwanmd_open(handle);
+            if (handle->busy_count > maxBusyCommands && part != Part::ofHandshake) (void)wwanmd_open(handle);
             return -1;
         case Reply::failed:
-            countFailure(handle, "receiving from", reconnect);
+            countFailure(handle, "receiving from", part);
             return -1;
     }
     return -1;
@@ -419,7 +428,7 @@ void wwanmd_free(wwanmd_handle *handle) {
 int wwanmd_command(wwanmd_handle *handle, wwanmd_msg *message) {
     if (handle == nullptr || message == nullptr || !validCard(handle->card)) return -1;
     if (handle->fd == -1 && wwanmd_open(handle) != 0) return -1;
-    return exchange(handle, message, Reconnect::allowed);
+    return exchange(handle, message, Part::ofCommand);
 }
 
 int wwanmd_open(wwanmd_handle *handle) {
@@ -446,11 +455,9 @@ void wwanmd_close(wwanmd_handle *handle) {
     handle->fd = -1;
 }
 
-int wwanmd_send(wwanmd_handle *handle, wwanmd_msg *message) { return sendMessage(handle, message, Reconnect::allowed); }
+int wwanmd_send(wwanmd_handle *handle, wwanmd_msg *message) { return sendMessage(handle, message, Part::alone); }
 
-int wwanmd_recv(wwanmd_handle *handle, wwanmd_msg *message) {
-    return receiveMessage(handle, message, Reconnect::allowed);
-}
+int wwanmd_recv(wwanmd_handle *handle, wwanmd_msg *message) { return receiveMessage(handle, message, Part::alone); }
 
 int wwanmd_in_reset(int card) {
     if (!validCard(card)) return -1;
