@@ -10,7 +10,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     if (size == 0 || size > 4096) return 0;
     FILE *file = ::fmemopen(const_cast<uint8_t *>(data), size, "r");
     if (file == nullptr) std::abort();
-    dio_frequency_record record{1, 2, 3};
+    vx::Frequency record{1, 2, 3};
     const int items = vx::scanFrequency(file, record);
     std::fclose(file);
     if (items > 3 || items < EOF) std::abort();

@@ -178,7 +178,7 @@ uint32_t to32Bits(unsigned long number) {
 }
 
 int readFrequency(FILE *file, const LinePath &path, dio_frequency_record *record) {
-    dio_frequency_record read{};
+    vx::Frequency read{};
     errno = 0;
     const int items = vx::scanFrequency(file, read);
     if (items == EOF) {
@@ -190,7 +190,7 @@ int readFrequency(FILE *file, const LinePath &path, dio_frequency_record *record
         return DIO_LEXICAL;
     }
     if (read.first == 0 && read.second == 0) return DIO_INACTIVE;
-    *record = read;
+    *record = {read.number, read.first, read.second};
     return DIO_OK;
 }
 
@@ -213,13 +213,13 @@ int probeFailure(unsigned char *active) {
 
 namespace vx {
 
-int scanFrequency(FILE *file, dio_frequency_record &record) {
+int scanFrequency(FILE *file, Frequency &frequency) {
     long long first = 0;
     long long second = 0;
     unsigned long number = 0;
     // NOLINTNEXTLINE(cert-err34-c): a number that does not fit is the nearest one that does, which is wanted here
     const int items = std::fscanf(file, "%lld %lld %lu", &first, &second, &number);
-    if (items == 3) record = {to32Bits(number), first, second};
+    if (items == 3) frequency = {to32Bits(number), first, second};
     return items;
 }
 

@@ -2,14 +2,19 @@
 // Content of an input's "frequency" file.
 #pragma once
 
-#include <vxutils/dio.h>
-
+#include <cstdint>
 #include <cstdio>
 
 namespace vx {
 
+struct Frequency {
+    uint32_t number;
+    int64_t first;
+    int64_t second;
+};
+
 // Outcome of reading the three numbers: their count, or EOF when the file ended or failed before the first.
-// `record` is written for three numbers only.
-int scanFrequency(FILE *file, dio_frequency_record &record);
+// `frequency` is written for three numbers only.
+int scanFrequency(FILE *file, Frequency &frequency);
 
 }  // namespace vx
