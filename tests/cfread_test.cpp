@@ -8,6 +8,7 @@
 #include <syslog.h>
 #include <unistd.h>
 #include <vxutils/cfread.h>
+#include <vxutils/strutil.h>
 
 #include <climits>
 #include <cstring>
@@ -30,6 +31,12 @@ extern "C" const char *__asan_default_options() {
     return "allocator_may_return_null=1:max_allocation_size_mb=256:detect_leaks=1";
 }
 #endif
+
+// Memory runs out where a test wants it: the library's allocator of zeroed records, this program's instead.
+namespace {
+bool (*refused)(size_t size) = nullptr;
+}
+void *zalloc(size_t size) { return refused != nullptr && refused(size) ? nullptr : std::calloc(size, 1); }
 
 namespace {
 
@@ -85,6 +92,8 @@ Log error(const std::string &text) { return {{LOG_ERR, text}}; }
 
 class Cfread : public testing::Test {
 protected:
+    ~Cfread() override { refused = nullptr; }
+
     vxtest::SyslogCapture log;
     vxtest::NoLeaks leaks;
 };
@@ -592,6 +601,55 @@ TEST_F(CfreadEntry, OutOfMemoryForTheCopiesAlsoClearsSlotZero) {
               }),
               0);
     EXPECT_EQ(log.take(), error("cfread: unable to add entry 'second' in /etc/vx/main.conf"));
+}
+
+TEST_F(Cfread, WithoutMemoryThereIsNoTable) {
+    vxtest::writeFile(mainFile, "a=1\n");
+    refused = [](size_t) { return true; };
+    EXPECT_EQ(cfread_open(mainFile), nullptr);
+    EXPECT_EQ(log.take(), error("cfread: no mem to alloc config table"));
+}
+
+TEST_F(CfreadEntry, WithoutMemoryForAnEntryTheFileFailsAtItsLine) {
+    vxtest::writeFile("/etc/vx/more.conf", "#\nk=1\n");
+    vxtest::writeFile(mainFile, "\ninclude more.conf\n");
+    refused = [](size_t size) { return size != sizeof(cfread_table); };
+    EXPECT_EQ(cfread_open(mainFile), nullptr);
+    EXPECT_EQ(log.take(), (Log{{LOG_ERR, "cfread: unable to add entry 'k' in /etc/vx/more.conf"},
+                               {LOG_ERR, "cfread: unable to add entry in /etc/vx/more.conf at line 2"}}));
+}
+
+TEST_F(CfreadEntry, WithoutMemoryForANewEntryTheOldOneIsGoneAndItsSlotFree) {
+    const Table table = openText("a=1\nb=2\n");
+    refused = [](size_t size) { return size == sizeof(cfread_entry); };
+    EXPECT_EQ(cfread_set_entry(table.get(), "a", "3"), nullptr);
+    refused = nullptr;
+    EXPECT_EQ(log.take(), error("cfread: unable to add entry 'a' in /etc/vx/main.conf"));
+    EXPECT_EQ(slots(table), (Pairs{{"b", "2"}}));
+    EXPECT_EQ(cfread_set_entry(table.get(), "c", "4")->index, 0);
+}
+
+TEST_F(CfreadEntry, ATableWithoutMemoryForItsPrivatePartIsOnlySlower) {
+    refused = [](size_t size) { return size != sizeof(cfread_table) && size != sizeof(cfread_entry); };
+    std::string text;
+    Pairs expected;
+    for (int i = 0; i < 150; ++i) {
+        expected.emplace_back("k" + std::to_string(i), std::to_string(i));
+        text += expected.back().first + "=" + expected.back().second + "\n";
+    }
+    const Table table = openText(text + "k7=again\n");
+    ASSERT_NE(table, nullptr);
+    expected[7].second = "again";
+    EXPECT_EQ(slots(table), expected);
+    EXPECT_EQ(table->size, 192);
+    EXPECT_EQ(value(table, "k149"), "149");
+    EXPECT_EQ(value(table, "k150"), "(none)");
+    refused = nullptr;  // from here on there is one
+    EXPECT_EQ(cfread_set_entry(table.get(), "k8", "again")->index, 8);
+    expected[8].second = "again";
+    EXPECT_EQ(slots(table), expected);
+    for (const auto &[key, wanted] : expected) EXPECT_EQ(value(table, key.c_str()), wanted);
+    EXPECT_EQ(log.take(), Log{});
 }
 
 // What a callback has seen: "key=value/empty".

@@ -3,8 +3,6 @@
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <linux/capability.h>
-#include <linux/filter.h>
-#include <linux/seccomp.h>
 #include <sys/ipc.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
@@ -31,6 +29,7 @@
 #include "support/files.h"
 #include "support/process.h"
 #include "support/resources.h"
+#include "support/syscall_filter.h"
 #include "support/syslog_capture.h"
 
 // The kernel's restart is out of a test's reach: the box has no capability for it, and this program has this function
@@ -183,22 +182,13 @@ TEST_F(ExecCommand, ClosesTheDescriptors) {
     ::close(high);
 }
 
-// Makes this process's kernel one that has never heard of a system call.
-bool withoutSystemCall(unsigned int number) {
-    sock_filter filter[] = {BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
-                            BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, number, 0, 1),
-                            BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | ENOSYS),
-                            BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW)};
-    const sock_fprog program{static_cast<unsigned short>(std::size(filter)), filter};
-    return ::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 && ::prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program) == 0;
-}
-
 TEST_F(ExecCommand, ClosesTheDescriptorsOneByOneWhereTheKernelIsOld) {
     if (vxtest::emulated()) GTEST_SKIP() << "the emulator has no system call filters";
     EXPECT_EQ(vxtest::inChild([] {
                   const rlimit descriptors{1024, 1024};
                   if (::setrlimit(RLIMIT_NOFILE, &descriptors) != 0) return 100;
-                  if (!withoutSystemCall(SYS_close_range) || ::close_range(1000, 1001, 0) != -1) return 101;
+                  if (!vxtest::failSystemCall(SYS_close_range, ENOSYS) || ::close_range(1000, 1001, 0) != -1)
+                      return 101;
                   if (::dup2(0, 3) != 3 || ::dup2(0, 1023) != 1023) return 102;
                   return openIn(0) == "0 1 2 " && openIn(3) == "1 " ? 0 : 1;
               }),
@@ -474,6 +464,16 @@ TEST_F(EvalCommand, TakesLongLinesInPieces) {
     const std::string line = "head -c 3000 /dev/zero | tr '\\0' x; echo";
     EXPECT_EQ(eval(line, 4000), (Evaluated{3001, std::string(3000, 'x') + "\n"}));
     EXPECT_EQ(eval(line, 1500), (Evaluated{2044, std::string(1498, 'x')}));
+}
+
+TEST_F(EvalCommand, FailsWithoutADescriptorForTheOutput) {
+    EXPECT_EQ(vxtest::inChild([] {
+                  const rlimit none{0, 0};
+                  if (::setrlimit(RLIMIT_NOFILE, &none) != 0) return 100;
+                  char out[8] = "old";
+                  return eval_command("echo x", out, sizeof out) == -1 && *out == '\0' ? 0 : 1;
+              }),
+              0);
 }
 
 TEST_F(EvalCommand, RefusesMissingArguments) {

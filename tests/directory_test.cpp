@@ -10,13 +10,44 @@
 
 #include <cerrno>
 #include <csignal>
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <string>
 
 #include "support/files.h"
 #include "support/process.h"
 #include "support/resources.h"
 #include "support/syslog_capture.h"
+
+// Answers of the kernel that no file system gives at will, and a lack of memory for copies of texts: the library's
+// calls of these functions come here.
+namespace {
+struct Broken {
+    std::string chmod;  // the path where it fails
+    std::string lstat;  // the same
+    bool fstat = false;
+    bool strdup = false;
+} broken;
+
+int failWith(int error) {
+    errno = error;
+    return -1;
+}
+}  // namespace
+extern "C" int chmod(const char *path, mode_t mode) noexcept {
+    return path == broken.chmod ? failWith(EPERM) : ::fchmodat(AT_FDCWD, path, mode, 0);
+}
+extern "C" int lstat(const char *path, struct stat *status) noexcept {
+    return path == broken.lstat ? failWith(EIO) : ::fstatat(AT_FDCWD, path, status, AT_SYMLINK_NOFOLLOW);
+}
+extern "C" int fstat(int fd, struct stat *status) noexcept {
+    return broken.fstat ? failWith(EIO) : ::fstatat(fd, "", status, AT_EMPTY_PATH);
+}
+extern "C" char *strdup(const char *text) noexcept {
+    auto *copy = static_cast<char *>(broken.strdup ? nullptr : std::malloc(std::strlen(text) + 1));
+    return copy != nullptr ? std::strcpy(copy, text) : nullptr;
+}
 
 namespace {
 
@@ -44,6 +75,7 @@ protected:
         fs::remove_all(dir);
         vxtest::makeDirs(dir);
     }
+    void TearDown() override { broken = {}; }
 
     vxtest::NoLeaks noLeaks_;
 };
@@ -111,6 +143,27 @@ TEST_F(TryMkdir, AFailureOfTheKernelIsReported) {
     EXPECT_EQ(errno, EINVAL);
 }
 
+TEST_F(TryMkdir, AModeThatCannotBeSetIsReportedAndTheDirectoryStaysAsItWasMade) {
+    ::umask(0);
+    broken.chmod = path("new");
+    vxtest::SyslogCapture log;
+    EXPECT_EQ(try_mkdir(path("new").c_str()), -1);
+    ::umask(022);
+    EXPECT_EQ(errno, EPERM);
+    EXPECT_EQ(log.take(), (std::vector<LogLine>{{LOG_DEBUG, "Cannot create directory. chmod " + path("new") +
+                                                                " throw errno=1, Operation not permitted"}}));
+    EXPECT_EQ(modeOf(path("new")), 0x755u & 01777u) << "mkdir() ignores the set-user-id and set-group-id bits";
+}
+
+TEST_F(TryMkdir, AnExistingEntryThatCannotBeExaminedIsReported) {
+    broken.lstat = dir;
+    vxtest::SyslogCapture log;
+    EXPECT_EQ(try_mkdir(dir.c_str()), -1);
+    EXPECT_EQ(errno, EIO);
+    EXPECT_EQ(log.take(), (std::vector<LogLine>{{LOG_ERR, "Unknown errno using lstat in create_directory for " + dir +
+                                                              ". errno=5, Input/output error"}}));
+}
+
 using CreateDirectory = Directories;
 
 TEST_F(CreateDirectory, MakesAllMissingOnes) {
@@ -152,6 +205,14 @@ TEST_F(CreateDirectory, StopsAtTheFirstFailure) {
     EXPECT_EQ(log.take(),
               (std::vector<LogLine>{{LOG_ERR, "Cannot create directory. " + path("file") +
                                                   " exists and it is neither a directory nor a symbolic link"}}));
+}
+
+TEST_F(CreateDirectory, WithoutMemoryNothingIsMade) {
+    vxtest::SyslogCapture log;
+    broken.strdup = true;
+    EXPECT_EQ(createDirectory(path("new")), -1);
+    EXPECT_FALSE(exists(path("new")));
+    EXPECT_TRUE(log.take().empty());
 }
 
 TEST_F(CreateDirectory, WrongUseIsReported) {
@@ -249,6 +310,21 @@ TEST_F(DeleteDirectory, PassesOverWhatCannotBeRemoved) {
     ASSERT_EQ(::umount(busy.c_str()), 0);
     EXPECT_EQ(delete_directory(path("tree").c_str()), 0);
     EXPECT_FALSE(exists(path("tree")));
+}
+
+TEST_F(DeleteDirectory, StopsAtAnEntryThatCannotBeExamined) {
+    fs::remove_all(path("tree"));
+    vxtest::makeDirs(path("tree"));
+    writeFile(path("tree/entry"), "x");
+    broken.lstat = path("tree/entry");
+    EXPECT_EQ(delete_directory(path("tree").c_str()), -1);
+    EXPECT_EQ(delete_directory_contents(path("tree").c_str()), -1);
+    EXPECT_EQ(errno, EIO);
+    EXPECT_EQ(readFile(path("tree/entry")), "x");
+    // One level down it counts as an entry that cannot be removed.
+    EXPECT_EQ(delete_directory(dir.c_str()), 0);
+    EXPECT_EQ(readFile(path("tree/entry")), "x");
+    EXPECT_FALSE(exists(path("outside")));
 }
 
 TEST_F(DeleteDirectory, GoesDownAsFarAsPathsFit) {
@@ -386,6 +462,24 @@ TEST_F(CopyFile, EachFailureIsReported) {
                   {LOG_ERR, "Sendfile error: Invalid argument (22)"}}));
 }
 
+TEST_F(CopyFile, ASourceThatCannotBeExaminedIsReported) {
+    writeFile(path("src"), "x");
+    broken.fstat = true;
+    vxtest::SyslogCapture log;
+    EXPECT_EQ(copyFile(path("src"), path("dst")), -1);
+    broken.fstat = false;
+    EXPECT_EQ(errno, EIO);
+    EXPECT_EQ(log.take(), (std::vector<LogLine>{{LOG_ERR, "Can't read file stats: Input/output error (5)"}}));
+    EXPECT_FALSE(exists(path("dst")));
+}
+
+TEST_F(CopyFile, WithoutMemoryForTheFoldersNameItFails) {
+    writeFile(path("src"), "x");
+    broken.strdup = true;
+    EXPECT_EQ(copyFile(path("src"), path("dst")), -1);
+    EXPECT_FALSE(exists(path("dst")));
+}
+
 TEST_F(CopyFile, AFolderThatCannotBeMadeIsReported) {
     writeFile(path("src"), "x");
     const std::string disk = path("disk");
@@ -470,6 +564,22 @@ TEST_F(CopyDirectory, StopsAtTheFirstFailure) {
     EXPECT_EQ(copyDirectory(path("outside"), path("none/copy")), -1);
     EXPECT_EQ(copy_directory(nullptr, "x"), -1);
     EXPECT_EQ(copy_directory("x", nullptr), -1);
+}
+
+TEST_F(CopyDirectory, ADestinationWhoseModeCannotBeSetIsAFailure) {
+    broken.chmod = path("copy");
+    vxtest::SyslogCapture log;
+    EXPECT_EQ(copyDirectory(path("outside"), path("copy")), -1);
+    EXPECT_TRUE(fs::is_empty(path("copy")));
+    EXPECT_EQ(modeOf(path("copy")), 0x755u & 01777u & ~022u);
+    EXPECT_TRUE(log.take().empty());
+}
+
+TEST_F(CopyDirectory, StopsAtAnEntryThatCannotBeExamined) {
+    broken.lstat = path("outside/kept");
+    EXPECT_EQ(copyDirectory(path("outside"), path("copy")), -1);
+    EXPECT_EQ(errno, EIO);
+    EXPECT_TRUE(fs::is_empty(path("copy")));
 }
 
 TEST_F(CopyDirectory, IntoItselfEndsWhereThePathDoes) {

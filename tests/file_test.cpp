@@ -26,10 +26,15 @@
 #include "support/resources.h"
 #include "support/syslog_capture.h"
 
-// Memory runs out where a test wants it: the library's allocator of zeroed records, this program's instead, and the
-// address sanitizer's, which ends the program otherwise.
+// Memory runs out where a test wants it: the library's allocator of zeroed records and the C library's copies of texts,
+// this program's instead, and the address sanitizer's, which ends the program otherwise.
 namespace {
 int recordsLeft = -1;  // -1: as many as are asked for
+bool copiesFail = false;
+}  // namespace
+extern "C" char *strdup(const char *text) noexcept {
+    auto *copy = static_cast<char *>(copiesFail ? nullptr : std::malloc(std::strlen(text) + 1));
+    return copy != nullptr ? std::strcpy(copy, text) : nullptr;
 }
 void *zalloc(size_t size) {
     if (recordsLeft == 0) {
@@ -488,6 +493,18 @@ TEST_F(Dropfile, RemovesAFileThatIsThere) {
     EXPECT_EQ(dropfile(nullptr), -1);
 }
 
+TEST_F(Dropfile, LeavesAFileThatTheRealUserMayNotRead) {
+    if (!vxtest::hasOtherUsers()) GTEST_SKIP() << "a box made by an ordinary user has no other";
+    writeFile(path("flag"), "");
+    ::chmod(path("flag").c_str(), 0600);
+    EXPECT_EQ(vxtest::inChild([] {
+                  if (::setresuid(12345, 0, 0) != 0) return 100;
+                  return dropfile(path("flag").c_str()) == -1 ? 0 : 1;
+              }),
+              0);
+    EXPECT_TRUE(vxtest::exists(path("flag")));
+}
+
 TEST_F(Dropfile, DoesNotMindAnEntryThatCannotBeUnlinked) { EXPECT_EQ(dropfile(dir.c_str()), 0); }
 
 // ---- readfile, readfile_r, readaddress ----
@@ -726,6 +743,18 @@ TEST_F(ReadFileLines, WithoutMemoryTheLinesReadSoFarStay) {
     recordsLeft = -1;
     EXPECT_EQ(texts(), (std::vector<std::string>{"one", "two"}));
     EXPECT_EQ(log.take(), (std::vector<LogLine>{{LOG_ERR, "Zalloc failed, errno: Cannot allocate memory"}}));
+}
+
+TEST_F(ReadFileLines, ALineThatThereIsNoMemoryForIsAnEntryWithoutText) {
+    vxtest::SyslogCapture log;
+    copiesFail = true;
+    const int count = readLines("one\ntwo\n");
+    copiesFail = false;
+    EXPECT_EQ(count, 2);
+    for (const list_link *at = lines_.next; at != &lines_; at = at->next) {
+        EXPECT_EQ(reinterpret_cast<const file_line *>(at)->data, nullptr);
+    }
+    EXPECT_TRUE(log.take().empty());
 }
 
 TEST_F(ReadFileLines, AMissingFileIsToldApart) {

@@ -4,6 +4,7 @@
 #include <sys/file.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/time.h>
 #include <syslog.h>
 #include <unistd.h>
@@ -21,9 +22,15 @@
 #include "support/resources.h"
 #include "support/syslog_capture.h"
 
-// Memory runs out where a test wants it.
+// Memory and locks of the kernel run out where a test wants it.
 namespace {
 bool outOfMemory = false;
+bool outOfLocks = false;
+}  // namespace
+extern "C" int flock(int fd, int operation) noexcept {
+    if (!outOfLocks) return static_cast<int>(::syscall(SYS_flock, fd, operation));
+    errno = ENOLCK;
+    return -1;
 }
 void *operator new(size_t size, const std::nothrow_t &) noexcept {
     if (outOfMemory) return nullptr;
@@ -196,6 +203,15 @@ TEST_F(FirewallLock, AFileThatCannotBeOpenedIsReported) {
                                                  "firewall_lock: unable to open lockfile "
                                                  "\"/var/lock/iptables_flock_file\" - errno=Read-only file system"}}));
     ASSERT_EQ(::umount("/var/lock"), 0);
+}
+
+TEST_F(FirewallLock, ALockThatTheKernelRefusesIsReported) {
+    vxtest::SyslogCapture log;
+    outOfLocks = true;
+    EXPECT_EQ(firewall_lock(), nullptr);
+    outOfLocks = false;
+    EXPECT_EQ(log.take(),
+              (std::vector<LogLine>{{LOG_ERR, "firewall_lock: unable to acquire lock, errno=No locks available"}}));
 }
 
 TEST_F(FirewallLock, WithoutMemoryTheLockIsGivenBack) {

@@ -6,6 +6,7 @@
 #include <sys/mount.h>
 #include <sys/sem.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <time.h>
 #include <unistd.h>
 #include <vxutils/qxlog.h>
@@ -19,9 +20,11 @@
 #include <sstream>
 #include <thread>
 
+#include "support/emulation.h"
 #include "support/files.h"
 #include "support/process.h"
 #include "support/resources.h"
+#include "support/syscall_filter.h"
 
 // The clock as the library reads it: stopped where a test wants it.
 namespace {
@@ -305,6 +308,45 @@ TEST_F(DeviceLog, ASemaphoreThatOnlyOpensIsUsedAsItIs) {
     EXPECT_EQ(asOther(qxlog_clear), (Reported{-1, "semget" + denied + "semop" + denied}));
     EXPECT_EQ(asOther(readLog), (Reported{-1, "semget" + denied + "semop" + denied}));
     EXPECT_EQ(semaphoreValue(), 0) << "nobody set it";
+}
+
+TEST_F(DeviceLog, ASemaphoreThatCannotBeSetIsReported) {
+    if (vxtest::emulated()) GTEST_SKIP() << "the emulator has no system call filters";
+    const auto refused = [](int (*call)()) {
+        return reported([call] { return vxtest::failSystemCall(SYS_semctl, EPERM) ? call() : 100; });
+    };
+    const Reported expected{-1, "semctl: Operation not permitted\n"};
+    EXPECT_EQ(refused(append), expected);
+    EXPECT_EQ(refused(qxlog_clear), expected);
+    EXPECT_EQ(refused(readLog), expected);
+    EXPECT_FALSE(vxtest::exists(logFile));
+}
+
+// What the call reports whose semaphore is removed while it waits for the lock of this file.
+Reported whenTheSemaphoreVanishes(int (*call)(), const std::string &file) {
+    EXPECT_EQ(readLog(), 0);  // a new semaphore is not taken for a moment, as it would be before its first value is set
+    writeFile(file, "");
+    const int fd = ::open(file.c_str(), O_RDWR | O_CLOEXEC);
+    EXPECT_EQ(::flock(fd, LOCK_EX), 0);
+    std::thread remover([fd] {
+        EXPECT_TRUE(vxtest::eventually([] { return semaphore() != -1 && semaphoreValue() == 0; }));
+        EXPECT_EQ(::semctl(semaphore(), 0, IPC_RMID), 0);
+        EXPECT_EQ(::flock(fd, LOCK_UN), 0);
+    });
+    const Reported result = reported([call, fd] {
+        ::close(fd);  // the lock is the parent's alone
+        return call();
+    });
+    remover.join();
+    ::close(fd);
+    return result;
+}
+
+TEST_F(DeviceLog, ASemaphoreThatCannotBeGivenBackIsReported) {
+    EXPECT_EQ(whenTheSemaphoreVanishes(append, temporary), (Reported{-1, "semop: Invalid argument\n"}));
+    EXPECT_EQ(readFile(logFile), "1: 2026-11-15 08:40 entry\n") << "the entry itself was added";
+    EXPECT_EQ(whenTheSemaphoreVanishes(qxlog_clear, logFile), (Reported{-1, "unlock sem: Invalid argument\n"}));
+    EXPECT_EQ(whenTheSemaphoreVanishes(readLog, logFile), (Reported{-1, "semop: Invalid argument\n"}));
 }
 
 TEST_F(DeviceLog, ATimeBeyondTheCalendarIsReportedAndLeavesTheSemaphoreTaken) {

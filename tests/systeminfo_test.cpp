@@ -1,7 +1,10 @@
 // SPDX-License-Identifier: MIT
 // The device's system information.
+#include <vxutils/strutil.h>
 #include <vxutils/systeminfo.h>
 
+#include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <memory>
 
@@ -9,6 +12,20 @@
 #include "support/process.h"
 #include "support/resources.h"
 #include "support/syslog_capture.h"
+
+// Memory runs out where a test wants it: for the library's zeroed records and the C library's copies of texts, which
+// come from this program instead.
+namespace {
+bool noRecords = false;
+int copiesLeft = -1;  // -1: as many as are asked for
+}  // namespace
+void *zalloc(size_t size) { return noRecords ? nullptr : std::calloc(size, 1); }
+extern "C" char *strdup(const char *text) noexcept {
+    if (copiesLeft == 0) return nullptr;
+    if (copiesLeft > 0) --copiesLeft;
+    auto *copy = static_cast<char *>(std::malloc(std::strlen(text) + 1));
+    return copy != nullptr ? std::strcpy(copy, text) : nullptr;
+}
 
 namespace {
 
@@ -128,6 +145,22 @@ TEST_F(Systeminfo, NumbersAreWhatAtoiMakesOfThem) {
 TEST_F(Systeminfo, AMissingFileGivesNoTable) {
     std::filesystem::remove(path);
     EXPECT_EQ(systeminfo_init(), nullptr);
+}
+
+TEST_F(Systeminfo, WithoutMemoryThereIsNoTableAndNothingIsLeft) {
+    vxtest::writeFile(path, "A=\"1\"\nB=\"2\"\n");
+    noRecords = true;
+    EXPECT_EQ(systeminfo_init(), nullptr);
+    noRecords = false;
+    for (const int copies : {0, 1, 2, 3}) {  // the leak checker watches
+        copiesLeft = copies;
+        EXPECT_EQ(systeminfo_init(), nullptr);
+    }
+    copiesLeft = 4;
+    const Table table(systeminfo_init(), &systeminfo_free);
+    copiesLeft = -1;
+    ASSERT_NE(table, nullptr);
+    EXPECT_EQ(table->count, 2);
 }
 
 TEST_F(Systeminfo, TheExamplePrintsVariables) {

@@ -79,6 +79,8 @@ VXUTILS_API void cfread_close(cfread_table *table);
 
 /**
  * Looks for a key, letter by letter. Takes the same time in small and large tables.
+ * @param table table to search
+ * @param key   key to look for
  * @return its entry, valid until the key is set anew or the table closed; NULL when there is none, for NULL and for "".
  */
 VXUTILS_API cfread_entry *cfread_find_entry(const cfread_table *table, const char *key);
@@ -87,10 +89,12 @@ VXUTILS_API cfread_entry *cfread_find_entry(const cfread_table *table, const cha
  * Puts an entry into the table, in place of the one with the same key if there is one. The new entry takes the lowest
  * free slot; when there is none, the table grows by 64 slots. Both texts are copied; they may be those of the entry
  * that is replaced.
- * @param value NULL counts as "".
- * @return the new entry; NULL for a NULL table, a NULL or empty key, or no memory (logged). Out of memory for the
- * copies of key or value, slot 0 is cleared and the count lowered as well. The process ends with status 1 when the
- *         number of slots is exhausted.
+ * @param table table to change
+ * @param key   key of the entry, of any length
+ * @param value its value, of any length; NULL counts as "".
+ * @return the new entry; NULL for a NULL table, a NULL or empty key, or no memory (logged, LOG_ERR). Out of memory for
+ *         the copies of key or value, slot 0 is cleared and the count lowered as well. The process ends with status 1
+ *         when the number of slots is exhausted (logged, LOG_EMERG).
  */
 VXUTILS_API cfread_entry *cfread_set_entry(cfread_table *table, const char *key, const char *value);
 

@@ -41,9 +41,9 @@ VXUTILS_BEGIN_DECLS
  * @param path program to run; NULL and "" are -1
  * @param arg0 its argument 0; NULL: no arguments at all, and none is read
  * @param ...  const char * arguments, at most 15, then NULL. More are refused with "Too many arguments" (LOG_ERR).
- * @return waiting: the exit code, or -1 when a signal ended the program (LOG_ERR and LOG_DEBUG) or on error. Detached:
- *         the process id; 0 when the program could not be detached and ran to its end instead; -1 on error. 0 also when
- *         the wait failed (LOG_ERR).
+ * @return waiting: the exit code; -1 when a signal ended the program (LOG_ERR and LOG_DEBUG) or on error; 0 when the
+ *         wait itself failed (LOG_ERR). Detached: the process id; 0 when the program could not be detached and ran to
+ *         its end instead; -1 on error.
  */
 VXUTILS_API int _exec_command(int mode, const char *path, const char *arg0, ...);
 

@@ -106,9 +106,8 @@ VXUTILS_API int writefile(const char *name, const char *text);
  * @param name file; NULL reads as empty
  * @param buf  receives at most @p size - 1 characters and a terminator
  * @param size size of @p buf in bytes
- * @return the text: a pointer into @p buf, behind the leading white space. @p buf untouched when @p size is 0, NULL
- * when
- *         @p buf is.
+ * @return the text: a pointer into @p buf, behind the leading white space; @p buf itself, untouched, when it is NULL
+ *         or @p size is 0
  */
 VXUTILS_API char *readfile_r(const char *name, char *buf, size_t size);
 
