@@ -307,14 +307,14 @@ private:
         if (mode != modes.end()) {
             mode_ = mode->second;
             if (mode_ == Mode::normal) busy_ = 0;
-            if (mode_ == Mode::late) delay_ms_ = std::atol(rest.c_str());
+            if (mode_ == Mode::late) delay_ms_ = std::strtol(rest.c_str(), nullptr, 10);
             if (mode_ == Mode::raw) raw_ = unescape(rest);
             return true;
         }
         if (name == "mute") {
             mute_ = rest;
         } else if (name == "busy") {
-            busy_ = rest.empty() ? unlimited : static_cast<size_t>(std::atol(rest.c_str()));
+            busy_ = rest.empty() ? unlimited : std::strtoul(rest.c_str(), nullptr, 10);
         } else if (name == "restart") {
             restart();
         } else if (name == "die") {

@@ -103,7 +103,8 @@ TEST_F(ConfigDaemonClientSet, ValuesHave1023CharactersAndKeys255) {
 TEST_F(ConfigDaemonClientSet, APatternMayNotGrowBeyondAKey) {
     const String pattern = text(250, 'k') + "%lu";  // 253 characters
     EXPECT_TRUE(client->setIndexedValue(pattern, 12345, "fits"));
-    EXPECT_EQ(daemon.get(std::string(250, 'k') + "12345"), "fits");
+    const String key = text(250, 'k') + "12345";
+    EXPECT_EQ(daemon.get(key.c_str()), "fits");
     EXPECT_EQ(daemon.requests(), 1);
     EXPECT_FALSE(client->setIndexedValue(pattern, 123456, "does not"));
     EXPECT_FALSE(client->setIndexedValueAsInt(pattern, 123456, 1));
