@@ -100,7 +100,7 @@ private:
 void work(int number, CMessageQueue &queue, std::vector<std::string> &reports) {
     for (int i = 0; i < reportsEach; ++i) {
         std::this_thread::sleep_for(std::chrono::milliseconds(100 + 50 * number));
-        std::string &report = reports[static_cast<size_t>(number * reportsEach + i)];
+        std::string &report = reports[static_cast<size_t>(number) * reportsEach + static_cast<size_t>(i)];
         report = "worker " + std::to_string(number + 1) + " report " + std::to_string(i + 1);
         queue.send(CQMsg(workerReports, &report));
     }
@@ -121,6 +121,7 @@ int main() {
 
     std::vector<std::string> reports(size_t{workers} * reportsEach);
     std::vector<std::thread> threads;
+    threads.reserve(workers);
     for (int i = 0; i < workers; ++i) threads.emplace_back([&, i] { work(i, queue, reports); });
     const int status = loop.evtLoop();
     for (std::thread &thread : threads) thread.join();

@@ -43,8 +43,9 @@ int main() {
     CMessageQueue queue(&results, &loop);
     if (loop.init() != 0 || queue.init() != 0) return 1;
 
-    std::vector<int> values(workers * resultsEach);
+    std::vector<int> values(size_t{workers} * resultsEach);
     std::vector<std::thread> threads;
+    threads.reserve(workers);
     for (int worker = 0; worker < workers; ++worker) {
         threads.emplace_back([&queue, &values, worker] {
             for (int i = worker * resultsEach; i < (worker + 1) * resultsEach; ++i) {

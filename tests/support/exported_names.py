@@ -32,6 +32,12 @@ def has_body(cursor):
     return definition is not None or cursor.is_default_method()
 
 
+def hidden(cursor):
+    """A class that a header lays open for inline functions and keeps out of the exported set; "extra" if it is not."""
+    return any(child.kind == CursorKind.VISIBILITY_ATTR and child.spelling == "hidden"
+               for child in cursor.get_children())
+
+
 class Declarations:
     def __init__(self, include_dir):
         self.include_dir = str(include_dir)
@@ -49,6 +55,8 @@ class Declarations:
             self.add(child)
 
     def add(self, cursor):
+        if cursor.kind in CLASSES and hidden(cursor):
+            return
         if cursor.kind in CLASSES and cursor.is_definition():
             self.classes.add(f"{len(cursor.spelling)}{cursor.spelling}")
             self.visit(cursor)
