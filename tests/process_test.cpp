@@ -122,7 +122,8 @@ TEST(GetParentPid, TakesOddStatusLinesAsTheyAre) {
                         {"700010/stat", "1 2 3 99999999999999999999"},
                         {"700011/stat", std::string(253, '1') + " 2 3 4"},
                         {"700012/stat", "1 2 3 " + std::string(300, '0') + "7"},
-                        {"700013/stat", "1 2 " + std::string(248, '3') + " 456"}},
+                        {"700013/stat", "1 2 " + std::string(248, '3') + " 456"},
+                        {"700014/stat", "1 2 3 \t+42x\n"}},
                        [] {
                            EXPECT_EQ(get_parent_pid(700005), 815);
                            EXPECT_EQ(get_parent_pid(700006), -1);
@@ -133,6 +134,7 @@ TEST(GetParentPid, TakesOddStatusLinesAsTheyAre) {
                            EXPECT_EQ(get_parent_pid(700011), -1);  // only 254 characters of it do
                            EXPECT_EQ(get_parent_pid(700012), 0);
                            EXPECT_EQ(get_parent_pid(700013), 4);
+                           EXPECT_EQ(get_parent_pid(700014), 42);  // read as atoi() reads it
                            return testing::Test::HasFailure() ? 1 : 0;
                        }),
               0);

@@ -4,8 +4,9 @@
 #include <vxutils/process.h>
 #include <vxutils/strutil.h>
 
-#include <charconv>
+#include <climits>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 
 #include "vxutils/internal/fd.h"
@@ -67,9 +68,8 @@ int get_parent_pid(int pid) {
     const char *field = strtok_r(line, " ", &rest);
     for (int i = 1; i < parentField && field != nullptr; ++i) field = strtok_r(nullptr, " ", &rest);
     if (field == nullptr) return -1;
-    int parent = 0;  // stays so for a word that is no number
-    std::from_chars(field, field + strlen(field), parent);
-    return parent;
+    const long long parent = strtoll(field, nullptr, 10);
+    return parent >= INT_MIN && parent <= INT_MAX ? static_cast<int>(parent) : 0;  // 0 as for a word that is no number
 }
 
 int get_caller(char *dst, size_t n) {
