@@ -494,6 +494,42 @@ TEST_F(Ping, EveryFailureOfTheSetUpIsNamed) {
     EXPECT_EQ(log.take(), (Lines{{LOG_ERR, "rawping[wan0]: unable to create socket (Too many open files)"}}));
 }
 
+// The kernel refuses one question about an interface.
+void refuse(Watch &watch, unsigned long question, int error) {
+    watch.calls->ioctl = [question, error](int, unsigned long request, void *argument) -> std::optional<int> {
+        if (request != question) return std::nullopt;
+        EXPECT_STREQ(static_cast<const ifreq *>(argument)->ifr_name, "wan0");
+        return vxtest::failing(error);
+    };
+}
+
+TEST_F(Ping, EveryRefusedQuestionAboutTheInterfaceIsNamed) {
+    ConnectedLog log;
+    const vxtest::NoLeaks noLeaks;
+    const std::pair<unsigned long, const char *> questions[] = {
+        {SIOCGIFINDEX, "index"}, {SIOCGIFADDR, "address"}, {SIOCGIFNETMASK, "netmask"}, {SIOCGIFHWADDR, "hwaddr"}};
+    for (const auto &[question, name] : questions) {
+        Watch watch;
+        refuse(watch, question, EIO);
+        EXPECT_EQ(rawping("wan0", targetText, gatewayText, 0), -1);
+        EXPECT_TRUE(watch.sent.empty());
+        EXPECT_EQ(
+            log.take(),
+            (Lines{{LOG_ERR, std::string("rawping[wan0]: can't get interface ") + name + " (Input/output error)"}}));
+    }
+}
+
+TEST_F(Ping, GivenAddressesAreNotAskedFor) {
+    Watch watch;
+    std::vector<unsigned long> asked;
+    watch.calls->ioctl = [&](int, unsigned long request, void *) -> std::optional<int> {
+        asked.push_back(request);
+        return std::nullopt;
+    };
+    EXPECT_EQ(__rawping("wan0", gatewayText, nullptr, "192.0.2.10", "255.255.255.0", 1000, -1, nullptr, nullptr), 0);
+    EXPECT_EQ(asked, (std::vector<unsigned long>{SIOCGIFINDEX, SIOCGIFHWADDR, SIOCGIFFLAGS}));
+}
+
 TEST_F(Ping, AnInvalidSourceOrNetmaskTextLeavesTheQuerySocketOpen) {
     ConnectedLog log;
     for (const bool source : {true, false}) {
@@ -587,6 +623,18 @@ TEST_F(Ping, AFailingPointToPointTestCountsAsNo) {
     EXPECT_EQ(rawping("wan0", gatewayText, gatewayText, 0), -1);
     const auto lines = log.take();
     EXPECT_EQ(lines.at(1), (LogLine{LOG_ERR, "unable to create socket"}));
+    EXPECT_EQ(lines.at(2),
+              (LogLine{LOG_DEBUG, "gateway 192.0.2.1 (source C000020A, mask FFFFFF00, dest C0000201, is_ptp 0)"}));
+}
+
+TEST_F(Ping, AnInterfaceWhoseFlagsAreRefusedCountsAsNotPointToPoint) {
+    ConnectedLog log;
+    const vxtest::NoLeaks noLeaks;
+    Watch watch;
+    refuse(watch, SIOCGIFFLAGS, EIO);
+    EXPECT_EQ(rawping("wan0", gatewayText, gatewayText, 1000), 0);
+    const auto lines = log.take();
+    EXPECT_EQ(lines.at(1), (LogLine{LOG_ERR, "unable to get flags for wan0"}));
     EXPECT_EQ(lines.at(2),
               (LogLine{LOG_DEBUG, "gateway 192.0.2.1 (source C000020A, mask FFFFFF00, dest C0000201, is_ptp 0)"}));
 }

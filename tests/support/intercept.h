@@ -6,6 +6,7 @@
 // kernel. With no hook set they behave as ever.
 #pragma once
 
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
 #include <sys/uio.h>
@@ -34,6 +35,7 @@ struct SocketCalls {
     std::function<std::optional<ssize_t>(int fd, msghdr *message, int flags)> recvmsg;
     std::function<std::optional<ssize_t>(int fd, void *buffer, size_t size, int flags)> recvfrom;
     std::function<std::optional<int>(const timespec *request)> nanosleep;
+    std::function<std::optional<int>(int fd, unsigned long request, void *argument)> ioctl;
 };
 
 inline SocketCalls &socketCalls() {
@@ -137,6 +139,17 @@ int nanosleep(const timespec *request, timespec *left) {
     const long result = ::syscall(SYS_clock_nanosleep, CLOCK_MONOTONIC, 0, request, left);
 #endif
     return static_cast<int>(result);
+}
+
+int ioctl(int fd, unsigned long request, ...) noexcept {
+    va_list arguments;
+    va_start(arguments, request);
+    void *const argument = va_arg(arguments, void *);
+    va_end(arguments);
+    if (const auto &hook = vxtest::socketCalls().ioctl) {
+        if (const auto result = hook(fd, request, argument)) return *result;
+    }
+    return static_cast<int>(::syscall(SYS_ioctl, fd, request, argument));
 }
 
 }  // extern "C"
