@@ -11,16 +11,34 @@
 
 #include <array>
 #include <chrono>
+#include <cstdlib>
 #include <cstring>
 #include <deque>
 #include <fstream>
 #include <memory>
+#include <new>
 #include <thread>
 
 #include "support/files.h"
 #include "support/process.h"
 #include "support/resources.h"
 #include "support/syslog_capture.h"
+
+namespace {
+bool noMemory = false;
+}  // namespace
+
+// A whole set of these, as the sanitizers want memory back the way it was given out; not inlined, as the compiler then
+// takes malloc() and delete for a mismatch.
+[[gnu::noinline]] void *operator new(size_t size) {
+    void *const memory = noMemory ? nullptr : std::malloc(size);
+    if (memory == nullptr) throw std::bad_alloc();
+    return memory;
+}
+
+[[gnu::noinline]] void operator delete(void *memory) noexcept { std::free(memory); }
+
+[[gnu::noinline]] void operator delete(void *memory, size_t) noexcept { std::free(memory); }
 
 namespace {
 
@@ -216,6 +234,18 @@ TEST_F(Wwanmd, TheSystemLogKeepsTheNameThoughTheCallersTextIsGone) {
     ASSERT_FALSE(raw.empty());
     EXPECT_NE(raw.back().find(" second[" + std::to_string(::getpid()) + "]: hello"), std::string::npos) << raw.back();
     EXPECT_EQ(raw.back().substr(0, 4), "<" + std::to_string(LOG_USER | LOG_INFO) + ">");
+}
+
+TEST_F(Wwanmd, WithoutMemoryThereIsNoHandle) {
+    ::syslog(LOG_DEBUG, "opens the log's own socket");
+    log.take();
+    const vxtest::NoLeaks leaks;
+    noMemory = true;
+    const wwanmd_handle *handle = wwanmd_init(0, "memoryless");
+    noMemory = false;
+    EXPECT_EQ(handle, nullptr);
+    EXPECT_THAT(logTexts(), ElementsAre("no mem for wwanmd connection"));
+    EXPECT_TRUE(modem.happened().empty());
 }
 
 TEST_F(Wwanmd, WithoutADaemonThereIsNoHandle) {
@@ -816,9 +846,16 @@ TEST_F(Wwanmd, BrokenPipesHaveTheirDefaultActionAfterwards) {
         EXPECT_EQ(disposition(), SIG_DFL) << manner;
     }
     // Where a receive ends before it reaches the socket, the signal stays ignored.
-    wwanmd_close(handle.get());
-    modem.die();
+    modem.tell("normal");
+    EXPECT_EQ(wwanmd_open(handle.get()), 0);
+    EXPECT_EQ(disposition(), SIG_DFL);
+    modem.tell("reset on");
     Message message;
+    EXPECT_EQ(wwanmd_recv(handle.get(), &message), -11);
+    EXPECT_EQ(disposition(), SIG_IGN);
+    modem.tell("reset off");
+    ::signal(SIGPIPE, SIG_DFL);
+    modem.die();
     EXPECT_EQ(wwanmd_recv(handle.get(), &message), -1);
     EXPECT_EQ(disposition(), SIG_IGN);
     ::signal(SIGPIPE, SIG_DFL);
