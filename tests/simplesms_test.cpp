@@ -320,6 +320,10 @@ TEST_F(SimpleSms, BinaryFilesAreReadUpToTheirFirstNul) {
     ASSERT_NE(sms, nullptr);
     EXPECT_EQ(sms->getNumber(), "\x01\xff");
     EXPECT_EQ(sms->getText(), "\xfe\x02 end");
+    const auto cut = incoming(std::string("From: 1\n\nshown\0hidden", 21));
+    ASSERT_NE(cut, nullptr);
+    EXPECT_EQ(cut->getText(), "shown");
+    EXPECT_EQ(incoming(std::string("From: 1\0\n\nhidden", 16)), nullptr);
 }
 
 TEST_F(SimpleSms, AnIdReachesNoFileOutsideTheSpool) {
