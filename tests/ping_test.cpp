@@ -5,13 +5,16 @@
 #include <linux/if_packet.h>
 #include <net/if.h>
 #include <netinet/in.h>
+#include <sys/mount.h>
 #include <sys/time.h>
 #include <syslog.h>
 #include <vxutils/ping.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <deque>
 #include <memory>
+#include <stdexcept>
 
 #include "support/emulation.h"
 #include "support/files.h"
@@ -1429,6 +1432,70 @@ TEST_F(Ping, IncompleteEntriesOfTheRealTableDoNotCount) {
     EXPECT_EQ(rawping("wan0", targetText, gatewayText, 1000), 0);
     EXPECT_EQ(log.texts().at(3), "rawping[wan0]: can't resolve HW address for 192.0.2.1 -> send query");
     forgetGateway();
+}
+
+// A table in the place of the kernel's, for this process; none at all without a text.
+class ArpTable {
+public:
+    explicit ArpTable(const char *text) : mounted_(::mount("tmpfs", directory, "tmpfs", 0, nullptr) == 0) {
+        if (!mounted_) throw std::runtime_error("cannot cover the ARP table");
+        if (text != nullptr) vxtest::writeFile(std::string(directory) + "/arp", text);
+    }
+    ~ArpTable() { ::umount2(directory, MNT_DETACH); }
+    ArpTable(const ArpTable &) = delete;
+    ArpTable &operator=(const ArpTable &) = delete;
+
+private:
+    static constexpr const char *directory = "/proc/self/net";
+    bool mounted_;
+};
+
+const std::string arpHeading = "IP address       HW type     Flags       HW address            Mask     Device\n";
+const std::string arpEntry = "192.0.2.1        0x1         0x2         02:00:00:00:00:";
+
+// Where a ping with this table sends its echo: a hardware address, or "ip" where the table does not help.
+std::string wayWith(const std::string &table) {
+    const ArpTable arp(table.c_str());
+    Watch watch;
+    watch.receiveFromScript();
+    EXPECT_EQ(rawping("wan0", targetText, gatewayText, 0), -1);
+    const bool linkLevel = watch.sent.size() == 1;
+    EXPECT_TRUE(linkLevel || watch.sent.size() == 2) << "the query and the fallback";
+    return linkLevel ? hex(watch.sent[0].data(), 6) : "ip";
+}
+
+TEST_F(Ping, TheFirstUsableLineOfTheTableCountsWhateverItsDevice) {
+    EXPECT_EQ(wayWith(arpHeading + "192.0.2.10       0x1         0x2         02:00:00:00:00:01     *        wan0\n" +
+                      "192.0.2.1        0x1         0x0         02:00:00:00:00:02     *        wan0\n" +
+                      "192.0.2.1        0x1         0x2         *                     *        wan0\n" + arpEntry +
+                      "03     *        other9\n" + arpEntry + "04     *        wan0\n"),
+              "02 00 00 00 00 03");
+    EXPECT_EQ(wayWith(arpHeading + arpEntry + "05"), "02 00 00 00 00 05") << "no newline at the end";
+    EXPECT_EQ(wayWith(arpHeading), "ip");
+    EXPECT_EQ(wayWith(""), "ip");
+}
+
+TEST_F(Ping, LinesOfTheTableAreReadInPiecesOf255Characters) {
+    for (const size_t length : {254U, 255U, 256U}) {
+        EXPECT_EQ(wayWith(std::string(length, 'x') + arpEntry + "06 * wan0\n"),
+                  length == 255 ? "02 00 00 00 00 06" : "ip")
+            << length;
+    }
+}
+
+TEST_F(Ping, WithoutATableTheGatewayIsNotFound) {
+    ConnectedLog log;
+    const vxtest::NoLeaks noLeaks;
+    const ArpTable none(nullptr);
+    Watch watch;
+    watch.receiveFromScript();
+    EXPECT_EQ(rawping("wan0", targetText, gatewayText, 0), -1);
+    const auto lines = log.take();
+    EXPECT_EQ(lines.at(3), (LogLine{LOG_DEBUG, "rawping[wan0]: can't resolve HW address for 192.0.2.1 -> send query"}));
+    EXPECT_EQ(std::count(lines.begin(), lines.end(),
+                         LogLine{LOG_ERR, "rawping[wan0]: can't resolve HW address for 192.0.2.1"}),
+              1);
+    EXPECT_EQ(lines.back(), (LogLine{LOG_DEBUG, "rawping[wan0]: received no valid ip reply from 198.51.100.9"}));
 }
 
 // ---- round-trip time ----
