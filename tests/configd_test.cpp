@@ -9,9 +9,11 @@
 #include <syslog.h>
 #include <unistd.h>
 #include <vxutils/configd.h>
+#include <vxutils/strutil.h>
 
 #include <chrono>
 #include <csignal>
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <memory>
@@ -21,6 +23,15 @@
 #include "support/files.h"
 #include "support/resources.h"
 #include "support/syslog_capture.h"
+
+namespace {
+
+bool memoryIsShort = false;
+
+}  // namespace
+
+// Stands in the way of the library's own, from which its handles and entries come.
+void *zalloc(size_t size) { return memoryIsShort ? nullptr : std::calloc(size, 1); }
 
 namespace {
 
@@ -191,6 +202,15 @@ TEST_F(ConfigdOpen, FailsWithoutADescriptor) {
               }),
               0);
     EXPECT_EQ(log.take(), (Log{{LOG_INFO, "connect to the log first"}, {LOG_ERR, "cannot open socket to configd"}}));
+}
+
+TEST_F(ConfigdOpen, FailsWithoutMemory) {
+    EXPECT_EQ(vxtest::inChild([] {
+                  memoryIsShort = true;
+                  return configd_open() == nullptr ? 0 : 1;
+              }),
+              0);
+    EXPECT_EQ(log.take(), (Log{{LOG_ERR, "no mem for configd connection"}}));
 }
 
 TEST_F(ConfigdOpen, ReplacesTheFileThatAnEarlierProcessLeft) {
@@ -376,19 +396,28 @@ TEST_F(ConfigdGet, AValueIsCutTo1023Characters) {
 }
 
 TEST_F(ConfigdGet, StopsAtTheFirstFailureAndKeepsWhatWasRead) {
-    daemon.tell("set a 1");
-    daemon.tell("set c 3");
-    const Handle handle = openHandle();
+    for (const char *order : {"set a 1", "set c 3", "mute b"}) daemon.tell(order);
+    const Handle reader = openHandle();
+    const Handle lister = openHandle();
     auto array = entries({{"a", "?"}, {"b", "?"}, {"c", "?"}});
-    std::thread([&] {
-        ASSERT_EQ(configd_prepare_get(handle.get(), &array[0]), 0);
-        daemon.tell("raw x");
-        EXPECT_EQ(configd_get(handle.get(), &array[1]), -1);
-    }).join();
+    for (const char *key : {"a", "b", "c"}) EXPECT_EQ(configd_add_query(lister.get(), "%s", key), 0);
+    std::thread listing([&] { EXPECT_EQ(configd_get(lister.get(), nullptr), -1); });
+    EXPECT_EQ(configd_get(reader.get(), array.data()), -1);
+    listing.join();
+
     EXPECT_STREQ(array[0].value, "1");
     EXPECT_STREQ(array[1].value, "?");
     EXPECT_STREQ(array[2].value, "?");
-    EXPECT_EQ(daemon.requests(), 2);
+    Lines listed;
+    for (const list_link *link = lister->queries.next; link != &lister->queries; link = link->next) {
+        listed.emplace_back(reinterpret_cast<const configd_entry *>(link)->value);
+    }
+    EXPECT_EQ(listed, (Lines{"1", "", ""}));
+    EXPECT_EQ(lister->fetched, 0);
+    EXPECT_EQ(daemon.requests(), 4) << "of each the third key is not asked for";
+    EXPECT_EQ(log.take(), Log(2, {LOG_ERR, "no response from configd (len -1)"}));
+    expectConnected(reader.get());
+    expectConnected(lister.get());
 }
 
 TEST_F(ConfigdGet, ADaemonThatDiedIsASendErrorAndARestartedOneIsFoundAgain) {
@@ -586,6 +615,14 @@ TEST_F(ConfigdDone, AnyOtherAnswerIsMinusFourAndIsLogged) {
     EXPECT_NE(inode(handle->client_path), before);
 }
 
+TEST_F(ConfigdDone, ALongAnswerIsLoggedWhole) {
+    const Handle handle = openHandle();
+    const std::string answer = "Ready" + std::string(3000, '!');
+    daemon.tell("raw " + answer);
+    EXPECT_EQ(configd_done(handle.get()), -4);
+    EXPECT_EQ(log.take(), (Log{{LOG_ERR, "invalid response <" + answer + "> from configd"}}));
+}
+
 TEST_F(ConfigdDone, ASilentDaemonIsMinusFourAfterTenSeconds) {
     const Handle handle = openHandle();
     daemon.tell("silent");
@@ -707,6 +744,20 @@ TEST_F(ConfigdFetch, AnEmptyKeyIsNotAdded) {
     EXPECT_EQ(handle->count, 0);
     EXPECT_STREQ(configd_fetch(handle.get(), "%s", ""), "");
     EXPECT_EQ(log.take(), (Log{{LOG_DEBUG, "key '' not found"}}));
+}
+
+TEST_F(ConfigdFetch, AKeyWithoutMemoryIsNotAdded) {
+    const Handle handle = openHandle();
+    EXPECT_EQ(configd_add_query(handle.get(), "a"), 0);
+    EXPECT_EQ(vxtest::inChild([&] {
+                  memoryIsShort = true;
+                  if (configd_add_query(handle.get(), "a") != 0) return 1;  // is there already
+                  if (configd_add_query(handle.get(), "b") != -1 || handle->count != 1) return 2;
+                  memoryIsShort = false;
+                  return configd_add_query(handle.get(), "b") == 0 && handle->count == 2 ? 0 : 3;
+              }),
+              0);
+    EXPECT_EQ(log.take(), Log{});
 }
 
 TEST_F(ConfigdFetch, AFailedFetchIsTriedAgainAsAWholeTheNextTime) {
