@@ -526,6 +526,31 @@ TEST(Hmac, ResetBeginsTheNextMessageWithTheSameKey) {
     EXPECT_EQ(hex(out, 12), mac<Sha1HashContext>("key", "first", 12));
 }
 
+TEST(Hmac, ANewKeyLeavesNothingOfTheOldOne) {
+    Sha1HashContext sha1;
+    HmacContext hmac(&sha1);
+    for (const size_t length : {64, 3, 200, 10, 0, 65, 1}) {
+        const std::string key = someText(length);
+        hmac.initialize(bytesOf(key), key.size(), 0);
+        hmac.hash(bytesOf("message"), 7);
+        unsigned char out[20];
+        hmac.getHash(out);
+        EXPECT_EQ(hex(out, 20), mac<Sha1HashContext>(key, "message")) << length;
+    }
+}
+
+TEST(Hmac, ALengthThatDoesNotFitThirtyTwoBitsIsStillTooLong) {
+    Sha1HashContext sha1;
+    HmacContext hmac(&sha1);
+    std::vector<unsigned long> lengths = {0xffffffffUL, ~0UL};
+    if constexpr (sizeof(long) > 4) lengths.push_back(~0UL - 0xffffffffUL + 12);  // its low 32 bits are 12
+    for (const unsigned long asked : lengths) {
+        hmac.initialize(bytesOf("key"), 3, asked);
+        EXPECT_EQ(hmac.getReturnedHashLength(), 0xffffffffUL);
+        EXPECT_EQ(mac<Sha1HashContext>("key", "message", asked), mac<Sha1HashContext>("key", "message"));
+    }
+}
+
 TEST(Hmac, DestroyWipesTheKeyAndForgetsTheInnerContext) {
     Sha1HashContext sha1;
     HmacContext hmac(&sha1);

@@ -7,12 +7,14 @@
 #include <algorithm>
 #include <climits>
 #include <cstdint>
+#include <cstdlib>
 #include <cstring>
 #include <map>
 #include <new>
 #include <random>
 #include <string>
 #include <type_traits>
+#include <utility>
 #include <vector>
 
 #include "support/emulation.h"
@@ -20,6 +22,19 @@
 
 // The sanitizer's allocator refuses large blocks, as a machine without memory does.
 extern "C" const char *__asan_default_options() { return "allocator_may_return_null=1:max_allocation_size_mb=16"; }
+
+// Buckets are an array: what is asked for tells their number, also where there is no memory for so many.
+static size_t arrayAsked;
+static constexpr size_t largestArray = size_t{1} << 24;
+
+[[gnu::noinline]] void *operator new[](size_t size) {
+    arrayAsked = size;
+    void *const memory = size <= largestArray ? std::malloc(size) : nullptr;
+    if (memory == nullptr) throw std::bad_alloc();
+    return memory;
+}
+[[gnu::noinline]] void operator delete[](void *memory) noexcept { std::free(memory); }
+[[gnu::noinline]] void operator delete[](void *memory, size_t) noexcept { std::free(memory); }
 
 namespace {
 
@@ -169,6 +184,35 @@ TEST(INUInt32HashTable, TakesTheSmallestPowerOfTwoThatIsNotBelowTheRequest) {
     EXPECT_EQ(bucketsOf(1000), 1024UL);
     EXPECT_EQ(bucketsOf(1024), 1024UL);
     EXPECT_EQ(bucketsOf(1025), 2048UL);
+}
+
+// The bytes of the bucket array that a table asks for; 0 when its size is refused.
+template <typename Make>
+uint64_t bucketBytes(Make make, unsigned long size) {
+    arrayAsked = 0;
+    try {
+        make(size);
+    } catch (const std::bad_array_new_length &) {
+        EXPECT_EQ(arrayAsked, 0U) << "refused before any memory is asked for";
+        return 0;
+    } catch (const std::bad_alloc &) {
+        EXPECT_GT(arrayAsked, largestArray);
+    }
+    return arrayAsked;
+}
+
+TEST(INUInt32HashTable, TheRuleHoldsAroundEveryPowerOfTwoUpToTheLastThatIsTaken) {
+    const auto numbers = [](unsigned long size) { const INUInt32HashTable table(size, HASH_LOW_BITS); };
+    const auto texts = [](unsigned long size) { const INStringHashTable table(size); };
+    for (unsigned int bit = 2; bit < 32; ++bit) {
+        const unsigned long power = 1UL << bit;
+        const auto bytes = [](uint64_t buckets) { return buckets < 0x1fffffff ? buckets * sizeof(void *) : 0; };
+        for (const auto &[size, buckets] :
+             {std::pair<unsigned long, uint64_t>{power - 1, power}, {power, power}, {power + 1, uint64_t{power} * 2}}) {
+            EXPECT_EQ(bucketBytes(numbers, size), bytes(buckets)) << size;
+            EXPECT_EQ(bucketBytes(texts, size), bytes(buckets)) << size;
+        }
+    }
 }
 
 TEST(INUInt32HashTable, SizesThatCannotBeHadAreRefusedAtOnce) {
