@@ -136,6 +136,8 @@ TEST_F(Adc, TheFirstBoardShowsItsConverter) {
     EXPECT_EQ(qxalpha_adc_supported(), 0);
     vxtest::writeFile(iio + "in_voltage0_raw", "");
     EXPECT_EQ(qxalpha_adc_supported(), 1);
+    ASSERT_EQ(::chmod((iio + "in_voltage0_raw").c_str(), 0600), 0);
+    EXPECT_EQ(vxtest::inChild([] { return ::setuid(65534) == 0 ? qxalpha_adc_supported() : 99; }), 0) << "not readable";
 }
 
 const char *const nothingFound =

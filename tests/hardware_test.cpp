@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include <vxutils/hardware.h>
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <climits>
@@ -207,6 +208,28 @@ TEST_F(Hardware, EachProgressMarkerMeansMaintenance) {
     }
     vxtest::writeFile("/tmp/progress/other", "");
     EXPECT_EQ(in_maintenance(), 0);
+}
+
+TEST_F(Hardware, FilesThatTheCallerMayNotReadAreNotThere) {
+    const char *const marker = "/tmp/progress/config";
+    sysinfo("bd/0/prod_name", "310\n");
+    for (const char *path : {"/dev/sim", marker}) vxtest::writeFile(path, "");
+    vxtest::writeFile(oemPath, "ProductType=Generic\n");
+    const auto asUser = [] {
+        return vxtest::inChild([] {
+            if (::setresgid(65534, 65534, 65534) != 0 || ::setresuid(65534, 65534, 65534) != 0) return 99;
+            const bool renamed = get_product() == std::string("Generic");
+            if (!renamed && get_product() != std::string("QX310")) return 98;
+            return has_sim_holder() + 2 * in_maintenance() + 4 * (renamed ? 1 : 0);
+        });
+    };
+    const auto permit = [&](mode_t mode) {
+        for (const char *path : {"/dev/sim", marker, oemPath.c_str()}) ASSERT_EQ(::chmod(path, mode), 0) << path;
+    };
+    permit(0644);
+    EXPECT_EQ(asUser(), 7);
+    permit(0600);
+    EXPECT_EQ(asUser(), 0);
 }
 
 TEST_F(Hardware, TheExampleDescribesTheBoard) {

@@ -5,6 +5,7 @@
 #include <poll.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/time.h>
 #include <syslog.h>
 #include <unistd.h>
@@ -829,6 +830,22 @@ TEST_F(Wwanmd, ASuspendedCardIsSeenByItsMarker) {
     errno = E2BIG;
     EXPECT_EQ(wwanmd_is_suspended(0), 0);
     EXPECT_EQ(errno, E2BIG);
+}
+
+TEST_F(Wwanmd, AMarkerThatTheCallerMayNotReadIsNone) {
+    modem.tell("suspend on");
+    modem.tell("reset on");
+    const std::string directory = "/tmp/status/wwanmd/card0/";
+    const auto asUser = [](int (*probe)(int)) {
+        return vxtest::inChild([&] { return ::setuid(65534) == 0 ? probe(0) : 99; });
+    };
+    for (const char *marker : {"suspended", "reset"}) ASSERT_EQ(::chmod((directory + marker).c_str(), 0644), 0);
+    EXPECT_EQ(asUser(wwanmd_is_suspended), 1);
+    EXPECT_EQ(asUser(wwanmd_in_reset), 1);
+    for (const char *marker : {"suspended", "reset"}) ASSERT_EQ(::chmod((directory + marker).c_str(), 0600), 0);
+    EXPECT_EQ(asUser(wwanmd_is_suspended), 0);
+    EXPECT_EQ(asUser(wwanmd_in_reset), 0);
+    modem.tell("reset off");
 }
 
 TEST_F(Wwanmd, BrokenPipesHaveTheirDefaultActionAfterwards) {
