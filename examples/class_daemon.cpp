@@ -1,9 +1,12 @@
 // SPDX-License-Identifier: MIT
-// A daemon that takes orders from its own network only, and only genuine ones: class_daemon ADDRESS/BITS KEY
-// Each line of its input is one order, "SENDER HMAC TEXT", the HMAC being the first 12 bytes of the text's HMAC-SHA1 in
-// hexadecimal.
+// A daemon that takes orders from its own network only, and only genuine ones: class_daemon FILE
+// The file tells "orders.address" (ADDRESS/BITS) and "orders.key"; what the configuration daemon holds under these keys
+// goes first. Each line of the input is one order, "SENDER HMAC TEXT", the HMAC being the first 12 bytes of the text's
+// HMAC-SHA1 in hexadecimal.
 #include <stdio.h>
 #include <string.h>
+#include <vxutils/configdaemonclient.h>
+#include <vxutils/configreader.h>
 #include <vxutils/digest.h>
 #include <vxutils/ipaddress.h>
 #include <vxutils/vxstring.h>
@@ -58,20 +61,33 @@ private:
     HmacContext hmac_;
 };
 
+// The configuration daemon's value, the file's where there is none or no answer.
+String setting(const ConfigDaemonClient &daemon, const ConfigReader &file, const String &key) {
+    String value;
+    if (daemon.getValue(key, value).length() > 0) return value;
+    return file.getValue(key, value);
+}
+
 }  // namespace
 
 int main(int argc, char **argv) {
-    const IpAddress interface(argc == 3 ? argv[1] : "");
-    if (!interface.isIfaceType()) {
-        fprintf(stderr, "usage: class_daemon ADDRESS/BITS KEY\n");
+    ConfigReader file;
+    if (argc != 2 || !file.initialize(argv[1], 16)) {
+        fprintf(stderr, "usage: class_daemon FILE\n");
         return 2;
+    }
+    const ConfigDaemonClient config;
+    const IpAddress interface(setting(config, file, "orders.address"));
+    if (!interface.isIfaceType()) {
+        fprintf(stderr, "class_daemon: orders.address is no address of an interface\n");
+        return 1;
     }
     String network;
     interface.getNetAddressAsString(network);
     printf("network %s/%lu\n", network.c_str(), interface.getNetMaskSize());
     fflush(stdout);
 
-    OrderDaemon daemon(interface, argv[2]);
+    OrderDaemon daemon(interface, setting(config, file, "orders.key"));
     char line[512];
     while (fgets(line, sizeof line, stdin) != nullptr) {
         puts(daemon.handle(line).c_str());

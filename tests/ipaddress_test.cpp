@@ -14,6 +14,8 @@
 #include <type_traits>
 #include <vector>
 
+#include "support/configd.h"
+#include "support/files.h"
 #include "support/process.h"
 
 namespace {
@@ -570,7 +572,8 @@ TEST(IpAddressV6, OperationsArePlaceholders) {
 TEST(ClassDaemon, TakesGenuineOrdersOfItsNetworkOnly) {
     const std::string mac =
         vxtest::run({vxtest::built("examples/digest_check"), "secret", "reboot"}).text.substr(0, 24);
-    vxtest::Process daemon({vxtest::built("examples/class_daemon"), "192.168.1.1/24", "secret"});
+    vxtest::writeFile("/etc/vx/orders.conf", "orders.address = 192.168.1.1/24\norders.key = secret\n");
+    vxtest::Process daemon({vxtest::built("examples/class_daemon"), "/etc/vx/orders.conf"});
     EXPECT_EQ(daemon.readLine(), "network 192.168.1.0/24");
     daemon.send("192.168.1.77 " + mac + " reboot\n");
     EXPECT_EQ(daemon.readLine(), "accepted from 192.168.1.77: reboot");
@@ -586,7 +589,23 @@ TEST(ClassDaemon, TakesGenuineOrdersOfItsNetworkOnly) {
     EXPECT_EQ(daemon.readLine(), "refused: forged order from 192.168.1.77");
     daemon.closeInput();
     EXPECT_EQ(daemon.wait(), 0);
-    EXPECT_EQ(vxtest::run({vxtest::built("examples/class_daemon"), "192.168.1.0/24", "secret"}).status, 2);
+}
+
+TEST(ClassDaemon, TheConfigurationDaemonGoesBeforeTheFile) {
+    vxtest::writeFile("/etc/vx/orders.conf", "orders.address = 192.168.1.1/24\norders.key = secret\n");
+    const auto started = [] {
+        return vxtest::run(
+            {"/bin/sh", "-c", vxtest::built("examples/class_daemon") + " /etc/vx/orders.conf </dev/null"});
+    };
+    vxtest::Configd config;
+    EXPECT_EQ(started().text, "network 192.168.1.0/24\n") << "it holds nothing yet";
+    config.tell("set orders.address 10.1.2.3/8");
+    EXPECT_EQ(started().text, "network 10.0.0.0/8\n");
+    config.tell("set orders.address 10.0.0.0/8");
+    EXPECT_EQ(started().status, 1) << "a network's own address";
+    config.die();
+    EXPECT_EQ(started().text, "network 192.168.1.0/24\n") << "no answer";
+    EXPECT_EQ(vxtest::run({vxtest::built("examples/class_daemon"), "/no/such.conf"}).status, 2);
 }
 
 TEST(IpAddressExample, DescribesWhatItIsGiven) {
