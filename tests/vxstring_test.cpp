@@ -2,6 +2,7 @@
 // String: sharing and un-sharing, the sizes of its blocks, and what each operation does at its edges.
 #include <malloc.h>
 #include <vxutils/vxstring.h>
+#include <vxutils/xprintf.h>
 
 #include <climits>
 #include <cstdint>
@@ -725,6 +726,55 @@ TEST(StringChange, WhereTheTwoFormattersDifferTheMeasuredLengthHolds) {
     t.concatf("%.0d|", 0);
     EXPECT_EQ(text(t), std::string("x|\0", 3));
     EXPECT_EQ(t.c_str()[3], '\0');
+}
+
+TEST(StringChange, TheMeasuredLengthHoldsForFormatsOfEveryShape) {
+    static constexpr char kConversions[] = "diuxXocs";
+    std::mt19937 random(1202);
+    const auto oneIn = [&](unsigned int n) { return random() % n == 0; };
+    for (int i = 0; i < 20000; ++i) {
+        std::string fmt = "<%";
+        for (const char flag : {'-', '0', '+', ' ', '#'}) {
+            if (oneIn(6)) fmt += flag;
+        }
+        if (oneIn(2)) fmt += std::to_string(random() % (oneIn(20) ? 20000 : 300));
+        if (oneIn(5)) fmt += "." + std::to_string(random() % 20);
+        const char conversion = kConversions[random() % (sizeof kConversions - 1)];
+        const bool isNumber = std::strchr("diuxXo", conversion) != nullptr;
+        const bool isLong = isNumber && oneIn(2);
+        if (isLong) fmt += 'l';
+        (fmt += conversion) += '>';
+
+        String s;
+        String t("12345");
+        int measured = 0;
+        const auto write = [&](auto argument) {
+            measured = strlenf(fmt.c_str(), argument);
+            s.format(fmt.c_str(), argument);
+            t.concatf(fmt.c_str(), argument);
+        };
+        const auto number = static_cast<int>(random() >> random() % 32);
+        if (conversion == 's') {
+            const std::string argument(random() % 400, 'x');
+            write(oneIn(8) ? kNull : argument.c_str());
+        } else if (isLong) {
+            write(oneIn(4) ? LONG_MIN : static_cast<long>(number));
+        } else {
+            write(number);
+        }
+        ASSERT_EQ(s.length(), measured) << fmt;
+        ASSERT_EQ(t.length(), measured + 5) << fmt;
+        ASSERT_EQ(text(t), "12345" + text(s)) << fmt;
+        ASSERT_EQ(s.c_str()[s.length()], '\0') << fmt;
+    }
+    String s("old");
+    s.format("%");
+    EXPECT_EQ(s.length(), strlenf("%"));
+    s.format("100%%");
+    EXPECT_EQ(text(s), "100%");
+    s.format(kNull);
+    EXPECT_TRUE(isEmptyBuffer(s));
+    EXPECT_TRUE(isEmptyBuffer(s.concatf(kNull)));
 }
 
 TEST(StringChange, DeleteRegionCutsTheEndOrAPiece) {
