@@ -264,7 +264,7 @@ public:
             loop_.evtLoop();
         }
         dio_setValue(settings_.stateOutput, 0);
-        status_.setStatus("link", "unwatched");
+        status_.setStatus("/link", "unwatched");
         tell("ended");
         return 0;
     }
@@ -303,7 +303,7 @@ public:
         unsigned char on = 0;
         if (dio_roValue(static_cast<unsigned int>(settings_.alarmInput), &on) != DIO_OK || on == alarm_) return;
         alarm_ = on;
-        status_.setStatus("alarm", on != 0 ? "on" : "off");
+        status_.setStatus("/alarm", on != 0 ? "on" : "off");
         report(EVENT_ALARM, on, on != 0 ? "alarm input raised" : "alarm input released");
     }
 
@@ -330,14 +330,14 @@ private:
         if (reply) {
             const int tenths = static_cast<int>(roundTrip_.get() * 10);
             String text;
-            status_.setStatus("round-trip-ms", text.format("%d.%d", tenths / 10, tenths % 10));
+            status_.setStatus("/round-trip-ms", text.format("%d.%d", tenths / 10, tenths % 10));
         }
         const bool up = reply || (up_ && lost_ < settings_.losses);
         if (up == up_ && known_) return;
         up_ = up;
         known_ = true;
         dio_setValue(settings_.stateOutput, up ? 1 : 0);
-        status_.setStatus("link", up ? "up" : "down");
+        status_.setStatus("/link", up ? "up" : "down");
         const std::string text = std::string("WAN link ") + (up ? "up, " : "lost, ") + settings_.target;
         report(EVENT_LINK, up ? 1 : 0, text.c_str());
         if (!up) outbox_.send(settings_.smsNumber, text);
@@ -349,7 +349,7 @@ private:
                                                        : "no answer";
         if (text == modem_) return;
         modem_ = text;
-        status_.setStatus("modem", text.c_str());
+        status_.setStatus("/modem", text.c_str());
         tell("modem of card %d: %s", settings_.card, text.c_str());
     }
 
