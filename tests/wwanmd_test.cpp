@@ -26,6 +26,27 @@
 #include "support/syslog_capture.h"
 
 namespace {
+
+// Looks for the reset marker that see it as it is; those behind them see one. Negative: all of them see it as it is.
+int looksBeforeReset = -1;
+
+bool markerAppears(const std::string &path) {
+    constexpr size_t wordLength = 6;
+    if (looksBeforeReset < 0 || path.size() < wordLength || path.substr(path.size() - wordLength) != "/reset")
+        return false;
+    if (looksBeforeReset == 0) return true;
+    --looksBeforeReset;
+    return false;
+}
+
+}  // namespace
+
+// Stands in the way of the C library's for this program, so that a card's reset can begin between two given looks.
+extern "C" int access(const char *path, int mode) noexcept {
+    return markerAppears(path) ? 0 : ::faccessat(AT_FDCWD, path, mode, 0);
+}
+
+namespace {
 bool noMemory = false;
 }  // namespace
 
@@ -787,6 +808,18 @@ TEST_F(Wwanmd, ACardInResetIsNeverConnectedTo) {
     EXPECT_THAT(modem.happened(), ElementsAre("closed"));
     modem.tell("reset off");
     EXPECT_EQ(command(handle, message), 0);
+}
+
+TEST_F(Wwanmd, AResetThatBeginsBetweenSendAndReceiveIsSeen) {
+    const Handle handle = connect();
+    Message message("signal");
+    looksBeforeReset = 1;  // the look before sending
+    const int result = wwanmd_command(handle.get(), &message);
+    looksBeforeReset = -1;
+    EXPECT_EQ(result, -1);
+    EXPECT_EQ(handle->fd, -1);
+    EXPECT_THAT(logTexts(), ElementsAre("wwanmd0 is currently in reset", "command failed"));
+    ::signal(SIGPIPE, SIG_DFL);  // left ignored, as by any receive that ends early
 }
 
 TEST_F(Wwanmd, AResetClosesAnOpenConnection) {

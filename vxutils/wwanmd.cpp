@@ -172,9 +172,7 @@ vx::Fd connectToDaemon(int card) {
 int sendMessage(wwanmd_handle *handle, wwanmd_msg *message, Part part);
 int receiveMessage(wwanmd_handle *handle, wwanmd_msg *message, Part part);
 
-// One command and its answer, as one piece: SIGPIPE stays ignored from the send to the end of the receive, and the
-// card's reset is looked for once, before sending. A second look right behind the send could not tell more: whatever
-// the command sets off may happen before or after it.
+// One command and its answer, as one piece: SIGPIPE stays ignored from the send to the end of the receive.
 int exchange(wwanmd_handle *handle, wwanmd_msg *message, Part part) {
     if (sendMessage(handle, message, part) != 0) return -1;
     if (receiveMessage(handle, message, part) == 0) return 0;
@@ -362,8 +360,8 @@ int receiveMessage(wwanmd_handle *handle, wwanmd_msg *message, Part part) {
             if (wwanmd_open(handle) != 0) return -1;
             std::signal(SIGPIPE, SIG_IGN);  // the handshake has ended with the default action
         }
-        if (closedForReset(handle)) return inReset;
     }
+    if (closedForReset(handle)) return inReset;
     const Reply outcome = receiveAnswer(handle, message);
     std::signal(SIGPIPE, SIG_DFL);
     switch (outcome) {

@@ -27,11 +27,12 @@
  * **Waiting.** All calls block their thread. With T the message's time-out (5 to 300 s), the longest times are
  * - wwanmd_in_reset(): 5 s, and only while the reset marker is there;
  * - wwanmd_open(), hence wwanmd_init(): 15.3 s (5 s to be accepted, 0.3 s of pacing, 5 s to send the handshake, 5 s for
- *   its answer), plus up to twice 5 s when the reset marker comes and goes meanwhile: 25.3 s in all;
+ *   its answer), plus up to three times 5 s when the reset marker comes and goes meanwhile: 30.3 s in all;
  * - wwanmd_send(): 0.3 s + T, plus one wwanmd_open() when the connection is closed and one when it must be renewed,
  *   plus 5 s for the reset marker;
  * - wwanmd_recv(): T, with the same additions; T is one budget for all waits of the call, "BUSY" answers included;
- * - wwanmd_command(): the sum of wwanmd_send() and T, plus one wwanmd_open() when the failed receive reconnects.
+ * - wwanmd_command(): the sum of wwanmd_send() and T, plus 5 s for the reset marker, plus one wwanmd_open() when the
+ * failed receive reconnects.
  *
  * The handshake never reconnects from inside itself: whatever the daemon does to it - no answer, "ERROR", accepting and
  * closing at once - ends wwanmd_open() with -1, and the next call tries again. The deepest nesting is one handshake
@@ -100,7 +101,7 @@ VXUTILS_API void wwanmd_free(wwanmd_handle *handle);
 
 /**
  * Sends a command and waits for its answer; opens the connection first when it is closed. The card's reset is looked
- * for once, right before sending.
+ * for before sending and again before receiving.
  *
  * @param handle   the connection; NULL gives -1
  * @param message  the command, replaced by the answer; NULL gives -1
