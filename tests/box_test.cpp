@@ -73,7 +73,8 @@ TEST(Box, WorksForAnOrdinaryUser) {
     }
     const auto output = vxtest::run({"setpriv", "--reuid=65534", "--regid=65534", "--clear-groups",
                                      vxtest::built("gateway/vxbox"), "--", "sh", "-c",
-                                     "echo x >/nvstatus.probe && echo x >/usr/lib/libvxutils.so.1.0.0 && mkdir -p "
+                                     "echo x >/nvstatus.probe && rm -f /usr/lib/libvxutils.so.1.0.0 && "
+                                     "echo x >/usr/lib/libvxutils.so.1.0.0 && mkdir -p "
                                      "/var/run/configd && id -u && hostname"});
     EXPECT_EQ(output.text, "0\ngateway\n");
     EXPECT_EQ(output.status, 0);
