@@ -18,6 +18,7 @@
 #include <fstream>
 #include <memory>
 #include <new>
+#include <string_view>
 #include <thread>
 
 #include "support/files.h"
@@ -30,7 +31,7 @@ namespace {
 // Looks for the reset marker that see it as it is; those behind them see one. Negative: all of them see it as it is.
 int looksBeforeReset = -1;
 
-bool markerAppears(const std::string &path) {
+bool markerAppears(std::string_view path) {
     constexpr size_t wordLength = 6;
     if (looksBeforeReset < 0 || path.size() < wordLength || path.substr(path.size() - wordLength) != "/reset")
         return false;

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <vector>
 
 #include "support/emulation.h"
 #include "support/files.h"
@@ -14,13 +15,21 @@ namespace {
 using testing::HasSubstr;
 using testing::Not;
 
-std::string play(const std::string &chapters) {
+// In a box of its own, as scripts/demo does it: what a chapter leaves running ends with the box.
+vxtest::Output demo(const std::vector<std::string> &arguments) {
     const std::string source = VXTEST_SOURCE_DIR;
-    const auto output = vxtest::run({"bash", source + "/demo/run", source, vxtest::built(""), "--only", chapters});
+    std::vector<std::string> command{
+        vxtest::built("gateway/vxbox"), "--bind", source,           "--bind", vxtest::built(""), "--", "bash",
+        source + "/demo/run",           source,   vxtest::built("")};
+    command.insert(command.end(), arguments.begin(), arguments.end());
+    return vxtest::run(command);
+}
+
+std::string play(const std::string &chapters) {
+    const auto output = demo({"--only", chapters});
     EXPECT_EQ(output.status, 0) << output.text;
     EXPECT_THAT(output.text, Not(HasSubstr("(no word of")));
     EXPECT_THAT(output.text, Not(HasSubstr("(exit status 127)")));
-    EXPECT_THAT(output.text, Not(HasSubstr("No such file or directory\n      (exit status")));
     return output.text;
 }
 
@@ -42,14 +51,11 @@ TEST(Demo, TellsOfTheConfigurationDaemon) {
 }
 
 TEST(Demo, PlaysEveryOtherChapter) {
-    for (const char *chapter : {"00-", "11-", "20-", "30-", "35-", "40-", "50-", "55-", "60-", "70-", "75-"})
-        play(chapter);
+    for (const char *chapter : {"00-", "05-", "11-", "20-", "30-", "40-", "50-", "55-", "60-", "70-"}) play(chapter);
 }
 
 TEST(Demo, RunsAProgramOfTheUsersOwn) {
-    const std::string source = VXTEST_SOURCE_DIR;
-    const auto output =
-        vxtest::run({"bash", source + "/demo/run", source, vxtest::built(""), "--run", "configd_reader", "wan.target"});
+    const auto output = demo({"--run", "configd_reader", "wan.target"});
     EXPECT_EQ(output.status, 0);
     EXPECT_THAT(output.text, HasSubstr("198.51.100.9"));
 }
