@@ -94,7 +94,7 @@ void readSettings(Settings &settings) {
     }
     for (const Number &number : numbers) {
         const char *value = configd_fetch(config, "%s", number.key);
-        if (value[0] != '\0' && is_number(value) != 0) number.value = std::atoi(value);
+        if (value[0] != '\0' && is_number(value) != 0) number.value = static_cast<int>(std::strtol(value, nullptr, 10));
     }
     configd_close(config);
 }

@@ -119,8 +119,8 @@ void layOver(const std::string &name, bool inUserNamespace) {
     const std::string upper = stage + "/upper/" + name;
     const std::string work = stage + "/work/" + name;
     for (const std::string &dir : {upper, work, newRoot + lower}) makeDirs(dir);
-    const std::string layers = "lowerdir=" + lower + ",upperdir=" + upper + ",workdir=" + work;
-    const std::string options = inUserNamespace ? layers + ",userxattr" : layers;
+    std::string options = "lowerdir=" + lower + ",upperdir=" + upper + ",workdir=" + work;
+    if (inUserNamespace) options += ",userxattr";
     if (::mount("overlay", (newRoot + lower).c_str(), "overlay", 0, options.c_str()) == 0) return;
     bind(lower, newRoot + lower);  // other file systems are mounted below it: seen as they are
 }
@@ -140,12 +140,13 @@ void layOverMachine(bool inUserNamespace) {
     if (machine == nullptr) fail("/");
     while (const dirent *entry = ::readdir(machine)) {
         const std::string name = entry->d_name;
+        const std::string path = "/" + name;
         struct stat about {};
-        if (own.count(name) != 0 || ::lstat(("/" + name).c_str(), &about) == -1) continue;
+        if (own.count(name) != 0 || ::lstat(path.c_str(), &about) == -1) continue;
         if (S_ISLNK(about.st_mode)) {
             std::array<char, 4096> target{};
-            check(static_cast<int>(::readlink(("/" + name).c_str(), target.data(), target.size() - 1)), "readlink");
-            check(::symlink(target.data(), (newRoot + "/" + name).c_str()), "symlink");
+            check(static_cast<int>(::readlink(path.c_str(), target.data(), target.size() - 1)), "readlink");
+            check(::symlink(target.data(), (newRoot + path).c_str()), "symlink");
         } else if (S_ISDIR(about.st_mode)) {
             layOver(name, inUserNamespace);
         }

@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <array>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <string>
 #include <string_view>
@@ -23,7 +24,7 @@ std::string readable(std::string_view datagram) {
     constexpr size_t timeLength = 16;
     const size_t close = datagram.find('>');
     if (datagram.empty() || datagram[0] != '<' || close == std::string_view::npos) return std::string(datagram);
-    const size_t priority = static_cast<size_t>(std::atoi(datagram.data() + 1)) % severities.size();
+    const size_t priority = std::strtoul(datagram.data() + 1, nullptr, 10) % severities.size();
     return std::string(severities[priority]) + " " +
            std::string(datagram.substr(std::min(datagram.size(), close + 1 + timeLength)));
 }
