@@ -48,7 +48,7 @@ extern "C" int access(const char *path, int mode) noexcept {
 }
 
 namespace {
-bool noMemory = false;
+thread_local bool noMemory = false;  // of this thread: the one that collects log lines has all it needs
 }  // namespace
 
 // A whole set of these, as the sanitizers want memory back the way it was given out; not inlined, as the compiler then
