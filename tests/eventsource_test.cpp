@@ -1012,7 +1012,8 @@ TEST_F(Eventsource, ATimerRemovedByAnotherInTheSameRoundDoesNotFire) {
     source->addTimer(&second);
     std::this_thread::sleep_for(20ms);  // both are due on the first round
     runUntilTerminated();
-    EXPECT_EQ(first.counts.size() + second.counts.size(), 1U);
+    // The one that was served first may have come round again before the loop saw the end; the other never fires.
+    EXPECT_NE(first.counts.empty(), second.counts.empty());
     source->removeTimer(&first);
     source->removeTimer(&second);
 }
