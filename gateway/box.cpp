@@ -117,9 +117,9 @@ void makeDev() {
 void layOver(const std::string &name, bool inUserNamespace) {
     const std::string lower = "/" + name;
     const std::string upper = stage + "/upper/" + name;
-    const std::string work = stage + "/work/" + name;
-    for (const std::string &dir : {upper, work, newRoot + lower}) makeDirs(dir);
-    std::string options = "lowerdir=" + lower + ",upperdir=" + upper + ",workdir=" + work;
+    const std::string scratch = stage + "/scratch/" + name;
+    for (const std::string &dir : {upper, scratch, newRoot + lower}) makeDirs(dir);
+    std::string options = "lowerdir=" + lower + ",upperdir=" + upper + ",workdir=" + scratch;
     if (inUserNamespace) options += ",userxattr";
     if (::mount("overlay", (newRoot + lower).c_str(), "overlay", 0, options.c_str()) == 0) return;
     bind(lower, newRoot + lower);  // other file systems are mounted below it: seen as they are
