@@ -595,7 +595,7 @@ TEST(ClassDaemon, TheConfigurationDaemonGoesBeforeTheFile) {
     vxtest::writeFile("/etc/vx/orders.conf", "orders.address = 192.168.1.1/24\norders.key = secret\n");
     const auto started = [] {
         return vxtest::run(
-            {"/bin/sh", "-c", vxtest::built("examples/class_daemon") + " /etc/vx/orders.conf </dev/null"});
+            {"/bin/sh", "-c", vxtest::shellCommand("examples/class_daemon") + " /etc/vx/orders.conf </dev/null"});
     };
     vxtest::Configd config;
     EXPECT_EQ(started().text, "network 192.168.1.0/24\n") << "it holds nothing yet";
