@@ -561,6 +561,33 @@ TEST_F(Ping, TheInterfacesOwnAddressesAreShown) {
                                                           colons(vxtest::hardwareAddress("wan0")) + ")"}));
 }
 
+// Makes the kernel know the gateway, or forget it.
+void knowGateway(const vxtest::NetHost &gateway) {
+    std::string address;
+    gateway.inside([&] { address = colons(vxtest::hardwareAddress("gw0")); });
+    vxtest::ip("neigh replace 192.0.2.1 lladdr " + address + " dev wan0 nud permanent");
+}
+
+void forgetGateway() { vxtest::run({"ip", "neigh", "del", "192.0.2.1", "dev", "wan0"}); }
+
+TEST_F(Ping, WhileItWaitsOneSocketIsOpen) {
+    ConnectedLog log;
+    knowGateway(wan->gateway);
+    const auto before = vxtest::openDescriptors();
+    for (const char *target : {gatewayText, targetText}) {
+        Watch watch;
+        int looks = 0;
+        watch.calls->recvmsg = [&](int, msghdr *, int) -> std::optional<ssize_t> {
+            ++looks;
+            EXPECT_EQ(vxtest::openDescriptors().size(), before.size() + 1) << "the query socket is closed by now";
+            return vxtest::failing(EAGAIN);
+        };
+        EXPECT_EQ(rawping("wan0", target, gatewayText, 0), -1);
+        EXPECT_EQ(looks, 3);
+        EXPECT_EQ(vxtest::openDescriptors(), before);
+    }
+}
+
 // ---- rawping: which way ----
 
 const std::string ipWay = "rawping[wan0] => sending ip ping to ";
@@ -645,6 +672,27 @@ TEST_F(Ping, AnInterfaceWhoseFlagsAreRefusedCountsAsNotPointToPoint) {
               (LogLine{LOG_DEBUG, "gateway 192.0.2.1 (source C000020A, mask FFFFFF00, dest C0000201, is_ptp 0)"}));
 }
 
+TEST_F(Ping, AnInterfaceNameThatIsGoneMeanwhileCountsAsPointToPoint) {
+    ConnectedLog log;
+    const vxtest::NoLeaks noLeaks;
+    knowGateway(wan->gateway);
+    char interface[] = "wan0";
+    Watch watch;
+    watch.receiveFromScript();
+    // The caller's text is emptied while the interface is examined: by the last question, it is no name any more.
+    watch.calls->ioctl = [&](int, unsigned long request, void *) -> std::optional<int> {
+        if (request == SIOCGIFHWADDR) interface[0] = '\0';
+        EXPECT_NE(request, static_cast<unsigned long>(SIOCGIFFLAGS)) << "nothing to ask about";
+        return std::nullopt;
+    };
+    EXPECT_EQ(rawping(interface, targetText, gatewayText, 0), -1);
+    const auto lines = log.take();
+    EXPECT_EQ(lines.at(1), (LogLine{LOG_ERR, "no interface provided"}));
+    EXPECT_EQ(lines.at(2),
+              (LogLine{LOG_DEBUG, "gateway 192.0.2.1 (source C000020A, mask FFFFFF00, dest C6336409, is_ptp 1)"}));
+    EXPECT_EQ(lines.at(3), (LogLine{LOG_DEBUG, std::string("rawping[] => sending ip ping to ") + targetText}));
+}
+
 // ---- rawping at IP level ----
 
 // The 48 bytes and more that are handed to the socket.
@@ -692,6 +740,19 @@ TEST_F(Ping, TheIpLevelEchoIsTheseBytes) {
         expected[5] = frame->bytes.at(19);
         seal(expected, 10, 0, 20);
         EXPECT_EQ(hex(tail(frame->bytes, 14)), hex(expected));
+    }
+}
+
+TEST_F(Ping, TheIpLevelEchoLeavesOnce) {
+    vxtest::Wan::answers(wan->gateway, false);
+    std::unique_ptr<vxtest::Responder> responder;
+    wan->gateway.inside([&] {
+        responder = std::make_unique<vxtest::Responder>(
+            "gw0", [](const Bytes &request) { return std::vector<Bytes>{vxtest::echoReply(request)}; });
+    });
+    for (int echoes = 1; echoes <= 3; ++echoes) {
+        EXPECT_EQ(rawping("wan0", gatewayText, nullptr, 5000), 0);
+        EXPECT_EQ(responder->seen(), echoes);
     }
 }
 
@@ -885,15 +946,6 @@ TEST_F(Ping, MoreThan1024ForeignPacketsEndTheWaitEarly) {
 }
 
 // ---- rawping at link level ----
-
-// Makes the kernel know the gateway, or forget it.
-void knowGateway(const vxtest::NetHost &gateway) {
-    std::string address;
-    gateway.inside([&] { address = colons(vxtest::hardwareAddress("gw0")); });
-    vxtest::ip("neigh replace 192.0.2.1 lladdr " + address + " dev wan0 nud permanent");
-}
-
-void forgetGateway() { vxtest::run({"ip", "neigh", "del", "192.0.2.1", "dev", "wan0"}); }
 
 Bytes linkEcho(const vxtest::NetHost &gateway, size_t size, uint16_t identifier, uint16_t sequence,
                const Bytes &source = {192, 0, 2, 10}) {
@@ -1507,7 +1559,7 @@ TEST_F(Ping, TheRoundTripIsTheWiresAndNotThePollingSteps) {
     knowGateway(wan->gateway);
     vxtest::Wan::answers(wan->gateway, false);
     vxtest::Wan::answers(wan->target, false);
-    constexpr auto delay = std::chrono::milliseconds(60);
+    constexpr auto delay = std::chrono::milliseconds(200);  // the first look comes some milliseconds after the sending
     std::atomic<std::chrono::steady_clock::rep> answered{0};
     std::unique_ptr<vxtest::Responder> responder;
     wan->gateway.inside([&] {

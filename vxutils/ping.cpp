@@ -34,6 +34,7 @@ constexpr int mostPackets = 1024;
 constexpr size_t deviceNameSize = 32;
 constexpr size_t arpLineSize = 256;
 constexpr const char *arpTable = "/proc/net/arp";
+constexpr int lookOnly = 0x10;  // the kernel's MSG_PROBE, which the C library does not name
 
 using PacketBuffer = std::array<uint8_t, largestBuffer>;
 
@@ -53,8 +54,8 @@ struct EchoContext {
     int interfaceIndex;
     unsigned int timeoutMs;
     int bufferSize;
-    // Kept until the call is over: the kernel takes milliseconds to close a packet socket, and a processor that has
-    // slept meanwhile would be slow to send the echo.
+    // Closed as soon as the first echo has left, not before: closing a packet socket takes the kernel milliseconds, and
+    // a processor that has slept meanwhile is slow to send an echo.
     vx::Fd querySocket;
     vx::Fd packetSocket;
     vx::Fd ipSocket;
@@ -246,23 +247,37 @@ int openIpSocket(EchoContext &context) {
     return 0;
 }
 
+// Lets the kernel look for the way to the host and send nothing: what it touches for the first time would otherwise
+// count as travel time.  Nothing depends on the outcome.
+void rehearse(int fd, std::span<uint8_t> packet, sockaddr_in host) {
+    iovec part{packet.data(), packet.size()};
+    msghdr message{};
+    message.msg_name = &host;
+    message.msg_namelen = sizeof host;
+    message.msg_iov = &part;
+    message.msg_iovlen = 1;
+    (void)sendmsg(fd, &message, lookOnly);
+}
+
 int sendIp(EchoContext &context, uint32_t address) {
-    PacketBuffer buffer;
-    const auto packet = std::span(buffer).first(static_cast<size_t>(context.bufferSize));
-    if (packet.size() < echo::ipMinimum) {
+    if (context.bufferSize < static_cast<int>(echo::ipMinimum)) {
         vx::log(LOG_ERR, "rawping[%s]: ip buffer too short (%d < %zu)", context.interface, context.bufferSize,
                 echo::ipMinimum);
         return -1;
     }
+    PacketBuffer buffer;
+    const auto packet = std::span(buffer).first(static_cast<size_t>(context.bufferSize));
     ++context.numbers.sequence;
     echo::ipRequest(packet, context.sourceAddress, address, context.numbers);
     vx::log(LOG_DEBUG, "rawping[%s]: generated ip echo packet for %s", context.interface, addressText(address));
 
     if (!context.ipSocket.valid() && openIpSocket(context) == -1) return -1;
     const sockaddr_in host = hostAddress(address);
+    rehearse(context.ipSocket.get(), packet, host);
     context.sent = now(CLOCK_REALTIME);
     const ssize_t sent = sendto(context.ipSocket.get(), packet.data(), packet.size(), 0,
                                 reinterpret_cast<const sockaddr *>(&host), sizeof host);
+    context.querySocket.reset();
     if (sent < static_cast<ssize_t>(packet.size())) {
         vx::log(LOG_ERR, "rawping[%s]: unable to send %d bytes to %s (%s)", context.interface, context.bufferSize,
                 addressText(address), lastError());
@@ -375,13 +390,13 @@ int openPacketSocket(EchoContext &context, const uint32_t *mark) {
 }
 
 int sendLink(EchoContext &context, const uint32_t *mark) {
-    PacketBuffer buffer;
-    const auto frame = std::span(buffer).first(static_cast<size_t>(context.bufferSize));
-    if (frame.size() < echo::linkMinimum) {
+    if (context.bufferSize < static_cast<int>(echo::linkMinimum)) {
         vx::log(LOG_ERR, "rawping[%s]: raw buffer too short (%d < %zu)", context.interface, context.bufferSize,
                 echo::linkMinimum);
         return -1;
     }
+    PacketBuffer buffer;
+    const auto frame = std::span(buffer).first(static_cast<size_t>(context.bufferSize));
     ++context.numbers.sequence;
     echo::linkRequest(frame, {context.targetHardware, context.interfaceHardware}, context.sourceAddress,
                       context.targetAddress, context.numbers);
@@ -397,6 +412,7 @@ int sendLink(EchoContext &context, const uint32_t *mark) {
     context.sent = now(CLOCK_MONOTONIC);
     const ssize_t sent = sendto(context.packetSocket.get(), frame.data(), frame.size(), 0,
                                 reinterpret_cast<const sockaddr *>(&address), sizeof address);
+    context.querySocket.reset();
     if (sent < static_cast<ssize_t>(frame.size())) {
         vx::log(LOG_ERR, "rawping[%s]: cannot send %d bytes to %s (%s)", context.interface, context.bufferSize,
                 addressText(context.targetAddress), lastError());
@@ -613,12 +629,12 @@ int pointToPoint(const char *interface) {
 
 // Can, and must, the target be reached through the gateway's hardware address?
 bool needsGateway(const EchoContext &context) {
-    const int isPtp = pointToPoint(context.interface);
+    const bool isPtp = pointToPoint(context.interface) != 0;  // without a name, too
     vx::log(LOG_DEBUG, "gateway %s (source %08X, mask %08X, dest %08X, is_ptp %d)",
             context.gateway == nullptr ? "none" : context.gateway, context.sourceAddress, context.netmask,
-            context.targetAddress, isPtp);
+            context.targetAddress, isPtp ? 1 : 0);
     const bool outside = ((context.targetAddress ^ context.sourceAddress) & context.netmask) != 0;
-    return isPtp == 0 && !empty(context.gateway) && outside;
+    return !isPtp && !empty(context.gateway) && outside;
 }
 
 bool findInArpTable(EchoContext &context) {
