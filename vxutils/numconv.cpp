@@ -29,27 +29,27 @@ char *printUnsigned(uint32_t value, char *buf, int base) {
     if (buf == nullptr) return nullptr;
     switch (static_cast<Base>(base)) {
         case Base::decimal: {
-            char *const end = buf + vx::countDecimalDigits(value);
-            vx::writeDecimal(end, value);
-            *end = '\0';
+            const size_t count = vx::countDecimalDigits(value);
+            vx::writeDecimal(buf, count, value);
+            buf[count] = '\0';
             return buf;
         }
         case Base::binary: {
-            char *const end = buf + vx::countPowerOfTwoDigits(value, 1);
-            vx::writePowerOfTwo(end, value, 1);
-            finish(end, 'b');
+            const size_t count = vx::countPowerOfTwoDigits(value, 1);
+            vx::writePowerOfTwo(buf, count, value, 1);
+            finish(buf + count, 'b');
             return buf;
         }
         case Base::octal: {
-            char *const end = buf + vx::countPowerOfTwoDigits(value, 3);
-            vx::writePowerOfTwo(end, value, 3);
-            finish(end, 'o');
+            const size_t count = vx::countPowerOfTwoDigits(value, 3);
+            vx::writePowerOfTwo(buf, count, value, 3);
+            finish(buf + count, 'o');
             return buf;
         }
         case Base::hexadecimal: {
-            char *const end = buf + vx::countPowerOfTwoDigits(value, 4);
-            vx::writeHex(end, value, vx::upperHexPairs);
-            finish(end, 'h');
+            const size_t count = vx::countPowerOfTwoDigits(value, 4);
+            vx::writeHex(buf, count, value, vx::upperHexPairs);
+            finish(buf + count, 'h');
             return buf;
         }
     }

@@ -5,6 +5,7 @@
 #include <climits>
 #include <cstdint>
 #include <cstring>
+#include <utility>
 
 #include "vxutils/internal/digits.h"
 
@@ -55,47 +56,58 @@ inline char *fill(char *to, char with, size_t count) {
 class Window {
 public:
     Window(char *buffer, size_t skip, size_t room)
-        : buffer_(buffer), room_(room), limit_(skip == 0 ? room : 0), toSkip_(skip), skip_(skip) {}
+        : at_(buffer),
+          left_(skip == 0 ? room : 0),
+          toSkip_(room == 0 ? 0 : skip),
+          buffer_(buffer),
+          room_(room),
+          skip_(toSkip_) {}
 
-    size_t stored() const { return stored_; }
-    size_t produced() const { return skip_ - toSkip_ + stored_; }
+    size_t stored() const { return static_cast<size_t>(at_ - buffer_); }
+    size_t produced() const { return skip_ - toSkip_ + stored(); }
 
     // Characters from here on that could still make a difference.
     size_t reach() const {
-        const size_t left = room_ - stored_;
-        if (left == 0) return 0;
-        return left > SIZE_MAX - toSkip_ ? SIZE_MAX : left + toSkip_;
+        if (toSkip_ == 0) return left_;
+        return room_ > SIZE_MAX - toSkip_ ? SIZE_MAX : room_ + toSkip_;
     }
 
-    // Place for `count` characters that are all stored; null when the window does not show them whole.
-    char *claim(size_t count) {
-        if (count > limit_ - stored_) return nullptr;
-        char *const place = buffer_ + stored_;
-        stored_ += count;
-        return place;
+    // Whether the next `count` characters are all stored, and their place.
+    bool shows(size_t count) const { return count <= left_; }
+    char *take(size_t count) {
+        left_ -= count;
+        return std::exchange(at_, at_ + count);
     }
 
     // Accounts for `count` characters of which none is stored (all left out, or behind a full window); false when they
     // have to be produced.
     bool pass(size_t count) {
-        if (stored_ == room_) return true;
+        if (toSkip_ == 0) return left_ == 0;
         if (count > toSkip_) return false;
         leaveOut(count);
         return true;
     }
 
-    void text(const char *from, size_t count) {
-        if (char *const place = claim(count)) {
-            put(place, from, count);
+    void character(char c) {
+        if (shows(1)) {
+            *take(1) = c;
+        } else {
+            pass(1);
+        }
+    }
+
+    [[gnu::noinline]] void text(const char *from, size_t count) {
+        if (shows(count)) {
+            put(take(count), from, count);
         } else if (!pass(count)) {
             const Part part = cut(count);
             std::memcpy(part.to, from + part.begin, part.count);
         }
     }
 
-    void padding(char with, size_t count) {
-        if (char *const place = claim(count)) {
-            fill(place, with, count);
+    [[gnu::noinline]] void padding(char with, size_t count) {
+        if (shows(count)) {
+            fill(take(count), with, count);
         } else if (!pass(count)) {
             const Part part = cut(count);
             std::memset(part.to, with, part.count);
@@ -103,7 +115,7 @@ public:
     }
 
     // The window's end holds the terminator.
-    void terminate() { buffer_[stored_] = '\0'; }
+    void terminate() { *at_ = '\0'; }
 
 private:
     struct Part {
@@ -114,23 +126,22 @@ private:
 
     void leaveOut(size_t count) {
         toSkip_ -= count;
-        if (toSkip_ == 0) limit_ = room_;
+        if (toSkip_ == 0) left_ = room_;
     }
 
     // The part of the next `count` characters that the window shows.
     Part cut(size_t count) {
         const size_t begin = std::min(count, toSkip_);
-        const Part part{buffer_ + stored_, begin, std::min(count - begin, room_ - stored_)};
-        leaveOut(begin);
-        stored_ += part.count;
-        return part;
+        if (begin != 0) leaveOut(begin);
+        const size_t shown = std::min(count - begin, left_);
+        return {take(shown), begin, shown};
     }
 
+    char *at_;     // where the next character is stored
+    size_t left_;  // what may be stored now: nothing as long as characters are left out
+    size_t toSkip_;
     char *const buffer_;
     const size_t room_;
-    size_t stored_ = 0;
-    size_t limit_;  // what may be stored now: nothing as long as characters are left out
-    size_t toSkip_;
     const size_t skip_;
 };
 
@@ -140,11 +151,13 @@ public:
     size_t stored() const { return count_; }
     size_t produced() const { return count_; }
     size_t reach() const { return most - count_; }
-    char *claim(size_t) { return nullptr; }
+    bool shows(size_t) const { return false; }
+    char *take(size_t) { return nullptr; }
     bool pass(size_t count) {
         count_ += std::min(count, most - count_);
         return true;
     }
+    void character(char) { pass(1); }
     void text(const char *, size_t count) { pass(count); }
     void padding(char, size_t count) { pass(count); }
 
@@ -173,116 +186,130 @@ enum Flag : unsigned int {
 };
 constexpr unsigned int allFlags = spaceSign | alternateForm | forceSign | leftJustify | zeroPad;
 
-// What stands between the percent sign and the conversion character.
+// What stands between the percent sign and the conversion character. Like Number, it is small enough to be passed in
+// two registers of a 64-bit machine.
 struct Field {
     unsigned int flags = 0;
-    size_t width = 0;
+    unsigned int width = 0;
     int precision = -1;  // negative: none
     char length = '\0';  // 'h', 'l' or none
 
     bool has(Flag flag) const { return (flags & flag) != 0; }
 };
 
-enum class Base { decimal, octal, lowerHex, upperHex };
+enum class Base : unsigned int { decimal, octal, lowerHex, upperHex };
 
-// An integer as it is to be printed: its magnitude and what stands before the digits.
+// What stands before the digits: up to two characters, the first in the low byte.
+enum class Prefix : unsigned int {
+    none = 0,
+    minus = '-',
+    plus = '+',
+    blank = ' ',
+    octal = '0',
+    lowerHex = '0' | 'x' << 8,
+    upperHex = '0' | 'X' << 8,
+};
+
+// An integer as it is to be printed.
 struct Number {
-    unsigned long value;
-    const char *prefix;
-    size_t prefixSize;
+    unsigned long value;  // its magnitude
+    Prefix prefix;
+    Base base;
 };
 
-template <Base base>
-size_t countDigits(unsigned long value) {
-    if constexpr (base == Base::decimal) return vx::countDecimalDigits(value);
-    return vx::countPowerOfTwoDigits(value, base == Base::octal ? 3 : 4);
+// Decimal numbers, the most frequent ones, have code of their own.
+template <bool decimal>
+inline size_t countDigits(Number number) {
+    if constexpr (decimal) return vx::countDecimalDigits(number.value);
+    return vx::countPowerOfTwoDigits(number.value, number.base == Base::octal ? 3 : 4);
 }
 
-template <Base base>
-void writeDigits(char *end, unsigned long value) {
-    if constexpr (base == Base::decimal) {
-        vx::writeDecimal(end, value);
-    } else if constexpr (base == Base::octal) {
-        vx::writePowerOfTwo(end, value, 3);
+// Writes so many digits, zeros in front of the number's own.
+template <bool decimal>
+inline void writeDigits(char *to, size_t count, Number number) {
+    if constexpr (decimal) {
+        vx::writeDecimal(to, count, number.value);
+    } else if (number.base == Base::octal) {
+        vx::writePowerOfTwo(to, count, number.value, 3);
     } else {
-        vx::writeHex(end, value, base == Base::lowerHex ? vx::lowerHexPairs : vx::upperHexPairs);
+        vx::writeHex(to, count, number.value, number.base == Base::lowerHex ? vx::lowerHexPairs : vx::upperHexPairs);
     }
 }
 
-// The parts of an integer field, in output order.
-struct Layout {
-    size_t before, zeros, digits, behind;
-};
+constexpr size_t mostPrefix = 2;
 
-inline Layout arrange(const Field &field, size_t prefixSize, size_t digits) {
-    const size_t plain = prefixSize + digits;
-    size_t zeros = 0;
-    if (field.precision >= 0) {
-        const auto wanted = static_cast<size_t>(field.precision);
-        zeros = wanted > digits ? wanted - digits : 0;
-    } else if (field.has(zeroPad) && field.width > plain) {
-        zeros = field.width - plain;
-    }
-    const size_t body = plain + zeros;
-    const size_t spaces = field.width > body ? field.width - body : 0;
-    const bool left = field.has(leftJustify);
-    return {left ? 0 : spaces, zeros, digits, left ? spaces : 0};
+constexpr size_t prefixSize(Prefix prefix) {
+    return prefix == Prefix::none ? 0 : static_cast<unsigned int>(prefix) > 0xff ? 2 : 1;
 }
 
-inline char *putPrefix(char *to, const Number &number) {
-    for (size_t i = 0; i < number.prefixSize; ++i) *to++ = number.prefix[i];
+inline char *putPrefix(char *to, Prefix prefix) {
+    for (auto rest = static_cast<unsigned int>(prefix); rest != 0; rest >>= 8) *to++ = static_cast<char>(rest & 0xff);
     return to;
 }
 
-// A field that the window cuts.
-template <Base base, typename Out>
-[[gnu::noinline]] void putIntegerPartly(Out &out, const Number &number, const Layout &layout) {
-    char scratch[longestDigits];
-    writeDigits<base>(scratch + layout.digits, number.value);
-    out.padding(' ', layout.before);
-    out.text(number.prefix, number.prefixSize);
-    out.padding('0', layout.zeros);
-    out.text(scratch, layout.digits);
-    out.padding(' ', layout.behind);
+// The parts of an integer field.
+struct Layout {
+    size_t digits;  // zeros in front of them included
+    size_t spaces;  // before or behind all
+};
+
+inline Layout arrange(Field field, size_t prefixLength, size_t digits) {
+    size_t wanted = 0;
+    if (field.precision >= 0) {
+        wanted = static_cast<size_t>(field.precision);
+    } else if (field.has(zeroPad) && field.width > prefixLength) {
+        wanted = field.width - prefixLength;
+    }
+    digits = std::max(digits, wanted);
+    const size_t body = prefixLength + digits;
+    return {digits, field.width > body ? field.width - body : 0};
 }
 
-template <Base base, typename Out>
-[[gnu::noinline]] void putPaddedInteger(Out &out, const Field &field, const Number &number, size_t digits) {
-    const Layout layout = arrange(field, number.prefixSize, digits);
-    const size_t all = layout.before + number.prefixSize + layout.zeros + digits + layout.behind;
-    char *place = out.claim(all);
-    if (place == nullptr) {
-        if (!out.pass(all)) putIntegerPartly<base>(out, number, layout);
+// A field that the window cuts.
+template <bool decimal, typename Out>
+[[gnu::noinline]] void putIntegerPartly(Out &out, Field field, Number number) {
+    char prefix[mostPrefix];
+    char scratch[longestDigits];
+    const auto prefixLength = static_cast<size_t>(putPrefix(prefix, number.prefix) - prefix);
+    const size_t digits = countDigits<decimal>(number);
+    const Layout layout = arrange(field, prefixLength, digits);
+    writeDigits<decimal>(scratch, digits, number);
+    if (!field.has(leftJustify)) out.padding(' ', layout.spaces);
+    out.text(prefix, prefixLength);
+    out.padding('0', layout.digits - digits);
+    out.text(scratch, digits);
+    if (field.has(leftJustify)) out.padding(' ', layout.spaces);
+}
+
+template <bool decimal, typename Out>
+[[gnu::noinline]] void putInteger(Out &out, Field field, Number number) {
+    const size_t prefixLength = prefixSize(number.prefix);
+    const Layout layout = arrange(field, prefixLength, countDigits<decimal>(number));
+    const size_t all = prefixLength + layout.digits + layout.spaces;
+    if (!out.shows(all)) {
+        if (!out.pass(all)) putIntegerPartly<decimal>(out, field, number);
         return;
     }
-    place = putPrefix(fill(place, ' ', layout.before), number);
-    place = fill(place, '0', layout.zeros) + digits;
-    writeDigits<base>(place, number.value);
-    fill(place, ' ', layout.behind);
-}
-
-template <Base base, typename Out>
-[[gnu::noinline]] void putInteger(Out &out, const Field &field, const Number &number) {
-    const size_t digits = countDigits<base>(number.value);
-    const size_t plain = number.prefixSize + digits;
-    if (field.width > plain || field.precision > 0) return putPaddedInteger<base>(out, field, number, digits);
-    if (char *const place = out.claim(plain)) {
-        writeDigits<base>(putPrefix(place, number) + digits, number.value);
-    } else if (!out.pass(plain)) {
-        putIntegerPartly<base>(out, number, {0, 0, digits, 0});
+    char *place = out.take(all);
+    if (layout.spaces != 0) {
+        char *const gap =
+            field.has(leftJustify) ? place + all - layout.spaces : std::exchange(place, place + layout.spaces);
+        fill(gap, ' ', layout.spaces);
     }
+    place = putPrefix(place, number.prefix);
+    writeDigits<decimal>(place, layout.digits, number);
 }
 
 // Length of a text as far as it matters: up to the precision, what the window can show and what the width needs.
 template <typename Out>
-inline size_t usedLength(const Out &out, const Field &field, const char *text) {
-    size_t most = std::max(out.reach(), field.width);
+inline size_t usedLength(const Out &out, Field field, const char *text) {
+    size_t most = std::max(out.reach(), size_t{field.width});
     if (field.precision >= 0) most = std::min(most, static_cast<size_t>(field.precision));
     return ::strnlen(text, most);
 }
 
 template <typename Out>
-inline void putRun(Out &out, const Field &field, const char *text, size_t length) {
+inline void putRun(Out &out, Field field, const char *text, size_t length) {
     const size_t blanks = field.width > length ? field.width - length : 0;
     if (blanks != 0 && !field.has(leftJustify)) out.padding(field.has(zeroPad) ? '0' : ' ', blanks);
     out.text(text, length);
@@ -290,20 +317,22 @@ inline void putRun(Out &out, const Field &field, const char *text, size_t length
 }
 
 template <typename Out>
-[[gnu::noinline]] void putText(Out &out, const Field &field, const char *text) {
+[[gnu::noinline]] void putText(Out &out, Field field, const char *text) {
     if (text == nullptr) text = nullText;
-    putRun(out, field, text, usedLength(out, field, text));
+    const size_t length = usedLength(out, field, text);
+    if (length < field.width || !out.shows(length)) return putRun(out, field, text, length);
+    put(out.take(length), text, length);
 }
 
 // A byte as a text of one character; the byte 0 is an empty text.
 template <typename Out>
-[[gnu::noinline]] void putCharacter(Out &out, const Field &field, char character) {
+[[gnu::noinline]] void putCharacter(Out &out, Field field, char character) {
     const bool empty = character == '\0' || field.precision == 0;
     putRun(out, field, &character, empty ? 0 : 1);
 }
 
 template <typename Out>
-inline void storeProduced(const Out &out, const Field &field, Arguments &args) {
+inline void storeProduced(const Out &out, Field field, Arguments &args) {
     if (field.length == 'h') {
         *va_arg(args.list, short *) = static_cast<short>(out.produced());
     } else {
@@ -311,7 +340,7 @@ inline void storeProduced(const Out &out, const Field &field, Arguments &args) {
     }
 }
 
-inline Number nextSigned(const Field &field, Arguments &args) {
+inline Number nextSigned(Field field, Arguments &args) {
     long value;
     if (field.length == 'l') {
         value = va_arg(args.list, long);
@@ -319,12 +348,12 @@ inline Number nextSigned(const Field &field, Arguments &args) {
         const int number = va_arg(args.list, int);
         value = field.length == 'h' ? static_cast<short>(number) : number;
     }
-    if (value < 0) return {0UL - static_cast<unsigned long>(value), "-", 1};
-    const bool sign = field.has(forceSign) || field.has(spaceSign);
-    return {static_cast<unsigned long>(value), field.has(forceSign) ? "+" : " ", sign ? 1U : 0U};
+    if (value < 0) return {0UL - static_cast<unsigned long>(value), Prefix::minus, Base::decimal};
+    const Prefix sign = field.has(forceSign) ? Prefix::plus : field.has(spaceSign) ? Prefix::blank : Prefix::none;
+    return {static_cast<unsigned long>(value), sign, Base::decimal};
 }
 
-inline Number nextUnsigned(const Field &field, Arguments &args, const char *prefix, size_t prefixSize) {
+inline Number nextUnsigned(Field field, Arguments &args, Base base, Prefix mark = Prefix::none) {
     unsigned long value;
     if (field.length == 'l') {
         value = va_arg(args.list, unsigned long);
@@ -332,11 +361,12 @@ inline Number nextUnsigned(const Field &field, Arguments &args, const char *pref
         const unsigned int number = va_arg(args.list, unsigned int);
         value = field.length == 'h' ? static_cast<unsigned short>(number) : number;
     }
-    const bool marked = field.has(alternateForm) && value != 0;
-    return {value, prefix, marked ? prefixSize : 0};
+    return {value, field.has(alternateForm) && value != 0 ? mark : Prefix::none, base};
 }
 
-inline Number nextPointer(Arguments &args) { return {reinterpret_cast<uintptr_t>(va_arg(args.list, void *)), "0x", 2}; }
+inline Number nextPointer(Arguments &args) {
+    return {reinterpret_cast<uintptr_t>(va_arg(args.list, void *)), Prefix::lowerHex, Base::lowerHex};
+}
 
 // A run of digits, in wrapping arithmetic: overflow is not checked, but it is harmless.
 inline int readDigits(const char *&at) {
@@ -345,17 +375,21 @@ inline int readDigits(const char *&at) {
     return static_cast<int>(number);
 }
 
-inline void readFlags(const char *&at, Field &field) {
+constexpr bool isDigit(char c) { return c >= '0' && c <= '9'; }
+
+inline unsigned int readFlags(const char *&at) {
+    unsigned int flags = 0;
     for (; *at >= firstFlag && *at <= lastFlag; ++at) {
         const unsigned int flag = flagBit(*at) & allFlags;
-        if (flag == 0) return;
-        field.flags |= flag;
+        if (flag == 0) break;
+        flags |= flag;
     }
+    return flags;
 }
 
 inline void readWidth(const char *&at, Field &field, Arguments &args) {
     if (*at != '*') {
-        field.width = static_cast<size_t>(std::max(readDigits(at), 0));
+        field.width = static_cast<unsigned int>(std::max(readDigits(at), 0));
         return;
     }
     ++at;
@@ -375,10 +409,14 @@ inline void readPrecision(const char *&at, Field &field, Arguments &args) {
     field.precision = va_arg(args.list, int);
 }
 
-inline Field readField(const char *&at, Arguments &args) {
+[[gnu::always_inline]] inline Field readField(const char *&at, Arguments &args) {
     Field field;
-    if (*at <= '9') {  // most conversions are a bare letter
-        readFlags(at, field);
+    if (*at == '0' && isDigit(at[1]) && at[2] > '9') {  // as in "%02d": times, dates, hexadecimal numbers
+        field.flags = zeroPad;
+        field.width = static_cast<unsigned int>(at[1] - '0');
+        at += 2;
+    } else if (*at <= '9') {  // most conversions are a bare letter
+        field.flags = readFlags(at);
         readWidth(at, field, args);
         readPrecision(at, field, args);
         if (field.has(leftJustify)) field.flags &= ~static_cast<unsigned int>(zeroPad);
@@ -388,21 +426,21 @@ inline Field readField(const char *&at, Arguments &args) {
 }
 
 template <typename Out>
-inline void convert(Out &out, const Field &field, char conversion, Arguments &args) {
+inline void convert(Out &out, Field field, char conversion, Arguments &args) {
     switch (conversion) {
         case 'd':
         case 'i':
-            return putInteger<Base::decimal>(out, field, nextSigned(field, args));
+            return putInteger<true>(out, field, nextSigned(field, args));
         case 'u':
-            return putInteger<Base::decimal>(out, field, nextUnsigned(field, args, "", 0));
+            return putInteger<true>(out, field, nextUnsigned(field, args, Base::decimal));
         case 'o':
-            return putInteger<Base::octal>(out, field, nextUnsigned(field, args, "0", 1));
+            return putInteger<false>(out, field, nextUnsigned(field, args, Base::octal, Prefix::octal));
         case 'x':
-            return putInteger<Base::lowerHex>(out, field, nextUnsigned(field, args, "0x", 2));
+            return putInteger<false>(out, field, nextUnsigned(field, args, Base::lowerHex, Prefix::lowerHex));
         case 'X':
-            return putInteger<Base::upperHex>(out, field, nextUnsigned(field, args, "0X", 2));
+            return putInteger<false>(out, field, nextUnsigned(field, args, Base::upperHex, Prefix::upperHex));
         case 'p':
-            return putInteger<Base::lowerHex>(out, field, nextPointer(args));
+            return putInteger<false>(out, field, nextPointer(args));
         case 'c':
             return putCharacter(out, field, static_cast<char>(va_arg(args.list, int)));
         case 's':
@@ -414,24 +452,27 @@ inline void convert(Out &out, const Field &field, char conversion, Arguments &ar
     }
 }
 
-// The end of a literal run. Between conversions there are often only a few characters: no call for those.
-inline const char *literalEnd(const char *at) {
-    for (const char *const far = at + 3; at != far; ++at) {
-        if (*at == '%' || *at == '\0') return at;
+// What stands before the next conversion: between two there is often one character, or none.
+template <typename Out>
+inline const char *putLiteral(Out &out, const char *at) {
+    if (*at == '%' || *at == '\0') return at;
+    if (at[1] == '%') {
+        out.character(*at);
+        return at + 1;
     }
-    return ::strchrnul(at, '%');
+    const char *const end = ::strchrnul(at + 1, '%');
+    out.text(at, static_cast<size_t>(end - at));
+    return end;
 }
 
 template <typename Out>
 void formatAll(Out &out, const char *at, Arguments &args) {
     for (;;) {
-        const char *const literal = at;
-        at = literalEnd(at);
-        out.text(literal, static_cast<size_t>(at - literal));
+        at = putLiteral(out, at);
         if (*at == '\0') return;
         ++at;
         if (*at == '%') {
-            out.text(at++, 1);
+            out.character(*at++);
             continue;
         }
         const Field field = readField(at, args);

@@ -58,52 +58,52 @@ constexpr size_t countPowerOfTwoDigits(Value value, unsigned int bits) {
     return (static_cast<size_t>(std::bit_width(static_cast<Value>(value | 1))) + bits - 1) / bits;
 }
 
-// Writes the decimal digits so that they end right before `end`; the room is countDecimalDigits().
+// The writers fill `count` characters, which the digits of the value must not exceed, and put zeros before the digits.
+
+// Writes what stands before all later pairs: one digit of the pair where there is no room for two, else zeros and both.
+inline void writeFirstPair(char *to, size_t count, const char *pair) {
+    if (count == 1) {
+        *to = pair[1];
+        return;
+    }
+    if (count > 2) std::memset(to, '0', count - 2);
+    std::memcpy(to + count - 2, pair, 2);
+}
+
 template <typename Value>
-inline void writeDecimal(char *end, Value value) {
+inline void writeDecimal(char *to, size_t count, Value value) {
     if constexpr (sizeof(Value) > sizeof(uint32_t)) {
-        while (value > std::numeric_limits<uint32_t>::max()) {
-            end -= 2;
-            std::memcpy(end, &decimalPairs[static_cast<size_t>(value % 100) * 2], 2);
-            value /= 100;
+        for (; value > std::numeric_limits<uint32_t>::max(); value /= 100) {
+            count -= 2;
+            std::memcpy(to + count, &decimalPairs[static_cast<size_t>(value % 100) * 2], 2);
         }
     }
     auto rest = static_cast<uint32_t>(value);
-    while (rest >= 100) {
-        end -= 2;
-        std::memcpy(end, &decimalPairs[size_t{rest % 100} * 2], 2);
-        rest /= 100;
+    for (; rest >= 100; rest /= 100) {
+        count -= 2;
+        std::memcpy(to + count, &decimalPairs[size_t{rest % 100} * 2], 2);
     }
-    if (rest >= 10) {
-        std::memcpy(end - 2, &decimalPairs[size_t{rest} * 2], 2);
-    } else {
-        end[-1] = static_cast<char>('0' + rest);
-    }
+    writeFirstPair(to, count, &decimalPairs[size_t{rest} * 2]);
 }
 
-// Writes the hexadecimal digits so that they end right before `end`; the room is countPowerOfTwoDigits(value, 4).
 template <typename Value>
-inline void writeHex(char *end, Value value, const std::array<char, 512> &pairs) {
-    while (value >= 0x100) {
-        end -= 2;
-        std::memcpy(end, &pairs[static_cast<size_t>(value & 0xff) * 2], 2);
-        value >>= 8;
+inline void writeHex(char *to, size_t count, Value value, const std::array<char, 512> &pairs) {
+    for (; value >= 0x100; value >>= 8) {
+        count -= 2;
+        std::memcpy(to + count, &pairs[static_cast<size_t>(value & 0xff) * 2], 2);
     }
-    if (value >= 0x10) {
-        std::memcpy(end - 2, &pairs[static_cast<size_t>(value) * 2], 2);
-    } else {
-        end[-1] = pairs[static_cast<size_t>(value) * 2 + 1];
-    }
+    writeFirstPair(to, count, &pairs[static_cast<size_t>(value) * 2]);
 }
 
-// Writes the digits of base 2^bits, below base 16, so that they end right before `end`.
+// Base 2^bits, below base 16.
 template <typename Value>
-inline void writePowerOfTwo(char *end, Value value, unsigned int bits) {
+inline void writePowerOfTwo(char *to, size_t count, Value value, unsigned int bits) {
     const auto mask = static_cast<Value>((Value{1} << bits) - 1);
-    do {
-        *--end = static_cast<char>('0' + static_cast<int>(value & mask));
+    while (value != 0) {
+        to[--count] = static_cast<char>('0' + static_cast<int>(value & mask));
         value = static_cast<Value>(value >> bits);
-    } while (value != 0);
+    }
+    std::memset(to, '0', count);
 }
 
 }  // namespace vx
