@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 // Configuration files, read into tables and handed to callbacks.
 #include <fcntl.h>
+#include <malloc.h>
 #include <pthread.h>
 #include <sys/mman.h>
 #include <sys/resource.h>
@@ -10,7 +11,9 @@
 #include <vxutils/cfread.h>
 #include <vxutils/strutil.h>
 
+#include <algorithm>
 #include <climits>
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <map>
@@ -32,9 +35,18 @@ extern "C" const char *__asan_default_options() {
 }
 #endif
 
-// Memory runs out where a test wants it: the library's allocator of zeroed records, this program's instead.
+// Memory runs out where a test wants it: the library's allocator of zeroed records and the C library's growing of
+// blocks, this program's instead.
 namespace {
 bool (*refused)(size_t size) = nullptr;
+bool growthRefused = false;
+}  // namespace
+extern "C" void *realloc(void *block, size_t size) noexcept {
+    void *grown = growthRefused ? nullptr : std::malloc(size);
+    if (grown == nullptr) return nullptr;
+    if (block != nullptr) std::memcpy(grown, block, std::min(size, ::malloc_usable_size(block)));
+    std::free(block);
+    return grown;
 }
 void *zalloc(size_t size) { return refused != nullptr && refused(size) ? nullptr : std::calloc(size, 1); }
 
@@ -92,7 +104,10 @@ Log error(const std::string &text) { return {{LOG_ERR, text}}; }
 
 class Cfread : public testing::Test {
 protected:
-    ~Cfread() override { refused = nullptr; }
+    ~Cfread() override {
+        refused = nullptr;
+        growthRefused = false;
+    }
 
     vxtest::SyslogCapture log;
     vxtest::NoLeaks leaks;
@@ -627,6 +642,30 @@ TEST_F(CfreadEntry, WithoutMemoryForANewEntryTheOldOneIsGoneAndItsSlotFree) {
     EXPECT_EQ(log.take(), error("cfread: unable to add entry 'a' in /etc/vx/main.conf"));
     EXPECT_EQ(slots(table), (Pairs{{"b", "2"}}));
     EXPECT_EQ(cfread_set_entry(table.get(), "c", "4")->index, 0);
+}
+
+TEST_F(CfreadEntry, WithoutMemoryForMoreSlotsTheTableStaysAsItIs) {
+    const Table table = openText("");
+    growthRefused = true;
+    EXPECT_EQ(cfread_set_entry(table.get(), "first", "1"), nullptr);
+    EXPECT_EQ(log.take(), error("cfread: unable to add entry 'first' in /etc/vx/main.conf"));
+    EXPECT_EQ(table->size, 0);
+    EXPECT_EQ(table->count, 0);
+    growthRefused = false;
+    int keys = 0;
+    const auto add = [&] { return cfread_set_entry(table.get(), std::to_string(keys).c_str(), "x"); };
+    for (; keys < 64; ++keys) ASSERT_NE(add(), nullptr);
+    growthRefused = true;
+    while (add() != nullptr) ++keys;  // the room behind the slots may be larger than what the table shows
+    EXPECT_EQ(log.take(), error("cfread: unable to add entry '" + std::to_string(keys) + "' in /etc/vx/main.conf"));
+    EXPECT_EQ(keys % 64, 0);
+    EXPECT_EQ(table->size, keys);
+    EXPECT_EQ(table->count, keys);
+    EXPECT_EQ(cfread_set_entry(table.get(), "7", "again")->index, 7) << "a replacement needs no more slots";
+    growthRefused = false;
+    EXPECT_EQ(add()->index, keys);
+    EXPECT_EQ(table->size, keys + 64);
+    EXPECT_EQ(value(table, "7"), "again");
 }
 
 TEST_F(CfreadEntry, ATableWithoutMemoryForItsPrivatePartIsOnlySlower) {

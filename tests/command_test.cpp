@@ -18,6 +18,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <cstring>
 #include <fstream>
@@ -120,6 +121,11 @@ TEST_F(ExecCommand, RefusesSixteen) {
                   -1);
         EXPECT_EQ(log.take(), (std::vector<LogLine>{{LOG_ERR, "Too many arguments"}}));
     }
+    // They are counted before the path is looked at.
+    EXPECT_EQ(_exec_command(0, nullptr, "x", "1", "2", "3", "4", "5", "6", "7", "8", "9", "10", "11", "12", "13", "14",
+                            "15", "16", noMore),
+              -1);
+    EXPECT_EQ(log.take(), (std::vector<LogLine>{{LOG_ERR, "Too many arguments"}}));
 }
 
 TEST_F(ExecCommand, WithoutArgumentZeroNoWordIsRead) {
@@ -637,7 +643,9 @@ protected:
 TEST_P(Power, StartsTheScriptWithBothNumbers) {
     installRecorder();
     vxtest::SyslogCapture log;
+    const auto start = std::chrono::steady_clock::now();
     GetParam().call(1, -2147483647 - 1);
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(100)) << "the script gets a moment";
     EXPECT_TRUE(vxtest::eventually([] { return vxtest::exists(path("recorded")); }));
     EXPECT_EQ(readFile(path("recorded")), GetParam().script + " 1 -2147483648\n");
     EXPECT_TRUE(rebootCommands.empty());

@@ -4,6 +4,7 @@
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/time.h>
 #include <sys/un.h>
 #include <syslog.h>
@@ -32,6 +33,29 @@ bool memoryIsShort = false;
 
 // Stands in the way of the library's own, from which its handles and entries come.
 void *zalloc(size_t size) { return memoryIsShort ? nullptr : std::calloc(size, 1); }
+
+// What the library hands to the kernel, and a kernel that takes less than all of it, as no datagram socket does.
+namespace {
+
+socklen_t boundLength = 0;
+struct {
+    socklen_t addressLength = 0;
+    int flags = -1;
+    bool cut = false;
+} sending;
+
+}  // namespace
+
+extern "C" int bind(int fd, const sockaddr *address, socklen_t length) noexcept {
+    boundLength = length;
+    return static_cast<int>(::syscall(SYS_bind, fd, address, length));
+}
+extern "C" ssize_t sendto(int fd, const void *data, size_t size, int flags, const sockaddr *to, socklen_t length) {
+    sending.addressLength = length;
+    sending.flags = flags;
+    if (sending.cut) return static_cast<ssize_t>(size) - 1;
+    return ::syscall(SYS_sendto, fd, data, size, flags, to, length);
+}
 
 namespace {
 
@@ -804,6 +828,31 @@ TEST_F(ConfigdTransport, SeveralLateAnswersAreThrownAwayBeforeEachRequest) {
     ASSERT_EQ(daemon.requests(), 7);
     EXPECT_EQ(configd_done(handle.get()), 0);
     EXPECT_EQ(log.take(), Log{});
+}
+
+TEST_F(ConfigdTransport, TheClientsNameIsBoundByItsLengthAndTheDaemonsIsGivenWhole) {
+    const Handle handle = openHandle();
+    EXPECT_EQ(boundLength, 2 + std::strlen(handle->client_path));
+    ASSERT_EQ(configd_send(handle.get(), "?a\n", 4), 4);
+    EXPECT_EQ(sending.addressLength, 110U);
+    EXPECT_EQ(sending.flags, 0);
+}
+
+TEST_F(ConfigdTransport, ARequestThatIsNotSentWholeHasFailed) {
+    const Handle handle = openHandle();
+    auto array = entries({{"a", "untouched"}});
+    const Log failure{{LOG_ERR, "unable to send query to configd"}};
+    sending.cut = true;
+    EXPECT_EQ(configd_prepare_get(handle.get(), array.data()), -1);
+    EXPECT_EQ(log.take(), failure);
+    EXPECT_EQ(configd_set(handle.get(), array.data()), -2);
+    EXPECT_EQ(log.take(), failure);
+    EXPECT_EQ(configd_done(handle.get()), -2);
+    EXPECT_EQ(log.take(), failure);
+    sending.cut = false;
+    EXPECT_STREQ(array[0].value, "untouched");
+    expectConnected(handle.get());
+    EXPECT_EQ(configd_done(handle.get()), 0);
 }
 
 TEST_F(ConfigdTransport, SendAndReceiveRefuseEmptyBuffers) {

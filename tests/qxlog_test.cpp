@@ -14,6 +14,7 @@
 #include <atomic>
 #include <cerrno>
 #include <climits>
+#include <clocale>
 #include <csignal>
 #include <cstring>
 #include <fstream>
@@ -26,16 +27,23 @@
 #include "support/resources.h"
 #include "support/syscall_filter.h"
 
-// The clock as the library reads it: stopped where a test wants it.
+// The clock as the library reads it, stopped where a test wants it, and the writer of its text, which then fails.
 namespace {
 std::atomic<time_t> stoppedClock{0};
-}
+bool noTimeText = false;
+}  // namespace
 extern "C" time_t time(time_t *result) noexcept {
     timespec now{};
     ::clock_gettime(CLOCK_REALTIME, &now);
     const time_t seconds = stoppedClock != 0 ? stoppedClock.load() : now.tv_sec;
     if (result != nullptr) *result = seconds;
     return seconds;
+}
+extern "C" size_t strftime(char *text, size_t size, const char *format, const tm *local) noexcept {
+    static const locale_t c = ::newlocale(LC_ALL_MASK, "C", nullptr);
+    if (!noTimeText) return ::strftime_l(text, size, format, local, c);
+    errno = ERANGE;
+    return 0;
 }
 
 namespace {
@@ -353,6 +361,15 @@ TEST_F(DeviceLog, ATimeBeyondTheCalendarIsReportedAndLeavesTheSemaphoreTaken) {
     stoppedClock = std::numeric_limits<time_t>::max();
     EXPECT_EQ(reported(append), (Reported{-1, "localtime: Value too large for defined data type\n"}));
     EXPECT_EQ(semaphoreValue(), 0);
+}
+
+TEST_F(DeviceLog, ATimeThatCannotBeWrittenIsReportedAndLeavesTheSemaphoreTaken) {
+    noTimeText = true;
+    EXPECT_EQ(reported(append), (Reported{-1, "strftime: Numerical result out of range\n"}));
+    noTimeText = false;
+    EXPECT_EQ(semaphoreValue(), 0);
+    EXPECT_FALSE(vxtest::exists(temporary));
+    EXPECT_EQ(append(), 0);
 }
 
 TEST_F(DeviceLog, ATemporaryFileThatCannotBeOpenedIsReported) {
