@@ -6,9 +6,11 @@
 #include <unistd.h>
 #include <vxutils/ipinterfacestatus.h>
 
+#include <functional>
 #include <type_traits>
 
 #include "support/files.h"
+#include "support/intercept.h"
 #include "support/netns.h"
 #include "support/process.h"
 #include "support/resources.h"
@@ -89,6 +91,65 @@ TEST_F(Status, SettingUpLeavesTheOtherFlagsAlone) {
     EXPECT_EQ(status.setInterfaceUp("eth0", 0), 1);
     EXPECT_TRUE(toolSays("eth0", "PROMISC"));
     ip("link set eth0 promisc off");
+}
+
+// The kernel keeps the running flag to itself: what it is asked to set is seen here only.
+TEST_F(Status, UpAndRunningAreSetAndClearedTogether) {
+    const short others = IFF_BROADCAST | IFF_MULTICAST;
+    const short both = IFF_UP | IFF_RUNNING;
+    for (const short before : {short{0}, short{IFF_UP}, short{IFF_RUNNING}, both}) {
+        for (const int up : {1, 0, 2, -1}) {
+            vxtest::Intercept calls;
+            std::vector<short> set;
+            calls->ioctl = [&](int, unsigned long request, void *argument) -> std::optional<int> {
+                auto *const interface = static_cast<ifreq *>(argument);
+                EXPECT_STREQ(interface->ifr_name, "eth0");
+                if (request == SIOCGIFFLAGS) interface->ifr_flags = static_cast<short>(others | before);
+                if (request == SIOCSIFFLAGS) set.push_back(interface->ifr_flags);
+                return 0;
+            };
+            EXPECT_EQ(status.setInterfaceUp("eth0", up), 1);
+            EXPECT_EQ(set, (std::vector<short>{static_cast<short>(up == 1 ? others | both : others)})) << up;
+            EXPECT_EQ(status.isInterfaceUp("eth0"), before == both ? 1 : 0);
+        }
+    }
+}
+
+TEST_F(Status, FlagsThatCannotBeReadAreNotSet) {
+    vxtest::Intercept calls;
+    calls->ioctl = [](int, unsigned long request, void *) -> std::optional<int> {
+        EXPECT_EQ(request, static_cast<unsigned long>(SIOCGIFFLAGS)) << "and nothing else";
+        return vxtest::failing(EIO);
+    };
+    EXPECT_EQ(status.setInterfaceUp("eth0", 1), 0);
+    EXPECT_EQ(status.isInterfaceUp("eth0"), 0);
+}
+
+TEST_F(Status, EveryRequestHasASocketOfItsOwn) {
+    vxtest::Intercept calls;
+    int sockets = 0;
+    calls->socket = [&](int domain, int type, int) -> std::optional<int> {
+        EXPECT_EQ(domain, AF_INET);
+        EXPECT_EQ(type & ~SOCK_CLOEXEC, SOCK_DGRAM);
+        ++sockets;
+        return std::nullopt;
+    };
+    const std::function<void()> requests[] = {
+        [&] { status.isInterfaceUp("lo"); },
+        [&] { status.setInterfaceUp("lo", 1); },
+        [&] { status.setTxQueueLen("fifteen-letters", 40); },
+        [&] { status.getIpV4Address("lo"); },
+        [&] { status.setIpV4Address("fifteen-letters", 0x0A010203); },
+        [&] { status.getIpV4Mask("lo"); },
+        [&] { status.setIpV4Mask("fifteen-letters", 0xFF000000); },
+    };
+    const auto before = vxtest::openDescriptors();
+    int done = 0;
+    for (const auto &request : requests) {
+        request();
+        EXPECT_EQ(sockets, ++done);
+        EXPECT_EQ(vxtest::openDescriptors(), before) << done;
+    }
 }
 
 TEST_F(Status, AddressAndMaskAreSetAndReadBackInHostOrder) {

@@ -119,6 +119,7 @@ struct Watch {
     std::vector<Bytes> sent;
     std::vector<Bytes> sentTo;
     std::vector<long> sleepsNs;
+    bool scripted = false;  // nobody is to be waited for
 
     explicit Watch(bool skipSleeps = true) {
         calls->sendto = [this](int, const void *data, size_t size, const sockaddr *to,
@@ -133,7 +134,7 @@ struct Watch {
         calls->nanosleep = [this](const timespec *request) -> std::optional<int> {
             EXPECT_EQ(request->tv_sec, 0);
             sleepsNs.push_back(request->tv_nsec);
-            ::poll(nullptr, 0, 20);
+            if (!scripted) ::poll(nullptr, 0, 20);
             return 0;
         };
     }
@@ -142,6 +143,7 @@ struct Watch {
     std::deque<Bytes> script;
     int receives = 0;
     void receiveFromScript(std::function<Bytes(const Bytes &)> adapt = {}) {
+        scripted = true;
         calls->recvmsg = [this, adapt](int, msghdr *message, int flags) -> std::optional<ssize_t> {
             EXPECT_EQ(flags, MSG_DONTWAIT);
             ++receives;
@@ -523,6 +525,42 @@ TEST_F(Ping, EveryRefusedQuestionAboutTheInterfaceIsNamed) {
             log.take(),
             (Lines{{LOG_ERR, std::string("rawping[wan0]: can't get interface ") + name + " (Input/output error)"}}));
     }
+}
+
+TEST_F(Ping, TheInterfaceIsAskedForByFifteenCharactersOfItsName) {
+    ConnectedLog log;
+    vxtest::ip("link add fifteen-letters type veth peer name fifteen-peer");
+    Watch watch;
+    std::vector<std::string> names;
+    watch.calls->ioctl = [&](int, unsigned long request, void *argument) -> std::optional<int> {
+        ifreq asked{};
+        std::memcpy(&asked, argument, sizeof asked);
+        if (request != SIOCGIFFLAGS) names.emplace_back(asked.ifr_name, sizeof asked.ifr_name);
+        return std::nullopt;
+    };
+    EXPECT_EQ(rawping("fifteen-letters16", targetText, nullptr, 0), -1);
+    const std::string fifteen("fifteen-letters\0", 16);
+    EXPECT_EQ(names, (std::vector<std::string>{fifteen, fifteen})) << "index, and then the address that it has not";
+    EXPECT_EQ(log.take(), (Lines{{LOG_ERR,
+                                  "rawping[fifteen-letters16]: can't get interface address (Cannot assign requested "
+                                  "address)"}}));
+    vxtest::ip("link del fifteen-letters");
+}
+
+TEST_F(Ping, OfSeveralAddressesOfAHostTheFirstIsUsed) {
+    const std::string hosts = vxtest::readFile("/etc/hosts");
+    vxtest::writeFile("/etc/host.conf", "multi on\n");
+    vxtest::writeFile("/etc/hosts", "192.0.2.1 many\n192.0.2.77 many\n2001:db8::5 many\n198.51.100.9 many\n");
+    Watch watch;
+    EXPECT_EQ(icmpping("wan0", "many", 1000), 0);
+    EXPECT_EQ(rawping("wan0", "many", nullptr, 1000), 0);
+    vxtest::writeFile("/etc/hosts", "192.0.2.77 many\n192.0.2.1 many\n");
+    EXPECT_EQ(icmpping("wan0", "many", 0), -1);
+    vxtest::writeFile("/etc/hosts", hosts);
+    ASSERT_EQ(watch.sentTo.size(), 3U);
+    EXPECT_EQ(hex(watch.sentTo[0].data() + 4, 4), "c0 00 02 01");
+    EXPECT_EQ(hex(watch.sentTo[1].data() + 4, 4), "c0 00 02 01");
+    EXPECT_EQ(hex(watch.sentTo[2].data() + 4, 4), "c0 00 02 4d");
 }
 
 TEST_F(Ping, GivenAddressesAreNotAskedFor) {
@@ -1301,6 +1339,22 @@ TEST_F(Ping, TheReceiveLengthIsTheBufferSize) {
         EXPECT_EQ(__rawping("wan0", targetText, gatewayText, nullptr, nullptr, 1000, size, nullptr, nullptr), 0);
         EXPECT_EQ(__rawping("wan0", gatewayText, nullptr, nullptr, nullptr, 1000, size, nullptr, nullptr), 0);
         for (const size_t room : rooms) EXPECT_EQ(room, static_cast<size_t>(size));
+    }
+}
+
+TEST_F(Ping, OfAFrameAtMost96BytesAreKept) {
+    knowGateway(wan->gateway);
+    const std::pair<int, ssize_t> sizes[] = {{48, 48}, {95, 95}, {96, 96}, {97, 96}, {1450, 96}};
+    for (const auto &[size, kept] : sizes) {
+        Watch watch;
+        ssize_t received = 0;
+        watch.calls->recvmsg = [&](int fd, msghdr *message, int flags) -> std::optional<ssize_t> {
+            const ssize_t got = ::syscall(SYS_recvmsg, fd, message, flags);
+            if (got > 0) received = got;
+            return got;
+        };
+        EXPECT_EQ(__rawping("wan0", targetText, gatewayText, nullptr, nullptr, 1000, size, nullptr, nullptr), 0);
+        EXPECT_EQ(received, kept) << size;
     }
 }
 

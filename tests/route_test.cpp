@@ -388,12 +388,17 @@ TEST_F(Route, EveryStepThatFailsIsNamedAndClosesTheSocket) {
     ConnectedLog log;
     const vxtest::NoLeaks noLeaks;
     const LogLine question{LOG_DEBUG, "looking up route for 127.0.0.1"};
+    const auto expectFailure = [] {
+        const Found found = lookUp("127.0.0.1");
+        EXPECT_EQ(found.result, -1);
+        EXPECT_EQ(found.name, "untouched");
+    };
     {
         vxtest::Intercept calls;
         calls->socket = [](int domain, int, int) -> std::optional<int> {
             return domain == AF_NETLINK ? std::optional(vxtest::failing(EMFILE)) : std::nullopt;
         };
-        EXPECT_EQ(lookUp("127.0.0.1").result, -1);
+        expectFailure();
         EXPECT_EQ(log.take(), (Lines{{LOG_DEBUG, "rtq: unable to open netlink socket"}}));
     }
     for (const int refused : {SO_SNDBUF, SO_RCVBUF}) {
@@ -401,7 +406,7 @@ TEST_F(Route, EveryStepThatFailsIsNamedAndClosesTheSocket) {
         calls->setsockopt = [&](int, int, int option, const void *, socklen_t) -> std::optional<int> {
             return option == refused ? std::optional(vxtest::failing(EPERM)) : std::nullopt;
         };
-        EXPECT_EQ(lookUp("127.0.0.1").result, -1);
+        expectFailure();
         EXPECT_EQ(log.take(), (Lines{{LOG_DEBUG, "rtq: unable to set buffer size"}}));
     }
     {
@@ -409,7 +414,7 @@ TEST_F(Route, EveryStepThatFailsIsNamedAndClosesTheSocket) {
         calls->bind = [](int, const sockaddr *, socklen_t) -> std::optional<int> {
             return vxtest::failing(EADDRINUSE);
         };
-        EXPECT_EQ(lookUp("127.0.0.1").result, -1);
+        expectFailure();
         EXPECT_EQ(log.take(), (Lines{{LOG_DEBUG, "rtq: unable to bind netlink socket"}}));
     }
     for (const int wrong : {0, 1, 2}) {
@@ -422,18 +427,18 @@ TEST_F(Route, EveryStepThatFailsIsNamedAndClosesTheSocket) {
             *length = wrong == 2 ? 11 : sizeof local;
             return 0;
         };
-        EXPECT_EQ(lookUp("127.0.0.1").result, -1);
+        expectFailure();
         EXPECT_EQ(log.take(), (Lines{{LOG_DEBUG, "rtq: invalid netlink socket"}})) << wrong;
     }
     {
         vxtest::Intercept calls;
         calls->sendmsg = [](int, const msghdr *) -> std::optional<ssize_t> { return vxtest::failing(ENOBUFS); };
-        EXPECT_EQ(lookUp("127.0.0.1").result, -1);
+        expectFailure();
         EXPECT_EQ(log.take(), (Lines{question, {LOG_DEBUG, "rtq: unable to query netlink"}}));
     }
     {
         noMemory = true;
-        EXPECT_EQ(lookUp("127.0.0.1").result, -1);
+        expectFailure();
         noMemory = false;
         EXPECT_EQ(log.take(), (Lines{{LOG_DEBUG, "rtq: no mem for request"}}));
     }
