@@ -1638,6 +1638,113 @@ TEST_F(Ping, TheRoundTripIsTheWiresAndNotThePollingSteps) {
     }
 }
 
+using Nanoseconds = std::chrono::nanoseconds;
+
+Nanoseconds sinceEpoch(const timespec &time) { return std::chrono::seconds(time.tv_sec) + Nanoseconds(time.tv_nsec); }
+
+Nanoseconds wallClock() {
+    timespec time{};
+    ::clock_gettime(CLOCK_REALTIME, &time);
+    return sinceEpoch(time);
+}
+
+// Adds a control message to a received one, as the kernel does.
+void attach(msghdr *message, int type, const void *data, size_t size) {
+    ASSERT_GE(message->msg_controllen, CMSG_SPACE(size));
+    message->msg_controllen = CMSG_SPACE(size);
+    cmsghdr *const part = CMSG_FIRSTHDR(message);
+    part->cmsg_level = SOL_SOCKET;
+    part->cmsg_type = type;
+    part->cmsg_len = CMSG_LEN(size);
+    std::memcpy(CMSG_DATA(part), data, size);
+}
+
+// The round trip when the reply is fetched 300 ms after the echo was sent and `note` is attached to it.
+class NotedReply {
+public:
+    using Note = std::function<void(msghdr *message, Nanoseconds sent)>;
+    Nanoseconds roundTrip(const char *target, const Note &note) {
+        Watch watch;
+        watch.calls->sendto = [&](int, const void *data, size_t size, const sockaddr *,
+                                  socklen_t) -> std::optional<ssize_t> {
+            const auto *bytes = static_cast<const uint8_t *>(data);
+            echo_.assign(bytes, bytes + size);
+            sent_ = wallClock();
+            return static_cast<ssize_t>(size);
+        };
+        watch.calls->recvmsg = [&](int, msghdr *message, int) -> std::optional<ssize_t> {
+            ::poll(nullptr, 0, 300);
+            const size_t room = message->msg_controllen;
+            const bool ipLevel = target == std::string(gatewayText);
+            Bytes reply = ipLevel ? echo_ : vxtest::echoReply(echo_);
+            if (ipLevel) reply[20] = 0;
+            const ssize_t got = vxtest::deliver(message, reply);
+            message->msg_controllen = room;
+            note(message, sent_);
+            return got;
+        };
+        timespec measured{};
+        before = wallClock();
+        EXPECT_EQ(__rawping("wan0", target, gatewayText, nullptr, nullptr, 1000, -1, &measured, nullptr), 0);
+        return sinceEpoch(measured);
+    }
+
+    Nanoseconds before{};
+
+private:
+    Bytes echo_;
+    Nanoseconds sent_{};
+};
+
+TEST_F(Ping, TheKernelsNoteOfTheArrivalIsUsedUnlessTheClockWasSet) {
+    knowGateway(wan->gateway);
+    constexpr auto fetched = std::chrono::milliseconds(300);
+    constexpr auto jump = std::chrono::hours(24);
+    const auto at = [](Nanoseconds time) {
+        timespec note{};
+        note.tv_sec = time / std::chrono::seconds(1);
+        note.tv_nsec = (time % std::chrono::seconds(1)).count();
+        return note;
+    };
+    for (const char *target : {gatewayText, targetText}) {
+        SCOPED_TRACE(target);
+        NotedReply reply;
+        Nanoseconds arrived{};
+        const auto good = reply.roundTrip(target, [&](msghdr *message, Nanoseconds sent) {
+            arrived = sent + std::chrono::milliseconds(10);
+            const timespec note = at(arrived);
+            attach(message, SCM_TIMESTAMPNS, &note, sizeof note);
+        });
+        EXPECT_GT(good, Nanoseconds(0));
+        EXPECT_LE(good, arrived - reply.before) << "not the time when it was fetched";
+
+        const NotedReply::Note bad[] = {
+            [&](msghdr *message, Nanoseconds sent) {
+                const timespec note = at(sent - jump);
+                attach(message, SCM_TIMESTAMPNS, &note, sizeof note);
+            },
+            [&](msghdr *message, Nanoseconds sent) {
+                const timespec note = at(sent + jump);
+                attach(message, SCM_TIMESTAMPNS, &note, sizeof note);
+            },
+            [&](msghdr *message, Nanoseconds sent) {  // cut
+                const timespec note = at(sent);
+                attach(message, SCM_TIMESTAMPNS, &note, sizeof note - 1);
+            },
+            [&](msghdr *message, Nanoseconds sent) {  // another kind of note
+                const timespec note = at(sent);
+                attach(message, SCM_CREDENTIALS, &note, sizeof note);
+            },
+            [&](msghdr *message, Nanoseconds) { message->msg_controllen = 0; },
+        };
+        for (const auto &note : bad) {
+            const auto time = reply.roundTrip(target, note);
+            EXPECT_GE(time, fetched);
+            EXPECT_LT(time, jump / 2);
+        }
+    }
+}
+
 TEST_F(Ping, TheRoundTripIsWrittenAfterFailuresToo) {
     timespec roundTrip{77, 77};
     Watch watch;
