@@ -21,6 +21,7 @@
 #include <chrono>
 #include <csignal>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <random>
 #include <sstream>
@@ -224,6 +225,9 @@ TEST_F(ExecCommand, DetachedReturnsTheProgramsOwnProcessId) {
     EXPECT_EQ(statField(pid, 4), "1") << "its parent is the first process";
     EXPECT_NE(statField(pid, 6), std::to_string(::getsid(0))) << "its session";
     EXPECT_EQ(vxtest::zombieChildren(), 0);
+    std::error_code error;
+    EXPECT_EQ(std::filesystem::read_symlink("/proc/" + std::to_string(pid) + "/cwd", error), "/") << error.message();
+    EXPECT_THAT(readFile("/proc/" + std::to_string(pid) + "/status"), testing::HasSubstr("\nUmask:\t0022\n"));
     struct stat nullDevice {};
     ASSERT_EQ(::stat("/dev/null", &nullDevice), 0);
     for (const std::string stream : {"0", "1", "2"}) {
@@ -410,6 +414,7 @@ TEST_F(RunCommand, RunsTheShell) {
     EXPECT_EQ(run_command("true && exit $((3 + 4))", 0), 7);
     EXPECT_EQ(run_command("/none 2>/dev/null", 0), 127);
     EXPECT_EQ(run_command("", 0), 0);
+    EXPECT_GT(run_command(nullptr, 0), 0) << "the shell misses its argument";
 }
 
 TEST_F(RunCommand, DoesNotWaitInTheBackground) {

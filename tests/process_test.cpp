@@ -232,6 +232,21 @@ TEST(GetCaller, OfAnOrphanedShellsChildIsTheShellsNumber) {
     ::close(pipes[0]);
 }
 
+TEST(GetCaller, OfAThirdShellThatInitStartedIsThatShellsNumber) {
+    const std::string parent = std::to_string(::getpid());
+    EXPECT_EQ(withProc({{parent + "/comm", "sh\n"},
+                        {parent + "/stat", "1 (sh) S 700001\n"},
+                        {"700001/comm", "sh\n"},
+                        {"700001/stat", "700001 (sh) S 700002\n"},
+                        {"700002/comm", "sh\n"},
+                        {"700002/stat", "700002 (sh) S 1\n"}},
+                       [] {
+                           char caller[32];
+                           return get_caller(caller, sizeof caller) == 0 && caller == std::string("pid700002") ? 0 : 1;
+                       }),
+              0);
+}
+
 TEST(GetCaller, FailsWhenAProcessOnTheWayIsNotThere) {
     const std::string parent = std::to_string(::getpid());
     EXPECT_EQ(withProc({},

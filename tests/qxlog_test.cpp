@@ -27,10 +27,12 @@
 #include "support/resources.h"
 #include "support/syscall_filter.h"
 
-// The clock as the library reads it, stopped where a test wants it, and the writer of its text, which then fails.
+// The clock as the library reads it, stopped where a test wants it; the writer of its text and the locks of files,
+// which then fail.
 namespace {
 std::atomic<time_t> stoppedClock{0};
 bool noTimeText = false;
+bool noLocks = false;
 }  // namespace
 extern "C" time_t time(time_t *result) noexcept {
     timespec now{};
@@ -44,6 +46,11 @@ extern "C" size_t strftime(char *text, size_t size, const char *format, const tm
     if (!noTimeText) return ::strftime_l(text, size, format, local, c);
     errno = ERANGE;
     return 0;
+}
+extern "C" int flock(int fd, int operation) noexcept {
+    if (!noLocks) return static_cast<int>(::syscall(SYS_flock, fd, operation));
+    errno = EOPNOTSUPP;
+    return -1;
 }
 
 namespace {
@@ -398,6 +405,16 @@ TEST_F(DeviceLog, OnAFullDiskTheOldLogStays) {
               (Reported{-1, "rename: No space left on device\n"}));
     EXPECT_EQ(readFile(logFile), old + old + old + old);
     ASSERT_EQ(::umount("/var/log"), 0);
+}
+
+TEST_F(DeviceLog, AFileSystemWithoutLocksDoes) {
+    noLocks = true;
+    EXPECT_EQ(qxlog(1, "one"), 0);
+    EXPECT_EQ(qxlog(2, "two"), 0);
+    EXPECT_EQ(readInto(1000), "2: 2026-11-15 08:40 two\n1: 2026-11-15 08:40 one\n");
+    EXPECT_EQ(qxlog_clear(), 0);
+    EXPECT_EQ(readFile(logFile), "");
+    noLocks = false;
 }
 
 // ---- several at once ----

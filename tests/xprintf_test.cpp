@@ -325,7 +325,8 @@ TEST(Snxprintf, NeverTouchesAByteBehindTheSize) {
 }
 
 TEST(Snxprintf, TheFormatIsReadOnlyUpToItsTerminator) {
-    for (const std::string format : {"abc", "%", "%d", "%-5", "%.3", "%*", "%l", "%5.2l", "a%%", "%#0 +-"}) {
+    for (const std::string format :
+         {"abc", "%", "%d", "%0", "%05", "%05d", "%-5", "%.3", "%*", "%l", "%5.2l", "a%%", "%#0 +-"}) {
         vxtest::GuardedBuffer guarded(format.size() + 1);
         std::memcpy(guarded.data(), format.c_str(), format.size() + 1);
         char buffer[32];

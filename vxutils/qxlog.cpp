@@ -76,12 +76,12 @@ bool isNamed(int fd, const char *path) {
 }
 
 // A file to fill, empty and locked until it is closed. Whoever waited for one that has lost its name meanwhile, to a
-// rename, takes the one that has the name now.
+// rename, takes the one that has the name now. On a file system that knows no locks the semaphore has to do.
 Fd openEmptied(const char *path) {
     for (;;) {
         Fd fd(::open(path, O_RDWR | O_CREAT | O_CLOEXEC, creationMode));
-        if (!fd.valid() || !lockFile(fd.get(), LOCK_EX)) return Fd();
-        if (!isNamed(fd.get(), path)) continue;
+        if (!fd.valid()) return Fd();
+        if (lockFile(fd.get(), LOCK_EX) && !isNamed(fd.get(), path)) continue;
         return ::ftruncate(fd.get(), 0) == 0 ? std::move(fd) : Fd();
     }
 }

@@ -50,7 +50,7 @@ VXUTILS_API int _exec_command(int mode, const char *path, const char *arg0, ...)
 /**
  * Runs a command line with /bin/sh.
  *
- * @param command    text for "sh -c"
+ * @param command    text for "sh -c"; for NULL the shell complains and ends with its own exit code
  * @param background 0 waits, in mode 0 of _exec_command(); non-zero detaches
  * @return as _exec_command(); 127 is the shell's own way to say that it did not find a program
  */

@@ -52,8 +52,8 @@ typedef struct file_line file_line;
  *
  * @param path  file to read
  * @param lines head of the list; a file_line per line is added at its tail. The caller owns records and texts.
- * @return the number of entries appended; READFILE_OPEN_FAILED; READFILE_OUT_OF_MEMORY (logged, LOG_ERR), what was
- *         appended until then stays in the list
+ * @return the number of entries appended; READFILE_OPEN_FAILED, also for NULL arguments; READFILE_OUT_OF_MEMORY
+ *         (logged, LOG_ERR), what was appended until then stays in the list
  */
 VXUTILS_API int read_file_lines(const char *path, struct list_link *lines);
 
@@ -84,7 +84,7 @@ VXUTILS_API int dropfile(const char *name);
  * @param append_newline non-zero: end the content with a newline
  * @param allow_fallback non-zero: write directly where the path begins with one of the three prefixes; bit 0 set: also
  *                       where the temporary file cannot be created
- * @return 0 or -1
+ * @return 0 or -1; a NULL @p path is -1 with EINVAL and not logged
  */
 VXUTILS_API int write_file_atomic(const char *path, const void *buf, size_t len, int append_newline,
                                   unsigned char allow_fallback);
@@ -169,8 +169,8 @@ VXUTILS_API int delete_directory(const char *path);
 /**
  * Empties a directory as delete_directory() does, and keeps it.
  *
- * @param path directory; 0 when it cannot be opened
- * @return 0; -1 as delete_directory()
+ * @param path directory; one that cannot be opened is left alone, NULL and "" too
+ * @return 0; -1 when an entry of it cannot be examined or its path does not fit 4096 bytes: the rest then stays
  */
 VXUTILS_API int delete_directory_contents(const char *path);
 

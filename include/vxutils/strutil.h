@@ -153,7 +153,8 @@ VXUTILS_API int e164Number(const char *s);
  * Checks a text of the form "2020-12-31T23:59:59".
  *
  * Years run from 1999 to 2035, months from 1 to 12, days from 1 to 31 in every month. Hour, minute and second have
- * upper bounds only (23, 59, 59): a negative one passes. What follows the sixth number is not looked at.
+ * upper bounds only (23, 59, 59): a negative one passes. The numbers are read as the C library's sscanf() reads a "%d":
+ * blanks and a sign may stand before each, leading zeros may be missing. What follows the sixth is not looked at.
  *
  * @param s text
  * @return 0 when it passes, -1 when it does not or is NULL
