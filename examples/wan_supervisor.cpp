@@ -3,9 +3,9 @@
 //
 // The loop thread decides; what may block (pings, the modem daemon, the SMS tool) runs in worker threads that hand
 // their results to the loop through a message queue. Configuration comes from the configuration daemon, is read at
-// start and again on SIGHUP. What is known stands in the status tree under "wan"; a lost link and a raised alarm input
-// are told to the event manager, the device log and by SMS; a digital output shows whether the link is up. SIGTERM ends
-// it.
+// start and again on SIGHUP: the one wait of the loop thread, of 10 s at the most. What is known stands in the status
+// tree under "wan". A change of the link and of the alarm input is told to the event manager and the device log, a lost
+// link also by SMS; a digital output shows whether the link is up. SIGTERM ends it.
 #include <signal.h>
 #include <sys/signalfd.h>
 #include <syslog.h>
@@ -68,7 +68,7 @@ struct Settings {
 // Keeps what is there for every key that the daemon does not know or that it cannot be asked for.
 void readSettings(Settings &settings) {
     configd_handle *config = configd_open();
-    if (config == nullptr) return;
+    if (config == nullptr) return tell("no configuration daemon");
     struct Text {
         const char *key;
         std::string &value;
@@ -252,6 +252,9 @@ public:
         if (signals_ == -1 || loop_.init() != 0 || queue_.init() != 0) return 1;
         status_.setup(BASEPATH_STATUS, "/wan");
         configure();
+        status_.setStatus("/link", "unknown");
+        status_.setStatus("/alarm", "off");
+        showLosses();
 
         loop_.addSink(this, IFDEventsource::ET_READ);
         loop_.addTimer(this);
@@ -326,7 +329,10 @@ private:
     }
 
     void onPing(bool reply) {
-        lost_ = reply ? 0 : lost_ + 1;
+        if (!reply || lost_ > 0) {
+            lost_ = reply ? 0 : lost_ + 1;
+            showLosses();
+        }
         if (reply) {
             const int tenths = static_cast<int>(roundTrip_.get() * 10);
             String text;
@@ -341,6 +347,11 @@ private:
         const std::string text = std::string("WAN link ") + (up ? "up, " : "lost, ") + settings_.target;
         report(EVENT_LINK, up ? 1 : 0, text.c_str());
         if (!up) outbox_.send(settings_.smsNumber, text);
+    }
+
+    void showLosses() {
+        String text;
+        status_.setStatus("/lost-pings", text.format("%d", lost_));
     }
 
     void onModem(const ModemReport &modem) {

@@ -4,6 +4,7 @@
 // The driver's files answer writes with EEXIST and ENOENT, which no ordinary file does. The tree is therefore a file
 // system of its own, served by this program over /dev/fuse in the kernel's own protocol: any program sees real files
 // with the driver's answers, and neither a kernel module nor anything in the library is needed.
+#include <dirent.h>
 #include <fcntl.h>
 #include <linux/fuse.h>
 #include <poll.h>
@@ -48,14 +49,15 @@ constexpr const char *help =
     "  normal              forget text, gone, refuse and unclosable\n"
     "It ends with the end of its standard input.\n"
     "\n"
-    "--prepare makes /proc, /sys/devices, /sys/bus and /sys/class/block writable directories (the real /proc stays\n"
-    "reachable through links), so that a board's identity, storage and converters can be laid out as plain files.\n";
+    "--prepare makes /proc, /sys/devices, /sys/bus and /sys/class/block writable directories (what the real /proc\n"
+    "and /sys/devices hold stays reachable through links; of the processes those up to 32768), so that a board's\n"
+    "identity, storage and converters can be laid out as plain files.\n";
 
 constexpr const char *devices = "/sys/devices";
 constexpr const char *tree = "/sys/devices/vantorix";
 constexpr size_t bufferSize = 65536;
 constexpr unsigned int mostLines = 200;
-constexpr int processLinks = 4096;
+constexpr int processLinks = 32768;
 
 [[noreturn]] void fail(const std::string &what) {
     std::fprintf(stderr, "board: %s: %s\n", what.c_str(), std::strerror(errno));
@@ -70,6 +72,33 @@ bool exists(const std::string &path) {
     struct stat status {};
     return ::stat(path.c_str(), &status) == 0;
 }
+
+// Names in a directory, without "." and "..".
+std::vector<std::string> namesIn(const std::string &directory) {
+    std::vector<std::string> names;
+    DIR *const opened = ::opendir(directory.c_str());
+    if (opened == nullptr) fail(directory);
+    while (const dirent *entry = ::readdir(opened)) {
+        if (std::strcmp(entry->d_name, ".") != 0 && std::strcmp(entry->d_name, "..") != 0) {
+            names.emplace_back(entry->d_name);
+        }
+    }
+    ::closedir(opened);
+    return names;
+}
+
+// The kernel's own directory moves aside; one in memory takes its place and links to each of its entries.
+void makeWritable(const std::string &path, const std::string &aside, const std::vector<std::string> &alsoLinked = {}) {
+    if (exists(aside)) return;
+    if (::mkdir(aside.c_str(), 0555) == -1) fail(aside);
+    if (::mount(path.c_str(), aside.c_str(), nullptr, MS_BIND | MS_REC, nullptr) == -1) fail("bind " + path);
+    std::vector<std::string> names = namesIn(aside);
+    names.insert(names.end(), alsoLinked.begin(), alsoLinked.end());
+    mountTmpfs(path);
+    for (const std::string &name : names) (void)!::symlink((aside + "/" + name).c_str(), (path + "/" + name).c_str());
+}
+
+void makeDevicesWritable() { makeWritable(devices, "/.devices"); }
 
 // Files of one line.
 enum Kind : uint64_t { inputDir = 1, outputDir = 2, inputValue = 3, outputValue = 4, frequency = 5 };
@@ -241,7 +270,7 @@ void Board::mountTree() {
     ::umount2(tree, MNT_DETACH);  // of a board that was killed
     if (!exists(tree)) {
         if (::mkdir(tree, 0755) == -1) {
-            mountTmpfs(devices);
+            makeDevicesWritable();
             if (::mkdir(tree, 0755) == -1) fail(tree);
         }
     }
@@ -447,31 +476,18 @@ void Board::run() {
     ::umount2(tree, MNT_DETACH);
 }
 
-// The real /proc moves aside; a directory in memory takes its place and links to each of its entries.
-void prepareProc() {
-    constexpr const char *aside = "/.proc";
-    ::mkdir(aside, 0555);
-    if (exists("/.proc/self")) return;
-    if (::mount("/proc", aside, nullptr, MS_BIND | MS_REC, nullptr) == -1) fail("bind /proc");
-    std::vector<std::string> names{"self", "thread-self"};
-    FILE *list = ::popen("ls /.proc", "re");
-    if (list == nullptr) fail("ls");
-    std::array<char, 512> name;
-    while (std::fgets(name.data(), name.size(), list) != nullptr) {
-        name[std::strcspn(name.data(), "\n")] = '\0';
-        names.emplace_back(name.data());
-    }
-    ::pclose(list);
-    // Processes that are still to come have their entries as well: a box counts them from 1.
-    for (int pid = 1; pid <= processLinks; ++pid) names.push_back(std::to_string(pid));
-    mountTmpfs("/proc");
-    for (const std::string &one : names) (void)!::symlink(("/.proc/" + one).c_str(), ("/proc/" + one).c_str());
+// Processes that are still to come have their links as well: a box counts them from 1.
+void makeProcWritable() {
+    std::vector<std::string> processes;
+    for (int pid = 1; pid <= processLinks; ++pid) processes.push_back(std::to_string(pid));
+    makeWritable("/proc", "/.proc", processes);
     ::mkdir("/proc/sysinfo", 0755);
 }
 
 void prepare() {
-    prepareProc();
-    for (const char *path : {devices, "/sys/bus", "/sys/class/block"}) mountTmpfs(path);
+    makeProcWritable();
+    makeDevicesWritable();
+    for (const char *path : {"/sys/bus", "/sys/class/block"}) mountTmpfs(path);
 }
 
 unsigned int countArgument(const char *text) {

@@ -16,14 +16,16 @@ using testing::HasSubstr;
 using testing::Not;
 
 // In a box of its own, as scripts/demo does it: what a chapter leaves running ends with the box.
-vxtest::Output demo(const std::vector<std::string> &arguments) {
+std::vector<std::string> demoCommand(const std::vector<std::string> &arguments) {
     const std::string source = VXTEST_SOURCE_DIR;
     std::vector<std::string> command{
         vxtest::built("gateway/vxbox"), "--bind", source,           "--bind", vxtest::built(""), "--", "bash",
         source + "/demo/run",           source,   vxtest::built("")};
     command.insert(command.end(), arguments.begin(), arguments.end());
-    return vxtest::run(command);
+    return command;
 }
+
+vxtest::Output demo(const std::vector<std::string> &arguments) { return vxtest::run(demoCommand(arguments)); }
 
 std::string play(const std::string &chapters) {
     const auto output = demo({"--only", chapters});
@@ -38,7 +40,8 @@ TEST(Demo, TellsTheSupervisorsStory) {
     for (const char *turn :
          {"WAN link up, 198.51.100.9", "WAN link lost, 198.51.100.9", "sms to +15550100", "in reset",
           "alarm input raised", "5 losses make a lost link", "alarm input released", "event id=101 param=1",
-          "out 1 = 0", "wan/link: up", "wan/modem: signal -67 dBm", "100: ", "ended"}) {
+          "[board] out 1 = 0", "[SMS tool] +15550100 WAN link lost", "lost in a row: 2, link: up", "wan/link: up",
+          "wan/modem: signal -67 dBm", "100: ", "ended"}) {
         EXPECT_THAT(told, HasSubstr(turn));
     }
 }
@@ -51,13 +54,62 @@ TEST(Demo, TellsOfTheConfigurationDaemon) {
 }
 
 TEST(Demo, PlaysEveryOtherChapter) {
-    for (const char *chapter : {"00-", "05-", "11-", "20-", "30-", "40-", "50-", "55-", "60-", "70-"}) play(chapter);
+    for (const char *chapter : {"00-", "05-", "11-", "20-", "30-", "40-", "50-", "55-", "60-"}) play(chapter);
+}
+
+TEST(Demo, TellsOfTheBoardAndItsModem) {
+    const std::string told = play("70-");
+    for (const char *turn :
+         {"in  0 1 0 0", "out 2 = 1", "QX310, generation 18", "Example Gateway", "sda1, USB disk on port 1",
+          "input 1: 9.35 V", "signal: -67 dBm", "refused: not now", "card 0 is suspended", "+4930123 all is well"})
+        EXPECT_THAT(told, HasSubstr(turn));
 }
 
 TEST(Demo, RunsAProgramOfTheUsersOwn) {
     const auto output = demo({"--run", "configd_reader", "wan.target"});
     EXPECT_EQ(output.status, 0);
     EXPECT_THAT(output.text, HasSubstr("198.51.100.9"));
+    EXPECT_EQ(demo({"--run", "sh", "-c", "exit 7"}).status, 7);
+}
+
+TEST(Demo, GivesAProgramTheWholeBoard) {
+    const auto output = demo({"--run", "board_survey"});
+    EXPECT_EQ(output.status, 0);
+    EXPECT_EQ(output.text,
+              "board: QX310\n"
+              "inputs: 0 0 0 0\n"
+              "outputs: 0 0\n"
+              "storage: mmcblk0p3, internal memory\n"
+              "storage: mmcblk0p4, data partition, mounted on /data with 8192 KiB\n"
+              "storage: mmcblk1p1, card or disk\n"
+              "storage: sda1, USB disk on port 1, mounted on /media/usb with 8192 KiB\n"
+              "converter: 12.1 V\n"
+              "supply 1: 12.10 V\n"
+              "supply 2: 0.00 V\n");
+}
+
+TEST(Demo, GivesAProgramEveryPeer) {
+    const auto output = demo({"--run", "bash", "-c",
+                              "wwanmd_signal 0; vxevent 7 1 hello; simplesms_answer; ping_wan wan0 198.51.100.9 "
+                              "192.0.2.1; cat /sys/class/net/wan0/operstate; gw config get wan.losses"});
+    EXPECT_EQ(output.status, 0) << output.text;
+    for (const char *part :
+         {"card 0: signal: -67 dBm", "reply from 198.51.100.9 through 192.0.2.1", "\nup\n", "wan.losses=2"})
+        EXPECT_THAT(output.text, HasSubstr(part));
+}
+
+TEST(Demo, AShellSteersTheGateway) {
+    vxtest::Process shell(demoCommand({"--shell"}));
+    shell.send(
+        "gw input 2 1; gw usb out; gw voltage 2 24000; board_survey; gw modem dance || echo refused\n"
+        "gw wan cut; cat /sys/class/net/wan0/carrier; gw status; vxevent 8 1 seen; sleep 0.2; gw events; exit 3\n");
+    shell.closeInput();
+    const std::string told = shell.readAll();
+    EXPECT_EQ(shell.wait(), 3);
+    for (const char *part : {"move a digital input", "the cable of the WAN link", "the status tree", "what the event",
+                             "inputs: 0 1 0 0", "supply 2: 24.00 V", "unknown: dance\nrefused", "event id=8 param=1"})
+        EXPECT_THAT(told, HasSubstr(part));
+    EXPECT_THAT(told, Not(HasSubstr("USB disk on")));
 }
 
 }  // namespace
