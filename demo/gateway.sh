@@ -25,7 +25,7 @@ gateway_order() {
   echo "$order" >"$gateway_dir/$1.orders"
   for ((tries = 0; tries < 300; tries++)); do
     answer=$(tail -n "+$((told + 1))" "$log")
-    if grep -qxF -e done -e "ok $order" -e "cannot $order" -e "what? $order" <<<"$answer"; then
+    if grep -qxF -e 'done' -e "ok $order" -e "cannot $order" -e "what? $order" <<<"$answer"; then
       sed -nE '/^([^ ]+=|[0-9]+$)/p' <<<"$answer"
       ! grep -E '^(unknown|cannot|what\?) ?' <<<"$answer"
       return
@@ -147,7 +147,7 @@ gw() {
     power) cat "$gateway_dir/power.log" ;;
     status) (cd /tmp/status && find . -type f ! -name '.*' | sort | while read -r f; do echo "${f#./}: $(cat "$f")"; done) ;;
     log) [ ! -e /var/log/qxlog ] || cat /var/log/qxlog ;;
-    watch) tail -q -n 0 -f "$gateway_dir"/{board,events,sms,power}.log | grep -v --line-buffered -x done ;;
+    watch) tail -q -n 0 -f "$gateway_dir"/{board,events,sms,power}.log | grep -v --line-buffered -x 'done' ;;
     *) gateway_help ;;
   esac
 }

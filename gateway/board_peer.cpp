@@ -50,14 +50,14 @@ constexpr const char *help =
     "It ends with the end of its standard input.\n"
     "\n"
     "--prepare makes /proc, /sys/devices, /sys/bus and /sys/class/block writable directories (what the real /proc\n"
-    "and /sys/devices hold stays reachable through links; of the processes those up to 32768), so that a board's\n"
+    "and /sys/devices hold stays reachable through links; of the processes those up to 8192), so that a board's\n"
     "identity, storage and converters can be laid out as plain files.\n";
 
 constexpr const char *devices = "/sys/devices";
 constexpr const char *tree = "/sys/devices/vantorix";
 constexpr size_t bufferSize = 65536;
 constexpr unsigned int mostLines = 200;
-constexpr int processLinks = 32768;
+constexpr int processLinks = 8192;
 
 [[noreturn]] void fail(const std::string &what) {
     std::fprintf(stderr, "board: %s: %s\n", what.c_str(), std::strerror(errno));
@@ -95,7 +95,10 @@ void makeWritable(const std::string &path, const std::string &aside, const std::
     std::vector<std::string> names = namesIn(aside);
     names.insert(names.end(), alsoLinked.begin(), alsoLinked.end());
     mountTmpfs(path);
-    for (const std::string &name : names) (void)!::symlink((aside + "/" + name).c_str(), (path + "/" + name).c_str());
+    for (const std::string &name : names) {
+        const std::string entry = "/" + name;
+        (void)!::symlink((aside + entry).c_str(), (path + entry).c_str());
+    }
 }
 
 void makeDevicesWritable() { makeWritable(devices, "/.devices"); }
