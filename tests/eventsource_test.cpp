@@ -4,6 +4,7 @@
 
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <sys/timerfd.h>
@@ -315,6 +316,11 @@ TEST_F(Eventsource, SlotsStandInTheirOrder) {
     EXPECT_EQ(slotOf(&CEPollEventsource::addTimer), 7U);
     EXPECT_EQ(slotOf(&CEPollEventsource::removeTimer), 8U);
     EXPECT_EQ(slotOf(&CEPollEventsource::activeTimer), 9U);
+    EXPECT_EQ(vxtest::slotsOf<IFDEventsource>(), 7U);
+    EXPECT_EQ(vxtest::slotsOf<ITimeoutEventsource>(), 5U);
+    EXPECT_EQ(vxtest::slotsOf<IFDEventsink>(), 5U);
+    EXPECT_EQ(vxtest::slotsOf<ITimeoutEventsink>(), 5U);
+    EXPECT_EQ(vxtest::slotsOf<CEPollEventsource>(), 10U);
 }
 
 TEST_F(Eventsource, EventTypesHaveTheirNumbers) {
@@ -855,6 +861,154 @@ TEST_F(Eventsource, ACallbackMayRunTheLoopAgain) {
     runUntilTerminated();
     EXPECT_EQ(removed.reads, 0);
     EXPECT_EQ(outer.reads, 1);
+}
+
+// What an inner loop serves while the outer one has the same events left over. The first wait of all reports the
+// starter and then the others, the second one, in the inner loop, the others alone; later ones are the kernel's.
+class InnerLoop : public Eventsource {
+protected:
+    InnerLoop() {
+        init();
+        for (Sink *one : {&starter, &sink, &last}) source->addSink(one, IFDEventsource::ET_READ);
+        starter.fire();
+        sink.fire();
+    }
+    void report(const std::vector<std::vector<int>> &waits) {
+        kernel.wait = [this, waits](epoll_event *events, int) -> std::optional<int> {
+            if (++round > waits.size()) return std::nullopt;
+            int count = 0;
+            for (const int fd : waits[round - 1]) {
+                events[count].events = EPOLLIN;
+                events[count++].data.fd = fd;
+            }
+            return count;
+        };
+    }
+
+    Sink starter;
+    Sink sink;
+    Sink last;
+    size_t round = 0;
+};
+
+TEST_F(InnerLoop, WhatItHasServedIsNotServedAgain) {
+    std::vector<size_t> served;
+    starter.whenReadable = [&] {
+        starter.clear();
+        EXPECT_EQ(source->evtLoop(), 0);
+    };
+    sink.whenReadable = [&] {
+        sink.clear();
+        served.push_back(round);
+        source->terminate();
+    };
+    report({{starter.getFd(), sink.getFd()}, {sink.getFd()}});
+    runUntilTerminated();
+    EXPECT_EQ(starter.reads, 1);
+    EXPECT_EQ(served, std::vector<size_t>{2});
+}
+
+// A timer's second serving would find nothing to read, and say so in the log.
+TEST_F(InnerLoop, ATimerThatItHasServedIsNotReadAgain) {
+    Timer timer(1, false);
+    source->addTimer(&timer);
+    const int timerFd = timerDescriptors().at(0);
+    pollfd due{timerFd, POLLIN, 0};
+    ASSERT_EQ(::poll(&due, 1, -1), 1);
+    starter.whenReadable = [&] {
+        starter.clear();
+        EXPECT_THROW(source->evtLoop(), std::runtime_error);
+        source->terminate();
+    };
+    timer.whenFired = [&] {
+        const itimerspec never{};
+        EXPECT_EQ(::timerfd_settime(timerFd, 0, &never, nullptr), 0);
+        throw std::runtime_error("enough");
+    };
+    sink.clear();
+    report({{starter.getFd(), timerFd}, {timerFd}});
+    runUntilTerminated();
+    EXPECT_EQ(timer.counts.size(), 1U);
+    source->removeTimer(&timer);
+}
+
+TEST_F(InnerLoop, WhatIsStillReadyComesWithTheNextWait) {
+    std::vector<size_t> served;
+    starter.whenReadable = [&] {
+        starter.clear();
+        EXPECT_THROW(source->evtLoop(), std::runtime_error);
+    };
+    sink.whenReadable = [&] {
+        served.push_back(round);
+        if (round == 2) throw std::runtime_error("enough");
+        source->terminate();
+        sink.clear();
+    };
+    report({{starter.getFd(), sink.getFd()}, {sink.getFd()}});
+    runUntilTerminated();
+    EXPECT_EQ(served, (std::vector<size_t>{2, 3}));
+}
+
+TEST_F(InnerLoop, WhatItHasFetchedButNotServedStaysWithTheOuterOne) {
+    std::vector<size_t> served;
+    starter.whenReadable = [&] {
+        starter.clear();
+        EXPECT_THROW(source->evtLoop(), std::runtime_error);
+        source->terminate();
+    };
+    last.whenReadable = [&] {
+        last.clear();
+        throw std::runtime_error("enough");
+    };
+    sink.whenReadable = [&] {
+        sink.clear();
+        served.push_back(round);
+    };
+    last.fire();
+    report({{starter.getFd(), sink.getFd()}, {last.getFd(), sink.getFd()}});
+    runUntilTerminated();
+    EXPECT_EQ(served, std::vector<size_t>{2});  // by the outer loop, after the second wait
+    EXPECT_EQ(sink.reads, 1);
+}
+
+TEST_F(InnerLoop, WhatTheInnermostHasServedIsGoneFromAllAroundIt) {
+    Sink second;
+    source->addSink(&second, IFDEventsource::ET_READ);
+    second.fire();
+    starter.whenReadable = [&] {
+        starter.clear();
+        EXPECT_EQ(source->evtLoop(), 0);
+    };
+    second.whenReadable = [&] {
+        second.clear();
+        EXPECT_EQ(source->evtLoop(), 0);
+    };
+    sink.whenReadable = [&] {
+        sink.clear();
+        source->terminate();
+    };
+    const std::vector<int> all{starter.getFd(), second.getFd(), sink.getFd()};
+    report({all, {second.getFd(), sink.getFd()}, {sink.getFd()}});
+    runUntilTerminated();
+    EXPECT_EQ(second.reads, 1);
+    EXPECT_EQ(sink.reads, 1);
+}
+
+// The command is not read by whom it reaches: it ends every loop, and drops the rest of every batch.
+TEST_F(InnerLoop, ItsCommandIsTheOuterLoopsToo) {
+    int command = -1;
+    for (const int fd : descriptorsOn("pipe:")) {
+        if (watched().count(fd) == 1) command = fd;
+    }
+    ASSERT_NE(command, -1);
+    starter.whenReadable = [&] {
+        source->terminate();
+        EXPECT_EQ(source->evtLoop(), 0);
+    };
+    report({{starter.getFd(), command, sink.getFd()}, {command}});
+    runUntilTerminated();
+    EXPECT_EQ(sink.reads, 0);
+    EXPECT_EQ(starter.reads, 1);
 }
 
 // --- events that are left over

@@ -52,20 +52,26 @@ ITimeoutEventsource::~ITimeoutEventsource() = default;
 
 // The events of one wake-up that were not served yet. Callbacks that remove a sink or a timer take its events out,
 // since the number may belong to another file by the time its turn comes. A callback may run the loop again: batches
-// nest.
+// nest, and what an inner loop has served is taken out of the outer ones, which would serve it a second time.
 struct CEPollEventsource::Batch {
-    Batch(CEPollEventsource &source, epoll_event *events, int count)
-        : owner(source), outer(source.batch_), next(events), end(events + count) {
-        owner.batch_ = this;
-    }
+    explicit Batch(CEPollEventsource &source) : owner(source), outer(source.batch_) { owner.batch_ = this; }
     ~Batch() { owner.batch_ = outer; }
     Batch(const Batch &) = delete;
     Batch &operator=(const Batch &) = delete;
 
+    // From this batch and all around it; none: nothing happens.
+    static void drop(Batch *batch, int fd) {
+        for (; batch != nullptr; batch = batch->outer) {
+            for (epoll_event *event = batch->next; event != batch->end; ++event) {
+                if (event->data.fd == fd) event->data.fd = staleEvent;
+            }
+        }
+    }
+
     CEPollEventsource &owner;
-    Batch *outer;
-    epoll_event *next;
-    epoll_event *end;
+    Batch *const outer;
+    epoll_event *next = nullptr;
+    epoll_event *end = nullptr;
 };
 
 CEPollEventsource::CEPollEventsource()
@@ -180,10 +186,15 @@ bool CEPollEventsource::activeTimer(ITimeoutEventsink *sink) { return lowestTime
 
 int CEPollEventsource::evtLoop() {
     std::vector<epoll_event> events(1);
+    size_t room = events.size();
+    const Batch batch(*this);  // takes what onEpollWakeup() serves
     while (!terminated_) {
         const size_t wanted = sinks_.size() + timers_.size();
-        if (events.size() < wanted) events.resize(wanted);
-        const int count = ::epoll_wait(epollFd_, events.data(), static_cast<int>(events.size()), -1);
+        if (room < wanted) {
+            events.resize(wanted);
+            room = wanted;
+        }
+        const int count = ::epoll_wait(epollFd_, events.data(), static_cast<int>(room), -1);
         if (count > 0) {
             onEpollWakeup(events.data(), count);
         } else if (count == 0) {
@@ -227,19 +238,24 @@ uint32_t CEPollEventsource::eventTypeToEpoll(event_type type) {
 }
 
 void CEPollEventsource::onEpollWakeup(epoll_event *events, int count) {
-    Batch batch(*this, events, count);
+    Batch &batch = *batch_;
+    batch.next = events;
+    batch.end = events + count;
     while (batch.next != batch.end) {
         const uint32_t what = batch.next->events;
         const int fd = batch.next->data.fd;
         ++batch.next;
         if (fd == staleEvent) continue;
-        const Watched watched = lookUp(fd);
+        const auto number = static_cast<size_t>(fd);
+        const Watched watched = number < shortcuts_.size() ? shortcuts_[number] : lookUp(fd);
         if (watched.timer != nullptr) {
+            Batch::drop(batch.outer, fd);
             onEpollTimeout(fd, watched.timer);
         } else if (fd == commandReadFd_) {
+            batch.next = batch.end;
             onCommand();
-            return;
         } else if (watched.sink != nullptr) {
+            Batch::drop(batch.outer, fd);
             if ((what & EPOLLIN) != 0) {
                 watched.sink->onReadable();
             } else if ((what & EPOLLOUT) != 0) {
@@ -340,10 +356,4 @@ int CEPollEventsource::lowestTimerOf(const ITimeoutEventsink *sink) const {
     return own ? found->second : -1;
 }
 
-void CEPollEventsource::dropFetchedEvents(int fd) {
-    for (Batch *batch = batch_; batch != nullptr; batch = batch->outer) {
-        for (epoll_event *event = batch->next; event != batch->end; ++event) {
-            if (event->data.fd == fd) event->data.fd = staleEvent;
-        }
-    }
-}
+void CEPollEventsource::dropFetchedEvents(int fd) { Batch::drop(batch_, fd); }

@@ -29,4 +29,13 @@ size_t slotOf(Result (Class::*function)(Arguments...) const) {
     return slotOf(plain);
 }
 
+// How many positions the table has, the two of the destructor included.
+template <typename Class>
+size_t slotsOf() {
+    struct Derived : Class {
+        virtual void behindAll() {}
+    };
+    return slotOf(&Derived::behindAll);
+}
+
 }  // namespace vxtest
