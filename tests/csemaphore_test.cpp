@@ -38,13 +38,33 @@ using Options = CRecursiveSemaphore::CSemaphoreOptions;
 const std::string libraryFile = "/usr/lib/libvxutils.so.1.0.0";
 
 // Calls that cannot be made to fail by other means. The library's own come through here.
-enum class Call { none, semget, semop, mmap, attrInit, setRobust, setShared, setType, mutexInit, consistent };
+enum class Call {
+    none,
+    semget,
+    semop,
+    ftruncate,
+    mmap,
+    pwrite,
+    attrInit,
+    setRobust,
+    setShared,
+    setType,
+    mutexInit,
+    consistent
+};
 Call failing = Call::none;
 int failAfter = 0;  // so many calls still succeed
 
 bool fails(Call call) {
     if (failing != call) return false;
     return failAfter-- <= 0;
+}
+
+// The process dies at this call, before or after the kernel has done it.
+Call deadly = Call::none;
+bool dieAfter = false;
+void dieAt(Call call, bool after) {
+    if (deadly == call && dieAfter == after) ::raise(SIGKILL);
 }
 
 template <typename Function>
@@ -70,6 +90,27 @@ extern "C" int semop(int id, sembuf *operations, size_t count) noexcept {
     }
     static const auto next = real<int (*)(int, sembuf *, size_t)>("semop");
     return next(id, operations, count);
+}
+
+extern "C" int ftruncate(int fd, off_t size) noexcept {
+    dieAt(Call::ftruncate, false);
+    constexpr const char *name = sizeof(long) == 4 ? "ftruncate64" : "ftruncate";
+    static const auto next = real<int (*)(int, off_t)>(name);
+    const int result = next(fd, size);
+    dieAt(Call::ftruncate, true);
+    return result;
+}
+
+extern "C" ssize_t pwrite(int fd, const void *data, size_t size, off_t position) {
+    if (fails(Call::pwrite)) {
+        errno = ENOSPC;
+        return -1;
+    }
+    constexpr const char *name = sizeof(long) == 4 ? "pwrite64" : "pwrite";
+    static const auto next = real<ssize_t (*)(int, const void *, size_t, off_t)>(name);
+    const ssize_t result = next(fd, data, size, position);
+    dieAt(Call::pwrite, true);
+    return result;
 }
 
 #ifndef __SANITIZE_THREAD__  // that sanitizer maps memory long before anything of ours may run
@@ -178,6 +219,17 @@ protected:
 
 using Plain = Semaphores;
 using Recursive = Semaphores;
+
+// The layouts that programs in the field were compiled with, the table of virtual operations first.
+static_assert(sizeof(Options) == 1);
+static_assert(sizeof(CRecursiveSemaphore) == 2 * sizeof(void *));
+static_assert(sizeof(CSemaphore) == (sizeof(void *) == 4 ? 40 : 56));
+static_assert(EOWNERDEAD == 130);
+
+TEST(SemaphoreTables, HoldTheDestructorsOnly) {
+    EXPECT_EQ(vxtest::slotsOf<CSemaphore>(), 2U);
+    EXPECT_EQ(vxtest::slotsOf<CRecursiveSemaphore>(), 2U);
+}
 
 // --- CSemaphore
 
@@ -308,6 +360,27 @@ TEST_F(Plain, KeepsProcessesOut) {
     }
     for (const pid_t child : children) EXPECT_EQ(vxtest::waitChild(child), 0);
     EXPECT_EQ(page->plain, 800);
+}
+
+TEST_F(Plain, ASecondLockByItsHolderWaitsForAnUnlock) {
+    const SharedPage page;
+    CSemaphore lock("/etc/hostname", 16);
+    ASSERT_EQ(lock.init(), 0);
+    const int id = ::semget(::ftok("/etc/hostname", 16), 1, 0);
+    ASSERT_NE(id, -1);
+    const pid_t holder = vxtest::startChild([&] {
+        if (lock.lock() != 0) return 1;
+        page->ready = 1;
+        if (lock.lock() != 0) return 2;
+        return page->go == 1 ? 0 : 3;  // not before
+    });
+    ASSERT_TRUE(vxtest::eventually([&] { return page->ready == 1 && ::semctl(id, 0, GETNCNT) == 1; }));
+    EXPECT_EQ(::semctl(id, 0, GETPID), holder);
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    EXPECT_EQ(::semctl(id, 0, GETNCNT), 1);  // it still waits
+    page->go = 1;
+    EXPECT_EQ(lock.unlock(), 0);
+    EXPECT_EQ(vxtest::waitChild(holder), 0);
 }
 
 TEST_F(Plain, AKilledHolderGivesItBack) {
@@ -483,6 +556,57 @@ TEST_F(Recursive, AnEmptyObjectOfAKilledCreatorIsFinished) {
     }
 }
 
+TEST_F(Recursive, ZerosOfAKilledCreatorAreNoLock) {
+    const std::string name = fresh();
+    vxtest::writeFile(object(name), std::string(sizeof(pthread_mutex_t), '\0'));
+    {
+        CRecursiveSemaphore lock(name);
+        EXPECT_EQ(log.take(), Lines{created(name)});
+        EXPECT_EQ(lock.lock(), 0);
+        EXPECT_EQ(lock.trylock(), 0);  // recursive, unlike the mutex that zeros make
+        EXPECT_EQ(lock.unlock(), 0);
+        EXPECT_EQ(lock.unlock(), 0);
+    }
+    const std::string made = vxtest::readFile(object(name));
+    EXPECT_EQ(made.size(), sizeof(pthread_mutex_t));
+    CRecursiveSemaphore again(name);
+    EXPECT_EQ(log.take(), Lines{});
+    EXPECT_EQ(vxtest::readFile(object(name)), made);
+}
+
+// Killed at each step by itself: the guard comes back from the kernel, and the next user finishes what was begun.
+TEST_F(Recursive, ACreatorKilledHalfWayIsMadeUpFor) {
+    struct Death {
+        Call call;
+        bool after;
+        size_t left;       // bytes of the object
+        bool initialised;  // whole: opened as it is
+    };
+    constexpr size_t whole = sizeof(pthread_mutex_t);
+    const std::vector<Death> deaths{
+        {Call::ftruncate, false, 0, false}, {Call::ftruncate, true, whole, false}, {Call::pwrite, true, whole, true}};
+    for (const Death &death : deaths) {
+        const std::string name = fresh();
+        const pid_t creator = vxtest::startChild([&] {
+            deadly = death.call;
+            dieAfter = death.after;
+            const CRecursiveSemaphore lock(name);
+            return 1;
+        });
+        EXPECT_EQ(vxtest::waitChild(creator), 128 + SIGKILL);
+        EXPECT_EQ(log.take(), Lines{});
+        EXPECT_EQ(vxtest::readFile(object(name)).size(), death.left);
+        CRecursiveSemaphore lock(name);
+        EXPECT_EQ(log.take(), death.initialised ? Lines{} : Lines{created(name)});
+        EXPECT_EQ(lock.lock(), 0);
+        EXPECT_EQ(lock.lock(), 0);
+        EXPECT_EQ(vxtest::inChild([&] { return CRecursiveSemaphore(name).trylock(); }), EBUSY);
+        EXPECT_EQ(lock.unlock(), 0);
+        EXPECT_EQ(lock.unlock(), 0);
+        EXPECT_EQ(vxtest::inChild([&] { return CRecursiveSemaphore(name).trylock(); }), 0);
+    }
+}
+
 TEST_F(Recursive, ALockMadeByOthersIsTakenAsItIs) {
     const std::string name = fresh();
     const int fd = ::shm_open(name.c_str(), O_RDWR | O_CREAT, 0600);
@@ -595,6 +719,7 @@ TEST_F(Unusable, WhenTheMutexCannotBeMade) {
         {Call::setShared, recursive},
         {Call::setType, recursive},
         {Call::mutexInit, "recursive-semaphore: unable to initialize mutex - errno=Resource temporarily unavailable"},
+        {Call::pwrite, "recursive-semaphore: unable to initialize mutex - errno=No space left on device"},
     };
     for (const auto &[call, text] : rows) {
         const std::string name = fresh();

@@ -4,11 +4,12 @@
 #include <sys/ipc.h>
 #include <sys/mman.h>
 #include <sys/sem.h>
-#include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
 #include <vxutils/csemaphore.h>
 
+#include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstring>
 #include <exception>
@@ -67,10 +68,13 @@ int tryLock(pthread_mutex_t *mutex) {
     return result == ETIMEDOUT ? EBUSY : result;
 }
 
-// A creator that died between making the object and giving it its size leaves an empty one.
-bool tooShort(const vx::Fd &fd) {
-    struct stat status {};
-    return ::fstat(fd.get(), &status) == 0 && status.st_size < static_cast<off_t>(sharedSize);
+// What a creator that was killed leaves behind: an object that is too short, or zeros where no mutex has any.
+bool unfinished(const vx::Fd &fd) {
+    std::array<char, sharedSize> content{};
+    const ssize_t got = ::pread(fd.get(), content.data(), content.size(), 0);
+    if (got == -1) return false;
+    return static_cast<size_t>(got) < content.size() ||
+           std::all_of(content.begin(), content.end(), [](char byte) { return byte == 0; });
 }
 
 vx::Fd createShared(const std::string &name) {
@@ -85,6 +89,27 @@ vx::Fd createShared(const std::string &name) {
     }
     vx::log(LOG_ERR, "recursive-semaphore: unable to open shared memory - errno=%s", std::strerror(errno));
     return fd;
+}
+
+// The mutex, which holds no address before it is locked, is made aside and written in one call: whoever is killed
+// meanwhile leaves zeros or a whole mutex, and where memory for the object is short the write says so, while touching
+// the mapping would be fatal.
+int writeMutex(const vx::Fd &fd, const std::string &name) {
+    pthread_mutexattr_t attributes;
+    if (initMutexAttributes(attributes) == -1) return -1;
+    pthread_mutex_t mutex;
+    int error = pthread_mutex_init(&mutex, &attributes);
+    pthread_mutexattr_destroy(&attributes);
+    if (error == 0) {
+        const ssize_t written = ::pwrite(fd.get(), &mutex, sizeof mutex, 0);
+        if (written != static_cast<ssize_t>(sizeof mutex)) error = written == -1 ? errno : ENOSPC;
+    }
+    if (error != 0) {
+        vx::log(LOG_ERR, "recursive-semaphore: unable to initialize mutex - errno=%s", std::strerror(error));
+        return -1;
+    }
+    vx::log(LOG_DEBUG, "created recursive semaphore \"%s\"", name.c_str());
+    return 0;
 }
 
 }  // namespace
@@ -174,32 +199,18 @@ CRecursiveSemaphore::private_impl::private_impl(const std::string &name, const C
 // One process at a time is in here, so that nobody maps a mutex that is not initialised yet.
 void CRecursiveSemaphore::private_impl::createOrOpen(const std::string &name) {
     vx::Fd fd(::shm_open(name.c_str(), O_RDWR, 0));
-    const bool create = !fd.valid() || tooShort(fd);
+    const bool create = !fd.valid() || unfinished(fd);
     if (create) fd = createShared(name);
     if (!fd.valid()) return;
 
     address_ = ::mmap(nullptr, sharedSize, PROT_READ | PROT_WRITE, MAP_SHARED, fd.get(), 0);
     if (address_ == MAP_FAILED) {
         vx::log(LOG_ERR, "recursive-semaphore: mmap failed - errno=%s", std::strerror(errno));
-    } else {
-        mutex_ = static_cast<pthread_mutex_t *>(address_);
-        if (create && initMutex(name) == -1) unmap();
+        return;
     }
-    // What was made and could not be initialised must not look like a lock: empty again, the next user has another go.
-    if (create && mutex_ == nullptr && ::ftruncate(fd.get(), 0) == -1) ::shm_unlink(name.c_str());
-}
-
-int CRecursiveSemaphore::private_impl::initMutex(const std::string &name) {
-    pthread_mutexattr_t attributes;
-    if (initMutexAttributes(attributes) == -1) return -1;
-    const int error = pthread_mutex_init(mutex_, &attributes);
-    pthread_mutexattr_destroy(&attributes);
-    if (error != 0) {
-        vx::log(LOG_ERR, "recursive-semaphore: unable to initialize mutex - errno=%s", std::strerror(error));
-        return -1;
-    }
-    vx::log(LOG_DEBUG, "created recursive semaphore \"%s\"", name.c_str());
-    return 0;
+    mutex_ = static_cast<pthread_mutex_t *>(address_);
+    // What could not be initialised is all zero still: the next user has another go.
+    if (create && writeMutex(fd, name) == -1) unmap();
 }
 
 void CRecursiveSemaphore::private_impl::unmap() {

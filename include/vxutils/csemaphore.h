@@ -172,7 +172,6 @@ private:
     friend class CRecursiveSemaphore;
 
     void createOrOpen(const std::string &name);
-    int initMutex(const std::string &name);
     void unmap();
 
     static const std::string SEM_PATHNAME;
