@@ -9,9 +9,11 @@
 #include <syslog.h>
 #include <unistd.h>
 
+#include <array>
 #include <atomic>
 #include <functional>
 #include <memory>
+#include <new>
 #include <system_error>
 #include <thread>
 #include <vector>
@@ -29,7 +31,33 @@ using Lines = std::vector<vxtest::LogLine>;
 std::atomic<pthread_mutex_t *> brokenMutex = nullptr;  // the one that cannot be locked
 thread_local bool locksFail = false;
 
+// What the constructor asks for and may not get.
+enum class Call { none, attrInit, setType, mutexInit };
+Call failing = Call::none;
+int kindAsked = -1;
+
+template <typename Function>
+Function real(const char *name) {
+    return reinterpret_cast<Function>(::dlsym(RTLD_NEXT, name));
+}
+
 }  // namespace
+
+extern "C" int pthread_mutexattr_init(pthread_mutexattr_t *attributes) noexcept {
+    if (failing == Call::attrInit) return ENOMEM;
+    return real<int (*)(pthread_mutexattr_t *)>("pthread_mutexattr_init")(attributes);
+}
+
+extern "C" int pthread_mutexattr_settype(pthread_mutexattr_t *attributes, int kind) noexcept {
+    kindAsked = kind;
+    if (failing == Call::setType) return EINVAL;
+    return real<int (*)(pthread_mutexattr_t *, int)>("pthread_mutexattr_settype")(attributes, kind);
+}
+
+extern "C" int pthread_mutex_init(pthread_mutex_t *mutex, const pthread_mutexattr_t *attributes) noexcept {
+    if (failing == Call::mutexInit) return EAGAIN;
+    return real<int (*)(pthread_mutex_t *, const pthread_mutexattr_t *)>("pthread_mutex_init")(mutex, attributes);
+}
 
 // The library's calls come through here, so that a lock can fail.
 extern "C" int pthread_mutex_lock(pthread_mutex_t *mutex) noexcept {
@@ -106,6 +134,27 @@ TEST_F(Messagequeue, SlotsStandInTheirOrder) {
     EXPECT_EQ(slotOf(&CMessageQueue::onReadable), 0U);
     EXPECT_EQ(slotOf(&CMessageQueue::onWritable), 1U);
     EXPECT_EQ(slotOf(&CMessageQueue::getFd), 2U);
+    EXPECT_EQ(vxtest::slotsOf<IMQEventsink>(), 4U);
+    EXPECT_EQ(vxtest::slotsOf<CMessageQueue>(), 5U);
+}
+
+TEST_F(Messagequeue, TheConstructorCarriesOnWithoutARecursiveMutex) {
+    for (const Call call : {Call::none, Call::attrInit, Call::setType, Call::mutexInit}) {
+        kindAsked = -1;
+        failing = call;
+        // Whatever was in the memory before must not become the mutex.
+        alignas(CMessageQueue) std::array<unsigned char, sizeof(CMessageQueue)> memory;
+        memory.fill(0xa5);
+        auto *const own = new (memory.data()) CMessageQueue(&consumer, loop.get());
+        failing = Call::none;
+        EXPECT_EQ(kindAsked, PTHREAD_MUTEX_RECURSIVE);
+        EXPECT_EQ(own->init(), 0);
+        EXPECT_EQ(own->send(CQMsg(static_cast<int>(call))), 0);
+        own->onReadable();
+        own->~CMessageQueue();
+    }
+    EXPECT_EQ(consumer.codes, (std::vector<int>{0, 1, 2, 3}));
+    EXPECT_EQ(consumer.errors, 0);
 }
 
 TEST_F(Messagequeue, TheConstructorOpensNothing) {

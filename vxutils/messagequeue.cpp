@@ -24,8 +24,9 @@ constexpr auto wakeUps = [] {
     return bytes;
 }();
 
+// Where a step fails the zeros stand: an ordinary mutex, good enough for whoever does not lock twice.
 void initRecursive(pthread_mutex_t &mutex) {
-    pthread_mutexattr_t attributes;
+    pthread_mutexattr_t attributes{};
     pthread_mutexattr_init(&attributes);
     pthread_mutexattr_settype(&attributes, PTHREAD_MUTEX_RECURSIVE);
     pthread_mutex_init(&mutex, &attributes);
@@ -37,7 +38,7 @@ void initRecursive(pthread_mutex_t &mutex) {
 IMQEventsink::~IMQEventsink() = default;
 
 CMessageQueue::CMessageQueue(IMQEventsink *consumer, IFDEventsource *source)
-    : consumer_(consumer), source_(source), writeFd_(-1), readFd_(-1), unsignalled_(0) {
+    : consumer_(consumer), source_(source), mutex_(), writeFd_(-1), readFd_(-1), unsignalled_(0) {
     initRecursive(mutex_);
 }
 
