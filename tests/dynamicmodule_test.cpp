@@ -3,6 +3,7 @@
 #include <syslog.h>
 #include <vxutils/dynamicmodule.h>
 
+#include <cerrno>
 #include <cstring>
 #include <memory>
 #include <string>
@@ -11,6 +12,22 @@
 #include "support/process.h"
 #include "support/resources.h"
 #include "support/syslog_capture.h"
+#include "support/vtable.h"
+
+namespace {
+
+bool refuseClose = false;
+
+}  // namespace
+
+// The loader always has a text when it refuses; the library does not rely on that.
+extern "C" int dlclose(void *handle) noexcept {
+    static const auto next = reinterpret_cast<int (*)(void *)>(::dlsym(RTLD_NEXT, "dlclose"));
+    const int result = next(handle);
+    if (!refuseClose) return result;
+    errno = EBUSY;
+    return 7;
+}
 
 namespace {
 
@@ -214,6 +231,22 @@ TEST(DynamicModule, WarnsWhenTheLoaderRefusesToClose) {
                                                      full + "\\)"));
 }
 
+TEST(DynamicModule, WarnsWithoutATextOfTheLoader) {
+    vxtest::SyslogCapture log;
+    auto module = std::make_unique<CDynamicModule>(full);
+    ASSERT_EQ(module->load(nullptr), 0);
+    (void)log.take();
+    ::dlerror();  // nothing pending
+    refuseClose = true;
+    module.reset();
+    refuseClose = false;
+    const auto lines = log.take();
+    ASSERT_EQ(lines.size(), 3U);
+    EXPECT_EQ(lines[2],
+              (LogLine{LOG_WARNING,
+                       "dlclose() failed, rc=7, dlerror=<null>, errno=Device or resource busy (lib=" + full + ")"}));
+}
+
 TEST(DynamicModule, LeavesNoDescriptorOpen) {
     const vxtest::SyslogCapture log;
     ::syslog(LOG_INFO, "the connection to the log stays open from here on");
@@ -226,6 +259,8 @@ TEST(DynamicModule, LeavesNoDescriptorOpen) {
         EXPECT_EQ(missing.load(nullptr), -1);
     }
 }
+
+TEST(DynamicModule, HasNoVirtualOperationButItsDestructor) { EXPECT_EQ(vxtest::slotsOf<CDynamicModule>(), 2U); }
 
 // The layout that programs in the field were compiled with: the table of virtual operations, the handle, the path.
 static_assert(sizeof(CDynamicModule) == 2 * sizeof(void *) + sizeof(std::string));

@@ -1,8 +1,10 @@
 // SPDX-License-Identifier: MIT
+#include <dlfcn.h>
 #include <event2/bufferevent.h>
 #include <event2/event.h>
 #include <vxutils/statusinterface.h>
 extern "C" {
+#include <event2/bufferevent_compat.h>
 #include <event2/event_compat.h>
 }
 #include <fcntl.h>
@@ -23,6 +25,42 @@ extern "C" {
 #include "support/process.h"
 #include "support/resources.h"
 #include "support/syslog_capture.h"
+#include "support/vtable.h"
+
+namespace {
+
+// What libevent does not do on demand. The library's calls come through the functions below.
+struct Libevent {
+    bool refuseNew = false;
+    bool refuseEnable = false;
+    std::vector<const bufferevent *> enabled;
+    std::vector<const bufferevent *> freed;
+};
+Libevent libevent;
+
+template <typename Function>
+Function real(const char *name) {
+    return reinterpret_cast<Function>(::dlsym(RTLD_NEXT, name));
+}
+
+}  // namespace
+
+extern "C" bufferevent *bufferevent_new(evutil_socket_t fd, bufferevent_data_cb read, bufferevent_data_cb write,
+                                        bufferevent_event_cb error, void *argument) {
+    if (libevent.refuseNew) return nullptr;
+    return real<decltype(&bufferevent_new)>("bufferevent_new")(fd, read, write, error, argument);
+}
+
+extern "C" int bufferevent_enable(bufferevent *bev, short what) {
+    libevent.enabled.push_back(bev);
+    if (libevent.refuseEnable) return -1;
+    return real<decltype(&bufferevent_enable)>("bufferevent_enable")(bev, what);
+}
+
+extern "C" void bufferevent_free(bufferevent *bev) {
+    libevent.freed.push_back(bev);
+    real<decltype(&bufferevent_free)>("bufferevent_free")(bev);
+}
 
 namespace {
 
@@ -313,8 +351,9 @@ public:
 
 class StatusFifo : public Status {
 protected:
-    StatusFifo() : base_(event_init()) {}
+    StatusFifo() : base_(event_init()) { libevent = {}; }
     ~StatusFifo() override {
+        libevent = {};
         status_.cleanup();
         serve();
         event_base_free(base_);  // the current base again: none
@@ -407,6 +446,41 @@ TEST_F(StatusFifo, LeavesItsFileInPlaceWhenALaterStepFails) {
               }),
               0);
     EXPECT_TRUE(isFifo(directory_ + "/rx"));
+}
+
+TEST_F(StatusFifo, WithoutABufferedEventThereIsNoneAndNothingStays) {
+    const vxtest::NoLeaks leaks;
+    libevent.refuseNew = true;
+    EXPECT_EQ(status_.setupIpcRxFifo("/rx", &recorder_), 0U);
+    EXPECT_TRUE(libevent.enabled.empty());
+    EXPECT_TRUE(libevent.freed.empty());
+    EXPECT_TRUE(isFifo(directory_ + "/rx"));  // left in place
+    status_.cleanup();
+    EXPECT_TRUE(isFifo(directory_ + "/rx"));  // and no FIFO of this object
+}
+
+TEST_F(StatusFifo, ABufferedEventThatCannotBeEnabledIsFreedOnce) {
+    {
+        const vxtest::NoLeaks leaks;
+        libevent.refuseEnable = true;
+        EXPECT_EQ(status_.setupIpcRxFifo("/rx", &recorder_), 0U);
+        ASSERT_EQ(libevent.enabled.size(), 1U);
+        EXPECT_EQ(libevent.freed, libevent.enabled);
+        status_.cleanup();
+        EXPECT_EQ(libevent.freed.size(), 1U);
+        serve();
+        EXPECT_EQ(event_base_get_num_events(base_, EVENT_BASE_COUNT_ADDED), 0);
+        EXPECT_TRUE(isFifo(directory_ + "/rx"));  // left in place
+    }
+    libevent = {};
+    const unsigned long id = status_.setupIpcRxFifo("/rx", &recorder_);
+    ASSERT_NE(id, 0U);
+    write("/rx", "at last");
+    serve();
+    EXPECT_EQ(recorder_.text(), "at last");
+    status_.deleteIpcRxFifo(id);
+    EXPECT_EQ(libevent.freed.size(), 1U);
+    EXPECT_FALSE(vxtest::exists(directory_ + "/rx"));
 }
 
 TEST_F(StatusFifo, SeveralServeTheirOwnObservers) {
@@ -531,6 +605,13 @@ TEST_F(Status, AFifoNeedsACurrentEventBase) {
     Recorder recorder;
     EXPECT_EQ(status_.setupIpcRxFifo("/rx", &recorder), 0U);
     EXPECT_TRUE(isFifo(directory_ + "/rx"));  // left in place
+}
+
+// Programs in the field implement the observer: their table has the two destructors first.
+TEST(StatusTables, TheObserverIsCalledThroughItsThirdSlot) {
+    EXPECT_EQ(vxtest::slotOf(&StatusFifoObserver::fifoDataReceived), 2U);
+    EXPECT_EQ(vxtest::slotsOf<StatusFifoObserver>(), 3U);
+    EXPECT_EQ(vxtest::slotsOf<StatusInterface>(), 2U);
 }
 
 // The layout that programs in the field were compiled with: the table of virtual operations, path and list.

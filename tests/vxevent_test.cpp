@@ -2,6 +2,7 @@
 // Events through the real FIFO and over real ZeroMQ sockets.
 #include <vxutils/vxevent.h>
 
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
@@ -37,6 +38,95 @@ static_assert(sizeof(vxevent_record) == 136);
 static_assert(offsetof(vxevent_record, id) == 0 && sizeof(vxevent_record::id) == 4);
 static_assert(offsetof(vxevent_record, param) == 4 && sizeof(vxevent_record::param) == 4);
 static_assert(offsetof(vxevent_record, text) == 8 && sizeof(vxevent_record::text) == 128);
+
+// Memory and messages on their way from the library to those who provide them. What the library hands to ZeroMQ is
+// known by its size.
+std::atomic<bool> noMemory = false;
+std::atomic<bool> noMessage = false;
+std::atomic<bool> noSubscription = false;
+std::atomic<void *> block = nullptr;  // the block allocated last
+std::atomic<int> allocations = 0;
+std::atomic<int> frees = 0;      // of such a block
+std::atomic<int> releases = 0;   // called by ZeroMQ
+bool watching = false;           // for the builtins: std::atomic is too much for what runs first
+zmq_free_fn *release = nullptr;  // the library's own
+
+void watch(bool on) { __atomic_store_n(&watching, on, __ATOMIC_RELEASE); }
+
+void countRelease(void *data, void *hint) {
+    ++releases;
+    release(data, hint);
+}
+
+}  // namespace
+
+#ifndef __SANITIZE_THREAD__  // that sanitizer allocates long before anything of ours may run
+#define VXTEST_MEMORY_IS_WATCHED
+
+#ifdef __SANITIZE_ADDRESS__
+#define REAL(name) __interceptor_##name
+#else
+#define REAL(name) __libc_##name
+#endif
+
+extern "C" {
+void *REAL(malloc)(size_t);
+void REAL(free)(void *);
+}
+
+namespace {
+
+void *watchedMalloc(size_t size) {
+    if (size != sizeof(vxevent_record)) return REAL(malloc)(size);
+    if (noMemory) {
+        errno = ENOMEM;
+        return nullptr;
+    }
+    ++allocations;
+    return block = REAL(malloc)(size);
+}
+
+void watchFree(const void *memory) {
+    if (memory != nullptr && memory == block) ++frees;
+}
+
+}  // namespace
+
+extern "C" {
+
+// Called before anything is set up, the sanitizer included: nothing but a look at the switch.
+[[gnu::no_sanitize("address", "undefined")]] void *malloc(size_t size) {
+    return __atomic_load_n(&watching, __ATOMIC_ACQUIRE) ? watchedMalloc(size) : REAL(malloc)(size);
+}
+
+[[gnu::no_sanitize("address", "undefined")]] void free(void *memory) {
+    if (__atomic_load_n(&watching, __ATOMIC_ACQUIRE)) watchFree(memory);
+    REAL(free)(memory);
+}
+}
+#endif
+
+extern "C" int zmq_setsockopt(void *socket, int option, const void *value, size_t size) {
+    if (noSubscription && option == ZMQ_SUBSCRIBE) {
+        errno = EINVAL;
+        return -1;
+    }
+    static const auto next = reinterpret_cast<decltype(&zmq_setsockopt)>(::dlsym(RTLD_NEXT, "zmq_setsockopt"));
+    return next(socket, option, value, size);
+}
+
+extern "C" int zmq_msg_init_data(zmq_msg_t *message, void *data, size_t size, zmq_free_fn *function, void *hint) {
+    if (noMessage) {
+        errno = ENOMEM;
+        return -1;
+    }
+    static const auto next = reinterpret_cast<decltype(&zmq_msg_init_data)>(::dlsym(RTLD_NEXT, "zmq_msg_init_data"));
+    if (!__atomic_load_n(&watching, __ATOMIC_ACQUIRE)) return next(message, data, size, function, hint);
+    release = function;
+    return next(message, data, size, countRelease, hint);
+}
+
+namespace {
 
 TEST(EventLevel, IsMadeWhenTheLibraryIsLoaded) {
     static_assert(std::is_same_v<decltype(DL_MQCONTENTS), devlog_level *>);
@@ -398,6 +488,14 @@ TEST_F(Legacy, WrongContextsAndEndpointsGiveNoSocket) {
     EXPECT_EQ(register_legacy_sink_with_addr(context, nullptr), nullptr);
 }
 
+TEST_F(Legacy, WithoutASubscriptionThereIsNoSink) {
+    noSubscription = true;
+    void *const other = zmq_ctx_new();
+    EXPECT_EQ(register_legacy_sink(other), nullptr);
+    noSubscription = false;
+    zmq_ctx_term(other);  // would hang if a socket had been left behind
+}
+
 TEST_F(Legacy, WhatCannotBeSentFails) {
     const vxevent_record record = recordOf(1, 2, "x");
     EXPECT_EQ(dispatch_legacy_event(nullptr, &record), -1);
@@ -406,6 +504,94 @@ TEST_F(Legacy, WhatCannotBeSentFails) {
     EXPECT_EQ(errno, ENOTSUP);
     void *const source = keep(create_legacy_source(context));
     EXPECT_EQ(dispatch_legacy_event(source, nullptr), -1);
+}
+
+// Watches what becomes of one record. The sockets are made beforehand: what ZeroMQ itself allocates is not meant.
+class LegacyMemory : public Legacy {
+protected:
+    LegacyMemory() {
+        source = keep(create_legacy_source(context));
+        sink = keep(register_legacy_sink(context));
+        connect(source, {sink});
+        allocations = frees = releases = 0;
+        block = nullptr;
+        watch(true);
+    }
+    ~LegacyMemory() override { stop(); }
+    static void stop() {
+        watch(false);
+        noMemory = false;
+        noMessage = false;
+    }
+
+    void *source;
+    void *sink;
+    vxevent_record event = recordOf(11, 12, "watched");
+};
+
+TEST_F(LegacyMemory, ASentRecordIsFreedOnceByWhoeverIsDoneWithItLast) {
+    EXPECT_EQ(dispatch_legacy_event(source, &event), 0);
+    EXPECT_EQ(receive(sink), asBytes(event));
+    EXPECT_TRUE(vxtest::eventually([] { return releases == 1; }));
+    for (void *socket : sockets) zmq_close(socket);
+    sockets.clear();
+    zmq_ctx_term(context);  // waits for the threads that could still free something
+    context = zmq_ctx_new();
+    EXPECT_EQ(releases, 1);
+#ifdef VXTEST_MEMORY_IS_WATCHED
+    EXPECT_EQ(allocations, 1);
+    EXPECT_EQ(frees, 1);
+#endif
+}
+
+TEST_F(LegacyMemory, ARecordThatNobodyWantsIsFreedOnce) {
+    for (void *socket : sockets) zmq_close(socket);
+    sockets.clear();
+    void *other = zmq_ctx_new();
+    void *const lonely = create_legacy_source_with_addr(other, "tcp://127.0.0.1:47013");
+    ASSERT_NE(lonely, nullptr);
+    EXPECT_EQ(dispatch_legacy_event(lonely, &event), 0);
+    zmq_close(lonely);
+    zmq_ctx_term(other);
+    EXPECT_EQ(releases, 1);
+}
+
+TEST_F(LegacyMemory, ARecordThatCannotBeSentIsFreedOnce) {
+    EXPECT_EQ(dispatch_legacy_event(sink, &event), -1);  // subscribers do not send
+    EXPECT_EQ(errno, ENOTSUP);
+    EXPECT_EQ(releases, 1);
+#ifdef VXTEST_MEMORY_IS_WATCHED
+    EXPECT_EQ(allocations, 1);
+    EXPECT_EQ(frees, 1);
+#endif
+}
+
+TEST_F(LegacyMemory, WithoutAMessageTheRecordIsFreedOnce) {
+    noMessage = true;
+    EXPECT_EQ(dispatch_legacy_event(source, &event), -1);
+    EXPECT_EQ(errno, ENOMEM);
+    EXPECT_EQ(releases, 0);
+#ifdef VXTEST_MEMORY_IS_WATCHED
+    EXPECT_EQ(allocations, 1);
+    EXPECT_EQ(frees, 1);
+#endif
+    noMessage = false;
+    EXPECT_EQ(dispatch_legacy_event(source, &event), 0);
+    EXPECT_EQ(receive(sink), asBytes(event));
+}
+
+TEST_F(LegacyMemory, WithoutMemoryNothingIsSent) {
+#ifndef VXTEST_MEMORY_IS_WATCHED
+    GTEST_SKIP() << "malloc() cannot be watched under the thread sanitizer";
+#endif
+    noMemory = true;
+    const int result = dispatch_legacy_event(source, &event);
+    noMemory = false;
+    EXPECT_EQ(result, -1);
+    EXPECT_EQ(releases, 0);
+    const vxevent_record next = recordOf(13, 14, "next");
+    EXPECT_EQ(dispatch_legacy_event(source, &next), 0);
+    EXPECT_EQ(receive(sink), asBytes(next));  // nothing came before it
 }
 
 TEST_F(Legacy, ItsTypesAreThoseOfPublisherAndSubscriber) {
