@@ -13,7 +13,8 @@
  * }
  * @endcode
  *
- * Both kinds of lock are made by their first user and stay in the system until the next boot.
+ * Both kinds of lock are made by their first user and stay in the system until the next boot. A CRecursiveSemaphore
+ * whose maker was killed half-way is finished by the next user.
  *
  * Threads: a CRecursiveSemaphore may be shared between threads, and belongs to the thread that locked it. A CSemaphore
  * belongs to the process; two threads of one process exclude each other with it, but either may unlock.

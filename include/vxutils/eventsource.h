@@ -204,7 +204,8 @@ public:
 
     /**
      * Waits for events and serves them in the order in which the kernel reports them, until terminate(). Blocks without
-     * limit when nothing happens. Needs a successful init().
+     * limit when nothing happens. Needs a successful init(). A callback may run the loop again: what the inner loop
+     * serves is not served a second time by the outer one, and terminate() ends both.
      * @return 0 after terminate(), at once when the source was terminated before; -1 when waiting became impossible
      */
     int evtLoop();
