@@ -1,47 +1,27 @@
 // SPDX-License-Identifier: MIT
 // Reading a configuration file and finding its keys, beside a line-by-line reader into a hash map.
 #include <benchmark/benchmark.h>
-#include <unistd.h>
 #include <vxutils/cfread.h>
 
-#include <cstdio>
 #include <cstdlib>
-#include <fstream>
 #include <string>
-#include <unordered_map>
+#include <utility>
 #include <vector>
+
+#include "bench/configfile.h"
 
 namespace {
 
-using Map = std::unordered_map<std::string, std::string>;
+using vxbench::fileOf;
+using vxbench::keyOf;
+using vxbench::Map;
+using vxbench::someKeys;
 
-std::string keyOf(long number) { return "network.interface." + std::to_string(number); }
-
-// A file of `keys` entries, made once; removed with the box.
-std::string fileOf(long keys) {
-    const std::string path = "/tmp/cfread_bench." + std::to_string(keys);
-    if (::access(path.c_str(), R_OK) == 0) return path;
-    std::ofstream file(path);
-    for (long i = 0; i < keys; ++i) file << keyOf(i) << " = value of " << i << '\n';
-    file.close();
-    if (!file) std::exit(1);
-    return path;
-}
-
-// What a program would otherwise do with the same lines.
+// The last of equal keys wins.
 Map readMap(const std::string &path) {
-    Map values;
-    std::ifstream file(path);
-    for (std::string line; std::getline(file, line);) {
-        if (line.empty() || line[0] == '#') continue;
-        const size_t equals = line.find('=');
-        if (equals == std::string::npos) continue;
-        const size_t keyEnd = line.find_last_not_of(' ', equals - 1);
-        const size_t valueStart = line.find_first_not_of(' ', equals + 1);
-        if (keyEnd == std::string::npos || valueStart == std::string::npos) continue;
-        values.insert_or_assign(line.substr(0, keyEnd + 1), line.substr(valueStart));
-    }
-    return values;
+    return vxbench::readMap(path, [](Map &values, std::string key, std::string value) {
+        values.insert_or_assign(std::move(key), std::move(value));
+    });
 }
 
 void openOurs(benchmark::State &state) {
@@ -64,19 +44,9 @@ void openMap(benchmark::State &state) {
     }
 }
 
-std::vector<std::string> someKeys(long keys) {
-    std::vector<std::string> some;
-    uint32_t random = 1;
-    for (int i = 0; i < 1024; ++i) {
-        random = random * 1664525u + 1013904223u;
-        some.push_back(keyOf(static_cast<long>(random >> 8) % keys));
-    }
-    return some;
-}
-
 void findOurs(benchmark::State &state) {
     cfread_table *table = cfread_open(fileOf(state.range(0)).c_str());
-    const auto keys = someKeys(state.range(0));
+    const auto keys = someKeys<std::string>(state.range(0));
     size_t i = 0;
     for (auto _ : state) {
         const cfread_entry *entry = cfread_find_entry(table, keys[i++ & 1023].c_str());
@@ -87,7 +57,7 @@ void findOurs(benchmark::State &state) {
 
 void findMap(benchmark::State &state) {
     const Map values = readMap(fileOf(state.range(0)));
-    const auto keys = someKeys(state.range(0));
+    const auto keys = someKeys<std::string>(state.range(0));
     size_t i = 0;
     for (auto _ : state) {
         const auto found = values.find(keys[i++ & 1023].c_str());

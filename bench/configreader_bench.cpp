@@ -1,46 +1,25 @@
 // SPDX-License-Identifier: MIT
 // Reading a configuration file into a reader and asking it, beside a line-by-line reader into a hash map.
 #include <benchmark/benchmark.h>
-#include <unistd.h>
 #include <vxutils/configreader.h>
 
-#include <cstdint>
 #include <cstdlib>
-#include <fstream>
 #include <string>
-#include <unordered_map>
-#include <vector>
+#include <utility>
+
+#include "bench/configfile.h"
 
 namespace {
 
-using Map = std::unordered_map<std::string, std::string>;
+using vxbench::fileOf;
+using vxbench::Map;
+using vxbench::someKeys;
 
-std::string keyOf(long number) { return "network.interface." + std::to_string(number); }
-
-std::string fileOf(long keys) {
-    const std::string path = "/tmp/configreader_bench." + std::to_string(keys);
-    if (::access(path.c_str(), R_OK) == 0) return path;
-    std::ofstream file(path);
-    for (long i = 0; i < keys; ++i) file << keyOf(i) << " = value of " << i << '\n';
-    file.close();
-    if (!file) std::exit(1);
-    return path;
-}
-
-// What a program would otherwise do with the same lines.
+// The first of equal keys wins.
 Map readMap(const std::string &path) {
-    Map values;
-    std::ifstream file(path);
-    for (std::string line; std::getline(file, line);) {
-        if (line.empty() || line[0] == '#') continue;
-        const size_t equals = line.find('=');
-        if (equals == std::string::npos) continue;
-        const size_t keyEnd = line.find_last_not_of(' ', equals - 1);
-        const size_t valueStart = line.find_first_not_of(' ', equals + 1);
-        if (keyEnd == std::string::npos || valueStart == std::string::npos) continue;
-        values.emplace(line.substr(0, keyEnd + 1), line.substr(valueStart));
-    }
-    return values;
+    return vxbench::readMap(path, [](Map &values, std::string key, std::string value) {
+        values.emplace(std::move(key), std::move(value));
+    });
 }
 
 void openOurs(benchmark::State &state) {
@@ -58,18 +37,6 @@ void openMap(benchmark::State &state) {
         const Map values = readMap(path);
         if (values.size() != static_cast<size_t>(state.range(0))) std::abort();
     }
-}
-
-// Keys in no order; of the type that each side takes.
-template <typename Text>
-std::vector<Text> someKeys(long keys) {
-    std::vector<Text> some;
-    uint32_t random = 1;
-    for (int i = 0; i < 1024; ++i) {
-        random = random * 1664525u + 1013904223u;
-        some.push_back(Text(keyOf(static_cast<long>(random >> 8) % keys).c_str()));
-    }
-    return some;
 }
 
 void getOurs(benchmark::State &state) {
