@@ -57,36 +57,50 @@ void addBits(uint32_t &low, uint32_t &high, unsigned long bytes) {
 
 size_t bufferedBytes(uint32_t countLow) { return (countLow / 8) % kBlock; }
 
-// Hands the complete blocks among the buffered bytes and the new ones to `transform`(first block, number of blocks),
-// straight from the input where possible, and keeps the rest in the buffer.
-template <typename Transform>
-void cutIntoBlocks(unsigned char (&buffer)[kBlock], size_t buffered, const unsigned char *data, size_t length,
-                   Transform transform) {
+// Hands the complete blocks among the buffered bytes and the new ones to `transform`(state, first block, number of
+// blocks, at least one), straight from the input where possible, and keeps the rest in the buffer.
+template <auto transform, typename State>
+void cutIntoBlocks(State &state, unsigned char (&buffer)[kBlock], size_t buffered, const unsigned char *data,
+                   size_t length) {
     if (buffered > 0) {
         const size_t taken = std::min(length, kBlock - buffered);
         std::memcpy(buffer + buffered, data, taken);
         if (buffered + taken < kBlock) return;
-        transform(buffer, 1);
+        transform(state, buffer, 1);
         data += taken;
         length -= taken;
     }
     const size_t blocks = length / kBlock;
-    if (blocks > 0) transform(data, blocks);
+    if (blocks > 0) transform(state, data, blocks);
     if (length % kBlock > 0) std::memcpy(buffer, data + blocks * kBlock, length % kBlock);
 }
 
-// The padding that brings the buffer up to the place of the bit count.
+// A one bit and zeros: what brings a message up to the place of the bit count.
+constexpr unsigned char kPadding[kBlock] = {0x80};
 size_t paddingLength(size_t buffered) { return (buffered < kCountAt ? kCountAt : kBlock + kCountAt) - buffered; }
 
-// What ends a message: a one bit, zeros, the bit count.
-struct Tail {
-    unsigned char bytes[kBlock + kCountSize] = {0x80};
+// Takes the end of a message: what is buffered, the padding, the two words of the bit count.  It is one block or two;
+// their parts are copied at full length, since copies of a fixed length are the quickest.
+template <auto transform, typename State>
+void takeEnd(State &state, const unsigned char (&buffer)[kBlock], size_t buffered, uint32_t first, uint32_t second) {
+    unsigned char end[2 * kBlock];
+    std::memcpy(end, buffer, kBlock);
+    std::memcpy(end + buffered, kPadding, kBlock);
+    const size_t countAt = buffered + paddingLength(buffered);
+    storeWord(end + countAt, first);
+    storeWord(end + countAt + 4, second);
+    transform(state, end, (countAt + kCountSize) / kBlock);
+}
 
-    void setCount(size_t at, uint32_t firstWord, uint32_t secondWord) {
-        storeWord(bytes + at, firstWord);
-        storeWord(bytes + at + 4, secondWord);
-    }
-};
+// Takes the same through the context's own hash(), where a derived class sees it pass: the padding in pieces of `piece`
+// bytes, then the count.
+[[gnu::noinline]] void showEnd(HashContext &context, size_t padding, size_t piece, uint32_t first, uint32_t second) {
+    for (size_t shown = 0; shown < padding; shown += piece) context.hash(kPadding + shown, piece);
+    unsigned char count[kCountSize];
+    storeWord(count, first);
+    storeWord(count + 4, second);
+    context.hash(count, sizeof count);
+}
 
 // MD5
 
@@ -164,14 +178,17 @@ template <size_t i>
     } else {
         w = std::rotl(w ^ schedule[(i + 2) % 16] ^ schedule[(i + 8) % 16] ^ schedule[(i + 13) % 16], 1);
     }
-    e += kSha1Constants[round] + w;
+#if defined(__x86_64__)
+    asm("" : "+r"(w));  // the word stays in this register: the compiler would fetch it a second time
+#endif
     if constexpr (round == 0) {
         e += ((c ^ d) & b) ^ d;
     } else if constexpr (round == 2) {
-        e += ((c | d) & b) | (c & d);
+        e += ((b ^ c) & (c ^ d)) ^ c;
     } else {
         e += (c ^ d) ^ b;
     }
+    e += kSha1Constants[round] + w;
     e += std::rotl(a, 5);
     b = std::rotl(b, 30);
 }
@@ -191,7 +208,11 @@ template <size_t... i>
 }
 
 void sha1TransformAll(uint32_t (&state)[5], const unsigned char *blocks, size_t count) {
-    for (; count > 0; --count, blocks += kBlock) sha1Transform(state, blocks);
+    do {
+        sha1Transform(state, blocks);
+        blocks += kBlock;
+        asm("" ::: "memory");  // the state stays in its place between blocks instead of in a copy on the stack
+    } while (--count > 0);
 }
 
 // The length that getHash() is to write: what is asked for, where there is so much.
@@ -219,12 +240,13 @@ static_assert(sizeof(void *) != 4 || sizeof(HmacContext) == 140);
 
 HashContext::~HashContext() = default;
 
-Md5HashContext::Md5HashContext() { Md5HashContext::destroy(); }
+// As destroy() leaves it.
+Md5HashContext::Md5HashContext() : state_(), countLow_(0), countHigh_(0), buffer_(), returnedLength_(kMd5Length) {}
 
 Md5HashContext::~Md5HashContext() = default;
 
 int Md5HashContext::initialize(unsigned long returnedLength) {
-    returnedLength_ = cappedLength(returnedLength, getCompleteHashLength());
+    returnedLength_ = cappedLength(returnedLength, kMd5Length);
     std::copy(kMd5Initial, kMd5Initial + 4, state_);
     countLow_ = countHigh_ = 0;
     return 0;
@@ -233,7 +255,7 @@ int Md5HashContext::initialize(unsigned long returnedLength) {
 void Md5HashContext::destroy() {
     std::fill(state_, state_ + 4, 0);
     countLow_ = countHigh_ = 0;
-    std::fill(buffer_, buffer_ + kBlock, static_cast<unsigned char>(0));
+    std::memset(buffer_, 0, sizeof buffer_);
     returnedLength_ = static_cast<uint32_t>(getCompleteHashLength());
 }
 
@@ -241,24 +263,20 @@ void Md5HashContext::hash(const unsigned char *data, unsigned long length) {
     if (length == 0) return;
     const size_t buffered = bufferedBytes(countLow_);
     addBits(countLow_, countHigh_, length);
-    cutIntoBlocks(buffer_, buffered, data, length,
-                  [this](const unsigned char *blocks, size_t count) { md5TransformAll(state_, blocks, count); });
+    cutIntoBlocks<md5TransformAll>(state_, buffer_, buffered, data, length);
 }
 
 unsigned long Md5HashContext::getReturnedHashLength() const { return returnedLength_; }
 
-// Ends the message with the padding and the bit count of before.  A derived class sees them pass through its hash() one
-// by one; where nobody looks they go in one piece.
+// Ends the message with the padding and the bit count of before: in one piece unless a derived class may look.
 void Md5HashContext::finish() {
-    const size_t padding = paddingLength(bufferedBytes(countLow_));
-    Tail tail;
-    tail.setCount(padding, littleEndian(countLow_), littleEndian(countHigh_));
-    if (typeid(*this) == typeid(Md5HashContext)) {
-        Md5HashContext::hash(tail.bytes, padding + kCountSize);
-    } else {
-        hash(tail.bytes, padding);
-        hash(tail.bytes + padding, kCountSize);
-    }
+    const size_t buffered = bufferedBytes(countLow_);
+    const size_t padding = paddingLength(buffered);
+    const uint32_t first = littleEndian(countLow_);
+    const uint32_t second = littleEndian(countHigh_);
+    if (typeid(*this) != typeid(Md5HashContext)) return showEnd(*this, padding, padding, first, second);
+    addBits(countLow_, countHigh_, padding + kCountSize);
+    takeEnd<md5TransformAll>(state_, buffer_, buffered, first, second);
 }
 
 void Md5HashContext::getHash(unsigned char *out) {
@@ -277,12 +295,12 @@ void Md5HashContext::getCompleteHash(unsigned char *out) {
 
 int Md5HashContext::test() { return selfTest(*this, kMd5OfTest); }
 
-Sha1HashContext::Sha1HashContext() { Sha1HashContext::destroy(); }
+Sha1HashContext::Sha1HashContext() : state_(), countLow_(0), countHigh_(0), buffer_(), returnedLength_(kSha1Length) {}
 
 Sha1HashContext::~Sha1HashContext() = default;
 
 int Sha1HashContext::initialize(unsigned long returnedLength) {
-    returnedLength_ = cappedLength(returnedLength, getCompleteHashLength());
+    returnedLength_ = cappedLength(returnedLength, kSha1Length);
     std::copy(kSha1Initial, kSha1Initial + 5, state_);
     countLow_ = countHigh_ = 0;
     return 0;
@@ -291,7 +309,7 @@ int Sha1HashContext::initialize(unsigned long returnedLength) {
 void Sha1HashContext::destroy() {
     std::fill(state_, state_ + 5, 0);
     countLow_ = countHigh_ = 0;
-    std::fill(buffer_, buffer_ + kBlock, static_cast<unsigned char>(0));
+    std::memset(buffer_, 0, sizeof buffer_);
     returnedLength_ = static_cast<uint32_t>(getCompleteHashLength());
 }
 
@@ -299,23 +317,20 @@ void Sha1HashContext::hash(const unsigned char *data, unsigned long length) {
     if (length == 0) return;
     const size_t buffered = bufferedBytes(countLow_);
     addBits(countLow_, countHigh_, length);
-    cutIntoBlocks(buffer_, buffered, data, length,
-                  [this](const unsigned char *blocks, size_t count) { sha1TransformAll(state_, blocks, count); });
+    cutIntoBlocks<sha1TransformAll>(state_, buffer_, buffered, data, length);
 }
 
 unsigned long Sha1HashContext::getReturnedHashLength() const { return returnedLength_; }
 
-// As above, but a derived class sees the padding byte by byte.
+// As above; here the padding is shown byte by byte.
 void Sha1HashContext::finish() {
-    const size_t padding = paddingLength(bufferedBytes(countLow_));
-    Tail tail;
-    tail.setCount(padding, bigEndian(countHigh_), bigEndian(countLow_));
-    if (typeid(*this) == typeid(Sha1HashContext)) {
-        Sha1HashContext::hash(tail.bytes, padding + kCountSize);
-    } else {
-        for (size_t i = 0; i < padding; ++i) hash(tail.bytes + i, 1);
-        hash(tail.bytes + padding, kCountSize);
-    }
+    const size_t buffered = bufferedBytes(countLow_);
+    const size_t padding = paddingLength(buffered);
+    const uint32_t first = bigEndian(countHigh_);
+    const uint32_t second = bigEndian(countLow_);
+    if (typeid(*this) != typeid(Sha1HashContext)) return showEnd(*this, padding, 1, first, second);
+    addBits(countLow_, countHigh_, padding + kCountSize);
+    takeEnd<sha1TransformAll>(state_, buffer_, buffered, first, second);
 }
 
 void Sha1HashContext::getHash(unsigned char *out) {
