@@ -19,6 +19,7 @@
 #include "support/files.h"
 #include "support/process.h"
 #include "support/resources.h"
+#include "support/short_memory.h"
 
 namespace {
 
@@ -103,6 +104,50 @@ TEST_F(StorageTest, WithoutTheDirectoryTheListIsEmptyToo) {
     ASSERT_NE(list, nullptr);
     EXPECT_THAT(described(list), IsEmpty());
     EXPECT_EQ(list->mask, 4U);
+}
+
+TEST_F(StorageTest, WithoutMemoryForTheHeadThereIsNoList) {
+    link("mtdblock3", pci + "mtd/mtdblock3");
+    const vxtest::NoLeaks leaks;
+    vxtest::scarceRecord = sizeof(storage_list);
+    vxtest::recordsLeft = 0;
+    const storage_list *list = old_get_storage(0);
+    vxtest::scarceRecord = 0;
+    EXPECT_EQ(list, nullptr);
+}
+
+TEST_F(StorageTest, EntriesThatMemoryDoesNotHoldAreLeftOut) {
+    for (const char *name : {"sda", "sdb", "sdc"}) link(name, pci + "usb1/1-1/block");
+    const std::vector<std::string> all = found();
+    ASSERT_EQ(all.size(), 3U);
+    for (const size_t held : {0U, 1U, 2U, 3U}) {
+        const vxtest::NoLeaks leaks;
+        vxtest::scarceRecord = sizeof(storage_entry);
+        vxtest::recordsLeft = static_cast<int>(held);
+        const Storage list(old_get_storage(0));
+        vxtest::scarceRecord = 0;
+        ASSERT_NE(list, nullptr);
+        EXPECT_EQ(described(list), std::vector<std::string>(all.begin(), all.begin() + static_cast<long>(held)));
+    }
+}
+
+TEST_F(StorageTest, MemoryThatRunsOutOnTheWayLeavesAWholeList) {
+    for (const char *name : {"sda", "sdb", "sdc"}) link(name, pci + "usb1/1-1.2.3.4.5.6.7.8.9/host0/block");
+    const std::vector<std::string> all = found();
+    size_t most = 0;
+    for (int objects = 0; most < all.size(); ++objects) {
+        ASSERT_LT(objects, 1000);
+        const vxtest::NoLeaks leaks;
+        vxtest::objectsLeft = objects;
+        vxtest::objectsRunOut = true;
+        const Storage list(old_get_storage(0));
+        vxtest::objectsRunOut = false;
+        ASSERT_NE(list, nullptr);
+        const std::vector<std::string> held = described(list);
+        EXPECT_EQ(held, std::vector<std::string>(all.begin(), all.begin() + static_cast<long>(held.size())));
+        EXPECT_GE(held.size(), most);
+        most = held.size();
+    }
 }
 
 TEST_F(StorageTest, EachKindHasItsTypeAndIndex) {

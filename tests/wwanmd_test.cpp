@@ -17,13 +17,13 @@
 #include <deque>
 #include <fstream>
 #include <memory>
-#include <new>
 #include <string_view>
 #include <thread>
 
 #include "support/files.h"
 #include "support/process.h"
 #include "support/resources.h"
+#include "support/short_memory.h"
 #include "support/syslog_capture.h"
 
 namespace {
@@ -46,22 +46,6 @@ bool markerAppears(std::string_view path) {
 extern "C" int access(const char *path, int mode) noexcept {
     return markerAppears(path) ? 0 : ::faccessat(AT_FDCWD, path, mode, 0);
 }
-
-namespace {
-thread_local bool noMemory = false;  // of this thread: the one that collects log lines has all it needs
-}  // namespace
-
-// A whole set of these, as the sanitizers want memory back the way it was given out; not inlined, as the compiler then
-// takes malloc() and delete for a mismatch.
-[[gnu::noinline]] void *operator new(size_t size) {
-    void *const memory = noMemory ? nullptr : std::malloc(size);
-    if (memory == nullptr) throw std::bad_alloc();
-    return memory;
-}
-
-[[gnu::noinline]] void operator delete(void *memory) noexcept { std::free(memory); }
-
-[[gnu::noinline]] void operator delete(void *memory, size_t) noexcept { std::free(memory); }
 
 namespace {
 
@@ -263,12 +247,26 @@ TEST_F(Wwanmd, WithoutMemoryThereIsNoHandle) {
     ::syslog(LOG_DEBUG, "opens the log's own socket");
     log.take();
     const vxtest::NoLeaks leaks;
-    noMemory = true;
+    vxtest::objectsRunOut = true;  // for the copy of the name
     const wwanmd_handle *handle = wwanmd_init(0, "memoryless");
-    noMemory = false;
+    vxtest::objectsRunOut = false;
     EXPECT_EQ(handle, nullptr);
     EXPECT_THAT(logTexts(), ElementsAre("no mem for wwanmd connection"));
     EXPECT_TRUE(modem.happened().empty());
+}
+
+TEST_F(Wwanmd, WithoutMemoryForTheRecordThereIsNoHandleEither) {
+    connect();  // the name is kept from now on
+    modem.events();
+    log.take();
+    const vxtest::NoLeaks leaks;
+    vxtest::scarceRecord = sizeof(wwanmd_handle);
+    const wwanmd_handle *handle = wwanmd_init(0, "tester");
+    vxtest::scarceRecord = 0;
+    EXPECT_EQ(handle, nullptr);
+    EXPECT_THAT(logTexts(), ElementsAre("no mem for wwanmd connection"));
+    EXPECT_TRUE(modem.happened().empty());
+    EXPECT_NE(connect(), nullptr);
 }
 
 TEST_F(Wwanmd, WithoutADaemonThereIsNoHandle) {

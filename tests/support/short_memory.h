@@ -1,0 +1,46 @@
+// SPDX-License-Identifier: MIT
+// Memory that runs out where a test wants it to. To be included by one source file of a test program: it puts its own
+// calloc() and operator new in front of the C and C++ libraries'. Under the address sanitizer, too, whose own ones end
+// the program instead.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <new>
+
+namespace vxtest {
+
+// This thread's C++ objects: any number, or so many more.
+inline thread_local bool objectsRunOut = false;
+inline thread_local int objectsLeft = 0;
+
+// Records of this size from calloc(); 0: any number of all sizes.
+inline size_t scarceRecord = 0;
+inline int recordsLeft = 0;
+
+// Not as a plain call, since malloc() with memset() behind it is made one calloc() by compilers: this one.
+inline void *(*volatile plainMemory)(size_t) = std::malloc;
+
+}  // namespace vxtest
+
+extern "C" void *calloc(size_t count, size_t size) noexcept {
+    if (size != 0 && count > SIZE_MAX / size) return nullptr;
+    if (vxtest::scarceRecord != 0 && count * size == vxtest::scarceRecord && vxtest::recordsLeft-- <= 0) return nullptr;
+    void *const memory = vxtest::plainMemory(count * size);
+    return memory != nullptr ? std::memset(memory, 0, count * size) : nullptr;
+}
+
+// A whole set of these, as the sanitizers want memory back the way it was given out; not inlined, as the compiler then
+// takes malloc() and delete for a mismatch.
+[[gnu::noinline]] void *operator new(size_t size) {
+    const bool refused = vxtest::objectsRunOut && vxtest::objectsLeft-- <= 0;
+    void *const memory = refused ? nullptr : std::malloc(size);
+    if (memory == nullptr) throw std::bad_alloc();
+    return memory;
+}
+
+[[gnu::noinline]] void operator delete(void *memory) noexcept { std::free(memory); }
+
+[[gnu::noinline]] void operator delete(void *memory, size_t) noexcept { std::free(memory); }
