@@ -46,6 +46,21 @@ extern "C" int reboot(int command) noexcept {
     return 0;
 }
 
+// The segments that are asked for, on their way to the kernel.
+namespace {
+struct SegmentRequest {
+    key_t key;
+    size_t size;
+    int flags;
+    bool operator==(const SegmentRequest &) const = default;
+};
+std::vector<SegmentRequest> segmentRequests;
+}  // namespace
+extern "C" int shmget(key_t key, size_t size, int flags) noexcept {
+    segmentRequests.push_back({key, size, flags});
+    return static_cast<int>(::syscall(SYS_shmget, key, size, flags));
+}
+
 namespace {
 
 using vxtest::LogLine;
@@ -262,8 +277,12 @@ TEST_F(ExecCommand, DetachedStartsAreSerialisedByTheirDirectory) {
     ASSERT_EQ(::chdir(dir.c_str()), 0);
     EXPECT_TRUE(log.take().empty());
     // Here it tries ten times and gives up.
+    segmentRequests.clear();
+    const auto start = std::chrono::steady_clock::now();
     EXPECT_EQ(_exec_command(1, "/bin/true", "true", noMore), -1);
     EXPECT_EQ(errno, EEXIST);
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::seconds(1));
+    EXPECT_EQ(segmentRequests, std::vector(10, SegmentRequest{key, 4, IPC_CREAT | IPC_EXCL | 0600}));
     std::vector<LogLine> expected;
     for (int attempt = 1; attempt <= 10; ++attempt) {
         expected.push_back(

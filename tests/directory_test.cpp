@@ -391,11 +391,11 @@ int copyFile(const std::string &src, const std::string &dst) { return copy_file(
 TEST_F(CopyFile, CopiesContentAndMode) {
     const std::string content(300000, 'c');
     writeFile(path("src"), content);
-    ::chmod(path("src").c_str(), 0751);
+    ::chmod(path("src").c_str(), 01751);
     vxtest::SyslogCapture log;
     EXPECT_EQ(copyFile(path("src"), path("dst")), 0);
     EXPECT_EQ(readFile(path("dst")), content);
-    EXPECT_EQ(modeOf(path("dst")), 0751u);
+    EXPECT_EQ(modeOf(path("dst")), 01751u);
     EXPECT_TRUE(log.take().empty());
 }
 

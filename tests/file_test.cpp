@@ -187,11 +187,11 @@ TEST_F(WriteFileAtomic, ADirectWriteTruncatesAndKeepsTheMode) {
     EXPECT_EQ(readFile("/dev/shm/direct"), "new\n");
     EXPECT_EQ(modeOf("/dev/shm/direct"), 0640u);
     ::unlink("/dev/shm/direct");
-    const mode_t before = ::umask(0027);
+    const mode_t before = ::umask(0007);
     EXPECT_EQ(write_file_atomic("/dev/shm/direct", nullptr, 0, 1, 1), 0);
     ::umask(before);
     EXPECT_EQ(readFile("/dev/shm/direct"), "\n");
-    EXPECT_EQ(modeOf("/dev/shm/direct"), 0640u);
+    EXPECT_EQ(modeOf("/dev/shm/direct"), 0660u);
     ::unlink("/dev/shm/direct");
 }
 
