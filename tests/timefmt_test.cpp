@@ -431,6 +431,7 @@ TEST(XmlReadAttr, TakesTagsAsLongAsTheirClosingTagFits) {
     EXPECT_EQ(xml_readattr(("<" + longest + ">x</" + longest + ">").c_str(), longest.c_str()), nullptr);
     const std::string longer(1021, 't');
     EXPECT_EQ(xml_readattr(("<" + longer + "></" + longer + ">").c_str(), longer.c_str()), nullptr);
+    EXPECT_EQ(xml_readattr(("<" + longest + "></" + longest + ">").c_str(), longer.c_str()), nullptr) << "never cut";
     const std::string huge(100000, 't');
     EXPECT_EQ(xml_readattr(("<" + huge + "></" + huge + ">").c_str(), huge.c_str()), nullptr);
 }
