@@ -60,7 +60,8 @@ void findMap(benchmark::State &state) {
     const auto keys = someKeys<std::string>(state.range(0));
     size_t i = 0;
     for (auto _ : state) {
-        const auto found = values.find(keys[i++ & 1023].c_str());
+        const char *const key = keys[i++ & 1023].c_str();
+        const auto found = values.find(key);
         benchmark::DoNotOptimize(found->second.c_str());
     }
 }
