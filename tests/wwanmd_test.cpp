@@ -6,6 +6,7 @@
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/time.h>
 #include <syslog.h>
 #include <unistd.h>
@@ -45,6 +46,28 @@ bool markerAppears(std::string_view path) {
 // Stands in the way of the C library's for this program, so that a card's reset can begin between two given looks.
 extern "C" int access(const char *path, int mode) noexcept {
     return markerAppears(path) ? 0 : ::faccessat(AT_FDCWD, path, mode, 0);
+}
+
+namespace {
+// This thread's waits and its receives fail with EPIPE: what no local stream socket does.
+thread_local bool waitsBreak = false;
+thread_local bool receivesBreak = false;
+}  // namespace
+
+extern "C" int poll(pollfd *waiting, nfds_t count, int timeout) {
+    if (waitsBreak) {
+        errno = EPIPE;
+        return -1;
+    }
+    return static_cast<int>(::syscall(SYS_poll, waiting, count, timeout));
+}
+
+extern "C" ssize_t recv(int fd, void *data, size_t size, int flags) {
+    if (receivesBreak) {
+        errno = EPIPE;
+        return -1;
+    }
+    return ::syscall(SYS_recvfrom, fd, data, size, flags, nullptr, nullptr);
 }
 
 namespace {
@@ -648,6 +671,38 @@ TEST_F(Wwanmd, AStalledDaemonIsReconnectedToAtOnce) {
     EXPECT_THAT(modem.happened(), ElementsAre("closed", "connected", "command init tester"));
     Message next("signal");
     EXPECT_EQ(command(handle, next), 0);
+}
+
+TEST_F(Wwanmd, ABrokenPipeWhileWaitingToSendIsAStalledDaemon) {
+    const Handle handle = connect();
+    Message message("signal");
+    handle->last_io = {};
+    waitsBreak = true;
+    const int result = wwanmd_send(handle.get(), &message);
+    waitsBreak = false;
+    EXPECT_EQ(result, -1);
+    const auto lines = logTexts();
+    ASSERT_GE(lines.size(), 2U);
+    EXPECT_EQ(lines[0], "faced stalled wwanmd0");
+    EXPECT_EQ(lines[1], "sending to wwanmd0 failed (4 failures)");
+    EXPECT_THAT(modem.happened(), testing::IsSupersetOf({"closed", "connected"}));  // at once
+}
+
+TEST_F(Wwanmd, ABrokenPipeWhileReceivingIsAStalledDaemon) {
+    const Handle handle = connect();
+    modem.tell("stale OK");
+    waitReadable(handle);
+    Message message;
+    receivesBreak = true;
+    const int result = wwanmd_recv(handle.get(), &message);
+    receivesBreak = false;
+    EXPECT_EQ(result, -1);
+    const auto lines = logTexts();
+    ASSERT_GE(lines.size(), 3U);
+    EXPECT_EQ(lines[0], "couldn't read from wwanmd0 (Broken pipe)");
+    EXPECT_EQ(lines[1], "faced stalled wwanmd0");
+    EXPECT_EQ(lines[2], "receiving from wwanmd0 failed (4 failures)");
+    EXPECT_THAT(modem.happened(), testing::IsSupersetOf({"closed", "connected"}));
 }
 
 TEST_F(Wwanmd, ADaemonThatHangsUpInsteadOfAnsweringCountsAsOneFailure) {
