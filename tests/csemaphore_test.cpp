@@ -17,7 +17,6 @@
 #include <atomic>
 #include <cerrno>
 #include <csignal>
-#include <cstdarg>
 #include <memory>
 #include <string>
 #include <thread>
@@ -28,9 +27,12 @@
 #include "support/process.h"
 #include "support/resources.h"
 #include "support/syslog_capture.h"
+#include "support/text.h"
 #include "support/vtable.h"
 
 namespace {
+
+using vxtest::textf;
 
 using Lines = std::vector<vxtest::LogLine>;
 using Options = CRecursiveSemaphore::CSemaphoreOptions;
@@ -157,16 +159,6 @@ extern "C" int pthread_mutex_consistent(pthread_mutex_t *mutex) noexcept {
 }
 
 namespace {
-
-std::string textf(const char *format, ...) __attribute__((format(printf, 1, 2)));
-std::string textf(const char *format, ...) {
-    std::array<char, 512> text{};
-    va_list args;
-    va_start(args, format);
-    std::vsnprintf(text.data(), text.size(), format, args);
-    va_end(args);
-    return text.data();
-}
 
 // A page that all processes of a test see.
 struct Shared {

@@ -16,7 +16,6 @@
 #include <chrono>
 #include <climits>
 #include <csignal>
-#include <cstdarg>
 #include <cstring>
 #include <fstream>
 #include <functional>
@@ -34,9 +33,12 @@
 #include "support/process.h"
 #include "support/resources.h"
 #include "support/syslog_capture.h"
+#include "support/text.h"
 #include "support/vtable.h"
 
 namespace {
+
+using vxtest::textf;
 
 using vxtest::LogLine;
 using Lines = std::vector<LogLine>;
@@ -89,16 +91,6 @@ extern "C" int timerfd_settime(int fd, int flags, const itimerspec *setting, iti
 }
 
 namespace {
-
-std::string textf(const char *format, ...) __attribute__((format(printf, 1, 2)));
-std::string textf(const char *format, ...) {
-    std::array<char, 512> text{};
-    va_list args;
-    va_start(args, format);
-    std::vsnprintf(text.data(), text.size(), format, args);
-    va_end(args);
-    return text.data();
-}
 
 // A sink on an eventfd: readable from fire() to clear(), always writable.
 class Sink : public IFDEventsink {
