@@ -46,6 +46,7 @@ enum class Call {
     semop,
     ftruncate,
     mmap,
+    pread,
     pwrite,
     attrInit,
     setRobust,
@@ -101,6 +102,16 @@ extern "C" int ftruncate(int fd, off_t size) noexcept {
     const int result = next(fd, size);
     dieAt(Call::ftruncate, true);
     return result;
+}
+
+extern "C" ssize_t pread(int fd, void *data, size_t size, off_t position) {
+    if (fails(Call::pread)) {
+        errno = EIO;
+        return -1;
+    }
+    constexpr const char *name = sizeof(long) == 4 ? "pread64" : "pread";
+    static const auto next = real<ssize_t (*)(int, void *, size_t, off_t)>(name);
+    return next(fd, data, size, position);
 }
 
 extern "C" ssize_t pwrite(int fd, const void *data, size_t size, off_t position) {
@@ -293,6 +304,18 @@ TEST_F(Plain, IsOneSemaphoreForItsOwnerOnlyFoundByPathAndProject) {
 TEST_F(Plain, TheSemaphoreOutlivesItsObjects) {
     { EXPECT_EQ(CSemaphore("/etc/hostname", 9).init(), 0); }
     EXPECT_NE(::semget(::ftok("/etc/hostname", 9), 1, 0), -1);
+}
+
+// Neither the creator's making it free nor a finished lock and unlock are undone when their process ends.
+TEST_F(Plain, StaysFreeWhenItsUsersHaveGone) {
+    const auto use = [] {
+        CSemaphore lock("/etc/hostname", 17);
+        return lock.init() == 0 && lock.lock() == 0 && lock.unlock() == 0 ? 0 : 1;
+    };
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_EQ(vxtest::inChild(use), 0);
+        EXPECT_EQ(::semctl(::semget(::ftok("/etc/hostname", 17), 1, 0), 0, GETVAL), 1) << i;
+    }
 }
 
 TEST_F(Plain, ACreatorThatCannotFreeItReportsThat) {
@@ -597,6 +620,19 @@ TEST_F(Recursive, ACreatorKilledHalfWayIsMadeUpFor) {
         EXPECT_EQ(lock.unlock(), 0);
         EXPECT_EQ(vxtest::inChild([&] { return CRecursiveSemaphore(name).trylock(); }), 0);
     }
+}
+
+TEST_F(Recursive, ALockThatCannotBeLookedAtIsNotMadeAnew) {
+    const std::string name = fresh();
+    CRecursiveSemaphore owner(name);
+    EXPECT_EQ(log.take(), Lines{created(name)});
+    ASSERT_EQ(owner.lock(), 0);
+    failing = Call::pread;
+    const CRecursiveSemaphore other(name);
+    failing = Call::none;
+    EXPECT_EQ(log.take(), Lines{});
+    EXPECT_EQ(vxtest::inChild([&] { return CRecursiveSemaphore(name).trylock(); }), EBUSY);
+    EXPECT_EQ(owner.unlock(), 0);
 }
 
 TEST_F(Recursive, ALockMadeByOthersIsTakenAsItIs) {

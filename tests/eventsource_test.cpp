@@ -2,6 +2,7 @@
 // The event loop, on real descriptors and timers.
 #include <vxutils/eventsource.h>
 
+#include <devlog.h>
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <poll.h>
@@ -43,6 +44,8 @@ using vxtest::textf;
 using vxtest::LogLine;
 using Lines = std::vector<LogLine>;
 using namespace std::chrono_literals;
+
+constexpr int errorLevel = LOG_CRIT;  // what is logged at DL_ERROR
 
 // What the kernel will not do on demand. The library's calls come through the functions below.
 struct Kernel {
@@ -88,6 +91,12 @@ extern "C" int timerfd_settime(int fd, int flags, const itimerspec *setting, iti
     constexpr const char *name = sizeof(long) == 4 ? "__timerfd_settime64" : "timerfd_settime";
     static const auto next = real<int (*)(int, int, const itimerspec *, itimerspec *)>(name);
     return next(fd, flags, setting, old);
+}
+
+// The boards write both levels of errors with one priority; here they are told apart.
+extern "C" int devlog_level_to_prio(const devlog_level *level) {
+    static const auto next = real<int (*)(const devlog_level *)>("devlog_level_to_prio");
+    return level == DL_ERROR ? errorLevel : next(level);
 }
 
 namespace {
@@ -450,13 +459,13 @@ TEST_F(Eventsource, ARefusedDescriptorIsLoggedAndStillCountsAsRegistered) {
     void *const address = static_cast<IFDEventsink *>(&sink);
     EXPECT_EQ(log.take(),
               (Lines{{LOG_ERR, textf("epoll_ctl(add) failed fd=%i, event=0x5, errno=Operation not permitted", file)},
-                     {LOG_ERR, textf("Unable to add fd %i (sink 0x%p) to epoll-events", file, address)}}));
+                     {errorLevel, textf("Unable to add fd %i (sink 0x%p) to epoll-events", file, address)}}));
     source->addSink(&sink, IFDEventsource::ET_READ);
     EXPECT_EQ(log.take(), Lines{});
     source->removeSink(&sink);
     EXPECT_EQ(log.take(),
               (Lines{{LOG_ERR, textf("epoll_ctl(del) failed fd=%i, errno=Operation not permitted", file)},
-                     {LOG_ERR, textf("Unable to remove fd %i (sink 0x%p) from epoll-events", file, address)}}));
+                     {errorLevel, textf("Unable to remove fd %i (sink 0x%p) from epoll-events", file, address)}}));
     source->removeSink(&sink);
     EXPECT_EQ(log.take(), Lines{});
     ::close(file);
@@ -467,11 +476,24 @@ TEST_F(Eventsource, BeforeInitSinksAreRememberedWithoutASystemCall) {
     void *const address = static_cast<IFDEventsink *>(&sink);
     const int fd = sink.getFd();
     source->addSink(&sink, IFDEventsource::ET_READ);
-    EXPECT_EQ(log.take(), (Lines{{LOG_ERR, textf("Unable to add fd %i (sink 0x%p) to epoll-events", fd, address)}}));
+    EXPECT_EQ(log.take(), (Lines{{errorLevel, textf("Unable to add fd %i (sink 0x%p) to epoll-events", fd, address)}}));
+    source->addSink(&sink, IFDEventsource::ET_READ);
+    EXPECT_EQ(log.take(), Lines{});
     source->removeSink(&sink);
     EXPECT_EQ(log.take(),
-              (Lines{{LOG_ERR, textf("Unable to remove fd %i (sink 0x%p) from epoll-events", fd, address)}}));
+              (Lines{{errorLevel, textf("Unable to remove fd %i (sink 0x%p) from epoll-events", fd, address)}}));
     EXPECT_EQ(kernel.controlCalls, 0);
+}
+
+TEST_F(Eventsource, BeforeInitAMaskIsStoredAndItsChangeFails) {
+    Sink sink;
+    void *const address = static_cast<IFDEventsink *>(&sink);
+    source->addSink(&sink, IFDEventsource::ET_READ);
+    log.take();
+    source->modifyEventMask(&sink, IFDEventsource::ET_WRITE);
+    source->modifyEventMask(&sink, IFDEventsource::ET_WRITE);
+    EXPECT_EQ(log.take(), (Lines{{LOG_ERR, textf("Sink 0x%p (fd=%i) epoll_ctl(mod) failed - errno=Bad file descriptor",
+                                                 address, sink.getFd())}}));
 }
 
 TEST_F(Eventsource, RemovingAnUnknownSinkDoesNothing) {
@@ -501,7 +523,7 @@ TEST_F(Eventsource, AClosedSinkCanStillBeRemoved) {
     source->removeSink(&sink);
     EXPECT_EQ(log.take(),
               (Lines{{LOG_ERR, textf("epoll_ctl(del) failed fd=%i, errno=Bad file descriptor", fd)},
-                     {LOG_ERR, textf("Unable to remove fd %i (sink 0x%p) from epoll-events", fd, address)}}));
+                     {errorLevel, textf("Unable to remove fd %i (sink 0x%p) from epoll-events", fd, address)}}));
     Sink next;
     ASSERT_EQ(next.getFd(), fd);
     source->addSink(&next, IFDEventsource::ET_READ);
@@ -659,6 +681,20 @@ TEST_F(Eventsource, TerminatedBeforeItRunsItReturnsAtOnceAndForEver) {
     EXPECT_EQ(waits, 0);
 }
 
+TEST_F(Eventsource, EachRequestToEndIsAByteThatStaysInThePipe) {
+    init();
+    int command = -1;
+    for (const int fd : descriptorsOn("pipe:")) {
+        if (watched().count(fd) == 1) command = fd;
+    }
+    source->terminate();
+    source->terminate();
+    runUntilTerminated();
+    std::array<char, 3> bytes{};
+    EXPECT_EQ(::read(command, bytes.data(), bytes.size()), 2);
+    EXPECT_STREQ(bytes.data(), "xx");
+}
+
 TEST_F(Eventsource, TerminatesFromAnotherThread) {
     init();
     std::thread other([&] { source->terminate(); });
@@ -668,7 +704,7 @@ TEST_F(Eventsource, TerminatesFromAnotherThread) {
 
 TEST_F(Eventsource, TerminateWithoutInitIsLogged) {
     source->terminate();
-    EXPECT_EQ(log.take(), (Lines{{LOG_ERR, "unable to write to command-pipe (fd=-1) - errno=Bad file descriptor"}}));
+    EXPECT_EQ(log.take(), (Lines{{errorLevel, "unable to write to command-pipe (fd=-1) - errno=Bad file descriptor"}}));
 }
 
 TEST_F(Eventsource, TerminateNeverBlocksHoweverOftenItIsCalled) {
@@ -796,7 +832,7 @@ TEST_F(Eventsource, OnlyOneErrorOfTheWaitIsFatal) {
     };
     EXPECT_EQ(source->evtLoop(), -1);
     EXPECT_EQ(log.take(),
-              (Lines{{LOG_ERR, "epoll_wait failed will errno=Resource temporarily unavailable - terminating."}}));
+              (Lines{{errorLevel, "epoll_wait failed will errno=Resource temporarily unavailable - terminating."}}));
 }
 
 TEST_F(Eventsource, WhatACallbackThrowsComesOutAndTheLoopCanBeRunAgain) {
@@ -882,6 +918,29 @@ protected:
     Sink last;
     size_t round = 0;
 };
+
+// By the time the outer loop gets there the number may be somebody's again.
+TEST_F(InnerLoop, AnUnknownDescriptorThatItHasClosedIsNotMetAgain) {
+    const int unknown = ::eventfd(1, EFD_CLOEXEC);
+    epoll_event event{};
+    event.events = EPOLLIN;
+    event.data.fd = unknown;
+    ASSERT_EQ(::epoll_ctl(epollDescriptor(), EPOLL_CTL_ADD, unknown, &event), 0);
+    std::unique_ptr<Sink> successor;
+    starter.whenReadable = [&] {
+        starter.clear();
+        EXPECT_EQ(source->evtLoop(), 0);
+        successor = std::make_unique<Sink>();
+        ASSERT_EQ(successor->getFd(), unknown);
+        source->addSink(successor.get(), IFDEventsource::ET_READ);
+    };
+    report({{starter.getFd(), unknown}, {unknown}});
+    runUntilTerminated();
+    EXPECT_EQ(log.take(), (Lines{{LOG_ERR, textf("Unable to find corresponding event-sink for active file descriptor "
+                                                 "%i - terminating!",
+                                                 unknown)}}));
+    EXPECT_EQ(successor->reads, 0);
+}
 
 TEST_F(InnerLoop, WhatItHasServedIsNotServedAgain) {
     std::vector<size_t> served;
@@ -1473,12 +1532,12 @@ TEST_F(Eventsource, ATimerThatCannotBeWatchedIsLoggedAndStaysRegistered) {
     const int fd = timerDescriptors().at(0);
     EXPECT_EQ(log.take(),
               (Lines{{LOG_ERR, textf("epoll_ctl(add) failed fd=%i, event=0x1, errno=Operation not permitted", fd)},
-                     {LOG_ERR, textf("Unable to add timer (fd %i, sink 0x%p) to epoll-events", fd, address)}}));
+                     {errorLevel, textf("Unable to add timer (fd %i, sink 0x%p) to epoll-events", fd, address)}}));
     EXPECT_TRUE(source->activeTimer(&timer));
     source->removeTimer(&timer);
     EXPECT_EQ(log.take(),
               (Lines{{LOG_ERR, textf("epoll_ctl(del) failed fd=%i, errno=Operation not permitted", fd)},
-                     {LOG_ERR, textf("Unable to remove timer (fd %i, sink 0x%p) from epoll-events", fd, address)}}));
+                     {errorLevel, textf("Unable to remove timer (fd %i, sink 0x%p) from epoll-events", fd, address)}}));
     EXPECT_EQ(timerDescriptors(), std::vector<int>{});
 }
 
@@ -1489,8 +1548,8 @@ TEST_F(Eventsource, BeforeInitATimerIsRememberedWithoutASystemCallOnTheSet) {
     const int fd = timerDescriptors().at(0);
     source->removeTimer(&timer);
     EXPECT_EQ(log.take(),
-              (Lines{{LOG_ERR, textf("Unable to add timer (fd %i, sink 0x%p) to epoll-events", fd, address)},
-                     {LOG_ERR, textf("Unable to remove timer (fd %i, sink 0x%p) from epoll-events", fd, address)}}));
+              (Lines{{errorLevel, textf("Unable to add timer (fd %i, sink 0x%p) to epoll-events", fd, address)},
+                     {errorLevel, textf("Unable to remove timer (fd %i, sink 0x%p) from epoll-events", fd, address)}}));
     EXPECT_EQ(kernel.controlCalls, 0);
 }
 
@@ -1584,8 +1643,8 @@ TEST_F(TimerAnswer, TooFewBytesAreLogged) {
 TEST_F(TimerAnswer, ACountOfZeroIsLogged) {
     answer(countBytes(0), true);
     EXPECT_TRUE(timer.counts.empty());
-    EXPECT_EQ(log.take(), (Lines{{LOG_ERR, textf("Got a wakeup with a zero # of timeouts (fd=%i, sink=0x%p)", fd,
-                                                 static_cast<void *>(static_cast<ITimeoutEventsink *>(&timer)))}}));
+    EXPECT_EQ(log.take(), (Lines{{errorLevel, textf("Got a wakeup with a zero # of timeouts (fd=%i, sink=0x%p)", fd,
+                                                    static_cast<void *>(static_cast<ITimeoutEventsink *>(&timer)))}}));
     EXPECT_TRUE(source->activeTimer(&timer));
     remove();
 }

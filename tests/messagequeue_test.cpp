@@ -2,6 +2,7 @@
 // The message queue: real threads, a real loop.
 #include <vxutils/messagequeue.h>
 
+#include <devlog.h>
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <pthread.h>
@@ -27,6 +28,8 @@
 namespace {
 
 using Lines = std::vector<vxtest::LogLine>;
+
+constexpr int errorLevel = LOG_CRIT;  // what is logged at DL_ERROR
 
 std::atomic<pthread_mutex_t *> brokenMutex = nullptr;  // the one that cannot be locked
 thread_local bool locksFail = false;
@@ -67,6 +70,12 @@ extern "C" int pthread_mutex_lock(pthread_mutex_t *mutex) noexcept {
     }
     static const auto next = reinterpret_cast<int (*)(pthread_mutex_t *)>(::dlsym(RTLD_NEXT, "pthread_mutex_lock"));
     return next(mutex);
+}
+
+// The boards write both levels of errors with one priority; here they are told apart.
+extern "C" int devlog_level_to_prio(const devlog_level *level) {
+    static const auto next = real<int (*)(const devlog_level *)>("devlog_level_to_prio");
+    return level == DL_ERROR ? errorLevel : next(level);
 }
 
 namespace {
@@ -179,7 +188,7 @@ TEST_F(Messagequeue, InitFailsWithoutDescriptors) {
     for (const size_t more : {0, 1}) {
         const vxtest::DescriptorLimit limit(more);
         EXPECT_EQ(queue->init(), -1);
-        EXPECT_EQ(log.take(), (Lines{{LOG_ERR, "Unable to create pipe-fds - errno=Too many open files"}}));
+        EXPECT_EQ(log.take(), (Lines{{errorLevel, "Unable to create pipe-fds - errno=Too many open files"}}));
         EXPECT_EQ(queue->getFd(), -1);
     }
     const vxtest::DescriptorLimit enough(2);
@@ -188,7 +197,7 @@ TEST_F(Messagequeue, InitFailsWithoutDescriptors) {
 
 TEST_F(Messagequeue, SendingBeforeInitFailsAndQueuesNothing) {
     EXPECT_EQ(queue->send(CQMsg(1)), -1);
-    EXPECT_EQ(log.take(), (Lines{{LOG_ERR, "Unable to write to pipe - errno=Bad file descriptor"}}));
+    EXPECT_EQ(log.take(), (Lines{{errorLevel, "Unable to write to pipe - errno=Bad file descriptor"}}));
     ASSERT_EQ(queue->init(), 0);
     ASSERT_EQ(queue->send(CQMsg(2)), 0);
     consumer.whenMessage = [&](CMessageQueue *, const CQMsg &) { loop->terminate(); };
@@ -199,7 +208,7 @@ TEST_F(Messagequeue, SendingBeforeInitFailsAndQueuesNothing) {
 TEST_F(Messagequeue, AnUnreadablePipeIsReportedToTheConsumer) {
     queue->onReadable();
     EXPECT_EQ(consumer.errors, 1);
-    EXPECT_EQ(log.take(), (Lines{{LOG_ERR, "Unable to read from pipe - errno=Bad file descriptor"}}));
+    EXPECT_EQ(log.take(), (Lines{{errorLevel, "Unable to read from pipe - errno=Bad file descriptor"}}));
     ASSERT_EQ(queue->init(), 0);
     consumer.whenError = [&](CMessageQueue *from) {
         EXPECT_EQ(from, queue.get());
@@ -207,7 +216,7 @@ TEST_F(Messagequeue, AnUnreadablePipeIsReportedToTheConsumer) {
     };
     queue->onReadable();  // nothing sent
     EXPECT_EQ(consumer.errors, 2);
-    EXPECT_EQ(log.take(), (Lines{{LOG_ERR, "Unable to read from pipe - errno=Resource temporarily unavailable"}}));
+    EXPECT_EQ(log.take(), (Lines{{errorLevel, "Unable to read from pipe - errno=Resource temporarily unavailable"}}));
     queue->onReadable();
     EXPECT_EQ(consumer.codes, std::vector<int>{3});
     queue->onWritable();  // does nothing
@@ -220,8 +229,10 @@ TEST_F(Messagequeue, OneByteStandsForOneMessage) {
         EXPECT_EQ(bytesInPipe(), i);
     }
     queue->onReadable();
-    EXPECT_EQ(bytesInPipe(), 4);
     EXPECT_EQ(consumer.codes, std::vector<int>{1});
+    std::array<char, 6> bytes{};
+    EXPECT_EQ(::read(queue->getFd(), bytes.data(), bytes.size()), 4);
+    EXPECT_STREQ(bytes.data(), "xxxx");
 }
 
 TEST_F(Messagequeue, MessagesOfAnotherThreadArriveInOrderOneARound) {
@@ -257,6 +268,17 @@ TEST_F(Messagequeue, AMessageSentFromOnMessageComesOnALaterRound) {
     ASSERT_EQ(queue->send(CQMsg(1)), 0);
     EXPECT_EQ(loop->evtLoop(), 0);
     EXPECT_EQ(consumer.codes, (std::vector<int>{1, 2, 3, 4}));
+}
+
+TEST_F(Messagequeue, TheConsumerIsCalledWithoutTheLock) {
+    ASSERT_EQ(queue->init(), 0);
+    consumer.whenMessage = [&](CMessageQueue *, const CQMsg &message) {
+        if (message.code == 1) std::thread([&] { EXPECT_EQ(queue->send(CQMsg(2)), 0); }).join();
+    };
+    ASSERT_EQ(queue->send(CQMsg(1)), 0);
+    queue->onReadable();
+    queue->onReadable();
+    EXPECT_EQ(consumer.codes, (std::vector<int>{1, 2}));
 }
 
 TEST_F(Messagequeue, TheLockIsRecursiveAndKeepsOthersOut) {

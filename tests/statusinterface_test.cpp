@@ -514,8 +514,14 @@ TEST_F(StatusFifo, AnUnknownIdentifierIsIgnored) {
 TEST_F(StatusFifo, CleanupAndDestructorRemoveEveryFile) {
     const vxtest::NoLeaks leaks;
     const std::vector<std::string> names{"/a", "/b", "/c"};
-    for (const std::string &name : names) ASSERT_NE(status_.setupIpcRxFifo(name.c_str(), &recorder_), 0U);
+    std::vector<const bufferevent *> newestFirst;
+    for (const std::string &name : names) {
+        const unsigned long id = status_.setupIpcRxFifo(name.c_str(), &recorder_);
+        ASSERT_NE(id, 0U);
+        newestFirst.insert(newestFirst.begin(), reinterpret_cast<const bufferevent *>(id));
+    }
     status_.cleanup();
+    EXPECT_EQ(libevent.freed, newestFirst);
     for (const std::string &name : names) EXPECT_FALSE(vxtest::exists(directory_ + name));
     status_.cleanup();
     {

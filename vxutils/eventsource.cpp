@@ -295,6 +295,7 @@ int CEPollEventsource::onCommand() {
 void CEPollEventsource::onUnknownDescriptor(int fd) {
     vx::log(DL_ERR, "Unable to find corresponding event-sink for active file descriptor %i - terminating!", fd);
     if (::epoll_ctl(epollFd_, EPOLL_CTL_DEL, fd, nullptr) == 0) ::close(fd);
+    dropFetchedEvents(fd);
     terminate();
 }
 
