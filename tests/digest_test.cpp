@@ -3,6 +3,7 @@
 #include <sys/mman.h>
 #include <vxutils/digest.h>
 
+#include <algorithm>
 #include <array>
 #include <cstdint>
 #include <cstring>
@@ -378,11 +379,12 @@ TYPED_TEST(EachDigest, ADerivedClassSeesThePaddingAndTheCountInItsHash) {
     for (size_t length = 0; length <= 130; ++length) {
         const std::string message = someText(length);
         Recording<TypeParam> context;
-        context.initialize(0);
+        const unsigned long returned = length % (context.getCompleteHashLength() + 1);
+        context.initialize(returned);
         context.hash(bytesOf(message), length);
         context.lengths.clear();
         context.seen.clear();
-        EXPECT_EQ(take(context), digest<TypeParam>(message));
+        EXPECT_EQ(take(context), digest<TypeParam>(message, returned));
 
         const size_t index = length % 64;
         const size_t padding = index < 56 ? 56 - index : 120 - index;
@@ -403,6 +405,80 @@ TYPED_TEST(EachDigest, ADerivedClassSeesThePaddingAndTheCountInItsHash) {
         }
     }
 }
+
+TYPED_TEST(EachDigest, AnOrdinaryContextIsFinishedAsADerivedOne) {
+    for (size_t length = 0; length <= 130; ++length) {
+        const std::string message = someText(length);
+        TypeParam plain;
+        Recording<TypeParam> derived;
+        const size_t stateAndCount = derived.getCompleteHashLength() / 4 + 2;
+        for (HashContext *context : {static_cast<HashContext *>(&plain), static_cast<HashContext *>(&derived)}) {
+            context->initialize(0);
+            context->hash(bytesOf(message), length);
+            take(*context);
+        }
+        auto left = words(plain);
+        auto right = words(static_cast<const TypeParam &>(derived));
+        left.resize(stateAndCount);
+        right.resize(stateAndCount);
+        EXPECT_EQ(left, right) << length;
+        plain.hash(bytesOf("more"), 4);
+        derived.hash(bytesOf("more"), 4);
+        EXPECT_EQ(take(plain), take(derived)) << length;
+    }
+}
+
+// Takes every byte twice.
+template <typename Context>
+class Doubling : public Recording<Context> {
+public:
+    void hash(const unsigned char *bytes, unsigned long length) override {
+        Recording<Context>::hash(bytes, length);
+        Context::hash(bytes, length);
+    }
+};
+
+TEST(Md5, ThePaddingIsAsLongAsTheCountAsksForAtFirst) {
+    Doubling<Md5HashContext> context;
+    context.initialize(0);
+    context.hash(bytesOf("abc"), 3);
+    take(context);
+    EXPECT_EQ(context.lengths, (std::vector<unsigned long>{3, 56 - 6, 8}));
+    EXPECT_EQ(context.seen[3 + 50], 48) << "six bytes";
+}
+
+TEST(Sha1, ThePaddingGoesOnUntilTheCountHasItsPlace) {
+    Doubling<Sha1HashContext> context;
+    context.initialize(0);
+    context.hash(bytesOf("abc"), 3);
+    take(context);
+    std::vector<unsigned long> expected(1 + (56 - 6) / 2, 1);
+    expected.front() = 3;
+    expected.push_back(8);
+    EXPECT_EQ(context.lengths, expected);
+    EXPECT_EQ(context.seen.back(), 48) << "six bytes";
+}
+
+#ifndef __SANITIZE_ADDRESS__  // the sanitizers look into the type themselves
+// Programs may be built without type information: the tables of their classes have none.
+TYPED_TEST(EachDigest, ADerivedClassNeedsNoTypeInformation) {
+    constexpr size_t kBeforeSlots = 2;  // offset and type information
+    constexpr size_t kSlots = 10;
+    Recording<TypeParam> context;
+    void *const *own = nullptr;
+    std::memcpy(&own, static_cast<const void *>(&context), sizeof own);
+    std::array<void *, kBeforeSlots + kSlots> table{};
+    std::copy(own - kBeforeSlots, own + kSlots, table.begin());
+    table[1] = nullptr;
+    void *const *untyped = &table[kBeforeSlots];
+    std::memcpy(static_cast<void *>(&context), &untyped, sizeof untyped);
+
+    context.initialize(0);
+    context.hash(bytesOf("abc"), 3);
+    EXPECT_EQ(take(context), digest<TypeParam>("abc"));
+    EXPECT_EQ(context.seen.size(), 64U) << "the message, the padding and the count";
+}
+#endif
 
 // An inner digest of 64 bytes, the largest that HMAC takes: it returns what went in, folded.
 class WideContext : public HashContext {
