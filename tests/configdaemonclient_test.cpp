@@ -4,6 +4,7 @@
 #include <vxutils/configdaemonclient.h>
 
 #include <climits>
+#include <cstdlib>
 #include <filesystem>
 #include <string>
 #include <vector>
@@ -116,6 +117,23 @@ TEST_F(ConfigDaemonClientSet, APatternMayNotGrowBeyondAKey) {
     EXPECT_EQ(daemon.requests(), 1);
 }
 
+TEST_F(ConfigDaemonClientSet, APatternHas255CharactersHoweverShortTheKeyThatItGives) {
+    const String longest = text(252, 'k') + "%lu";
+    const String tooLong = text(253, 'k') + "%lu";  // its keys would fit
+    long number = 7;
+    String value("(unchanged)");
+    EXPECT_TRUE(client->setIndexedValue(longest, 1, "one"));
+    EXPECT_TRUE(client->setIndexedValueAsInt(longest, 2, 2));
+    EXPECT_STREQ(client->getIndexedValue(longest, 1, value).c_str(), "one");
+    EXPECT_EQ(client->getIndexedValueAsInt(longest, 2, number), 2);
+    EXPECT_EQ(daemon.requests(), 4);
+    EXPECT_FALSE(client->setIndexedValue(tooLong, 1, "one"));
+    EXPECT_FALSE(client->setIndexedValueAsInt(tooLong, 2, 2));
+    EXPECT_STREQ(client->getIndexedValue(tooLong, 1, value).c_str(), "one");
+    EXPECT_EQ(client->getIndexedValueAsInt(tooLong, 2, number), 2);
+    EXPECT_EQ(daemon.requests(), 4);
+}
+
 TEST_F(ConfigDaemonClientSet, AnEmptyKeyIsNotSent) {
     EXPECT_FALSE(client->setValue("", "x"));
     EXPECT_FALSE(client->setIndexedValue("", 1, "x"));
@@ -149,6 +167,11 @@ TEST_F(ConfigDaemonClientGet, NumbersAreWhatAtoiMakesOfThem) {
         value = 99;
         EXPECT_EQ(client->getIndexedValueAsInt("p.%lu", 3, value), number);
         EXPECT_EQ(value, number);
+    }
+    for (const char *huge : {"4294967297", "-4294967295", "99999999999999999999"}) {
+        daemon.tell(std::string("set n ") + huge);
+        long value = 99;
+        EXPECT_EQ(client->getValueAsInt("n", value), std::atoi(huge)) << huge;
     }
     long value = 99;
     EXPECT_EQ(client->getValueAsInt("unknown", value), 0);  // the daemon's empty value

@@ -428,6 +428,20 @@ TYPED_TEST(EachDigest, AnOrdinaryContextIsFinishedAsADerivedOne) {
     }
 }
 
+// Says that its digest is shorter.
+template <typename Context>
+class Short : public Context {
+public:
+    unsigned long getCompleteHashLength() const override { return 12; }
+};
+
+TYPED_TEST(EachDigest, DestroyAsksADerivedClassForTheCompleteLength) {
+    Short<TypeParam> context;
+    context.initialize(7);
+    context.destroy();
+    EXPECT_EQ(context.getReturnedHashLength(), 12U);
+}
+
 // Takes every byte twice.
 template <typename Context>
 class Doubling : public Recording<Context> {

@@ -228,6 +228,7 @@ TEST(IpAddressNumbers, MaskValidityCountsTheLeadingOnesOfAnyMask) {
     }
     unsigned long size = 99;
     EXPECT_FALSE(IpAddress().isMaskValid(size)) << "an empty object has no mask";
+    EXPECT_EQ(size, 99U) << "nor is it looked at";
 }
 
 // Texts
