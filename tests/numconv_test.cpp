@@ -559,6 +559,8 @@ TEST(ConvIPUL2IPStr, WritesTheMostSignificantByteFirst) {
     vxtest::GuardedBuffer guarded(16);
     EXPECT_EQ(convIPUL2IPStr(0xC0A80101, guarded.data()), 0);
     EXPECT_STREQ(guarded.data(), "192.168.1.1");
+    EXPECT_EQ(convIPUL2IPStr(0x01020304, guarded.data()), 0);
+    EXPECT_STREQ(guarded.data(), "1.2.3.4");
     EXPECT_EQ(convIPUL2IPStr(UINT32_MAX, guarded.data()), 0);
     EXPECT_STREQ(guarded.data(), "255.255.255.255");
     EXPECT_EQ(convIPUL2IPStr(0, guarded.data()), 0);

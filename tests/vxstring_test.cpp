@@ -687,6 +687,12 @@ TEST(StringChange, FormatReplacesTheTextByTheRule) {
         wide.format("%*d", width, 5);
         EXPECT_EQ(text(wide), std::string(static_cast<size_t>(width) - 1, ' ') + '5');
         EXPECT_EQ(capacity(wide), capacityByTable(static_cast<size_t>(width)));
+        String plain;
+        plain.format("%s", wide.c_str());
+        EXPECT_EQ(text(plain), text(wide));
+        EXPECT_EQ(capacity(plain), capacity(wide));
+        plain.format(("%" + std::to_string(width) + "d").c_str(), 5);
+        EXPECT_EQ(text(plain), text(wide));
     }
 }
 
@@ -748,8 +754,14 @@ TEST(StringChange, TheMeasuredLengthHoldsForFormatsOfEveryShape) {
         String s;
         String t("12345");
         int measured = 0;
+        std::string expected;  // the system's text, cut or filled with NULs
         const auto write = [&](auto argument) {
             measured = strlenf(fmt.c_str(), argument);
+            expected.assign(static_cast<size_t>(measured), '\0');
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-nonliteral"
+            std::snprintf(expected.data(), expected.size() + 1, fmt.c_str(), argument);
+#pragma GCC diagnostic pop
             s.format(fmt.c_str(), argument);
             t.concatf(fmt.c_str(), argument);
         };
@@ -763,6 +775,7 @@ TEST(StringChange, TheMeasuredLengthHoldsForFormatsOfEveryShape) {
             write(number);
         }
         ASSERT_EQ(s.length(), measured) << fmt;
+        ASSERT_EQ(text(s), expected) << fmt;
         ASSERT_EQ(t.length(), measured + 5) << fmt;
         ASSERT_EQ(text(t), "12345" + text(s)) << fmt;
         ASSERT_EQ(s.c_str()[s.length()], '\0') << fmt;
