@@ -242,11 +242,43 @@ TEST_F(DioFiles, FilesThatCannotBeOpenedForAnotherReasonAreASystemError) {
 
 TEST_F(DioFiles, AnOutputGetsOneCharacter) {
     const vxtest::NoLeaks leaks;
-    for (const unsigned int written : {0U, 1U, 9U, 10U}) {
+    for (const unsigned int written : {0U, 1U, 9U, 10U, 207U, UINT_MAX}) {
         vxtest::writeFile(value("dout12"), "");
         EXPECT_EQ(dio_setValue(12, written), DIO_OK);
         EXPECT_EQ(vxtest::readFile(value("dout12")), std::string(1, static_cast<char>('0' + written)));
     }
+    EXPECT_TRUE(log.take().empty());
+}
+
+TEST_F(DioFiles, FilesNeedToBeNoMoreThanReadableOrWritable) {
+    const std::string frequency = tree + "din1/frequency";
+    vxtest::writeFile(value("din1"), "1");
+    vxtest::writeFile(value("dout1"), "1");
+    vxtest::writeFile(frequency, "1 2 3");
+    const auto asUser = [](const auto &check) {
+        return vxtest::inChild([&] {
+            if (::setresgid(65534, 65534, 65534) != 0 || ::setresuid(65534, 65534, 65534) != 0) return 99;
+            return check();
+        });
+    };
+    const auto permit = [&](mode_t mode) {
+        for (const std::string &path : {value("din1"), value("dout1"), frequency}) {
+            ASSERT_EQ(::chmod(path.c_str(), mode), 0) << path;
+        }
+    };
+    permit(0444);
+    EXPECT_EQ(asUser([] {
+                  unsigned char on = 0;
+                  dio_frequency_record record{};
+                  return dio_roValue(1, &on) + dio_rwValue(1, &on) + dio_frequency(1, &record);
+              }),
+              DIO_OK);
+    permit(0222);
+    EXPECT_EQ(asUser([] {
+                  unsigned char active = 0;
+                  return dio_setValue(1, 0) + dio_setFrequencyActive(1, 1) + dio_frequencyActive(1, &active);
+              }),
+              DIO_OK);
     EXPECT_TRUE(log.take().empty());
 }
 
@@ -302,6 +334,7 @@ TEST_F(DioFiles, FrequencyNumbersHaveTheirFullRange) {
     check(read("1 1 -1"), 1, 1, UINT32_MAX);
     check(read("1 1 -2"), 1, 1, UINT32_MAX - 1);
     check(read("1 1 -4294967295"), 1, 1, 1);
+    check(read("1 1 -4294967296"), 1, 1, UINT32_MAX);
 }
 
 TEST_F(DioFiles, AFrequencyFileThatFailsIsASystemError) {

@@ -1,7 +1,9 @@
 // SPDX-License-Identifier: MIT
 #include <vxutils/storage.h>
 
+#include <dlfcn.h>
 #include <fcntl.h>
+#include <linux/fs.h>
 #include <linux/loop.h>
 #include <sys/ioctl.h>
 #include <sys/mount.h>
@@ -10,16 +12,37 @@
 #include <sys/sysmacros.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdlib>
 #include <filesystem>
 #include <functional>
 #include <memory>
+#include <optional>
 
 #include "support/board.h"
 #include "support/files.h"
 #include "support/process.h"
 #include "support/resources.h"
 #include "support/short_memory.h"
+
+namespace {
+// What every file system is said to be; empty: it cannot be looked at. None: as it is.
+std::optional<std::vector<struct statfs>> fileSystems;
+}  // namespace
+
+// Stands in the way of the C library's for this program: no file system of a test has a reserve, or blocks in the
+// billions.
+extern "C" int statfs(const char *path, struct statfs *status) noexcept {
+    using Function = int(const char *, struct statfs *);
+    static auto *const real = reinterpret_cast<Function *>(::dlsym(RTLD_NEXT, "statfs64"));
+    if (!fileSystems) return real(path, status);
+    if (fileSystems->empty()) {
+        errno = EIO;
+        return -1;
+    }
+    *status = fileSystems->front();
+    return 0;
+}
 
 namespace {
 
@@ -256,6 +279,8 @@ TEST_F(StorageTest, AUsbNameIsCutTo63Characters) {
     link("sda", pci + "usb1/" + name + "/block/sda");
     usbName(0, "x\n" + name);
     EXPECT_THAT(found(), ElementsAre("sda(sda) 16/0"));
+    usbName(0, "xy\n" + name);
+    EXPECT_THAT(found(), ElementsAre("sda(sda) 16/0"));
     usbName(0, "xyz\n" + name);  // its last character is cut
     EXPECT_THAT(found(), ElementsAre("sda(sda) 8/0"));
 }
@@ -367,6 +392,11 @@ public:
 
     bool ready() const { return ready_; }
 
+    bool makeReadOnly() {
+        const int on = 1;
+        return ::ioctl(fd_, BLKROSET, &on) == 0;
+    }
+
 private:
     std::string node_;
     int fd_ = -1;
@@ -375,8 +405,9 @@ private:
 
 TEST_F(StorageTest, SizesAreThoseOfTheDevice) {
     constexpr int64_t bytes = 5LL * 1024 * 1024 * 1024;  // beyond 32 bits
-    const LoopDevice device("/dev/sda", bytes);
+    LoopDevice device("/dev/sda", bytes);
     ASSERT_TRUE(device.ready()) << "no loop device";
+    ASSERT_TRUE(device.makeReadOnly());  // it is only looked at
     link("sda", pci + "usb1/1-1/block/sda");
     link("sda1", pci + "usb1/1-1/block/sda/sda1");
     const vxtest::NoLeaks leaks;
@@ -421,6 +452,37 @@ TEST_F(StorageTest, FileSystemTotalsAreThoseOfTheMountPoint) {
     ASSERT_EQ(::statfs("/mnt/first", &status), 0);
     EXPECT_EQ(entry->available, static_cast<int64_t>(status.f_bavail) * status.f_bsize);
     EXPECT_LE(entry->available, 8 * 1024 * 1024 - 3000000);
+}
+
+TEST_F(StorageTest, FileSystemTotalsAreBlocksTimesTheBlockSize) {
+    link("mmcblk0p3", pci + "mmc_host/mmc0/mmcblk0p3");
+    const Mount mounted("/dev/mmcblk0p3", "/mnt/data");
+    struct statfs large {};
+    large.f_bsize = 4096;
+    large.f_frsize = 512;
+    large.f_blocks = 4000000000;
+    large.f_bfree = 3000000000;
+    large.f_bavail = 2000000000;  // what is left of the free ones for ordinary users
+    fileSystems.emplace(1, large);
+    const Storage list(old_get_storage(0));
+    fileSystems.reset();
+    const storage_entry *entry = old_get_storage_device(list.get(), 2, 0);
+    ASSERT_NE(entry, nullptr);
+    EXPECT_EQ(entry->total, 4000000000LL * 4096);
+    EXPECT_EQ(entry->available, 2000000000LL * 4096);
+}
+
+TEST_F(StorageTest, AFileSystemThatCannotBeLookedAtHasNoTotals) {
+    link("mmcblk0p3", pci + "mmc_host/mmc0/mmcblk0p3");
+    const Mount mounted("/dev/mmcblk0p3", "/mnt/data");
+    fileSystems.emplace();
+    const Storage list(old_get_storage(0));
+    fileSystems.reset();
+    const storage_entry *entry = old_get_storage_device(list.get(), 2, 0);
+    ASSERT_NE(entry, nullptr);
+    EXPECT_STREQ(entry->mount_point, "/mnt/data");
+    EXPECT_EQ(entry->total, -1);
+    EXPECT_EQ(entry->available, -1);
 }
 
 TEST_F(StorageTest, TheOverlayIsShownAsTheRootWithItsOwnTotals) {
