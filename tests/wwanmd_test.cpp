@@ -300,6 +300,26 @@ TEST_F(Wwanmd, WithoutADaemonThereIsNoHandle) {
     EXPECT_THAT(logTexts(), ElementsAre("can't bind to wwanmd0 (Connection refused)"));
 }
 
+TEST_F(Wwanmd, AnAttemptToConnectStartsTheCountsAnewWhateverItComesTo) {
+    wwanmd_handle handle{};
+    handle.card = 1;
+    handle.fd = -1;
+    handle.failures = 3;
+    handle.busy_count = 16;
+    EXPECT_EQ(wwanmd_open(&handle), -1);
+    EXPECT_EQ(handle.failures, 0);
+    EXPECT_EQ(handle.busy_count, 0);
+    EXPECT_NE(handle.last_io.tv_sec + handle.last_io.tv_nsec, 0);
+}
+
+TEST_F(Wwanmd, TheSystemLogIsConnectedToAtOnce) {
+    ::closelog();
+    const size_t before = vxtest::openDescriptors().size();
+    const Handle handle(wwanmd_init(0, "tester"));
+    ASSERT_NE(handle, nullptr);
+    EXPECT_EQ(vxtest::openDescriptors().size(), before + 2);  // the daemon's and the log's
+}
+
 TEST_F(Wwanmd, ASocketThatCannotBeMadeIsReported) {
     rlimit old{};
     ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &old), 0);
@@ -484,6 +504,16 @@ TEST_F(Wwanmd, StaleAnswersAreThrownAwayBeforeTheNextCommand) {
     EXPECT_THAT(logTexts(), ElementsAre("flushed 10 bytes from wwanmd0 before sending"));
 }
 
+TEST_F(Wwanmd, OneReceiveIsThrownAwayAndNoMore) {
+    const Handle handle = connect();
+    modem.tell("stale " + std::string(8191, 'x') + "OKrest");
+    waitReadable(handle);
+    Message message("news");
+    EXPECT_EQ(command(handle, message), 0);
+    EXPECT_THAT(message.text(), StartsWith("rest"));
+    EXPECT_THAT(logTexts(), ElementsAre("flushed 8191 bytes from wwanmd0 before sending"));
+}
+
 TEST_F(Wwanmd, CommandsAreAtLeast300MillisecondsApartOnTheWire) {
     const Handle handle(wwanmd_init(0, "tester"));
     ASSERT_NE(handle, nullptr);
@@ -519,6 +549,14 @@ TEST_F(Wwanmd, NoPauseIsMadeWhenTheLastCommandIsLongAgo) {
     EXPECT_EQ(wwanmd_command(handle.get(), &message), 0);
     EXPECT_TRUE(handle->last_io.tv_sec > before.tv_sec ||
                 (handle->last_io.tv_sec == before.tv_sec && handle->last_io.tv_nsec >= before.tv_nsec));
+}
+
+TEST_F(Wwanmd, TheHandshakeOfAReconnectionWaitsForItsPauseToo) {
+    const Handle handle = connect();
+    handle->last_io = {};
+    const Stopwatch watch;
+    EXPECT_EQ(wwanmd_open(handle.get()), 0);
+    EXPECT_GE(watch.elapsed(), milliseconds(300));
 }
 
 TEST_F(Wwanmd, ASilentDaemonIsWaitedForAtLeastFiveSeconds) {
@@ -741,6 +779,7 @@ TEST_F(Wwanmd, ADaemonThatReadsNothingMakesSendingTimeOut) {
         EXPECT_GE(watch.elapsed(), milliseconds(5000));
     }
     EXPECT_EQ(handle->failures, 1);
+    EXPECT_NE(handle->last_io.tv_sec, 0);  // an attempt is one even where it failed
     EXPECT_THAT(logTexts(), ElementsAre("sending to wwanmd0 timed out", "cannot send command to wwanmd0",
                                         "sending to wwanmd0 failed (1 failures)"));
 }
@@ -851,8 +890,10 @@ TEST_F(Wwanmd, ACardInResetIsNeverConnectedTo) {
     const Handle handle = connect();
     modem.tell("reset on");
     Message message("signal");
+    handle->failures = 2;
     EXPECT_EQ(wwanmd_open(handle.get()), -11);
     EXPECT_EQ(handle->fd, -1);
+    EXPECT_EQ(handle->failures, 2);  // no attempt was made
     EXPECT_THAT(logTexts(), ElementsAre("wwanmd0 is currently in reset"));
     EXPECT_EQ(wwanmd_command(handle.get(), &message), -1);
     EXPECT_EQ(wwanmd_send(handle.get(), &message), -1);
@@ -949,10 +990,16 @@ TEST_F(Wwanmd, BrokenPipesHaveTheirDefaultActionAfterwards) {
         command(handle, message);
         EXPECT_EQ(disposition(), SIG_DFL) << manner;
     }
-    // Where a receive ends before it reaches the socket, the signal stays ignored.
     modem.tell("normal");
     EXPECT_EQ(wwanmd_open(handle.get()), 0);
     EXPECT_EQ(disposition(), SIG_DFL);
+    for (auto *step : {wwanmd_send, wwanmd_recv}) {
+        ::signal(SIGPIPE, [](int) {});
+        Message message("c");
+        EXPECT_EQ(step(handle.get(), &message), 0);
+        EXPECT_EQ(disposition(), SIG_DFL);
+    }
+    // Where a receive ends before it reaches the socket, the signal stays ignored.
     modem.tell("reset on");
     Message message;
     EXPECT_EQ(wwanmd_recv(handle.get(), &message), -11);
