@@ -3,7 +3,6 @@
 
 #include <dlfcn.h>
 #include <fcntl.h>
-#include <linux/fs.h>
 #include <linux/loop.h>
 #include <sys/ioctl.h>
 #include <sys/mount.h>
@@ -392,11 +391,6 @@ public:
 
     bool ready() const { return ready_; }
 
-    bool makeReadOnly() {
-        const int on = 1;
-        return ::ioctl(fd_, BLKROSET, &on) == 0;
-    }
-
 private:
     std::string node_;
     int fd_ = -1;
@@ -405,9 +399,8 @@ private:
 
 TEST_F(StorageTest, SizesAreThoseOfTheDevice) {
     constexpr int64_t bytes = 5LL * 1024 * 1024 * 1024;  // beyond 32 bits
-    LoopDevice device("/dev/sda", bytes);
+    const LoopDevice device("/dev/sda", bytes);
     ASSERT_TRUE(device.ready()) << "no loop device";
-    ASSERT_TRUE(device.makeReadOnly());  // it is only looked at
     link("sda", pci + "usb1/1-1/block/sda");
     link("sda1", pci + "usb1/1-1/block/sda/sda1");
     const vxtest::NoLeaks leaks;
@@ -416,6 +409,15 @@ TEST_F(StorageTest, SizesAreThoseOfTheDevice) {
     ASSERT_NE(entry, nullptr);
     EXPECT_EQ(entry->size, bytes);
     EXPECT_STREQ(entry->mount_point, "");
+
+    // To look at a device is to read it: who may do no more sees its size too.
+    ASSERT_EQ(::chmod("/dev/sda", 0444), 0);
+    EXPECT_EQ(vxtest::inChild([] {
+                  if (::setresgid(65534, 65534, 65534) != 0 || ::setresuid(65534, 65534, 65534) != 0) return 99;
+                  const Storage seen(old_get_storage(0));
+                  return old_get_storage_device(seen.get(), 8, 0)->size == bytes ? 0 : 1;
+              }),
+              0);
 }
 
 // Something mounted under a source name of its own, as a partition would be.
