@@ -119,6 +119,7 @@ TEST_F(ConfigReaderSyntax, BytesAbove127AreOrdinary) {
 
 TEST_F(ConfigReaderSyntax, CommentsBeginInTheFirstColumn) {
     EXPECT_EQ(lineGives("#k=v\n", "k"), "(default)");
+    EXPECT_EQ(value("#k"), "(default)");
     EXPECT_EQ(lineGives(" #k=v\n", "#k"), "v");
 }
 
@@ -281,6 +282,10 @@ TEST_F(ConfigReaderTest, AddKeepsTheFirstValueAndPrintsTheDuplicate) {
     EXPECT_EQ(value("new"), "1");
     EXPECT_TRUE(reader.add(" odd key ", "  not stripped  "));
     EXPECT_EQ(value(" odd key "), "  not stripped  ");
+    String binary("a");
+    binary.concat("\0b", 2);
+    EXPECT_TRUE(reader.add("binary", binary));
+    EXPECT_TRUE(reader.getValue("binary", "").equals(binary)) << "a copy of the whole value";
 }
 
 TEST_F(ConfigReaderHelpers, StrcpystripCopiesAPartWithoutItsBlanks) {
@@ -298,6 +303,7 @@ TEST_F(ConfigReaderHelpers, StrcpystripCopiesAPartWithoutItsBlanks) {
     EXPECT_EQ(strip("     ", 0), "");
     EXPECT_EQ(strip("     ", 1), "(false)before");
     EXPECT_EQ(strip("\ta", 2), "\ta");  // a tab is no blank
+    EXPECT_EQ(strip("a\t", 2), "a\t");
     EXPECT_EQ(strip("abcdefg", 7), "abcdefg");
     EXPECT_EQ(strip("abcdefgh", 8), "(false)before");
     EXPECT_EQ(strip("abc", 3, 3), "(false)before");
