@@ -48,6 +48,7 @@ enum class Call {
     mmap,
     pread,
     pwrite,
+    pwriteWhole,
     attrInit,
     setRobust,
     setShared,
@@ -119,6 +120,7 @@ extern "C" ssize_t pwrite(int fd, const void *data, size_t size, off_t position)
         errno = ENOSPC;
         return -1;
     }
+    if (fails(Call::pwriteWhole)) return static_cast<ssize_t>(size) - 1;
     constexpr const char *name = sizeof(long) == 4 ? "pwrite64" : "pwrite";
     static const auto next = real<ssize_t (*)(int, const void *, size_t, off_t)>(name);
     const ssize_t result = next(fd, data, size, position);
@@ -213,6 +215,9 @@ protected:
         return "/lock" + std::to_string(::getpid()) + "." + std::to_string(++number);
     }
     static std::string object(const std::string &name) { return "/dev/shm" + name; }
+    static bool mapped(const std::string &name) {
+        return vxtest::readFile("/proc/self/maps").find(object(name)) != std::string::npos;
+    }
     static vxtest::LogLine created(const std::string &name) {
         return {LOG_DEBUG, "created recursive semaphore \"" + name + "\""};
     }
@@ -314,7 +319,7 @@ TEST_F(Plain, StaysFreeWhenItsUsersHaveGone) {
     };
     for (int i = 0; i < 3; ++i) {
         EXPECT_EQ(vxtest::inChild(use), 0);
-        EXPECT_EQ(::semctl(::semget(::ftok("/etc/hostname", 17), 1, 0), 0, GETVAL), 1) << i;
+        ASSERT_EQ(::semctl(::semget(::ftok("/etc/hostname", 17), 1, 0), 0, GETVAL), 1) << i;
     }
 }
 
@@ -484,7 +489,11 @@ TEST_F(Recursive, TheFirstCreatesTheSecondOpens) {
 
 TEST_F(Recursive, TheObjectIsOneMutexForItsOwnerOnlyAndStays) {
     const std::string name = fresh();
-    { const CRecursiveSemaphore lock(name); }
+    {
+        const CRecursiveSemaphore lock(name);
+        EXPECT_TRUE(mapped(name));
+    }
+    EXPECT_FALSE(mapped(name));
     struct stat status {};
     ASSERT_EQ(::stat(object(name).c_str(), &status), 0);
     EXPECT_EQ(status.st_size, static_cast<off_t>(sizeof(pthread_mutex_t)));
@@ -556,11 +565,13 @@ TEST_F(Recursive, TheGuardIsFreeAfterEveryConstruction) {
 }
 
 TEST_F(Recursive, AnEmptyObjectOfAKilledCreatorIsFinished) {
-    for (const size_t left : {size_t{0}, size_t{1}, sizeof(pthread_mutex_t) - 1}) {
+    constexpr size_t tooShort = sizeof(pthread_mutex_t) - 1;
+    for (const std::string &left : {std::string(), std::string(1, '\0'), std::string(tooShort, '\0'),
+                                    std::string(1, 'x'), std::string(tooShort, 'x')}) {
         const std::string name = fresh();
-        vxtest::writeFile(object(name), std::string(left, '\0'));
+        vxtest::writeFile(object(name), left);
         CRecursiveSemaphore lock(name);
-        EXPECT_EQ(log.take(), Lines{created(name)}) << left;
+        EXPECT_EQ(log.take(), Lines{created(name)}) << left.size();
         EXPECT_EQ(lock.lock(), 0);
         EXPECT_EQ(lock.lock(), 0);
         EXPECT_EQ(lock.unlock(), 0);
@@ -671,6 +682,7 @@ protected:
             EXPECT_EQ(lock.unlock(), -1);
             EXPECT_EQ(lock.makeConsistent(), -1);
         }
+        if (name.size() > 1) EXPECT_FALSE(mapped(name));
         EXPECT_EQ(log.take(), Lines{});
     }
     // The same name works once the cause is gone.
@@ -748,6 +760,7 @@ TEST_F(Unusable, WhenTheMutexCannotBeMade) {
         {Call::setType, recursive},
         {Call::mutexInit, "recursive-semaphore: unable to initialize mutex - errno=Resource temporarily unavailable"},
         {Call::pwrite, "recursive-semaphore: unable to initialize mutex - errno=No space left on device"},
+        {Call::pwriteWhole, "recursive-semaphore: unable to initialize mutex - errno=No space left on device"},
     };
     for (const auto &[call, text] : rows) {
         const std::string name = fresh();
