@@ -440,6 +440,7 @@ TEST(RangeValidators, WithoutAnErrorWordReadNothingAtAll) {
 
 TEST(ConvBinToHex, WritesTheLeastSignificantByteFirst) {
     vxtest::GuardedBuffer guarded(11);
+    std::memset(guarded.data(), untouched, guarded.size());
     const char *const result = convBinToHex(0x12345678, guarded.data());
     EXPECT_STREQ(guarded.data(), "0x78563412");
     EXPECT_GE(result, guarded.data());
@@ -453,6 +454,7 @@ TEST(ConvBinToHex, WritesTheLeastSignificantByteFirst) {
 // The dump, in a block of exactly the announced size.
 std::string dumped(const std::vector<uint32_t> &words, unsigned int byteCount, unsigned int lineBytes) {
     vxtest::GuardedBuffer guarded(nbrOfChars_forDataChunk2String(byteCount, lineBytes));
+    std::memset(guarded.data(), untouched, guarded.size());
     dataChunk2String(words.data(), guarded.data(), byteCount, lineBytes);
     return guarded.data();
 }
