@@ -177,13 +177,16 @@ TEST_F(SimpleSms, SendingNeedsAFile) {
                   return CSimpleSMS("1", "x").send() == -1 ? 0 : 1;
               }),
               0);
-    EXPECT_EQ(vxtest::inChild([] {
-                  ::signal(SIGXFSZ, SIG_IGN);
-                  const rlimit none{3, 3};  // the file takes three bytes
-                  ::setrlimit(RLIMIT_FSIZE, &none);
-                  return CSimpleSMS("1", "x").send() == -1 ? 0 : 1;
-              }),
-              0);
+    for (const size_t length : {1U, 100000U}) {  // noticed when the file is closed, and while it is written
+        EXPECT_EQ(vxtest::inChild([&] {
+                      ::signal(SIGXFSZ, SIG_IGN);
+                      const rlimit none{3, 3};  // the file takes three bytes
+                      ::setrlimit(RLIMIT_FSIZE, &none);
+                      return CSimpleSMS("1", std::string(length, 'x')).send() == -1 ? 0 : 1;
+                  }),
+                  0)
+            << length;
+    }
     EXPECT_TRUE(outgoing().empty());
     EXPECT_FALSE(vxtest::exists("/tmp/sent"));
 }

@@ -11,6 +11,7 @@
 #include <sys/sysmacros.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <filesystem>
@@ -273,6 +274,18 @@ TEST_F(StorageTest, UsbDisksAreMatchedToPorts) {
     EXPECT_THAT(found(), ElementsAre("sda(sda) 8/0"));
 }
 
+TEST_F(StorageTest, EveryColonOfAUsbNameIsADot) {
+    link("sda", pci + "usb1/1-1.2.3/block/sda");
+    usbName(0, "1-1:2:3\n");
+    EXPECT_THAT(found(), ElementsAre("sda(sda) 16/0"));
+}
+
+TEST_F(StorageTest, AnEmptyUsbNameMatchesNoDoubledSlash) {
+    link("sda", pci + "usb1//block/sda");
+    usbName(0, "1-1\n\n1-2\n");
+    EXPECT_THAT(found(), ElementsAre("sda(sda) 8/0"));
+}
+
 TEST_F(StorageTest, AUsbNameIsCutTo63Characters) {
     const std::string name(60, 'n');
     link("sda", pci + "usb1/" + name + "/block/sda");
@@ -287,14 +300,22 @@ TEST_F(StorageTest, AUsbNameIsCutTo63Characters) {
 TEST_F(StorageTest, EntriesAreOrderedByTypeThenIndex) {
     usbName(0, "1-1\n");
     usbName(1, "1-2\n");
-    link("sda", pci + "usb1/1-2/block/sda");
-    link("sdb", pci + "usb1/1-1/block/sdb");
-    link("sdc", pci + "ata1/block/sdc");
-    link("sdd", pci + "usb1/1-3/block/sdd");
-    link("mmcblk0p4", pci + "mmc_host/mmc0/mmcblk0p4");
-    link("mtdblock3", pci + "mtd/mtdblock3");
-    EXPECT_THAT(found(), ElementsAre("mtdblock3(mtdblock3) 2/0", "mmcblk0p4(mmcblk0) 4/0", "sdd(sdd) 8/0",
-                                     "sdc(sdc) 8/1", "sdb(sdb) 16/0", "sda(sda) 16/1"));
+    std::vector<std::pair<std::string, std::string>> links{
+        {"sda", "usb1/1-2/block/sda"},
+        {"sdb", "usb1/1-1/block/sdb"},
+        {"sdc", "ata1/block/sdc"},
+        {"sdd", "usb1/1-3/block/sdd"},
+        {"mmcblk0p4", "mmc_host/mmc0/mmcblk0p4"},
+        {"mtdblock3", "mtd/mtdblock3"},
+    };
+    // Found in one order and in the other, as the directory lists them by the time they were made.
+    for (int order = 0; order < 2; ++order) {
+        for (const auto &[name, target] : links) link(name, pci + target);
+        EXPECT_THAT(found(), ElementsAre("mtdblock3(mtdblock3) 2/0", "mmcblk0p4(mmcblk0) 4/0", "sdd(sdd) 8/0",
+                                         "sdc(sdc) 8/1", "sdb(sdb) 16/0", "sda(sda) 16/1"));
+        for (const auto &[name, target] : links) ::unlink((block + name).c_str());
+        std::reverse(links.begin(), links.end());
+    }
 }
 
 TEST_F(StorageTest, EqualKeysKeepTheOrderOfDiscovery) {
