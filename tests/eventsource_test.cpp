@@ -1362,6 +1362,8 @@ TEST_F(Eventsource, WholeSecondsAndMillisecondsAddUp) {
     init();
     Timer timer(2345, false);
     source->addTimer(&timer);
+    const std::string number = std::to_string(timerDescriptors().at(0));
+    EXPECT_THAT(vxtest::readFile("/proc/self/fdinfo/" + number), testing::HasSubstr("clockid: 1\n"));  // monotonic
     itimerspec setting{};
     ASSERT_EQ(::timerfd_gettime(timerDescriptors().at(0), &setting), 0);
     EXPECT_EQ(setting.it_interval.tv_sec, 2);

@@ -407,6 +407,8 @@ TEST_F(StatusFifo, IsIdentifiedByItsBufferedEvent) {
     write("/rx", "x");
     serve();
     EXPECT_EQ(recorder_.last, id);
+    const int fd = bufferevent_getfd(reinterpret_cast<bufferevent *>(id));
+    EXPECT_EQ(::fcntl(fd, F_GETFL) & (O_ACCMODE | O_NONBLOCK), O_RDWR | O_NONBLOCK);
 }
 
 TEST_F(StatusFifo, HasMode0666LessTheUmask) {
