@@ -31,8 +31,8 @@
  * - wwanmd_send(): 0.3 s + T, plus one wwanmd_open() when the connection is closed and one when it must be renewed,
  *   plus 5 s for the reset marker;
  * - wwanmd_recv(): T, with the same additions; T is one budget for all waits of the call, "BUSY" answers included;
- * - wwanmd_command(): the sum of wwanmd_send() and T, plus 5 s for the reset marker, plus one wwanmd_open() when the
- * failed receive reconnects.
+ * - wwanmd_command(): wwanmd_send() and T together, plus 5 s for the reset marker, plus one wwanmd_open() when the
+ *   failed receive reconnects.
  *
  * The handshake never reconnects from inside itself: whatever the daemon does to it - no answer, "ERROR", accepting and
  * closing at once - ends wwanmd_open() with -1, and the next call tries again. The deepest nesting is one handshake
