@@ -80,9 +80,14 @@ BENCHMARK(hmacOpenssl)->Name("HmacSha1_256/openssl");
 
 }  // namespace
 
-// OpenSSL looks at its capability mask when it is loaded, so the program starts itself once more with it set.
+// OpenSSL looks at its capability mask when it is loaded, so the program starts itself once more with it set.  An
+// emulated program cannot start itself: whoever counts it sets the mask.
 int main(int argc, char **argv) {
+#ifdef __arm__
+    constexpr char kMask[] = "OPENSSL_armcap";
+#else
     constexpr char kMask[] = "OPENSSL_ia32cap";
+#endif
     if (std::getenv(kMask) == nullptr) {
         ::setenv(kMask, "~0x20000000000:~0x20000000", 1);  // neither SSSE3 nor SHA instructions
         ::execv("/proc/self/exe", argv);

@@ -16,7 +16,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <filesystem>
 #include <string>
 
 namespace {
@@ -24,12 +23,12 @@ namespace {
 constexpr int card = 15;
 constexpr const char *path = "/var/run/wwanmd15/server";
 
-// The virtual gateway's modem daemon, which stands beside this program's directory.
+// The virtual gateway's modem daemon.
 class Daemon {
 public:
     Daemon() {
         if (::pipe2(control_.data(), O_CLOEXEC) == -1) std::abort();
-        const std::string program = std::filesystem::read_symlink("/proc/self/exe").parent_path() / "../gateway/wwanmd";
+        const std::string program = VXBENCH_GATEWAY_DIR "/wwanmd";
         pid_ = ::fork();
         if (pid_ == 0) {
             ::prctl(PR_SET_PDEATHSIG, SIGKILL);
@@ -40,7 +39,10 @@ public:
             ::_exit(127);
         }
         int fd = -1;
-        while ((fd = connected()) == -1) ::usleep(1000);
+        while ((fd = connected()) == -1) {
+            if (::waitpid(pid_, nullptr, WNOHANG) != 0) std::abort();
+            ::usleep(1000);
+        }
         ::close(fd);
     }
     ~Daemon() {
