@@ -17,6 +17,7 @@
 #include <new>
 #include <thread>
 
+#include "support/emulation.h"
 #include "support/files.h"
 #include "support/process.h"
 #include "support/resources.h"
@@ -203,6 +204,105 @@ TEST_F(FirewallLock, AFileThatCannotBeOpenedIsReported) {
                                                  "firewall_lock: unable to open lockfile "
                                                  "\"/var/lock/iptables_flock_file\" - errno=Read-only file system"}}));
     ASSERT_EQ(::umount("/var/lock"), 0);
+}
+
+LogLine cannotOpen(const char *reason) {
+    return {LOG_ERR, "firewall_lock: unable to open lockfile \"" + firewallPath + "\" - errno=" + reason};
+}
+
+// What firewall_lock() logs in a child, which must not wait; empty when it got the lock.
+std::vector<LogLine> refusal() {
+    vxtest::SyslogCapture log;
+    const int got = vxtest::inChild([] {
+        ::signal(SIGALRM, SIG_DFL);
+        ::alarm(10);
+        return firewall_unlock(firewall_lock());
+    });
+    EXPECT_EQ(got, 0);
+    return log.take();
+}
+
+TEST_F(FirewallLock, ALinkIsNotFollowedAndCreatesNoFile) {
+    const std::string veto = "/nvstatus/skip-reboot";
+    vxtest::makeDirs("/nvstatus");
+    ::unlink(firewallPath.c_str());
+    ASSERT_EQ(::symlink(veto.c_str(), firewallPath.c_str()), 0);
+    EXPECT_EQ(refusal(), std::vector<LogLine>{cannotOpen("Too many levels of symbolic links")});
+    EXPECT_FALSE(vxtest::exists(veto));
+    vxtest::writeFile(veto, "");
+    EXPECT_EQ(refusal(), std::vector<LogLine>{cannotOpen("Too many levels of symbolic links")});
+    ::unlink(veto.c_str());
+    ::unlink(firewallPath.c_str());
+}
+
+TEST_F(FirewallLock, WhatIsNotARegularFileIsRefusedWithoutWaiting) {
+    ::unlink(firewallPath.c_str());
+    ASSERT_EQ(::mkfifo(firewallPath.c_str(), 0666), 0);
+    EXPECT_EQ(refusal(), std::vector<LogLine>{cannotOpen("Invalid argument")});
+    ::unlink(firewallPath.c_str());
+    ASSERT_EQ(::mkdir(firewallPath.c_str(), 0777), 0);
+    EXPECT_EQ(refusal(), std::vector<LogLine>{cannotOpen("Is a directory")});
+    ::rmdir(firewallPath.c_str());
+}
+
+TEST_F(FirewallLock, AStrangersFileIsRefused) {
+    if (!vxtest::hasOtherUsers()) GTEST_SKIP() << "a box made by an ordinary user has no other";
+    ::unlink(firewallPath.c_str());
+    vxtest::writeFile(firewallPath, "");
+    ASSERT_EQ(::chown(firewallPath.c_str(), 12345, 12345), 0);
+    const int held = ::open(firewallPath.c_str(), O_RDONLY | O_CLOEXEC);
+    ASSERT_EQ(::flock(held, LOCK_EX), 0);
+    EXPECT_EQ(refusal(), std::vector<LogLine>{cannotOpen("Operation not permitted")});
+    ::close(held);
+    ::unlink(firewallPath.c_str());
+}
+
+// The maker of a file can delay whoever opens it.
+TEST_F(FirewallLock, AStrangersLeaseDoesNotDelay) {
+    if (!vxtest::hasOtherUsers()) GTEST_SKIP() << "a box made by an ordinary user has no other";
+    if (vxtest::emulated()) GTEST_SKIP() << "the emulator passes no leases on";
+    ::unlink(firewallPath.c_str());
+    vxtest::writeFile(firewallPath, "");
+    ASSERT_EQ(::chown(firewallPath.c_str(), 12345, 12345), 0);
+    int ready[2];
+    ASSERT_EQ(::pipe2(ready, O_CLOEXEC), 0);
+    const pid_t stranger = vxtest::startChild([&ready] {
+        if (::setresuid(12345, 12345, 12345) != 0) return 1;
+        ::signal(SIGIO, SIG_IGN);
+        const int fd = ::open(firewallPath.c_str(), O_RDWR | O_CLOEXEC);
+        const char leased = ::fcntl(fd, F_SETLEASE, F_WRLCK) == 0 ? 'y' : 'n';
+        if (::write(ready[1], &leased, 1) != 1) return 2;
+        for (;;) ::pause();
+    });
+    char leased = 'n';
+    ASSERT_EQ(::read(ready[0], &leased, 1), 1);
+    ASSERT_EQ(leased, 'y');
+    EXPECT_EQ(refusal(), std::vector<LogLine>{cannotOpen("Resource temporarily unavailable")});
+    ::kill(stranger, SIGKILL);
+    vxtest::waitChild(stranger);
+    ::close(ready[0]);
+    ::close(ready[1]);
+    ::unlink(firewallPath.c_str());
+}
+
+// A shell script that locks the file makes it with the mode of its mask.
+TEST_F(FirewallLock, AFileThatOthersCanOpenIsClosedToThem) {
+    if (!vxtest::hasOtherUsers()) GTEST_SKIP() << "a box made by an ordinary user has no other";
+    vxtest::writeFile(firewallPath, "");
+    for (const mode_t mode : {0644U, 0666U, 0660U, 0604U}) {
+        ASSERT_EQ(::chmod(firewallPath.c_str(), mode), 0);
+        firewall_lock_handle *handle = firewall_lock();
+        ASSERT_NE(handle, nullptr);
+        EXPECT_EQ(firewall_unlock(handle), 0);
+        struct stat status {};
+        ASSERT_EQ(::stat(firewallPath.c_str(), &status), 0);
+        EXPECT_EQ(status.st_mode & 07777u, 0600u);
+        EXPECT_EQ(vxtest::inChild([] {
+                      if (::setresuid(12345, 12345, 12345) != 0) return 1;
+                      return ::open(firewallPath.c_str(), O_RDONLY | O_CLOEXEC) == -1 && errno == EACCES ? 0 : 2;
+                  }),
+                  0);
+    }
 }
 
 TEST_F(FirewallLock, ALockThatTheKernelRefusesIsReported) {

@@ -14,6 +14,7 @@
 #include "vxutils/internal/fd.h"
 #include "vxutils/internal/log.h"
 #include "vxutils/internal/retry.h"
+#include "vxutils/internal/safe_open.h"
 
 using vx::Fd;
 
@@ -31,6 +32,16 @@ constexpr mode_t firewallLockMode = 0600;
 
 int flockThroughSignals(const Fd &fd, int operation) {
     return vx::retryEintr([&] { return ::flock(fd.get(), operation); });
+}
+
+// The directory may be open to all, so the file may be a stranger's, a link or a FIFO. Whoever can open it for reading
+// can hold its lock for ever: a file that a script made readable is closed to others.
+Fd openFirewallLock() {
+    struct stat status;
+    Fd fd = vx::openTrusted(firewallLockPath, O_RDONLY | O_CREAT, firewallLockMode, status);
+    const bool openToOthers = fd.valid() && (status.st_mode & (S_IRWXG | S_IRWXO)) != 0;
+    if (openToOthers) (void)::fchmod(fd.get(), firewallLockMode);
+    return fd;
 }
 
 }  // namespace
@@ -51,7 +62,7 @@ int release_lock(const char *path) {
 }
 
 firewall_lock_handle *firewall_lock(void) {
-    Fd fd(::open(firewallLockPath, O_RDONLY | O_CREAT | O_NOCTTY | O_CLOEXEC, firewallLockMode));
+    Fd fd = openFirewallLock();
     if (!fd.valid()) {
         vx::log(LOG_ERR, "firewall_lock: unable to open lockfile \"%s\" - errno=%s", firewallLockPath,
                 std::strerror(errno));

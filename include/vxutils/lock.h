@@ -48,6 +48,9 @@ VXUTILS_API int release_lock(const char *path);
 /**
  * Takes the packet-filter lock, an advisory lock on /var/lock/iptables_flock_file, and waits until it is free.
  *
+ * The file is made with mode 0600, and an existing one gets that mode: whoever can open the file can hold its lock. A
+ * link is not followed; what is not a regular file, or belongs neither to root nor to the effective user, is refused.
+ *
  * @return the handle, released with firewall_unlock(); NULL when the lock cannot be taken (logged, LOG_ERR)
  */
 VXUTILS_API firewall_lock_handle *firewall_lock(void);
