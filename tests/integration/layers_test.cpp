@@ -102,6 +102,20 @@ TEST(Layers, PublicHeadersIncludeNothingPrivate) {
     }
 }
 
+TEST(Layers, TheToolStandsOnThePublicInterfaceAlone) {
+    int families = 0;
+    for (const auto &entry : fs::recursive_directory_iterator(source / "tools")) {
+        const std::string kind = entry.path().extension();
+        if (kind != ".h" && kind != ".cpp") continue;
+        for (const std::string &included : includes(entry.path())) {
+            if (included.rfind("vxutils/", 0) != 0) continue;
+            EXPECT_TRUE(fs::exists(source / "include" / included)) << entry.path() << " includes " << included;
+            ++families;
+        }
+    }
+    EXPECT_GT(families, 0);
+}
+
 TEST(Layers, InternalHelpersIncludeNoFamilyAboveTheFoundation) {
     for (const auto &entry : fs::directory_iterator(source / "vxutils/internal")) {
         // A private header named after a family is that family's own and stands where the family stands.

@@ -1,0 +1,46 @@
+// SPDX-License-Identifier: MIT
+// The command-line tool as a test runs it.
+#pragma once
+
+#include <sys/types.h>
+
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "support/process.h"
+
+namespace vxtest {
+
+struct VxResult {
+    int status;  // 128 + signal number when a signal ended it
+    std::string out;
+    std::string err;
+};
+
+// How vx is run, where that differs from a script that collects what it prints.
+struct VxSetting {
+    std::string input = {};
+    std::string outputPath = {};  // file to print into, in place of the pipe
+    uid_t user = 0;
+    std::string directory = {};
+    std::vector<std::pair<std::string, std::string>> environment = {};
+};
+
+// Runs vx to its end. Words may hold any bytes but NUL.
+VxResult vx(const std::vector<std::string> &words, const VxSetting &setting = {});
+
+// Words that start vx, for a Process or a shell.
+std::vector<std::string> vxCommand(const std::vector<std::string> &words);
+
+// Runs a shell script in which "vx" is the tool.
+VxResult vxScript(const std::string &script, const VxSetting &setting = {});
+
+// What is wrong with a JSON document by the installed schema of this name ("config-get"); empty when it is valid.
+// Documents of a machine without Python are not looked at.
+std::string schemaErrors(const std::string &schema, const std::string &json);
+
+// Runs vx with -j, expects success and a document that is valid by the schema, and returns the document.
+std::string vxJson(const std::string &schema, const std::vector<std::string> &words, const VxSetting &setting = {});
+
+}  // namespace vxtest

@@ -1,0 +1,100 @@
+// SPDX-License-Identifier: MIT
+// What a command prints: records, plain for $(...) or as JSON.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <variant>
+#include <vector>
+
+#include "core/text.h"
+
+namespace tool {
+
+// Named values in a fixed order. By convention the first field names the thing and the second is its value.
+class Record {
+public:
+    struct Real {
+        double value;
+        int decimals;  // of the plain form
+    };
+    using Value = std::variant<std::monostate, std::string, int64_t, Real, bool>;
+    struct Field {
+        const char *name;
+        Value value;
+    };
+
+    Record &text(const char *name, std::string value) { return add(name, std::move(value)); }
+    Record &number(const char *name, int64_t value) { return add(name, value); }
+    Record &real(const char *name, double value, int decimals) { return add(name, Real{value, decimals}); }
+    Record &flag(const char *name, bool value) { return add(name, value); }
+    Record &unknown(const char *name) { return add(name, std::monostate()); }  // null, and empty in the plain form
+
+    const std::vector<Field> &fields() const { return fields_; }
+
+private:
+    Record &add(const char *name, Value value) {
+        fields_.push_back({name, std::move(value)});
+        return *this;
+    }
+
+    std::vector<Field> fields_;
+};
+
+// The plain form of a record.
+enum class Plain {
+    name,    // its first field alone
+    value,   // its second field alone
+    pair,    // first=second
+    row,     // the first field, then all others as key=value, on one line
+    fields,  // all as key=value lines
+};
+
+class Output {
+public:
+    void setJson(bool on) { json_ = on; }
+    void setQuiet(bool on) { quiet_ = on; }
+    void setRaw(bool on) { raw_ = on; }
+    bool json() const { return json_; }
+    bool raw() const { return raw_; }
+
+    // One document: an object, or an array of them.
+    void print(const Record &record, Plain form);
+    void print(const std::vector<Record> &records, Plain form);
+    void done();  // what a command prints that only acts: nothing, or {"done": true}
+
+    // One line of a command that follows something, written at once.
+    void event(const Record &record, Plain form);
+
+    // Plain text without a form: help, tables in a format of their own, bytes as they are.
+    void write(std::string_view bytes) { buffer_ += bytes; }
+    void line(std::string_view text);
+
+    // Writes out what was printed. Nothing reaches standard output before that, so that a command that fails half-way
+    // prints nothing.
+    void flush();
+
+    // A line on standard error; note() only unless quiet.
+    void message(std::string_view text) const;
+    void note(std::string_view text) const {
+        if (!quiet_) message(text);
+    }
+
+    // Command and subcommand, for remarks.
+    void setPlace(std::string place) { place_ = std::move(place); }
+    const std::string &place() const { return place_; }
+
+private:
+    Escape escape(Plain form) const;
+    std::string plain(const Record &record, Plain form) const;
+
+    bool json_ = false;
+    bool quiet_ = false;
+    bool raw_ = false;
+    std::string buffer_;
+    std::string place_;
+};
+
+}  // namespace tool

@@ -1,0 +1,163 @@
+// SPDX-License-Identifier: MIT
+// vx: the facilities of the library from the shell.
+#include <cstdio>
+#include <cstring>
+#include <exception>
+#include <new>
+
+#include "commands/commands.h"
+#include "core/command.h"
+#include "core/failure.h"
+#include "core/output.h"
+
+namespace tool {
+
+namespace {
+
+constexpr const Command *commands[] = {
+    &configCommand,
+};
+
+constexpr Option versionOption[] = {{0, "version", nullptr, "print the version"}};
+
+const Command *findCommand(std::string_view name) {
+    for (const Command *command : commands) {
+        if (name == command->name) return command;
+    }
+    return nullptr;
+}
+
+const Verb *findVerb(const Command &command, std::string_view name) {
+    for (const Verb &verb : command.verbs) {
+        if (name == verb.name) return &verb;
+    }
+    return nullptr;
+}
+
+template <typename Range>
+std::string unknown(const char *kind, std::string_view word, const Range &names) {
+    const char *near = nearest(word, names);
+    std::string text = std::string("unknown ") + kind + " '" + std::string(word) + "'";
+    if (near != nullptr) text += std::string("; did you mean '") + near + "'?";
+    return text;
+}
+
+// State of one call, for its error messages.
+struct Call {
+    Output out;
+    const Command *command = nullptr;
+    const Verb *verb = nullptr;
+};
+
+void printOverview(Output &out) {
+    out.write("usage: vx [-j] [-q] COMMAND [SUBCOMMAND] [OPTIONS] [ARGUMENTS]\n\n");
+    for (const Command *command : commands) {
+        std::string line = std::string("  ") + command->name;
+        line.append(12 - line.size(), ' ');
+        out.write(line + command->summary + "\n");
+    }
+    out.write("\nvx help COMMAND tells of a command, as vx COMMAND --help does.\n");
+}
+
+void setUp(Output &out, const Arguments &arguments) {
+    out.setJson(arguments.has("json"));
+    out.setQuiet(arguments.has("quiet"));
+    out.setRaw(arguments.has("raw"));
+}
+
+int help(const Call &call) {
+    Output out;
+    if (call.command == nullptr) {
+        printOverview(out);
+    } else {
+        out.write(helpOf(*call.command, call.verb));
+    }
+    out.flush();
+    return statusDone;
+}
+
+const Command &chooseCommand(const char *word) {
+    if (word == nullptr) throw Usage{"COMMAND is missing"};
+    const Command *command = findCommand(word);
+    if (command != nullptr) return *command;
+    std::vector<const char *> names;
+    for (const Command *one : commands) names.push_back(one->name);
+    throw Usage{unknown("command", word, names)};
+}
+
+const Verb &chooseVerb(const Command &command, const char *word) {
+    if (word == nullptr) throw Usage{"SUBCOMMAND is missing"};
+    const Verb *verb = findVerb(command, word);
+    if (verb != nullptr) return *verb;
+    std::vector<const char *> names;
+    for (const Verb &one : command.verbs) names.push_back(one.name);
+    throw Usage{unknown("subcommand", word, names)};
+}
+
+int perform(Call &call, int argc, char **argv) {
+    CommandLine line(argc, argv);
+    auto known = optionsOf(nullptr, nullptr);
+    known.push_back(versionOption);
+    line.readOptions(known);
+    const Arguments &arguments = line.arguments();
+    setUp(call.out, arguments);
+    if (arguments.has("help")) return help(call);
+    if (arguments.has("version")) {
+        call.out.line("vx " VX_VERSION);
+        call.out.flush();
+        return statusDone;
+    }
+
+    call.command = &chooseCommand(line.takeWord());
+    call.out.setPlace(call.command->name);
+    if (call.command->hasVerbs()) {
+        line.readOptions(optionsOf(call.command, nullptr));
+        setUp(call.out, arguments);
+        if (arguments.has("help")) return help(call);
+        call.verb = &chooseVerb(*call.command, line.takeWord());
+        call.out.setPlace(std::string(call.command->name) + " " + call.verb->name);
+    } else {
+        call.verb = call.command->verbs.data();
+    }
+    line.readRest(*call.command, *call.verb);
+    setUp(call.out, arguments);
+    if (arguments.has("help")) return help(call);
+    const int status = call.verb->run(arguments, call.out);
+    call.out.flush();
+    return status;
+}
+
+int refuse(const Call &call, const Usage &usage) {
+    call.out.message(usage.text);
+    if (call.command == nullptr) {
+        std::fputs("usage: vx [-j] [-q] COMMAND [SUBCOMMAND] [OPTIONS] [ARGUMENTS]; vx help lists the commands\n",
+                   stderr);
+    } else if (call.verb != nullptr) {
+        std::fprintf(stderr, "%s\n", usageLine(*call.command, *call.verb).c_str());
+    } else {
+        for (const Verb &verb : call.command->verbs)
+            std::fprintf(stderr, "%s\n", usageLine(*call.command, verb).c_str());
+    }
+    return statusUsage;
+}
+
+int run(int argc, char **argv) {
+    Call call;
+    try {
+        return perform(call, argc, argv);
+    } catch (const Usage &usage) {
+        return refuse(call, usage);
+    } catch (const Failure &failure) {
+        call.out.note(failure.text);
+        return failure.status;
+    } catch (const std::bad_alloc &) {
+        call.out.note("out of memory");
+        return statusFailed;
+    }
+}
+
+}  // namespace
+
+}  // namespace tool
+
+int main(int argc, char **argv) { return tool::run(argc, argv); }
