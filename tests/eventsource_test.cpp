@@ -702,6 +702,31 @@ TEST_F(Eventsource, TerminatesFromAnotherThread) {
     other.join();
 }
 
+TEST_F(Eventsource, BeforeInitTheLoopReturnsAtOnce) {
+    kernel.wait = [](epoll_event *, int) -> std::optional<int> { throw std::runtime_error("the loop waits"); };
+    Sink sink;
+    source->addSink(&sink, IFDEventsource::ET_READ);
+    log.take();
+    EXPECT_EQ(source->evtLoop(), -1);
+    EXPECT_EQ(source->evtLoop(), -1);
+    kernel.wait = nullptr;
+    source->removeSink(&sink);
+    log.take();
+    init();
+    source->terminate();
+    runUntilTerminated();
+}
+
+TEST_F(Eventsource, TheLoopReturnsAtOnceWhenInitHadNoPipe) {
+    {
+        const vxtest::DescriptorLimit limit(1);
+        EXPECT_EQ(source->init(), -1);
+    }
+    log.take();
+    kernel.wait = [](epoll_event *, int) -> std::optional<int> { throw std::runtime_error("the loop waits"); };
+    EXPECT_EQ(source->evtLoop(), -1);
+}
+
 TEST_F(Eventsource, TerminateWithoutInitIsLogged) {
     source->terminate();
     EXPECT_EQ(log.take(), (Lines{{errorLevel, "unable to write to command-pipe (fd=-1) - errno=Bad file descriptor"}}));
@@ -1115,6 +1140,92 @@ TEST_F(Eventsource, ASinkRemovedAndAddedAgainIsCalledOnlyForANewEvent) {
     EXPECT_EQ(sinks[0].reads, 1);
     EXPECT_EQ(sinks[1].reads, 1);
     EXPECT_NE(calledInRound[0], calledInRound[1]);  // the event fetched before the removal did not count
+}
+
+// Two sinks that are ready in one round; the first one that is called changes what the other one wants.
+class MaskInTheSameRound : public Eventsource {
+protected:
+    MaskInTheSameRound() {
+        if (source->init() != 0) ADD_FAILURE() << "no loop";
+        kernel.wait = [this](epoll_event *, int) -> std::optional<int> {
+            ++rounds;
+            return std::nullopt;
+        };
+    }
+    // Both sinks are registered with `before`; the first called gives the other one the masks `after`, one by one, and
+    // ends the loop in the round after next.
+    void run(IFDEventsource::event_type before, const std::vector<IFDEventsource::event_type> &after) {
+        for (size_t i = 0; i < 2; ++i) {
+            sinks[i].whenReadable = [this, i, after] {
+                sinks[i].clear();
+                called[i] = rounds;
+                if (called[1 - i] != 0) return;
+                for (const auto mask : after) source->modifyEventMask(&sinks[1 - i], mask);
+                end.fire();
+            };
+            sinks[i].whenWritable = [this, i] { writable[i] = rounds; };
+            source->addSink(&sinks[i], before);
+            sinks[i].fire();
+        }
+        end.whenReadable = [this] { source->terminate(); };
+        source->addSink(&end, IFDEventsource::ET_READ);
+        runUntilTerminated();
+    }
+    size_t other() const { return called[0] == 1 ? 1 : 0; }
+
+    std::array<Sink, 2> sinks;
+    Sink end;
+    std::array<int, 2> called{};
+    std::array<int, 2> writable{};
+    int rounds = 0;
+};
+
+TEST_F(MaskInTheSameRound, NothingIsDeliveredToASinkThatWantsNothingAnyMore) {
+    run(IFDEventsource::ET_READ, {IFDEventsource::ET_NONE});
+    EXPECT_EQ(called[other()], 0);
+}
+
+TEST_F(MaskInTheSameRound, OnlyWhatIsStillWantedIsDelivered) {
+    run(IFDEventsource::ET_READWRITE, {IFDEventsource::ET_WRITE});
+    EXPECT_EQ(called[other()], 0);
+    EXPECT_EQ(writable[other()] >= 1, true);
+}
+
+TEST_F(MaskInTheSameRound, WhatIsWantedAgainComesWithTheNextRound) {
+    run(IFDEventsource::ET_READ, {IFDEventsource::ET_NONE, IFDEventsource::ET_READ});
+    EXPECT_EQ(called[other()], 2);
+}
+
+TEST_F(MaskInTheSameRound, AWiderMaskKeepsThePendingEvent) {
+    run(IFDEventsource::ET_READ, {IFDEventsource::ET_READWRITE});
+    EXPECT_EQ(called[other()], 1);
+}
+
+TEST_F(MaskInTheSameRound, AnInnerLoopNarrowsTheEnclosingBatchToo) {
+    for (size_t i = 0; i < 2; ++i) {
+        sinks[i].whenReadable = [this, i] {
+            sinks[i].clear();
+            called[i] = rounds;
+            if (called[1 - i] != 0) return;
+            end.whenReadable = [this, i] {
+                source->modifyEventMask(&sinks[1 - i], IFDEventsource::ET_NONE);
+                source->terminate();
+            };
+            end.fire();
+            kernel.wait = [this](epoll_event *events, int) {
+                kernel.wait = nullptr;
+                events[0].events = EPOLLIN;
+                events[0].data.u64 = static_cast<uint64_t>(end.getFd());
+                return std::optional<int>(1);  // the inner loop's round: `end` alone
+            };
+            EXPECT_EQ(source->evtLoop(), 0);
+        };
+        source->addSink(&sinks[i], IFDEventsource::ET_READ);
+        sinks[i].fire();
+    }
+    source->addSink(&end, IFDEventsource::ET_READ);
+    runUntilTerminated();
+    EXPECT_EQ(called[0] + called[1], 1);
 }
 
 TEST_F(Eventsource, ASinkMayRemoveItselfAndComeBackAsAnother) {

@@ -5,6 +5,7 @@
 #include <devlog.h>
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <poll.h>
 #include <pthread.h>
 #include <sys/ioctl.h>
 #include <syslog.h>
@@ -33,6 +34,7 @@ constexpr int errorLevel = LOG_CRIT;  // what is logged at DL_ERROR
 
 std::atomic<pthread_mutex_t *> brokenMutex = nullptr;  // the one that cannot be locked
 thread_local bool locksFail = false;
+std::atomic<bool> writesFail = false;
 
 // What the constructor asks for and may not get.
 enum class Call { none, attrInit, setType, mutexInit };
@@ -70,6 +72,15 @@ extern "C" int pthread_mutex_lock(pthread_mutex_t *mutex) noexcept {
     }
     static const auto next = reinterpret_cast<int (*)(pthread_mutex_t *)>(::dlsym(RTLD_NEXT, "pthread_mutex_lock"));
     return next(mutex);
+}
+
+extern "C" ssize_t write(int fd, const void *data, size_t size) {
+    if (writesFail) {
+        errno = EIO;
+        return -1;
+    }
+    static const auto next = real<ssize_t (*)(int, const void *, size_t)>("write");
+    return next(fd, data, size);
 }
 
 // The boards write both levels of errors with one priority; here they are told apart.
@@ -329,6 +340,11 @@ protected:
         if (queue->init() != 0) ADD_FAILURE() << "no queue";
         capacity = ::fcntl(queue->getFd(), F_GETPIPE_SZ);
     }
+    // Calls the queue as the loop does, as long as it is readable.
+    void deliverWhatTheLoopWould() {
+        pollfd ready{queue->getFd(), POLLIN, 0};
+        while (::poll(&ready, 1, 0) == 1) queue->onReadable();
+    }
     void expectInOrder(int count) {
         consumer.whenMessage = [&, count](CMessageQueue *, const CQMsg &message) {
             if (message.code == count - 1) loop->terminate();
@@ -380,6 +396,44 @@ TEST_F(FullPipe, ASmallPipeWorksAlike) {
     expectInOrder(20000);
     ASSERT_EQ(queue->send(CQMsg(0)), 0);  // back to one byte for one message
     EXPECT_EQ(bytesInPipe(), 1);
+}
+
+TEST_F(FullPipe, EveryMessageArrivesWhenNoLaterWriteSucceeds) {
+    const int count = 2 * capacity + 10;
+    for (int i = 0; i < count; ++i) ASSERT_EQ(queue->send(CQMsg(i)), 0);
+    writesFail = true;
+    deliverWhatTheLoopWould();
+    writesFail = false;
+    ASSERT_EQ(consumer.codes.size(), static_cast<size_t>(count));
+    for (int i = 0; i < count; ++i) ASSERT_EQ(consumer.codes[static_cast<size_t>(i)], i);
+    EXPECT_EQ(consumer.errors, 0);
+    EXPECT_EQ(bytesInPipe(), 0);
+}
+
+TEST_F(FullPipe, AWriteThatFailsRefusesItsMessageAndDelaysNoOther) {
+    ASSERT_EQ(queue->send(CQMsg(1)), 0);
+    writesFail = true;
+    EXPECT_EQ(queue->send(CQMsg(2)), -1);
+    writesFail = false;
+    EXPECT_EQ(log.take(), (Lines{{errorLevel, "Unable to write to pipe - errno=Input/output error"}}));
+    ASSERT_EQ(queue->send(CQMsg(3)), 0);
+    deliverWhatTheLoopWould();
+    EXPECT_EQ(consumer.codes, (std::vector<int>{1, 3}));
+}
+
+TEST_F(FullPipe, AReadThatFailsLeavesTheMessageForTheNextCall) {
+    ASSERT_EQ(queue->send(CQMsg(1)), 0);
+    const int kept = ::dup(queue->getFd());
+    const int unreadable = ::open("/dev/null", O_WRONLY | O_CLOEXEC);
+    ASSERT_EQ(::dup2(unreadable, queue->getFd()), queue->getFd());
+    queue->onReadable();
+    EXPECT_EQ(consumer.errors, 1);
+    EXPECT_EQ(log.take(), (Lines{{errorLevel, "Unable to read from pipe - errno=Bad file descriptor"}}));
+    ASSERT_EQ(::dup2(kept, queue->getFd()), queue->getFd());
+    ::close(kept);
+    ::close(unreadable);
+    deliverWhatTheLoopWould();
+    EXPECT_EQ(consumer.codes, std::vector<int>{1});
 }
 
 TEST_F(FullPipe, AMillionMessagesOfEightThreadsIntoALoopThatStartsLate) {

@@ -7,6 +7,8 @@
 
 #include <cerrno>
 #include <cstring>
+#include <set>
+#include <utility>
 #include <vector>
 
 #include "vxutils/internal/errno_keeper.h"
@@ -39,9 +41,9 @@ itimerspec timerSetting(int ms, bool oneShot) {
     return setting;
 }
 
-std::pair<uintptr_t, int> bySink(const ITimeoutEventsink *sink, int fd) {
-    return {reinterpret_cast<uintptr_t>(sink), fd};
-}
+using SinkAndTimer = std::pair<uintptr_t, int>;
+
+SinkAndTimer bySink(const ITimeoutEventsink *sink, int fd) { return {reinterpret_cast<uintptr_t>(sink), fd}; }
 
 }  // namespace
 
@@ -50,34 +52,56 @@ ITimeoutEventsink::~ITimeoutEventsink() = default;
 IFDEventsource::~IFDEventsource() = default;
 ITimeoutEventsource::~ITimeoutEventsource() = default;
 
-// The events of one wake-up that were not served yet. Callbacks that remove a sink or a timer take its events out,
-// since the number may belong to another file by the time its turn comes. A callback may run the loop again: batches
-// nest, and what an inner loop has served is taken out of the outer ones, which would serve it a second time.
+// What makes the lookups fast. It is allocated separately, because programs in the field derive from the class and lay
+// it out in their own objects: its size may not change.
+struct CEPollEventsource::Tables {
+    std::set<SinkAndTimer> timersBySink;  // the same content as the timer map, ordered by sink
+    std::vector<Watched> byNumber;        // the same content as both maps for low descriptors, by number
+    Batch *batch = nullptr;               // the events being served, null outside evtLoop()
+};
+
+// The pending events of one wake-up. Callbacks that remove a sink or a timer drop its events, since the number may
+// belong to another file by the time its turn comes. A callback may run the loop again: batches nest, and the events
+// that an inner loop has served are dropped from the enclosing batches, which would serve them a second time.
 struct CEPollEventsource::Batch {
-    explicit Batch(CEPollEventsource &source) : owner(source), outer(source.batch_) { owner.batch_ = this; }
-    ~Batch() { owner.batch_ = outer; }
+    explicit Batch(Tables &tables) : owner(tables), outer(tables.batch) { owner.batch = this; }
+    ~Batch() { owner.batch = outer; }
     Batch(const Batch &) = delete;
     Batch &operator=(const Batch &) = delete;
 
-    // From this batch and all around it; none: nothing happens.
-    static void drop(Batch *batch, int fd) {
+    // Applies `change` to the pending events of `fd` in this batch and every enclosing one. No effect on null.
+    template <typename Change>
+    static void forEach(Batch *batch, int fd, Change change) {
         for (; batch != nullptr; batch = batch->outer) {
             for (epoll_event *event = batch->next; event != batch->end; ++event) {
-                if (event->data.fd == fd) event->data.fd = staleEvent;
+                if (event->data.fd == fd) change(*event);
             }
         }
     }
 
-    CEPollEventsource &owner;
+    // Drops the pending events of `fd`.
+    static void drop(Batch *batch, int fd) {
+        forEach(batch, fd, [](epoll_event &event) { event.data.fd = staleEvent; });
+    }
+
+    // Drops what `wanted` does not ask for from the pending events of `fd`.
+    static void narrow(Batch *batch, int fd, uint32_t wanted) {
+        forEach(batch, fd, [wanted](epoll_event &event) { event.events &= wanted; });
+    }
+
+    Tables &owner;
     Batch *const outer;
     epoll_event *next = nullptr;
     epoll_event *end = nullptr;
 };
 
 CEPollEventsource::CEPollEventsource()
-    : epollFd_(-1), commandWriteFd_(-1), commandReadFd_(-1), terminated_(false), batch_(nullptr) {}
+    : sinks_(ByDescriptor{new Tables}), epollFd_(-1), commandWriteFd_(-1), commandReadFd_(-1), terminated_(false) {}
 
-CEPollEventsource::~CEPollEventsource() { closeAll(); }
+CEPollEventsource::~CEPollEventsource() {
+    closeAll();
+    delete &tables();
+}
 
 void CEPollEventsource::closeAll() {
     for (int *fd : {&epollFd_, &commandWriteFd_, &commandReadFd_}) vx::Fd(std::exchange(*fd, -1)).reset();
@@ -128,6 +152,7 @@ void CEPollEventsource::modifyEventMask(IFDEventsink *sink, event_type type) {
     if (found == sinks_.end() || found->second.type == type) return;
     found->second.type = type;
     epoll_event event = eventFor(fd, eventTypeToEpoll(type));
+    Batch::narrow(tables().batch, fd, event.events);
     if (::epoll_ctl(epollFd_, EPOLL_CTL_MOD, fd, &event) == -1) {
         vx::log(DL_ERR, "Sink 0x%p (fd=%i) epoll_ctl(mod) failed - errno=%s", static_cast<void *>(sink), fd,
                 std::strerror(errno));
@@ -185,9 +210,11 @@ void CEPollEventsource::removeTimer(ITimeoutEventsink *sink) {
 bool CEPollEventsource::activeTimer(ITimeoutEventsink *sink) { return lowestTimerOf(sink) != -1; }
 
 int CEPollEventsource::evtLoop() {
+    if (terminated_) return 0;
+    if (commandReadFd_ == -1) return -1;  // a loop without its command pipe could not be ended
     std::vector<epoll_event> events(1);
     size_t room = events.size();
-    const Batch batch(*this);  // takes what onEpollWakeup() serves
+    const Batch batch(tables());  // takes what onEpollWakeup() serves
     while (!terminated_) {
         const size_t wanted = sinks_.size() + timers_.size();
         if (room < wanted) {
@@ -238,7 +265,8 @@ uint32_t CEPollEventsource::eventTypeToEpoll(event_type type) {
 }
 
 void CEPollEventsource::onEpollWakeup(epoll_event *events, int count) {
-    Batch &batch = *batch_;
+    const Tables &tables = this->tables();
+    Batch &batch = *tables.batch;
     batch.next = events;
     batch.end = events + count;
     while (batch.next != batch.end) {
@@ -247,7 +275,7 @@ void CEPollEventsource::onEpollWakeup(epoll_event *events, int count) {
         ++batch.next;
         if (fd == staleEvent) continue;
         const auto number = static_cast<size_t>(fd);
-        const Watched watched = number < shortcuts_.size() ? shortcuts_[number] : lookUp(fd);
+        const Watched watched = number < tables.byNumber.size() ? tables.byNumber[number] : lookUp(fd);
         if (watched.timer != nullptr) {
             Batch::drop(batch.outer, fd);
             onEpollTimeout(fd, watched.timer);
@@ -300,22 +328,25 @@ void CEPollEventsource::onUnknownDescriptor(int fd) {
 }
 
 CEPollEventsource::Watched CEPollEventsource::lookUp(int fd) const {
-    if (static_cast<size_t>(fd) < shortcuts_.size()) return shortcuts_[static_cast<size_t>(fd)];
+    const auto number = static_cast<size_t>(fd);
+    if (number < tables().byNumber.size()) return tables().byNumber[number];
     const auto sink = sinks_.find(fd);
     const auto timer = timers_.find(fd);
     return {sink == sinks_.end() ? nullptr : sink->second.sink, timer == timers_.end() ? nullptr : timer->second};
 }
 
-// To be called before a map gets the descriptor, so that no map knows a number of the table that the table does not.
+// Call this before inserting into a map, so that a throwing resize cannot leave a map entry without a table slot.
 void CEPollEventsource::reserveShortcut(int fd) {
     const auto number = static_cast<size_t>(fd);  // a negative one becomes larger than any limit
-    if (number < shortcuts_.size() || number >= shortcutLimit) return;
-    shortcuts_.resize((number / shortcutStep + 1) * shortcutStep);
+    std::vector<Watched> &byNumber = tables().byNumber;
+    if (number < byNumber.size() || number >= shortcutLimit) return;
+    byNumber.resize((number / shortcutStep + 1) * shortcutStep);
 }
 
 CEPollEventsource::Watched *CEPollEventsource::shortcut(int fd) {
     const auto number = static_cast<size_t>(fd);
-    return number < shortcuts_.size() ? &shortcuts_[number] : nullptr;
+    std::vector<Watched> &byNumber = tables().byNumber;
+    return number < byNumber.size() ? &byNumber[number] : nullptr;
 }
 
 bool CEPollEventsource::rememberSink(int fd, IFDEventsink *sink, event_type type) {
@@ -325,7 +356,7 @@ bool CEPollEventsource::rememberSink(int fd, IFDEventsink *sink, event_type type
     return true;
 }
 
-void CEPollEventsource::forgetSink(std::map<int, CSinkData>::iterator entry) {
+void CEPollEventsource::forgetSink(SinkMap::iterator entry) {
     dropFetchedEvents(entry->first);
     if (Watched *const quick = shortcut(entry->first)) quick->sink = nullptr;
     sinks_.erase(entry);
@@ -335,7 +366,7 @@ void CEPollEventsource::rememberTimer(int fd, ITimeoutEventsink *sink) {
     reserveShortcut(fd);
     const auto timer = timers_.emplace(fd, sink).first;
     try {
-        timersBySink_.insert(bySink(sink, fd));
+        tables().timersBySink.insert(bySink(sink, fd));
     } catch (...) {
         timers_.erase(timer);
         throw;
@@ -343,18 +374,18 @@ void CEPollEventsource::rememberTimer(int fd, ITimeoutEventsink *sink) {
     if (Watched *const entry = shortcut(fd)) entry->timer = sink;
 }
 
-void CEPollEventsource::forgetTimer(std::map<int, ITimeoutEventsink *>::iterator timer) {
+void CEPollEventsource::forgetTimer(TimerMap::iterator timer) {
     dropFetchedEvents(timer->first);
     if (Watched *const quick = shortcut(timer->first)) quick->timer = nullptr;
-    timersBySink_.erase(bySink(timer->second, timer->first));
+    tables().timersBySink.erase(bySink(timer->second, timer->first));
     timers_.erase(timer);
 }
 
 // A table by sink instead of a walk over all timers: a daemon that re-arms a thousand of them should not notice.
 int CEPollEventsource::lowestTimerOf(const ITimeoutEventsink *sink) const {
-    const auto found = timersBySink_.lower_bound(bySink(sink, 0));
-    const bool own = found != timersBySink_.end() && found->first == reinterpret_cast<uintptr_t>(sink);
+    const auto found = tables().timersBySink.lower_bound(bySink(sink, 0));
+    const bool own = found != tables().timersBySink.end() && found->first == reinterpret_cast<uintptr_t>(sink);
     return own ? found->second : -1;
 }
 
-void CEPollEventsource::dropFetchedEvents(int fd) { Batch::drop(batch_, fd); }
+void CEPollEventsource::dropFetchedEvents(int fd) { Batch::drop(tables().batch, fd); }

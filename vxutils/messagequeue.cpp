@@ -3,12 +3,11 @@
 #include <unistd.h>
 #include <vxutils/messagequeue.h>
 
-#include <algorithm>
-#include <array>
 #include <cerrno>
 #include <climits>
 #include <cstring>
 #include <mutex>
+#include <new>
 #include <system_error>
 
 #include "vxutils/internal/log.h"
@@ -17,14 +16,7 @@ namespace {
 
 constexpr char wakeUp = 'x';
 
-// As many bytes as an empty pipe is sure to take in one write.
-constexpr auto wakeUps = [] {
-    std::array<char, PIPE_BUF> bytes{};
-    bytes.fill(wakeUp);
-    return bytes;
-}();
-
-// Where a step fails the zeros stand: an ordinary mutex, good enough for whoever does not lock twice.
+// If any call fails the mutex stays zero-initialised, i.e. a plain non-recursive one.
 void initRecursive(pthread_mutex_t &mutex) {
     pthread_mutexattr_t attributes{};
     pthread_mutexattr_init(&attributes);
@@ -33,12 +25,48 @@ void initRecursive(pthread_mutex_t &mutex) {
     pthread_mutexattr_destroy(&attributes);
 }
 
+// Messages that were sent while the pipe was full have no byte in it. Their number is kept in an extra entry at the
+// front of the queue, because programs in the field derive from the class and its size may not change. There is no such
+// entry while the number is 0; its payload tells it from a message.
+char unsignalledMark;
+
+bool anyUnsignalled(const std::deque<CQMsg> &messages) {
+    return !messages.empty() && messages.front().data == &unsignalledMark;
+}
+
+void addUnsignalled(std::deque<CQMsg> &messages) {
+    if (!anyUnsignalled(messages)) {
+        messages.emplace_front(1, &unsignalledMark);
+    } else if (messages.front().code == INT_MAX) {
+        throw std::bad_alloc();
+    } else {
+        ++messages.front().code;
+    }
+}
+
+// False when every message has its byte.
+bool takeUnsignalled(std::deque<CQMsg> &messages) {
+    if (!anyUnsignalled(messages)) return false;
+    if (--messages.front().code == 0) messages.pop_front();
+    return true;
+}
+
+// False when there is none.
+bool takeOldest(std::deque<CQMsg> &messages, CQMsg &oldest) {
+    const size_t at = anyUnsignalled(messages) ? 1 : 0;
+    if (messages.size() <= at) return false;
+    oldest = messages[at];
+    messages[at] = messages.front();  // the extra entry stays at the front
+    messages.pop_front();
+    return true;
+}
+
 }  // namespace
 
 IMQEventsink::~IMQEventsink() = default;
 
 CMessageQueue::CMessageQueue(IMQEventsink *consumer, IFDEventsource *source)
-    : consumer_(consumer), source_(source), mutex_(), writeFd_(-1), readFd_(-1), unsignalled_(0) {
+    : consumer_(consumer), source_(source), mutex_(), writeFd_(-1), readFd_(-1) {
     initRecursive(mutex_);
 }
 
@@ -63,20 +91,20 @@ int CMessageQueue::init() {
 }
 
 // A message and its wake-up byte become visible together, under the lock. When the pipe is full the message is queued
-// without a byte, and so is every later one: bytes always belong to the oldest messages. The loop makes up for them
-// when it has used up the pipe.
+// without a byte, and so is every later one until the loop has made up for them. When memory runs out after the byte
+// was written, or its absence noted, the loop wakes once for nothing.
 int CMessageQueue::send(const CQMsg &message) {
     const std::lock_guard<CMessageQueue> guard(*this);
-    messages_.push_back(message);
-    if (unsignalled_ == 0) {
-        if (::write(writeFd_, &wakeUp, 1) == 1) return 0;
-        if (errno != EAGAIN) {
+    bool signalled = false;
+    if (!anyUnsignalled(messages_)) {
+        signalled = ::write(writeFd_, &wakeUp, 1) == 1;
+        if (!signalled && errno != EAGAIN) {
             vx::log(DL_ERROR, "Unable to write to pipe - errno=%s", std::strerror(errno));
-            messages_.pop_back();
             return -1;
         }
     }
-    ++unsignalled_;
+    if (!signalled) addUnsignalled(messages_);
+    messages_.push_back(message);
     return 0;
 }
 
@@ -85,29 +113,20 @@ void CMessageQueue::onReadable() {
     if (takeMessage(message)) consumer_->onMessage(this, message);
 }
 
+// A message without a byte leaves the pipe as it is: full, so that the loop calls again. The bytes are read when they
+// are as many as the messages. So the pipe is never empty while a message waits, and no write can fail that the loop
+// depends on.
 bool CMessageQueue::takeMessage(CQMsg &message) {
     std::unique_lock<CMessageQueue> guard(*this);
     char byte = 0;
-    if (::read(readFd_, &byte, 1) != 1) {
+    if (!takeUnsignalled(messages_) && ::read(readFd_, &byte, 1) != 1) {
         const int error = errno;
         guard.unlock();
         vx::log(DL_ERROR, "Unable to read from pipe - errno=%s", std::strerror(error));
         consumer_->onQueueError(this);
         return false;
     }
-    if (messages_.empty()) return false;  // a byte from a forked child, whose message stayed there
-    message = messages_.front();
-    messages_.pop_front();
-    if (unsignalled_ > 0) wakeForUnsignalled();
-    return true;
-}
-
-// Once all messages that had a byte are delivered the pipe is empty: room for a whole block.
-void CMessageQueue::wakeForUnsignalled() {
-    unsignalled_ = std::min(unsignalled_, messages_.size());
-    if (unsignalled_ == 0 || messages_.size() > unsignalled_) return;
-    const ssize_t written = ::write(writeFd_, wakeUps.data(), std::min(messages_.size(), wakeUps.size()));
-    if (written > 0) unsignalled_ -= static_cast<size_t>(written);
+    return takeOldest(messages_, message);
 }
 
 void CMessageQueue::onWritable() {}

@@ -41,9 +41,6 @@
 #include <vxutils/api.h>
 
 #include <map>
-#include <set>
-#include <utility>
-#include <vector>
 
 struct epoll_event;
 
@@ -143,7 +140,7 @@ public:
  */
 class VXUTILS_API CEPollEventsource : public IFDEventsource, public ITimeoutEventsource {
 public:
-    /** Opens nothing. */
+    /** Opens nothing. @throws std::bad_alloc */
     CEPollEventsource();
 
     /**
@@ -176,8 +173,9 @@ public:
     void removeSink(IFDEventsink *sink) override;
 
     /**
-     * Changes what @p sink is called for. Nothing happens when it is not registered, or (without a system call) when
-     * @p type is what was set last.
+     * Changes what @p sink is called for. No effect when it is not registered, or (without a system call) when @p type
+     * is what was set last. This also holds for an event that was already fetched: the sink is not called for anything
+     * that @p type does not ask for. The kernel reports what is still ready when it is asked for again.
      */
     void modifyEventMask(IFDEventsink *sink, event_type type) override;
 
@@ -204,9 +202,10 @@ public:
 
     /**
      * Waits for events and serves them in the order in which the kernel reports them, until terminate(). Blocks without
-     * limit when nothing happens. Needs a successful init(). A callback may run the loop again: what the inner loop
-     * serves is not served a second time by the outer one, and terminate() ends both.
-     * @return 0 after terminate(), at once when the source was terminated before; -1 when waiting became impossible
+     * limit when nothing happens. A callback may run the loop again: what the inner loop serves is not served a second
+     * time by the outer one, and terminate() ends both.
+     * @return 0 after terminate(), at once when the source was terminated before; -1 when waiting became impossible, at
+     *         once and without a message when init() has not opened the command pipe
      */
     int evtLoop();
 
@@ -219,8 +218,20 @@ private:
         IFDEventsink *sink;
         ITimeoutEventsink *timer;
     };
+    struct Tables;
     struct Batch;
 
+    /* Orders the sinks by descriptor. A std::map keeps its comparator where an empty one would only be padding: the
+     * pointer costs the class no room. */
+    struct ByDescriptor {
+        Tables *tables;
+
+        bool operator()(int left, int right) const { return left < right; }
+    };
+    typedef std::map<int, CSinkData, ByDescriptor> SinkMap;
+    typedef std::map<int, ITimeoutEventsink *> TimerMap;
+
+    Tables &tables() const { return *sinks_.key_comp().tables; }
     void closeAll();
     int epollAddEvent(int fd, uint32_t events);
     int epollRemoveEvent(int fd);
@@ -233,21 +244,18 @@ private:
     void reserveShortcut(int fd);
     Watched *shortcut(int fd);
     bool rememberSink(int fd, IFDEventsink *sink, event_type type);
-    void forgetSink(std::map<int, CSinkData>::iterator entry);
+    void forgetSink(SinkMap::iterator entry);
     void rememberTimer(int fd, ITimeoutEventsink *sink);
-    void forgetTimer(std::map<int, ITimeoutEventsink *>::iterator timer);
+    void forgetTimer(TimerMap::iterator timer);
     int lowestTimerOf(const ITimeoutEventsink *sink) const;
     void dropFetchedEvents(int fd);
 
-    std::map<int, CSinkData> sinks_;
-    std::map<int, ITimeoutEventsink *> timers_;
+    SinkMap sinks_;
+    TimerMap timers_;
     int epollFd_;
     int commandWriteFd_;
     int commandReadFd_;
     bool terminated_;
-    std::set<std::pair<uintptr_t, int>> timersBySink_;  // same content as timers_, found by sink
-    std::vector<Watched> shortcuts_;                    // same content as both maps for low descriptors, by number
-    Batch *batch_;                                      // events being served, null outside evtLoop()
 };
 
 #endif

@@ -109,7 +109,6 @@ public:
 
 private:
     bool takeMessage(CQMsg &message);
-    void wakeForUnsignalled();
 
     IMQEventsink *consumer_;
     IFDEventsource *source_;
@@ -117,7 +116,6 @@ private:
     int writeFd_;
     int readFd_;
     std::deque<CQMsg> messages_;
-    size_t unsignalled_;  // messages at the back that have no byte in the pipe yet, because it was full
 };
 
 #endif

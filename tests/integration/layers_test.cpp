@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <fstream>
 #include <map>
+#include <regex>
 #include <set>
 #include <string>
 #include <vector>
@@ -149,6 +150,25 @@ TEST(Layers, EveryFamilyHasASourceAndATest) {
         EXPECT_TRUE(fs::exists(source / "vxutils" / (family + ".cpp"))) << family;
         EXPECT_TRUE(fs::exists(source / "tests" / (family + "_test.cpp"))) << family;
     }
+}
+
+// tests/abi/layouts.cpp, whose assertions hold when it compiles.
+TEST(Layers, EveryPublicClassAndRecordHasItsSizeHeld) {
+    const std::regex definition(R"(^ *(typedef )?(class|struct) (VXUTILS_API )?([A-Za-z_0-9]+)( : .*)? \{$)");
+    const std::set<std::string> privateOnes{"CSinkData", "Watched", "ByDescriptor", "Entry"};
+    const fs::path layouts = source / "tests/abi/layouts.cpp";
+    int definitions = 0;
+    for (const auto &entry : fs::directory_iterator(source / "include/vxutils")) {
+        std::ifstream header(entry.path());
+        for (std::string line; std::getline(header, line);) {
+            std::smatch parts;
+            if (!std::regex_match(line, parts, definition) || privateOnes.count(parts[4]) != 0) continue;
+            const std::string name = parts[4].str() + ", ";
+            EXPECT_TRUE(mentions(layouts, "SIZE(" + name) || mentions(layouts, "::" + name)) << entry.path() << name;
+            ++definitions;
+        }
+    }
+    EXPECT_GE(definitions, 49);
 }
 
 }  // namespace
