@@ -4,6 +4,7 @@
 #include <vxutils/vxstring.h>
 #include <vxutils/xprintf.h>
 
+#include <cctype>
 #include <climits>
 #include <cstdint>
 #include <cstdlib>
@@ -388,6 +389,24 @@ TEST(StringCompare, NulsInsideCountForEqualsButEndTheTextForTheOperators) {
     EXPECT_EQ(text(blanks), std::string("\0x", 2));
 }
 
+TEST(StringCompare, OnlyLettersDifferInCaseAtEveryPlaceOfAWord) {
+    const auto folded = [](int c) { return c >= 'A' && c <= 'Z' ? c + ('a' - 'A') : c; };
+    for (size_t place = 0; place < 9; ++place) {
+        std::string one = "0123456789abcdefg";
+        std::string two = "0123456789ABCDEFG";
+        for (int a = 1; a < 256; ++a) {
+            one[place] = static_cast<char>(a);
+            for (const int difference : {0x00, 0x20, 0x01, 0x21, 0x40, 0x80, 0xa0}) {
+                const int b = a ^ difference;
+                if (b == 0) continue;
+                two[place] = static_cast<char>(b);
+                ASSERT_EQ(String(one.c_str()).equalsIgnoreCase(String(two.c_str())), folded(a) == folded(b))
+                    << a << " and " << b << " at " << place;
+            }
+        }
+    }
+}
+
 TEST(StringCompare, OperatorsBetweenStrings) {
     const String ab("ab");
     const String ac("ac");
@@ -582,6 +601,59 @@ TEST(StringSearch, BackwardsForATextMayAnswerANegativeStart) {
 }
 
 // Changes
+
+TEST(StringSearch, ATextIsFoundWhereverItBeginsAndEnds) {
+    for (long length = 1; length <= 12; ++length) {
+        const std::string needle = std::string("Needle-At-End").substr(0, static_cast<size_t>(length));
+        std::string swapped = needle;
+        for (char &c : swapped) c = static_cast<char>(std::isupper(c) != 0 ? std::tolower(c) : std::toupper(c));
+        for (long before = 0; before <= 20; ++before) {
+            for (long after = 0; after <= 9; ++after) {
+                const std::string text = std::string(static_cast<size_t>(before), 'n') +
+                                         std::string(needle == "N" ? "" : "N") + needle +
+                                         std::string(static_cast<size_t>(after), '.');
+                const long found = before + (needle == "N" ? 0 : 1);
+                const String s(text.c_str());
+                ASSERT_EQ(s.indexOf(String(needle.c_str())), length == 1 ? before : found) << text;
+                ASSERT_EQ(s.lastIndexOf(String(needle.c_str())), found) << text;
+                if (length > 2) ASSERT_EQ(s.indexOfIgnoreCase(String(swapped.c_str())), found) << text;
+                ASSERT_EQ(s.lastIndexOfIgnoreCase(String(swapped.c_str())), found) << text;
+            }
+        }
+    }
+}
+
+TEST(StringSearch, ATextThatOftenBeginsAndNeverGoesOnIsFoundAtTheEnd) {
+    const std::string begun(1000, 'a');
+    const String s((begun + "ab").c_str());
+    EXPECT_EQ(s.indexOf(String("ab")), 1000);
+    EXPECT_EQ(s.indexOf(String("ab"), 999), 1000);
+    EXPECT_EQ(s.indexOf(String("ab"), 1001), -1);
+    EXPECT_EQ(s.indexOf(String("aab")), 999);
+    EXPECT_EQ(s.indexOf(String("ac")), -1);
+    EXPECT_EQ(s.indexOfIgnoreCase(String("AB")), 1000);
+    EXPECT_EQ(String(("ba" + begun).c_str()).lastIndexOf(String("ba")), 0);
+}
+
+TEST(StringSearch, ASearchFromTheStartEndsAtTheFirstNul) {
+    String s;
+    s.concat("abcdefgh\0needle\0needle", 22);
+    EXPECT_EQ(s.indexOf('n'), -1);
+    EXPECT_EQ(s.indexOf('h'), 7);
+    EXPECT_EQ(s.indexOf('n', 8), -1);
+    EXPECT_EQ(s.indexOf('n', 9), 9);
+    EXPECT_EQ(s.indexOf('n', 10), -1);
+    EXPECT_EQ(s.indexOf(String("needle")), -1);
+    EXPECT_EQ(s.indexOf(String("needle"), 9), 9);
+    EXPECT_EQ(s.indexOf(String("needle"), 10), -1);
+    EXPECT_EQ(s.indexOf(String("needle"), 16), 16);
+    String nul;
+    nul.concat("\0x", 2);
+    EXPECT_EQ(s.indexOf(nul), 0) << "the text sought ends at its NUL as well";
+    EXPECT_EQ(s.indexOfIgnoreCase(nul), 8) << "strnicmp sees no difference after two NULs";
+    EXPECT_EQ(s.indexOfIgnoreCase(String("NEEDLE")), 9) << "the search itself goes on after a NUL";
+    EXPECT_EQ(s.lastIndexOf(String("needle")), 16);
+}
 
 TEST(StringChange, AppendingMovesOnlyWhenTheCapacityIsReached) {
     String s = times(8, 'a');

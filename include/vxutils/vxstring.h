@@ -163,8 +163,10 @@ public:
      */
     long getChars(long begin, long end, char *dst) const;
 
-    /** @return the byte at @p index, 0 for an index outside of the text. */
-    char operator[](long index) const;
+    /** @return the byte at @p index, 0 for an index outside of the text.  Inline: a walk makes no call. */
+    VXUTILS_API char operator[](long index) const {
+        return index < 0 || index >= length() ? '\0' : buffer_->text[index];
+    }
 
     /** @return the object itself. */
     const String &operator*() const;
@@ -192,10 +194,7 @@ public:
      * @{ */
 
     /** First @p c; none for NUL. */
-    VXUTILS_API long indexOf(char c) const {
-        const char *found = c == '\0' ? nullptr : strchr(buffer_->text, c);
-        return found == nullptr ? -1 : found - buffer_->text;
-    }
+    long indexOf(char c) const;
     /** First @p c at or after @p from; a negative @p from counts as 0. */
     long indexOf(char c, long from) const;
     /** First place where @p s stands; an empty @p s stands at 0. */
