@@ -6,7 +6,7 @@ sleep 60 >/tmp/configd.control & peers+=($!)  # keeps the pipe open between orde
 start_configd() {
   : >/tmp/configd.log
   configd --store /var/lib/configd/store "$@" >>/tmp/configd.log </tmp/configd.control & peers+=($!)
-  until grep -q ready /tmp/configd.log; do sleep 0.01; done
+  until_ready /tmp/configd.log
 }
 start_configd led.count=2 led.0.color=red led.1.color=green hostname=gateway-7
 order() {

@@ -11,7 +11,7 @@ show cat /tmp/orders.conf
 mkfifo /tmp/orders.control
 sleep 60 >/tmp/orders.control & peers+=($!)  # keeps the pipe open
 configd --store /tmp/orders.store orders.address=192.168.1.1/24 >/tmp/orders.configd </tmp/orders.control & peers+=($!)
-until grep -q ready /tmp/orders.configd; do sleep 0.01; done
+until_ready /tmp/orders.configd
 show configd_reader orders.address
 say "It gets four orders: a genuine one, one that was changed on its way, one from elsewhere, nonsense."
 mac=$(digest_check secret "reboot at 03:00")

@@ -1,7 +1,7 @@
 # Plug-ins and the status tree.
 chapter "A daemon extends itself with a plug-in"
 say "The host knows the plug-in by its path only; the library looks up its entry points and its class factory."
-show dynamicmodule_host "$build/examples/dynamicmodule_greeter.so" gateway
+show dynamicmodule_host /gateway/examples/dynamicmodule_greeter.so gateway
 say "A library that is not there. The log line carries errno, which this system's loader leaves alone; the reason is its own."
 show dynamicmodule_host /usr/lib/plugins/missing.so gateway
 

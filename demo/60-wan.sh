@@ -4,7 +4,7 @@ mkfifo /tmp/wanlink.control
 : >/tmp/wanlink.log
 sleep 60 >/tmp/wanlink.control & peers+=($!)  # keeps the pipe open between orders
 wanlink --delay 5 </tmp/wanlink.control >>/tmp/wanlink.log & peers+=($!)
-until grep -q ready /tmp/wanlink.log; do sleep 0.01; done
+until_ready /tmp/wanlink.log
 wanlink_order() {
   echo "$*" >/tmp/wanlink.control
   until grep -qx "ok $*" /tmp/wanlink.log; do sleep 0.01; done

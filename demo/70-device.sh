@@ -1,5 +1,5 @@
 # Device and modem: the board's lines, its identity, its storage and voltages, its modem and its messages.
-source "$top/demo/gateway.sh"
+source "$demo/gateway.sh"
 chapter "The board's inputs and outputs"
 say "From here on the whole virtual gateway runs; \"gw\" moves what a person would move on a real one."
 say "A stand-in for the board driver serves /sys/devices/vantorix: 4 inputs, 2 outputs. Input 2 is switched on; the example sets every output as the input of its number is."

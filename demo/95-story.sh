@@ -1,5 +1,5 @@
 # A story: the WAN supervisor of examples/wan_supervisor.cpp lives through a bad minute.
-source "$top/demo/gateway.sh"
+source "$demo/gateway.sh"
 chapter "The whole gateway, and a WAN supervisor that lives in it"
 say "Running now: configuration daemon, modem daemon of card 0, event manager, board with inputs, outputs and storage, SMS tool, WAN link with a gateway host and a target behind it. The example daemon wan_supervisor watches the link. What it says, and what the others get of it, as it happens, in seconds since the start:"
 gateway_up

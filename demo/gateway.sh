@@ -15,7 +15,7 @@ gateway_peer() {
   sleep infinity >"$gateway_dir/$name.orders" & peers+=($!)  # keeps the pipe open between orders
   : >"$gateway_dir/$name.log"
   "$@" <"$gateway_dir/$name.orders" >"$gateway_dir/$name.log" 2>&1 & peers+=($!)
-  until grep -q '^ready' "$gateway_dir/$name.log"; do sleep 0.01; done
+  until_ready "$gateway_dir/$name.log"
 }
 
 # gateway_order NAME ORDER...: steers a peer, waits until it has obeyed, shows its answer.

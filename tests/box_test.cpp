@@ -1,8 +1,10 @@
 // SPDX-License-Identifier: MIT
 // The test bench itself: what a box promises to the tests that run in it.
 #include <fcntl.h>
+#include <gmock/gmock.h>
 #include <ifaddrs.h>
 #include <linux/capability.h>
+#include <sys/mount.h>
 #include <sys/prctl.h>
 #include <sys/reboot.h>
 #include <sys/stat.h>
@@ -11,6 +13,8 @@
 
 #include <array>
 #include <cerrno>
+#include <string>
+#include <vector>
 
 #include "support/emulation.h"
 #include "support/files.h"
@@ -20,6 +24,8 @@
 
 namespace {
 
+using testing::HasSubstr;
+using testing::Not;
 using vxtest::LogLine;
 
 TEST(Box, WritesToRealPathsStayInTheBox) {
@@ -62,23 +68,158 @@ TEST(Box, EndsWithTheProgramsOwnStatus) {
     EXPECT_EQ(vxtest::run({"sh", "-c", "kill -9 $$"}).status, 128 + 9);
 }
 
-TEST(Box, WorksForAnOrdinaryUser) {
-    if (vxtest::emulated()) GTEST_SKIP() << "user-mode emulation cannot make namespaces";
-    const std::vector<std::string> box{
-        "setpriv", "--reuid=65534", "--regid=65534", "--clear-groups", vxtest::built("gateway/vxbox"), "--"};
-    auto command = box;
-    command.insert(command.end(), {"stat", "-f", "-c", "%T", "/usr"});
-    if (vxtest::run(command).text != "overlayfs\n") {
-        GTEST_SKIP() << "this kernel does not let an ordinary user's box lay over another box";
+// A box within this one, as a user calls it; the tests' own has more rights.
+class BoxCommand : public testing::Test {
+protected:
+    void SetUp() override {
+        if (vxtest::emulated()) GTEST_SKIP() << "user-mode emulation cannot make namespaces";
     }
-    const auto output = vxtest::run({"setpriv", "--reuid=65534", "--regid=65534", "--clear-groups",
-                                     vxtest::built("gateway/vxbox"), "--", "sh", "-c",
-                                     "echo x >/nvstatus.probe && rm -f /usr/lib/libvxutils.so.1.0.0 && "
-                                     "echo x >/usr/lib/libvxutils.so.1.0.0 && mkdir -p "
-                                     "/var/run/configd && id -u && hostname"});
+
+    static vxtest::Output box(std::vector<std::string> arguments, const std::vector<std::string> &wrapper = {}) {
+        std::vector<std::string> command = wrapper;
+        command.push_back(vxtest::built("gateway/vxbox"));
+        command.insert(command.end(), arguments.begin(), arguments.end());
+        return vxtest::run(command);
+    }
+
+    static vxtest::Output shell(std::vector<std::string> options, const std::string &script) {
+        options.insert(options.end(), {"--", "sh", "-c", script});
+        return box(options);
+    }
+};
+
+TEST_F(BoxCommand, HasTheMachinesProgramsAndNothingElseOfIt) {
+    for (const char *file :
+         {"/home/me/mine", "/root/mine", "/tmp/mine", "/var/log/mine", "/srv/mine", "/nvstatus/mine"})
+        vxtest::writeFile(file, "precious");
+    const auto output = shell({}, "cd /; ls usr/bin/env etc/passwd; ls home root tmp var/log srv; ls -d /nvstatus");
+    EXPECT_THAT(output.text, HasSubstr("usr/bin/env"));
+    EXPECT_THAT(output.text, HasSubstr("etc/passwd"));
+    EXPECT_THAT(output.text, Not(HasSubstr("mine")));
+    EXPECT_THAT(output.text, HasSubstr("cannot access '/nvstatus'"));
+}
+
+TEST_F(BoxCommand, ChangesInMemoryOnly) {
+    const auto output = shell({},
+                              "echo x >/usr/lib/new && rm /usr/bin/env && echo x >>/etc/passwd && "
+                              "mkdir -p /var/run/configd /made-inside /etc/oem && id -u && hostname");
     EXPECT_EQ(output.text, "0\ngateway\n");
+    EXPECT_FALSE(vxtest::exists("/usr/lib/new"));
+    EXPECT_TRUE(vxtest::exists("/usr/bin/env"));
+    EXPECT_FALSE(vxtest::exists("/made-inside"));
+}
+
+TEST_F(BoxCommand, ShownFilesAndDirectoriesAreReadOnlyForGood) {
+    vxtest::writeFile("/srv/my files/one", "precious");
+    const auto output = shell({"--show", "/srv/my files", "/data", "--show", "/srv/my files/one", "/other/name"},
+                              "cat /data/one /other/name; echo x >/data/one; echo x >/other/name; rm /data/one; "
+                              "mount -o remount,rw,bind /data; umount /data; echo x >/data/one; true");
+    EXPECT_THAT(output.text, HasSubstr("preciousprecious"));
+    EXPECT_THAT(output.text, HasSubstr("mount: /data: permission denied"));
     EXPECT_EQ(output.status, 0);
-    EXPECT_FALSE(vxtest::exists("/nvstatus.probe"));
+    EXPECT_EQ(vxtest::readFile("/srv/my files/one"), "precious");
+}
+
+TEST_F(BoxCommand, ShowsWhatItsOwnWorkingPlaceCovers) {
+    vxtest::writeFile("/tmp/mine", "precious");
+    EXPECT_EQ(shell({"--show", "/tmp", "/data"}, "ls /data").text, "mine\n");
+}
+
+TEST_F(BoxCommand, LinksOnTheWayToAPlaceDoNotLeadOutOfTheBox) {
+    const auto output = shell({"--show", "/etc/passwd", "/var/run/deep/file", "--show", "/etc", "/var/lock/etc"},
+                              "ls /run/deep /run/lock/etc/passwd");
+    EXPECT_EQ(output.text, "/run/lock/etc/passwd\n\n/run/deep:\nfile\n");
+    EXPECT_FALSE(vxtest::exists("/run/deep"));
+    EXPECT_FALSE(vxtest::exists("/run/lock/etc"));
+}
+
+TEST_F(BoxCommand, SharedDirectoriesCanBeWrittenTo) {
+    vxtest::makeDirs("/srv/shared");
+    EXPECT_EQ(shell({"--share", "/srv/shared", "/data"}, "echo result >/data/out").status, 0);
+    EXPECT_EQ(vxtest::readFile("/srv/shared/out"), "result\n");
+}
+
+TEST_F(BoxCommand, GivesNoRightsOverTheKernel) {
+    const std::string script =
+        "mknod /tmp/disk b 7 0; echo 1 >/proc/sys/kernel/panic; ls /dev/loop-control; "
+        "date -s 2000-01-01 >/dev/null; echo 1 >/proc/sys/net/ipv4/ip_forward && echo forwards";
+    const auto output = shell({}, script);
+    for (const char *part : {"mknod: /tmp/disk: Operation not permitted", "panic: Read-only file system",
+                             "cannot access '/dev/loop-control'", "cannot set date", "\nforwards\n"}) {
+        EXPECT_THAT(output.text, HasSubstr(part));
+    }
+    EXPECT_THAT(shell({"--privileged"}, "mknod /tmp/disk b 7 0 && echo made").text, "made\n");
+    EXPECT_THAT(shell({"--device", "loop-control"}, "ls /dev/loop-control").text, "/dev/loop-control\n");
+}
+
+TEST_F(BoxCommand, TellsItsOwnFailuresFromTheProgramsOnes) {
+    EXPECT_EQ(box({"/no/such/program"}).status, 127);
+    EXPECT_EQ(box({"/no/such/program"}).text, "vxbox: /no/such/program: No such file or directory\n");
+    EXPECT_EQ(box({"/etc/passwd"}).status, 126);
+    EXPECT_EQ(box({"--", "sh", "-c", "exit 9"}).status, 9);
+    for (const std::vector<std::string> &wrong :
+         {std::vector<std::string>{}, {"--frob"}, {"--show", "/etc"}, {"--show", "/etc", "relative", "true"}, {"--"}}) {
+        const auto output = box(wrong);
+        EXPECT_EQ(output.status, 125) << output.text;
+        EXPECT_THAT(output.text, HasSubstr("usage: vxbox"));
+    }
+    const auto missing = box({"--show", "/no/such/dir", "/data", "true"});
+    EXPECT_EQ(missing.status, 125);
+    EXPECT_EQ(missing.text, "vxbox: open /no/such/dir: No such file or directory\n");
+    EXPECT_EQ(box({"--help"}).status, 0);
+}
+
+// The kernel puts an overlay over an overlay, and no third one on top.
+TEST_F(BoxCommand, TheFixedDirectoriesAreWritableWhereNothingCanBeLaidOver) {
+    const std::string program = vxtest::built("gateway/vxbox");
+    const auto output = box({"--privileged", "--show", program, "/vxbox", "/vxbox", "--privileged", "sh", "-c",
+                             "stat -f -c %T /usr/lib; touch /usr/lib/new /etc/default/new /usr/local/sbin/new && "
+                             "ls /usr/bin/env && ! touch /usr/bin/new"});
+    EXPECT_EQ(output.status, 0) << output.text;
+    EXPECT_THAT(output.text, HasSubstr("tmpfs\n")) << "this machine's kernel lays a third one over";
+    EXPECT_THAT(output.text, HasSubstr("Read-only file system"));
+    EXPECT_FALSE(vxtest::exists("/usr/lib/new"));
+}
+
+// Kernel files that this box has covered would keep a user namespace from mounting /proc and /sys.
+void uncoverKernelFiles() {
+    for (const char *cover : {"/proc/sysrq-trigger", "/sys/power"}) ::umount2(cover, MNT_DETACH);
+}
+
+const std::vector<std::string> asOrdinaryUser{"setpriv", "--reuid=65534", "--regid=65534", "--clear-groups"};
+const std::vector<std::string> withoutAdmin{"setpriv", "--bounding-set", "-sys_admin", "--inh-caps", "-sys_admin"};
+
+TEST_F(BoxCommand, WorksForAnOrdinaryUserAndForRootWithoutTheRightToMount) {
+    uncoverKernelFiles();
+    for (const auto &wrapper : {asOrdinaryUser, withoutAdmin}) {
+        const auto output =
+            box({"--", "sh", "-c",
+                 "rm -f /usr/lib/libvxutils.so.1.0.0 && echo x >/usr/lib/libvxutils.so.1.0.0 && "
+                 "mkdir -p /var/run/configd /made-inside /etc/oem && ip netns add host && ip netns exec host true && "
+                 "id -u && hostname"},
+                wrapper);
+        EXPECT_EQ(output.text, "0\ngateway\n");
+        EXPECT_EQ(output.status, 0);
+        EXPECT_FALSE(vxtest::exists("/made-inside"));
+    }
+}
+
+TEST_F(BoxCommand, SaysWhatIsMissingWhereNoBoxCanBeMade) {
+    uncoverKernelFiles();
+    // A user namespace whose own limit is 0 allows no further one.
+    auto output = vxtest::run({"unshare", "--user", "--map-root-user", "sh", "-c",
+                               "echo 0 >/proc/sys/user/max_user_namespaces && exec setpriv --bounding-set -sys_admin "
+                               "--inh-caps -sys_admin " +
+                                   vxtest::built("gateway/vxbox") + " true"});
+    EXPECT_EQ(output.status, 125);
+    EXPECT_THAT(output.text, HasSubstr("vxbox: user namespace: No space left on device\n"));
+    EXPECT_THAT(output.text, HasSubstr("as root, sysctl user.max_user_namespaces"));
+
+    ASSERT_EQ(::mount("/dev/null", "/proc/version", nullptr, MS_BIND, nullptr), 0);
+    output = box({"true"}, withoutAdmin);
+    EXPECT_EQ(output.status, 125);
+    EXPECT_THAT(output.text, HasSubstr("vxbox: proc: Operation not permitted\n"));
+    EXPECT_THAT(output.text, HasSubstr("In a container: start it with --privileged"));
 }
 
 TEST(SyslogCapture, SeesPriorityAndText) {

@@ -1,3 +1,3 @@
 # The whole gateway behind the prompt and behind programs of the user's own.
-source "$top/demo/gateway.sh"
+source "$demo/gateway.sh"
 gateway_up

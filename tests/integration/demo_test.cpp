@@ -15,12 +15,8 @@ namespace {
 using testing::HasSubstr;
 using testing::Not;
 
-// In a box of its own, as scripts/demo does it: what a chapter leaves running ends with the box.
 std::vector<std::string> demoCommand(const std::vector<std::string> &arguments) {
-    const std::string source = VXTEST_SOURCE_DIR;
-    std::vector<std::string> command{
-        vxtest::built("gateway/vxbox"), "--bind", source,           "--bind", vxtest::built(""), "--", "bash",
-        source + "/demo/run",           source,   vxtest::built("")};
+    std::vector<std::string> command{VXTEST_SOURCE_DIR "/scripts/demo", "--build", vxtest::built("")};
     command.insert(command.end(), arguments.begin(), arguments.end());
     return command;
 }

@@ -44,10 +44,20 @@ std::string shell(const std::string &command, int expected = 0) {
 
 std::string compiler(const char *language) { return std::string(language) == "C" ? VXTEST_CC : VXTEST_CXX; }
 
+// Installing writes a list of the files into the build tree, which is read-only here: that list goes to memory.
+class Install : public testing::Test {
+protected:
+    static void SetUpTestSuite() {
+        shell(
+            "mkdir -p /tmp/over/upper /tmp/over/work && mount -t overlay overlay "
+            "-o lowerdir=" VXTEST_BUILD_DIR ",upperdir=/tmp/over/upper,workdir=/tmp/over/work " VXTEST_BUILD_DIR);
+    }
+};
+
 // Installs into the box's own /usr, so the machine stays as it is.
 void install() { shell("cmake --install " VXTEST_BUILD_DIR " && ldconfig"); }
 
-TEST(Install, PutsEverythingWhereAnImageExpectsIt) {
+TEST_F(Install, PutsEverythingWhereAnImageExpectsIt) {
     shell("DESTDIR=/tmp/image cmake --install " VXTEST_BUILD_DIR);
     const std::string lib = "/tmp/image/usr/lib/";
     EXPECT_TRUE(vxtest::exists(lib + "libvxutils.so.1.0.0"));
@@ -61,7 +71,7 @@ TEST(Install, PutsEverythingWhereAnImageExpectsIt) {
     }
 }
 
-TEST(Install, HonoursPrefixAndLibraryDirectory) {
+TEST_F(Install, HonoursPrefixAndLibraryDirectory) {
     const std::string options =
         "-DBUILD_TESTING=OFF -DCMAKE_INSTALL_PREFIX=/opt/fw -DCMAKE_INSTALL_LIBDIR=lib32 -DCMAKE_BUILD_TYPE=Debug";
     shell("cmake -S " VXTEST_SOURCE_DIR " -B /tmp/prefix-build -G Ninja " + options +
@@ -75,7 +85,7 @@ TEST(Install, HonoursPrefixAndLibraryDirectory) {
     EXPECT_FALSE(vxtest::exists("/tmp/prefix-build/gateway"));
 }
 
-TEST(Install, ACProgramBuildsWithPkgConfigAlone) {
+TEST_F(Install, ACProgramBuildsWithPkgConfigAlone) {
     install();
     vxtest::writeFile("/tmp/user/main.c", cProgram);
     shell("cd /tmp/user && " + compiler("C") +
@@ -83,7 +93,7 @@ TEST(Install, ACProgramBuildsWithPkgConfigAlone) {
     EXPECT_EQ(shell("/tmp/user/main-c"), "LINK-002A\n");
 }
 
-TEST(Install, ACxxProgramBuildsWithPkgConfigAlone) {
+TEST_F(Install, ACxxProgramBuildsWithPkgConfigAlone) {
     install();
     vxtest::writeFile("/tmp/user/main.cpp", cxxProgram);
     shell("cd /tmp/user && " + compiler("CXX") +
@@ -91,7 +101,7 @@ TEST(Install, ACxxProgramBuildsWithPkgConfigAlone) {
     EXPECT_EQ(shell("/tmp/user/main-cxx"), "WAN0\n");
 }
 
-TEST(Install, BothBuildWithTheCMakePackage) {
+TEST_F(Install, BothBuildWithTheCMakePackage) {
     install();
     vxtest::writeFile("/tmp/project/main.c", cProgram);
     vxtest::writeFile("/tmp/project/main.cpp", cxxProgram);
@@ -118,7 +128,7 @@ std::string readmeBlock(const std::string &language) {
     return readme.substr(begin + fence.size(), readme.find("\n```", begin) - begin - fence.size() + 1);
 }
 
-TEST(Install, TheExamplesOfTheReadmeCompile) {
+TEST_F(Install, TheExamplesOfTheReadmeCompile) {
     install();
     for (const std::string language : {"c", "cpp"}) {
         const std::string code = readmeBlock(language);

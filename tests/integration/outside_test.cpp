@@ -1,0 +1,269 @@
+// SPDX-License-Identifier: MIT
+// The gateway and the machine around it: nothing of the demo or of a program in it reaches a file of the machine. The
+// box of this test is the machine here; its whole file tree is recorded before and after.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <map>
+#include <set>
+#include <sstream>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "support/files.h"
+#include "support/process.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::Not;
+
+// Path and what there is to know about it: type, mode, owner, size, times of change, target of a link, and the content
+// of files that are not the system's own (whose time of change would tell).
+using Tree = std::map<std::string, std::string>;
+
+std::string describe(const fs::directory_entry &entry) {
+    const std::string path = entry.path().string();
+    struct stat about {};
+    if (::lstat(path.c_str(), &about) == -1) return "gone";
+    std::ostringstream text;
+    text << std::oct << about.st_mode << std::dec << ' ' << about.st_uid << ' ' << about.st_gid << ' ' << about.st_size
+         << ' ' << about.st_mtim.tv_sec << '.' << about.st_mtim.tv_nsec << ' ' << about.st_ctim.tv_sec << '.'
+         << about.st_ctim.tv_nsec;
+    if (S_ISLNK(about.st_mode)) text << " -> " << fs::read_symlink(entry.path()).string();
+    if (S_ISREG(about.st_mode) && path.rfind("/usr/", 0) != 0) text << " content " << vxtest::readFile(path);
+    return text.str();
+}
+
+// Left out: what the kernel makes up, and the trees of source and build, which this box cannot change either.
+Tree recordMachine() {
+    static const std::set<std::string> others{"/proc", "/sys", "/.sys", "/dev", VXTEST_SOURCE_DIR, VXTEST_BUILD_DIR};
+    Tree tree;
+    for (auto entry = fs::recursive_directory_iterator("/"); entry != fs::recursive_directory_iterator(); ++entry) {
+        if (others.count(entry->path().string()) != 0) {
+            entry.disable_recursion_pending();
+            continue;
+        }
+        tree[entry->path().string()] = describe(*entry);
+    }
+    return tree;
+}
+
+std::vector<std::string> differences(const Tree &before, const Tree &after) {
+    std::vector<std::string> found;
+    for (const auto &[path, about] : before) {
+        const auto now = after.find(path);
+        if (now == after.end()) {
+            found.push_back("removed: " + path);
+        } else if (now->second != about) {
+            found.push_back("changed: " + path);
+        }
+    }
+    for (const auto &[path, about] : after) {
+        if (before.count(path) == 0) found.push_back("added: " + path);
+    }
+    return found;
+}
+
+// Says where it runs and tries to write wherever it or the gateway might reach the machine.
+const std::string program = R"sh(#!/bin/sh
+echo "running $0"
+for dir in / /home/me "/srv/my programs" /tmp /tmp/gateway /tmp/status /var/log /work /mnt "$(dirname "$0")" "$OLDPWD" .; do
+  echo spoilt >"$dir/note" || :
+  ls "$dir" | sed "s|^|seen in $dir: |"
+done 2>/dev/null
+echo spoilt >>/var/log/qxlog
+rm -rf /tmp/gateway /tmp/status /usr/bin/env /etc/passwd /home /srv
+exit 7
+)sh";
+
+class Outside : public testing::Test {
+protected:
+    Outside() {
+        for (const char *dir : {"/home/me", "/srv/my programs", "/tmp/gateway", "/tmp/status", "/var/log", "/work"}) {
+            vxtest::makeDirs(dir);
+            vxtest::writeFile(std::string(dir) + "/mine", "precious");
+        }
+        vxtest::writeFile("/var/log/qxlog", "precious");
+        EXPECT_EQ(::chdir("/work"), 0);
+        EXPECT_EQ(::setenv("HOME", "/home/me", 1), 0);
+    }
+
+    static void install(const std::string &path) {
+        vxtest::writeFile(path, program);
+        ASSERT_EQ(::chmod(path.c_str(), 0755), 0);
+    }
+
+    static vxtest::Output demo(const std::vector<std::string> &arguments) {
+        std::vector<std::string> command{VXTEST_SOURCE_DIR "/scripts/demo", "--build", VXTEST_BUILD_DIR};
+        command.insert(command.end(), arguments.begin(), arguments.end());
+        return vxtest::run(command);
+    }
+
+    // Runs the programs as the arguments say and expects that the machine stays as it is.
+    static void expectNothingTouched(const std::vector<std::vector<std::string>> &runs) {
+        const Tree before = recordMachine();
+        ASSERT_GT(before.size(), 1000U) << "a record of the whole machine";
+        for (const auto &arguments : runs) {
+            const auto output = demo(arguments);
+            EXPECT_EQ(output.status, 7) << testing::PrintToString(arguments) << output.text;
+            EXPECT_THAT(output.text, HasSubstr("running /program/")) << testing::PrintToString(arguments);
+        }
+        EXPECT_THAT(differences(before, recordMachine()), IsEmpty());
+    }
+};
+
+TEST_F(Outside, TheRecordShowsEveryKindOfChange) {
+    vxtest::writeFile("/var/log/gone", "");
+    vxtest::writeFile("/usr/lib/old", "12345");
+    const Tree before = recordMachine();
+    EXPECT_THAT(differences(before, recordMachine()), IsEmpty());
+    vxtest::writeFile("/usr/lib/old", "67890");
+    vxtest::writeFile("/home/me/new", "");
+    ::unlink("/var/log/gone");
+    const auto found = differences(before, recordMachine());
+    for (const char *one : {"removed: /var/log/gone", "changed: /usr/lib/old", "added: /home/me/new"}) {
+        EXPECT_THAT(found, testing::Contains(one));
+    }
+}
+
+TEST_F(Outside, TheWholeDemoTouchesNothing) {
+    const Tree before = recordMachine();
+    const auto output = demo({});
+    EXPECT_EQ(output.status, 0) << output.text;
+    EXPECT_THAT(output.text, HasSubstr("That was the library at work."));
+    EXPECT_THAT(differences(before, recordMachine()), IsEmpty());
+}
+
+TEST_F(Outside, ProgramsThatLieWhereTheGatewayWorksTouchNothing) {
+    for (const char *path : {"/tmp/prog", "/var/log/prog", "/prog"}) install(path);
+    expectNothingTouched({{"--run", "/tmp/prog"},
+                          {"--with-directory", "--run", "/tmp/prog"},
+                          {"--run", "/var/log/prog"},
+                          {"--with-directory", "--run", "/var/log/prog"},
+                          {"--run", "/prog"},
+                          {"--with-directory", "--run", "/prog"}});
+}
+
+TEST_F(Outside, ProgramsOfTheUsersOwnDirectoriesTouchNothing) {
+    for (const char *path : {"/home/me/prog", "/srv/my programs/my prog", "/work/here"}) install(path);
+    ASSERT_EQ(::symlink("/srv/my programs/my prog", "/tmp/link"), 0);
+    expectNothingTouched({{"--run", "/home/me/prog"},
+                          {"--run", "/srv/my programs/my prog"},
+                          {"--with-directory", "--run", "/srv/my programs/my prog"},
+                          {"--run", "/tmp/link"},
+                          {"--run", "./here"}});
+}
+
+TEST_F(Outside, AProgramSeesNeitherTheUsersFilesNorTheGatewayTheirs) {
+    install("/home/me/prog");
+    const auto output = demo({"--run", "/home/me/prog"});
+    EXPECT_THAT(output.text, Not(HasSubstr("mine")));
+    EXPECT_THAT(output.text, HasSubstr("seen in /program: prog\n"));
+    EXPECT_THAT(demo({"--with-directory", "--run", "/home/me/prog"}).text, HasSubstr("seen in /program: mine\n"));
+}
+
+TEST_F(Outside, OnlyASharedDirectoryCanBeWrittenTo) {
+    const Tree before = recordMachine();
+    const auto output = demo({"--share", "/srv/my programs", "--run", "sh", "-c",
+                              "cat '/share/srv/my programs/mine'; echo x >'/share/srv/my programs/new'"});
+    EXPECT_EQ(output.text, "precious");
+    EXPECT_EQ(output.status, 0);
+    EXPECT_THAT(differences(before, recordMachine()),
+                testing::ElementsAre("changed: /srv/my programs", "added: /srv/my programs/new"));
+}
+
+TEST_F(Outside, WhatIsReadOnlyStaysSoForRootInTheGateway) {
+    install("/srv/my programs/prog");
+    const Tree before = recordMachine();
+    const auto output = demo({"--with-directory", "--run", "/srv/my programs/prog"});
+    const auto attack =
+        demo({"--with-directory", "--run", "sh", "-c",
+              "mount -o remount,rw,bind /gateway/demo; umount /gateway/demo; echo x >/gateway/demo/new; "
+              "mknod /tmp/disk b 259 0; echo 1 >/proc/sys/kernel/panic; true"});
+    EXPECT_EQ(attack.status, 0) << attack.text;
+    for (const char *refusal : {"mknod: /tmp/disk: Operation not permitted", "/proc/sys/kernel/panic: Read-only"}) {
+        EXPECT_THAT(attack.text, HasSubstr(refusal));
+    }
+    EXPECT_FALSE(vxtest::exists(VXTEST_SOURCE_DIR "/demo/new"));
+    EXPECT_THAT(differences(before, recordMachine()), IsEmpty());
+}
+
+TEST_F(Outside, AnOrdinaryUsersProgramRunsAndTouchesNothing) {
+    // Devices as a device manager leaves them, and kernel files that no box has covered yet.
+    vxtest::makeDirs("/tmp/dev");
+    ASSERT_EQ(::mount("tmpfs", "/tmp/dev", "tmpfs", 0, "mode=0755"), 0);
+    for (const auto &[name, minor] : {std::pair("net/tun", 200U), std::pair("fuse", 229U)}) {
+        const std::string node = "/tmp/dev/" + fs::path(name).filename().string();
+        ASSERT_EQ(::mknod(node.c_str(), S_IFCHR | 0666, makedev(10, minor)), 0);
+        ASSERT_EQ(::chmod(node.c_str(), 0666), 0);
+        ASSERT_EQ(::mount(node.c_str(), (std::string("/dev/") + name).c_str(), nullptr, MS_BIND, nullptr), 0);
+    }
+    for (const char *cover : {"/proc/sysrq-trigger", "/sys/power"}) ::umount2(cover, MNT_DETACH);
+    install("/srv/my programs/prog");
+    ASSERT_EQ(::chmod("/srv/my programs", 0777), 0);
+    const Tree before = recordMachine();
+    const auto output =
+        vxtest::run({"setpriv", "--reuid=1000", "--regid=1000", "--clear-groups", VXTEST_SOURCE_DIR "/scripts/demo",
+                     "--build", VXTEST_BUILD_DIR, "--with-directory", "--run", "/srv/my programs/prog"});
+    EXPECT_EQ(output.status, 7) << output.text;
+    EXPECT_THAT(output.text, HasSubstr("running /program/prog"));
+    EXPECT_THAT(differences(before, recordMachine()), IsEmpty());
+}
+
+// A program's own libraries are not needed on the machine: both names are in the gateway's /usr/lib.
+TEST_F(Outside, TheGatewayHasTheLibraryWhereProgramsLookForIt) {
+    const auto output = demo({"--run", "sh", "-c",
+                              "ls /usr/lib/libvxutils.so.1 /usr/lib/libvxutils.so.1.0.0; "
+                              "ldd /gateway/examples/led_daemon | sed -n 's/.*=> \\(.*libvxutils[^ ]*\\).*/\\1/p'"});
+    EXPECT_THAT(output.text, testing::MatchesRegex("/usr/lib/libvxutils.so.1\n/usr/lib/libvxutils.so.1.0.0\n"
+                                                   "(/usr)?/lib/libvxutils.so.1\n"));
+}
+
+TEST_F(Outside, TheDemoSaysWhatIsWrongWithItsArguments) {
+    vxtest::writeFile("/work/text", "no program");
+    const auto refused = [](const std::vector<std::string> &arguments, int status, const char *message) {
+        const auto output = demo(arguments);
+        EXPECT_EQ(output.status, status) << output.text;
+        EXPECT_THAT(output.text, HasSubstr(message));
+    };
+    refused({"--run", "/no/such/prog"}, 127, "/no/such/prog: not found");
+    refused({"--run", "no-such-prog"}, 127, "no-such-prog: not found");
+    refused({"--run", "/work/text"}, 126, "/work/text: not a program that can be run");
+    refused({"--run", "/work"}, 126, "/work: not a program that can be run");
+    refused({"--run"}, 2, "--run needs a program");
+    refused({"--share", "/no/such/dir", "--run", "true"}, 2, "/no/such/dir is not a directory");
+    refused({"--frob"}, 2, "unknown option --frob");
+}
+
+TEST_F(Outside, TheDemoIsFoundThroughASymbolicLink) {
+    ASSERT_EQ(::symlink(VXTEST_SOURCE_DIR "/scripts/demo", "/tmp/demo"), 0);
+    ASSERT_EQ(::symlink("../tmp/demo", "/home/demo-too"), 0);
+    const auto output = vxtest::run({"/home/demo-too", "--build", VXTEST_BUILD_DIR, "--only", "00-"});
+    EXPECT_EQ(output.status, 0) << output.text;
+    EXPECT_THAT(output.text, HasSubstr("A gateway in a throwaway root"));
+}
+
+TEST_F(Outside, TextIsFoldedAtTheTerminalsWidth) {
+    const auto output = vxtest::run(
+        {"script", "-qec", "stty cols 50; " VXTEST_SOURCE_DIR "/scripts/demo --build " VXTEST_BUILD_DIR " --only 00-",
+         "/dev/null"});
+    EXPECT_EQ(output.status, 0) << output.text;
+    std::istringstream lines(output.text);
+    size_t longest = 0;
+    for (std::string line; std::getline(lines, line);) {
+        if (line.find("==") == std::string::npos) longest = std::max(longest, line.find_last_not_of("\r ") + 1);
+    }
+    EXPECT_LE(longest, 50U) << output.text;
+    EXPECT_GT(longest, 30U) << output.text;
+}
+
+}  // namespace
