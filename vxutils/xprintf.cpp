@@ -305,7 +305,9 @@ template <typename Out>
 inline size_t usedLength(const Out &out, Field field, const char *text) {
     size_t most = std::max(out.reach(), size_t{field.width});
     if (field.precision >= 0) most = std::min(most, static_cast<size_t>(field.precision));
-    return ::strnlen(text, most);
+    // As strnlen, which takes 5 times the instructions of memchr on the boards.
+    const void *nul = std::memchr(text, '\0', most);
+    return nul == nullptr ? most : static_cast<size_t>(static_cast<const char *>(nul) - text);
 }
 
 template <typename Out>
