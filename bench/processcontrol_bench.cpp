@@ -11,6 +11,9 @@
 #include <algorithm>
 #include <csignal>
 #include <cstdio>
+#include <map>
+#include <string>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -33,6 +36,8 @@ public:
     }
     Sleepers(const Sleepers &) = delete;
     Sleepers &operator=(const Sleepers &) = delete;
+
+    const std::vector<pid_t> &pids() const { return pids_; }
 
 private:
     std::vector<pid_t> pids_;
@@ -92,9 +97,82 @@ void incrementalByHand(benchmark::State &state) {
     for (auto _ : state) walkByHand();
 }
 
+// Finding and counting in a list of so many processes beside the same processes in standard containers.
+
+void findByPidOurs(benchmark::State &state) {
+    const Sleepers sleepers(static_cast<size_t>(state.range(0)));
+    ProcessControl control;
+    control.refresh(false);
+    for (auto _ : state) {
+        for (const pid_t pid : sleepers.pids()) benchmark::DoNotOptimize(control.getProcessEntryByPid(pid));
+    }
+}
+
+void findByPidMap(benchmark::State &state) {
+    const Sleepers sleepers(static_cast<size_t>(state.range(0)));
+    std::map<int, std::string> processes;
+    for (const pid_t pid : sleepers.pids()) processes.emplace(pid, "sleeper");
+    for (auto _ : state) {
+        for (const pid_t pid : sleepers.pids()) benchmark::DoNotOptimize(processes.find(pid));
+    }
+}
+
+// The least that a list can do: an entry's number, then its successor, both by a virtual call.
+struct Link {
+    Link(int number, Link *after) : pid(number), next(after) {}
+    virtual ~Link() = default;
+    virtual int getPid() const { return pid; }
+    virtual Link *getNext() const { return next; }
+    int pid;
+    Link *next;
+};
+
+void findByPidList(benchmark::State &state) {
+    const Sleepers sleepers(static_cast<size_t>(state.range(0)));
+    Link *head = nullptr;
+    for (auto pid = sleepers.pids().rbegin(); pid != sleepers.pids().rend(); ++pid) head = new Link(*pid, head);
+    for (auto _ : state) {
+        for (const pid_t pid : sleepers.pids()) {
+            Link *link = head;
+            while (link != nullptr && link->getPid() != pid) {
+                link = link->getNext();
+                benchmark::DoNotOptimize(link);
+            }
+        }
+    }
+    while (head != nullptr) delete std::exchange(head, head->next);
+}
+
+void countByNameOurs(benchmark::State &state) {
+    const Sleepers sleepers(static_cast<size_t>(state.range(0)));
+    ProcessControl control;
+    control.refresh(false);
+    for (auto _ : state) benchmark::DoNotOptimize(control.getNumberOfProcessesByName("/usr/sbin/"));
+}
+
+void countByNameVector(benchmark::State &state) {
+    const Sleepers sleepers(static_cast<size_t>(state.range(0)));
+    ProcessControl control;
+    control.refresh(false);
+    std::vector<std::string> names;
+    const ProcessEntry *entry = nullptr;
+    while ((entry = control.getNextProcessEntryByName(nullptr, entry)) != nullptr) names.emplace_back(entry->getName());
+    for (auto _ : state) {
+        benchmark::DoNotOptimize(std::count_if(names.begin(), names.end(), [](const std::string &name) {
+            return name.compare(0, sizeof "/usr/sbin/" - 1, "/usr/sbin/") == 0;
+        }));
+    }
+}
+
 BENCHMARK(fullOurs)->Name("RefreshFull/ours")->Arg(64)->Arg(512);
 BENCHMARK(fullByHand)->Name("RefreshFull/by_hand")->Arg(64)->Arg(512);
 BENCHMARK(incrementalOurs)->Name("RefreshIncremental/ours")->Arg(64)->Arg(512)->Arg(2048);
 BENCHMARK(incrementalByHand)->Name("RefreshIncremental/readdir")->Arg(64)->Arg(512)->Arg(2048);
+
+BENCHMARK(findByPidOurs)->Name("FindByPid/ours")->Arg(64)->Arg(512);
+BENCHMARK(findByPidMap)->Name("FindByPid/map")->Arg(64)->Arg(512);
+BENCHMARK(findByPidList)->Name("FindByPid/virtual_list")->Arg(64)->Arg(512);
+BENCHMARK(countByNameOurs)->Name("CountByName/ours")->Arg(64)->Arg(512);
+BENCHMARK(countByNameVector)->Name("CountByName/vector")->Arg(64)->Arg(512);
 
 }  // namespace

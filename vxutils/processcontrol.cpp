@@ -27,8 +27,11 @@ constexpr size_t pidTextSize = 12;  // of any int, terminator included
 
 using Name = std::array<char, std::max(longestCommandLine + 1, sizeof(dirent::d_name) + sizeof "[]")>;
 
+// Most names differ in one of the first characters.
 bool beginsWith(const char *name, const char *prefix) {
-    return prefix == nullptr || strncmp(name, prefix, strlen(prefix)) == 0;
+    if (prefix == nullptr) return true;
+    while (*prefix != '\0' && *name == *prefix) ++name, ++prefix;
+    return *prefix == '\0';
 }
 
 // A number too large for a process has no directory either.
