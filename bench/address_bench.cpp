@@ -5,6 +5,9 @@
 #include <vxutils/address.h>
 
 #include <array>
+#include <bit>
+#include <boost/asio/ip/address_v6.hpp>
+#include <boost/asio/ip/network_v4.hpp>
 #include <cstring>
 
 namespace {
@@ -61,6 +64,109 @@ void printSystem(benchmark::State &state) {
     }
 }
 
+constexpr const char *text6 = "2001:db8:0:1234:5678:9abc:def0:1234";
+
+void parse6Ours(benchmark::State &state) {
+    sockaddr_in6 record{};
+    for (auto _ : state) {
+        benchmark::DoNotOptimize(str2addr6(text6, reinterpret_cast<sockaddr *>(&record)));
+        benchmark::DoNotOptimize(record);
+    }
+}
+
+void parse6System(benchmark::State &state) {
+    in6_addr address{};
+    for (auto _ : state) {
+        benchmark::DoNotOptimize(inet_pton(AF_INET6, text6, &address));
+        benchmark::DoNotOptimize(address);
+    }
+}
+
+void parse6Asio(benchmark::State &state) {
+    for (auto _ : state) benchmark::DoNotOptimize(boost::asio::ip::make_address_v6(text6));
+}
+
+// All prefixes to masks and back.
+
+void prefixToMaskOurs(benchmark::State &state) {
+    sockaddr_in mask{};
+    for (auto _ : state) {
+        for (int prefix = 0; prefix <= 32; ++prefix) {
+            benchmark::DoNotOptimize(cidr2netmask(prefix, reinterpret_cast<sockaddr *>(&mask), AF_INET));
+            benchmark::DoNotOptimize(mask);
+        }
+    }
+}
+
+void prefixToMaskAsio(benchmark::State &state) {
+    using namespace boost::asio::ip;
+    for (auto _ : state) {
+        for (unsigned short prefix = 0; prefix <= 32; ++prefix) {
+            benchmark::DoNotOptimize(network_v4(address_v4(), prefix).netmask());
+        }
+    }
+}
+
+std::array<sockaddr_in, 33> masks() {
+    std::array<sockaddr_in, 33> filled{};
+    for (int prefix = 0; prefix <= 32; ++prefix) {
+        cidr2netmask(prefix, reinterpret_cast<sockaddr *>(&filled[static_cast<size_t>(prefix)]), AF_INET);
+    }
+    return filled;
+}
+
+void maskToPrefixOurs(benchmark::State &state) {
+    const auto filled = masks();
+    for (auto _ : state) {
+        for (const sockaddr_in &mask : filled) {
+            benchmark::DoNotOptimize(netmask2cidr(reinterpret_cast<const sockaddr *>(&mask)));
+        }
+    }
+}
+
+void maskToPrefixAsio(benchmark::State &state) {
+    using namespace boost::asio::ip;
+    const auto filled = masks();
+    for (auto _ : state) {
+        for (const sockaddr_in &mask : filled) {
+            const network_v4 network(address_v4(), address_v4(ntohl(mask.sin_addr.s_addr)));
+            benchmark::DoNotOptimize(network.prefix_length());
+        }
+    }
+}
+
+void mask6ToPrefixOurs(benchmark::State &state) {
+    sockaddr_in6 mask{};
+    cidr2netmask(56, reinterpret_cast<sockaddr *>(&mask), AF_INET6);
+    for (auto _ : state) {
+        benchmark::DoNotOptimize(mask);
+        benchmark::DoNotOptimize(netmask2cidr(reinterpret_cast<const sockaddr *>(&mask)));
+    }
+}
+
+void mask6ToPrefixByHand(benchmark::State &state) {
+    sockaddr_in6 mask{};
+    cidr2netmask(56, reinterpret_cast<sockaddr *>(&mask), AF_INET6);
+    for (auto _ : state) {
+        benchmark::DoNotOptimize(mask);
+        int prefix = 0;
+        for (const uint8_t byte : mask.sin6_addr.s6_addr) {
+            prefix += std::countl_one(byte);
+            if (byte != 0xff) break;
+        }
+        benchmark::DoNotOptimize(prefix);
+    }
+}
+
+BENCHMARK(parse6Ours)->Name("Str2Addr6/ours");
+BENCHMARK(parse6System)->Name("Str2Addr6/inet_pton");
+BENCHMARK(parse6Asio)->Name("Str2Addr6/asio");
+BENCHMARK(prefixToMaskOurs)->Name("PrefixToMask/ours");
+BENCHMARK(prefixToMaskAsio)->Name("PrefixToMask/asio");
+BENCHMARK(maskToPrefixOurs)->Name("MaskToPrefix/ours");
+BENCHMARK(maskToPrefixAsio)->Name("MaskToPrefix/asio");
+BENCHMARK(mask6ToPrefixOurs)->Name("Mask6ToPrefix/ours");
+BENCHMARK(mask6ToPrefixByHand)->Name("Mask6ToPrefix/by_hand");
 BENCHMARK(parseOurs)->Name("Str2Addr/ours");
 BENCHMARK(parseSystem)->Name("Str2Addr/inet_pton");
 BENCHMARK(printOurs)->Name("Addr2Str/ours");

@@ -1,8 +1,11 @@
 // SPDX-License-Identifier: MIT
-// IpAddress beside the C library's inet_pton and inet_ntop.
+// IpAddress beside the C library, Boost.Asio and what one would write by hand.
 #include <arpa/inet.h>
 #include <benchmark/benchmark.h>
+#include <netinet/in.h>
 #include <vxutils/ipaddress.h>
+
+#include <boost/asio/ip/network_v4.hpp>
 
 namespace {
 
@@ -52,5 +55,83 @@ void printInetNtop(benchmark::State &state) {
     }
 }
 BENCHMARK(printInetNtop)->Name("Print/inet_ntop");
+
+constexpr unsigned long kAddresses[] = {0x0a000001, 0xac10fe03, 0xc0a864c8, 0xe0000001};
+
+void classify(benchmark::State &state) {
+    IpAddress addresses[4];
+    for (size_t i = 0; i < 4; ++i) addresses[i].setV4IpAddrAsBinaryUInt32(kAddresses[i]);
+    for (auto _ : state) {
+        for (const IpAddress &address : addresses) {
+            benchmark::DoNotOptimize(address.isV4ClassA());
+            benchmark::DoNotOptimize(address.isV4ClassB());
+            benchmark::DoNotOptimize(address.isV4ClassC());
+            benchmark::DoNotOptimize(address.isV4ClassD());
+            benchmark::DoNotOptimize(address.isLoopback());
+        }
+    }
+}
+BENCHMARK(classify)->Name("Classify/ours");
+
+void classifyByHand(benchmark::State &state) {
+    unsigned long addresses[4];
+    for (size_t i = 0; i < 4; ++i) addresses[i] = kAddresses[i];
+    benchmark::DoNotOptimize(addresses);
+    for (auto _ : state) {
+        for (const unsigned long address : addresses) {
+            benchmark::DoNotOptimize(IN_CLASSA(address));
+            benchmark::DoNotOptimize(IN_CLASSB(address));
+            benchmark::DoNotOptimize(IN_CLASSC(address));
+            benchmark::DoNotOptimize(IN_CLASSD(address));
+            benchmark::DoNotOptimize(address >> 24 == IN_LOOPBACKNET);
+        }
+    }
+}
+BENCHMARK(classifyByHand)->Name("Classify/by_hand");
+
+void prefixToMask(benchmark::State &state) {
+    IpAddress address;
+    address.setV4IpAddrAsBinaryUInt32(kAddresses[0]);
+    for (auto _ : state) {
+        for (unsigned long size = 0; size <= 32; ++size) {
+            benchmark::DoNotOptimize(address.setNetMaskSize(size));
+            benchmark::DoNotOptimize(address.getV4NetMaskAsBinaryUInt32());
+        }
+    }
+}
+BENCHMARK(prefixToMask)->Name("PrefixToMask/ours");
+
+void prefixToMaskAsio(benchmark::State &state) {
+    using namespace boost::asio::ip;
+    for (auto _ : state) {
+        for (unsigned short size = 0; size <= 32; ++size) {
+            benchmark::DoNotOptimize(network_v4(address_v4(), size).netmask());
+        }
+    }
+}
+BENCHMARK(prefixToMaskAsio)->Name("PrefixToMask/asio");
+
+void maskToPrefix(benchmark::State &state) {
+    IpAddress address;
+    address.setV4IpAddrAsBinaryUInt32(kAddresses[0]);
+    for (auto _ : state) {
+        for (unsigned int size = 0; size < 32; ++size) {
+            benchmark::DoNotOptimize(address.setV4NetMaskAsBinaryUInt32(~(0xffffffffUL >> size)));
+            benchmark::DoNotOptimize(address.getNetMaskSize());
+        }
+    }
+}
+BENCHMARK(maskToPrefix)->Name("MaskToPrefix/ours");
+
+void maskToPrefixAsio(benchmark::State &state) {
+    using namespace boost::asio::ip;
+    for (auto _ : state) {
+        for (unsigned int size = 0; size < 32; ++size) {
+            const network_v4 network(address_v4(), address_v4(~(0xffffffffU >> size)));
+            benchmark::DoNotOptimize(network.prefix_length());
+        }
+    }
+}
+BENCHMARK(maskToPrefixAsio)->Name("MaskToPrefix/asio");
 
 }  // namespace

@@ -111,7 +111,8 @@ void print4(char *out, const char *address) {
     out[-1] = '\0';
 }
 
-bool isContiguous(uint32_t hostOrderMask) { return std::countl_one(hostOrderMask) == std::popcount(hostOrderMask); }
+// Whether all one bits come before all zero bits: the inverted mask is a power of two less 1.
+bool isContiguous(uint32_t hostOrderMask) { return (~hostOrderMask & (~hostOrderMask + 1)) == 0; }
 
 uint32_t maskOf(int prefix) {
     if (prefix <= 0) return 0;

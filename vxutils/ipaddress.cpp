@@ -19,12 +19,7 @@ namespace {
 constexpr uint32_t kTypeEmpty = 0;
 constexpr uint32_t kTypeV4 = 1;
 constexpr uint32_t kAllOnes = 0xffffffff;
-constexpr uint32_t kClassB = 0x80000000;
-constexpr uint32_t kClassC = 0xc0000000;
-constexpr uint32_t kClassD = 0xe0000000;
-constexpr uint32_t kClassE = 0xf0000000;
 constexpr uint32_t kFirstNumbered = 0x01000000;  // 0.x.x.x is "this network"
-constexpr unsigned int kWordBits = 32;
 constexpr unsigned int kShortestPrefix = 2;
 constexpr unsigned int kLongestPrefix = 30;
 
@@ -39,11 +34,8 @@ uint32_t word(unsigned long value) { return static_cast<uint32_t>(value & kAllOn
 
 uint32_t leadingOnes(uint32_t mask) { return static_cast<uint32_t>(std::countl_one(mask)); }
 
-// The mask of a prefix of up to 32 bits; no shift by the whole width.
-uint32_t maskOfSize(unsigned long size) { return size == 0 ? 0 : kAllOnes << (kWordBits - size); }
-
-// The zero bits behind the leading ones must be all.
-bool isContiguous(uint32_t mask) { return mask == maskOfSize(leadingOnes(mask)); }
+// Whether all one bits come before all zero bits: the inverted mask is a power of two less 1.
+bool isContiguous(uint32_t mask) { return (~mask & (~mask + 1)) == 0; }
 
 bool isDigit(char c) { return c >= '0' && c <= '9'; }
 
@@ -158,8 +150,6 @@ String &IpAddress::getNetMaskAsString(String &text) const { return writeQuad(tex
 
 unsigned long &IpAddress::getV4IpAddrAsBinaryUInt32(unsigned long &address) const { return address = v4Address(); }
 
-unsigned long IpAddress::getV4IpAddrAsBinaryUInt32() const { return v4Address(); }
-
 int IpAddress::setV4IpAddrAsBinaryUInt32(unsigned long address) {
     type_ = kTypeV4;
     address_[0] = word(address);
@@ -174,8 +164,6 @@ unsigned long IpAddress::getV4NetAddrAsBinaryUInt32() const { return v4Address()
 
 unsigned long &IpAddress::getV4NetMaskAsBinaryUInt32(unsigned long &mask) const { return mask = v4Mask(); }
 
-unsigned long IpAddress::getV4NetMaskAsBinaryUInt32() const { return v4Mask(); }
-
 int IpAddress::setV4NetMaskAsBinaryUInt32(unsigned long mask) {
     if (!isContiguous(word(mask))) return -1;
     type_ = kTypeV4;
@@ -186,12 +174,6 @@ int IpAddress::setV4NetMaskAsBinaryUInt32(unsigned long mask) {
 unsigned long &IpAddress::getNetMaskSize(unsigned long &size) const { return size = getNetMaskSize(); }
 
 unsigned long IpAddress::getNetMaskSize() const { return isV4() ? leadingOnes(v4Mask()) : 0; }
-
-int IpAddress::setNetMaskSize(unsigned long size) {
-    if (size > kWordBits || !isV4()) return -1;
-    netmask_[0] = maskOfSize(size);
-    return 0;
-}
 
 int IpAddress::setIpAddrAsString(const String &text) {
     Reader reader(text);
@@ -219,20 +201,6 @@ bool IpAddress::contains(const IpAddress &other) const {
 }
 
 bool IpAddress::isEmpty() const { return *this == EMPTY(); }
-
-bool IpAddress::isV4ClassA() const { return isV4() && v4Address() < kClassB; }
-
-bool IpAddress::isV4ClassB() const { return isV4() && v4Address() >= kClassB && v4Address() < kClassC; }
-
-bool IpAddress::isV4ClassC() const { return isV4() && v4Address() >= kClassC && v4Address() < kClassD; }
-
-bool IpAddress::isV4ClassD() const { return isV4() && v4Address() >= kClassD && v4Address() < kClassE; }
-
-bool IpAddress::isV4ClassE() const { return isV4() && v4Address() >= kClassE; }
-
-bool IpAddress::isV4ClassABC() const { return isV4() && v4Address() < kClassD; }
-
-bool IpAddress::isLoopback() const { return isV4() && v4Address() >> 24 == ipv4Loopback >> 24; }
 
 bool IpAddress::isLocalGroup() const { return isV4() && v4Address() >> 8 == ipv4McGrpUnspecified >> 8; }
 

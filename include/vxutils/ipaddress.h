@@ -70,7 +70,7 @@ public:
     /** @return the address, whatever the type. */
     unsigned long &getV4IpAddrAsBinaryUInt32(unsigned long &address) const;
     /** @copydoc getV4IpAddrAsBinaryUInt32(unsigned long &) const */
-    unsigned long getV4IpAddrAsBinaryUInt32() const;
+    VXUTILS_API unsigned long getV4IpAddrAsBinaryUInt32() const { return address_[0]; }
     /** Sets the address and the type; the mask stays. @return 0. */
     int setV4IpAddrAsBinaryUInt32(unsigned long address);
 
@@ -82,7 +82,7 @@ public:
     /** @return the mask, whatever the type. */
     unsigned long &getV4NetMaskAsBinaryUInt32(unsigned long &mask) const;
     /** @copydoc getV4NetMaskAsBinaryUInt32(unsigned long &) const */
-    unsigned long getV4NetMaskAsBinaryUInt32() const;
+    VXUTILS_API unsigned long getV4NetMaskAsBinaryUInt32() const { return netmask_[0]; }
     /** Sets the mask and the type; the address stays. @return 0, or -1 for a mask that is not valid. */
     int setV4NetMaskAsBinaryUInt32(unsigned long mask);
 
@@ -91,7 +91,11 @@ public:
     /** @copydoc getNetMaskSize(unsigned long &) const */
     unsigned long getNetMaskSize() const;
     /** Sets the mask by its prefix length. @return 0; -1 for more than 32 and unless the type is IPv4. */
-    int setNetMaskSize(unsigned long size);
+    VXUTILS_API int setNetMaskSize(unsigned long size) {
+        if (size > 32 || !isV4()) return -1;
+        netmask_[0] = size == 0 ? 0 : 0xffffffffU << (32 - size);
+        return 0;
+    }
 
     /**
      * Takes an address "a.b.c.d", which leaves the mask, or "a.b.c.d/n", which sets it.
@@ -116,13 +120,20 @@ public:
     /** @return whether this equals a fresh object. */
     bool isEmpty() const;
 
-    bool isV4ClassA() const;   /**< 0.0.0.0 to 127.255.255.255 */
-    bool isV4ClassB() const;   /**< 128.0.0.0 to 191.255.255.255 */
-    bool isV4ClassC() const;   /**< 192.0.0.0 to 223.255.255.255 */
-    bool isV4ClassD() const;   /**< 224.0.0.0 to 239.255.255.255, multicast */
-    bool isV4ClassE() const;   /**< from 240.0.0.0 on */
-    bool isV4ClassABC() const; /**< below 224.0.0.0 */
-    bool isLoopback() const;   /**< 127.x.x.x */
+    /** 0.0.0.0 to 127.255.255.255 */
+    VXUTILS_API bool isV4ClassA() const { return isV4() && address_[0] >> 31 == 0; }
+    /** 128.0.0.0 to 191.255.255.255 */
+    VXUTILS_API bool isV4ClassB() const { return isV4() && address_[0] >> 30 == 2; }
+    /** 192.0.0.0 to 223.255.255.255 */
+    VXUTILS_API bool isV4ClassC() const { return isV4() && address_[0] >> 29 == 6; }
+    /** 224.0.0.0 to 239.255.255.255, multicast */
+    VXUTILS_API bool isV4ClassD() const { return isV4() && address_[0] >> 28 == 14; }
+    /** from 240.0.0.0 on */
+    VXUTILS_API bool isV4ClassE() const { return isV4() && address_[0] >> 28 == 15; }
+    /** below 224.0.0.0 */
+    VXUTILS_API bool isV4ClassABC() const { return isV4() && address_[0] >> 29 != 7; }
+    /** 127.x.x.x */
+    VXUTILS_API bool isLoopback() const { return isV4() && address_[0] >> 24 == 127; }
     bool isLocalGroup() const; /**< 224.0.0.x */
 
     /** A single host: class A, B or C, first byte not 0, mask 255.255.255.255. */
