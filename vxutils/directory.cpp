@@ -45,9 +45,11 @@ std::optional<Names> entriesOf(const std::string &path) {
     const DirPtr dir(::opendir(path.c_str()));
     if (!dir) return std::nullopt;
     Names names;
+    errno = 0;  // the only way to tell a failed readdir() from the end
     while (const dirent *entry = ::readdir(dir.get())) {
         if (!isDotName(entry->d_name)) names.emplace_back(entry->d_name);
     }
+    if (errno != 0) return std::nullopt;
     return names;
 }
 

@@ -3,7 +3,8 @@
 // before the kernel rewrites them, answers that no honest peer gives, errors in the middle of a conversation.
 //
 // Include in one source of a test program: the calls below then pass through it on their way from the library to the
-// kernel. With no hook set they behave as ever.
+// kernel. With no hook and no fault source set they behave as ever. torture/calls.cpp adds the remaining fallible calls
+// of the library to these.
 #pragma once
 
 #include <sys/ioctl.h>
@@ -16,6 +17,7 @@
 #include <cstdarg>
 #include <cstring>
 #include <functional>
+#include <initializer_list>
 #include <optional>
 #include <string>
 #include <vector>
@@ -41,6 +43,14 @@ struct SocketCalls {
 inline SocketCalls &socketCalls() {
     static SocketCalls calls;
     return calls;
+}
+
+// Asked before each call that may fail: the errno it is to fail with (one of `errors`), or 0.
+using FaultSource = int (*)(const char *call, std::initializer_list<int> errors);
+inline FaultSource faultSource = nullptr;
+
+inline int fault(const char *call, std::initializer_list<int> errors) {
+    return faultSource != nullptr ? faultSource(call, errors) : 0;
 }
 
 // Hooks for as long as this lives.
@@ -77,6 +87,7 @@ int socket(int domain, int type, int protocol) noexcept {
     if (const auto &hook = vxtest::socketCalls().socket) {
         if (const auto result = hook(domain, type, protocol)) return *result;
     }
+    if (const int error = vxtest::fault("socket", {EMFILE, ENOMEM})) return vxtest::failing(error);
     return static_cast<int>(::syscall(SYS_socket, domain, type, protocol));
 }
 
@@ -84,6 +95,7 @@ int setsockopt(int fd, int level, int option, const void *value, socklen_t lengt
     if (const auto &hook = vxtest::socketCalls().setsockopt) {
         if (const auto result = hook(fd, level, option, value, length)) return *result;
     }
+    if (const int error = vxtest::fault("setsockopt", {ENOMEM})) return vxtest::failing(error);
     return static_cast<int>(::syscall(SYS_setsockopt, fd, level, option, value, length));
 }
 
@@ -91,6 +103,7 @@ int bind(int fd, const sockaddr *address, socklen_t length) noexcept {
     if (const auto &hook = vxtest::socketCalls().bind) {
         if (const auto result = hook(fd, address, length)) return *result;
     }
+    if (const int error = vxtest::fault("bind", {EACCES, ENOMEM})) return vxtest::failing(error);
     return static_cast<int>(::syscall(SYS_bind, fd, address, length));
 }
 
@@ -98,6 +111,7 @@ int getsockname(int fd, sockaddr *address, socklen_t *length) noexcept {
     if (const auto &hook = vxtest::socketCalls().getsockname) {
         if (const auto result = hook(fd, address, length)) return *result;
     }
+    if (const int error = vxtest::fault("getsockname", {ENOBUFS})) return vxtest::failing(error);
     return static_cast<int>(::syscall(SYS_getsockname, fd, address, length));
 }
 
@@ -105,6 +119,7 @@ ssize_t sendto(int fd, const void *data, size_t size, int flags, const sockaddr 
     if (const auto &hook = vxtest::socketCalls().sendto) {
         if (const auto result = hook(fd, data, size, to, length)) return *result;
     }
+    if (const int error = vxtest::fault("sendto", {EINTR, ENOBUFS, EPIPE})) return vxtest::failing(error);
     return ::syscall(SYS_sendto, fd, data, size, flags, to, length);
 }
 
@@ -112,6 +127,7 @@ ssize_t sendmsg(int fd, const msghdr *message, int flags) {
     if (const auto &hook = vxtest::socketCalls().sendmsg) {
         if (const auto result = hook(fd, message)) return *result;
     }
+    if (const int error = vxtest::fault("sendmsg", {EINTR, ENOBUFS})) return vxtest::failing(error);
     return ::syscall(SYS_sendmsg, fd, message, flags);
 }
 
@@ -119,6 +135,7 @@ ssize_t recvmsg(int fd, msghdr *message, int flags) {
     if (const auto &hook = vxtest::socketCalls().recvmsg) {
         if (const auto result = hook(fd, message, flags)) return *result;
     }
+    if (const int error = vxtest::fault("recvmsg", {EINTR, ENOMEM})) return vxtest::failing(error);
     return ::syscall(SYS_recvmsg, fd, message, flags);
 }
 
@@ -126,6 +143,7 @@ ssize_t recvfrom(int fd, void *buffer, size_t size, int flags, sockaddr *from, s
     if (const auto &hook = vxtest::socketCalls().recvfrom) {
         if (const auto result = hook(fd, buffer, size, flags)) return *result;
     }
+    if (const int error = vxtest::fault("recvfrom", {EINTR, ENOMEM})) return vxtest::failing(error);
     return ::syscall(SYS_recvfrom, fd, buffer, size, flags, from, length);
 }
 
@@ -149,6 +167,7 @@ int ioctl(int fd, unsigned long request, ...) noexcept {
     if (const auto &hook = vxtest::socketCalls().ioctl) {
         if (const auto result = hook(fd, request, argument)) return *result;
     }
+    if (const int error = vxtest::fault("ioctl", {EINTR, EIO})) return vxtest::failing(error);
     return static_cast<int>(::syscall(SYS_ioctl, fd, request, argument));
 }
 

@@ -1,0 +1,79 @@
+// SPDX-License-Identifier: MIT
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <vxutils/command.h>
+
+#include <string>
+
+#include "support/files.h"
+#include "support/process.h"
+#include "torture/faults.h"
+
+using torture::Run;
+using namespace std::chrono_literals;
+
+namespace {
+
+// The wait for a child is not repeated after a signal: documented, and the child is the caller's then.
+void reap() {
+    while (::waitpid(-1, nullptr, 0) > 0) continue;
+}
+
+void foreground(Run &run) {
+    const int code = run([] { return run_command("exit 7", 0); });
+    // What fails in the child shows as its exit code: the number of the error.
+    run.outcome("run_command", code == 7, code == 0 || code == ENOMEM || code == ENOENT);
+    reap();
+
+    const int direct =
+        run([] { return _exec_command(0, "/bin/true", "true", "one", static_cast<const char *>(nullptr)); });
+    run.outcome("_exec_command", direct == 0, direct == ENOMEM || direct == ENOENT);
+    reap();
+}
+
+void output(Run &run) {
+    char text[64];
+    const int size = run([&] { return eval_command("echo one; echo two", text, sizeof text); });
+    run.outcome("eval_command", size == 8 && std::string(text) == "one\ntwo\n",
+                size < 8);  // a read that fails ends the output
+}
+
+void background(Run &run) {
+    const int pid = run([] { return run_command("exit 0", 1); }, 3s);
+    run.outcome("run_command in the background", pid > 0, pid == 0 || pid == -1);
+    reap();
+}
+
+void words(Run &run) {
+    char **argv = nullptr;
+    int argc = 0;
+    const int split = run([&] { return makeargv("one 'two three' four", &argv, &argc); });
+    const bool right = split == 0 && argc == 3 && std::string(argv[1]) == "two three";
+    run.outcome("makeargv", right, split == -1 && argv == nullptr && argc == 0);
+    run([&] { freeargv(argv); });
+}
+
+void restart(Run &run) {
+    vxtest::writeFile("/usr/local/sbin/system-reboot", "#!/bin/sh\necho \"$*\" > /tmp/rebooted\n");
+    ::chmod("/usr/local/sbin/system-reboot", 0755);
+    ::unlink("/tmp/rebooted");
+    run([] { system_reboot(1, 2); }, 3s);
+    const bool started = run.hit() || vxtest::eventually([] { return vxtest::readFile("/tmp/rebooted") == "1 2\n"; });
+    run.outcome("system_reboot", started, true);
+    reap();
+}
+
+}  // namespace
+
+int main(int argc, char **argv) {
+    // A process that cannot fork becomes the program itself: documented, and tested apart.
+    const std::set<std::string> noFork{"fork"};
+    const std::vector<std::string> watched{"/tmp/torture"};
+    return torture::torment(argc, argv,
+                            {{"command: foreground", foreground, watched, noFork},
+                             {"command: output", output},
+                             {"command: background", background, watched, noFork},
+                             {"command: words", words},
+                             {"command: restart", restart, watched, noFork}});
+}

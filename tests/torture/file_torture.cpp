@@ -1,0 +1,98 @@
+// SPDX-License-Identifier: MIT
+#include <arpa/inet.h>
+#include <sys/socket.h>
+#include <unistd.h>
+#include <vxutils/file.h>
+#include <vxutils/list.h>
+
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+#include "support/files.h"
+#include "torture/faults.h"
+
+using torture::Run;
+
+namespace {
+
+const char *const path = "/tmp/torture/value";
+
+// A failed or short write leaves the temporary file: that is documented, and described by its name.
+void forgetTemporary(Run &run) {
+    const int removed = std::system("rm -f /tmp/torture/value_??????");
+    run.always("the temporary files have the documented name", removed == 0);
+}
+
+void replaceAndRead(Run &run) {
+    vxtest::writeFile(path, "old\n");
+    const int written = run([] { return write_file_atomic(path, "new", 3, 1, 0); });
+    run.outcome("write_file_atomic", written == 0, written == -1 && (run.error() != 0 || run.wasShort()), "Unable to");
+    const std::string content = vxtest::readFile(path);
+    run.always("the file holds the old or the new text", content == (written == 0 ? "new\n" : "old\n"));
+
+    char buffer[64];
+    const char *text = run([&] { return readfile_r(path, buffer, sizeof buffer); });
+    run.outcome("readfile_r", content == std::string(text) + "\n", content.rfind(text, 0) == 0);
+
+    const int renewed = run([] { return writefile(path, "newer"); });
+    run.outcome("writefile", renewed == 0, renewed == -1, "Unable to");
+    const int removed = run([] { return writefile(path, ""); });
+    run.outcome("writefile of nothing", removed == 0 && !vxtest::exists(path), removed == -1, "Unable to unlink");
+    forgetTemporary(run);
+    ::unlink(path);
+}
+
+// A direct write is truncated or partial where the device refuses it.
+void writeDirectly(Run &run) {
+    const char *const device = "/dev/shm/attribute";
+    const int written = run([&] { return write_file_atomic(device, "command", 7, 1, 1); });
+    run.outcome("write_file_atomic on a device", written == 0 && vxtest::readFile(device) == "command\n", written == -1,
+                "Unable to");
+    ::unlink(device);
+}
+
+void readLines(Run &run) {
+    vxtest::writeFile(path, "one\ntwo\nthree\n");
+    list_link lines{&lines, &lines};
+    const int count = run([&] { return read_file_lines(path, &lines); });
+    std::vector<std::string> texts;
+    for (list_link *link = lines.next; link != &lines;) {
+        auto *line = reinterpret_cast<file_line *>(link);
+        link = link->next;
+        texts.emplace_back(line->data != nullptr ? line->data : "no memory");
+        std::free(line->data);
+        std::free(line);
+    }
+    const bool failed = count == READFILE_OPEN_FAILED || count == READFILE_OUT_OF_MEMORY;
+    const bool cut = run.failed("fgets") && count >= 0;   // the end of a file and a failed read are one
+    const bool gap = run.failed("strdup") && count >= 0;  // a line without text
+    run.outcome("read_file_lines", count == 3 && texts == std::vector<std::string>{"one", "two", "three"},
+                failed || cut || gap, count == READFILE_OUT_OF_MEMORY ? "Zalloc failed" : nullptr);
+    ::unlink(path);
+}
+
+void smallJobs(Run &run) {
+    vxtest::writeFile(path, "192.0.2.7\n");
+    sockaddr_in address{};
+    const int read = run([&] { return readaddress(path, reinterpret_cast<sockaddr *>(&address)); });
+    run.outcome("readaddress", read == 0 && address.sin_addr.s_addr == htonl(0xC0000207), run.wasShort() || read == -1);
+
+    const char *name = run([] { return create_tmpfile("/tmp/torture/made.XXXXXX"); });
+    run.outcome("create_tmpfile", name != nullptr && vxtest::exists(name), name == nullptr && run.error() != 0);
+    if (name != nullptr) ::unlink(name);
+
+    const int dropped = run([] { return dropfile(path); });
+    run.outcome("dropfile", dropped == 0 && !vxtest::exists(path), dropped == -1 || vxtest::exists(path));
+    ::unlink(path);
+}
+
+}  // namespace
+
+int main(int argc, char **argv) {
+    return torture::torment(argc, argv,
+                            {{"file: replace and read", replaceAndRead},
+                             {"file: write directly", writeDirectly, {"/dev/shm", "/tmp/torture"}},
+                             {"file: read lines", readLines},
+                             {"file: small jobs", smallJobs}});
+}

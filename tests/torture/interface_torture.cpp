@@ -1,0 +1,58 @@
+// SPDX-License-Identifier: MIT
+#include <sys/stat.h>
+#include <unistd.h>
+#include <vxutils/interface.h>
+#include <vxutils/ipinterfacestatus.h>
+
+#include <string>
+
+#include "support/files.h"
+#include "support/netns.h"
+#include "torture/faults.h"
+
+using torture::Run;
+
+namespace {
+
+void links(Run &run) {
+    vxtest::writeFile("/tmp/status/link-manager/wanlink1/state", "online\n");
+    vxtest::writeFile("/tmp/status/link-manager/wanlink2/state", "disabled\n");
+    const int count = run([] { return wanlink_count(); });
+    run.outcome("wanlink_count", count == 1, count == 0 || run.wasShort());
+    const int up = run([] { return wanlink_is_up(); });
+    run.always("wanlink_is_up", up == 0);
+}
+
+void bridge(Run &run) {
+    vxtest::writeFile("/usr/sbin/brctl",
+                      "#!/bin/sh\nprintf 'bridge name\\tbridge id\\t\\tSTP enabled\\tinterfaces\\n"
+                      "br0\\t\\t8000.001122334455\\tno\\t\\teth0\\n\\t\\t\\t\\t\\t\\t\\teth1\\n'\n");
+    ::chmod("/usr/sbin/brctl", 0755);
+    char text[64];
+    const int size = run([&] { return bridge_members("br0", text, sizeof text); });
+    run.outcome("bridge_members", size == 10 && std::string(text) == "eth0 eth1 ", size < 10);
+}
+
+void requests(Run &run) {
+    static const std::string made = vxtest::ip("link add torture0 type veth peer name torture1");
+    IpInterfaceStatus status;
+    const int set = run([&] { return status.setIpV4Address("torture0", 0xC0000207); });
+    run.outcome("setIpV4Address", set == 1, set == 0);
+    const unsigned int address = run([&] { return status.getIpV4Address("torture0"); });
+    run.outcome("getIpV4Address", address == 0xC0000207 || set == 0, address == 0);
+    const int up = run([&] { return status.setInterfaceUp("torture0", 1); });
+    run.outcome("setInterfaceUp", up == 1, up == 0);
+    const int available = run([&] { return status.isInterfaceAvailable("torture0"); });
+    run.outcome("isInterfaceAvailable", available == 1, available == 0);
+    const int length = run([&] { return status.setTxQueueLen("torture0", 100); });
+    run.outcome("setTxQueueLen", length == 1, length == 0);
+    (void)status.setInterfaceUp("torture0", 0);
+}
+
+}  // namespace
+
+int main(int argc, char **argv) {
+    return torture::torment(
+        argc, argv,
+        {{"interface: links", links}, {"interface: bridge", bridge}, {"ipinterfacestatus: requests", requests}});
+}
