@@ -10,6 +10,7 @@
 #include <sys/resource.h>
 #include <sys/sem.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -921,6 +922,82 @@ TEST_F(OwnerDeath, NotRepairedLosesTheLockForGood) {
     CRecursiveSemaphore other(name);
     EXPECT_EQ(other.lock(), ENOTRECOVERABLE);
     EXPECT_EQ(vxtest::inChild([&] { return CRecursiveSemaphore(name).lock(); }), ENOTRECOVERABLE);
+}
+
+// A process or thread that waits for the lock sleeps in its futex.
+bool sleeps(pid_t process) {
+    const std::string call = vxtest::readFile("/proc/" + std::to_string(process) + "/syscall");
+    const int number = std::atoi(call.c_str());
+#ifdef SYS_futex_time64
+    if (number == SYS_futex_time64) return true;
+#endif
+    return number == SYS_futex;
+}
+
+// The lock is lost while they sleep: one is told that the owner died, all others that the lock cannot be recovered.
+TEST_F(OwnerDeath, NotRepairedIsToldToAllWhoWait) {
+    constexpr int waiting = 8;
+    const std::string name = fresh();
+    CRecursiveSemaphore lock(name, manual());
+    log.take();
+    for (int round = 0; round < 3; ++round) {
+        const SharedPage page;
+        const std::string own = name + std::to_string(round);
+        const pid_t owner = vxtest::startChild([&] {
+            CRecursiveSemaphore held(own, manual());
+            if (held.lock() != 0) return 1;
+            page->ready = 1;
+            for (;;) ::pause();
+        });
+        ASSERT_TRUE(vxtest::eventually([&] { return page->ready == 1; }));
+        std::vector<pid_t> waiters;
+        for (int i = 0; i < waiting; ++i) {
+            waiters.push_back(vxtest::startChild([&] {
+                ::alarm(30);
+                CRecursiveSemaphore wanted(own, manual());
+                const int result = wanted.lock();
+                if (result == EOWNERDEAD) return wanted.unlock() == 0 ? 1 : 3;
+                return result == ENOTRECOVERABLE ? 2 : 3;
+            }));
+        }
+        for (const pid_t waiter : waiters) ASSERT_TRUE(vxtest::eventually([&] { return sleeps(waiter); }));
+        ::kill(owner, SIGKILL);
+        EXPECT_EQ(vxtest::waitChild(owner), 128 + SIGKILL);
+        std::array<int, 3> told{};
+        for (const pid_t waiter : waiters) {
+            const int result = vxtest::waitChild(waiter);
+            ASSERT_TRUE(result == 1 || result == 2) << result;
+            ++told.at(static_cast<size_t>(result));
+        }
+        EXPECT_EQ(told[1], 1);
+        EXPECT_EQ(told[2], waiting - 1);
+        EXPECT_EQ(log.take(), Lines{created(own)});
+    }
+}
+
+TEST_F(OwnerDeath, NotRepairedIsToldToThreadsThatWaitAndToThoseWhoOnlyTry) {
+    const std::string name = fresh();
+    CRecursiveSemaphore lock(name, manual());
+    log.take();
+    die(name);
+    ASSERT_EQ(lock.lock(), EOWNERDEAD);
+    ::alarm(60);
+    std::array<std::atomic<pid_t>, 4> waiting{};
+    std::vector<std::thread> threads;
+    for (std::atomic<pid_t> &thread : waiting) {
+        threads.emplace_back([&] {
+            thread = static_cast<pid_t>(::syscall(SYS_gettid));
+            EXPECT_EQ(lock.lock(), ENOTRECOVERABLE);
+        });
+    }
+    for (std::atomic<pid_t> &thread : waiting) {
+        ASSERT_TRUE(vxtest::eventually([&] { return thread != 0 && sleeps(thread); }));
+    }
+    EXPECT_EQ(lock.unlock(), 0);
+    for (std::thread &thread : threads) thread.join();
+    ::alarm(0);
+    EXPECT_EQ(lock.trylock(), ENOTRECOVERABLE);
+    EXPECT_EQ(lock.trylock(), ENOTRECOVERABLE);
 }
 
 TEST_F(OwnerDeath, AFailedRepairIsLoggedAndTheResultStays) {

@@ -17,7 +17,6 @@
 #include <new>
 #include <thread>
 
-#include "support/emulation.h"
 #include "support/files.h"
 #include "support/process.h"
 #include "support/resources.h"
@@ -260,7 +259,6 @@ TEST_F(FirewallLock, AStrangersFileIsRefused) {
 // The maker of a file can delay whoever opens it.
 TEST_F(FirewallLock, AStrangersLeaseDoesNotDelay) {
     if (!vxtest::hasOtherUsers()) GTEST_SKIP() << "a box made by an ordinary user has no other";
-    if (vxtest::emulated()) GTEST_SKIP() << "the emulator passes no leases on";
     ::unlink(firewallPath.c_str());
     vxtest::writeFile(firewallPath, "");
     ASSERT_EQ(::chown(firewallPath.c_str(), 12345, 12345), 0);

@@ -112,12 +112,12 @@ TEST_F(Sem, ALockThatCouldNotBeSetUpStillGivesAHandle) {
     sem_release(handle);
 }
 
-TEST_F(Sem, ANullNameRaisesALogicErrorWithOptionsOnly) {
+TEST_F(Sem, ANullNameRaisesALogicErrorWithAndWithoutOptions) {
     sem_options *const options = sem_options_create();
     ASSERT_NE(options, nullptr);
     EXPECT_THROW(sem_create_with_options(nullptr, options), std::logic_error);
     EXPECT_THROW(sem_create_with_options(nullptr, nullptr), std::logic_error);
-    EXPECT_EQ(sem_create(nullptr), nullptr);
+    EXPECT_THROW(sem_create(nullptr), std::logic_error);
     semopts_release(options);
 }
 

@@ -4,6 +4,7 @@
 #include <sys/ipc.h>
 #include <sys/mman.h>
 #include <sys/sem.h>
+#include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
 #include <vxutils/csemaphore.h>
@@ -16,7 +17,10 @@
 
 #include "vxutils/internal/fd.h"
 #include "vxutils/internal/log.h"
+#include "vxutils/internal/mutex_mapping.h"
 #include "vxutils/internal/retry.h"
+#include "vxutils/internal/safe_open.h"
+#include "vxutils/internal/semaphore_set.h"
 
 namespace {
 
@@ -27,10 +31,8 @@ constexpr int guardProject = 1;
 constexpr size_t sharedSize = sizeof(pthread_mutex_t);
 static_assert(sizeof(void *) != 4 || sharedSize == 24, "the boards' processes share 24 bytes");
 
-int changeSemaphore(int id, short by, short flags) {
-    sembuf operation{0, by, flags};
-    return ::semop(id, &operation, 1);
-}
+constexpr std::chrono::seconds initLimit{5};
+constexpr std::chrono::seconds guardLimit{10};
 
 // The guard needs a file that exists on every gateway: the library's own. Runs when the library is loaded, so short of
 // memory it gives an empty path, which the first lock then reports.
@@ -77,18 +79,33 @@ bool unfinished(const vx::Fd &fd) {
            std::all_of(content.begin(), content.end(), [](char byte) { return byte == 0; });
 }
 
-vx::Fd createShared(const std::string &name) {
-    vx::Fd fd(::shm_open(name.c_str(), O_RDWR | O_CREAT, ownerOnly));
-    if (fd.valid()) {
-        if (::ftruncate(fd.get(), static_cast<off_t>(sharedSize)) == 0) return fd;
-        const int error = errno;
-        vx::log(LOG_ERR, "recursive-semaphore: unable to ftruncate shared memory - errno=%s", std::strerror(error));
-        fd.reset();
-        ::shm_unlink(name.c_str());
-        errno = error;
+// The shared object, made where it is missing; `status` receives its status and `create` whether its mutex is still to
+// be made. Whoever can write the object can make its users write anywhere in their memory, and whoever can shorten it
+// can end them: a stranger's object is refused. O_NONBLOCK keeps a stranger's lease from delaying the call.
+vx::Fd openShared(const std::string &name, struct stat &status, bool &create) {
+    vx::Fd fd(::shm_open(name.c_str(), O_RDWR | O_NONBLOCK, 0));
+    create = !fd.valid() && errno == ENOENT;
+    if (create) fd.reset(::shm_open(name.c_str(), O_RDWR | O_CREAT | O_NONBLOCK, ownerOnly));
+    if (!fd.valid() || ::fstat(fd.get(), &status) == -1) {
+        vx::log(LOG_ERR, "recursive-semaphore: unable to open shared memory - errno=%s", std::strerror(errno));
+        return vx::Fd();
     }
-    vx::log(LOG_ERR, "recursive-semaphore: unable to open shared memory - errno=%s", std::strerror(errno));
+    if (!vx::isSafe(status)) {
+        vx::log(LOG_ERR, "recursive-semaphore: refusing shared memory \"%s\" - owner=%u, mode=%o", name.c_str(),
+                status.st_uid, status.st_mode);
+        return vx::Fd();
+    }
+    create = create || unfinished(fd);
     return fd;
+}
+
+bool resizeShared(const vx::Fd &fd, const std::string &name) {
+    if (::ftruncate(fd.get(), static_cast<off_t>(sharedSize)) == 0) return true;
+    const char *const reason = std::strerror(errno);
+    vx::log(LOG_ERR, "recursive-semaphore: unable to ftruncate shared memory - errno=%s", reason);
+    ::shm_unlink(name.c_str());
+    vx::log(LOG_ERR, "recursive-semaphore: unable to open shared memory - errno=%s", reason);
+    return false;
 }
 
 // The mutex, which holds no address before it is locked, is made aside and written in one call: whoever is killed
@@ -128,21 +145,24 @@ int CSemaphore::init() {
         vx::log(LOG_ERR, "CSemaphore::init() - ftok failed (errno=%i) for file %s", errno, pathname_.c_str());
         return -1;
     }
-    int id = ::semget(key_, 1, IPC_CREAT | IPC_EXCL | static_cast<int>(ownerOnly));
+    vx::SemaphoreProblem problem;
+    const int id = vx::obtainSemaphore(key_, vx::SemaphoreClock::now() + initLimit, problem);
     if (id != -1) {
-        if (changeSemaphore(id, 1, 0) == -1) {
+        semId_ = id;
+        return 0;
+    }
+    switch (problem) {
+        case vx::SemaphoreProblem::notFreed:
             vx::log(LOG_ERR, "CSemaphore::init() - semop() failed - unable to initialize semaphore - errno=%i", errno);
-            return -1;
-        }
-    } else if (errno == EEXIST) {
-        id = ::semget(key_, 1, IPC_CREAT | static_cast<int>(ownerOnly));
+            break;
+        case vx::SemaphoreProblem::strangers:
+            vx::log(LOG_ERR, "CSemaphore::init() - refusing the semaphore-set of another user - errno=%i", errno);
+            break;
+        case vx::SemaphoreProblem::unobtainable:
+            vx::log(LOG_ERR, "CSemaphore::init() - unable to obtain semaphore-set - errno=%i", errno);
+            break;
     }
-    if (id == -1) {
-        vx::log(LOG_ERR, "CSemaphore::init() - unable to obtain semaphore-set - errno=%i", errno);
-        return -1;
-    }
-    semId_ = id;
-    return 0;
+    return -1;
 }
 
 int CSemaphore::lock() {
@@ -150,7 +170,7 @@ int CSemaphore::lock() {
         vx::log(LOG_ERR, "CSemaphore::lock() - invalid semId!");
         return -1;
     }
-    if (vx::retryEintr([this] { return changeSemaphore(semId_, -1, SEM_UNDO); }) == -1) {
+    if (vx::retryEintr([this] { return vx::changeSemaphore(semId_, -1, SEM_UNDO); }) == -1) {
         vx::log(LOG_ERR, "CSemaphore::lock() - semop failed, errno=%i", errno);
         return -1;
     }
@@ -162,7 +182,7 @@ int CSemaphore::unlock() {
         vx::log(LOG_ERR, "CSemaphore::unlock() - invalid semId!");
         return -1;
     }
-    if (changeSemaphore(semId_, 1, SEM_UNDO) == -1) {
+    if (vx::changeSemaphore(semId_, 1, SEM_UNDO) == -1) {
         vx::log(LOG_ERR, "CSemaphore::unlock() - semop() failed errno=%i", errno);
         return -1;
     }
@@ -184,37 +204,48 @@ const std::string CRecursiveSemaphore::private_impl::SEM_PATHNAME = libraryPath(
 
 CRecursiveSemaphore::private_impl::private_impl(const std::string &name, const CSemaphoreOptions &options)
     : address_(MAP_FAILED), mutex_(nullptr), guard_(SEM_PATHNAME, guardProject), options_(options) {
-    if (guard_.init() == -1) {
-        vx::log(LOG_ERR, "recursive-semaphore: unable to init guarding semaphore");
-        return;
-    }
-    if (guard_.lock() == -1) {
-        vx::log(LOG_ERR, "recursive-semaphore: unable to lock guarding semaphore");
-        return;
-    }
+    if (!lockGuard()) return;
+    struct Unlock {
+        CSemaphore &guard;
+        ~Unlock() { guard.unlock(); }
+    } unlock{guard_};
     createOrOpen(name);
-    guard_.unlock();
 }
 
-// One process at a time is in here, so that nobody maps a mutex that is not initialised yet.
-void CRecursiveSemaphore::private_impl::createOrOpen(const std::string &name) {
-    vx::Fd fd(::shm_open(name.c_str(), O_RDWR, 0));
-    const bool create = !fd.valid() || unfinished(fd);
-    if (create) fd = createShared(name);
-    if (!fd.valid()) return;
+// A guard that was replaced between init() and the operation is looked for again.
+bool CRecursiveSemaphore::private_impl::lockGuard() {
+    const vx::SemaphoreDeadline deadline = vx::SemaphoreClock::now() + guardLimit;
+    do {
+        if (guard_.init() == -1) {
+            vx::log(LOG_ERR, "recursive-semaphore: unable to init guarding semaphore");
+            return false;
+        }
+        if (vx::changeSemaphoreBefore(guard_.semId_, -1, SEM_UNDO, deadline) == 0) return true;
+    } while (vx::isSemaphoreGone(guard_.semId_) && vx::SemaphoreClock::now() < deadline);
+    vx::log(LOG_ERR, "CSemaphore::lock() - semop failed, errno=%i", errno);
+    vx::log(LOG_ERR, "recursive-semaphore: unable to lock guarding semaphore");
+    return false;
+}
 
-    address_ = ::mmap(nullptr, sharedSize, PROT_READ | PROT_WRITE, MAP_SHARED, fd.get(), 0);
-    if (address_ == MAP_FAILED) {
+// One process at a time is in here, so that no process maps a mutex that is not initialised yet.
+void CRecursiveSemaphore::private_impl::createOrOpen(const std::string &name) {
+    struct stat status;
+    bool create = false;
+    const vx::Fd fd = openShared(name, status, create);
+    if (!fd.valid() || (create && !resizeShared(fd, name))) return;
+
+    mutex_ = vx::mapMutex(fd.get(), status);
+    if (mutex_ == nullptr) {
         vx::log(LOG_ERR, "recursive-semaphore: mmap failed - errno=%s", std::strerror(errno));
         return;
     }
-    mutex_ = static_cast<pthread_mutex_t *>(address_);
+    address_ = mutex_;
     // What could not be initialised is all zero still: the next user has another go.
     if (create && writeMutex(fd, name) == -1) unmap();
 }
 
 void CRecursiveSemaphore::private_impl::unmap() {
-    if (mutex_ != nullptr) ::munmap(address_, sharedSize);
+    if (mutex_ != nullptr) vx::releaseMutex(mutex_);
     address_ = MAP_FAILED;
     mutex_ = nullptr;
 }
@@ -229,7 +260,9 @@ CRecursiveSemaphore::~CRecursiveSemaphore() = default;
 int CRecursiveSemaphore::trylock() {
     if (impl_->mutex_ == nullptr) return -1;
     const int result = tryLock(impl_->mutex_);
-    return result == EOWNERDEAD ? ownerDied() : result;
+    if (result == EOWNERDEAD) return ownerDied();
+    if (result == ENOTRECOVERABLE) lockLost();
+    return result;
 }
 
 int CRecursiveSemaphore::makeConsistent() {
@@ -246,3 +279,7 @@ int CRecursiveSemaphore::ownerDied() {
     }
     return EOWNERDEAD;
 }
+
+// The C library wakes one waiter when a lock is lost, and that one does not wake the next: all others would sleep for
+// ever. Whoever learns of the loss wakes them all; each learns of it in turn.
+void CRecursiveSemaphore::lockLost() { vx::wakeWaiters(impl_->mutex_); }

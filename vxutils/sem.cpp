@@ -4,7 +4,6 @@
 
 #include <memory>
 #include <new>
-#include <stdexcept>
 
 struct sem_options {
     CRecursiveSemaphore::CSemaphoreOptions values;
@@ -34,7 +33,8 @@ void semopt_set_consistent_mode_manual(sem_options *options) { setMode(options, 
 
 void semopts_release(sem_options *options) { delete options; }
 
-// Promised: a null name raises the standard library's logic error. Of all plain functions this one alone lets it out.
+// Promised: a null name raises the standard library's logic error. Of all plain functions this one and sem_create()
+// alone let it out.
 sem_handle *sem_create_with_options(const char *name, const sem_options *options) {
     try {
         auto handle = std::make_unique<sem_handle>();
@@ -45,13 +45,7 @@ sem_handle *sem_create_with_options(const char *name, const sem_options *options
     }
 }
 
-sem_handle *sem_create(const char *name) {
-    try {
-        return sem_create_with_options(name, nullptr);
-    } catch (const std::logic_error &) {
-        return nullptr;
-    }
-}
+sem_handle *sem_create(const char *name) { return sem_create_with_options(name, nullptr); }
 
 int sem_lock(sem_handle *handle) {
     CRecursiveSemaphore *const lock = lockOf(handle);

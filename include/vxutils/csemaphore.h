@@ -14,17 +14,29 @@
  * @endcode
  *
  * Both kinds of lock are made by their first user and stay in the system until the next boot. A CRecursiveSemaphore
- * whose maker was killed half-way is finished by the next user.
+ * whose maker was killed half-way is finished by the next user. A CSemaphore whose maker was killed, or stopped for
+ * more than a second, before it made the semaphore free is replaced by the next init().
+ *
+ * Ownership: the objects belong to their caller. Any number of objects of one name may exist in a process; they share
+ * one mapping of the mutex and are the same lock: what one of them has locked, another may unlock.
  *
  * Threads: a CRecursiveSemaphore may be shared between threads, and belongs to the thread that locked it. A CSemaphore
  * belongs to the process; two threads of one process exclude each other with it, but either may unlock.
  *
- * fork(): a child does not own what its parent has locked.
+ * fork(): a child does not own what its parent has locked. It may use the objects that it inherited.
  *
  * Signals: nothing here may be called from a signal handler.
  *
- * Failures are written to the system log and reported by results; nothing is thrown but the standard library's
+ * Blocking: lock() waits without limit. CSemaphore::init() waits at most 5 s, usually not at all; constructing a
+ * CRecursiveSemaphore waits at most 15 s.
+ *
+ * Errors: failures are written to the system log and reported by results; nothing is thrown but the standard library's
  * @c std::bad_alloc from constructors.
+ *
+ * Privileges: a lock serves the processes of one user. What an ordinary user other than the effective one has made
+ * under a lock's name is not used: a semaphore is removed and made anew where this process may do that (root may) and
+ * makes init() fail otherwise; a shared-memory object leaves the lock unusable. So does an object that its group or
+ * others may write: whoever can write a mutex can make its users write anywhere in their memory.
  */
 #ifndef VXUTILS_CSEMAPHORE_H
 #define VXUTILS_CSEMAPHORE_H
@@ -36,6 +48,8 @@
 #include <cerrno>
 #include <memory>
 #include <string>
+
+class CRecursiveSemaphore;
 
 /**
  * A binary lock on a System V semaphore. Not recursive: locking it twice blocks for ever. The kernel gives it back when
@@ -57,6 +71,10 @@ public:
 
     /**
      * Finds the semaphore, or makes it, free and for this user only.
+     *
+     * A semaphore on which nobody has ever operated is not used: its maker gets a second to make it free, then it is
+     * replaced. No two processes are let in by that at once. A semaphore that another ordinary user made is replaced at
+     * once, or refused where this process may not remove it. Waits at most 5 s.
      * @return 0, or -1 with the reason in the system log
      */
     int init();
@@ -74,6 +92,8 @@ public:
     int unlock();
 
 private:
+    friend class CRecursiveSemaphore;
+
     std::string pathname_;
     int projectId_;
     key_t key_;
@@ -110,7 +130,9 @@ public:
      * Opens or creates the lock of this name, with default options.
      * @param name as for @c shm_open(): "/" and up to 255 further characters, none of them "/"
      *
-     * Waits while another process creates a lock of any name. A failure is logged and leaves the object unusable.
+     * Waits while another process creates a lock of any name, for 15 s at most. A failure is logged and leaves the
+     * object unusable; so does a shared-memory object of this name that belongs to another ordinary user, or that
+     * others may write.
      */
     explicit CRecursiveSemaphore(const std::string &name);
 
@@ -118,8 +140,8 @@ public:
     CRecursiveSemaphore(const std::string &name, const CSemaphoreOptions &options);
 
     /**
-     * Leaves the lock as it is: locked when it was locked. Unlock it first: a thread that destroys what it holds can
-     * neither give it back nor, later, be seen dead by others.
+     * Leaves the lock as it is: locked when it was locked. Another object of the same name can give it back, and the
+     * death of its owner is seen by others.
      */
     virtual ~CRecursiveSemaphore();
 
@@ -131,7 +153,7 @@ public:
      * @retval 0 locked
      * @retval EOWNERDEAD locked too; the owner before died while holding it. In manual mode makeConsistent() must be
      *         called before unlock(), or the lock is lost for all processes for good
-     * @retval ENOTRECOVERABLE the lock was lost that way
+     * @retval ENOTRECOVERABLE the lock was lost that way; all who wait for it are told
      * @retval -1 the object is unusable
      * @return otherwise the error number of @c pthread_mutex_lock()
      */
@@ -140,8 +162,8 @@ public:
     /** The same without waiting: @c EBUSY when another thread has it. */
     int trylock();
 
-    /** Gives back one lock() of this object: 0, -1 for an unusable object, or an error number (@c EPERM: not the
-     * owner). */
+    /** Gives back one lock() of this name by this thread: 0, -1 for an unusable object, or an error number (@c EPERM:
+     * not the owner). */
     int unlock();
 
     /**
@@ -154,14 +176,12 @@ private:
     class private_impl;
 
     int ownerDied();
+    void lockLost();
 
     std::unique_ptr<private_impl> impl_;
 };
 
-/**
- * What a lock consists of. Nobody's interface: laid open so that taking a free lock costs no more than the mutex
- * itself.
- */
+/** Implementation detail, not API. Defined here only so that lock() and unlock() can be inlined. */
 class __attribute__((visibility("hidden"))) CRecursiveSemaphore::private_impl {
 public:
     private_impl(const std::string &name, const CSemaphoreOptions &options);
@@ -172,6 +192,7 @@ public:
 private:
     friend class CRecursiveSemaphore;
 
+    bool lockGuard();
     void createOrOpen(const std::string &name);
     void unmap();
 
@@ -187,7 +208,10 @@ inline int CRecursiveSemaphore::lock() {
     pthread_mutex_t *const mutex = impl_->mutex_;
     if (mutex == nullptr) return -1;
     const int result = pthread_mutex_lock(mutex);
-    return result == EOWNERDEAD ? ownerDied() : result;
+    if (result == 0) return 0;
+    if (result == EOWNERDEAD) return ownerDied();
+    if (result == ENOTRECOVERABLE) lockLost();
+    return result;
 }
 
 inline int CRecursiveSemaphore::unlock() {

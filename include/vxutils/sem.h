@@ -13,8 +13,9 @@
  * sem_release(modem);
  * @endcode
  *
- * The lock itself stays in the system until the next boot. A handle may be shared between threads; the lock belongs to
- * the thread that took it. A child of fork() does not own what its parent has locked.
+ * The lock itself stays in the system until the next boot. Several handles of one name are the same lock. What another
+ * ordinary user has made under the name is not used (see csemaphore.h). A handle may be shared between threads; the
+ * lock belongs to the thread that took it. A child of fork() does not own what its parent has locked.
  */
 #ifndef VXUTILS_SEM_H
 #define VXUTILS_SEM_H
@@ -55,11 +56,11 @@ VXUTILS_API void semopts_release(sem_options *options);
  * @return a handle to be freed by sem_release(), or null when memory is short. A lock that could not be set up (the
  *         reason is in the system log) gives a handle too, on which everything returns -1
  *
- * Waits while another process creates a lock of any name.
+ * Waits while another process creates a lock of any name, for 15 s at most.
  */
 VXUTILS_API sem_handle *sem_create_with_options(const char *name, const sem_options *options);
 
-/** The same with default options; null also for a null @p name. */
+/** The same with default options, a null @p name included. */
 VXUTILS_API sem_handle *sem_create(const char *name);
 
 /**
@@ -77,7 +78,8 @@ VXUTILS_API int sem_unlock(sem_handle *handle);
 /** sem_lock() without waiting: @c EBUSY when another thread has it. */
 VXUTILS_API int sem_trylock(sem_handle *handle);
 
-/** Frees a handle. The lock stays as it is, locked when it was locked. Null is ignored. */
+/** Frees a handle. The lock stays as it is, locked when it was locked; another handle can unlock it. Null is ignored.
+ */
 VXUTILS_API void sem_release(sem_handle *handle);
 
 VXUTILS_END_DECLS
