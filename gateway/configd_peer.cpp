@@ -38,6 +38,7 @@ Commands, one a line on standard input, each confirmed by "ok COMMAND":
   normal             answers as it should
   silent             reads requests and never answers
   late MS            answers after MS milliseconds
+  times MS[,MS]...   answers the next request at these times, several times in all; several words are used in turn
   short, long        answers one byte less, one byte more than it should
   wrong              answers with one byte changed
   empty              answers with an empty datagram
@@ -60,11 +61,12 @@ constexpr size_t unlimited = SIZE_MAX;
 
 volatile std::sig_atomic_t terminated = 0;
 
-enum class Mode { normal, silent, late, shorter, longer, wrong, empty, raw, deaf };
+enum class Mode { normal, silent, late, times, shorter, longer, wrong, empty, raw, deaf };
 
 const std::map<std::string, Mode> modes = {{"normal", Mode::normal}, {"silent", Mode::silent}, {"late", Mode::late},
-                                           {"short", Mode::shorter}, {"long", Mode::longer},   {"wrong", Mode::wrong},
-                                           {"empty", Mode::empty},   {"raw", Mode::raw},       {"deaf", Mode::deaf}};
+                                           {"times", Mode::times},   {"short", Mode::shorter}, {"long", Mode::longer},
+                                           {"wrong", Mode::wrong},   {"empty", Mode::empty},   {"raw", Mode::raw},
+                                           {"deaf", Mode::deaf}};
 
 [[noreturn]] void fail(const std::string &what) {
     std::cerr << "configd: " << what << ": " << std::strerror(errno) << '\n';
@@ -233,13 +235,34 @@ private:
         const bool muted = !mute_.empty() && request.substr(0, request.find('\n')) == "?" + mute_;
         std::string text = handle(request);
         if (muted || mode_ == Mode::silent) return true;
-        answer.due = Clock::now();
-        if (mode_ == Mode::late) answer.due += std::chrono::milliseconds(delay_ms_);
         answer.text = spoil(std::move(text));
-        answers_.insert(std::upper_bound(answers_.begin(), answers_.end(), answer,
-                                         [](const Answer &a, const Answer &b) { return a.due < b.due; }),
-                        answer);
+        const auto now = Clock::now();
+        for (const long delay : nextDelays()) {
+            answer.due = now + std::chrono::milliseconds(delay);
+            answers_.insert(std::upper_bound(answers_.begin(), answers_.end(), answer,
+                                             [](const Answer &a, const Answer &b) { return a.due < b.due; }),
+                            answer);
+        }
         return true;
+    }
+
+    // Milliseconds after which the answer to one request is sent, once for each.
+    std::vector<long> nextDelays() {
+        if (mode_ != Mode::times) return {mode_ == Mode::late ? delay_ms_ : 0};
+        return times_.empty() ? std::vector<long>{0} : times_[timesUsed_++ % times_.size()];
+    }
+
+    void readTimes(const std::string &text) {
+        times_.clear();
+        std::istringstream words(text);
+        for (std::string word; words >> word;) {
+            std::istringstream numbers(word);
+            std::vector<long> delays;
+            for (std::string number; std::getline(numbers, number, ',');) {
+                delays.push_back(std::strtol(number.c_str(), nullptr, 10));
+            }
+            times_.push_back(delays);
+        }
     }
 
     std::string handle(const std::string &request) {
@@ -308,6 +331,7 @@ private:
             mode_ = mode->second;
             if (mode_ == Mode::normal) busy_ = 0;
             if (mode_ == Mode::late) delay_ms_ = std::strtol(rest.c_str(), nullptr, 10);
+            if (mode_ == Mode::times) readTimes(rest);
             if (mode_ == Mode::raw) raw_ = unescape(rest);
             return true;
         }
@@ -350,6 +374,8 @@ private:
     sigset_t whileWaiting_{};
     Mode mode_ = Mode::normal;
     long delay_ms_ = 0;
+    std::vector<std::vector<long>> times_;
+    size_t timesUsed_ = 0;
     std::string raw_;
     std::string mute_;
     size_t busy_ = 0;

@@ -8,9 +8,12 @@
 #include <vxutils/configd.h>
 #include <vxutils/strutil.h>
 
+#include <algorithm>
 #include <array>
+#include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <cinttypes>
 #include <climits>
 #include <cstdarg>
 #include <cstddef>
@@ -21,6 +24,7 @@
 #include <string_view>
 
 #include "vxutils/internal/errno_keeper.h"
+#include "vxutils/internal/fd.h"
 #include "vxutils/internal/log.h"
 #include "vxutils/internal/retry.h"
 #include "vxutils/internal/sigpipe.h"
@@ -33,6 +37,7 @@ using Clock = std::chrono::steady_clock;
 
 constexpr const char *socketDirectory = "/var/run/configd";
 constexpr auto answerTimeout = 10s;
+constexpr auto promptAnswer = 1s;          // after a later one, the daemon is not trusted to have sent it once
 constexpr mode_t clientSocketMode = 0777;  // the daemon may run as another user
 constexpr int neverClosed = 1;             // standard output, whatever a daemon has put there
 constexpr size_t queryKeySize = 255;       // keys made from a format, one byte less than a record holds
@@ -117,21 +122,97 @@ sockaddr_un addressOf(const char *path) {
     return address;
 }
 
-void removeSocketFile(const char *path) {
-    if (::access(path, R_OK) == 0) ::unlink(path);
+// Whether one was there.
+bool removeSocketFile(const char *path) {
+    if (::access(path, R_OK) == -1) return false;
+    ::unlink(path);
+    return true;
 }
 
-// sendto() itself gives up after this long; a daemon that stopped reading would block it for ever.
-void limitSendTime(int fd, Clock::duration limit) {
+bool bindTo(int fd, const char *path) {
+    const sockaddr_un address = addressOf(path);
+    const auto length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + std::strlen(address.sun_path));
+    return ::bind(fd, reinterpret_cast<const sockaddr *>(&address), length) == 0;
+}
+
+// Not through a link that has taken the socket's place. A daemon that runs as root can answer without it, too.
+void openToAll(const char *path) {
+    [[maybe_unused]] const int result = ::fchmodat(AT_FDCWD, path, clientSocketMode, AT_SYMLINK_NOFOLLOW);
+}
+
+// The daemon answers to the name that the asking socket was bound to, however long it takes, and an answer does not
+// tell which request it belongs to. A name to which an answer may still come is therefore never used again for a socket
+// that receives answers. Of the names made from a handle's address, these are the ones; with more of them than the
+// table holds, all are.
+std::array<std::atomic<const configd_handle *>, 128> distrusted{};
+std::atomic<size_t> distrustedCount{0};
+
+bool isListed(const configd_handle *handle) {
+    const auto end = distrusted.begin() + std::min<size_t>(distrustedCount, distrusted.size());
+    return std::find(distrusted.begin(), end, handle) != end;
+}
+
+bool isDistrusted(const configd_handle *handle) { return distrustedCount > distrusted.size() || isListed(handle); }
+
+void distrust(const configd_handle *handle) {
+    if (isDistrusted(handle)) return;
+    const size_t index = distrustedCount++;
+    if (index < distrusted.size()) distrusted[index] = handle;
+}
+
+// The daemon has been seen to answer more than once: each answer uses up the name it came to.
+std::atomic<bool> answersAreRepeated{false};
+
+// Number of a name that no socket had before. Odd, unlike the address of a handle; they rise with the clock, so that a
+// later process with the same id does not repeat them.
+uint64_t nextNumber() {
+    static std::atomic<uint64_t> latestNumber{0};
+    const auto now = static_cast<uint64_t>(Clock::now().time_since_epoch().count());
+    uint64_t latest = latestNumber;
+    uint64_t next = 0;
+    do next = std::max(now, latest + 2) | 1;
+    while (!latestNumber.compare_exchange_weak(latest, next));
+    return next;
+}
+static_assert(alignof(configd_handle) % 2 == 0);
+
+// Binds the socket to a name of its own. A socket that is closed at once keeps the handle's name: what the daemon still
+// sends there is refused.
+bool bindToNewName(const configd_handle *handle) {
+    std::array<char, sizeof handle->client_path> name;
+    (void)std::snprintf(name.data(), name.size(), "%s/client.%d.0x%" PRIx64, socketDirectory, ::getpid(), nextNumber());
+    if (!bindTo(handle->fd, name.data())) return false;
+    openToAll(name.data());
+    const vx::Fd closed(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    return closed.valid() && bindTo(closed.get(), handle->client_path);
+}
+
+// Removes what bindToNewName() made, which only the socket itself remembers.
+void removeNewName(const configd_handle *handle) {
+    sockaddr_un address{};
+    socklen_t length = sizeof address - 1;
+    if (::getsockname(handle->fd, reinterpret_cast<sockaddr *>(&address), &length) == -1) return;
+    const std::string_view name = address.sun_path;
+    const std::string_view path = handle->client_path;
+    const std::string_view directoryAndPid = path.substr(0, path.rfind('.') + 1);
+    if (!path.empty() && name != path && name.starts_with(directoryAndPid)) ::unlink(address.sun_path);
+}
+
+// sendto() or recvfrom() itself gives up after this long.
+void limitTime(int fd, int direction, Clock::duration limit) {
     const auto microseconds = std::chrono::duration_cast<std::chrono::microseconds>(limit).count();
     timeval time{};
     time.tv_sec = microseconds / 1000000;
     time.tv_usec = microseconds % 1000000;
-    ::setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &time, sizeof time);
+    ::setsockopt(fd, SOL_SOCKET, direction, &time, sizeof time);
+}
+
+ssize_t sendOnce(int fd, const char *data, size_t length, const sockaddr_un &daemon) {
+    return ::sendto(fd, data, length, 0, reinterpret_cast<const sockaddr *>(&daemon), sizeof daemon);
 }
 
 // A signal ended the wait for the daemon to take a request: waits on, for what remains of the time.
-ssize_t sendAgain(int fd, const char *data, size_t length, const sockaddr_un &address, Clock::time_point deadline) {
+ssize_t sendAgain(int fd, const char *data, size_t length, const sockaddr_un &daemon, Clock::time_point deadline) {
     ssize_t sent = -1;
     errno = EINTR;
     while (sent == -1 && errno == EINTR) {
@@ -140,40 +221,59 @@ ssize_t sendAgain(int fd, const char *data, size_t length, const sockaddr_un &ad
             errno = EAGAIN;
             break;
         }
-        limitSendTime(fd, left);
-        sent = ::sendto(fd, data, length, 0, reinterpret_cast<const sockaddr *>(&address), sizeof address);
+        limitTime(fd, SO_SNDTIMEO, left);
+        sent = sendOnce(fd, data, length, daemon);
     }
     const vx::ErrnoKeeper keeper;
-    limitSendTime(fd, answerTimeout);
+    limitTime(fd, SO_SNDTIMEO, answerTimeout);
     return sent;
 }
 
-bool waitForAnswer(int fd) {
+ssize_t transmit(int fd, const char *data, size_t length, const sockaddr_un &daemon) {
     const auto deadline = Clock::now() + answerTimeout;
+    const ssize_t sent = sendOnce(fd, data, length, daemon);
+    return sent == -1 && errno == EINTR ? sendAgain(fd, data, length, daemon, deadline) : sent;
+}
+
+bool waitForAnswer(int fd, Clock::time_point deadline) {
     pollfd waiting{fd, POLLIN, 0};  // unlike select(), poll() carries descriptors of any number
-    Clock::duration left = answerTimeout;
     for (;;) {
+        const auto left = deadline - Clock::now();
+        if (left <= 0s) return false;
         const auto milliseconds = std::chrono::ceil<std::chrono::milliseconds>(left).count();
         const int ready = ::poll(&waiting, 1, static_cast<int>(milliseconds));
         if (ready != -1 || errno != EINTR) return ready > 0;
-        left = deadline - Clock::now();
-        if (left <= 0s) return false;
     }
 }
 
-// A reconnected socket has the name of the old one: the answer to a request that was given up would be taken for the
-// answer to the next.
-void discardLateAnswers(const configd_handle *handle) {
-    char byte;
-    while (handle->fd >= 0 && ::recv(handle->fd, &byte, sizeof byte, MSG_DONTWAIT) >= 0) continue;
+// Receives at most `size` - 1 bytes and puts a NUL after them; -1, and `data` left alone, when no answer came in time.
+int receiveAnswer(int fd, char *data, int size, bool &prompt) {
+    const vx::SigpipeScope ignored;
+    const auto start = Clock::now();
+    const auto room = static_cast<size_t>(size) - 1;
+    // Waits as long as limitTime() has set, and then no poll() is needed.
+    ssize_t received = ::recvfrom(fd, data, room, 0, nullptr, nullptr);
+    prompt = received != -1;
+    while (received == -1 && (errno == EINTR || errno == EAGAIN) && waitForAnswer(fd, start + answerTimeout)) {
+        received = ::recvfrom(fd, data, room, MSG_DONTWAIT, nullptr, nullptr);
+        prompt = Clock::now() - start < promptAnswer;
+    }
+    if (received >= 0) data[received] = '\0';
+    return static_cast<int>(received);
 }
 
-// False (and logged) when the request did not get out whole.
-bool sendRequest(configd_handle *handle, const char *request, int length) {
-    discardLateAnswers(handle);
-    if (configd_send(handle, request, length) >= length) return true;
-    vx::log(LOG_ERR, "unable to send query to configd");
-    return false;
+// Another answer may still come to the name of this socket: it receives nothing any more and sends nothing, which is
+// what sendAfter() finds.
+void useUp(const configd_handle *handle) {
+    distrust(handle);
+    ::shutdown(handle->fd, SHUT_RDWR);
+}
+
+int receiveAnswer(const configd_handle *handle, Message &answer, int size) {
+    bool prompt = false;
+    const int received = receiveAnswer(handle->fd, answer.data(), size, prompt);
+    if (received < 0 || !prompt || answersAreRepeated) useUp(handle);
+    return received;
 }
 
 void reconnect(configd_handle *handle) {
@@ -181,9 +281,76 @@ void reconnect(configd_handle *handle) {
     (void)__configd_open(handle);
 }
 
+// Connects the socket to the daemon that runs now, so that the kernel refuses datagrams of all others.
+bool prepareSend(const configd_handle *handle, const sockaddr_un &daemon) {
+    return ::connect(handle->fd, reinterpret_cast<const sockaddr *>(&daemon), sizeof daemon) == 0;
+}
+
+bool isEmpty(int fd) {
+    char byte;
+    return vx::retryEintr([&] { return ::recv(fd, &byte, sizeof byte, MSG_DONTWAIT | MSG_PEEK); }) == -1;
+}
+
+// Whether an answer of the daemon was among what waited in the connected socket, which is empty afterwards.
+bool discardAnswers(int fd) {
+    bool found = false;
+    for (;;) {
+        char byte;
+        sockaddr_un sender{};
+        socklen_t length = sizeof sender;
+        auto *const from = reinterpret_cast<sockaddr *>(&sender);
+        if (vx::retryEintr([&] { return ::recvfrom(fd, &byte, sizeof byte, MSG_DONTWAIT, from, &length); }) < 0) {
+            return found;
+        }
+        sockaddr_un daemon{};
+        length = sizeof daemon;
+        (void)::getpeername(fd, reinterpret_cast<sockaddr *>(&daemon), &length);
+        found = found || std::strncmp(sender.sun_path, daemon.sun_path, sizeof sender.sun_path) == 0;
+    }
+}
+
+// Connects and empties the socket. After an answer too many more of them may follow: the next one goes to a new name
+// then.
+bool prepareExchange(configd_handle *handle, const sockaddr_un &daemon) {
+    if (!prepareSend(handle, daemon)) return false;
+    if (isEmpty(handle->fd) || !discardAnswers(handle->fd)) return true;
+    answersAreRepeated = true;
+    distrust(handle);
+    reconnect(handle);
+    if (!prepareSend(handle, daemon)) return false;
+    (void)discardAnswers(handle->fd);
+    return true;
+}
+
+template <typename Prepare>
+ssize_t sendAfter(Prepare prepare, configd_handle *handle, const char *data, int length) {
+    const sockaddr_un daemon = addressOf(handle->server_path);
+    const auto send = [&]() -> ssize_t {
+        if (!prepare(handle, daemon)) return -1;
+        return transmit(handle->fd, data, static_cast<size_t>(length), daemon);
+    };
+    const ssize_t sent = send();
+    if (sent != -1 || errno != EPIPE) return sent;
+    reconnect(handle);  // its socket was used up
+    return send();
+}
+
+// False (and logged) when the request did not get out whole.
+bool sendRequest(configd_handle *handle, const char *request, int length) {
+    if (sendAfter(prepareExchange, handle, request, length) >= length) return true;
+    vx::log(LOG_ERR, "unable to send query to configd");
+    return false;
+}
+
 int reconnected(configd_handle *handle, int result) {
     reconnect(handle);
     return result;
+}
+
+// After a request that was sent and not answered as it should be: its answer may still come.
+int gaveUp(configd_handle *handle, int result) {
+    distrust(handle);
+    return reconnected(handle, result);
 }
 
 // Text of a record's field, which a caller may have filled to its last byte.
@@ -226,10 +393,20 @@ int getQueries(configd_handle *handle) {
     return 0;
 }
 
+// Memory for a handle, best where none was whose name is not to be used again.
+configd_handle *newHandle() {
+    auto *handle = static_cast<configd_handle *>(zalloc(sizeof(configd_handle)));
+    if (handle == nullptr || !isListed(handle)) return handle;
+    configd_handle *elsewhere = newHandle();
+    if (elsewhere == nullptr) return handle;
+    std::free(handle);
+    return elsewhere;
+}
+
 }  // namespace
 
 configd_handle *configd_open(void) {
-    auto *handle = static_cast<configd_handle *>(zalloc(sizeof(configd_handle)));
+    configd_handle *handle = newHandle();
     if (handle == nullptr) {
         vx::log(LOG_ERR, "no mem for configd connection");
         return nullptr;
@@ -297,14 +474,14 @@ int configd_set(configd_handle *handle, const configd_entry *entries) {
     const int sent = length + 1;
     if (!sendRequest(handle, request.data(), sent)) return reconnected(handle, -2);
     Message answer;
-    const int received = configd_recv(handle, answer.data(), changeAnswerSize);
+    const int received = receiveAnswer(handle, answer, changeAnswerSize);
     if (received != sent) {
         vx::log(LOG_ERR, "no response from configd (%d != %d)", received, sent);
-        return reconnected(handle, -3);
+        return gaveUp(handle, -3);
     }
     if (std::memcmp(answer.data(), request.data(), static_cast<size_t>(sent)) != 0) {
         vx::log(LOG_ERR, "invalid response from configd");
-        return reconnected(handle, -4);
+        return gaveUp(handle, -4);
     }
     return 0;
 }
@@ -313,16 +490,16 @@ int configd_done(configd_handle *handle) {
     if (handle == nullptr) return -1;
     if (!sendRequest(handle, doneRequest.data(), static_cast<int>(doneRequest.size()))) return reconnected(handle, -2);
     Message answer;
-    const int received = configd_recv(handle, answer.data(), changeAnswerSize);
+    const int received = receiveAnswer(handle, answer, changeAnswerSize);
     if (received == 0) {
         vx::log(LOG_ERR, "no response from configd");
-        return reconnected(handle, -3);
+        return gaveUp(handle, -3);
     }
     const char *text = received > 0 ? answer.data() : "";
     if (std::strcmp(text, "Ready") == 0) return 0;
     if (std::strcmp(text, "Busy") == 0) return 1;
     vx::log(LOG_ERR, "invalid response <%s> from configd", text);
-    return reconnected(handle, -4);
+    return gaveUp(handle, -4);
 }
 
 void configd_clear(configd_handle *handle) {
@@ -337,36 +514,33 @@ void configd_clear(configd_handle *handle) {
 
 int configd_send(configd_handle *handle, const char *data, int length) {
     if (handle == nullptr || handle->fd < 0 || data == nullptr || length <= 0) return -1;
-    const sockaddr_un address = addressOf(handle->server_path);
-    const auto size = static_cast<size_t>(length);
-    const auto deadline = Clock::now() + answerTimeout;
-    ssize_t sent = ::sendto(handle->fd, data, size, 0, reinterpret_cast<const sockaddr *>(&address), sizeof address);
-    if (sent == -1 && errno == EINTR) sent = sendAgain(handle->fd, data, size, address, deadline);
-    return static_cast<int>(sent);
+    return static_cast<int>(sendAfter(prepareSend, handle, data, length));
 }
 
 int configd_recv(configd_handle *handle, char *data, int size) {
     if (handle == nullptr || handle->fd < 0 || data == nullptr || size <= 0) return -1;
-    const vx::SigpipeScope ignored;
-    if (!waitForAnswer(handle->fd)) return -1;
-    const auto room = static_cast<size_t>(size);
-    std::memset(data, 0, room);
-    const ssize_t received =
-        vx::retryEintr([&] { return ::recvfrom(handle->fd, data, room - 1, 0, nullptr, nullptr); });
-    if (received >= 0) data[received] = '\0';
-    return static_cast<int>(received);
+    bool prompt = false;
+    const int received = receiveAnswer(handle->fd, data, size, prompt);
+    if (received == -1) {
+        distrust(handle);
+    } else {
+        std::memset(data + received, 0, static_cast<size_t>(size - received));
+    }
+    return received;
 }
 
 int configd_prepare_get(configd_handle *handle, configd_entry *entry) {
     if (handle == nullptr || entry == nullptr || entry->key[0] == '\0') return -1;
     Message message;
     const std::string_view key = fieldText(entry->key);
-    const int length =
-        std::snprintf(message.data(), message.size() - 1, "?%.*s\n", static_cast<int>(key.size()), key.data()) + 1;
-    if (!sendRequest(handle, message.data(), length)) return -1;
-    const int received = configd_recv(handle, message.data(), CONFIGD_MSG_LEN);
+    message[0] = '?';
+    std::memcpy(&message[1], key.data(), key.size());
+    std::memcpy(&message[1 + key.size()], "\n", 2);
+    if (!sendRequest(handle, message.data(), static_cast<int>(key.size()) + 3)) return -1;
+    const int received = receiveAnswer(handle, message, CONFIGD_MSG_LEN);
     if (received < trailerLength) {
         vx::log(LOG_ERR, "no response from configd (len %d)", received);
+        useUp(handle);
         return -1;
     }
     message[static_cast<size_t>(received - trailerLength)] = '\0';
@@ -385,25 +559,27 @@ int __configd_open(configd_handle *handle) {
     (void)std::snprintf(handle->server_path, sizeof handle->server_path, "%s/daemon.sock", socketDirectory);
     (void)std::snprintf(handle->client_path, sizeof handle->client_path, "%s/client.%d.%p", socketDirectory, ::getpid(),
                         static_cast<void *>(handle));
-    removeSocketFile(handle->client_path);  // left by an earlier process of the same number
+    // An earlier process of the same number did not end by itself and may have left a request without an answer, too.
+    if (removeSocketFile(handle->client_path)) distrust(handle);
 
-    const sockaddr_un address = addressOf(handle->client_path);
-    const auto length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + std::strlen(address.sun_path));
-    if (::bind(handle->fd, reinterpret_cast<const sockaddr *>(&address), length) == -1) {
+    const bool bound = isDistrusted(handle) ? bindToNewName(handle) : bindTo(handle->fd, handle->client_path);
+    if (!bound) {
         vx::log(LOG_ERR, "cannot bind to configd");
         __configd_close(handle);
         return -1;
     }
-    limitSendTime(handle->fd, answerTimeout);
-    ::chmod(handle->client_path, clientSocketMode);
+    limitTime(handle->fd, SO_SNDTIMEO, answerTimeout);
+    limitTime(handle->fd, SO_RCVTIMEO, promptAnswer);
+    openToAll(handle->client_path);
     return 0;
 }
 
 void __configd_close(configd_handle *handle) {
     if (handle == nullptr) return;
+    removeNewName(handle);
     if (handle->fd >= 0 && handle->fd != neverClosed) ::close(handle->fd);
     handle->fd = -1;
-    if (handle->client_path[0] != '\0') removeSocketFile(handle->client_path);
+    if (handle->client_path[0] != '\0') (void)removeSocketFile(handle->client_path);
     handle->server_path[0] = '\0';
     handle->client_path[0] = '\0';
 }

@@ -33,9 +33,29 @@
  * - A handle does not survive fork() in both processes: the socket's file has one name, and the process that closes
  *   first removes it.
  * - A handle is either connected (`fd` is a descriptor, both paths are set, the client's socket file exists) or closed
- *   (`fd` is -1, both paths empty). A failed exchange ends with a fresh connection under the same name; what the
- *   daemon still answers to the failed request is thrown away. A closed handle is fine to use: each call fails and
- *   tries to connect again.
+ *   (`fd` is -1, both paths empty). A failed exchange ends with a fresh connection and the same paths. A closed handle
+ *   can be used: each call fails and tries to connect again.
+ * - Late answers: an answer that comes after configd_get(), configd_fetch(), configd_set(), configd_done() or
+ *   configd_prepare_get() has given its request up is lost. No later call of the process takes it for the answer to
+ *   another request, however late it comes, however often the daemon sends it and in whatever order, through this
+ *   handle or through one that is opened later. The same holds for a second answer to a request that was answered after
+ *   more than 1 s. This is how: the daemon answers to the name that the asking socket is bound to, which is
+ *   `client_path`. After a request without a prompt and proper answer, the handle's new socket is bound to a name that
+ *   no socket had before, "client.PID.0xNUMBER" in the same directory, and so is each later one of the handle;
+ *   `client_path` is then the file of a closed socket. The number is odd, unlike the address of a handle.
+ * configd_open() avoids the addresses of such handles; after 128 of them, all new sockets of the process have such
+ * names.
+ * - Not guaranteed: a second answer to a request that was answered within 1 s is believed when it arrives while the
+ * next request waits for its answer. As soon as the process has found one answer too many in a socket, each further
+ * request has a name of its own, which excludes this at the price of about one more exchange per request. A process
+ * that gets both the number and the handle's address of another one, which closed its handle less than the delay of an
+ * answer ago. A caller of configd_send() and configd_recv() matches requests and answers itself.
+ * - Whose answers count: only those from the daemon's socket to which the request went, which is the one at
+ *   "/var/run/configd/daemon.sock" when the request is sent. The kernel refuses datagrams from any other socket (EPERM
+ *   for their sender) while the client waits; what arrived before is thrown away. A daemon therefore has to answer
+ *   through the socket that it receives with. A restarted daemon is found by the next request. A request whose daemon
+ *   ends before it answers fails after 10 s. Whoever can replace files in the socket directory can play the daemon: the
+ *   directory must belong to root and be writable only by users that are trusted with the configuration.
  * - Failures are reported by result and in the system log, priority LOG_ERR.
  *
  * Keys and values are texts without line feeds; keys hold no "=". The client does not look into them.
@@ -71,7 +91,7 @@ typedef struct configd_entry {
  */
 typedef struct configd_handle {
     int fd;                   /**< The socket, -1 when closed. */
-    char client_path[256];    /**< Path the socket is bound to; empty when none. */
+    char client_path[256];    /**< Path of the client's socket file; empty when none. See "Late answers". */
     char server_path[256];    /**< Path of the daemon's socket; empty when closed. */
     int count;                /**< Entries in `queries`. */
     struct list_link queries; /**< Entries of the query list, in the order they were added. */
@@ -141,7 +161,8 @@ VXUTILS_API void configd_clear(configd_handle *handle);
  */
 
 /**
- * Sends one datagram to the daemon. Waits up to 10 s while the daemon's queue is full.
+ * Sends one datagram to the daemon, whose socket alone can send to the handle's from then on. Waits up to 10 s while
+ * the daemon's queue is full. Answers of a daemon that has been restarted since they came are lost.
  * @return bytes sent; -1 for a NULL argument, a closed handle, a length below 1, or when sending failed (errno).
  */
 VXUTILS_API int configd_send(configd_handle *handle, const char *data, int length);
@@ -156,14 +177,16 @@ VXUTILS_API int configd_send(configd_handle *handle, const char *data, int lengt
 VXUTILS_API int configd_recv(configd_handle *handle, char *data, int size);
 
 /**
- * Reads the value of one record's key. On failure the record is unchanged and the handle is not reconnected.
+ * Reads the value of one record's key. On failure the record is unchanged and the handle is not reconnected; when no
+ * proper answer came, its socket receives nothing any more, and the next request connects anew.
  * @return 0, or -1 for NULL arguments, an empty key or a failed exchange (logged).
  */
 VXUTILS_API int configd_prepare_get(configd_handle *handle, configd_entry *entry);
 
 /**
- * Connects, after disconnecting a connected handle: binds a socket to
- * "/var/run/configd/client.PID.ADDRESS_OF_HANDLE", accessible to everyone.
+ * Connects, after disconnecting a connected handle: makes a socket file
+ * "/var/run/configd/client.PID.ADDRESS_OF_HANDLE", accessible to everyone, and replaces one that an earlier process
+ * with the same id has left.
  * @return 0, or -1 for NULL or when socket or bind failed (logged); the handle is closed then.
  */
 VXUTILS_API int __configd_open(configd_handle *handle);
