@@ -12,6 +12,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cctype>
 #include <cerrno>
@@ -23,6 +24,7 @@
 #include <deque>
 #include <list>
 #include <map>
+#include <sstream>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -40,10 +42,13 @@ constexpr const char *help =
     "  error TEXT          answer commands with \"ERROR\" and TEXT\n"
     "  raw TEXT            answer commands with TEXT alone\n"
     "  fill N              answer commands with \"OK\" and so many letters that the answer has N bytes\n"
+    "  echo                answer commands with \"OK\", a blank and the command\n"
     "  on COMMAND = TEXT   answer this command with TEXT alone, whatever the others get\n"
     "  busy N TEXT         before each answer, answer N times \"BUSY\" and TEXT\n"
     "  busyfor MS TEXT     the same once, and the answer MS milliseconds later\n"
     "  late MS             send answers MS milliseconds late\n"
+    "  times MS[,MS]...    send the answer to the next command at these times after it, several times in all; several\n"
+    "                      words are used in turn, by all connections\n"
     "  pieces N            send answers in pieces of N bytes, each when the one before has been read\n"
     "  silent              take commands and answer none\n"
     "  handshake WAY       answer \"init\" commands: ok, error, silent, busy\n"
@@ -114,6 +119,9 @@ struct Manner {
     int busyMs = 0;  // between the last "BUSY" and the answer
     std::string busyText;
     int lateMs = 0;
+    std::vector<std::vector<int>> times;
+    size_t timesUsed = 0;
+    bool echo = false;
     size_t pieceSize = 0;  // 0: whole
     bool silent = false;
     std::string handshake = "ok";
@@ -127,8 +135,14 @@ struct Piece {
     int delayMs;
 };
 
+struct TimedAnswer {
+    long long dueUs;
+    std::string bytes;
+};
+
 struct Client {
     int fd = -1;
+    std::vector<TimedAnswer> timedAnswers;
     std::string received;
     std::deque<Piece> pieces;
     long long previousDoneUs = 0;
@@ -151,6 +165,7 @@ private:
     void take(Client &client, const std::string &command);
     void queue(Client &client, const std::string &text, int delayMs);
     void answerHandshake(Client &client);
+    static bool sendTimed(Client &client);
     bool sendDue(Client &client);
     void drop(Client &client);
     bool readControl();
@@ -167,6 +182,19 @@ private:
     std::string input_;
     Manner manner_;
 };
+
+std::vector<std::vector<int>> readTimes(const std::string &text) {
+    std::vector<std::vector<int>> times;
+    std::istringstream words(text);
+    for (std::string word; words >> word;) {
+        std::istringstream numbers(word);
+        times.emplace_back();
+        for (std::string number; std::getline(numbers, number, ',');) {
+            times.back().push_back(static_cast<int>(std::strtol(number.c_str(), nullptr, 10)));
+        }
+    }
+    return times;
+}
 
 sockaddr_un addressOf(const std::string &path) {
     sockaddr_un address{};
@@ -245,13 +273,33 @@ void Daemon::take(Client &client, const std::string &command) {
     if (manner_.silent) return;
     for (int i = 0; i < manner_.busyTimes; ++i) queue(client, "BUSY" + manner_.busyText, 0);
     const auto own = manner_.answers.find(command);
-    const std::string &answer = own != manner_.answers.end() ? own->second : manner_.answer;
+    const std::string answer = own != manner_.answers.end() ? own->second
+                               : manner_.echo               ? "OK " + command
+                                                            : manner_.answer;
+    if (!manner_.times.empty()) {
+        for (const int ms : manner_.times[manner_.timesUsed++ % manner_.times.size()]) {
+            client.timedAnswers.push_back({nowUs() + ms * 1000LL, answer});
+        }
+        return;
+    }
     int delayMs = manner_.lateMs + manner_.busyMs;
     const size_t step = manner_.pieceSize > 0 ? manner_.pieceSize : answer.size();
     for (size_t start = 0; start < answer.size(); start += step) {
         queue(client, answer.substr(start, step), delayMs);
         delayMs = 0;
     }
+}
+
+// Sends what is due, in the order of its times. Returns whether more is to come.
+bool Daemon::sendTimed(Client &client) {
+    auto &answers = client.timedAnswers;
+    const auto earlier = [](const TimedAnswer &a, const TimedAnswer &b) { return a.dueUs < b.dueUs; };
+    std::stable_sort(answers.begin(), answers.end(), earlier);
+    while (!answers.empty() && answers.front().dueUs <= nowUs()) {
+        (void)!::send(client.fd, answers.front().bytes.data(), answers.front().bytes.size(), MSG_NOSIGNAL);
+        answers.erase(answers.begin());
+    }
+    return !answers.empty();
 }
 
 // Sends the next piece when it is due and the one before has been read. Returns whether more is to come.
@@ -331,6 +379,10 @@ void Daemon::control(std::string_view line) {
         manner_.busyText = afterNumber;
     } else if (word == "late") {
         manner_.lateMs = number;
+    } else if (word == "echo") {
+        manner_.echo = true;
+    } else if (word == "times") {
+        manner_.times = readTimes(text);
     } else if (word == "pieces") {
         manner_.pieceSize = static_cast<size_t>(number > 0 ? number : 0);
     } else if (word == "silent") {
@@ -378,7 +430,10 @@ void Daemon::run() {
     std::puts("ready");
     for (;;) {
         bool pending = false;
-        for (Client &client : clients_) pending = sendDue(client) || pending;
+        for (Client &client : clients_) {
+            pending = sendDue(client) || pending;
+            pending = sendTimed(client) || pending;
+        }
         clients_.remove_if([](const Client &client) { return client.fd == -1; });
 
         std::vector<pollfd> waiting{{0, POLLIN, 0}, {manner_.deaf ? -1 : listener_, POLLIN, 0}};

@@ -1,6 +1,6 @@
 # Number of boxes over which a family's test cases are spread; families that are not named run in one.
 set(vxutils_shards_configd 12)
-set(vxutils_shards_wwanmd 8)
+set(vxutils_shards_wwanmd 12)
 set(vxutils_shards_ping 4)
 set(vxutils_shards_wanlink 3)
 set(vxutils_shards_demo 4)

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include <vxutils/wwanmd.h>
 
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/resource.h>
@@ -53,6 +54,17 @@ namespace {
 thread_local bool waitsBreak = false;
 thread_local bool receivesBreak = false;
 }  // namespace
+
+namespace {
+// This thread cannot take locks of the POSIX library.
+thread_local bool locksFail = false;
+}  // namespace
+
+extern "C" int pthread_mutex_lock(pthread_mutex_t *mutex) noexcept {
+    if (locksFail) return EAGAIN;
+    static const auto next = reinterpret_cast<int (*)(pthread_mutex_t *)>(::dlsym(RTLD_NEXT, "pthread_mutex_lock"));
+    return next(mutex);
+}
 
 extern "C" int poll(pollfd *waiting, nfds_t count, int timeout) {
     if (waitsBreak) {
@@ -290,6 +302,29 @@ TEST_F(Wwanmd, WithoutMemoryForTheRecordThereIsNoHandleEither) {
     EXPECT_THAT(logTexts(), ElementsAre("no mem for wwanmd connection"));
     EXPECT_TRUE(modem.happened().empty());
     EXPECT_NE(connect(), nullptr);
+}
+
+TEST_F(Wwanmd, ConnectsWhereLocksFail) {
+    locksFail = true;
+    const Handle handle(wwanmd_init(0, "lockless"));
+    locksFail = false;
+    ASSERT_NE(handle, nullptr);
+    EXPECT_THAT(modem.happened(), ElementsAre("connected", "command init lockless"));
+}
+
+TEST_F(Wwanmd, ManyThreadsConnectAtOnceUnderTheSameAndOtherNames) {
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 8; ++i) {
+        threads.emplace_back([i] {
+            for (int round = 0; round < 10; ++round) {
+                const std::string name = "app " + std::to_string(i % 2) + " " + std::to_string(round);
+                const Handle handle(wwanmd_init(0, name.c_str()));
+                ASSERT_NE(handle, nullptr);
+                EXPECT_EQ(handle->app, name);
+            }
+        });
+    }
+    for (std::thread &thread : threads) thread.join();
 }
 
 TEST_F(Wwanmd, WithoutADaemonThereIsNoHandle) {
@@ -667,6 +702,141 @@ TEST_F(Wwanmd, OneBudgetCoversAllPassesOfOneReceive) {
     EXPECT_EQ(forgotten.text(), "(none)");
     EXPECT_EQ(handle->failures, 1);
 }
+
+TEST_F(Wwanmd, AfterATimeoutTheNextCommandIsSentOnANewConnection) {
+    const Handle handle = connect();
+    modem.tell("echo");
+    modem.tell("times 5800");
+    Message first("first");
+    EXPECT_EQ(command(handle, first), -1);
+    EXPECT_EQ(handle->failures, 1);
+    EXPECT_THAT(modem.happened(), ElementsAre("command first"));
+    modem.tell("times 2000");
+    Message second("second");
+    EXPECT_EQ(command(handle, second), 0);
+    EXPECT_EQ(second.text(), " second");
+    EXPECT_EQ(handle->flags, 1);
+    EXPECT_THAT(modem.happened(),
+                testing::UnorderedElementsAre("closed", "connected", "command init tester", "command second"));
+    Message third("third");
+    EXPECT_EQ(command(handle, third), 0);
+    EXPECT_EQ(third.text(), " third");
+    EXPECT_THAT(modem.happened(), ElementsAre("command third"));
+}
+
+TEST_F(Wwanmd, WhatCameTooLateIsReportedAndTheConnectionIsNewAllTheSame) {
+    const Handle handle = connect();
+    modem.tell("echo");
+    modem.tell("times 5500,7500");
+    Message first("first");
+    EXPECT_EQ(command(handle, first), -1);
+    waitReadable(handle);
+    modem.tell("times 3000");
+    log.take();
+    Message second("second");
+    EXPECT_EQ(command(handle, second), 0);
+    EXPECT_EQ(second.text(), " second");
+    EXPECT_THAT(logTexts(), ElementsAre("flushed 8 bytes from wwanmd0 before sending"));
+}
+
+TEST_F(Wwanmd, AnotherReceiveGoesOnWaitingForAnAnswerThatTimedOut) {
+    const Handle handle = connect();
+    modem.tell("echo");
+    modem.tell("times 7000");
+    Message first("first");
+    EXPECT_EQ(command(handle, first), -1);
+    Message again;
+    EXPECT_EQ(wwanmd_recv(handle.get(), &again), 0);
+    EXPECT_EQ(again.text(), " first");
+}
+
+TEST_F(Wwanmd, ABusyCommandWhoseTimeIsUpIsCountedAndFollowedByANewConnection) {
+    const Handle handle = connect();
+    modem.tell("on scan = BUSY");
+    modem.tell("times 4500,6000");
+    handle->busy_count = 3;
+    Message scan("scan");
+    EXPECT_EQ(command(handle, scan), -1);
+    EXPECT_EQ(handle->busy_count, 4);
+    modem.happened();
+    modem.tell("times 1000");
+    Message again("scan");
+    EXPECT_EQ(command(handle, again), -1);  // BUSY once, then nothing
+    EXPECT_EQ(handle->busy_count, 4) << "kept by the new connection";
+    EXPECT_EQ(handle->failures, 1);
+    EXPECT_THAT(modem.happened(), testing::IsSupersetOf({"closed", "connected", "command init tester"}));
+}
+
+TEST_F(Wwanmd, AConnectionThatCannotBeRenewedFailsTheCommandAndTheNextOneTriesAgain) {
+    const Handle handle = connect();
+    modem.tell("silent");
+    Message message("signal");
+    EXPECT_EQ(command(handle, message), -1);
+    modem.tell("handshake error");
+    log.take();
+    EXPECT_EQ(command(handle, message), -1);
+    EXPECT_EQ(handle->fd, -1);
+    EXPECT_EQ(handle->flags, 1);
+    EXPECT_NE(handle->last_io.tv_sec, 0);
+    EXPECT_THAT(logTexts(), ElementsAre("receiving from wwanmd0 failed (1 failures)", "command failed",
+                                        "cannot initialize wwanmd0 (Success)"));
+    modem.tell("normal");
+    EXPECT_EQ(command(handle, message), 0);
+}
+
+TEST_F(Wwanmd, AResetThatBeginsAfterATimeoutIsSeenByTheNextSend) {
+    const Handle handle = connect();
+    modem.tell("silent");
+    Message message("signal");
+    EXPECT_EQ(command(handle, message), -1);
+    modem.tell("reset on");
+    EXPECT_EQ(wwanmd_send(handle.get(), &message), -11);
+    EXPECT_EQ(handle->fd, -1);
+    modem.tell("reset off");
+}
+
+// Many processes give commands whose answers come at all times and in all orders.
+class WwanmdLate : public Wwanmd, public testing::WithParamInterface<const char *> {
+protected:
+    static constexpr int processes = 32;
+    static constexpr int rounds = 5;
+    static constexpr int wrong = 99;
+
+    // Number of commands that were answered, unless one got the answer to another.
+    static int giveCommands(int process) {
+        const Handle handle(wwanmd_init(0, "tester"));
+        if (handle == nullptr) return 0;
+        int answered = 0;
+        for (int round = 0; round < rounds; ++round) {
+            const std::string text = "command " + std::to_string(process) + " " + std::to_string(round);
+            Message message(text, 5 + process % 6);
+            if (wwanmd_command(handle.get(), &message) != 0) continue;
+            if (message.text() != " " + text) return wrong;
+            ++answered;
+        }
+        return answered;
+    }
+};
+
+TEST_P(WwanmdLate, AnswersAreNeverTakenForThoseToLaterCommands) {
+    modem.tell("echo");
+    modem.tell(std::string("times ") + GetParam());
+    std::vector<pid_t> children;
+    for (int i = 0; i < processes; ++i) children.push_back(vxtest::startChild([i] { return giveCommands(i); }));
+    int answered = 0;
+    for (const pid_t child : children) {
+        const int result = vxtest::waitChild(child);
+        ASSERT_LE(result, rounds);
+        answered += result;
+    }
+    EXPECT_GT(answered, 0);
+    EXPECT_LT(answered, processes * rounds);
+}
+
+INSTANTIATE_TEST_SUITE_P(Delays, WwanmdLate,
+                         testing::Values("9000 11000 0 16000 9500 25000 12000 40000 4000",           // once each
+                                         "11000,11000 9000 14000,40000 12000,25000 4500",            // late ones twice
+                                         "10500 9000 10200 9500 19500 9400 29000 9300 3000 7000"));  // in another order
 
 TEST_F(Wwanmd, FourFailedReceivesReconnect) {
     const Handle handle = connect();

@@ -12,6 +12,7 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <cstddef>
@@ -20,11 +21,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
-#include <list>
 #include <memory>
-#include <mutex>
 #include <new>
-#include <string>
 #include <string_view>
 
 #include "vxutils/internal/errno_keeper.h"
@@ -40,8 +38,11 @@ constexpr const char *resetMarker = "reset";
 constexpr const char *suspendedMarker = "suspended";
 constexpr size_t markerPathSize = 256;
 
-constexpr int inReset = -11;    // result while the card is in reset
-constexpr int initialized = 1;  // bit of wwanmd_handle::flags
+constexpr int inReset = -11;  // result while the card is in reset
+
+// Bits of wwanmd_handle::flags.
+constexpr int initialized = 1;
+constexpr int answerMissing = 2;  // the wait for an answer ended without it: it may still come on this connection
 
 constexpr int64_t usPerSecond = 1000000;
 constexpr int64_t pacingUs = 300000;
@@ -95,14 +96,33 @@ bool markerPresent(const char *marker, int card) {
     return ::access(path.data(), R_OK) == 0;
 }
 
+struct Name {
+    const Name *next;
+    char text[sizeof wwanmd_handle::app];
+};
+std::atomic<const Name *> names{nullptr};
+
+const char *findName(const Name *from, const Name *end, const char *name) {
+    for (; from != end; from = from->next) {
+        if (std::strcmp(from->text, name) == 0) return from->text;
+    }
+    return nullptr;
+}
+
 // The same text in memory that lasts: openlog() keeps the pointer it is given. Each name is kept once and never freed,
-// because another thread may be logging with it at any time. Throws std::bad_alloc.
+// because another thread may be logging with it at any time. Takes no lock, which a child of fork() might find taken
+// for ever. Throws std::bad_alloc.
 const char *lastingName(const char *name) {
-    static std::mutex mutex;
-    static auto *const names = new std::list<std::string>;
-    const std::lock_guard lock(mutex);
-    const auto known = std::find(names->begin(), names->end(), name);
-    return known != names->end() ? known->c_str() : names->emplace_back(name).c_str();
+    const Name *first = names;
+    if (const char *known = findName(first, nullptr, name)) return known;
+    auto added = std::make_unique<Name>();
+    (void)strlcpy(added->text, name, sizeof added->text);
+    added->next = first;
+    while (!names.compare_exchange_weak(first, added.get())) {
+        if (const char *known = findName(first, added->next, name)) return known;
+        added->next = first;
+    }
+    return added.release()->text;
 }
 
 // What is left of a time-out; every wait takes the time it needed.
@@ -267,9 +287,30 @@ bool terminateCommand(wwanmd_msg *message) {
     return true;
 }
 
+// Replaces a connection on which the answer to an earlier command may still come: nothing in an answer tells which
+// command it belongs to, but what is sent on a closed connection is lost. The counts go on, as they do on a connection
+// that is kept.
+int renewConnection(wwanmd_handle *handle) {
+    (void)flushStaleAnswers(*handle);  // for its message
+    const int failures = handle->failures;
+    const int busyCount = handle->busy_count;
+    const int result = wwanmd_open(handle);
+    if (result != 0) return result;
+    handle->failures = failures;
+    handle->busy_count = busyCount;
+    return 0;
+}
+
 int sendMessage(wwanmd_handle *handle, wwanmd_msg *message, Part part) {
     if (handle == nullptr || message == nullptr || !validCard(handle->card)) return -1;
     if (!terminateCommand(message)) return -1;
+    if ((handle->flags & answerMissing) != 0) {
+        const int result = renewConnection(handle);
+        if (result != 0) {
+            handle->last_io = now();
+            return result;
+        }
+    }
     pace(*handle);
     if (handle->fd == -1 && wwanmd_open(handle) != 0) {
         handle->last_io = now();
@@ -320,7 +361,10 @@ Reply receiveReply(wwanmd_handle *handle, wwanmd_msg *message, Budget &budget, R
     pollfd waiting{handle->fd, POLLIN, 0};
     const int ready = budget.wait(waiting);
     if (ready == 0) vx::log(LOG_DEBUG, "recv from wwanmd%d timed out", handle->card);
-    if (ready != 1) return Reply::failed;
+    if (ready != 1) {
+        handle->flags |= answerMissing;
+        return Reply::failed;
+    }
     errno = 0;
     const ssize_t got = vx::retryEintr([&] { return ::recv(handle->fd, buffer.data(), buffer.size(), MSG_DONTWAIT); });
     if (got <= 0) {
@@ -345,7 +389,10 @@ Reply receiveAnswer(wwanmd_handle *handle, wwanmd_msg *message) {
         vx::log(LOG_DEBUG, "wwanmd%d is busy, remaining timeout is %lu.%lus", handle->card,
                 static_cast<unsigned long>(budget.leftUs() / usPerSecond),
                 static_cast<unsigned long>(budget.leftUs() % usPerSecond));
-        if (budget.leftUs() < usPerSecond) break;
+        if (budget.leftUs() < usPerSecond) {
+            handle->flags |= answerMissing;
+            break;
+        }
     }
     keepText(message, reply.substr(busyWord.size()));
     vx::log(LOG_DEBUG, "wwanmd%d is busy", handle->card);
@@ -448,7 +495,8 @@ int wwanmd_open(wwanmd_handle *handle) {
 }
 
 void wwanmd_close(wwanmd_handle *handle) {
-    if (handle == nullptr || handle->fd == -1) return;
+    if (handle == nullptr) return;
+    handle->flags &= ~answerMissing;
     const vx::Fd closed(handle->fd);
     handle->fd = -1;
 }

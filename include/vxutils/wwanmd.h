@@ -24,11 +24,24 @@
  * these cases. An answer that the daemon sends in pieces is cut at its first piece; the rest is stale and thrown away
  * before the next command.
  *
+ * **Late answers.** An answer does not tell which command it belongs to. When the time-out of a command ends without
+ * its final answer, the next wwanmd_send() or wwanmd_command() therefore connects anew before it sends, whatever has
+ * come until then: what the daemon still sends on the old connection is lost. No command gets the answer to an earlier
+ * one that timed out, however late it comes, however often it is sent and in whatever order. wwanmd_recv() alone may be
+ * called again to go on waiting. Not guaranteed, because the connection is kept: a daemon that sends more than one
+ * answer to a command in time, or its final one after 21 times "BUSY", is believed when that answer comes after the
+ * next command was sent.
+ *
+ * **Whose answers count.** Those of the process that listens at "/var/run/wwanmdN/server" when the connection is made;
+ * nobody else can send on it. The directory must be writable by trusted users only, and so must "/tmp/status/wwanmd",
+ * whose markers keep a card from being used.
+ *
  * **Waiting.** All calls block their thread. With T the message's time-out (5 to 300 s), the longest times are
  * - wwanmd_in_reset(): 5 s, and only while the reset marker is there;
  * - wwanmd_open(), hence wwanmd_init(): 15.3 s (5 s to be accepted, 0.3 s of pacing, 5 s to send the handshake, 5 s for
  *   its answer), plus up to three times 5 s when the reset marker comes and goes meanwhile: 30.3 s in all;
- * - wwanmd_send(): 0.3 s + T, plus one wwanmd_open() when the connection is closed and one when it must be renewed,
+ * - wwanmd_send(): 0.3 s + T, plus one wwanmd_open() when the connection is closed or the last command timed out, and
+ *   one when sending fails for the fourth time,
  *   plus 5 s for the reset marker;
  * - wwanmd_recv(): T, with the same additions; T is one budget for all waits of the call, "BUSY" answers included;
  * - wwanmd_command(): wwanmd_send() and T together, plus 5 s for the reset marker, plus one wwanmd_open() when the
@@ -65,7 +78,7 @@ struct wwanmd_handle {
     int card;                /**< card number */
     char app[16];            /**< name of the calling application, at most 15 characters */
     int fd;                  /**< the stream socket; -1 while closed */
-    int flags;               /**< bit 0: a handshake has succeeded once; never cleared */
+    int flags;               /**< bit 0: a handshake has succeeded once; never cleared. Bit 1: an answer is missing */
     int failures;            /**< consecutive failed sends and receives */
     int busy_count;          /**< consecutive commands that ended in "BUSY" */
     struct timespec last_io; /**< CLOCK_MONOTONIC time of the last send attempt or (re)connection */
