@@ -1,8 +1,11 @@
 // SPDX-License-Identifier: MIT
 // An uncontended lock and unlock beside the bare mutex of the same kind.
 #include <benchmark/benchmark.h>
+#include <fcntl.h>
 #include <pthread.h>
 #include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
 #include <vxutils/csemaphore.h>
 #include <vxutils/sem.h>
 
@@ -51,6 +54,33 @@ void lockBare(benchmark::State &state) {
     ::munmap(page, sizeof(pthread_mutex_t));
 }
 
+// Making a lock that exists and dropping it, as a program does that locks once.
+void openOurs(benchmark::State &state) {
+    provideLibraryFile();
+    const CRecursiveSemaphore keeper("/bench");
+    for (auto _ : state) {
+        CRecursiveSemaphore lock("/bench");
+        benchmark::DoNotOptimize(lock);
+    }
+}
+
+void openBare(benchmark::State &state) {
+    provideLibraryFile();
+    const CRecursiveSemaphore keeper("/bench");
+    for (auto _ : state) {
+        const int fd = ::shm_open("/bench", O_RDWR | O_CLOEXEC, 0);
+        struct stat info;
+        if (::fstat(fd, &info) != 0) state.SkipWithError("no lock");
+        void *const page =
+            ::mmap(nullptr, static_cast<size_t>(info.st_size), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+        ::close(fd);
+        benchmark::DoNotOptimize(page);
+        ::munmap(page, static_cast<size_t>(info.st_size));
+    }
+}
+
+BENCHMARK(openOurs)->Name("RecursiveOpenClose/ours");
+BENCHMARK(openBare)->Name("RecursiveOpenClose/bare");
 BENCHMARK(lockOurs)->Name("LockUnlock/ours");
 BENCHMARK(lockBare)->Name("LockUnlock/mutex");
 BENCHMARK(lockPlain)->Name("PlainLockUnlock/ours");

@@ -11,6 +11,10 @@
 #include <cstdlib>
 #include <vector>
 
+#ifdef VXBENCH_WITH_NETTLE
+#include <nettle/hmac.h>
+#endif
+
 namespace {
 
 template <typename Context>
@@ -77,6 +81,71 @@ void hmacOpenssl(benchmark::State &state) {
     }
 }
 BENCHMARK(hmacOpenssl)->Name("HmacSha1_256/openssl");
+
+// A key is set once, then short messages are authenticated one after the other.
+
+template <typename Context>
+void hmacShort(benchmark::State &state) {
+    const std::vector<unsigned char> message(64, 0x5a);
+    unsigned char out[20];
+    Context digest;
+    HmacContext context(&digest);
+    context.initialize(kKey, sizeof kKey, 0);
+    for (auto _ : state) {
+        context.reset();
+        context.hash(message.data(), message.size());
+        context.getHash(out);
+        benchmark::DoNotOptimize(out);
+    }
+}
+BENCHMARK(hmacShort<Md5HashContext>)->Name("HmacMd5_64/ours");
+BENCHMARK(hmacShort<Sha1HashContext>)->Name("HmacSha1_64/ours");
+
+void hmacShortOpenssl(benchmark::State &state, const EVP_MD *digest) {
+    const std::vector<unsigned char> message(64, 0x5a);
+    unsigned char out[EVP_MAX_MD_SIZE];
+    HMAC_CTX *const context = HMAC_CTX_new();
+    HMAC_Init_ex(context, kKey, sizeof kKey, digest, nullptr);
+    for (auto _ : state) {
+        HMAC_Init_ex(context, nullptr, 0, nullptr, nullptr);
+        HMAC_Update(context, message.data(), message.size());
+        HMAC_Final(context, out, nullptr);
+        benchmark::DoNotOptimize(out);
+    }
+    HMAC_CTX_free(context);
+}
+void hmacMd5Openssl(benchmark::State &state) { hmacShortOpenssl(state, EVP_md5()); }
+void hmacSha1Openssl(benchmark::State &state) { hmacShortOpenssl(state, EVP_sha1()); }
+BENCHMARK(hmacMd5Openssl)->Name("HmacMd5_64/openssl");
+BENCHMARK(hmacSha1Openssl)->Name("HmacSha1_64/openssl");
+
+#ifdef VXBENCH_WITH_NETTLE
+void hmacMd5Nettle(benchmark::State &state) {
+    const std::vector<unsigned char> message(64, 0x5a);
+    unsigned char out[MD5_DIGEST_SIZE];
+    hmac_md5_ctx context;
+    hmac_md5_set_key(&context, sizeof kKey, kKey);
+    for (auto _ : state) {
+        hmac_md5_update(&context, message.size(), message.data());
+        hmac_md5_digest(&context, sizeof out, out);
+        benchmark::DoNotOptimize(out);
+    }
+}
+BENCHMARK(hmacMd5Nettle)->Name("HmacMd5_64/nettle");
+
+void hmacSha1Nettle(benchmark::State &state) {
+    const std::vector<unsigned char> message(64, 0x5a);
+    unsigned char out[SHA1_DIGEST_SIZE];
+    hmac_sha1_ctx context;
+    hmac_sha1_set_key(&context, sizeof kKey, kKey);
+    for (auto _ : state) {
+        hmac_sha1_update(&context, message.size(), message.data());
+        hmac_sha1_digest(&context, sizeof out, out);
+        benchmark::DoNotOptimize(out);
+    }
+}
+BENCHMARK(hmacSha1Nettle)->Name("HmacSha1_64/nettle");
+#endif
 
 }  // namespace
 

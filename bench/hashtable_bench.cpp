@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
-// The hash tables beside std::unordered_map, at load factor 1.
+// The hash tables beside std::unordered_map and absl's flat map, at load factor 1; and with 2,048 buckets for 65,536
+// numbers, which is what a caller gets who chose too few.
 #include <benchmark/benchmark.h>
 #include <vxutils/hashtable.h>
 
@@ -8,6 +9,10 @@
 #include <string>
 #include <unordered_map>
 #include <vector>
+
+#ifdef VXBENCH_WITH_ABSL
+#include <absl/container/flat_hash_map.h>
+#endif
 
 namespace {
 
@@ -111,6 +116,93 @@ void fillTextMap(benchmark::State &state) {
         benchmark::DoNotOptimize(map);
     }
 }
+
+// --- many numbers
+
+constexpr size_t manyKeys = 65536;
+constexpr size_t fewBuckets = 2048;
+
+void fillManyOurs(benchmark::State &state) {
+    const auto keys = numbers(manyKeys);
+    for (auto _ : state) {
+        INUInt32HashTable table(static_cast<size_t>(state.range(0)), HASH_LOW_BITS);
+        for (const uint32_t key : keys) table.addEntry(key, nullptr);
+        benchmark::DoNotOptimize(table);
+    }
+}
+BENCHMARK(fillManyOurs)->Name("FillManyNumbers/ours")->Arg(fewBuckets)->Arg(manyKeys);
+
+// The first `keys` numbers are in the table; those after them are not.
+template <bool there>
+void findManyOurs(benchmark::State &state) {
+    const auto keys = numbers(2 * manyKeys);
+    INUInt32HashTable table(static_cast<size_t>(state.range(0)), HASH_LOW_BITS);
+    for (size_t i = 0; i < manyKeys; ++i) table.addEntry(keys[i], nullptr);
+    for (auto _ : state) {
+        for (size_t i = 0; i < manyKeys; i += 16) {
+            void *value;
+            benchmark::DoNotOptimize(table.getValueFromKey(keys[there ? i : i + manyKeys], &value));
+        }
+    }
+}
+BENCHMARK(findManyOurs<true>)->Name("HitManyNumbers/ours")->Arg(fewBuckets)->Arg(manyKeys);
+BENCHMARK(findManyOurs<false>)->Name("MissManyNumbers/ours")->Arg(fewBuckets)->Arg(manyKeys);
+
+void walkOurs(benchmark::State &state) {
+    const auto keys = numbers(static_cast<size_t>(state.range(0)));
+    INUInt32HashTable table(keys.size(), HASH_LOW_BITS);
+    for (const uint32_t key : keys) table.addEntry(key, nullptr);
+    for (auto _ : state) table.passAllPointers([](void *value) { benchmark::DoNotOptimize(value); });
+}
+BENCHMARK(walkOurs)->Name("WalkNumbers/ours")->Arg(16)->Arg(4096);
+
+#ifdef VXBENCH_WITH_ABSL
+using FlatMap = absl::flat_hash_map<uint32_t, void *>;
+
+void fillManyFlat(benchmark::State &state) {
+    const auto keys = numbers(manyKeys);
+    for (auto _ : state) {
+        FlatMap map;
+        for (const uint32_t key : keys) map.emplace(key, nullptr);
+        benchmark::DoNotOptimize(map);
+    }
+}
+BENCHMARK(fillManyFlat)->Name("FillManyNumbers/absl")->Arg(fewBuckets)->Arg(manyKeys);
+
+template <bool there>
+void findManyFlat(benchmark::State &state) {
+    const auto keys = numbers(2 * manyKeys);
+    FlatMap map;
+    for (size_t i = 0; i < manyKeys; ++i) map.emplace(keys[i], nullptr);
+    for (auto _ : state) {
+        for (size_t i = 0; i < manyKeys; i += 16) {
+            benchmark::DoNotOptimize(map.find(keys[there ? i : i + manyKeys]));
+        }
+    }
+}
+BENCHMARK(findManyFlat<true>)->Name("HitManyNumbers/absl")->Arg(fewBuckets)->Arg(manyKeys);
+BENCHMARK(findManyFlat<false>)->Name("MissManyNumbers/absl")->Arg(fewBuckets)->Arg(manyKeys);
+
+void walkFlat(benchmark::State &state) {
+    const auto keys = numbers(static_cast<size_t>(state.range(0)));
+    FlatMap map;
+    for (const uint32_t key : keys) map.emplace(key, nullptr);
+    for (auto _ : state) {
+        for (const auto &entry : map) benchmark::DoNotOptimize(entry.second);
+    }
+}
+BENCHMARK(walkFlat)->Name("WalkNumbers/absl")->Arg(16)->Arg(4096);
+#endif
+
+void walkMap(benchmark::State &state) {
+    const auto keys = numbers(static_cast<size_t>(state.range(0)));
+    std::unordered_map<uint32_t, void *> map;
+    for (const uint32_t key : keys) map.emplace(key, nullptr);
+    for (auto _ : state) {
+        for (const auto &entry : map) benchmark::DoNotOptimize(entry.second);
+    }
+}
+BENCHMARK(walkMap)->Name("WalkNumbers/unordered_map")->Arg(16)->Arg(4096);
 
 const bool registered = [] {
     struct {

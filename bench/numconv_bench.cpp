@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
 // Number texts beside the C library's printf and strtol families.
+#include <arpa/inet.h>
 #include <benchmark/benchmark.h>
 #include <vxutils/numconv.h>
 
@@ -8,6 +9,11 @@
 #include <cstdlib>
 #include <string>
 #include <vector>
+
+#ifdef VXBENCH_WITH_FMT
+#define FMT_HEADER_ONLY
+#include <fmt/format.h>
+#endif
 
 namespace {
 
@@ -152,6 +158,80 @@ void dumpLibc(benchmark::State &state) {
     }
 }
 
+const std::vector<std::string> dottedTexts = {"10.0.0.1", "192.168.1.77", "255.255.255.0", "172.16.254.3"};
+constexpr uint32_t addresses[] = {0x0a000001, 0xc0a8014d, 0xffffff00, 0xac10fe03};
+
+void readDotted(benchmark::State &state) {
+    for (auto _ : state) {
+        for (const std::string &text : dottedTexts) {
+            uint32_t address;
+            benchmark::DoNotOptimize(convIPStr2IPUl(text.c_str(), &address));
+            benchmark::DoNotOptimize(address);
+        }
+    }
+}
+
+void readDottedPton(benchmark::State &state) {
+    for (auto _ : state) {
+        for (const std::string &text : dottedTexts) {
+            in_addr address;
+            benchmark::DoNotOptimize(inet_pton(AF_INET, text.c_str(), &address));
+            benchmark::DoNotOptimize(address);
+        }
+    }
+}
+
+void readDottedScanf(benchmark::State &state) {
+    for (auto _ : state) {
+        for (const std::string &text : dottedTexts) {
+            unsigned long a, b, c, d;
+            benchmark::DoNotOptimize(std::sscanf(text.c_str(), "%lu.%lu.%lu.%lu", &a, &b, &c, &d));
+            unsigned long address = (a << 24) + (b << 16) + (c << 8) + d;
+            benchmark::DoNotOptimize(address);
+        }
+    }
+}
+
+void printDotted(benchmark::State &state) {
+    char text[16];
+    for (auto _ : state) {
+        for (const uint32_t address : addresses) {
+            convIPUL2IPStr(address, text);
+            benchmark::ClobberMemory();
+        }
+    }
+}
+
+void printDottedNtop(benchmark::State &state) {
+    char text[16];
+    for (auto _ : state) {
+        for (const uint32_t address : addresses) {
+            const in_addr binary{htonl(address)};
+            benchmark::DoNotOptimize(inet_ntop(AF_INET, &binary, text, sizeof text));
+            benchmark::ClobberMemory();
+        }
+    }
+}
+
+#ifdef VXBENCH_WITH_FMT
+void printDottedFmt(benchmark::State &state) {
+    char text[17];
+    for (auto _ : state) {
+        for (const uint32_t address : addresses) {
+            *fmt::format_to(text, "{}.{}.{}.{}", address >> 24, address >> 16 & 0xff, address >> 8 & 0xff,
+                            address & 0xff) = '\0';
+            benchmark::ClobberMemory();
+        }
+    }
+}
+BENCHMARK(printDottedFmt)->Name("Print_dotted/fmt");
+#endif
+
+BENCHMARK(readDotted)->Name("Read_dotted/ours");
+BENCHMARK(readDottedPton)->Name("Read_dotted/inet_pton");
+BENCHMARK(readDottedScanf)->Name("Read_dotted/sscanf");
+BENCHMARK(printDotted)->Name("Print_dotted/ours");
+BENCHMARK(printDottedNtop)->Name("Print_dotted/inet_ntop");
 BENCHMARK(printDecimal)->Name("Print_decimal/ours");
 BENCHMARK(printDecimalLibc)->Name("Print_decimal/snprintf");
 BENCHMARK(printHex)->Name("Print_hex/ours");
