@@ -3,6 +3,7 @@
 // and run the same code when it is ready; each loop is entered once and serves all events of the measurement.
 #include <benchmark/benchmark.h>
 #include <event2/event.h>
+#include <fcntl.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <sys/timerfd.h>
@@ -10,6 +11,7 @@
 #include <uv.h>
 #include <vxutils/eventsource.h>
 
+#include <array>
 #include <chrono>
 #include <cstdint>
 #include <memory>
@@ -405,6 +407,32 @@ void expiryBare(benchmark::State &state) {
     ::close(set);
     state.SetItemsProcessed(state.iterations() * state.range(0));
 }
+
+// Making a loop with nothing in it and dropping it, beside the system calls that it takes.
+
+void makeOurs(benchmark::State &state) {
+    for (auto _ : state) {
+        CEPollEventsource source;
+        benchmark::DoNotOptimize(source.init());
+    }
+}
+
+void makeBare(benchmark::State &state) {
+    for (auto _ : state) {
+        std::array<int, 2> ends{};
+        const int set = ::epoll_create1(EPOLL_CLOEXEC);
+        if (::pipe2(ends.data(), O_CLOEXEC | O_NONBLOCK) != 0) return state.SkipWithError("no pipe");
+        epoll_event event{};
+        event.events = EPOLLIN;
+        event.data.fd = ends[0];
+        ::epoll_ctl(set, EPOLL_CTL_ADD, ends[0], &event);
+        ::close(ends[1]);
+        ::close(ends[0]);
+        ::close(set);
+    }
+}
+BENCHMARK(makeOurs)->Name("MakeAndDrop/ours");
+BENCHMARK(makeBare)->Name("MakeAndDrop/bare");
 
 BENCHMARK(expiryOurs)->Name("TimerEvents/ours")->Arg(1)->Arg(100)->Arg(1000)->UseManualTime()->Iterations(100);
 BENCHMARK(expiryBare)->Name("TimerEvents/timerfd")->Arg(1)->Arg(100)->Arg(1000)->UseManualTime()->Iterations(100);

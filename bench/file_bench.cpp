@@ -1,14 +1,25 @@
 // SPDX-License-Identifier: MIT
-// The status files' two ways: replacing one, and reading one that holds one value.
+// Files and directories beside the same system calls by hand.
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
+#include <sys/sendfile.h>
+#include <sys/stat.h>
 #include <unistd.h>
 #include <vxutils/file.h>
+#include <vxutils/list.h>
 
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <string>
+#include <system_error>
+#include <vector>
+
+#ifdef VXBENCH_WITH_GLIB
+#include <glib.h>
+#endif
 
 namespace {
 
@@ -80,6 +91,117 @@ void Readfile_ifstream(benchmark::State &state) {
         benchmark::DoNotOptimize(text);
     }
 }
+
+// A configuration file of 1,000 lines.
+const std::string &lines() {
+    static const std::string name = [] {
+        std::string file = newFile();
+        std::ofstream out(file);
+        for (int i = 0; i < 1000; ++i) out << "network.interface." << i << ".address = 192.168.1." << i % 256 << '\n';
+        return file;
+    }();
+    return name;
+}
+
+void ReadLines_ours(benchmark::State &state) {
+    for (auto _ : state) {
+        list_link all{&all, &all};
+        benchmark::DoNotOptimize(read_file_lines(lines().c_str(), &all));
+        for (list_link *link = all.next; link != &all;) {
+            auto *line = reinterpret_cast<file_line *>(link);
+            link = link->next;
+            std::free(line->data);
+            std::free(line);
+        }
+    }
+}
+
+#ifdef VXBENCH_WITH_GLIB
+void ReadLines_glib(benchmark::State &state) {
+    for (auto _ : state) {
+        gchar *text = nullptr;
+        g_file_get_contents(lines().c_str(), &text, nullptr, nullptr);
+        gchar **all = g_strsplit(text, "\n", -1);
+        benchmark::DoNotOptimize(all);
+        g_strfreev(all);
+        g_free(text);
+    }
+}
+BENCHMARK(ReadLines_glib)->Name("ReadLines_1000/glib");
+#endif
+
+void ReadLines_getline(benchmark::State &state) {
+    for (auto _ : state) {
+        std::ifstream file(lines());
+        std::vector<std::string> all;
+        for (std::string line; std::getline(file, line);) all.push_back(line);
+        benchmark::DoNotOptimize(all);
+    }
+}
+BENCHMARK(ReadLines_ours)->Name("ReadLines_1000/ours");
+BENCHMARK(ReadLines_getline)->Name("ReadLines_1000/getline");
+
+// A path of four directories that is there already.
+void MakePath_ours(benchmark::State &state) {
+    std::filesystem::create_directories("/tmp/file_bench/one/two/three");
+    for (auto _ : state) {
+        char path[] = "/tmp/file_bench/one/two/three/";
+        benchmark::DoNotOptimize(create_directory(path));
+    }
+}
+
+void MakePath_filesystem(benchmark::State &state) {
+    std::filesystem::create_directories("/tmp/file_bench/one/two/three");
+    for (auto _ : state) {
+        std::error_code error;
+        benchmark::DoNotOptimize(std::filesystem::create_directories("/tmp/file_bench/one/two/three", error));
+    }
+}
+
+void MakePath_bare(benchmark::State &state) {
+    std::filesystem::create_directories("/tmp/file_bench/one/two/three");
+    for (auto _ : state) {
+        char path[] = "/tmp/file_bench/one/two/three";
+        for (char *slash = path; (slash = std::strchr(slash + 1, '/')) != nullptr;) {
+            *slash = '\0';
+            ::mkdir(path, 0755);
+            *slash = '/';
+        }
+        benchmark::DoNotOptimize(::mkdir(path, 0755));
+    }
+}
+BENCHMARK(MakePath_ours)->Name("MakePathExisting/ours");
+BENCHMARK(MakePath_filesystem)->Name("MakePathExisting/filesystem");
+BENCHMARK(MakePath_bare)->Name("MakePathExisting/bare");
+
+const std::string &kilobyte() {
+    static const std::string name = [] {
+        std::string file = newFile();
+        std::ofstream(file) << std::string(1024, 'x');
+        return file;
+    }();
+    return name;
+}
+
+void CopyFile_ours(benchmark::State &state) {
+    const std::string copy = kilobyte() + ".copy";
+    for (auto _ : state) benchmark::DoNotOptimize(copy_file(kilobyte().c_str(), copy.c_str()));
+}
+
+void CopyFile_bare(benchmark::State &state) {
+    const std::string copy = kilobyte() + ".copy";
+    for (auto _ : state) {
+        const int from = ::open(kilobyte().c_str(), O_RDONLY | O_CLOEXEC);
+        struct stat info;
+        ::fstat(from, &info);
+        const int to = ::open(copy.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, info.st_mode & 0777);
+        benchmark::DoNotOptimize(::sendfile(to, from, nullptr, static_cast<size_t>(info.st_size)));
+        ::close(to);
+        ::close(from);
+    }
+}
+BENCHMARK(CopyFile_ours)->Name("CopyFile_1k/ours");
+BENCHMARK(CopyFile_bare)->Name("CopyFile_1k/bare_sendfile");
 
 BENCHMARK(WriteFileAtomic_ours)->Name("WriteFileAtomic/ours");
 BENCHMARK(WriteFileAtomic_syscalls)->Name("WriteFileAtomic/syscalls");
