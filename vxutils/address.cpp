@@ -9,6 +9,8 @@
 #include <cstdio>
 #include <cstring>
 
+#include "vxutils/internal/digits.h"
+
 namespace {
 
 constexpr size_t networkTextSize = 93;  // two IPv6 texts, the slash and the terminator
@@ -89,28 +91,6 @@ bool read6(const char *text, sockaddr *addr) {
     return inet_pton(AF_INET6, text, bytes(addr) + address6) == 1;
 }
 
-char *printNumber(char *out, unsigned int value) {
-    if (value >= 100) {
-        *out++ = static_cast<char>('0' + value / 100);
-        value %= 100;
-        *out++ = static_cast<char>('0' + value / 10);
-        value %= 10;
-    } else if (value >= 10) {
-        *out++ = static_cast<char>('0' + value / 10);
-        value %= 10;
-    }
-    *out++ = static_cast<char>('0' + value);
-    return out;
-}
-
-void print4(char *out, const char *address) {
-    for (size_t i = 0; i < sizeof(in_addr); ++i) {
-        out = printNumber(out, static_cast<unsigned char>(address[i]));
-        *out++ = '.';
-    }
-    out[-1] = '\0';
-}
-
 // Whether all one bits come before all zero bits: the inverted mask is a power of two less 1.
 bool isContiguous(uint32_t hostOrderMask) { return (~hostOrderMask & (~hostOrderMask + 1)) == 0; }
 
@@ -150,7 +130,7 @@ char *addr2str(char *buf, const struct sockaddr *addr) {
     if (buf == nullptr || addr == nullptr) return nullptr;
     switch (familyOf(addr)) {
         case AF_INET:
-            print4(buf, bytes(addr) + address4);
+            *vx::writeQuad(buf, ntohl(wordAt(bytes(addr) + address4))) = '\0';
             break;
         case AF_INET6:
             inet_ntop(AF_INET6, bytes(addr) + address6, buf, INET6_ADDRSTRLEN);

@@ -6,6 +6,8 @@
 #include <cstdint>
 #include <type_traits>
 
+#include "vxutils/internal/digits.h"
+
 // Daemons keep these by value: in records, in tables, in shared memory.
 static_assert(sizeof(IpAddress) == 36 && !std::is_polymorphic_v<IpAddress>);
 
@@ -98,22 +100,10 @@ bool readNumber(const String &text, long &pos, unsigned long &value, long mostDi
     return true;
 }
 
-char *writeOctet(char *to, uint32_t octet) {
-    if (octet >= 100) *to++ = static_cast<char>('0' + octet / 100);
-    if (octet >= 10) *to++ = static_cast<char>('0' + octet / 10 % 10);
-    *to++ = static_cast<char>('0' + octet % 10);
-    return to;
-}
-
 String &writeQuad(String &text, bool isV4, uint32_t value) {
     if (!isV4) return text = String::EMPTY();
     char quad[kQuadText];
-    char *end = writeOctet(quad, value >> 24);
-    for (const unsigned int shift : {16U, 8U, 0U}) {
-        *end++ = '.';
-        end = writeOctet(end, value >> shift & 0xff);
-    }
-    *end = '\0';
+    *vx::writeQuad(quad, value) = '\0';
     return text = quad;
 }
 

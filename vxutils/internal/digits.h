@@ -106,4 +106,16 @@ inline void writePowerOfTwo(char *to, size_t count, Value value, unsigned int bi
     std::memset(to, '0', count);
 }
 
+// An IPv4 address in host order as a dotted quad, without a terminator. Returns the end, at most 15 characters on.
+inline char *writeQuad(char *to, uint32_t address) {
+    for (int shift = 24;; shift -= 8) {
+        const uint32_t octet = address >> shift & 0xff;
+        const size_t digits = countDecimalDigits(octet);
+        writeDecimal(to, digits, octet);
+        to += digits;
+        if (shift == 0) return to;
+        *to++ = '.';
+    }
+}
+
 }  // namespace vx
