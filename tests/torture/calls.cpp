@@ -346,6 +346,8 @@ VX_CALL(int, fflush, (FILE * file), (file), EOF, ENOSPC, EIO)
 VX_CALL_NOEXCEPT(int, access, (const char *path, int mode), (path, mode), -1, EACCES, ENOMEM)
 VX_CALL_NOEXCEPT(int, fchmod, (int fd, mode_t mode), (fd, mode), -1, EPERM)
 VX_CALL_NOEXCEPT(int, chmod, (const char *path, mode_t mode), (path, mode), -1, EPERM)
+VX_CALL_NOEXCEPT(int, fchmodat, (int directory, const char *path, mode_t mode, int flags),
+                 (directory, path, mode, flags), -1, EPERM)
 VX_CALL_NOEXCEPT(int, chdir, (const char *path), (path), -1, EACCES)
 VX_CALL_NOEXCEPT(int, mkdir, (const char *path, mode_t mode), (path, mode), -1, ENOSPC, EACCES)
 VX_CALL_NOEXCEPT(int, mkfifo, (const char *path, mode_t mode), (path, mode), -1, ENOSPC)
@@ -449,6 +451,8 @@ extern "C" int semop(int set, sembuf *operations, size_t count) noexcept {
     return real(set, operations, count);
 }
 
+VX_CALL_NOEXCEPT(int, semtimedop, (int set, sembuf *operations, size_t count, const timespec *limit),
+                 (set, operations, count, limit), -1, EINTR, ENOMEM)
 VX_CALL_NOEXCEPT(int, shmget, (key_t key, size_t size, int flags), (key, size, flags), -1, ENOSPC, ENOMEM)
 VX_CALL_NOEXCEPT(void *, shmat, (int segment, const void *address, int flags), (segment, address, flags),
                  reinterpret_cast<void *>(-1), ENOMEM, EMFILE)
@@ -569,6 +573,8 @@ VX_CALL_NOEXCEPT(tm *, gmtime, (const time_t *when), (when), nullptr, EOVERFLOW)
 
 VX_CALL(int, connect, (int fd, const sockaddr *address, socklen_t length), (fd, address, length), -1, ECONNREFUSED,
         EINTR, EAGAIN)
+
+VX_CALL_NOEXCEPT(int, shutdown, (int fd, int how), (fd, how), -1, ENOTCONN)
 
 extern "C" ssize_t recv(int fd, void *buffer, size_t size, int flags) {
     const int error = transferFault("recv", fd, size, {EINTR, ECONNRESET});

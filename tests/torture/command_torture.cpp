@@ -55,8 +55,6 @@ void words(Run &run) {
 }
 
 void restart(Run &run) {
-    vxtest::writeFile("/usr/local/sbin/system-reboot", "#!/bin/sh\necho \"$*\" > /tmp/rebooted\n");
-    ::chmod("/usr/local/sbin/system-reboot", 0755);
     ::unlink("/tmp/rebooted");
     run([] { system_reboot(1, 2); }, 3s);
     const bool started = run.hit() || vxtest::eventually([] { return vxtest::readFile("/tmp/rebooted") == "1 2\n"; });
@@ -67,6 +65,9 @@ void restart(Run &run) {
 }  // namespace
 
 int main(int argc, char **argv) {
+    // Written once: a program that still runs cannot be written to.
+    vxtest::writeFile("/usr/local/sbin/system-reboot", "#!/bin/sh\necho \"$*\" > /tmp/rebooted\n");
+    ::chmod("/usr/local/sbin/system-reboot", 0755);
     // A process that cannot fork becomes the program itself: documented, and tested apart.
     const std::set<std::string> noFork{"fork"};
     const std::vector<std::string> watched{"/tmp/torture"};

@@ -25,8 +25,10 @@ CANNOT_FAIL = """
     fputs fputc puts putchar fwrite
 """.split()
 REASONS = {
+    "__register_atfork": "runs once in a process, before any scenario of a second object",
     "devlog_level_create": "runs when the library is loaded, before any scenario",
     "gethostbyname_r": "its result for names is tested with real hosts",
+    "getpeername": "asks a socket that has just been connected",
     "lseek": "fails on what cannot be positioned: a scenario of its own in the tests",
     "pclose": "reaps the child in any case",
     "shmctl": "the library only removes its own segments",

@@ -49,6 +49,8 @@ void shared(Run &run) {
             return true;
         }
     });
+    // The object's file may be there already, all zero: the next user initialises it.
+    if (thrown) ::shm_unlink(name.c_str());
     if (!run.outcome("CRecursiveSemaphore", lock != nullptr, thrown)) return;
     const bool usable = !run.hit();
     const int locked = run([&] { return lock->lock(); });
