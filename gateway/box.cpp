@@ -111,7 +111,8 @@ void makeDirs(const std::string &path, mode_t mode = 0755) {
 
 void makeFile(const std::string &path) {
     makeDirs(path.substr(0, path.rfind('/') + 1));
-    const int fd = ::open(path.c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0644);
+    const int fd = ::open(path.c_str(), O_CREAT | O_EXCL | O_WRONLY | O_CLOEXEC, 0644);
+    if (fd == -1 && errno == EEXIST) return;
     check(fd, "create " + path);
     ::close(fd);
 }
