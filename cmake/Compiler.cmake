@@ -3,7 +3,7 @@
 # Everybody gets these; the library itself gets vxutils_strict on top.
 add_library(vxutils_warnings INTERFACE)
 target_compile_options(vxutils_warnings INTERFACE
-  -Wall -Wextra -Wpedantic -Werror -Wshadow -Wundef -Wformat=2 -Wcast-align -Wvla
+  -Wall -Wextra -Wpedantic $<$<BOOL:${VXUTILS_WERROR}>:-Werror> -Wshadow -Wundef -Wformat=2 -Wcast-align -Wvla
   $<$<COMPILE_LANGUAGE:CXX>:-Wnon-virtual-dtor -Woverloaded-virtual -Wold-style-cast -Wextra-semi>
   $<$<AND:$<COMPILE_LANGUAGE:CXX>,$<CXX_COMPILER_ID:GNU>>:-Wduplicated-cond -Wlogical-op>)
 # A cast that one machine needs, the other may not: sizes and times differ in width.
@@ -42,6 +42,3 @@ else()
   add_link_options(-Wl,-z,relro -Wl,-z,now -Wl,-z,noexecstack)
 endif()
 add_link_options(-Wl,--as-needed)
-# The library names no path of its own: a program's run path has to serve what the library needs as well (RPATH, not
-# RUNPATH).
-add_link_options(-Wl,--disable-new-dtags)

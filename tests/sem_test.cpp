@@ -112,6 +112,18 @@ TEST_F(Sem, ALockThatCouldNotBeSetUpStillGivesAHandle) {
     sem_release(handle);
 }
 
+TEST_F(Sem, WithoutTheLibrarysFileEveryCallReturnsAtOnce) {
+    const std::string libraryFile = "/usr/lib/libvxutils.so.1.0.0";
+    ASSERT_EQ(::rename(libraryFile.c_str(), "/usr/lib/away"), 0);
+    sem_handle *const handle = sem_create(fresh().c_str());
+    ASSERT_EQ(::rename("/usr/lib/away", libraryFile.c_str()), 0);
+    EXPECT_EQ(log.take().size(), 2U) << "the missing file, and what it was needed for";
+    EXPECT_EQ(sem_lock(handle), -1);
+    EXPECT_EQ(sem_trylock(handle), -1);
+    EXPECT_EQ(sem_unlock(handle), -1);
+    sem_release(handle);
+}
+
 TEST_F(Sem, ANullNameRaisesALogicErrorWithAndWithoutOptions) {
     sem_options *const options = sem_options_create();
     ASSERT_NE(options, nullptr);

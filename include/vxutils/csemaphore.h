@@ -37,6 +37,11 @@
  * under a lock's name is not used: a semaphore is removed and made anew where this process may do that (root may) and
  * makes init() fail otherwise; a shared-memory object leaves the lock unusable. So does an object that its group or
  * others may write: whoever can write a mutex can make its users write anywhere in their memory.
+ *
+ * Files: a CRecursiveSemaphore needs the file /usr/lib/libvxutils.so.1.0.0, whatever the prefix that the library is
+ * installed in: the lock that guards the making of named locks is found by that path (ftok()). Any file of this name
+ * that the user can look up will do, and all users of a lock must see the same one. Without it the constructor writes
+ * to the system log, and every call on the object returns -1 at once.
  */
 #ifndef VXUTILS_CSEMAPHORE_H
 #define VXUTILS_CSEMAPHORE_H

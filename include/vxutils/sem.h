@@ -16,6 +16,10 @@
  * The lock itself stays in the system until the next boot. Several handles of one name are the same lock. What another
  * ordinary user has made under the name is not used (see csemaphore.h). A handle may be shared between threads; the
  * lock belongs to the thread that took it. A child of fork() does not own what its parent has locked.
+ *
+ * Files: a lock needs the file /usr/lib/libvxutils.so.1.0.0, whatever the prefix that the library is installed in (see
+ * csemaphore.h). Without it sem_create() writes to the system log and returns a handle on which everything returns -1
+ * at once.
  */
 #ifndef VXUTILS_SEM_H
 #define VXUTILS_SEM_H

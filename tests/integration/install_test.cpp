@@ -1,10 +1,15 @@
 // SPDX-License-Identifier: MIT
-// The installed result, used from outside the tree with pkg-config and with the CMake package.
+// The installed result, used from outside the tree: any prefix, shared and static, pkg-config and CMake, or as a part
+// of another project. What is built here is run without any environment variable.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <vxutils/version.h>
 
 #include <algorithm>
 #include <filesystem>
+#include <set>
 #include <string>
+#include <vector>
 
 #include "support/files.h"
 #include "support/process.h"
@@ -12,116 +17,231 @@
 namespace {
 
 namespace fs = std::filesystem;
+using testing::HasSubstr;
+using testing::Not;
 
+const std::string source = VXTEST_SOURCE_DIR;
+const std::string build = VXTEST_BUILD_DIR;
+
+// Calls every part of a link: the library, what it calls itself, and the platform's logging library.
 const std::string cProgram = R"(
 #include <stdio.h>
 #include <vxutils/strutil.h>
+#include <vxutils/version.h>
+#include <vxutils/vxevent.h>
 #include <vxutils/xprintf.h>
-int main(void) {
+int main(int argc, char **argv) {
     char text[32];
+    if (argc > 100) create_legacy_source(argv);
     snxprintf(text, 0, sizeof text, "%s-%04x", "link", 0x2au);
-    puts(strtoupper(text));
+    printf("%s %s %d\n", strtoupper(text), vxutils_version(), devlog_level_to_prio(DL_MQCONTENTS));
     return 0;
 }
 )";
+const std::string cOutput = "LINK-002A " VXUTILS_VERSION_STRING " 7\n";
 
 const std::string cxxProgram = R"(
 #include <cstdio>
+#include <vxutils/csemaphore.h>
 #include <vxutils/vxstring.h>
-int main() {
+int main(int argc, char **) {
+    if (argc > 100) CRecursiveSemaphore("/never").lock();
     String text("wan");
     text += "0";
     std::puts(text.toUpperCase().c_str());
     return 0;
 }
 )";
+const std::string cxxOutput = "WAN0\n";
 
 std::string shell(const std::string &command, int expected = 0) {
-    const auto output = vxtest::run({"sh", "-c", command});
+    const auto output = vxtest::run({"bash", "-c", command});
     EXPECT_EQ(output.status, expected) << command << "\n" << output.text;
     return output.text;
 }
 
-std::string compiler(const char *language) { return std::string(language) == "C" ? VXTEST_CC : VXTEST_CXX; }
+std::string quoted(const std::string &path) { return "'" + path + "'"; }
 
-// Installing writes a list of the files into the build tree, which is read-only here: that list goes to memory.
+std::string runBare(const std::string &program) { return shell("env -i " + quoted(program)); }
+
+std::set<std::string> filesBelow(const std::string &dir) {
+    std::set<std::string> found;
+    for (const auto &entry : fs::recursive_directory_iterator(dir)) {
+        if (!entry.is_directory()) found.insert(entry.path().string());
+    }
+    return found;
+}
+
+void configureAndBuild(const std::string &tree, const std::string &project, const std::string &options) {
+    shell("cmake -G Ninja -S " + quoted(project) + " -B " + quoted(tree) + " " + options + " && cmake --build " +
+          quoted(tree));
+}
+
+// Both programs with pkg-config alone. The shell has to read the flags as pkg-config quotes them, for prefixes with
+// blanks.
+void expectPkgConfigWorks(const std::string &libraryDir, const std::string &options = "") {
+    SCOPED_TRACE(libraryDir + " " + options);
+    const std::string flags = " $(PKG_CONFIG_PATH=" + quoted(libraryDir + "/pkgconfig") +
+                              " pkg-config --cflags --libs " + options + " vxutils)";
+    vxtest::writeFile("/tmp/user/main.c", cProgram);
+    vxtest::writeFile("/tmp/user/main.cpp", cxxProgram);
+    shell("cd /tmp/user && eval cc -std=c99 -Wall -Wextra -Werror main.c" + flags + " -o main-c");
+    shell("cd /tmp/user && eval c++ -std=c++11 -Wall -Wextra -Werror main.cpp" + flags + " -o main-cxx");
+    EXPECT_EQ(runBare("/tmp/user/main-c"), cOutput);
+    EXPECT_EQ(runBare("/tmp/user/main-cxx"), cxxOutput);
+}
+
+// Both programs with the CMake package; the first in a project that knows no C++.
+void expectCMakeWorks(const std::string &prefix) {
+    SCOPED_TRACE(prefix);
+    fs::remove_all("/tmp/project");
+    for (const std::string language : {"C", "CXX"}) {
+        const std::string dir = "/tmp/project/" + language;
+        const std::string main = language == "C" ? "main.c" : "main.cpp";
+        vxtest::writeFile(dir + "/" + main, language == "C" ? cProgram : cxxProgram);
+        vxtest::writeFile(dir + "/CMakeLists.txt",
+                          "cmake_minimum_required(VERSION 3.22)\nproject(user LANGUAGES " + language +
+                              ")\nfind_package(vxutils 1.0 CONFIG REQUIRED)\nadd_executable(user " + main +
+                              ")\ntarget_link_libraries(user PRIVATE vxutils::vxutils)\n");
+        configureAndBuild(dir + "/build", dir, "-DCMAKE_PREFIX_PATH=" + quoted(prefix));
+        EXPECT_EQ(runBare(dir + "/build/user"), language == "C" ? cOutput : cxxOutput);
+    }
+}
+
+// Installing writes a list of the files into the build tree, which is read-only here: what a test changes there goes to
+// memory and is gone afterwards.
 class Install : public testing::Test {
 protected:
-    static void SetUpTestSuite() {
-        shell(
-            "mkdir -p /tmp/over/upper /tmp/over/work && mount -t overlay overlay "
-            "-o lowerdir=" VXTEST_BUILD_DIR ",upperdir=/tmp/over/upper,workdir=/tmp/over/work " VXTEST_BUILD_DIR);
+    Install() {
+        shell("mkdir -p /tmp/over/upper /tmp/over/work && mount -t overlay overlay -o lowerdir=" + build +
+              ",upperdir=/tmp/over/upper,workdir=/tmp/over/work " + build);
     }
+    ~Install() override { shell("umount " + build + " && rm -r /tmp/over"); }
 };
 
-// Installs into the box's own /usr, so the machine stays as it is.
-void install() { shell("cmake --install " VXTEST_BUILD_DIR " && ldconfig"); }
-
 TEST_F(Install, PutsEverythingWhereAnImageExpectsIt) {
-    shell("DESTDIR=/tmp/image cmake --install " VXTEST_BUILD_DIR);
+    shell("DESTDIR=/tmp/image cmake --install " + build);
     const std::string lib = "/tmp/image/usr/lib/";
     EXPECT_TRUE(vxtest::exists(lib + "libvxutils.so.1.0.0"));
     EXPECT_EQ(fs::read_symlink(lib + "libvxutils.so.1").string(), "libvxutils.so.1.0.0");
     EXPECT_EQ(fs::read_symlink(lib + "libvxutils.so").string(), "libvxutils.so.1");
     EXPECT_TRUE(vxtest::exists(lib + "pkgconfig/vxutils.pc"));
     EXPECT_TRUE(vxtest::exists(lib + "cmake/vxutils/vxutilsConfig.cmake"));
-    EXPECT_TRUE(vxtest::exists("/tmp/image/usr/include/vxutils/strutil.h"));
-    for (const auto &entry : fs::recursive_directory_iterator("/tmp/image/usr/include/vxutils")) {
-        EXPECT_TRUE(vxtest::exists(VXTEST_SOURCE_DIR "/include/vxutils/" + entry.path().filename().string()));
+    std::set<std::string> installed;
+    std::set<std::string> inTree;
+    for (const auto &entry : fs::directory_iterator("/tmp/image/usr/include/vxutils"))
+        installed.insert(entry.path().filename().string());
+    for (const auto &entry : fs::directory_iterator(source + "/include/vxutils"))
+        inTree.insert(entry.path().filename().string());
+    EXPECT_EQ(installed, inTree);
+    EXPECT_THAT(vxtest::readFile(lib + "pkgconfig/vxutils.pc"), Not(HasSubstr("-rpath")))
+        << "staged, to be run elsewhere";
+}
+
+TEST_F(Install, WorksInThePrefixOfTheSystem) {
+    shell("cmake --install " + build + " && ldconfig");
+    EXPECT_THAT(shell("pkg-config --libs vxutils"), Not(HasSubstr("-rpath")));
+    expectPkgConfigWorks("/usr/lib");
+    expectCMakeWorks("/usr");
+}
+
+TEST_F(Install, WorksInAnyOtherPrefixAndCanBeMoved) {
+    std::string random = "/srv/XXXXXX";
+    ASSERT_NE(::mkdtemp(random.data()), nullptr);
+    const std::string prefix = random + "/my libraries";
+    shell("cmake --install " + build + " --prefix " + quoted(prefix));
+    expectPkgConfigWorks(prefix + "/lib");
+    expectCMakeWorks(prefix);
+    const std::string moved = random + "/elsewhere";
+    fs::rename(prefix, moved);
+    expectPkgConfigWorks(moved + "/lib");
+    expectCMakeWorks(moved);
+}
+
+TEST_F(Install, InstalledAgainItIsTheSameAndUninstallingLeavesNothing) {
+    const std::string prefix = "/opt/my libraries";
+    vxtest::writeFile(prefix + "/include/other.h", "another package's");
+    vxtest::writeFile(prefix + "/lib/cmake/other/otherConfig.cmake", "another package's");
+    const auto before = filesBelow(prefix);
+    shell("cmake --install " + build + " --prefix " + quoted(prefix));
+    const auto installed = filesBelow(prefix);
+    EXPECT_GT(installed.size(), before.size() + 40);
+    shell("cmake --install " + build + " --prefix " + quoted(prefix));
+    EXPECT_EQ(filesBelow(prefix), installed);
+    shell("cmake --build " + build + " --target uninstall");
+    EXPECT_EQ(filesBelow(prefix), before);
+    EXPECT_FALSE(vxtest::exists(prefix + "/include/vxutils"));
+    EXPECT_FALSE(vxtest::exists(prefix + "/lib/cmake/vxutils"));
+    EXPECT_THAT(shell("rm " + build + "/install_manifest.txt && cmake --build " + build + " --target uninstall", 1),
+                HasSubstr("Nothing was installed from this build tree"));
+}
+
+// A parent project that takes the source tree in: the library alone is built, and no setting of the parent is changed.
+// It is configured and one file of it compiled; the library itself is not built a second time.
+std::string parentProject(const std::string &statement, const std::string &options) {
+    fs::remove_all("/tmp/parent");
+    vxtest::writeFile("/tmp/parent/main.c", cProgram);
+    vxtest::writeFile("/tmp/parent/CMakeLists.txt",
+                      "cmake_minimum_required(VERSION 3.22)\nproject(parent LANGUAGES C)\ninclude(CTest)\n" +
+                          statement +
+                          "\nadd_executable(user main.c)\ntarget_link_libraries(user PRIVATE vxutils::vxutils)\n"
+                          "add_test(NAME own COMMAND user)\n");
+    shell("cmake -G Ninja -S /tmp/parent -B /tmp/parent/build -DCMAKE_BUILD_TYPE=Debug -DCMAKE_CXX_FLAGS_DEBUG=-O0 " +
+          options);
+    shell("ninja -C /tmp/parent/build CMakeFiles/user.dir/main.c.o");
+    EXPECT_THAT(shell("cd /tmp/parent/build && ctest -N"), HasSubstr("Total Tests: 1\n"));
+    const std::string commands = shell("ninja -C /tmp/parent/build -t commands");
+    EXPECT_THAT(commands, Not(HasSubstr("-Werror")));
+    EXPECT_THAT(commands, HasSubstr("-O0")) << "the parent's own flags";
+    for (const char *part : {"examples/", "gateway/", "tools/", "_test.cpp"})
+        EXPECT_THAT(commands, Not(HasSubstr(part)));
+    return vxtest::readFile("/tmp/parent/build/CMakeCache.txt");
+}
+
+TEST(PartOfAProject, ByFetchContentItIsTheSharedLibraryAlone) {
+    const std::string cache = parentProject("include(FetchContent)\nFetchContent_Declare(vxutils SOURCE_DIR " + source +
+                                                ")\nFetchContent_MakeAvailable(vxutils)",
+                                            "");
+    EXPECT_THAT(cache, HasSubstr("CMAKE_INSTALL_PREFIX:PATH=/usr/local\n"));
+    EXPECT_THAT(cache, Not(HasSubstr("BUILD_SHARED_LIBS")));
+    EXPECT_THAT(shell("ninja -C /tmp/parent/build -t targets all"), HasSubstr("libvxutils.so.1.0.0: "));
+}
+
+TEST(PartOfAProject, BySubdirectoryItCanBeAStaticLibrary) {
+    const std::string cache = parentProject("add_subdirectory(" + source + " vxutils)", "-DBUILD_SHARED_LIBS=OFF");
+    EXPECT_THAT(cache, HasSubstr("BUILD_SHARED_LIBS:UNINITIALIZED=OFF\n"));
+    EXPECT_THAT(shell("ninja -C /tmp/parent/build -t targets all"), HasSubstr("libvxutils.a: "));
+    EXPECT_THAT(cache, Not(HasSubstr("libvxutils.so")));
+}
+
+// The objects of the shared library serve, so that only the archive is made.
+TEST_F(Install, AsAStaticLibraryItIsUsedFromOutside) {
+    const std::string prefix = "/opt/static";
+    std::string libraryDir = "lib/" + shell("cc -print-multiarch");
+    libraryDir.pop_back();  // the newline
+    shell("cmake -DBUILD_SHARED_LIBS=OFF -DCMAKE_INSTALL_LIBDIR=" + libraryDir + " " + build + " && cmake --build " +
+          build + " --target vxutils");
+    for (const std::string component : {"runtime", "development"})
+        shell("cmake --install " + build + " --prefix " + prefix + " --component " + component);
+    EXPECT_TRUE(vxtest::exists(prefix + "/" + libraryDir + "/libvxutils.a"));
+    EXPECT_FALSE(vxtest::exists(prefix + "/" + libraryDir + "/libvxutils.so"));
+    expectPkgConfigWorks(prefix + "/" + libraryDir, "--static");
+    expectCMakeWorks(prefix);
+    for (const char *program : {"/tmp/user/main-c", "/tmp/user/main-cxx", "/tmp/project/C/build/user"}) {
+        EXPECT_THAT(shell(std::string("readelf -d ") + program), Not(testing::ContainsRegex("libvxutils|libdevlog")));
     }
 }
 
-TEST_F(Install, HonoursPrefixAndLibraryDirectory) {
-    const std::string options =
-        "-DBUILD_TESTING=OFF -DCMAKE_INSTALL_PREFIX=/opt/fw -DCMAKE_INSTALL_LIBDIR=lib32 -DCMAKE_BUILD_TYPE=Debug";
-    shell("cmake -S " VXTEST_SOURCE_DIR " -B /tmp/prefix-build -G Ninja " + options +
-          " && cmake --build /tmp/prefix-build");
-    shell("DESTDIR=/tmp/other cmake --install /tmp/prefix-build");
-    EXPECT_TRUE(vxtest::exists("/tmp/other/opt/fw/lib32/libvxutils.so.1.0.0"));
-    EXPECT_TRUE(vxtest::exists("/tmp/other/opt/fw/include/vxutils/strutil.h"));
-    const std::string pc = vxtest::readFile("/tmp/other/opt/fw/lib32/pkgconfig/vxutils.pc");
-    EXPECT_NE(pc.find("libdir=${prefix}/lib32"), std::string::npos) << pc;
-    EXPECT_FALSE(vxtest::exists("/tmp/prefix-build/tests"));
-    EXPECT_FALSE(vxtest::exists("/tmp/prefix-build/gateway"));
-}
-
-TEST_F(Install, ACProgramBuildsWithPkgConfigAlone) {
-    install();
-    vxtest::writeFile("/tmp/user/main.c", cProgram);
-    shell("cd /tmp/user && " + compiler("C") +
-          " -std=c99 -Wall -Wextra -Werror main.c $(pkg-config --cflags --libs vxutils) -o main-c");
-    EXPECT_EQ(shell("/tmp/user/main-c"), "LINK-002A\n");
-}
-
-TEST_F(Install, ACxxProgramBuildsWithPkgConfigAlone) {
-    install();
-    vxtest::writeFile("/tmp/user/main.cpp", cxxProgram);
-    shell("cd /tmp/user && " + compiler("CXX") +
-          " -std=c++11 -Wall -Wextra -Werror main.cpp $(pkg-config --cflags --libs vxutils) -o main-cxx");
-    EXPECT_EQ(shell("/tmp/user/main-cxx"), "WAN0\n");
-}
-
-TEST_F(Install, BothBuildWithTheCMakePackage) {
-    install();
-    vxtest::writeFile("/tmp/project/main.c", cProgram);
-    vxtest::writeFile("/tmp/project/main.cpp", cxxProgram);
-    vxtest::writeFile("/tmp/project/CMakeLists.txt", R"(
-cmake_minimum_required(VERSION 3.22)
-project(user LANGUAGES C CXX)
-find_package(vxutils CONFIG REQUIRED)
-add_executable(user-c main.c)
-target_link_libraries(user-c PRIVATE vxutils::vxutils)
-add_executable(user-cxx main.cpp)
-target_link_libraries(user-cxx PRIVATE vxutils::vxutils)
-)");
-    shell("cmake -S /tmp/project -B /tmp/project/build -G Ninja && cmake --build /tmp/project/build");
-    EXPECT_EQ(shell("/tmp/project/build/user-c"), "LINK-002A\n");
-    EXPECT_EQ(shell("/tmp/project/build/user-cxx"), "WAN0\n");
+TEST(Configure, NamesThePackagesThatAreMissing) {
+    shell("rm /usr/include/zmq.h /usr/include/event.h");
+    const std::string output = shell("cmake -G Ninja -DBUILD_TESTING=OFF -S " + source + " -B /tmp/missing", 1);
+    EXPECT_THAT(output, HasSubstr("apt-get install libevent-dev libzmq3-dev"));
+    EXPECT_THAT(output, HasSubstr("scripts/setup build"));
 }
 
 // The first code block of a language in the README.
 std::string readmeBlock(const std::string &language) {
-    const std::string readme = vxtest::readFile(VXTEST_SOURCE_DIR "/README.md");
+    const std::string readme = vxtest::readFile(source + "/README.md");
     const std::string fence = "```" + language + "\n";
     const size_t begin = readme.find(fence);
     if (begin == std::string::npos) return "";
@@ -129,15 +249,14 @@ std::string readmeBlock(const std::string &language) {
 }
 
 TEST_F(Install, TheExamplesOfTheReadmeCompile) {
-    install();
+    shell("cmake --install " + build + " && ldconfig");
     for (const std::string language : {"c", "cpp"}) {
         const std::string code = readmeBlock(language);
         ASSERT_FALSE(code.empty()) << language;
         EXPECT_LE(std::count(code.begin(), code.end(), '\n'), 15) << language;
         vxtest::writeFile("/tmp/readme/main." + language, code);
-        shell("cd /tmp/readme && " + compiler(language == "c" ? "C" : "CXX") +
-              (language == "c" ? " -std=c99" : " -std=c++11") + " -Wall -Wextra -Werror main." + language +
-              " $(pkg-config --cflags --libs vxutils) -o main-" + language);
+        shell("cd /tmp/readme && " + std::string(language == "c" ? "cc -std=c99" : "c++ -std=c++11") +
+              " -Wall -Wextra -Werror main." + language + " $(pkg-config --cflags --libs vxutils) -o main-" + language);
     }
 }
 

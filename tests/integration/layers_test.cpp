@@ -18,7 +18,7 @@ const fs::path source = VXTEST_SOURCE_DIR;
 
 // Lowest first. A family may include its own layer and those below it.
 const std::vector<std::set<std::string>> layers{
-    {"api", "time64"},
+    {"api", "time64", "version"},
     {"strutil", "xprintf", "memstream", "list", "numconv", "hashtable", "vxstring", "address"},
     {"file", "command", "lock", "process", "processcontrol", "timefmt", "cfread", "systeminfo", "csemaphore", "sem",
      "digest", "dynamicmodule", "qxlog"},

@@ -38,11 +38,14 @@ TEST(LibraryFile, IsNamedAndLinkedAsTheFirmwareLoadsIt) {
     EXPECT_EQ(fs::read_symlink(vxtest::built("vxutils/libvxutils.so")).string(), "libvxutils.so.1");
 }
 
-TEST(LibraryFile, HasNoRunPathAndNoTextRelocations) {
+// The stand-in for the platform's logging library is found beside the library; the platform's own needs no run path.
+TEST(LibraryFile, NamesNoDirectoryButItsOwn) {
     EXPECT_TRUE(dynamicEntries("RPATH").empty());
-    EXPECT_TRUE(dynamicEntries("RUNPATH").empty());
-    EXPECT_TRUE(dynamicEntries("TEXTREL").empty());
+    const bool standIn = std::filesystem::exists(vxtest::built("vxutils/libdevlog.so.1"));
+    EXPECT_EQ(dynamicEntries("RUNPATH"), standIn ? std::vector<std::string>{"$ORIGIN"} : std::vector<std::string>{});
 }
+
+TEST(LibraryFile, HasNoTextRelocations) { EXPECT_TRUE(dynamicEntries("TEXTREL").empty()); }
 
 TEST(LibraryFile, NeedsNothingButItsDependenciesAndTheCompilersLibraries) {
     const std::vector<std::string> known{"libdevlog.so.1", "libevent_core-2.1.so.7", "libzmq.so.5",
