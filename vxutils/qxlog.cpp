@@ -8,6 +8,7 @@
 #include <vxutils/qxlog.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
@@ -16,6 +17,8 @@
 #include "vxutils/internal/fd.h"
 #include "vxutils/internal/handles.h"
 #include "vxutils/internal/retry.h"
+#include "vxutils/internal/safe_open.h"
+#include "vxutils/internal/semaphore_set.h"
 
 using vx::Fd;
 using vx::FilePtr;
@@ -25,6 +28,7 @@ namespace {
 constexpr const char *logPath = "/var/log/qxlog";
 constexpr const char *temporaryPath = "/var/log/qxlog.tmp";
 constexpr mode_t creationMode = 0666;
+constexpr mode_t temporaryMode = 0660;  // strangers could hold its lock
 constexpr mode_t logMode = 0664;
 
 constexpr int oldLinesKept = 32;
@@ -43,11 +47,31 @@ int failed(const char *what) {
     return -1;
 }
 
+// What others hold delays a call by so much at most: every user may operate on the semaphore and lock the log, which is
+// readable for all.
+struct Limits {
+    vx::SemaphoreDeadline start = vx::SemaphoreClock::now();
+    vx::SemaphoreDeadline semaphore = start + std::chrono::milliseconds(200);
+    vx::SemaphoreDeadline temporary = start + std::chrono::milliseconds(800);
+    vx::SemaphoreDeadline log = start + std::chrono::milliseconds(1000);
+};
+constexpr useconds_t pollPause_us = 2000;
+
+// Whoever makes the set may remove it at any time. A stranger's is removed where this process may do that.
+bool removeStrangers(int id) {
+    semid_ds status{};
+    return ::semctl(id, 0, IPC_STAT, &status) == 0 && !vx::isTrustedUser(status.sem_perm.cuid) &&
+           ::semctl(id, 0, IPC_RMID) == 0;
+}
+
 // The semaphore of the log, set to free; -1 after a report.
-int getSemaphore() {
+int getSemaphore(const Limits &limits) {
     const key_t key = ::ftok(keyPath, keyProject);
     if (key == -1) return failed("ftok");
-    int id = ::semget(key, 1, IPC_CREAT | semaphoreMode);
+    int id = -1;
+    do {
+        id = ::semget(key, 1, IPC_CREAT | semaphoreMode);
+    } while (id != -1 && removeStrangers(id) && vx::SemaphoreClock::now() < limits.semaphore);
     if (id == -1) {
         std::perror("semget");
         id = ::semget(key, 1, 0);
@@ -56,50 +80,101 @@ int getSemaphore() {
     return ::semctl(id, 0, SETVAL, 1) == 0 ? id : failed("semctl");
 }
 
-// No undo: the reset of the next call repairs what a dead holder left.
-bool change(int semaphore, short by) {
-    sembuf operation{0, by, 0};
-    return ::semop(semaphore, &operation, 1) == 0;
-}
-bool lock(int semaphore) { return change(semaphore, -1); }
-bool unlock(int semaphore) { return change(semaphore, +1); }
+// Turns of the processes that use the log. They are a courtesy: strangers may hold the semaphore, so a call that does
+// not get it in time goes on without it, and what must not happen is prevented by the locks of the files.
+class Turn {
+public:
+    explicit Turn(int semaphore) : semaphore_(semaphore) {}
 
-bool lockFile(int fd, int operation) {
-    return vx::retryEintr([&] { return ::flock(fd, operation); }) == 0;
-}
+    bool take(const Limits &limits) {
+        taken_ = vx::changeSemaphoreBefore(semaphore_, -1, 0, limits.semaphore) == 0;
+        return taken_ || errno == EAGAIN;
+    }
+    // No undo: the reset of the next call repairs what a dead holder left.
+    bool giveBack() const { return !taken_ || vx::changeSemaphore(semaphore_, +1, 0) == 0; }
+
+private:
+    int semaphore_;
+    bool taken_ = false;
+};
 
 bool isNamed(int fd, const char *path) {
     struct stat own;
     struct stat named;
-    return ::fstat(fd, &own) == 0 && ::stat(path, &named) == 0 && own.st_dev == named.st_dev &&
+    return ::fstat(fd, &own) == 0 && ::lstat(path, &named) == 0 && own.st_dev == named.st_dev &&
            own.st_ino == named.st_ino;
 }
 
-// A file to fill, empty and locked until it is closed. Whoever waited for one that has lost its name meanwhile, to a
-// rename, takes the one that has the name now. On a file system that knows no locks the semaphore has to do.
-Fd openEmptied(const char *path) {
+enum class Lock { taken, renamed, busy };
+
+// Waits for the lock of the file open as `fd` while the file has this name. On a file system that knows no locks the
+// semaphore has to do.
+Lock lockFile(int fd, int operation, const char *path, vx::SemaphoreDeadline deadline) {
     for (;;) {
-        Fd fd(::open(path, O_RDWR | O_CREAT | O_CLOEXEC, creationMode));
-        if (!fd.valid()) return Fd();
-        if (lockFile(fd.get(), LOCK_EX) && !isNamed(fd.get(), path)) continue;
-        return ::ftruncate(fd.get(), 0) == 0 ? std::move(fd) : Fd();
+        const bool busy =
+            vx::retryEintr([&] { return ::flock(fd, operation | LOCK_NB); }) == -1 && errno == EWOULDBLOCK;
+        if (!isNamed(fd, path)) return Lock::renamed;
+        if (!busy) return Lock::taken;
+        if (vx::SemaphoreClock::now() >= deadline) return Lock::busy;
+        ::usleep(pollPause_us);
     }
 }
 
-// The semaphore may let two writers pass; the lock of the file makes them wait for each other.
-FilePtr openTemporary() {
-    Fd fd = openEmptied(temporaryPath);
+// A stranger may have opened it, or may own it, and hold its lock.
+bool isOpenToStrangers(const struct stat &status) {
+    return (status.st_mode & S_IRWXO) != 0 || !vx::isTrustedUser(status.st_uid);
+}
+
+// The temporary file, empty and locked until it is closed. The semaphore may let two writers pass; this lock makes them
+// wait for each other. Whoever waited for a file that has lost its name meanwhile, to a rename, takes the one that has
+// the name now. Strangers cannot open the file before it is the log, so whoever holds the lock is a writer; only one
+// that an ordinary user made, or a program with another mode, is replaced when its lock is held for long.
+Fd openEmptiedTemporary(const Limits &limits) {
+    for (;;) {
+        struct stat status;
+        Fd fd = vx::openRegular(temporaryPath, O_RDWR | O_CREAT, temporaryMode, status);
+        if (!fd.valid()) return Fd();
+        const bool replaceable = isOpenToStrangers(status);
+        const Lock lock = lockFile(fd.get(), LOCK_EX, temporaryPath, replaceable ? limits.semaphore : limits.temporary);
+        if (lock == Lock::taken) {
+            const bool ready = ::fchmod(fd.get(), temporaryMode) == 0 && ::ftruncate(fd.get(), 0) == 0;
+            return ready ? std::move(fd) : Fd();
+        }
+        if (lock == Lock::busy) {
+            errno = EAGAIN;
+            if (!replaceable || ::unlink(temporaryPath) == -1) return Fd();
+        }
+    }
+}
+
+FilePtr toStream(Fd fd, const char *mode) {
     if (!fd.valid()) return nullptr;
-    FilePtr file(::fdopen(fd.get(), "w+"));
+    FilePtr file(::fdopen(fd.get(), mode));
     if (file) (void)fd.release();
     return file;
 }
 
-// The log for reading, with a lock that keeps qxlog_clear() from cutting it off in the middle of a line.
-FilePtr openLog() {
-    FilePtr file(std::fopen(logPath, "re"));
-    if (file) (void)lockFile(::fileno(file.get()), LOCK_SH);
-    return file;
+// The log for reading, with a lock that keeps qxlog_clear() from cutting it off in the middle of a line. A lock that a
+// stranger holds is passed over.
+FilePtr openLog(const Limits &limits) {
+    for (;;) {
+        struct stat status;
+        Fd fd = vx::openRegular(logPath, O_RDONLY, 0, status);
+        if (fd.valid() && lockFile(fd.get(), LOCK_SH, logPath, limits.log) == Lock::renamed) continue;
+        return toStream(std::move(fd), "r");
+    }
+}
+
+// The same for emptying it.
+void emptyLog(const Limits &limits) {
+    for (;;) {
+        struct stat status;
+        const Fd fd = vx::openRegular(logPath, O_RDWR | O_CREAT, creationMode, status);
+        if (!fd.valid()) return;
+        if (lockFile(fd.get(), LOCK_EX, logPath, limits.log) == Lock::renamed) continue;
+        if (::ftruncate(fd.get(), 0) == 0) ::fchmod(fd.get(), logMode);
+        return;
+    }
 }
 
 // One line, or piece of a line, without its newline.
@@ -109,21 +184,24 @@ bool readLine(FILE *file, char (&line)[lineSize]) {
     return true;
 }
 
-void copyOldLines(FILE *to) {
-    const FilePtr log = openLog();
+// False with errno set when there is an old log that cannot be read. What is not a regular file holds no entries.
+bool copyOldLines(FILE *to, const Limits &limits) {
+    const FilePtr log = openLog(limits);
+    if (!log) return errno == ENOENT || errno == EISDIR || errno == EINVAL;
     char line[lineSize];
-    for (int copied = 0; log && copied < oldLinesKept && readLine(log.get(), line); ++copied) {
-        std::fprintf(to, "%s\n", line);
-    }
+    for (int copied = 0; copied < oldLinesKept && readLine(log.get(), line); ++copied) std::fprintf(to, "%s\n", line);
+    return std::ferror(log.get()) == 0;
 }
 
 }  // namespace
 
 int qxlog(int number, const char *message) {
     if (message == nullptr || *message == '\0') return -1;
-    const int semaphore = getSemaphore();
+    const Limits limits;
+    const int semaphore = getSemaphore(limits);
     if (semaphore == -1) return -1;
-    if (!lock(semaphore)) return failed("lock sem");
+    Turn turn(semaphore);
+    if (!turn.take(limits)) return failed("lock sem");
 
     const time_t now = std::time(nullptr);
     ::tzset();
@@ -132,43 +210,47 @@ int qxlog(int number, const char *message) {
     char time[timeSize];
     if (std::strftime(time, sizeof time, timeFormat, &local) == 0) return failed("strftime");
 
-    FilePtr temporary = openTemporary();
+    FilePtr temporary = toStream(openEmptiedTemporary(limits), "w+");
     if (!temporary) return failed("open");
     std::fprintf(temporary.get(), "%d: %s %s\n", number, time, message);
-    copyOldLines(temporary.get());
+    if (!copyOldLines(temporary.get(), limits)) return failed("open");
     // Complete before it becomes the log, and locked until it is.
     if (std::fflush(temporary.get()) != 0 || std::ferror(temporary.get()) != 0 ||
         std::rename(temporaryPath, logPath) == -1) {
         return failed("rename");
     }
-    ::chmod(logPath, logMode);
+    ::fchmod(::fileno(temporary.get()), logMode);
     temporary.reset();
 
-    return unlock(semaphore) ? 0 : failed("semop");
+    return turn.giveBack() ? 0 : failed("semop");
 }
 
 int qxlog_clear(void) {
-    const int semaphore = getSemaphore();
+    const Limits limits;
+    const int semaphore = getSemaphore(limits);
     if (semaphore == -1) return -1;
-    if (!lock(semaphore)) return failed("semop");
-    if (openEmptied(logPath).valid()) ::chmod(logPath, logMode);
-    return unlock(semaphore) ? 0 : failed("unlock sem");
+    Turn turn(semaphore);
+    if (!turn.take(limits)) return failed("semop");
+    emptyLog(limits);
+    return turn.giveBack() ? 0 : failed("unlock sem");
 }
 
 int qxlog_read(char *buf, size_t size) {
     if (buf == nullptr || size < smallestBuffer) return -1;
-    const int semaphore = getSemaphore();
+    const Limits limits;
+    const int semaphore = getSemaphore(limits);
     if (semaphore == -1) return -1;
-    if (!lock(semaphore)) return failed("semop");
+    Turn turn(semaphore);
+    if (!turn.take(limits)) return failed("semop");
     std::memset(buf, 0, size);
     const size_t room = size - 1;
     size_t used = 0;
     {
-        const FilePtr log = openLog();
+        const FilePtr log = openLog(limits);
         char line[lineSize];
         while (log && used < room && readLine(log.get(), line)) {
             used += static_cast<size_t>(std::snprintf(buf + used, room - used, "%s\n", line));
         }
     }
-    return unlock(semaphore) ? 0 : failed("semop");
+    return turn.giveBack() ? 0 : failed("semop");
 }

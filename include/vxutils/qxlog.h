@@ -13,10 +13,16 @@
  * The file keeps the new entry and 32 older lines, and mode 0664. It is only ever replaced as a whole, so that readers
  * of the file need no lock.
  *
- * Calls of all processes wait for each other by a System V semaphore, whose value every call sets to free first: what a
- * process left behind that died in the middle never blocks the log. Two writers that meet in that moment pass together;
- * they then wait for each other at the temporary file, /var/log/qxlog.tmp. Errors are reported with perror() on
- * standard error. Any number of threads may call.
+ * Blocking: calls of all processes wait for each other by a System V semaphore, whose value every call sets to free
+ * first: what a process left behind that died in the middle never blocks the log. Two writers that meet in that moment
+ * pass together; they then wait for each other at the temporary file, /var/log/qxlog.tmp. Every user of the system may
+ * operate on the semaphore and lock the log, so no call waits for these longer than a second in all: after that it goes
+ * on without. A writer that holds the temporary file for 0.8 s makes qxlog() fail.
+ *
+ * Errors: reported with perror() on standard error. Links in the place of either file are not followed, and what is not
+ * a regular file is not read or written.
+ *
+ * Threads: any number may call.
  */
 #ifndef VXUTILS_QXLOG_H
 #define VXUTILS_QXLOG_H
@@ -29,6 +35,7 @@ VXUTILS_BEGIN_DECLS
 /**
  * Adds an entry as the first line, "NUMBER: YYYY-MM-DD HH:MM MESSAGE", in local time.
  *
+ * An old log that exists but cannot be opened or read is left as it is: the call fails with the report "open".
  * A failure after the semaphore was taken leaves it taken, and the temporary file in place, for the next call to put
  * right.
  *
@@ -40,6 +47,8 @@ VXUTILS_API int qxlog(int number, const char *message);
 
 /**
  * Empties the log, or makes an empty one.
+ *
+ * Readers that hold the log for long are not waited for.
  *
  * @return 0, also when the file cannot be opened; -1 when the semaphore fails (reported)
  */
