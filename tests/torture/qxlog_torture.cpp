@@ -25,6 +25,7 @@ void writeAndRead(Run &run) {
     const bool added = content.find("newer") != std::string::npos;
     run.outcome("qxlog", written == 0 && added, written == -1 || added);
     run.always("the log is whole", content.empty() || content.back() == '\n');
+    run.always("no entry is lost", content.find("older") != std::string::npos);
     char text[4096];
     const int read = run([&] { return qxlog_read(text, sizeof text); });
     run.outcome("qxlog_read", read == 0 && content == text, read == -1 || content.rfind(text, 0) == 0);
