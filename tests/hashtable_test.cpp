@@ -320,6 +320,18 @@ TEST(INStringHashTable, FindsWhatWasAdded) {
     EXPECT_EQ(value, slot(9));
 }
 
+TEST(INStringHashTable, ANullKeyIsNeitherStoredNorFound) {
+    INStringHashTable table(4);
+    EXPECT_TRUE(table.addEntry("", slot(1)));
+    EXPECT_FALSE(table.addEntry(nullptr, slot(2)));
+    EXPECT_EQ(table.getNumberOfKeys(), 1U);
+    void *found = slot(3);
+    EXPECT_FALSE(table.getValueFromKey(nullptr, &found));
+    EXPECT_EQ(found, slot(3));
+    EXPECT_FALSE(table.removeEntry(nullptr));
+    EXPECT_EQ(table.getNumberOfKeys(), 1U);
+}
+
 TEST(INStringHashTable, AKeyAddedTwiceAndRemovedOnceIsStillThere) {
     INStringHashTable table(16);
     table.addEntry("key", slot(1));

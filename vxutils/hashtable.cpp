@@ -231,6 +231,8 @@ INStringHashTable::~INStringHashTable() {
 }
 
 bool INStringHashTable::addEntry(const char *key, void *value) {
+    if (key == nullptr) [[unlikely]]
+        return false;
     const TextKey wanted(key);
     auto *const entry = new (allocate<Entry>(wanted.length + 1)) Entry{nullptr, value, wanted.length, wanted.hash};
     std::memcpy(entry->key(), key, wanted.length + 1);
@@ -239,6 +241,8 @@ bool INStringHashTable::addEntry(const char *key, void *value) {
 }
 
 bool INStringHashTable::getValueFromKey(const char *key, void **value) const {
+    if (key == nullptr) [[unlikely]]
+        return false;
     const TextKey wanted(key);
     const Entry *const entry = find(buckets_[wanted.hash & mask_], [&](const Entry &e) { return wanted.matches(e); });
     if (entry == nullptr) return false;
@@ -247,6 +251,8 @@ bool INStringHashTable::getValueFromKey(const char *key, void **value) const {
 }
 
 bool INStringHashTable::removeEntry(const char *key) {
+    if (key == nullptr) [[unlikely]]
+        return false;
     const TextKey wanted(key);
     return removeFirst(&buckets_[wanted.hash & mask_], [&](const Entry &e) { return wanted.matches(e); });
 }

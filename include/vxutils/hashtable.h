@@ -115,19 +115,19 @@ public:
     INStringHashTable(const INStringHashTable &) = delete;
     INStringHashTable &operator=(const INStringHashTable &) = delete;
 
-    /** Stores a value under a copy of a key, behind those already stored under it. @return true */
+    /** Stores a value under a copy of a key, after those already stored under it. @return true; false for a NULL key */
     bool addEntry(const char *key, void *value);
 
     /**
      * Finds the oldest value of a key.
      *
-     * @param key   key
+     * @param key   key; NULL is never found
      * @param value receives the value; left alone when there is none
      * @return whether there is one
      */
     bool getValueFromKey(const char *key, void **value) const;
 
-    /** Removes the oldest entry of a key. @return whether there was one */
+    /** Removes the oldest entry of a key. @return whether there was one; false for a NULL key */
     bool removeEntry(const char *key);
 
     /** Removes all entries. */
