@@ -168,13 +168,25 @@ TEST_F(ConfigDaemonClientGet, NumbersAreWhatAtoiMakesOfThem) {
         EXPECT_EQ(client->getIndexedValueAsInt("p.%lu", 3, value), number);
         EXPECT_EQ(value, number);
     }
-    for (const char *huge : {"4294967297", "-4294967295", "99999999999999999999"}) {
-        daemon.tell(std::string("set n ") + huge);
-        long value = 99;
-        EXPECT_EQ(client->getValueAsInt("n", value), std::atoi(huge)) << huge;
-    }
     long value = 99;
     EXPECT_EQ(client->getValueAsInt("unknown", value), 0);  // the daemon's empty value
+}
+
+TEST_F(ConfigDaemonClientGet, NumbersOutOfRangeGiveTheNearestInt) {
+    for (const auto &[stored, number] : std::vector<std::pair<std::string, long>>{{"2147483647", INT_MAX},
+                                                                                  {"2147483648", INT_MAX},
+                                                                                  {"4294967297", INT_MAX},
+                                                                                  {"99999999999999999999", INT_MAX},
+                                                                                  {"-2147483648", INT_MIN},
+                                                                                  {"-2147483649", INT_MIN},
+                                                                                  {"-4294967295", INT_MIN},
+                                                                                  {"-99999999999999999999", INT_MIN}}) {
+        daemon.tell("set n " + stored);
+        daemon.tell("set p.3 " + stored);
+        long value = 99;
+        EXPECT_EQ(client->getValueAsInt("n", value), number) << stored;
+        EXPECT_EQ(client->getIndexedValueAsInt("p.%lu", 3, value), number) << stored;
+    }
 }
 
 TEST_F(ConfigDaemonClientGet, IndexedKeysComeFromTheirPattern) {

@@ -501,6 +501,16 @@ TEST(NbrOfChars, FollowsItsFormula) {
     EXPECT_EQ(nbrOfChars_forDataChunk2String(1, 6), 14U) << "whole words of a line only";
 }
 
+TEST(NbrOfChars, OfNoBytesToALineIsTheRoomForOneLine) {
+    EXPECT_EQ(nbrOfChars_forDataChunk2String(0, 0), 2U);
+    EXPECT_EQ(nbrOfChars_forDataChunk2String(UINT_MAX, 0), UINT_MAX);
+    for (unsigned int byteCount = 1; byteCount <= 100; ++byteCount) {
+        const std::string text = dumped(std::vector<uint32_t>(25, 0xdeadbeef), byteCount, 0);  // the guard page watches
+        EXPECT_EQ(text.size() + 1, nbrOfChars_forDataChunk2String(byteCount, 0)) << byteCount;
+        EXPECT_EQ(text.find('\n'), text.size() - 1) << byteCount;
+    }
+}
+
 TEST(NbrOfChars, DoesNotWrapAround) {
     EXPECT_EQ(nbrOfChars_forDataChunk2String(UINT_MAX, 4), UINT_MAX);
     EXPECT_EQ(nbrOfChars_forDataChunk2String(UINT_MAX, 0x80000000U), UINT_MAX);
@@ -547,8 +557,40 @@ TEST(ConvIPStr2IPUl, PartsSpillIntoTheirNeighbours) {
     EXPECT_EQ(value, 0x00010000U);
 }
 
+TEST(ConvIPStr2IPUl, PartsBeyond32BitsCountAsTheLargestNumberOnEveryMachine) {
+    const struct {
+        const char *text;
+        uint32_t value;
+    } cases[] = {
+        {"4294967295.0.0.0", 0xFF000000U},
+        {"4294967296.0.0.0", 0xFF000000U},
+        {"99999999999999999999999.0.0.0", 0xFF000000U},
+        {"0.0.0.4294967296", 0xFFFFFFFFU},
+        {"0.0.0.18446744073709551611", 0xFFFFFFFFU},
+        {"0.0.0.-1", 0xFFFFFFFFU},
+        {"0.0.0.-5", 0xFFFFFFFBU},
+        {"0.0.0.-4294967295", 1U},
+        {"0.0.0.-4294967296", 0xFFFFFFFFU},
+        {"0.0.0.+7", 7U},
+    };
+    for (const auto &item : cases) {
+        uint32_t value = 0;
+        EXPECT_EQ(convIPStr2IPUl(item.text, &value), 0) << item.text;
+        EXPECT_EQ(value, item.value) << item.text;
+    }
+}
+
+TEST(ConvIPStr2IPUl, NullIsNoAddress) {
+    uint32_t value = 7;
+    EXPECT_EQ(convIPStr2IPUl(nullptr, &value), -1);
+    EXPECT_EQ(value, 7U);
+}
+
 TEST(ConvIPStr2IPUl, LeavesTheNumberAloneOnFailure) {
     uint32_t value[2] = {7, 8};
+    for (const char *text : {"1.2.3.-", "1.2.3.+", "1 .2.3.4", "1.2.3 .4", "- 1.2.3.4"}) {
+        EXPECT_EQ(convIPStr2IPUl(text, &value[0]), -1) << text;
+    }
     for (const char *text : {"", "1", "1.2.3", "1.2.3.", "a.b.c.d", "1,2,3,4", "1..2.3"}) {
         EXPECT_EQ(convIPStr2IPUl(text, &value[0]), -1) << text;
     }

@@ -116,6 +116,7 @@ TEST(IsNumber, RefusesEveryOtherByte) {
         EXPECT_EQ(is_number(text.c_str()), allowed ? 1 : 0) << byte;
     }
     for (const char *text : {" 1", "1 ", "1.5", "0x1", "a", "1\n"}) EXPECT_EQ(is_number(text), 0) << text;
+    EXPECT_EQ(is_number(nullptr), 0);
 }
 
 TEST(Skipchars, PassesOverTheSet) {
@@ -314,6 +315,9 @@ TEST(ValidateDate, HasItsRanges) {
         EXPECT_EQ(validateDate(text), -1) << text;
     }
     EXPECT_EQ(validateDate(nullptr), -1);
+    for (const char *text : {"4294969316-01-01", "2020-4294967297-01", "2020-01-18446744073709551617"}) {
+        EXPECT_EQ(validateDate(text), -1) << text;  // 2^32 and 2^64 more than what passes
+    }
 }
 
 TEST(ValidateTime, HasUpperBoundsOnly) {
@@ -325,6 +329,10 @@ TEST(ValidateTime, HasUpperBoundsOnly) {
         EXPECT_EQ(validateTime(text), -1) << text;
     }
     EXPECT_EQ(validateTime(nullptr), -1);
+    for (const char *text : {"4294967297:00:00", "00:4294967297:00", "00:00:18446744073709551617"}) {
+        EXPECT_EQ(validateTime(text), -1) << text;
+    }
+    EXPECT_EQ(validateTime("-4294967295:00:00"), 0);
 }
 
 TEST(ValidateTimeString, NeedsAllSixFieldsInRange) {
@@ -338,6 +346,8 @@ TEST(ValidateTimeString, NeedsAllSixFieldsInRange) {
         EXPECT_EQ(validateTimeString(text), -1) << text;
     }
     EXPECT_EQ(validateTimeString(nullptr), -1);
+    EXPECT_EQ(validateTimeString("2020-01-01T4294967297:00:00"), -1);
+    EXPECT_EQ(validateTimeString("4294969316-01-01T00:00:00"), -1);
 }
 
 TEST(Stricmp, FoldsAsciiLettersOnly) {

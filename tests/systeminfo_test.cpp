@@ -3,6 +3,7 @@
 #include <vxutils/strutil.h>
 #include <vxutils/systeminfo.h>
 
+#include <climits>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -66,6 +67,14 @@ TEST_F(Systeminfo, QuotedValuesLoseTheirQuotesAndLineFeed) {
     const Table table = read("X=\"12\"\n");
     EXPECT_STREQ(systeminfo_getvar(table.get(), "X"), "12");
     EXPECT_EQ(systeminfo_getint(table.get(), "X"), 12);
+}
+
+TEST_F(Systeminfo, NumbersOutOfRangeGiveTheNearestInt) {
+    const Table table = read(
+        "A=2147483647\nB=2147483648\nC=4294967297\nD=99999999999999999999\n"
+        "E=-2147483648\nF=-2147483649\nG=-4294967295\nH=-99999999999999999999\n");
+    for (const char *name : {"A", "B", "C", "D"}) EXPECT_EQ(systeminfo_getint(table.get(), name), INT_MAX) << name;
+    for (const char *name : {"E", "F", "G", "H"}) EXPECT_EQ(systeminfo_getint(table.get(), name), INT_MIN) << name;
 }
 
 TEST_F(Systeminfo, OtherValuesKeepTheirLineFeedAndBlanks) {

@@ -513,6 +513,12 @@ TEST(StringQuery, ToIntegerReadsTheBaseFromThePrefix) {
     EXPECT_EQ(String("").toInteger(), -1);
     EXPECT_EQ(String("0").toInteger(), 0);
     EXPECT_EQ(String("-2147483648").toInteger(), INT_MIN);
+    for (const char *large : {"2147483648", "4294967297", "0xFFFFFFFF", "99999999999999999999"}) {
+        EXPECT_EQ(String(large).toInteger(), INT_MAX) << large;
+    }
+    for (const char *small : {"-2147483649", "-4294967295", "-99999999999999999999"}) {
+        EXPECT_EQ(String(small).toInteger(), INT_MIN) << small;
+    }
 }
 
 TEST(StringQuery, SubstringStartsAtTheBeginningForANegativePosition) {

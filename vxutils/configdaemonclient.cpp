@@ -2,8 +2,9 @@
 #include <vxutils/configdaemonclient.h>
 
 #include <array>
-#include <cstdlib>
 #include <cstring>
+
+#include "vxutils/internal/number.h"
 
 namespace {
 
@@ -66,7 +67,7 @@ String &ConfigDaemonClient::getValue(String const &key, String &value) const {
 
 long ConfigDaemonClient::getValueAsInt(String const &key, long &value) const {
     Entries entries;
-    if (get(handle_, key, entries)) value = static_cast<int>(std::strtol(entries[0].value, nullptr, 10));
+    if (get(handle_, key, entries)) value = vx::toInt(entries[0].value);
     return value;
 }
 

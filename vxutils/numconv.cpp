@@ -161,6 +161,29 @@ char *putWord(char *to, uint32_t value) {
     return to;
 }
 
+unsigned int saturated(uint64_t size) { return static_cast<unsigned int>(std::min<uint64_t>(size, UINT_MAX)); }
+
+unsigned int nbrOfCharsInOneLine(unsigned int byteCount) {
+    return saturated((wordChars + 1) * ((uint64_t{byteCount} + 3) / 4) + 2);
+}
+
+// Reads a part of an address as sscanf() reads "%lu" where long has 32 bits: after blanks and a sign, saturating. False
+// when there is no digit.
+bool readPart(const char *&text, uint32_t &value) {
+    constexpr uint64_t tooLarge = uint64_t{UINT32_MAX} + 1;
+    if (text == nullptr) return false;
+    text += std::strspn(text, " \t\n\v\f\r");
+    const bool negative = *text == '-';
+    if (negative || *text == '+') ++text;
+    if (*text < '0' || *text > '9') return false;
+    uint64_t size = 0;
+    for (; *text >= '0' && *text <= '9'; ++text) {
+        size = std::min(size * 10 + static_cast<unsigned int>(*text - '0'), tooLarge);
+    }
+    value = size == tooLarge ? UINT32_MAX : static_cast<uint32_t>(negative ? 0 - size : size);
+    return true;
+}
+
 }  // namespace
 
 // clang-format off
@@ -241,9 +264,11 @@ void dataChunk2String(const uint32_t *words, char *out, unsigned int byteCount, 
 }
 
 unsigned int nbrOfChars_forDataChunk2String(unsigned int byteCount, unsigned int lineBytes) {
+    // dataChunk2String() then breaks no line but the last.
+    if (lineBytes == 0) return nbrOfCharsInOneLine(byteCount);
     const uint64_t lines = byteCount / lineBytes + (byteCount % lineBytes != 0 ? 1 : 0);
     const uint64_t lineChars = (wordChars + 1) * uint64_t{lineBytes / 4} + 2;
-    return static_cast<unsigned int>(std::min<uint64_t>(lineChars * lines + 1, UINT_MAX));
+    return saturated(lineChars * lines + 1);
 }
 
 uint32_t nextHigherPowerOf2(uint32_t v) {
@@ -252,10 +277,14 @@ uint32_t nextHigherPowerOf2(uint32_t v) {
 }
 
 int convIPStr2IPUl(const char *text, uint32_t *out) {
-    unsigned long a, b, c, d;
-    // What is accepted is what sscanf takes, blanks and signs included. NOLINTNEXTLINE(cert-err34-c)
-    if (std::sscanf(text, "%lu.%lu.%lu.%lu", &a, &b, &c, &d) != 4) return -1;
-    *out = static_cast<uint32_t>((a << 24) + (b << 16) + (c << 8) + d);
+    uint32_t number = 0;
+    for (int part = 0; part < 4; ++part) {
+        if (part > 0 && *text++ != '.') return -1;
+        uint32_t value = 0;
+        if (!readPart(text, value)) return -1;
+        number = (number << 8) + value;
+    }
+    *out = number;
     return 0;
 }
 

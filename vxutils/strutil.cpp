@@ -15,8 +15,8 @@ constexpr char whiteSpace[] = " \t\r\n";
 constexpr size_t formatLimit = 2047;  // what vsnprintf may write into the static buffer, terminator included
 char formatted[formatLimit + 1];
 
-constexpr unsigned int firstYear = 1999;
-constexpr unsigned int lastYear = 2035;
+constexpr long long firstYear = 1999;
+constexpr long long lastYear = 2035;
 
 constexpr bool isDigit(char c) { return c >= '0' && c <= '9'; }
 
@@ -49,18 +49,17 @@ constexpr ControlForm controlForm(unsigned char byte) {
     }
 }
 
-// Dates are compared as unsigned numbers, so that a negative part fails.
-constexpr bool inRange(int value, unsigned int low, unsigned int high) {
-    const auto number = static_cast<unsigned int>(value);
-    return number >= low && number <= high;
-}
+// A part of a date may not be negative.
+constexpr bool inRange(long long value, long long low, long long high) { return value >= low && value <= high; }
 
-constexpr bool isDate(int year, int month, int day) {
+constexpr bool isDate(long long year, long long month, long long day) {
     return inRange(year, firstYear, lastYear) && inRange(month, 1, 12) && inRange(day, 1, 31);
 }
 
 // Times have upper bounds only: callers pass relative times with a negative part.
-constexpr bool isTime(int hour, int minute, int second) { return hour <= 23 && minute <= 59 && second <= 59; }
+constexpr bool isTime(long long hour, long long minute, long long second) {
+    return hour <= 23 && minute <= 59 && second <= 59;
+}
 
 constexpr int verdict(bool good) { return good ? 0 : -1; }
 
@@ -93,6 +92,7 @@ char *strtoupper(char *s) {
 }
 
 int is_number(const char *s) {
+    if (s == nullptr) return 0;
     for (; *s != '\0'; ++s) {
         if (!isDigit(*s) && *s != '+' && *s != '-') return 0;
     }
@@ -157,25 +157,26 @@ int e164Number(const char *s) {
     return 0;
 }
 
-// What the three validators accept is what sscanf takes, blanks, signs and trailing text included.
+// What the three validators accept is what sscanf takes, blanks, signs and trailing text included. The numbers are read
+// with 64 bits: sscanf() would cut a larger one down to what may pass where long is wider than int.
 // NOLINTBEGIN(cert-err34-c)
 int validateTimeString(const char *s) {
     if (s == nullptr) return -1;
-    int year, month, day, hour, minute, second;
-    const int fields = std::sscanf(s, "%d-%d-%dT%d:%d:%d", &year, &month, &day, &hour, &minute, &second);
+    long long year, month, day, hour, minute, second;
+    const int fields = std::sscanf(s, "%lld-%lld-%lldT%lld:%lld:%lld", &year, &month, &day, &hour, &minute, &second);
     return verdict(fields == 6 && isDate(year, month, day) && isTime(hour, minute, second));
 }
 
 int validateTime(const char *s) {
     if (s == nullptr) return -1;
-    int hour, minute, second;
-    return verdict(std::sscanf(s, "%d:%d:%d", &hour, &minute, &second) == 3 && isTime(hour, minute, second));
+    long long hour, minute, second;
+    return verdict(std::sscanf(s, "%lld:%lld:%lld", &hour, &minute, &second) == 3 && isTime(hour, minute, second));
 }
 
 int validateDate(const char *s) {
     if (s == nullptr) return -1;
-    int year, month, day;
-    return verdict(std::sscanf(s, "%d-%d-%d", &year, &month, &day) == 3 && isDate(year, month, day));
+    long long year, month, day;
+    return verdict(std::sscanf(s, "%lld-%lld-%lld", &year, &month, &day) == 3 && isDate(year, month, day));
 }
 // NOLINTEND(cert-err34-c)
 

@@ -9,6 +9,7 @@
 #include <memory>
 
 #include "vxutils/internal/handles.h"
+#include "vxutils/internal/number.h"
 #include "vxutils/internal/systeminfo_reader.h"
 
 namespace {
@@ -75,7 +76,7 @@ const char *systeminfo_getvar(const systeminfo_table *table, const char *name) {
 
 int systeminfo_getint(const systeminfo_table *table, const char *name) {
     const char *value = findValue(table, name);
-    return *value == '\0' ? -1 : static_cast<int>(std::strtol(value, nullptr, 10));
+    return *value == '\0' ? -1 : vx::toInt(value);
 }
 
 void systeminfo_free(systeminfo_table *table) {

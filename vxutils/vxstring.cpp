@@ -17,6 +17,7 @@
 #include <utility>
 
 #include "vxutils/internal/handles.h"
+#include "vxutils/internal/number.h"
 
 using StringBuffer = String::StringBuffer;
 
@@ -478,7 +479,7 @@ const String &String::operator*() const { return *this; }
 int String::toInteger() const {
     char *end;
     const long number = std::strtol(c_str(), &end, 0);  // what sscanf calls for %i, for a fifth of the instructions
-    return end == c_str() ? -1 : static_cast<int>(number);
+    return end == c_str() ? -1 : vx::nearestInt(number);
 }
 
 String String::substring(long begin) const {

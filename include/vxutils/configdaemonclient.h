@@ -61,7 +61,10 @@ public:
      */
     virtual String &getValue(String const &key, String &value) const;
 
-    /** Reads a number, as atoi() makes it of the value. @return @p value, which is left alone as in getValue() */
+    /**
+     * Reads a number, as atoi() makes it of the value; one that is out of range gives the nearest int.
+     * @return @p value, which is left alone as in getValue()
+     */
     virtual long getValueAsInt(String const &key, long &value) const;
 
     /** getValue() of one of several keys, as in setIndexedValue(). */

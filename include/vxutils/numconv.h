@@ -135,7 +135,7 @@ VXUTILS_API char *convBinToHex(uint32_t value, char *buf);
  * @param words     words to dump, all bytes of the last one included
  * @param out       receives the text; nbrOfChars_forDataChunk2String() bytes
  * @param byteCount number of bytes, rounded up to whole words; 0 gives the empty text
- * @param lineBytes bytes to a line: a multiple of 4, not 0
+ * @param lineBytes bytes to a line: a multiple of 4, or 0 for a single line
  */
 VXUTILS_API void dataChunk2String(const uint32_t *words, char *out, unsigned int byteCount, unsigned int lineBytes);
 
@@ -143,7 +143,7 @@ VXUTILS_API void dataChunk2String(const uint32_t *words, char *out, unsigned int
  * Room in bytes, terminator included, that dataChunk2String() needs at most.
  *
  * @param byteCount number of bytes to dump
- * @param lineBytes bytes to a line: a multiple of 4, not 0
+ * @param lineBytes bytes to a line: a multiple of 4, or 0 for a single line
  * @return the number of bytes; the largest unsigned number when it is more than that
  */
 VXUTILS_API unsigned int nbrOfChars_forDataChunk2String(unsigned int byteCount, unsigned int lineBytes);
@@ -158,11 +158,12 @@ VXUTILS_API uint32_t nextHigherPowerOf2(uint32_t v);
 
 /**
  * Reads a dotted IPv4 address into a number, most significant part first ("192.168.1.1" is 0xC0A80101). The parts are
- * not checked: one above 255 spills over into its neighbour. What follows the fourth part is not looked at.
+ * not checked: one above 255 spills over into its neighbour, one beyond 32 bits counts as the largest number of 32
+ * bits. Blanks and a sign may stand before each part. What follows the fourth part is not looked at.
  *
  * @param text text
  * @param out  receives the number; left alone on failure
- * @return 0, or -1 when there are fewer than four parts
+ * @return 0, or -1 when there are fewer than four parts or @p text is NULL
  */
 VXUTILS_API int convIPStr2IPUl(const char *text, uint32_t *out);
 

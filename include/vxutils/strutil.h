@@ -78,8 +78,8 @@ VXUTILS_API char *strtoupper(char *s);
  * Signs may stand anywhere and repeat, and the empty text counts as a number: this is a test of the characters used,
  * not of a number's form (numconv.h has that).
  *
- * @param s text
- * @return 1 or 0
+ * @param s text, or NULL
+ * @return 1 or 0; 0 for NULL
  */
 VXUTILS_API int is_number(const char *s);
 
@@ -154,7 +154,8 @@ VXUTILS_API int e164Number(const char *s);
  *
  * Years run from 1999 to 2035, months from 1 to 12, days from 1 to 31 in every month. Hour, minute and second have
  * upper bounds only (23, 59, 59): a negative one passes. The numbers are read as the C library's sscanf() reads a "%d":
- * blanks and a sign may stand before each, leading zeros may be missing. What follows the sixth is not looked at.
+ * blanks and a sign may stand before each, leading zeros may be missing. A number beyond every range fails like any
+ * other (as a negative time it passes). What follows the sixth is not looked at.
  *
  * @param s text
  * @return 0 when it passes, -1 when it does not or is NULL

@@ -52,7 +52,8 @@ VXUTILS_API const char *systeminfo_getvar(const systeminfo_table *table, const c
 
 /**
  * Value of a variable as a number.
- * @return what atoi() makes of the value; -1 when there is none or it is empty, also for NULL.
+ * @return what atoi() makes of the value, the nearest int when it is out of range; -1 when there is none or it is
+ *         empty, also for NULL.
  */
 VXUTILS_API int systeminfo_getint(const systeminfo_table *table, const char *name);
 

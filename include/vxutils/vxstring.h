@@ -174,7 +174,7 @@ public:
     /**
      * The number at the beginning of the text as `sscanf` reads it with `%i`: decimal, octal after "0", hexadecimal
      * after "0x".
-     * @return -1 when there is no number.
+     * @return the nearest int when the number is out of range; -1 when there is no number.
      */
     int toInteger() const;
 
