@@ -12,9 +12,11 @@
 #include <vxutils/ping.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstdlib>
 #include <deque>
 #include <memory>
+#include <set>
 #include <stdexcept>
 
 #include "support/emulation.h"
@@ -38,6 +40,22 @@ using Lines = std::vector<LogLine>;
 constexpr const char *gatewayText = "192.0.2.1";
 constexpr const char *targetText = "198.51.100.9";
 constexpr const char *unusedText = "192.0.2.77";
+
+std::atomic<int> clockReadings = 0;
+
+}  // namespace
+
+// The library reads the time of day through here.
+extern "C" int gettimeofday(timeval *__restrict time, void *__restrict) noexcept {
+    ++clockReadings;
+    timespec now{};
+    ::clock_gettime(CLOCK_REALTIME, &now);
+    time->tv_sec = now.tv_sec;
+    time->tv_usec = now.tv_nsec / 1000;
+    return 0;
+}
+
+namespace {
 
 Bytes operator+(Bytes left, const Bytes &right) {
     left.insert(left.end(), right.begin(), right.end());
@@ -437,6 +455,51 @@ TEST_F(Ping, ForgedPlainRepliesOnTheWireDoNotCount) {
     EXPECT_EQ(icmpping("wan0", gatewayText, 3000), 0);
 }
 
+// What one host sends in another one's stead: an echo reply to each request, from this address.
+vxtest::Responder::Answer repliesFrom(const Bytes &sender) {
+    return [sender](const Bytes &request) {
+        Bytes reply = vxtest::echoReply(request);
+        std::copy(sender.begin(), sender.end(), reply.begin() + 26);
+        vxtest::fixChecksums(reply);
+        return std::vector<Bytes>{reply};
+    };
+}
+
+// Another host of the target's network, one of elsewhere, the pinging host itself, nobody.
+const Bytes strangers[] = {{192, 0, 2, 77}, {203, 0, 113, 5}, {192, 0, 2, 10}, {0, 0, 0, 0}, {192, 0, 2, 0}};
+
+TEST_F(Ping, APlainReplyOfAnotherHostDoesNotCount) {
+    ConnectedLog log;
+    vxtest::Wan::answers(wan->gateway, false);
+    std::unique_ptr<vxtest::Responder> responder;
+    wan->gateway.inside([&] { responder = std::make_unique<vxtest::Responder>("gw0", repliesFrom(strangers[0])); });
+    EXPECT_EQ(icmpping("wan0", gatewayText, 0), -1);
+    EXPECT_EQ(responder->seen(), 1);
+    EXPECT_EQ(log.take().back(), (LogLine{LOG_DEBUG, "icmpping: not from target (192.0.2.77 != 192.0.2.1)"}));
+    for (const Bytes &stranger : strangers) {
+        Watch watch;
+        watch.receiveFromScript();
+        Bytes packet = ipPacket(plainMessage(0, 0, 1));
+        watch.script.push_back(packet);
+        std::copy(stranger.begin(), stranger.end(), watch.script.front().begin() + 12);
+        EXPECT_EQ(icmpping("wan0", gatewayText, 0), -1) << hex(stranger);
+        watch.script.push_back(packet);
+        EXPECT_EQ(icmpping("wan0", gatewayText, 0), 0);
+    }
+}
+
+TEST_F(Ping, AnyMemberOfAGroupMayAnswerAndAnyAddressOfThisMachineForZero) {
+    for (const char *target : {"224.0.0.1", "239.255.255.250", "0.0.0.0"}) {
+        Watch watch;
+        watch.receiveFromScript();
+        watch.calls->sendto = [](int, const void *, size_t size, const sockaddr *, socklen_t) {
+            return std::optional<ssize_t>(size);
+        };
+        watch.script.push_back(ipPacket(plainMessage(0, 0, 1)));
+        EXPECT_EQ(icmpping("wan0", target, 0), 0) << target;
+    }
+}
+
 // ---- rawping: set-up ----
 
 TEST_F(Ping, RawPingNeedsInterfaceThenTarget) {
@@ -814,6 +877,44 @@ TEST_F(Ping, AnIpLevelPingLogsItsCourse) {
                             {LOG_DEBUG, "rawping[wan0]: RECEIVED ip reply (seq 1, id " + identifier +
                                             ", need seq 1, id " + identifier + ")"},
                             {LOG_DEBUG, "rawping[wan0]: ip ping to 192.0.2.1 succeeded"}}));
+}
+
+TEST_F(Ping, AnIpLevelReplyOfAnotherHostDoesNotCount) {
+    ConnectedLog log;
+    vxtest::Wan::answers(wan->gateway, false);
+    std::unique_ptr<vxtest::Responder> responder;
+    wan->gateway.inside([&] { responder = std::make_unique<vxtest::Responder>("gw0", repliesFrom(strangers[0])); });
+    EXPECT_EQ(rawping("wan0", gatewayText, nullptr, 0), -1);
+    EXPECT_GE(responder->seen(), 1);
+    EXPECT_THAT(log.take(),
+                testing::Contains(LogLine{LOG_DEBUG, "rawping[wan0]: not from target (192.0.2.77 != 192.0.2.1)"}));
+    for (const Bytes &stranger : strangers) {
+        Watch watch;
+        watch.receiveFromScript([&](const Bytes &) {
+            Bytes packet = ipPacket(Bytes(8) + Bytes(20));
+            std::memcpy(&packet[24], &watch.sent.at(0)[24], 4);
+            std::copy(stranger.begin(), stranger.end(), packet.begin() + 12);
+            return packet;
+        });
+        watch.script.emplace_back();
+        EXPECT_EQ(rawping("wan0", gatewayText, nullptr, 0), -1) << hex(stranger);
+    }
+}
+
+TEST_F(Ping, TheClockIsReadARandomNumberOfTimesForTheIdentifier) {
+    std::set<int> readings;
+    for (int i = 0; i < 20; ++i) {
+        Watch watch;
+        watch.calls->sendto = [](int, const void *, size_t, const sockaddr *, socklen_t) {
+            return std::optional<ssize_t>(vxtest::failing(ENETUNREACH));
+        };
+        clockReadings = 0;
+        EXPECT_EQ(rawping("wan0", gatewayText, nullptr, 0), -1);
+        EXPECT_GE(clockReadings, 1);
+        EXPECT_LE(clockReadings, 4096);
+        readings.insert(clockReadings);
+    }
+    EXPECT_GT(readings.size(), 10U);
 }
 
 TEST_F(Ping, TheIdentifierComesFromTheTime) {
@@ -1306,6 +1407,30 @@ TEST_F(Ping, ALinkLevelReplyIsLookedAtThisClosely) {
     }
 }
 
+TEST_F(Ping, ALinkLevelReplyOfAnotherHostDoesNotCount) {
+    ConnectedLog log;
+    knowGateway(wan->gateway);
+    for (const Bytes &stranger : strangers) {
+        Watch watch;
+        watch.receiveFromScript([&](const Bytes &) {
+            Bytes frame = vxtest::echoReply(watch.sent.at(0));
+            std::copy(stranger.begin(), stranger.end(), frame.begin() + 26);
+            return frame;
+        });
+        watch.script.emplace_back();
+        EXPECT_EQ(rawping("wan0", targetText, gatewayText, 0), -1) << hex(stranger);
+    }
+    log.take();
+    // On the wire: the gateway itself forges.
+    vxtest::Wan::answers(wan->target, false);
+    std::unique_ptr<vxtest::Responder> responder;
+    wan->gateway.inside([&] { responder = std::make_unique<vxtest::Responder>("gw0", repliesFrom(strangers[0])); });
+    EXPECT_EQ(rawping("wan0", targetText, gatewayText, 0), -1);
+    EXPECT_GE(responder->seen(), 1);
+    EXPECT_THAT(log.take(),
+                testing::Contains(LogLine{LOG_DEBUG, "rawping[wan0]: not from target (192.0.2.77 != 198.51.100.9)"}));
+}
+
 TEST_F(Ping, TheLinkLevelWaitHasTheSameBudget) {
     knowGateway(wan->gateway);
     for (const unsigned int timeout : {0U, 601U, 60000U}) {
@@ -1677,7 +1802,10 @@ public:
             const size_t room = message->msg_controllen;
             const bool ipLevel = target == std::string(gatewayText);
             Bytes reply = ipLevel ? echo_ : vxtest::echoReply(echo_);
-            if (ipLevel) reply[20] = 0;
+            if (ipLevel) {
+                std::swap_ranges(reply.begin() + 12, reply.begin() + 16, reply.begin() + 16);
+                reply[20] = 0;
+            }
             const ssize_t got = vxtest::deliver(message, reply);
             message->msg_controllen = room;
             note(message, sent_);

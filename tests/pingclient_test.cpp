@@ -2,9 +2,11 @@
 // PingClient, on the wire and call by call.
 #include <arpa/inet.h>
 #include <netinet/in.h>
+#include <poll.h>
 #include <syslog.h>
 #include <vxutils/pingclient.h>
 
+#include <atomic>
 #include <cstdlib>
 #include <deque>
 #include <memory>
@@ -16,6 +18,7 @@
 #include "support/resources.h"
 #include "support/syslog_capture.h"
 #include "support/wan.h"
+#include "vxutils/internal/fd.h"
 #include "vxutils/internal/icmp_echo.h"
 
 namespace {
@@ -318,6 +321,88 @@ TEST_F(Client, ForeignPacketsInFrontOfTheReplyAreSkipped) {
     PingClient client;
     ASSERT_EQ(client.sendSimplePing("192.0.2.10", "192.0.2.1"), 0);
     EXPECT_EQ(answer(client), 0);
+}
+
+TEST_F(Client, AReplyOfAnotherHostDoesNotCount) {
+    vxtest::Wan::answers(wan->gateway, false);
+    std::atomic<bool> forge = true;
+    std::unique_ptr<vxtest::Responder> responder;
+    wan->gateway.inside([&] {
+        responder = std::make_unique<vxtest::Responder>("gw0", [&](const Bytes &request) {
+            Bytes forged = vxtest::echoReply(request);
+            forged[29] = 77;
+            vxtest::fixChecksums(forged);
+            return std::vector<Bytes>{forge ? forged : vxtest::echoReply(request)};
+        });
+    });
+    PingClient client;
+    for (int i = 0; i < 5; ++i) {
+        ASSERT_EQ(client.sendSimplePing("192.0.2.10", "192.0.2.1"), 0);
+        ASSERT_TRUE(vxtest::eventually([&] { return responder->seen() == i + 1; }, 2000));
+        ::poll(nullptr, 0, 50);
+        EXPECT_EQ(client.checkPingResponse(), 2);
+    }
+    forge = false;
+    ASSERT_EQ(client.sendSimplePing("192.0.2.10", "192.0.2.1"), 0);
+    EXPECT_EQ(answer(client), 0);
+}
+
+// What came in before the kernel was told whom to listen to.
+TEST_F(Client, WhatWasReceivedBeforeTheEchoDoesNotCount) {
+    PingClient client;
+    {
+        Sends sends;
+        ASSERT_EQ(client.sendSimplePing("192.0.2.10", "192.0.2.1"), 0);
+        ASSERT_EQ(answer(client), 0);
+        // The next echo's numbers are known: this one's, and one more.
+        const uint16_t i = number(sends.sent.at(0), 24);
+        const auto s = static_cast<uint16_t>(number(sends.sent.at(0), 26) + 1);
+        Bytes early{8, 0, 0, 0};
+        early = early + Bytes{static_cast<uint8_t>(i >> 8), static_cast<uint8_t>(i), static_cast<uint8_t>(s >> 8),
+                              static_cast<uint8_t>(s)};
+        const uint16_t sum = vxtest::checksumByTheBook(early.data(), early.size());
+        early[2] = static_cast<uint8_t>(sum >> 8);
+        early[3] = static_cast<uint8_t>(sum);
+        vxtest::Wan::answers(wan->gateway, false);
+        sends.calls->setsockopt = [&](int, int, int option, const void *, socklen_t) -> std::optional<int> {
+            if (option != IP_HDRINCL) return std::nullopt;
+            const vx::Fd other(::socket(AF_INET, SOCK_RAW | SOCK_CLOEXEC, IPPROTO_ICMP));
+            sockaddr_in self{};
+            self.sin_family = AF_INET;
+            self.sin_addr.s_addr = ::inet_addr("127.0.0.1");
+            EXPECT_EQ(::syscall(SYS_sendto, other.get(), early.data(), early.size(), 0, &self, sizeof self), 8);
+            return std::nullopt;
+        };
+        ASSERT_EQ(client.sendSimplePing("192.0.2.10", "192.0.2.1"), 0);
+    }
+    ::poll(nullptr, 0, 50);
+    EXPECT_EQ(client.checkPingResponse(), 2);
+}
+
+TEST_F(Client, WithoutAFilterNothingIsSent) {
+    PingClient client;
+    Sends sends;
+    sends.calls->setsockopt = [](int, int, int option, const void *, socklen_t) -> std::optional<int> {
+        if (option != SO_ATTACH_FILTER) return std::nullopt;
+        return vxtest::failing(ENOMEM);
+    };
+    EXPECT_EQ(client.sendSimplePing("192.0.2.10", "192.0.2.1"), 1);
+    EXPECT_TRUE(sends.sent.empty());
+}
+
+TEST_F(Client, AGroupsMembersMayAnswer) {
+    PingClient client;
+    Sends sends;
+    bool filtered = false;
+    sends.calls->setsockopt = [&](int, int, int option, const void *, socklen_t) -> std::optional<int> {
+        if (option == SO_ATTACH_FILTER) filtered = true;
+        return std::nullopt;
+    };
+    sends.calls->sendto = [](int, const void *, size_t size, const sockaddr *, socklen_t) {
+        return std::optional<ssize_t>(size);
+    };
+    EXPECT_EQ(client.sendSimplePing("192.0.2.10", "224.0.0.1"), 0);
+    EXPECT_FALSE(filtered);
 }
 
 TEST_F(Client, OnTheLoopbackTheEchoItselfCounts) {

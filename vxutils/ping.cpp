@@ -17,6 +17,8 @@
 #include "vxutils/internal/icmp_echo.h"
 #include "vxutils/internal/ifrequest.h"
 #include "vxutils/internal/log.h"
+#include "vxutils/internal/packet_filter.h"
+#include "vxutils/internal/random.h"
 #include "vxutils/internal/resolve.h"
 #include "vxutils/internal/text_ring.h"
 
@@ -210,7 +212,11 @@ bool isPlainReply(const EchoContext &context, echo::Bytes packet) {
     }
     vx::log(LOG_DEBUG, "icmpping: RECEIVED icmp reply on %s (seq %d, id %d, need seq %d, id %d)", context.interface,
             reply->numbers.sequence, reply->numbers.identifier, context.numbers.sequence, context.numbers.identifier);
-    return reply->numbers == context.numbers;
+    if (reply->numbers != context.numbers) return false;
+    const uint32_t sender = echo::senderOf(packet);
+    if (echo::mayAnswer(context.targetAddress, sender)) return true;
+    vx::log(LOG_DEBUG, "icmpping: not from target (%s != %s)", addressText(sender), addressText(context.targetAddress));
+    return false;
 }
 
 int waitForPlainReply(EchoContext &context) {
@@ -288,7 +294,15 @@ int sendIp(EchoContext &context, uint32_t address) {
     return 0;
 }
 
-bool isIpReply(const EchoContext &context, echo::Bytes packet) {
+// The last look at a reply that carries our numbers. What other hosts send for the target does not count.
+bool isFromTarget(const EchoContext &context, uint32_t target, uint32_t sender) {
+    if (echo::mayAnswer(target, sender)) return true;
+    vx::log(LOG_DEBUG, "rawping[%s]: not from target (%s != %s)", context.interface, addressText(sender),
+            addressText(target));
+    return false;
+}
+
+bool isIpReply(const EchoContext &context, uint32_t address, echo::Bytes packet) {
     vx::log(LOG_DEBUG, "rawping[%s]: received ip packet (%d bytes)\n", context.interface,
             static_cast<int>(packet.size()));
     const auto reply = echo::ipReply(packet);
@@ -308,7 +322,7 @@ bool isIpReply(const EchoContext &context, echo::Bytes packet) {
     const echo::Numbers &numbers = reply->message.numbers;
     vx::log(LOG_DEBUG, "rawping[%s]: RECEIVED ip reply (seq %d, id %d, need seq %d, id %d)", context.interface,
             numbers.sequence, numbers.identifier, context.numbers.sequence, context.numbers.identifier);
-    return numbers == context.numbers;
+    return numbers == context.numbers && isFromTarget(context, address, echo::senderOf(packet));
 }
 
 int waitForIpReply(EchoContext &context, uint32_t address) {
@@ -319,7 +333,7 @@ int waitForIpReply(EchoContext &context, uint32_t address) {
     PacketBuffer buffer;
     const auto room = std::span(buffer).first(static_cast<size_t>(context.bufferSize));
     switch (waitForReply(context, context.ipSocket.get(), room, CLOCK_REALTIME,
-                         [&](echo::Bytes packet) { return isIpReply(context, packet); })) {
+                         [&](echo::Bytes packet) { return isIpReply(context, address, packet); })) {
         case Wait::answered:
             vx::log(LOG_DEBUG, "rawping[%s]: ip ping to %s succeeded", context.interface, addressText(address));
             return 0;
@@ -342,25 +356,12 @@ int pingIp(EchoContext &context, uint32_t address) {
 
 // ---- link-level echo ----
 
-int attachFilter(int fd, uint16_t identifier) {
-    auto program = echo::replyFilter(identifier);
-    const sock_fprog filter{static_cast<unsigned short>(program.size()), program.data()};
-    return setsockopt(fd, SOL_SOCKET, SO_ATTACH_FILTER, &filter, sizeof filter);
-}
-
 sockaddr_ll linkAddress(const EchoContext &context) {
     sockaddr_ll address{};
     address.sll_family = AF_PACKET;
     address.sll_protocol = htons(ETH_P_IP);
     address.sll_ifindex = context.interfaceIndex;
     return address;
-}
-
-// Frames of all interfaces queue up from the moment the socket exists; those from before the filter are thrown away.
-void dropUnfiltered(int fd) {
-    uint8_t byte = 0;
-    while (recv(fd, &byte, sizeof byte, MSG_DONTWAIT) >= 0) {
-    }
 }
 
 int openPacketSocket(EchoContext &context, const uint32_t *mark) {
@@ -370,7 +371,7 @@ int openPacketSocket(EchoContext &context, const uint32_t *mark) {
         vx::log(LOG_ERR, "rawping[%s]: unable to open socket (%s)", context.interface, lastError());
         return -1;
     }
-    if (attachFilter(fd, context.numbers.identifier) == -1) {
+    if (vx::attachFilter(fd, echo::replyFilter(context.numbers.identifier)) == -1) {
         vx::log(LOG_ERR, "rawping[%s]: unable to set filter (%s)", context.interface, lastError());
         return -1;
     }
@@ -384,7 +385,7 @@ int openPacketSocket(EchoContext &context, const uint32_t *mark) {
         return -1;
     }
     stampArrivals(fd);
-    dropUnfiltered(fd);
+    vx::dropUnfiltered(fd);
     context.packetSocket = std::move(socket);
     return 0;
 }
@@ -456,7 +457,8 @@ bool isLinkReply(const EchoContext &context, echo::Bytes frame) {
     }
     vx::log(LOG_DEBUG, "rawping[%s]: RECEIVED raw reply (seq %d, id %d, need seq %d, id %d)", interface,
             numbers.sequence, numbers.identifier, context.numbers.sequence, context.numbers.identifier);
-    return numbers == context.numbers;
+    return numbers == context.numbers &&
+           isFromTarget(context, context.targetAddress, echo::senderOf(frame.subspan(echo::ethernetHeader)));
 }
 
 int waitForLinkReply(EchoContext &context) {
@@ -491,10 +493,13 @@ int pingLink(EchoContext &context, const uint32_t *mark) {
 
 // ---- set-up ----
 
-// Differs from call to call: echoes of several processes cross on one interface.
+// Tells the echoes of several processes on one interface apart. By definition the product of two numbers out of the
+// time of day, which is even three times in four. The clock is read a random number of times, so that the identifier
+// cannot be computed from the time at which a ping begins.
 uint16_t freshIdentifier() {
+    constexpr uint64_t mostReadings = 4096;
     timeval time{};
-    gettimeofday(&time, nullptr);
+    for (uint64_t left = vx::randomBits() % mostReadings + 1; left > 0; --left) gettimeofday(&time, nullptr);
     const auto seconds = static_cast<int16_t>(time.tv_sec & 0xFFFF);
     const auto microseconds = static_cast<int16_t>(time.tv_usec & 0xFFFF);
     return static_cast<uint16_t>((seconds * microseconds) & 0xFFFF);

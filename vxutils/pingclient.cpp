@@ -9,6 +9,7 @@
 #include <cstdlib>
 
 #include "vxutils/internal/icmp_echo.h"
+#include "vxutils/internal/packet_filter.h"
 #include "vxutils/internal/resolve.h"
 
 namespace {
@@ -21,6 +22,14 @@ enum SendResult { sendDone = 0, sendFailed = 1 };
 enum CheckResult { checkFound = 0, checkNothing = 2, checkFailed = 3 };
 
 uint16_t randomNumber() { return static_cast<uint16_t>(std::rand() & 0xFFFF); }
+
+// The object has no room for the destination: the kernel compares the senders. 0, or -1 without a filter.
+int receiveOnlyFrom(int fd, uint32_t target) {
+    if (!echo::answersItself(target)) return 0;
+    if (vx::attachFilter(fd, echo::senderFilter(target)) == -1) return -1;
+    vx::dropUnfiltered(fd);
+    return 0;
+}
 
 }  // namespace
 
@@ -39,6 +48,7 @@ int PingClient::sendSimplePing(const String &source, const String &destination) 
     if (setsockopt(socket_, IPPROTO_IP, IP_HDRINCL, &on, sizeof on) == -1) return sendFailed;
     const auto target = vx::resolveHost(destination.c_str());
     if (!target.has_value()) return sendFailed;
+    if (receiveOnlyFrom(socket_, *target) == -1) return sendFailed;
 
     std::array<unsigned short, echo::simpleSize / sizeof(unsigned short)> words{};
     auto *const bytes = reinterpret_cast<uint8_t *>(words.data());

@@ -14,7 +14,9 @@
  *   reaches a target outside the interface's subnet without any route to it.
  *
  * All of them need the raw-socket capability. They block: replies are looked for at once and then every 300 ms, until
- * the time-out and 300 ms more are used up or 1024 packets were looked at. An interface name is used up to its 15th
+ * the time-out and 300 ms more are used up or 1024 packets were looked at. A reply counts when it comes from the
+ * target's address (from any address when the target is a multicast group or 0.0.0.0). A host on the way that forges
+ * that address can still answer for the target: ICMP has nothing against it. An interface name is used up to its 15th
  * character. Hosts are dotted quads or names (first IPv4 address); resolving a name may take longer than the time-out.
  * Any number of threads may ping at once; only the addresses in their debug messages can get mixed up then. A signal
  * handler that runs meanwhile shortens nothing. Errors go to the system log at @c LOG_ERR, the course of events at

@@ -36,11 +36,14 @@ public:
      * @param source      source address, a dotted quad; "0.0.0.0" leaves the choice to the kernel.
      * @param destination host to ping, a dotted quad or a name (first IPv4 address).
      * @return 0 when the packet went out, else 1; the socket, once open, stays open until cleanup().
+     *
+     * The socket receives packets from the destination only.
      */
     virtual int sendSimplePing(const String &source, const String &destination);
 
     /**
-     * Looks through the ICMP packets that have come in since the last look. A packet counts as the reply when it
+     * Looks through the ICMP packets that have come in since the last look. A packet counts as the reply when it comes
+     * from the destination's address (from any address when the destination is a multicast group or 0.0.0.0) and
      * carries the echo's identifier and sequence number; its type is not looked at, so that the echo itself counts
      * where it can be seen, on the loopback interface.
      *

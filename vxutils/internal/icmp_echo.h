@@ -55,6 +55,11 @@ inline void put32(uint8_t *at, uint32_t value) noexcept {
     put16(at + 2, static_cast<uint16_t>(value & 0xFFFF));
 }
 
+inline uint32_t get32(const uint8_t *at) noexcept {
+    return static_cast<uint32_t>(at[0]) << 24 | static_cast<uint32_t>(at[1]) << 16 | static_cast<uint32_t>(at[2]) << 8 |
+           at[3];
+}
+
 inline void putNumber(uint8_t *at, uint16_t value, Order order) noexcept {
     if (order == Order::network) {
         put16(at, value);
@@ -168,6 +173,18 @@ inline void simpleRequest(std::span<uint8_t, simpleSize> packet, uint32_t source
 // The low nibble of an IP header's first byte, in bytes: 0 to 60.
 inline size_t ipHeaderLength(uint8_t first) noexcept { return static_cast<size_t>(first & 0x0F) * 4; }
 
+// Where an IP header holds the address of the packet's sender.
+constexpr size_t senderAt = 12;
+
+// Sender of an IP packet, 0 when the packet is too short for a header.
+inline uint32_t senderOf(Bytes packet) noexcept { return packet.size() < ipHeader ? 0 : get32(&packet[senderAt]); }
+
+// Whether replies to an echo that went to `target` come from that address: a group's members answer with their own
+// addresses, and so does this machine for the address 0.
+inline bool answersItself(uint32_t target) noexcept { return target != INADDR_ANY && !IN_MULTICAST(target); }
+
+inline bool mayAnswer(uint32_t target, uint32_t sender) noexcept { return sender == target || !answersItself(target); }
+
 struct Message {
     uint8_t type;
     Numbers numbers;
@@ -225,7 +242,18 @@ inline std::optional<IpReply> ipReply(Bytes packet) noexcept {
     return IpReply{packet[9], {icmp[0], {getNumber(icmp + 4, Order::memory), getNumber(icmp + 6, Order::memory)}}};
 }
 
-// ---- filter ----
+// ---- filters ----
+
+// Lets pass IP packets of this sender, and nothing else.
+inline std::array<sock_filter, 4> senderFilter(uint32_t sender) noexcept {
+    constexpr uint32_t whole = UINT32_MAX;
+    return {{
+        {BPF_LD | BPF_W | BPF_ABS, 0, 0, senderAt},
+        {BPF_JMP | BPF_JEQ | BPF_K, 0, 1, sender},
+        {BPF_RET | BPF_K, 0, 0, whole},
+        {BPF_RET | BPF_K, 0, 0, 0},
+    }};
+}
 
 constexpr size_t filterSize = 13;
 
