@@ -7,6 +7,7 @@
 #include "support/resources.h"
 #include "support/syslog_capture.h"
 #include "vxutils/internal/log.cpp"
+#include "vxutils/internal/visible.cpp"
 
 namespace {
 

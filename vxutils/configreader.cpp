@@ -20,6 +20,7 @@
 #include "vxutils/internal/line_buffer.h"
 #include "vxutils/internal/plain_text.h"
 #include "vxutils/internal/retry.h"
+#include "vxutils/internal/visible.h"
 
 namespace {
 
@@ -76,7 +77,7 @@ public:
     Value *add(std::string_view key, std::string_view text) {
         const Filler::Place place = Filler::find(*this, key.data(), key.size());
         if (Filler::taken(place)) {
-            std::printf(duplicateMessage, key.data(), text.data());
+            std::printf(duplicateMessage, vx::VisibleText(key.data()).c_str(), vx::VisibleText(text.data()).c_str());
             return nullptr;
         }
         const size_t entrySize = rounded(Filler::entrySize(key.size()));
@@ -183,7 +184,7 @@ bool ConfigReader::initialize(String const &fileName, unsigned long tableSize) {
 
     const vx::Fd file(vx::retryEintr([&] { return ::open(fileName.c_str(), O_RDONLY | O_CLOEXEC); }));
     if (!file.valid()) {
-        std::printf(noFileMessage, fileName.c_str(), 0L);
+        std::printf(noFileMessage, vx::VisibleText(fileName.c_str()).c_str(), 0L);
         std::printf(detailMessage, "");
         return false;
     }

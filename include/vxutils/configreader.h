@@ -14,7 +14,7 @@
  * with "#" or hold no "=" are skipped. Before the first "=" stands the key, from which blanks and control characters
  * (codes up to 32) are removed wherever they stand; only of a key that begins with two of them the second one stays.
  * Behind it stands the value, which loses them at both ends and may be empty. The first of several entries of one key
- * counts; a message on standard output names each later one.
+ * counts; a message on standard output names each later one. Control bytes in what messages show are escaped as \\xNN.
  *
  * A reader may be asked from several threads once initialize() has returned. Out of memory throws @c std::bad_alloc.
  */

@@ -15,6 +15,7 @@
 #include <sys/file.h>
 #include <sys/ipc.h>
 #include <sys/mman.h>
+#include <sys/random.h>
 #include <sys/reboot.h>
 #include <sys/sem.h>
 #include <sys/sendfile.h>
@@ -588,6 +589,8 @@ extern "C" ssize_t send(int fd, const void *data, size_t size, int flags) {
     return ::syscall(SYS_sendto, fd, data, error == shortTransfer ? size / 2 : size, flags, nullptr, 0);
 }
 
+VX_CALL(ssize_t, getrandom, (void *buffer, size_t size, unsigned int flags), (buffer, size, flags), -1, EAGAIN)
+
 VX_QUIET(int, getifaddrs, (ifaddrs * *list), (list), -1, EMFILE, ENOMEM)
 
 // ---- other libraries ----
@@ -597,6 +600,13 @@ extern "C" void vsyslog(int priority, const char *format, va_list arguments) {
     const Disarmed quiet;
     VX_NEXT(vsyslog);
     real(priority, format, arguments);
+}
+
+extern "C" void syslog(int priority, const char *format, ...) {
+    va_list arguments;
+    va_start(arguments, format);
+    ::vsyslog(priority, format, arguments);
+    va_end(arguments);
 }
 
 VX_QUIET(void *, zmq_socket, (void *context, int type), (context, type), nullptr, EMFILE, ENOMEM)

@@ -14,10 +14,10 @@ import sys
 # Texts, numbers and memory contents; environment of the process; ends of things, which free what they name.
 CANNOT_FAIL = """
     memchr memcmp memcpy memmove mempcpy memrchr memset explicit_bzero stpcpy strchr strchrnul strcmp strcpy strcspn strlen
-    strncmp strnlen strspn strstr strtok_r tolower toupper ispunct isspace strerror strtod strtol strtoll strtoul strtoull
+    strrchr strncmp strnlen strspn strstr strtok_r tolower toupper ispunct isspace strerror strtod strtol strtoll strtoul strtoull
     strptime strftime mktime localtime_r gmtime_r tzset rand random inet_addr inet_ntop inet_pton dirname basename
     sscanf __isoc99_sscanf snprintf vsnprintf printf perror ferror fileno dirfd getpid getppid getuid geteuid getdtablesize
-    umask signal program_invocation_short_name __progname openlog closelog dlerror dlclose dlsym
+    umask signal program_invocation_short_name __progname openlog closelog setlogmask dlerror dlclose dlsym
     free freeifaddrs endmntent exit _exit abort munmap shmdt event_debug_unassign event_get_base event_get_struct_event_size
     event_assign bufferevent_getcb bufferevent_read pthread_mutex_consistent pthread_mutex_destroy pthread_mutex_lock
     pthread_mutex_unlock pthread_mutexattr_destroy pthread_mutexattr_setpshared pthread_mutexattr_setrobust

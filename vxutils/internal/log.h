@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// The one place of the library that writes to the system log.
+// The one place of the library that writes to the system log. Control bytes in what is logged are escaped (visible.h).
 #pragma once
 
 #include <devlog.h>

@@ -10,6 +10,7 @@
 #include <ctime>
 
 #include "vxutils/internal/fd.h"
+#include "vxutils/internal/visible.h"
 
 namespace vx {
 namespace {
@@ -27,7 +28,7 @@ PreparedLog::PreparedLog(int priority, const char *text) noexcept {
     (void)::localtime_r(&now, &local);
     const int length = std::snprintf(line_, sizeof line_, "<%d>%s %2d %02d:%02d:%02d %s: %s", LOG_USER | priority,
                                      months[local.tm_mon], local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec,
-                                     program_invocation_short_name, text);
+                                     VisibleText(program_invocation_short_name).c_str(), text);
     length_ = std::min(static_cast<size_t>(std::max(length, 0)), sizeof line_ - 1);
 }
 

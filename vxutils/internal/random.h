@@ -11,7 +11,8 @@
 
 namespace vx {
 
-// From the kernel, without waiting. Early at boot, while the kernel has none, from the clock and the place of the stack.
+// From the kernel, without waiting. Early at boot, while the kernel has none, from the clock and the place of the
+// stack.
 inline uint64_t randomBits() noexcept {
     const ErrnoKeeper keeper;
     uint64_t bits = 0;
