@@ -1,9 +1,12 @@
 // SPDX-License-Identifier: MIT
 // Directories: made, emptied, removed, copied.
 #include <fcntl.h>
+#include <pthread.h>
 #include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/sysmacros.h>
 #include <syslog.h>
 #include <unistd.h>
 #include <vxutils/file.h>
@@ -13,11 +16,13 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <functional>
 #include <string>
 
 #include "support/files.h"
 #include "support/process.h"
 #include "support/resources.h"
+#include "support/stranger.h"
 #include "support/syslog_capture.h"
 
 // Answers of the kernel that no file system gives at will, and a lack of memory for copies of texts: the library's
@@ -26,6 +31,7 @@ namespace {
 struct Broken {
     std::string chmod;  // the path where it fails
     std::string lstat;  // the same
+    std::string list;   // the same, after the first entries
     bool fstat = false;
     bool strdup = false;
 } broken;
@@ -34,15 +40,43 @@ int failWith(int error) {
     errno = error;
     return -1;
 }
-}  // namespace
-extern "C" int chmod(const char *path, mode_t mode) noexcept {
-    return path == broken.chmod ? failWith(EPERM) : ::fchmodat(AT_FDCWD, path, mode, 0);
+
+std::string pathOf(int fd) {
+    char text[4096];
+    const ssize_t length = ::readlink(("/proc/self/fd/" + std::to_string(fd)).c_str(), text, sizeof text);
+    return {text, length > 0 ? static_cast<size_t>(length) : 0};
 }
-extern "C" int lstat(const char *path, struct stat *status) noexcept {
-    return path == broken.lstat ? failWith(EIO) : ::fstatat(AT_FDCWD, path, status, AT_SYMLINK_NOFOLLOW);
+
+int statusOf(int directory, const char *path, struct stat *status, int flags) {
+    struct statx found {};
+    if (::statx(directory, path, flags, STATX_BASIC_STATS, &found) == -1) return -1;
+    *status = {};
+    status->st_mode = found.stx_mode;
+    status->st_uid = found.stx_uid;
+    status->st_gid = found.stx_gid;
+    status->st_nlink = found.stx_nlink;
+    status->st_ino = found.stx_ino;
+    status->st_dev = ::makedev(found.stx_dev_major, found.stx_dev_minor);
+    status->st_size = static_cast<off_t>(found.stx_size);
+    return 0;
+}
+}  // namespace
+extern "C" int fchmod(int fd, mode_t mode) noexcept {
+    if (!broken.chmod.empty() && pathOf(fd) == broken.chmod) return failWith(EPERM);
+    return ::chmod(("/proc/self/fd/" + std::to_string(fd)).c_str(), mode);
+}
+extern "C" int fstatat(int directory, const char *path, struct stat *status, int flags) noexcept {
+    const std::string whole = directory == AT_FDCWD ? path : pathOf(directory) + "/" + path;
+    return whole == broken.lstat ? failWith(EIO) : statusOf(directory, path, status, flags);
 }
 extern "C" int fstat(int fd, struct stat *status) noexcept {
-    return broken.fstat ? failWith(EIO) : ::fstatat(fd, "", status, AT_EMPTY_PATH);
+    return broken.fstat ? failWith(EIO) : statusOf(fd, "", status, AT_EMPTY_PATH);
+}
+extern "C" ssize_t getdents64(int fd, void *buffer, size_t size) noexcept {
+    const bool fails = !broken.list.empty() && pathOf(fd) == broken.list;
+    // A few entries at a time, and none after the first few.
+    if (fails && ::lseek(fd, 0, SEEK_CUR) != 0) return failWith(EIO);
+    return ::syscall(SYS_getdents64, fd, buffer, fails ? 128 : size);
 }
 extern "C" char *strdup(const char *text) noexcept {
     auto *copy = static_cast<char *>(broken.strdup ? nullptr : std::malloc(std::strlen(text) + 1));
@@ -58,6 +92,12 @@ using vxtest::readFile;
 using vxtest::writeFile;
 
 const std::string dir = "/tmp/directory";
+
+#ifdef __SANITIZE_ADDRESS__
+constexpr size_t smallStack = 512 * 1024;  // its frames are larger
+#else
+constexpr size_t smallStack = 64 * 1024;
+#endif
 
 std::string path(const std::string &name) { return dir + "/" + name; }
 
@@ -95,6 +135,21 @@ std::string makeChain(const std::string &top, size_t length, size_t step) {
     EXPECT_EQ(::fchdir(here), 0);
     ::close(here);
     return innermost;
+}
+
+// Runs a function in a thread of 64 KiB of stack, as daemons with many threads have them.
+void onASmallStack(std::function<void()> function) {
+    pthread_attr_t attributes;
+    ASSERT_EQ(::pthread_attr_init(&attributes), 0);
+    ASSERT_EQ(::pthread_attr_setstacksize(&attributes, smallStack), 0);
+    pthread_t thread;
+    const auto run = [](void *argument) -> void * {
+        (*static_cast<std::function<void()> *>(argument))();
+        return nullptr;
+    };
+    ASSERT_EQ(::pthread_create(&thread, &attributes, run, &function), 0);
+    ASSERT_EQ(::pthread_join(thread, nullptr), 0);
+    ::pthread_attr_destroy(&attributes);
 }
 
 // ---- try_mkdir, create_directory ----
@@ -274,11 +329,31 @@ TEST_F(DeleteDirectory, ContentsKeepsTheDirectory) {
     EXPECT_EQ(readFile(path("outside/kept")), "kept");
 }
 
-TEST_F(DeleteDirectory, FollowsALinkGivenAsThePath) {
-    EXPECT_EQ(delete_directory(path("tree/link").c_str()), 0);
-    EXPECT_FALSE(exists(path("tree/link")));
+TEST_F(DeleteDirectory, ALinkGivenAsThePathIsRemovedAndNotFollowed) {
+    for (const char *slashes : {"", "/", "//"}) {
+        ::unlink(path("tree/link").c_str());
+        ASSERT_EQ(::symlink("../outside", path("tree/link").c_str()), 0);
+        EXPECT_EQ(delete_directory((path("tree/link") + slashes).c_str()), 0);
+        EXPECT_FALSE(exists(path("tree/link")));
+        EXPECT_EQ(readFile(path("outside/kept")), "kept");
+    }
+}
+
+TEST_F(DeleteDirectory, SlashesAfterThePathDoNotMatter) {
+    EXPECT_EQ(delete_directory((path("tree") + "//").c_str()), 0);
+    EXPECT_FALSE(exists(path("tree")));
+}
+
+TEST_F(DeleteDirectory, ContentsFollowsALinkThatWasPlacedByTheOwnUser) {
+    ASSERT_EQ(::symlink("link", path("tree/chain").c_str()), 0);
+    EXPECT_EQ(delete_directory_contents(path("tree/chain").c_str()), 0);
+    EXPECT_TRUE(exists(path("tree/chain")));
+    EXPECT_TRUE(exists(path("tree/link")));
     EXPECT_TRUE(exists(path("outside")));
     EXPECT_FALSE(exists(path("outside/kept")));
+    EXPECT_EQ(delete_directory_contents(path("tree/dangling").c_str()), 0);
+    ASSERT_EQ(::symlink("loop", path("tree/loop").c_str()), 0);
+    EXPECT_EQ(delete_directory_contents(path("tree/loop").c_str()), 0);
 }
 
 TEST_F(DeleteDirectory, RemovesAFile) {
@@ -327,12 +402,6 @@ TEST_F(DeleteDirectory, StopsAtAnEntryThatCannotBeExamined) {
     EXPECT_FALSE(exists(path("outside")));
 }
 
-TEST_F(DeleteDirectory, GoesDownAsFarAsPathsFit) {
-    makeChain(path("tree"), 4095, 250);
-    EXPECT_EQ(delete_directory(path("tree").c_str()), 0);
-    EXPECT_FALSE(exists(path("tree")));
-}
-
 TEST_F(DeleteDirectory, GoesDeeperThanThereAreDescriptors) {
     makeChain(path("tree"), 3000, 1);
     EXPECT_EQ(vxtest::inChild([] {
@@ -344,28 +413,47 @@ TEST_F(DeleteDirectory, GoesDeeperThanThereAreDescriptors) {
     EXPECT_FALSE(exists(path("tree")));
 }
 
-TEST_F(DeleteDirectory, APathThatDoesNotFitIsRefusedAndNeverCut) {
-    const std::string innermost = makeChain(path("tree"), 4095, 250);
-    // Room for a slash and a name up to byte 4095; the entry's name is one byte longer.
-    const size_t room = 4095 - innermost.size() - 1;
-    const int fd = ::open(innermost.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
-    ASSERT_GE(fd, 0);
-    const std::string name(room + 1, 'f');
-    const int file = ::openat(fd, name.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
-    ASSERT_GE(file, 0) << std::strerror(errno);
-    ::close(file);
-    EXPECT_EQ(delete_directory_contents(innermost.c_str()), -1);
-    EXPECT_EQ(errno, ENAMETOOLONG);
+TEST_F(DeleteDirectory, GoesDeeperThanAPathIsLong) {
+    for (const size_t length : {4095, 4096, 4097, 9000}) {
+        const std::string innermost = makeChain(path("tree"), length, 250);
+        EXPECT_EQ(delete_directory(path("tree").c_str()), 0);
+        EXPECT_FALSE(exists(path("tree"))) << length;
+        vxtest::makeDirs(path("tree"));
+    }
+}
+
+TEST_F(DeleteDirectory, NeedsNoStackForDeepTrees) {
+    makeChain(path("tree"), 4000, 1);
+    int result = -1;
+    onASmallStack([&] { result = delete_directory_contents(path("tree").c_str()); });
+    EXPECT_EQ(result, 0);
+    EXPECT_EQ(empty_directory(path("tree").c_str()), 1);
+}
+
+TEST_F(DeleteDirectory, RemovesManyEntries) {
+    for (int i = 0; i < 2000; ++i) writeFile(path("many/" + std::string(200, 'n') + std::to_string(i)), "");
+    EXPECT_EQ(delete_directory(path("many").c_str()), 0);
+    EXPECT_FALSE(exists(path("many")));
+}
+
+TEST_F(DeleteDirectory, WhatCannotBeListedToItsEndStays) {
+    for (int i = 0; i < 40; ++i) writeFile(path("tree/sub/file" + std::to_string(i)), "");
+    broken.list = path("tree/sub");
     EXPECT_EQ(delete_directory(path("tree").c_str()), 0);
-    EXPECT_TRUE(exists(innermost));
-    ASSERT_EQ(::unlinkat(fd, name.c_str(), 0), 0);
-    const std::string fitting(room, 'f');
-    const int other = ::openat(fd, fitting.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
-    ASSERT_GE(other, 0);
-    ::close(other);
-    ::close(fd);
-    EXPECT_EQ(delete_directory(path("tree").c_str()), 0);
-    EXPECT_FALSE(exists(path("tree")));
+    EXPECT_EQ(empty_directory(path("tree/sub").c_str()), 0);
+    EXPECT_FALSE(exists(path("tree/one")));
+}
+
+TEST_F(DeleteDirectory, AnUnsearchableDirectoryDoesNotKeepItsNeighbours) {
+    if (!vxtest::hasOtherUsers()) GTEST_SKIP() << "a box made by an ordinary user has no other";
+    for (const char *name : {"a", "b", "c"}) writeFile(path("tree/") + name + "/file", "");
+    vxtest::giveTo(vxtest::stranger, dir);
+    ASSERT_EQ(::chmod(path("tree/b").c_str(), 0400), 0);
+    EXPECT_EQ(vxtest::asUser(vxtest::stranger, [] { return delete_directory(path("tree").c_str()); }), 0);
+    EXPECT_TRUE(exists(path("tree/b/file")));
+    EXPECT_FALSE(exists(path("tree/a")));
+    EXPECT_FALSE(exists(path("tree/c")));
+    EXPECT_FALSE(exists(path("tree/sub")));
 }
 
 // ---- empty_directory ----
@@ -519,6 +607,73 @@ TEST_F(CopyFile, APartialTransferCountsAsCopied) {
     EXPECT_EQ(readFile(path("dst")), "long");
 }
 
+TEST_F(CopyFile, OntoItselfChangesNothing) {
+    writeFile(path("file"), "content");
+    ASSERT_EQ(::symlink("file", path("symbolic").c_str()), 0);
+    ASSERT_EQ(::link(path("file").c_str(), path("hard").c_str()), 0);
+    vxtest::SyslogCapture log;
+    for (const char *src : {"file", "symbolic", "hard", "../directory/file"}) {
+        for (const char *dst : {"file", "symbolic", "hard", "../directory/file"}) {
+            EXPECT_EQ(copyFile(path(src), path(dst)), 0) << src << " " << dst;
+            EXPECT_EQ(readFile(path("file")), "content");
+        }
+    }
+    EXPECT_TRUE(log.take().empty());
+}
+
+TEST_F(CopyFile, AFifoIsNotWaitedFor) {
+    ASSERT_EQ(::mkfifo(path("fifo").c_str(), 0600), 0);
+    writeFile(path("src"), "x");
+    vxtest::SyslogCapture log;
+    EXPECT_EQ(vxtest::inChild([] {
+                  ::alarm(20);
+                  if (copyFile(path("fifo"), path("dst")) != -1 || errno != EINVAL) return 1;
+                  return copyFile(path("src"), path("fifo")) == -1 && errno == ENXIO ? 0 : 2;
+              }),
+              0);
+    EXPECT_FALSE(exists(path("dst")));
+    EXPECT_EQ(log.take(), (std::vector<LogLine>{{LOG_ERR, "Sendfile error: Invalid argument (22)"},
+                                                {LOG_ERR, "Destination file " + path("fifo") +
+                                                              " could not be opened: No such device or address (6)"}}));
+    const int reader = ::open(path("fifo").c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    EXPECT_EQ(copyFile(path("src"), path("fifo")), 0);
+    char got = 0;
+    EXPECT_EQ(::read(reader, &got, 1), 1);
+    EXPECT_EQ(got, 'x');
+    ::close(reader);
+}
+
+TEST_F(CopyFile, AnotherUsersSetIdBitsAreNotCopied) {
+    if (!vxtest::hasOtherUsers()) GTEST_SKIP() << "a box made by an ordinary user has no other";
+    writeFile(path("src"), "#!/bin/sh\n");
+    ASSERT_EQ(::chmod(path("src").c_str(), 06755), 0);
+    EXPECT_EQ(copyFile(path("src"), path("own")), 0);
+    EXPECT_EQ(modeOf(path("own")), 06755u);
+    ASSERT_EQ(::chown(path("src").c_str(), 12345, 0), 0);
+    ASSERT_EQ(::chmod(path("src").c_str(), 06755), 0);
+    EXPECT_EQ(copyFile(path("src"), path("users")), 0);
+    EXPECT_EQ(modeOf(path("users")), 02755u);
+    ASSERT_EQ(::chown(path("src").c_str(), 12345, 12345), 0);
+    ASSERT_EQ(::chmod(path("src").c_str(), 06755), 0);
+    EXPECT_EQ(copyFile(path("src"), path("groups")), 0);
+    EXPECT_EQ(modeOf(path("groups")), 0755u);
+}
+
+TEST_F(CopyFile, WritesThroughLinksOfItsOwnUser) {
+    writeFile(path("src"), "new");
+    writeFile(path("kept/file"), "old");
+    ASSERT_EQ(::symlink("kept/again", path("link").c_str()), 0);
+    ASSERT_EQ(::symlink("file", path("kept/again").c_str()), 0);
+    EXPECT_EQ(copyFile(path("src"), path("link")), 0);
+    EXPECT_EQ(readFile(path("kept/file")), "new");
+    ASSERT_EQ(::symlink((path("kept") + "/missing").c_str(), path("dangling").c_str()), 0);
+    EXPECT_EQ(copyFile(path("src"), path("dangling")), 0);
+    EXPECT_EQ(readFile(path("kept/missing")), "new");
+    ASSERT_EQ(::symlink("loop", path("loop").c_str()), 0);
+    EXPECT_EQ(copyFile(path("src"), path("loop")), -1);
+    EXPECT_EQ(errno, ELOOP);
+}
+
 // ---- copy_directory ----
 
 using CopyDirectory = DeleteDirectory;
@@ -582,24 +737,88 @@ TEST_F(CopyDirectory, StopsAtAnEntryThatCannotBeExamined) {
     EXPECT_TRUE(fs::is_empty(path("copy")));
 }
 
-TEST_F(CopyDirectory, IntoItselfEndsWhereThePathDoes) {
-    fs::remove_all(path("tree"));
-    vxtest::makeDirs(path("tree"));
-    EXPECT_EQ(copyDirectory(path("tree"), path("tree") + "/" + std::string(200, 'c')), -1);
-    EXPECT_EQ(delete_directory(path("tree").c_str()), 0);
-    EXPECT_FALSE(exists(path("tree")));
+TEST_F(CopyDirectory, IntoItselfIsRefusedBeforeAnythingIsMade) {
+    ASSERT_EQ(::symlink("tree/sub", path("way").c_str()), 0);
+    for (const char *copy :
+         {"tree/in", "tree/sub/deep/in", "tree/sub/in/", "tree/sub/deep", "way/in", "tree/../tree/in"}) {
+        const bool there = exists(path(copy));
+        EXPECT_EQ(copyDirectory(path("tree"), path(copy)), -1) << copy;
+        EXPECT_EQ(errno, EINVAL);
+        EXPECT_EQ(exists(path(copy)), there) << copy;
+    }
+    EXPECT_EQ(vxtest::inChild([] {
+                  if (::chdir(path("tree/sub").c_str()) != 0) return 100;
+                  return copyDirectory(path("tree"), "in") == -1 && copyDirectory("..", "in") == -1 ? 0 : 1;
+              }),
+              0);
+    EXPECT_FALSE(exists(path("tree/sub/in")));
 }
 
-TEST_F(CopyDirectory, RefusesAPathThatDoesNotFit) {
-    writeFile(path("small/file"), "x");
-    const std::string innermost = makeChain(path("tree"), 4090, 250);
-    std::string target = innermost + "/" + std::string(4091 - innermost.size() - 1, 't');
-    ASSERT_EQ(target.size(), 4091u);
-    EXPECT_EQ(copyDirectory(path("small"), target), -1);
-    EXPECT_EQ(errno, ENAMETOOLONG);
-    target.pop_back();
-    EXPECT_EQ(copyDirectory(path("small"), target), 0);
-    EXPECT_EQ(readFile(target + "/file"), "x");
+TEST_F(CopyDirectory, OntoItselfChangesNothing) {
+    ASSERT_EQ(::unlink(path("tree/sub/fifo").c_str()), 0);
+    for (const char *name : {"tree/link", "tree/dangling"}) ::unlink(path(name).c_str());
+    EXPECT_EQ(copyDirectory(path("tree"), path("tree")), 0);
+    EXPECT_EQ(readFile(path("tree/sub/deep/two")), "2");
+    EXPECT_EQ(readFile(path("tree/one")), "1");
+}
+
+TEST_F(CopyDirectory, BesideOrAboveItselfSucceeds) {
+    fs::remove_all(path("tree"));
+    writeFile(path("tree/one"), "1");
+    EXPECT_EQ(copyDirectory(path("tree"), path("tree2")), 0);
+    EXPECT_EQ(readFile(path("tree2/one")), "1");
+    EXPECT_EQ(copyDirectory(path("tree"), path("tree/..")), 0);
+    EXPECT_EQ(readFile(path("one")), "1");
+}
+
+TEST_F(CopyDirectory, AFifoInTheSourceIsAFailureAndNeverWaitedFor) {
+    vxtest::makeDirs(path("status"));
+    ASSERT_EQ(::mkfifo(path("status/command").c_str(), 0666), 0);
+    vxtest::SyslogCapture log;
+    EXPECT_EQ(vxtest::inChild([] {
+                  ::alarm(20);
+                  return copyDirectory(path("status"), path("copy")) == -1 && errno == EINVAL ? 0 : 1;
+              }),
+              0);
+    EXPECT_TRUE(fs::is_empty(path("copy")));
+    EXPECT_EQ(log.take(), (std::vector<LogLine>{{LOG_ERR, "Sendfile error: Invalid argument (22)"}}));
+}
+
+TEST_F(CopyDirectory, ASourceThatCannotBeListedToItsEndIsAFailure) {
+    for (int i = 0; i < 40; ++i) writeFile(path("small/file" + std::to_string(i)), "");
+    broken.list = path("small");
+    EXPECT_EQ(copyDirectory(path("small"), path("copy")), -1);
+    EXPECT_EQ(errno, EIO);
+    vxtest::makeDirs(path("around"));
+    fs::rename(path("small"), path("around/small"));
+    broken.list = path("around/small");
+    EXPECT_EQ(copyDirectory(path("around"), path("copy")), -1);
+    broken.list.clear();
+    EXPECT_EQ(copyDirectory(path("around"), path("copy")), 0);
+    EXPECT_TRUE(exists(path("copy/small/file39")));
+}
+
+TEST_F(CopyDirectory, GoesDeeperThanAPathIsLong) {
+    for (const size_t length : {4090, 9000}) {
+        const std::string innermost = makeChain(path("tree/empty"), length, 250);
+        EXPECT_EQ(copyDirectory(path("tree/empty"), path("copy")), 0) << length;
+        int levels = 0;
+        int fd = ::open(path("copy").c_str(), O_PATH | O_CLOEXEC);
+        while (fd != -1) {
+            const int next = ::openat(fd, std::string(250, 'd').c_str(), O_PATH | O_CLOEXEC);
+            ::close(std::exchange(fd, next));
+            ++levels;
+        }
+        EXPECT_EQ(levels, static_cast<int>((length - path("tree/empty").size()) / 251 + 1));
+        EXPECT_EQ(delete_directory(path("copy").c_str()), 0);
+        EXPECT_EQ(delete_directory_contents(path("tree/empty").c_str()), 0);
+    }
+    makeChain(path("tree/empty"), 2000, 1);
+    int result = -1;
+    onASmallStack([&] { result = copyDirectory(path("tree/empty"), path("copy")); });
+    EXPECT_EQ(result, 0);
+    EXPECT_EQ(delete_directory(path("copy").c_str()), 0);
+    EXPECT_EQ(delete_directory(path("tree").c_str()), 0);
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <glob.h>
 #include <netinet/in.h>
+#include <sys/inotify.h>
 #include <sys/mount.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
@@ -17,6 +18,7 @@
 #include <cerrno>
 #include <csignal>
 #include <cstring>
+#include <limits>
 #include <random>
 #include <thread>
 
@@ -583,17 +585,82 @@ TEST_F(Readfile, ReadsKernelAttributes) {
     EXPECT_NE(*readfile("/proc/self/status"), '\0');
 }
 
-TEST_F(Readfile, ReadsAFifoToItsEnd) {
+TEST_F(Readfile, WhatIsNotARegularFileIsEmptyAndNeverWaitedFor) {
     ASSERT_EQ(::mkfifo(path("fifo").c_str(), 0600), 0);
-    std::thread writer([] {
-        const int fd = ::open(path("fifo").c_str(), O_WRONLY | O_CLOEXEC);
-        EXPECT_EQ(::write(fd, "one\n", 4), 4);
-        ::usleep(20000);
-        EXPECT_EQ(::write(fd, "two", 3), 3);
-        ::close(fd);
-    });
-    EXPECT_STREQ(readfile(path("fifo").c_str()), "one\ntwo");
-    writer.join();
+    ASSERT_EQ(::symlink("fifo", path("link").c_str()), 0);
+    ASSERT_EQ(::symlink("/dev/zero", path("zeros").c_str()), 0);
+    ASSERT_EQ(vxtest::inChild([] {
+                  ::alarm(20);
+                  for (const std::string name : {path("fifo"), path("link"), path("zeros"), "/dev/zero"s}) {
+                      if (*readfile(name.c_str()) != '\0' || errno != ENXIO) return 1;
+                      list_link lines{&lines, &lines};
+                      if (read_file_lines(name.c_str(), &lines) != READFILE_OPEN_FAILED) return 2;
+                  }
+                  return 0;
+              }),
+              0);
+    // Its bytes are its reader's.
+    const int fifo = ::open(path("fifo").c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC);
+    EXPECT_EQ(::write(fifo, "one\n", 4), 4);
+    EXPECT_STREQ(readfile(path("fifo").c_str()), "");
+    char bytes[8];
+    EXPECT_EQ(::read(fifo, bytes, sizeof bytes), 4);
+    ::close(fifo);
+}
+
+// A driver may act when its device is opened: a watchdog starts, a line is raised.
+TEST_F(Readfile, ALinkToADeviceDoesNotOpenIt) {
+    ASSERT_EQ(::symlink("/dev/null", path("link").c_str()), 0);
+    const int watch = ::inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
+    ASSERT_NE(::inotify_add_watch(watch, "/dev/null", IN_OPEN), -1);
+    EXPECT_STREQ(readfile(path("link").c_str()), "");
+    char event[256];
+    EXPECT_EQ(::read(watch, event, sizeof event), -1);
+    ::close(::open("/dev/null", O_RDONLY | O_CLOEXEC));
+    EXPECT_GT(::read(watch, event, sizeof event), 0) << "opening is seen";
+    ::close(watch);
+}
+
+TEST_F(Readfile, FollowsLinksToFiles) {
+    writeFile(path("value"), "42\n");
+    ASSERT_EQ(::symlink("value", path("link").c_str()), 0);
+    ASSERT_EQ(::symlink("link", path("chain").c_str()), 0);
+    errno = EDOM;
+    EXPECT_STREQ(readfile(path("chain").c_str()), "42");
+    EXPECT_EQ(errno, 0);
+    // In a bare chroot there is no /proc.
+    EXPECT_EQ(vxtest::inChild([] {
+                  if (::chroot(dir.c_str()) != 0 || ::chdir("/") != 0) return 100;
+                  return std::strcmp(readfile("/chain"), "42") == 0 ? 0 : 1;
+              }),
+              0);
+}
+
+TEST_F(Readfile, ASparseFileIsNotReadForEver) {
+    writeFile(path("value"), "");
+    off_t size = std::numeric_limits<off_t>::max() & ~off_t{0xffff};
+    while (::truncate(path("value").c_str(), size) == -1) size /= 2;
+    ASSERT_GT(size, off_t{1} << 40);
+    vxtest::SyslogCapture log;
+    EXPECT_EQ(vxtest::inChild([] {
+                  ::alarm(60);
+                  return *readfile(path("value").c_str()) == '\0' ? 0 : 1;
+              }),
+              0);
+    EXPECT_EQ(vxtest::inChild([] {
+                  ::alarm(60);
+                  list_link lines{&lines, &lines};
+                  return read_file_lines(path("value").c_str(), &lines) == READFILE_OUT_OF_MEMORY ? 0 : 1;
+              }),
+              0);
+    EXPECT_EQ(log.take(), (std::vector<LogLine>{{LOG_ERR, "Zalloc failed, errno: File too large"}}));
+}
+
+// 1 MiB of a file may be hidden by NUL bytes, and not more.
+TEST_F(Readfile, WhatFollowsAMebibyteOfNulBytesIsFound) {
+    constexpr size_t most = 1024 * 1024;
+    EXPECT_EQ(read(std::string(most, '\0') + "\n42\n", 10), "42");
+    EXPECT_EQ(read(std::string(most + 8192, '\0') + "\n42\n", 10), "");
 }
 
 // The real user decides, as it does for access().
@@ -755,6 +822,19 @@ TEST_F(ReadFileLines, ALineThatThereIsNoMemoryForIsAnEntryWithoutText) {
         EXPECT_EQ(reinterpret_cast<const file_line *>(at)->data, nullptr);
     }
     EXPECT_TRUE(log.take().empty());
+}
+
+// 32 MiB, of which each line takes its bytes and its records.
+TEST_F(ReadFileLines, AFileOfTooManyLinesCountsAsOutOfMemory) {
+    const std::string line = std::string(1000, 'x') + "\n";
+    constexpr int most = 32 * 1024 * 1024 / (1001 + static_cast<int>(sizeof(file_line) + 4 * sizeof(void *)));
+    std::string text;
+    for (int i = 0; i < most; ++i) text += line;
+    EXPECT_EQ(readLines(text), most);
+    vxtest::SyslogCapture log;
+    EXPECT_EQ(readLines(text + line), READFILE_OUT_OF_MEMORY);
+    EXPECT_EQ(errno, EFBIG);
+    EXPECT_EQ(log.take(), (std::vector<LogLine>{{LOG_ERR, "Zalloc failed, errno: File too large"}}));
 }
 
 TEST_F(ReadFileLines, AMissingFileIsToldApart) {

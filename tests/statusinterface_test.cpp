@@ -441,9 +441,11 @@ TEST_F(StatusFifo, FailsWhereNoneCanBeMade) {
 }
 
 TEST_F(StatusFifo, LeavesItsFileInPlaceWhenALaterStepFails) {
+    if (!vxtest::hasOtherUsers()) GTEST_SKIP() << "a box made by an ordinary user has no other";
+    ASSERT_EQ(::chown(directory_.c_str(), 12345, 12345), 0);
     EXPECT_EQ(vxtest::inChild([&] {
-                  const rlimit limit{3, 3};
-                  if (::setrlimit(RLIMIT_NOFILE, &limit) == -1) return 1;
+                  if (::setresuid(12345, 12345, 12345) == -1) return 1;
+                  ::umask(0777);  // nobody may open it
                   return status_.setupIpcRxFifo("/rx", &recorder_) == 0 ? 0 : 2;
               }),
               0);
@@ -549,6 +551,91 @@ TEST_F(StatusFifo, MayBeDeletedByItsObserver) {
     EXPECT_THAT(seen, ElementsAre(std::string(99, 'y')));  // nothing more arrived, at nobody
     EXPECT_EQ(mortal, nullptr);
     EXPECT_FALSE(vxtest::exists(directory_ + "/rx"));
+}
+
+// The new FIFO's descriptor has the number of the old one's.
+TEST_F(StatusFifo, MayBeMadeAnewByItsObserver) {
+    unsigned long id = status_.setupIpcRxFifo("/rx", &recorder_);
+    const int first = bufferevent_getfd(reinterpret_cast<bufferevent *>(id));
+    recorder_.onData = [&] {
+        status_.deleteIpcRxFifo(id);
+        id = status_.setupIpcRxFifo("/rx", &recorder_);
+    };
+    for (int i = 0; i < 5; ++i) {
+        recorder_.pieces.clear();
+        write("/rx", "message");
+        serve();
+        EXPECT_THAT(recorder_.pieces, ElementsAre("message")) << i;
+        EXPECT_EQ(bufferevent_getfd(reinterpret_cast<bufferevent *>(id)), first) << "the number in question";
+    }
+}
+
+TEST_F(StatusFifo, ADescriptorThatTakesItsNumberInTheCallbackIsServed) {
+    int served = 0;
+    const unsigned long id = status_.setupIpcRxFifo("/rx", &recorder_);
+    const int number = bufferevent_getfd(reinterpret_cast<bufferevent *>(id));
+    int ends[2] = {-1, -1};
+    event *watch = nullptr;
+    recorder_.onData = [&] {
+        status_.deleteIpcRxFifo(id);
+        int made[2];
+        ASSERT_EQ(::pipe2(made, O_NONBLOCK | O_CLOEXEC), 0);
+        ends[1] = ::fcntl(made[1], F_DUPFD_CLOEXEC, number + 1);
+        ends[0] = ::fcntl(made[0], F_DUPFD_CLOEXEC, number + 1);
+        for (const int fd : made) ::close(fd);
+        ASSERT_EQ(::dup3(ends[0], number, O_CLOEXEC), number);
+        ::close(std::exchange(ends[0], number));
+        watch = event_new(
+            base_, number, EV_READ | EV_PERSIST,
+            [](evutil_socket_t fd, short, void *argument) {
+                char byte = 0;
+                if (::read(fd, &byte, 1) == 1) ++*static_cast<int *>(argument);
+            },
+            &served);
+        event_add(watch, nullptr);
+    };
+    write("/rx", "go");
+    serve();
+    for (int i = 1; i <= 3; ++i) {
+        EXPECT_EQ(::write(ends[1], "x", 1), 1);
+        serve();
+        EXPECT_EQ(served, i);
+    }
+    event_free(watch);
+    ::close(ends[0]);
+    ::close(ends[1]);
+}
+
+// The observer has the buffered event's address and may have made it wait for its turn to write as well.
+TEST_F(StatusFifo, LeavesTheBaseAtOnceHoweverItsObserverUsedIt) {
+    const unsigned long id = status_.setupIpcRxFifo("/rx", &recorder_);
+    int left = -1;
+    recorder_.onData = [&] {
+        auto *bev = reinterpret_cast<bufferevent *>(id);
+        bufferevent_enable(bev, EV_READ | EV_WRITE);
+        bufferevent_write(bev, "answer", 6);
+        status_.deleteIpcRxFifo(id);
+        left = event_base_get_num_events(base_, EVENT_BASE_COUNT_ADDED);
+    };
+    write("/rx", "go");
+    serve();
+    EXPECT_EQ(left, 0);
+}
+
+TEST_F(StatusFifo, AllMayBeEndedByOneObserver) {
+    Recorder other;
+    auto status = std::make_unique<StatusInterface>();
+    ASSERT_TRUE(status->setup(BASEPATH_STATUS, "/daemon"));
+    ASSERT_NE(status->setupIpcRxFifo("/one", &other), 0U);
+    ASSERT_NE(status->setupIpcRxFifo("/two", &other), 0U);
+    other.onData = [&] { status.reset(); };
+    write("/one", "x");
+    write("/two", "x");
+    serve();
+    EXPECT_EQ(other.pieces.size(), 1U);
+    EXPECT_EQ(event_base_get_num_events(base_, EVENT_BASE_COUNT_ADDED), 0);
+    EXPECT_FALSE(vxtest::exists(directory_ + "/one"));
+    EXPECT_FALSE(vxtest::exists(directory_ + "/two"));
 }
 
 TEST_F(StatusFifo, WithoutObserverThrowsItsDataAway) {

@@ -11,20 +11,21 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdint>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <span>
 #include <string_view>
 #include <utility>
 
 #include "vxutils/internal/errno_keeper.h"
 #include "vxutils/internal/fd.h"
+#include "vxutils/internal/guarded_open.h"
 #include "vxutils/internal/handles.h"
+#include "vxutils/internal/line_buffer.h"
 #include "vxutils/internal/log.h"
 #include "vxutils/internal/retry.h"
 
 using vx::Fd;
-using vx::FilePtr;
 using vx::MallocPtr;
 using vx::MallocText;
 
@@ -37,8 +38,11 @@ constexpr char temporarySuffix[] = "_XXXXXX";
 constexpr std::string_view directPrefixes[] = {"/dev", "/proc", "/sys"};  // a rename cannot replace these
 constexpr mode_t directMode = 0666;
 
-constexpr size_t lineSize = 1024;
+constexpr size_t longestLine = 1023;
 constexpr size_t chunkSize = 4096;
+constexpr uintmax_t mostHidden = uintmax_t{1024} * 1024;   // bytes that yield no text, after a NUL byte
+constexpr size_t mostForLines = size_t{32} * 1024 * 1024;  // bytes of a file and of the records for its lines
+constexpr size_t lineOverhead = sizeof(file_line) + 4 * sizeof(void *);  // two blocks of the allocator
 
 char readfileText[1024];
 char tmpfileName[1024];
@@ -80,14 +84,14 @@ bool writeWholeAndNewline(const Fd &fd, const Content &content) {
 }
 
 int writeDirectly(const char *path, const Content &content) {
-    Fd fd(::open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, directMode));
-    if (!fd.valid()) {
+    vx::Target target = vx::openTarget(AT_FDCWD, path, directMode);
+    if (!target.valid() || !vx::emptyTarget(target)) {
         vx::log(DL_ERROR, "Unable to open file (%s) for writing - errno=%i(%s)", path, errno, std::strerror(errno));
         return -1;
     }
-    const bool written =
-        content.newline ? writeWholeAndNewline(fd, content) : writeWhole(fd, content.data, content.size);
-    fd.reset();
+    const bool written = content.newline ? writeWholeAndNewline(target.file, content)
+                                         : writeWhole(target.file, content.data, content.size);
+    target.file.reset();
     if (!written) {
         vx::log(DL_ERROR, "Unable to write to file (%s) - errno=%i(%s)", path, errno, std::strerror(errno));
         return -1;
@@ -181,39 +185,63 @@ private:
 // Standard input/output would take two allocations and three more system calls for a one-value file.
 char *readText(const char *name, char *buf, size_t size) {
     errno = 0;
-    const Fd fd(::open(name, O_RDONLY | O_CLOEXEC));
+    struct stat status {};
+    const Fd fd = vx::openValue(AT_FDCWD, name, status);
     if (!fd.valid()) return buf;
     LineCollector text(buf, size);
     char chunk[chunkSize];
-    while (!text.full()) {
+    // A sparse file of NUL bytes never fills the buffer; it must not keep the reader busy for ever.
+    const uintmax_t most = mostHidden + size;
+    for (uintmax_t done = 0; !text.full() && done < most;) {
         const ssize_t got = vx::retryEintr([&] { return ::read(fd.get(), chunk, sizeof chunk); });
         if (got <= 0) break;
         text.add({chunk, static_cast<size_t>(got)});
+        done += static_cast<uintmax_t>(got);
+        if (done == static_cast<uintmax_t>(status.st_size)) break;  // no need to ask for the end
     }
     text.finish();
     return stripwhite(buf);
+}
+
+// Up to the first line end or NUL byte; null without memory.
+char *copyOfLine(std::span<char> line) {
+    char *const end = std::find_if(line.data(), line.data() + line.size(),
+                                   [](char c) { return c == '\n' || c == '\r' || c == '\0'; });
+    const char replaced = std::exchange(*end, '\0');
+    char *const copy = strdup(line.data());
+    *end = replaced;
+    return copy;
+}
+
+int outOfMemory() {
+    vx::log(LOG_ERR, "Zalloc failed, errno: %s", std::strerror(errno));
+    return READFILE_OUT_OF_MEMORY;
 }
 
 }  // namespace
 
 int read_file_lines(const char *path, struct list_link *lines) {
     if (path == nullptr || lines == nullptr) return READFILE_OPEN_FAILED;
-    const FilePtr file(std::fopen(path, "re"));
-    if (!file) return READFILE_OPEN_FAILED;
+    struct stat status {};
+    const Fd fd = vx::openValue(AT_FDCWD, path, status);
+    if (!fd.valid()) return READFILE_OPEN_FAILED;
     int count = 0;
-    char line[lineSize];
-    while (std::fgets(line, sizeof line, file.get()) != nullptr) {
-        auto *node = static_cast<file_line *>(zalloc(sizeof(file_line)));
-        if (node == nullptr) {
-            vx::log(LOG_ERR, "Zalloc failed, errno: %s", std::strerror(errno));
-            return READFILE_OUT_OF_MEMORY;
+    size_t taken = 0;
+    vx::LineBuffer buffer;
+    for (;;) {
+        const std::span<char> line = buffer.next(fd.get(), longestLine);
+        if (line.empty()) return count;
+        taken += line.size() + lineOverhead;
+        if (taken > mostForLines) {
+            errno = EFBIG;
+            return outOfMemory();
         }
-        line[std::strcspn(line, "\n\r")] = '\0';
-        node->data = strdup(line);
+        auto *node = static_cast<file_line *>(zalloc(sizeof(file_line)));
+        if (node == nullptr) return outOfMemory();
+        node->data = copyOfLine(line);
         list_add_tail(&node->list, lines);
         ++count;
     }
-    return count;
 }
 
 int dropfile(const char *name) {

@@ -1,15 +1,16 @@
 // SPDX-License-Identifier: MIT
 #include <vxutils/ipinterfacestatus.h>
 
-#include <fcntl.h>
 #include <ifaddrs.h>
 #include <sys/socket.h>
 
 #include <memory>
 
 #include "vxutils/internal/fd.h"
+#include "vxutils/internal/guarded_open.h"
 #include "vxutils/internal/handles.h"
 #include "vxutils/internal/ifrequest.h"
+#include "vxutils/internal/status_path.h"
 
 namespace {
 
@@ -93,5 +94,7 @@ int IpInterfaceStatus::setIpV4Mask(const char *name, unsigned int mask) {
 }
 
 int IpInterfaceStatus::haveNetworkConnectivity() {
-    return vx::Fd(::open(connectedInterface, O_RDONLY | O_CLOEXEC)).valid() ? 1 : 0;
+    const vx::StatusPath place(connectedInterface, vx::Use::reading);
+    struct stat status {};
+    return place.valid() && vx::openValue(place.directory(), place.name(), status).valid() ? 1 : 0;
 }

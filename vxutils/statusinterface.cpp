@@ -12,26 +12,31 @@ extern "C" {
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <cstdint>
 #include <cstdlib>
 #include <memory>
 #include <string>
 #include <string_view>
 
 #include "vxutils/internal/fd.h"
+#include "vxutils/internal/guarded_open.h"
 #include "vxutils/internal/handles.h"
 #include "vxutils/internal/log.h"
 #include "vxutils/internal/retry.h"
+#include "vxutils/internal/status_path.h"
 
 namespace {
 
 constexpr std::array<const char *, 3> roots{"/tmp/status", "/nvstatus", "/proc"};  // in the order of BasePath
 constexpr size_t pieceSize = 99;
+constexpr size_t mostOfValue = size_t{1024} * 1024;
 
 constexpr mode_t directoryMode = 0777;
 constexpr mode_t fileMode = 0644;
 constexpr mode_t fifoMode = 0666;
 
 constexpr const char *setupFailed = "Could not setup status interface for %s!";
+constexpr const char *tooLong = "Status file %s holds more than %zu bytes!";
 constexpr const char *directoryFailed = "Could not create directory %s. Errno:%d!";
 
 const char *rootOf(BasePath basePath) {
@@ -40,20 +45,61 @@ const char *rootOf(BasePath basePath) {
 }
 
 // Makes the directory and its missing parents, from the top. Returns the one that could not be made, empty on success.
+// What a link leads to is looked up when something is to be made in it, so that a last component may lead nowhere.
 std::string makeDirectories(std::string_view path) {
+    vx::StatusWalk walk(vx::Use::writing, true);
     std::string made;
+    int whyNot = 0;
     while (!path.empty()) {
         const std::string_view component = path.substr(0, path.find('/'));
         path.remove_prefix(std::min(component.size() + 1, path.size()));
         if (component.empty()) continue;
         made.append("/").append(component);
-        if (::mkdir(made.c_str(), directoryMode) == -1 && errno != EEXIST) return made;
+        if (whyNot != 0) {
+            errno = whyNot;
+            return made;
+        }
+        if (::mkdirat(walk.directory(), walk.nameOf(component).c_str(), directoryMode) == -1 && errno != EEXIST) {
+            return made;
+        }
+        if (walk.enter(component)) continue;
+        whyNot = errno;
+        if (!walk.isUnsafe()) continue;
+        walk.logUnsafe(made.c_str());
+        errno = whyNot;
+        return made;
     }
     return {};
 }
 
-vx::Fd openFile(const String &path, int flags) {
-    return vx::Fd(vx::retryEintr([&] { return ::open(path.c_str(), flags | O_CLOEXEC, fileMode); }));
+// Makes a FIFO in place of whatever has its name. Opened for writing as well, so that it does not end with its last
+// writer.
+vx::Fd makeFifo(const String &path) {
+    const vx::StatusPath place(path.c_str(), vx::Use::writing);
+    if (!place.valid()) return {};
+    ::unlinkat(place.directory(), place.name(), 0);
+    if (::mkfifoat(place.directory(), place.name(), fifoMode) == -1) return {};
+    constexpr int flags = O_RDWR | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC;
+    vx::Fd fd(vx::retryEintr([&] { return ::openat(place.directory(), place.name(), flags); }));
+    struct stat status {};
+    if (!fd.valid() || ::fstat(fd.get(), &status) == -1) return {};
+    // Another one by now, where others may write to the directory.
+    if (!S_ISFIFO(status.st_mode) || !vx::isPlacedByUs(place.directoryStatus(), status)) return {};
+    return fd;
+}
+
+// Appends the file's content to `value`, which is empty; false when it is too long.
+bool readValue(const vx::Fd &file, uintmax_t size, String &value) {
+    if (size > mostOfValue) return false;
+    // A block that fits from the start: a String that grows piece by piece copies its text again for each piece.
+    if (size > pieceSize) value = String("", static_cast<long>(size));
+    std::array<char, pieceSize> piece;
+    while (value.length() <= static_cast<long>(mostOfValue)) {
+        const ssize_t got = vx::retryEintr([&] { return ::read(file.get(), piece.data(), piece.size()); });
+        if (got <= 0) return true;
+        value.concat(piece.data(), static_cast<long>(got));
+    }
+    return false;
 }
 
 // bufferevent_new() takes it for granted that there is one; an event without base is given it, or has none still.
@@ -106,37 +152,39 @@ bool StatusInterface::setup(BasePath basePath, const String &name) {
 }
 
 bool StatusInterface::setStatus(const String &name, const String &value) {
-    const vx::Fd file = openFile(path_ + name, O_WRONLY | O_CREAT | O_TRUNC);
-    if (!file.valid()) return false;
+    const vx::StatusPath place((path_ + name).c_str(), vx::Use::writing);
+    if (!place.valid()) return false;
+    const vx::Target target = vx::openTarget(place.directory(), place.name(), fileMode);
+    if (!target.valid() || !vx::emptyTarget(target)) return false;
     const auto size = static_cast<size_t>(value.length());
-    return vx::retryEintr([&] { return ::write(file.get(), value.c_str(), size); }) == value.length();
+    return vx::retryEintr([&] { return ::write(target.file.get(), value.c_str(), size); }) == value.length();
 }
 
 bool StatusInterface::getStatus(const String &name, String &value) const {
-    const vx::Fd file = openFile(path_ + name, O_RDONLY);  // first of all: value may be the name
+    const String path = path_ + name;  // first of all: value may be the name
     value = String::EMPTY();
+    const vx::StatusPath place(path.c_str(), vx::Use::reading);
+    if (!place.valid()) return false;
+    struct stat status {};
+    const vx::Fd file = vx::openValue(place.directory(), place.name(), status);
     if (!file.valid()) return false;
-    std::array<char, pieceSize> piece;
-    for (;;) {
-        const ssize_t got = vx::retryEintr([&] { return ::read(file.get(), piece.data(), piece.size()); });
-        if (got <= 0) return true;
-        value.concat(piece.data(), static_cast<long>(got));
-    }
+    if (readValue(file, static_cast<uintmax_t>(status.st_size), value)) return true;
+    value = String::EMPTY();
+    vx::log(LOG_ERR, tooLong, path.c_str(), mostOfValue);
+    return false;
 }
 
 bool StatusInterface::setLink(const String &name, const String &target) {
-    const String path = path_ + name;
-    ::unlink(path.c_str());
-    return target.length() == 0 || ::symlink(target.c_str(), path.c_str()) == 0;
+    const vx::StatusPath place((path_ + name).c_str(), vx::Use::writing);
+    const bool removed = target.length() == 0;
+    if (!place.valid()) return removed && !place.isUnsafe();
+    ::unlinkat(place.directory(), place.name(), 0);
+    return removed || ::symlinkat(target.c_str(), place.directory(), place.name()) == 0;
 }
 
 unsigned long StatusInterface::setupIpcRxFifo(const String &name, StatusFifoObserver *observer) {
     auto fifo = std::unique_ptr<Fifo>(new Fifo{nullptr, -1, nullptr, path_ + name});
-    ::unlink(fifo->path.c_str());
-    if (::mkfifo(fifo->path.c_str(), fifoMode) == -1) return 0;
-
-    // Open for writing as well, so that it does not end with its last writer.
-    vx::Fd fd = openFile(fifo->path, O_RDWR | O_NONBLOCK);
+    vx::Fd fd = makeFifo(fifo->path);
     if (!fd.valid() || !haveCurrentEventBase()) return 0;
     fifo->bev = bufferevent_new(fd.get(), STATUS_FIFO_READ_EVENT, nullptr, nullptr, observer);
     if (fifo->bev == nullptr) return 0;
@@ -156,10 +204,14 @@ void StatusInterface::deleteIpcRxFifo(unsigned long id) {
     while (*link != nullptr && identifierOf((*link)->bev) != id) link = &(*link)->next;
     Fifo *fifo = *link;
     if (fifo == nullptr) return;
+    *link = fifo->next;
+    // The event leaves the base while its descriptor is still open: the next file gets the same number, and a base that
+    // has that number already would never watch it. In the callback of this FIFO bufferevent_free() alone is too late.
+    bufferevent_disable(fifo->bev, EV_READ | EV_WRITE);
     bufferevent_free(fifo->bev);
     ::close(fifo->fd);
-    *link = fifo->next;
-    ::unlink(fifo->path.c_str());
+    const vx::StatusPath place(fifo->path.c_str(), vx::Use::writing);
+    if (place.valid()) ::unlinkat(place.directory(), place.name(), 0);
     delete fifo;
 }
 

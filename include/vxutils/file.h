@@ -17,7 +17,21 @@
  *
  * readfile(), readaddress() and create_tmpfile() work in static buffers: one thread at a time for each of them
  * (readaddress() shares readfile()'s). Everything else may be called from several threads at once. Calls block as long
- * as the file system, or the other end of a FIFO, makes them.
+ * as the file system does. None of them waits for the other end of a FIFO, for a lease or for a device.
+ *
+ * Ordinary users who may write to a directory can put anything in the place of a file or directory in it, at any
+ * moment. Functions for trees go through them by descriptors and never follow a link that has taken a directory's
+ * place. The other functions refuse (EACCES)
+ * - to read through a symbolic link in a directory into which everybody may write, when it belongs neither to root, nor
+ *   to the process's user, nor to the directory's owner;
+ * - to write in place through any link but one that belongs to root or to the process's user, or lies in a directory of
+ *   theirs into which not everybody may write;
+ * - to write in place, in a directory into which everybody may write, a file that belongs neither to root, nor to the
+ *   process's user, nor to the directory's owner;
+ * - to write in place a file with several names (hard links), unless its directory belongs to root or to the process's
+ *   user and not everybody may write into it.
+ * The directories that a given path leads through are found by the kernel: give paths through directories that only
+ * trusted users may write.
  */
 #ifndef VXUTILS_FILE_H
 #define VXUTILS_FILE_H
@@ -44,16 +58,19 @@ struct file_line {
 typedef struct file_line file_line;
 
 /**
- * Appends the lines of a file to a list.
+ * Appends the lines of a regular file to a list.
  *
  * Lines end at CR or LF, which are not stored; what stands between a CR and its LF is lost. A physical line is read in
  * pieces of at most 1023 characters, each an entry of its own: a line of exactly 1023 characters is followed by an
  * empty entry, made of its newline alone.
  *
+ * At most 32 MiB are taken for one file, counted as its bytes and the records of its lines (56 bytes each, 28 on
+ * 32-bit machines); a larger one counts as out of memory, with EFBIG.
+ *
  * @param path  file to read
  * @param lines head of the list; a file_line per line is added at its tail. The caller owns records and texts.
- * @return the number of entries appended; READFILE_OPEN_FAILED, also for NULL arguments; READFILE_OUT_OF_MEMORY
- *         (logged, LOG_ERR), what was appended until then stays in the list
+ * @return the number of entries appended; READFILE_OPEN_FAILED, also for NULL arguments and for what is not a regular
+ *         file (ENXIO); READFILE_OUT_OF_MEMORY (logged, LOG_ERR), what was appended until then stays in the list
  */
 VXUTILS_API int read_file_lines(const char *path, struct list_link *lines);
 
@@ -73,7 +90,8 @@ VXUTILS_API int dropfile(const char *name);
  *
  * Paths that begin with "/dev", "/proc" or "/sys" (also "/device/x") cannot be replaced: they are written directly, the
  * newline in the same write as the data, because kernel attributes take each write as one command. A direct write
- * truncates or creates the file (0666 less the umask) and is logged at DL_INFO.
+ * truncates or creates the file (0666 less the umask) and is logged at DL_INFO. It refuses what a stranger may have put
+ * there (see above) and does not wait: a FIFO without a reader fails with ENXIO, a full one with EAGAIN.
  *
  * A failed or short write leaves the temporary file behind, with what was written; a failed rename removes it. Every
  * failure is logged at DL_ERROR.
@@ -101,7 +119,8 @@ VXUTILS_API int writefile(const char *name, const char *text);
 
 /**
  * Reads a small text file into the caller's buffer, white space cut off both ends. What cannot be read, as the real
- * user, is the empty text. A NUL byte hides the rest of its line.
+ * user, is the empty text; so is everything but a regular file: a FIFO, a device, a directory. A link to a device does
+ * not open the device. A NUL byte hides the rest of its line; reading ends after 1 MiB that yields no text.
  *
  * @param name file; NULL reads as empty
  * @param buf  receives at most @p size - 1 characters and a terminator
@@ -131,7 +150,8 @@ VXUTILS_API int readaddress(const char *name, struct sockaddr *addr);
 
 /**
  * Makes one directory, readable and searchable for everybody and writable for nobody (mode 0555). One that exists, or a
- * symbolic link of that name wherever it points, is success and left as it is.
+ * symbolic link of that name wherever it points, is success and left as it is. The mode is set on the directory that
+ * was made; when something else has taken its place meanwhile, that is a failing chmod.
  *
  * @param path directory to make
  * @return 0 or -1, with a message (LOG_ERR; a failing chmod LOG_DEBUG). NULL is -1 without a message.
@@ -139,7 +159,8 @@ VXUTILS_API int readaddress(const char *name, struct sockaddr *addr);
 VXUTILS_API int try_mkdir(const char *path);
 
 /**
- * Makes a directory and the missing ones above it, each with try_mkdir(). One trailing slash is ignored.
+ * Makes a directory and the missing ones above it, each with try_mkdir(). One trailing slash is ignored. Below the
+ * first directory that it makes it goes on in that directory, whatever the path leads to by then.
  *
  * @param path directory to make; not changed. "." and "/" are there already.
  * @return 0; the result of the try_mkdir() that failed; -1 for NULL and "" (logged, LOG_ERR)
@@ -155,22 +176,24 @@ VXUTILS_API int create_directory(char *path);
 VXUTILS_API int delete_regular_file(const char *name);
 
 /**
- * Removes a directory with everything in it, or a file. Symbolic links inside are removed, not followed. A @p path that
- * is itself a link to a directory is followed: the directory it points to is emptied, then the link is removed.
+ * Removes a directory with everything in it, or a file, or a symbolic link. Links are removed and never followed, also
+ * when @p path is one, with or without a slash at its end. A tree may be of any depth, with paths longer than the
+ * kernel takes.
  *
  * What cannot be removed is passed over without a word.
  *
  * @param path directory or file
  * @return 0, also when something could not be removed; -1 for NULL and "", when an entry of the directory cannot be
- *         examined or its path does not fit 4096 bytes: the rest then stays
+ *         examined, and when one of its directories was moved elsewhere meanwhile (ESTALE): the rest then stays
  */
 VXUTILS_API int delete_directory(const char *path);
 
 /**
  * Empties a directory as delete_directory() does, and keeps it.
  *
- * @param path directory; one that cannot be opened is left alone, NULL and "" too
- * @return 0; -1 when an entry of it cannot be examined or its path does not fit 4096 bytes: the rest then stays
+ * @param path directory, or a link to one. The link has to belong to root or to the process's user, or to lie in a
+ * directory of theirs into which not everybody may write. Anything else is left alone, NULL and "" too.
+ * @return 0; -1 as for delete_directory()
  */
 VXUTILS_API int delete_directory_contents(const char *path);
 
@@ -183,12 +206,17 @@ VXUTILS_API int delete_directory_contents(const char *path);
 VXUTILS_API int empty_directory(const char *path);
 
 /**
- * Copies a file's content and, for a new file, its mode less the umask. Links are followed, also in the place of @p
- * dst. The directory of @p dst is made when it is missing, with create_directory(); one that is a symbolic link is
- * refused.
+ * Copies a file's content and, for a new file, its mode less the umask; the set-user-id bit only from a file of the
+ * process's own user, the set-group-id bit only from one of its group. Links are followed, also in the place of @p dst
+ * (there with the limits above). The directory of @p dst is made when it is missing, with create_directory(); one that
+ * is a symbolic link is refused.
  *
  * The content goes over in one transfer of the size the file has at that moment: files without a size, as those of
  * /proc, copy as empty ones, and what the kernel moves at once (2 GiB) is the most.
+ *
+ * A file copied onto itself, by whatever path, link or hard link, is left as it is: that is success. Only regular files
+ * and block devices can be copied: a FIFO, a directory and the like fail with "Sendfile error: Invalid argument (22)"
+ * before anything is made or emptied. A FIFO in the place of @p dst takes what fits, if it has a reader.
  *
  * @param src file to copy
  * @param dst file to write
@@ -197,12 +225,17 @@ VXUTILS_API int empty_directory(const char *path);
 VXUTILS_API int copy_file(const char *src, const char *dst);
 
 /**
- * Copies a directory tree. The destination directories are made with mode 0755; files are copied with copy_file(), and
- * links as the files that they point to. Stops at the first failure; what was copied stays.
+ * Copies a directory tree of any depth. The destination directories are made with mode 0755; files are copied with
+ * copy_file(), and links as the files that they point to. Stops at the first failure; what was copied stays.
  *
- * @param src directory to copy
- * @param dst directory to fill; made when it is missing, the one above it must exist
- * @return 0 or -1; -1 for NULL and when a path does not fit 4096 bytes
+ * What copy_file() cannot copy is such a failure: a FIFO, as status trees hold them, a socket, a character device, a
+ * link that leads nowhere or to a directory. So is a directory that cannot be read to its end, and one that was moved
+ * elsewhere meanwhile (ESTALE). A copy into the tree itself, which would have no end, is refused with EINVAL before
+ * anything is made. A tree copied onto itself stays as it is.
+ *
+ * @param src directory to copy, or a link to it
+ * @param dst directory to fill; made when it is missing, the one above it must exist. A link is refused.
+ * @return 0 or -1; -1 for NULL. Only copy_file() logs.
  */
 VXUTILS_API int copy_directory(const char *src, const char *dst);
 

@@ -55,7 +55,11 @@ public:
     /** Sets the IPv4 netmask, in host order, of an interface that has an address. @return 1 or 0. */
     int setIpV4Mask(const char *name, unsigned int mask);
 
-    /** Is a WAN link in use? @return 1 when "/tmp/status/link-manager/hotlink/interface" opens for reading, else 0. */
+    /**
+     * Is a WAN link in use? A status tree that a stranger may have made does not count (statusinterface.h); a FIFO is
+     * not waited for and does not count either.
+     * @return 1 when "/tmp/status/link-manager/hotlink/interface" opens for reading, else 0.
+     */
     int haveNetworkConnectivity();
 };
 

@@ -21,6 +21,21 @@
  * A name is appended to the directory as it is, so it begins with "/". An object is used from one thread, the one that
  * runs libevent's current base, on which the FIFOs' data arrives; the FIFOs have to be ended before that base is freed.
  * Files are shared between processes without a lock: by convention each has one writer.
+ *
+ * A tree that a stranger may have made is not used. Every call looks at the directories on its way; those in the root
+ * directory ("/tmp") are the system's and taken as they are. A path is unsafe
+ * - when a directory or link on it lies in a directory into which everybody may write, and belongs neither to root, nor
+ *   to the process's user, nor to the owner of the directory that it lies in;
+ * - for all but getStatus(), when a link on it belongs neither to root nor to the process's user, unless it lies in a
+ *   directory of theirs into which not everybody may write.
+ * Then the call fails, and "Refused status path PATH: "NAME" belongs to user UID!" goes to the system log (LOG_ERR).
+ *
+ * So a tree that root has made is safe, whatever its mode, and so is one that the process's own user has made. Daemons
+ * of several users share a tree that root makes at boot, with mode 0755 and their directories in it, or with mode 2775
+ * for a group of theirs: every member of that group is trusted. With mode 1777 or 0777 each uses its own
+ * directories and root's only.
+ *
+ * Values are regular files of at most 1 MiB. No call waits for a FIFO.
  */
 #ifndef VXUTILS_STATUSINTERFACE_H
 #define VXUTILS_STATUSINTERFACE_H
@@ -44,7 +59,9 @@ public:
 
     /**
      * Called with the next piece of the data. Where a message ends is not kept: one may come in several pieces, several
-     * may come in one. Deleting the FIFO from here is allowed; nothing more of it arrives then.
+     * may come in one. Deleting the FIFO from here is allowed, and making it anew: nothing more of the old one arrives
+     * then, and its event has left the base when deleteIpcRxFifo() returns, so that a descriptor which is opened next
+     * and gets the same number can be watched at once.
      * @param bev the FIFO's identifier, as a pointer.
      * @param data @p length bytes and a NUL, valid during the call and free to be changed.
      * @param length 1 to 99.
@@ -69,13 +86,14 @@ public:
      * @param basePath tree.
      * @param name daemon's name, beginning with "/"; may name a directory further down.
      * @return true; false, with the reason in the system log, when @p basePath is none of the three (there is no
-     * directory then) or a directory cannot be made (it stays chosen).
+     * directory then), or a directory cannot be made or is unsafe (it stays chosen).
      */
     bool setup(BasePath basePath, const String &name);
 
     /**
      * Writes a status file, mode 0644 less the umask when it is new. The file is emptied and written in place: who
-     * reads it at that moment may find it empty.
+     * reads it at that moment may find it empty. What a stranger may have put in its place is refused, as the functions
+     * of file.h do that write a file in place. A FIFO that has a reader takes the value as a message, if there is room.
      * @param name file name.
      * @param value contents, with NULs if there are any; no newline is added.
      * @return true when the file was opened and took every byte.
@@ -85,8 +103,9 @@ public:
     /**
      * Reads a status file.
      * @param name file name.
-     * @param value set to the contents as they are, NULs and newlines included; empty when the file cannot be opened.
-     * @return true when the file was opened; a read error counts as its end.
+     * @param value set to the contents as they are, NULs and newlines included; empty when the result is false.
+     * @return true when the file was opened; a read error counts as its end. False for a FIFO or a device, and for more
+     * than 1 MiB: "Status file PATH holds more than 1048576 bytes!" is then logged (LOG_ERR).
      */
     bool getStatus(const String &name, String &value) const;
 
@@ -94,12 +113,13 @@ public:
      * Replaces a link, or whatever file has its name.
      * @param name name of the link.
      * @param target what it points to; empty to have no link any more.
-     * @return true when the link was made or none was wanted.
+     * @return true when the link was made or none was wanted; false on an unsafe path in any case.
      */
     bool setLink(const String &name, const String &target);
 
     /**
-     * Makes a FIFO, mode 0666 less the umask, in place of whatever file has its name, and has its data delivered.
+     * Makes a FIFO, mode 0666 less the umask, in place of whatever file has its name, and has its data delivered. Users
+     * who may write to it can send anything, and users who may read from it can take messages away: set the umask so.
      * @param name name of the FIFO.
      * @param observer receives the data; it must outlive the FIFO. Null throws the data away.
      * @return the FIFO's identifier; 0 when a step failed, in particular when libevent has no current base. The file is

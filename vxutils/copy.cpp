@@ -1,0 +1,254 @@
+// SPDX-License-Identifier: MIT
+// Copies of files and of directory trees.
+#include <fcntl.h>
+#include <libgen.h>
+#include <sys/sendfile.h>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <vxutils/file.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdint>
+#include <cstring>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "vxutils/internal/fd.h"
+#include "vxutils/internal/guarded_open.h"
+#include "vxutils/internal/handles.h"
+#include "vxutils/internal/log.h"
+#include "vxutils/internal/memory_guard.h"
+#include "vxutils/internal/tree_walk.h"
+
+using vx::EntryNames;
+using vx::Fd;
+using vx::MallocText;
+using vx::TreePlace;
+
+namespace {
+
+constexpr mode_t creationMode = 0x755;  // hexadecimal on purpose, as in try_mkdir()
+constexpr mode_t copyMode = 0755;       // of the directories that copy_directory() makes
+constexpr mode_t modeBits = 07777;
+
+// A file by its name in an open directory, and by the path that messages show.
+struct Name {
+    int directory;
+    const char *name;
+    const char *shown;
+};
+
+// The directory that is to hold a file: there, or made.
+int ensureFolderOf(const char *file) {
+    const MallocText copy(strdup(file));
+    if (!copy) return -1;
+    char *const folder = ::dirname(copy.get());
+    struct stat status;
+    if (::lstat(folder, &status) == 0) {
+        if (S_ISDIR(status.st_mode)) return 0;
+        vx::log(LOG_ERR, "%s is not a folder", folder);
+        return -1;
+    }
+    if (errno != ENOENT) {
+        vx::log(LOG_ERR, "Can't read folder %s stats: %s (%d)", folder, std::strerror(errno), errno);
+        return -1;
+    }
+    if (create_directory(folder) == 0) return 0;
+    vx::log(LOG_ERR, "Can't create folder %s: %s (%d)", folder, std::strerror(errno), errno);
+    return -1;
+}
+
+// A size beyond what one transfer can ask for is left to the kernel's own limit, not cut to its low bits.
+size_t transferSize(off_t size) {
+    return static_cast<size_t>(std::clamp<intmax_t>(size, 0, static_cast<intmax_t>(SIZE_MAX / 2)));
+}
+
+bool isSame(const struct stat &one, const struct stat &other) {
+    return one.st_dev == other.st_dev && one.st_ino == other.st_ino;
+}
+
+int cannotSend() {
+    vx::log(LOG_ERR, "Sendfile error: %s (%d)", std::strerror(errno), errno);
+    return -1;
+}
+
+int cannotOpenTarget(const char *shown) {
+    vx::log(LOG_ERR, "Destination file %s could not be opened: %s (%d)", shown, std::strerror(errno), errno);
+    return -1;
+}
+
+// The mode of a copy. A copy belongs to the user who makes it: another user's program must not become one that runs
+// with this user's rights.
+mode_t modeOfCopy(const struct stat &source) {
+    const mode_t foreign =
+        (source.st_uid != ::geteuid() ? S_ISUID : 0U) | (source.st_gid != ::getegid() ? S_ISGID : 0U);
+    return source.st_mode & modeBits & ~foreign;
+}
+
+// Opens what is to be copied; only a regular file and a block device have content that can be sent.
+Fd openSource(const Name &src, struct stat &status) {
+    Fd from = vx::openToRead(src.directory, src.name);
+    if (!from.valid()) {
+        vx::log(LOG_ERR, "Source file %s could not be opened: %s (%d)", src.shown, std::strerror(errno), errno);
+        return from;
+    }
+    if (::fstat(from.get(), &status) == -1) {
+        vx::log(LOG_ERR, "Can't read file stats: %s (%d)", std::strerror(errno), errno);
+        return {};
+    }
+    if (S_ISREG(status.st_mode) || S_ISBLK(status.st_mode)) return from;
+    errno = EINVAL;
+    (void)cannotSend();
+    return {};
+}
+
+int transfer(const Fd &from, const struct stat &source, const Name &dst) {
+    const vx::Target target = vx::openTarget(dst.directory, dst.name, modeOfCopy(source));
+    if (!target.valid()) return cannotOpenTarget(dst.shown);
+    if (!target.created && isSame(source, target.status)) return 0;  // its own copy already: emptying it would lose it
+    if (!vx::emptyTarget(target)) return cannotOpenTarget(dst.shown);
+    if (::sendfile(target.file.get(), from.get(), nullptr, transferSize(source.st_size)) == -1) return cannotSend();
+    return 0;
+}
+
+// Opens the directory that is to become a copy, and makes it when it is missing.
+Fd openCopy(int directory, const char *name) {
+    struct stat status;
+    if (::fstatat(directory, name, &status, AT_SYMLINK_NOFOLLOW) == -1) {
+        if (::mkdirat(directory, name, creationMode) == -1) return {};
+        return vx::openMadeDirectory(directory, name, creationMode, copyMode);
+    }
+    return Fd(::openat(directory, name, O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+}
+
+// Whether a directory lies in a tree, or is its top.
+bool isInside(Fd directory, const struct stat &top) {
+    struct stat status {};
+    if (::fstat(directory.get(), &status) == -1) return false;
+    for (;;) {
+        if (isSame(status, top)) return true;
+        Fd above(::openat(directory.get(), "..", O_PATH | O_DIRECTORY | O_CLOEXEC));
+        struct stat next {};
+        if (!above.valid() || ::fstat(above.get(), &next) == -1 || isSame(status, next)) return false;
+        directory = std::move(above);
+        status = next;
+    }
+}
+
+// A copy of a tree under way.
+class TreeCopy {
+public:
+    TreeCopy(Fd from, Fd to, const char *src, const char *dst)
+        : from_(std::move(from), O_RDONLY), to_(std::move(to), O_PATH), src_(src), dst_(dst) {}
+
+    int run() {
+        if (!enter()) return -1;
+        while (!levels_.empty()) {
+            Level &level = levels_.back();
+            src_.resize(level.srcLength);
+            dst_.resize(level.dstLength);
+            if (level.names.next() ? !copyEntry(level.names.current()) : !leave()) return -1;
+        }
+        return 0;
+    }
+
+private:
+    struct Level {
+        EntryNames names;
+        size_t srcLength;
+        size_t dstLength;
+    };
+
+    // All entries are read before the first of them is copied.
+    bool enter() {
+        levels_.push_back({{}, src_.size(), dst_.size()});
+        return levels_.back().names.read(from_.here());
+    }
+
+    bool leave() {
+        levels_.pop_back();
+        return levels_.empty() || (from_.up() && to_.up());
+    }
+
+    bool copyEntry(const char *name) {
+        struct stat status;
+        if (::fstatat(from_.here().get(), name, &status, AT_SYMLINK_NOFOLLOW) == -1) return false;
+        src_.append("/").append(name);
+        dst_.append("/").append(name);
+        return S_ISDIR(status.st_mode) ? copySubdirectory(name) : copyFile(name);
+    }
+
+    bool copyFile(const char *name);
+
+    bool copySubdirectory(const char *name) {
+        Fd copy = openCopy(to_.here().get(), name);
+        if (!copy.valid() || !from_.down(name)) return false;
+        to_.down(std::move(copy));
+        return enter();
+    }
+
+    TreePlace from_;
+    TreePlace to_;
+    std::string src_;  // what messages show
+    std::string dst_;
+    std::vector<Level> levels_;
+};
+
+bool TreeCopy::copyFile(const char *name) {
+    struct stat status {};
+    const Fd from = openSource({from_.here().get(), name, src_.c_str()}, status);
+    return from.valid() && transfer(from, status, {to_.here().get(), name, dst_.c_str()}) == 0;
+}
+
+// Whether a copy would lie in the tree that it is a copy of, and so have no end.
+bool hasNoEnd(const vx::LastComponent &dst, const struct stat &source) {
+    constexpr int flags = O_PATH | O_DIRECTORY | O_CLOEXEC;
+    Fd copy(::openat(dst.directory(), dst.name(), flags | O_NOFOLLOW));
+    struct stat status {};
+    if (!copy.valid()) return isInside(Fd(::openat(dst.directory(), ".", flags)), source);
+    // A directory is its own copy already, as its files are.
+    return ::fstat(copy.get(), &status) == 0 && !isSame(status, source) && isInside(std::move(copy), source);
+}
+
+int copyTree(const char *src, const char *dst) {
+    const vx::LastComponent last(dst);
+    if (!last.valid()) return -1;
+    Fd from(::open(src, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    struct stat source {};
+    if (from.valid() && (::fstat(from.get(), &source) == -1 || hasNoEnd(last, source))) {
+        errno = EINVAL;
+        return -1;
+    }
+    const int whyNoSource = errno;
+    Fd to = openCopy(last.directory(), last.name());  // made even when there is nothing to copy
+    if (!to.valid()) return -1;
+    if (!from.valid()) {
+        errno = whyNoSource;
+        return -1;
+    }
+    return TreeCopy(std::move(from), std::move(to), src, dst).run();
+}
+
+}  // namespace
+
+int copy_file(const char *src, const char *dst) {
+    if (src == nullptr || *src == '\0') {
+        vx::log(LOG_ERR, "Invalid source file name");
+        return -1;
+    }
+    if (dst == nullptr || *dst == '\0') {
+        vx::log(LOG_ERR, "Invalid destination file name");
+        return -1;
+    }
+    struct stat source {};
+    const Fd from = openSource({AT_FDCWD, src, src}, source);
+    if (!from.valid() || ensureFolderOf(dst) == -1) return -1;
+    return transfer(from, source, {AT_FDCWD, dst, dst});
+}
+
+int copy_directory(const char *src, const char *dst) {
+    if (src == nullptr || dst == nullptr) return -1;
+    return vx::memoryGuarded([src, dst] { return copyTree(src, dst); });
+}

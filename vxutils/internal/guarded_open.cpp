@@ -1,0 +1,279 @@
+// SPDX-License-Identifier: MIT
+#include "vxutils/internal/guarded_open.h"
+
+#include <fcntl.h>
+#include <linux/magic.h>
+#include <sys/vfs.h>
+
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <new>
+#include <string>
+#include <utility>
+
+#include "vxutils/internal/retry.h"
+#include "vxutils/internal/safe_open.h"
+#include "vxutils/internal/tree_walk.h"
+
+namespace vx {
+namespace {
+
+constexpr mode_t allModes = 07777;
+constexpr int gently = O_NONBLOCK | O_NOCTTY;  // without waiting, without side effects
+
+Fd open(int directory, const char *path, int flags, mode_t mode = 0) noexcept {
+    return Fd(retryEintr([&] { return ::openat(directory, path, flags | O_CLOEXEC, mode); }));
+}
+
+Fd refused(int error) noexcept {
+    errno = error;
+    return {};
+}
+
+// Opens for writing, and creates what is missing in a step of its own: only O_EXCL tells a new file from one that
+// another process made a moment earlier.
+Target openOrCreate(int directory, const char *path, mode_t mode) noexcept {
+    constexpr int flags = O_WRONLY | O_NOFOLLOW | gently;
+    constexpr int attempts = 40;  // ends the loop when an attacker makes and removes the file all the time
+    for (int i = 0; i < attempts; ++i) {
+        Fd file = open(directory, path, flags);
+        if (file.valid() || errno != ENOENT) return {std::move(file)};
+        file = open(directory, path, flags | O_CREAT | O_EXCL, mode);
+        if (file.valid()) return {std::move(file), true};
+        if (errno != EEXIST) return {};
+    }
+    return {refused(EACCES)};
+}
+
+// The directory part of a path, as openat() takes it.
+std::string parentOf(const std::string &path) {
+    const size_t slash = path.find_last_of('/');
+    return slash == std::string::npos ? "." : path.substr(0, slash + 1);
+}
+
+// A path that ends in links, followed link by link, each only where it is allowed to be. It is the text of an open link
+// that is followed and not a name, so that swapping links in between is of no use.
+class Links {
+public:
+    using Rule = bool (*)(const struct stat &directory, const struct stat &link);
+
+    Links(Rule mayBeFollowed, int directory, const char *path)
+        : mayBeFollowed_(mayBeFollowed), directory_(directory), path_(path) {}
+
+    [[nodiscard]] int directory() const { return base_.valid() ? base_.get() : directory_; }
+    [[nodiscard]] const char *path() const { return path_.c_str(); }
+    [[nodiscard]] bool isKernels() const { return kernels_; }
+
+    // Goes on to what the link says; false with errno when there is none or it must not be followed.
+    bool follow() {
+        const Fd link = open(directory(), path(), O_PATH | O_NOFOLLOW);
+        Fd parent = open(directory(), parentOf(path_).c_str(), O_PATH | O_DIRECTORY);
+        struct stat status {};
+        struct stat place {};
+        if (!link.valid() || !parent.valid() || ::fstat(link.get(), &status) == -1 ||
+            ::fstat(parent.get(), &place) == -1) {
+            return false;
+        }
+        const bool isLink = S_ISLNK(status.st_mode);
+        if (!isLink || !mayBeFollowed_(place, status) || ++links_ > mostLinks) {
+            errno = !isLink ? ENOTDIR : links_ > mostLinks ? ELOOP : EACCES;
+            return false;
+        }
+        kernels_ = isKernelLink(link);
+        return kernels_ || goTo(link, std::move(parent));
+    }
+
+private:
+    bool goTo(const Fd &link, Fd parent) {
+        char text[PATH_MAX];
+        const ssize_t length = ::readlinkat(link.get(), "", text, sizeof text);
+        if (length <= 0) return false;
+        path_.assign(text, static_cast<size_t>(length));
+        base_ = std::move(parent);
+        return true;
+    }
+
+    Rule mayBeFollowed_;
+    int directory_;
+    Fd base_;  // of path_, once a link has been followed
+    std::string path_;
+    int links_ = 0;
+    bool kernels_ = false;
+};
+
+// Opens what an open path (O_PATH) stands for.
+Fd reopen(const Fd &place, const Links &links) noexcept {
+    char name[sizeof "/proc/self/fd/" + 11];
+    (void)std::snprintf(name, sizeof name, "/proc/self/fd/%d", place.get());
+    Fd file = open(AT_FDCWD, name, O_RDONLY | gently);
+    if (file.valid() || errno != ENOENT) return file;
+    return open(links.directory(), links.path(), O_RDONLY | gently);  // a bare chroot without /proc
+}
+
+// Opens what a link leads to by way of a descriptor that opens nothing yet, so that a device is told apart before its
+// driver is called.
+Fd openLinked(int directory, const char *path) {
+    const auto rule = [](const struct stat &place, const struct stat &link) { return !mayBeForeign(place, link); };
+    Links links(rule, directory, path);
+    while (links.follow()) {
+        const Fd place = open(links.directory(), links.path(), O_PATH | (links.isKernels() ? 0 : O_NOFOLLOW));
+        struct stat status {};
+        if (!place.valid() || ::fstat(place.get(), &status) == -1) return {};
+        if (S_ISLNK(status.st_mode)) continue;
+        return S_ISCHR(status.st_mode) ? refused(ENXIO) : reopen(place, links);
+    }
+    return {};
+}
+
+// Whether a regular file may be written where it was found.
+bool mayBeWritten(int directory, const char *path, const struct stat &file) {
+    if (isOurs(file) && file.st_nlink <= 1) return true;
+    struct stat place {};
+    if (::fstatat(directory, parentOf(path).c_str(), &place, 0) == -1 || mayBeForeign(place, file)) return false;
+    // A second name may be an attacker's, for a file that only we may write.
+    return file.st_nlink <= 1 || isClosed(place);
+}
+
+// Lets a target pass that may be written where it was found.
+Target admitted(Target target, int directory, const char *path) {
+    if (!target.valid() || target.created) return target;
+    if (::fstat(target.file.get(), &target.status) == -1) return {};
+    if (!S_ISREG(target.status.st_mode) || mayBeWritten(directory, path, target.status)) return target;
+    return {refused(EACCES)};
+}
+
+Target openLinkedTarget(int directory, const char *path, mode_t mode) {
+    Links links(isPlacedByUs, directory, path);
+    while (links.follow()) {
+        if (links.isKernels()) {
+            Target target{open(links.directory(), links.path(), O_WRONLY | gently)};
+            if (target.valid() && ::fstat(target.file.get(), &target.status) == -1) return {};
+            return target;
+        }
+        Target target = openOrCreate(links.directory(), links.path(), mode);
+        if (target.valid() || errno != ELOOP) return admitted(std::move(target), links.directory(), links.path());
+    }
+    return {};
+}
+
+Target openAnyTarget(int directory, const char *path, mode_t mode) {
+    Target target = openOrCreate(directory, path, mode);
+    if (!target.valid() && errno == ELOOP) return openLinkedTarget(directory, path, mode);
+    return admitted(std::move(target), directory, path);
+}
+
+Fd openLinkedDirectory(int directory, const char *path) {
+    constexpr int flags = O_RDONLY | O_DIRECTORY;
+    Links links(isPlacedByUs, directory, path);
+    for (;;) {
+        if (!links.follow()) return {};
+        if (links.isKernels()) return open(links.directory(), links.path(), flags);
+        Fd opened = open(links.directory(), links.path(), flags | O_NOFOLLOW);
+        if (opened.valid() || errno != ENOTDIR) return opened;
+    }
+}
+
+// Whether a directory may be the one just made. Where only we can have replaced it, it is; elsewhere it has to look
+// like it: ours, without a right that it was not made with, and empty.
+bool isTheOneMade(int directory, const std::string &path, const Fd &made, mode_t creationMode) {
+    struct stat place {};
+    if (::fstatat(directory, parentOf(path).c_str(), &place, 0) == -1) return false;
+    if (isClosed(place)) return true;
+    struct stat status {};
+    if (::fstat(made.get(), &status) == -1 || status.st_uid != ::geteuid()) return false;
+    if ((status.st_mode & allModes & ~(creationMode | S_ISGID)) != 0) return false;
+    EntryNames names;
+    return names.read(made) && !names.next();
+}
+
+Fd openMade(int directory, const std::string &path, mode_t creationMode, mode_t mode) {
+    constexpr int flags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW;
+    Fd made = open(directory, path.c_str(), flags);
+    if (!made.valid()) {
+        // An umask that takes the right to read from the owner.
+        if (errno != EACCES || ::fchmodat(directory, path.c_str(), mode, AT_SYMLINK_NOFOLLOW) == -1) return {};
+        return open(directory, path.c_str(), flags);
+    }
+    if (!isTheOneMade(directory, path, made, creationMode)) return refused(EACCES);
+    return ::fchmod(made.get(), mode) == 0 ? std::move(made) : Fd();
+}
+
+template <typename Opening>
+auto withoutMemoryRefused(Opening opening) noexcept -> decltype(opening()) {
+    try {
+        return opening();
+    } catch (const std::bad_alloc &) {
+        errno = ENOMEM;
+        return {};
+    }
+}
+
+}  // namespace
+
+bool isOurs(const struct stat &file) noexcept { return isTrustedUser(file.st_uid); }
+
+bool mayBeForeign(const struct stat &directory, const struct stat &entry) noexcept {
+    return (directory.st_mode & S_IWOTH) != 0 && entry.st_uid != directory.st_uid && !isOurs(entry);
+}
+
+bool isClosed(const struct stat &directory) noexcept { return isOurs(directory) && (directory.st_mode & S_IWOTH) == 0; }
+
+bool isPlacedByUs(const struct stat &directory, const struct stat &entry) noexcept {
+    return isOurs(entry) || isClosed(directory);
+}
+
+bool isKernelLink(const Fd &link) noexcept {
+    struct statfs system {};
+    return ::fstatfs(link.get(), &system) == 0 && system.f_type == PROC_SUPER_MAGIC;
+}
+
+Fd openToRead(int directory, const char *path) noexcept {
+    const int before = errno;
+    Fd file = open(directory, path, O_RDONLY | O_NOFOLLOW | gently);
+    if (!file.valid() && errno == ELOOP) {
+        file = withoutMemoryRefused([&] { return openLinked(directory, path); });
+    }
+    if (file.valid()) errno = before;
+    return file;
+}
+
+Fd openValue(int directory, const char *path, struct stat &status) noexcept {
+    Fd file = openToRead(directory, path);
+    if (!file.valid() || ::fstat(file.get(), &status) == -1) return {};
+    return S_ISREG(status.st_mode) || S_ISDIR(status.st_mode) ? std::move(file) : refused(ENXIO);
+}
+
+Target openTarget(int directory, const char *path, mode_t mode) noexcept {
+    const int before = errno;
+    Target target = withoutMemoryRefused([&] { return openAnyTarget(directory, path, mode); });
+    if (!target.valid()) return target;
+    // A device is written as ever; a FIFO must not make the writer wait.
+    const bool isDevice = S_ISCHR(target.status.st_mode) || S_ISBLK(target.status.st_mode);
+    if (!target.created && isDevice) (void)::fcntl(target.file.get(), F_SETFL, 0);
+    errno = before;
+    return target;
+}
+
+bool emptyTarget(const Target &target) noexcept {
+    if (target.created || !S_ISREG(target.status.st_mode)) return true;
+    return retryEintr([&] { return ::ftruncate(target.file.get(), 0); }) == 0;
+}
+
+Fd openDirectory(int directory, const char *path) noexcept {
+    Fd opened = open(directory, path, O_RDONLY | O_DIRECTORY | O_NOFOLLOW);
+    if (opened.valid() || errno != ENOTDIR) return opened;
+    return withoutMemoryRefused([&] { return openLinkedDirectory(directory, path); });
+}
+
+Fd openMadeDirectory(int directory, const char *path, mode_t creationMode, mode_t mode) noexcept {
+    return withoutMemoryRefused([&] { return openMade(directory, withoutSlashes(path), creationMode, mode); });
+}
+
+std::string withoutSlashes(const char *path) {
+    std::string text = path;
+    while (text.size() > 1 && text.back() == '/') text.pop_back();
+    return text;
+}
+
+}  // namespace vx
