@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Directory trees: what an entry costs when a tree is removed or copied, and a path that is there already is made.
+// Directory trees: what an entry costs when a tree is removed or copied.
 #include <benchmark/benchmark.h>
 #include <vxutils/file.h>
 
@@ -66,23 +66,9 @@ void CopyDirectory_filesystem(benchmark::State &state) {
     copying(state, [] { fs::copy(tree, copy, fs::copy_options::recursive); });
 }
 
-void CreateDirectory_ours(benchmark::State &state) {
-    makeTree();
-    std::string path = tree + "/directory0";
-    for (auto _ : state) benchmark::DoNotOptimize(create_directory(path.data()));
-}
-
-void CreateDirectory_filesystem(benchmark::State &state) {
-    makeTree();
-    const std::string path = tree + "/directory0";
-    for (auto _ : state) benchmark::DoNotOptimize(fs::create_directories(path));
-}
-
 BENCHMARK(DeleteDirectory_ours)->Name("DeleteDirectory/ours");
 BENCHMARK(DeleteDirectory_filesystem)->Name("DeleteDirectory/filesystem");
 BENCHMARK(CopyDirectory_ours)->Name("CopyDirectory/ours");
 BENCHMARK(CopyDirectory_filesystem)->Name("CopyDirectory/filesystem");
-BENCHMARK(CreateDirectory_ours)->Name("CreateDirectory/ours");
-BENCHMARK(CreateDirectory_filesystem)->Name("CreateDirectory/filesystem");
 
 }  // namespace

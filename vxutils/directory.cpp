@@ -50,14 +50,17 @@ int acceptExisting(int directory, const char *name, const char *shown) {
     return -1;
 }
 
+// Gives the directory that was just made its mode, and opens it into `made`.
+int shareMade(int directory, const char *name, const char *shown, Fd &made) {
+    made = vx::openMadeDirectory(directory, name, creationMode, sharedMode);
+    if (made.valid()) return 0;
+    vx::log(LOG_DEBUG, "Cannot create directory. chmod %s throw errno=%d, %s", shown, errno, std::strerror(errno));
+    return -1;
+}
+
 // Makes a directory, or finds it; messages show its whole path. One that was made is opened into `made`.
 int makeDirectory(int directory, const char *name, const char *shown, Fd &made) {
-    if (::mkdirat(directory, name, creationMode) == 0) {
-        made = vx::openMadeDirectory(directory, name, creationMode, sharedMode);
-        if (made.valid()) return 0;
-        vx::log(LOG_DEBUG, "Cannot create directory. chmod %s throw errno=%d, %s", shown, errno, std::strerror(errno));
-        return -1;
-    }
+    if (::mkdirat(directory, name, creationMode) == 0) return shareMade(directory, name, shown, made);
     return errno == EEXIST ? acceptExisting(directory, name, shown) : cannotMake(shown);
 }
 
@@ -77,6 +80,10 @@ int makeBelow(Fd &above, const char *name, const char *shown) {
 // in its place is not followed.
 int makeDirectories(char *path) {
     Fd made;
+    // The whole path at once: most often the directory exists. Any other failure is left to the walk below, whose
+    // message names the directory that fails.
+    if (::mkdirat(AT_FDCWD, path, creationMode) == 0) return shareMade(AT_FDCWD, path, path, made);
+    if (errno == EEXIST) return acceptExisting(AT_FDCWD, path, path);
     char *component = path;
     for (char *slash = std::strchr(path + 1, '/');; slash = std::strchr(component, '/')) {
         if (slash != nullptr) *slash = '\0';
