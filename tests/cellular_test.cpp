@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include "support/files.h"
+#include "support/interruptions.h"
 #include "support/process.h"
 #include "support/resources.h"
 
@@ -136,7 +137,11 @@ TEST_F(Provider, OnlyPlainNetworkTextsReachTheShell) {
                              "[a]",
                              "?",
                              ":",
-                             "@"}) {
+                             "@",
+                             "--all",
+                             "-",
+                             "26201 -f secret",
+                             "a  -"}) {
         EXPECT_STREQ(pdb_find_provider(text), "") << text;
     }
     EXPECT_EQ(calls(), "");
@@ -147,6 +152,14 @@ TEST_F(Provider, TheToolMayPrintMoreThanIsRead) {
     const vxtest::NoLeaks leaks;
     tool("provider: first\n" + vxtest::repeated(300000, 'x'));
     EXPECT_STREQ(pdb_find_provider("1"), "first");
+}
+
+TEST_F(Provider, SignalsDoNotEndTheSearch) {
+    vxtest::writeFile("/usr/bin/pdb", "#!/bin/sh\nprintf provi; sleep 0.1; echo der: late\n");
+    ASSERT_EQ(::chmod("/usr/bin/pdb", 0755), 0);
+    const vxtest::Interruptions interruptions(5000);
+    EXPECT_STREQ(pdb_find_provider("1"), "late");
+    EXPECT_GT(vxtest::Interruptions::count, 2);
 }
 
 TEST_F(Provider, LinesEndAt1024Characters) {

@@ -12,6 +12,7 @@
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/time.h>
+#include <sys/wait.h>
 #include <syslog.h>
 #include <unistd.h>
 #include <vxutils/command.h>
@@ -29,6 +30,7 @@
 
 #include "support/emulation.h"
 #include "support/files.h"
+#include "support/interruptions.h"
 #include "support/process.h"
 #include "support/resources.h"
 #include "support/syscall_filter.h"
@@ -55,7 +57,14 @@ struct SegmentRequest {
     bool operator==(const SegmentRequest &) const = default;
 };
 std::vector<SegmentRequest> segmentRequests;
+// Added to the wall-clock time that the library sees.
+std::atomic<time_t> clockStep_s = 0;
 }  // namespace
+extern "C" int clock_gettime(clockid_t clock, timespec *time) noexcept {
+    const auto result = static_cast<int>(::syscall(SYS_clock_gettime, clock, time));
+    if (clock == CLOCK_REALTIME) time->tv_sec += clockStep_s;
+    return result;
+}
 extern "C" int shmget(key_t key, size_t size, int flags) noexcept {
     segmentRequests.push_back({key, size, flags});
     return static_cast<int>(::syscall(SYS_shmget, key, size, flags));
@@ -168,6 +177,17 @@ TEST_F(ExecCommand, AWaitThatFailsIsReportedAndCountsAsSuccess) {
     std::signal(SIGCHLD, SIG_DFL);
     EXPECT_EQ(log.take(),
               (std::vector<LogLine>{{LOG_ERR, "Waiting for child process failed: No child processes (10)"}}));
+}
+
+TEST_F(ExecCommand, SignalsDoNotEndTheWait) {
+    vxtest::SyslogCapture log;
+    const vxtest::Interruptions interruptions(5000);
+    EXPECT_EQ(_exec_command(0, "/bin/sh", "sh", "-c", "sleep 0.1; exit 7", noMore), 7);
+    EXPECT_GT(_exec_command(1, "/bin/true", "true", noMore), 1);
+    EXPECT_GT(vxtest::Interruptions::count, 2);
+    EXPECT_TRUE(log.take().empty());
+    EXPECT_EQ(::waitpid(-1, nullptr, 0), -1) << "no child is left";
+    EXPECT_EQ(errno, ECHILD);
 }
 
 TEST_F(ExecCommand, ChangesDirectoryAndMaskOfTheChildOnly) {
@@ -299,6 +319,97 @@ TEST_F(ExecCommand, DetachedStartsAreSerialisedByTheirDirectory) {
     const auto lines = log.take();
     EXPECT_GE(lines.size(), 2u);
     EXPECT_LE(lines.size(), 4u);
+}
+
+// ---- _exec_command: tokens that nobody will remove ----
+
+constexpr uid_t stranger = 12345;
+
+int makeToken() { return ::shmget(::ftok(".", 52), 4, IPC_CREAT | IPC_EXCL | 0600); }
+
+LogLine removedTokenOf(pid_t pid, uid_t maker) {
+    return {LOG_INFO,
+            "Shared memory of process " + std::to_string(pid) + ", user " + std::to_string(maker) + " removed"};
+}
+
+TEST_F(ExecCommand, TheTokenOfAnEndedProcessIsRemoved) {
+    const pid_t maker = vxtest::startChild([] { return makeToken() == -1 ? 1 : 0; });
+    ASSERT_EQ(vxtest::waitChild(maker), 0);
+    ASSERT_EQ(segments(), 1);
+    vxtest::SyslogCapture log;
+    EXPECT_GT(_exec_command(1, "/bin/true", "true", noMore), 1);
+    EXPECT_EQ(log.take(), std::vector{removedTokenOf(maker, 0)});
+}
+
+TEST_F(ExecCommand, TheTokenOfAKilledProcessIsRemovedThoughItsParentDoesNotWait) {
+    const pid_t maker = vxtest::startChild([] {
+        makeToken();
+        ::raise(SIGKILL);
+        return 0;
+    });
+    siginfo_t ended{};
+    ASSERT_EQ(::waitid(P_PID, static_cast<id_t>(maker), &ended, WEXITED | WNOWAIT), 0);
+    ASSERT_EQ(segments(), 1);
+    vxtest::SyslogCapture log;
+    EXPECT_GT(_exec_command(1, "/bin/true", "true", noMore), 1);
+    EXPECT_EQ(log.take(), std::vector{removedTokenOf(maker, 0)});
+    vxtest::waitChild(maker);
+}
+
+TEST_F(ExecCommand, AProcessThatIsYoungerThanTheTokenDidNotMakeIt) {
+    const int id = makeToken();
+    ASSERT_NE(id, -1);
+    // This process has the maker's number; started after the token was made, it would be another process.
+    clockStep_s = 1000000000;
+    vxtest::SyslogCapture log;
+    EXPECT_GT(_exec_command(1, "/bin/true", "true", noMore), 1);
+    clockStep_s = 0;
+    EXPECT_EQ(log.take(), std::vector{removedTokenOf(::getpid(), 0)});
+}
+
+TEST_F(ExecCommand, TheTokenOfAStrangerIsRemovedWhileItsMakerLives) {
+    if (!vxtest::hasOtherUsers()) GTEST_SKIP() << "a box made by an ordinary user has no other";
+    const pid_t maker = vxtest::startChild([] {
+        if (::setresuid(stranger, stranger, stranger) != 0 || makeToken() == -1) return 1;
+        ::pause();
+        return 0;
+    });
+    ASSERT_TRUE(vxtest::eventually([] { return segments() == 1; }));
+    vxtest::SyslogCapture log;
+    EXPECT_GT(_exec_command(1, "/bin/true", "true", noMore), 1);
+    EXPECT_EQ(log.take(), std::vector{removedTokenOf(maker, stranger)});
+    ::kill(maker, SIGKILL);
+    vxtest::waitChild(maker);
+}
+
+TEST_F(ExecCommand, AStrangerWhoMakesTokensWithoutEndHoldsNoStartUp) {
+    if (!vxtest::hasOtherUsers()) GTEST_SKIP() << "a box made by an ordinary user has no other";
+    const key_t key = ::ftok(".", 52);
+    std::vector<pid_t> makers;
+    for (int i = 0; i < 2; ++i) {
+        makers.push_back(vxtest::startChild([key] {
+            if (::setresuid(stranger, stranger, stranger) != 0) return 1;
+            for (;;) ::syscall(SYS_shmget, key, 4, IPC_CREAT | 0600);
+        }));
+    }
+    ASSERT_TRUE(vxtest::eventually([] { return segments() == 1; }));
+    for (int i = 0; i < 20; ++i) EXPECT_GT(_exec_command(1, "/bin/true", "true", noMore), 1) << i;
+    for (const pid_t maker : makers) ::kill(maker, SIGKILL);
+    for (const pid_t maker : makers) vxtest::waitChild(maker);
+    EXPECT_GT(_exec_command(1, "/bin/true", "true", noMore), 1) << "the last of them is removed, too";
+}
+
+TEST_F(ExecCommand, AnOrdinaryUserCannotRemoveAStrangersToken) {
+    if (!vxtest::hasOtherUsers()) GTEST_SKIP() << "a box made by an ordinary user has no other";
+    ASSERT_EQ(
+        vxtest::inChild([] { return ::setresuid(stranger, stranger, stranger) != 0 || makeToken() == -1 ? 1 : 0; }), 0);
+    EXPECT_EQ(vxtest::inChild([] {
+                  if (::setresuid(stranger + 1, stranger + 1, stranger + 1) != 0) return 100;
+                  return _exec_command(1, "/bin/true", "true", noMore) == -1 && errno == EEXIST ? 0 : 1;
+              }),
+              0);
+    EXPECT_EQ(segments(), 1);
+    EXPECT_GT(_exec_command(1, "/bin/true", "true", noMore), 1);
 }
 
 TEST_F(ExecCommand, ManyDetachedStartsAtOnceAllSucceed) {
@@ -496,6 +607,13 @@ TEST_F(EvalCommand, TakesLongLinesInPieces) {
     EXPECT_EQ(eval(line, 1500), (Evaluated{2044, std::string(1498, 'x')}));
 }
 
+TEST_F(EvalCommand, SignalsDoNotCutTheOutput) {
+    const vxtest::Interruptions interruptions(5000);
+    EXPECT_EQ(eval("printf on; sleep 0.05; echo e; sleep 0.05; echo two", 100), (Evaluated{8, "one\ntwo\n"}));
+    EXPECT_EQ(eval("echo one; sleep 0.05; exit 7", 100), (Evaluated{-1, "one\n"}));
+    EXPECT_GT(vxtest::Interruptions::count, 2);
+}
+
 TEST_F(EvalCommand, FailsWithoutADescriptorForTheOutput) {
     EXPECT_EQ(vxtest::inChild([] {
                   const rlimit none{0, 0};
@@ -674,6 +792,13 @@ TEST_P(Power, StartsTheScriptWithBothNumbers) {
     EXPECT_EQ(readFile(path("recorded")), GetParam().script + " 1 -2147483648\n");
     EXPECT_TRUE(rebootCommands.empty());
     EXPECT_TRUE(log.take().empty());
+}
+
+TEST_P(Power, AnAbandonedTokenIsNotInItsWay) {
+    installRecorder();
+    ASSERT_EQ(vxtest::inChild([] { return makeToken() == -1 ? 1 : 0; }), 0);
+    GetParam().call(1, 2);
+    EXPECT_TRUE(vxtest::eventually([] { return vxtest::exists(path("recorded")); }));
 }
 
 TEST_P(Power, TheMarkerIsAVeto) {

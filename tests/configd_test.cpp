@@ -23,6 +23,7 @@
 #include "support/configd.h"
 #include "support/descriptor_limit.h"
 #include "support/files.h"
+#include "support/interruptions.h"
 #include "support/resources.h"
 #include "support/syslog_capture.h"
 
@@ -128,24 +129,6 @@ void expectClosed(const configd_handle *handle) {
     EXPECT_STREQ(handle->client_path, "");
     EXPECT_FALSE(vxtest::exists(clientPath(handle)));
 }
-
-// Interrupts the calling thread's system calls every 50 ms, without restarting them.
-class Interruptions {
-public:
-    Interruptions() {
-        struct sigaction action {};
-        action.sa_handler = [](int) { count = count + 1; };
-        ::sigaction(SIGALRM, &action, nullptr);
-        const itimerval often{{0, 50000}, {0, 50000}};
-        ::setitimer(ITIMER_REAL, &often, nullptr);
-    }
-    ~Interruptions() {
-        const itimerval never{};
-        ::setitimer(ITIMER_REAL, &never, nullptr);
-        std::signal(SIGALRM, SIG_DFL);
-    }
-    static inline volatile std::sig_atomic_t count = 0;
-};
 
 // Fills the queue of the daemon's socket; to be called while it does not read.
 void fillQueue() {
@@ -905,9 +888,9 @@ TEST_F(ConfigdTransport, AnInterruptedWaitGoesOnUntilTheAnswerComes) {
     daemon.tell("set a 1");
     const Handle handle = openHandle();
     daemon.tell("late 1000");
-    const Interruptions interruptions;
+    const vxtest::Interruptions interruptions;
     EXPECT_EQ(value(handle.get(), "a"), "1");
-    EXPECT_GT(Interruptions::count, 5);
+    EXPECT_GT(vxtest::Interruptions::count, 5);
     EXPECT_EQ(log.take(), Log{});
 }
 
@@ -916,7 +899,7 @@ TEST_F(ConfigdTransport, AnInterruptedWaitEndsAfterItsTenSecondsAndLeavesTheBuff
     const auto start = Clock::now();
     char buffer[4] = "abc";
     {
-        const Interruptions interruptions;
+        const vxtest::Interruptions interruptions;
         EXPECT_EQ(configd_recv(handle.get(), buffer, sizeof buffer), -1);
     }
     EXPECT_GE(Clock::now() - start, 10s);
@@ -940,7 +923,7 @@ TEST_F(ConfigdTransport, AnInterruptedSendEndsAfterItsTenSeconds) {
     fillQueue();
     const auto start = Clock::now();
     {
-        const Interruptions interruptions;
+        const vxtest::Interruptions interruptions;
         EXPECT_EQ(configd_send(handle.get(), "Done\n", 5), -1);
         EXPECT_EQ(errno, EAGAIN);
     }
@@ -965,7 +948,7 @@ TEST_F(ConfigdTransport, AnInterruptedSendGoesOnUntilTheDaemonReads) {
         daemon.tell("normal");
     });
     {
-        const Interruptions interruptions;
+        const vxtest::Interruptions interruptions;
         EXPECT_EQ(value(handle.get(), "a"), "1");
     }
     later.join();

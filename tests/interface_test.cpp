@@ -11,6 +11,7 @@
 #include <filesystem>
 
 #include "support/files.h"
+#include "support/interruptions.h"
 #include "support/netns.h"
 #include "support/process.h"
 #include "support/resources.h"
@@ -408,6 +409,14 @@ TEST(BridgeMembers, WithoutAProcessThereIsAFailure) {
     ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &before), 0);
     EXPECT_EQ(result, -1);
     EXPECT_STREQ(buffer, "");
+}
+
+TEST(BridgeMembers, SignalsDoNotCutTheList) {
+    toolPrints(table);
+    writeFile(tool, "#!/bin/sh\ncat /tmp/brctl-output\nsleep 0.1\nprintf '\\t\\t\\t\\t\\t\\t\\teth5\\n'\n");
+    const vxtest::Interruptions interruptions(5000);
+    EXPECT_EQ(membersOf("br3"), (Members{15, "eth3 eth4 eth5 "}));
+    EXPECT_GT(vxtest::Interruptions::count, 2);
 }
 
 TEST(BridgeMembers, OddTables) {

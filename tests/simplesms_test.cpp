@@ -16,6 +16,7 @@
 #include <new>
 
 #include "support/files.h"
+#include "support/interruptions.h"
 #include "support/process.h"
 #include "support/resources.h"
 #include "support/syslog_capture.h"
@@ -207,6 +208,15 @@ TEST_F(SimpleSms, AToolEndedByASignalHasNotAccepted) {
     ASSERT_EQ(::chmod(sendScript.c_str(), 0755), 0);
     EXPECT_EQ(CSimpleSMS("1", "x").send(), -1);
     EXPECT_TRUE(outgoing().empty());
+}
+
+TEST_F(SimpleSms, SignalsDoNotHideThatTheToolRefused) {
+    vxtest::writeFile(sendScript, "#!/bin/sh\nsleep 0.1\nexit 7\n");
+    ASSERT_EQ(::chmod(sendScript.c_str(), 0755), 0);
+    const vxtest::Interruptions interruptions(5000);
+    EXPECT_EQ(CSimpleSMS("1", "text").send(), -1);
+    EXPECT_TRUE(outgoing().empty());
+    EXPECT_GT(vxtest::Interruptions::count, 2);
 }
 
 TEST_F(SimpleSms, AMessageCanBeSentAgainAsAFileOfItsOwn) {

@@ -23,6 +23,7 @@
 #include <thread>
 
 #include "support/files.h"
+#include "support/interruptions.h"
 #include "support/process.h"
 #include "support/resources.h"
 #include "support/short_memory.h"
@@ -1032,11 +1033,7 @@ TEST_F(Wwanmd, AFullQueueOfConnectionsIsWaitedForFiveSeconds) {
 
 TEST_F(Wwanmd, SignalsNeitherCutNorStretchTheWaits) {
     modem.tell("handshake silent");
-    struct sigaction action {};
-    action.sa_handler = [](int) {};
-    ::sigaction(SIGALRM, &action, nullptr);
-    const itimerval often{{0, 20000}, {0, 20000}};
-    ::setitimer(ITIMER_REAL, &often, nullptr);
+    const vxtest::Interruptions interruptions(20000);
     const Stopwatch watch;
     wwanmd_handle handle{};
     handle.fd = -1;
@@ -1052,8 +1049,6 @@ TEST_F(Wwanmd, SignalsNeitherCutNorStretchTheWaits) {
     const Stopwatch reset;
     EXPECT_EQ(wwanmd_in_reset(0), 1);
     EXPECT_GE(reset.elapsed(), milliseconds(5000));
-    const itimerval never{};
-    ::setitimer(ITIMER_REAL, &never, nullptr);
 }
 
 TEST_F(Wwanmd, ACardInResetIsNeverConnectedTo) {

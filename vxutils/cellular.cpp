@@ -10,6 +10,7 @@
 #include <string_view>
 
 #include "vxutils/internal/handles.h"
+#include "vxutils/internal/shell_output.h"
 
 namespace {
 
@@ -36,25 +37,26 @@ constexpr Family families[] = {
 
 constexpr const char *providerCommand = "/usr/bin/pdb -n %s";
 constexpr std::string_view providerKey = "provider:";
-constexpr size_t providerLineSize = 1024 + 1;
+constexpr size_t providerLineLength = 1024;
 
 char provider[64];
 
-// What may become part of a command; not by the locale's notion of a letter.
+// What may become part of a command; not by the locale's notion of a letter. A word that begins with a dash would be
+// an option of the tool.
 bool isNetworkText(std::string_view text) {
     constexpr std::string_view allowed = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789 .-_+";
-    return text.find_first_not_of(allowed) == std::string_view::npos;
+    if (text.find_first_not_of(allowed) != std::string_view::npos) return false;
+    return !text.starts_with('-') && text.find(" -") == std::string_view::npos;
 }
 
 // Reads the tool's output up to the line that names the provider.
-void readProvider(FILE *output) {
-    std::array<char, providerLineSize> line;
-    while (std::fgets(line.data(), line.size(), output) != nullptr) {
-        const std::string_view text = line.data();
-        if (!text.starts_with(providerKey)) continue;
-        // The name begins with the second character behind the colon; there may be none.
-        char *name = line.data() + std::min(providerKey.size() + 1, text.size());
-        strlcpy(provider, stripwhite(name), sizeof provider);
+void readProvider(vx::ShellOutput &output) {
+    while (const auto line = output.nextLine(providerLineLength)) {
+        if (!line->starts_with(providerKey)) continue;
+        // The name begins with the second character after the colon; there may be none.
+        std::array<char, providerLineLength + 1> name{};
+        line->substr(std::min(providerKey.size() + 1, line->size())).copy(name.data(), providerLineLength);
+        strlcpy(provider, stripwhite(name.data()), sizeof provider);
         return;
     }
 }
@@ -87,8 +89,8 @@ const char *pdb_find_provider(const char *network) {
     char *command = nullptr;
     if (::asprintf(&command, providerCommand, network) == -1) return provider;
     const vx::MallocText owner(command);
-    const vx::PipePtr output(::popen(command, "re"));
-    if (output) readProvider(output.get());
+    vx::ShellOutput output(command);
+    if (output.running()) readProvider(output);
     return provider;
 }
 

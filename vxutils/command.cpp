@@ -18,13 +18,16 @@
 #include <cstring>
 #include <utility>
 
+#include "vxutils/internal/abandoned_segment.h"
 #include "vxutils/internal/errno_keeper.h"
 #include "vxutils/internal/handles.h"
 #include "vxutils/internal/log.h"
 #include "vxutils/internal/prepared_log.h"
+#include "vxutils/internal/retry.h"
+#include "vxutils/internal/shell_output.h"
+#include "vxutils/internal/sleep.h"
 
 using vx::MallocText;
-using vx::PipePtr;
 
 namespace {
 
@@ -40,16 +43,17 @@ using Arguments = std::array<char *, mostWords + 1>;
 
 constexpr int handoverProject = 52;
 constexpr int handoverTries = 10;
-constexpr useconds_t handoverPause_us = 100000;
+constexpr int mostRemovals = 20;  // of abandoned tokens in one try
+constexpr int64_t handoverPause_us = 100000;
 
-constexpr size_t outputPieceSize = 1023;
+constexpr size_t outputPieceLength = 1022;
 
 constexpr size_t mostArguments = 255;
 constexpr const char *blanks = " \t\n";
 constexpr const char *quotes = "\"'";
 
 constexpr size_t scriptLineSize = 511;
-constexpr useconds_t scriptPause_us = 100000;
+constexpr int64_t scriptPause_us = 100000;
 
 // What the restart and the power-off of the device differ in.
 struct PowerAction {
@@ -76,15 +80,12 @@ public:
     Handover &operator=(const Handover &) = delete;
 
     bool create() {
+        const key_t key = ::ftok(".", handoverProject);
         for (int attempt = 1; attempt <= handoverTries; ++attempt) {
-            id_ = ::shmget(::ftok(".", handoverProject), sizeof(int), IPC_CREAT | IPC_EXCL | 0600);
-            if (id_ != -1) return attach();
-            if (errno != EEXIST) {
-                vx::log(LOG_ERR, "Shared memory allocation failed: %s (%d)", std::strerror(errno), errno);
-                return false;
-            }
+            if (claim(key)) return true;
+            if (errno != EEXIST) return false;
             vx::log(LOG_INFO, "Shared memory temporary not available (try %d/%d)", attempt, handoverTries);
-            ::usleep(handoverPause_us);
+            vx::sleepUs(handoverPause_us);
         }
         return false;
     }
@@ -98,6 +99,22 @@ public:
     }
 
 private:
+    // Fails with EEXIST while another process has the token. Several removals in a row, because a process that makes
+    // tokens without end may have made another one by the time the abandoned one is removed.
+    bool claim(key_t key) {
+        for (int removed = 0; removed < mostRemovals; ++removed) {
+            id_ = ::shmget(key, sizeof(int), IPC_CREAT | IPC_EXCL | 0600);
+            if (id_ != -1) return attach();
+            if (errno != EEXIST) {
+                vx::log(LOG_ERR, "Shared memory allocation failed: %s (%d)", std::strerror(errno), errno);
+                return false;
+            }
+            if (!vx::removeAbandonedSegment(key)) break;
+        }
+        errno = EEXIST;
+        return false;
+    }
+
     bool attach() {
         void *const address = ::shmat(id_, nullptr, 0);
         if (reinterpret_cast<intptr_t>(address) == -1) return false;
@@ -160,7 +177,7 @@ void enterChildState(int mode) noexcept {
 
 int waitForChild(pid_t child) {
     int status = 0;
-    if (::waitpid(child, &status, 0) == -1) {
+    if (vx::retryEintr([&] { return ::waitpid(child, &status, 0); }) == -1) {
         vx::log(LOG_ERR, "Waiting for child process failed: %s (%d)", std::strerror(errno), errno);
     }
     return status;
@@ -280,7 +297,7 @@ void changePower(const PowerAction &action, int a, int b) {
     char line[scriptLineSize];
     std::snprintf(line, sizeof line, "%s %d %d", action.script, a, b);
     (void)run_command(line, 1);
-    ::usleep(scriptPause_us);
+    vx::sleepUs(scriptPause_us);
 }
 
 }  // namespace
@@ -307,16 +324,16 @@ int run_command(const char *command, int background) {
 int eval_command(const char *command, char *out, size_t size) {
     if (command == nullptr || *command == '\0' || out == nullptr || size == 0) return -1;
     out[0] = '\0';
-    PipePtr output(::popen(command, "re"));
-    if (!output) return -1;
+    vx::ShellOutput output(command);
+    if (!output.running()) return -1;
     const size_t room = size - 1;
     size_t used = 0;
-    char piece[outputPieceSize];
-    while (std::fgets(piece, sizeof piece, output.get()) != nullptr) {
+    while (const auto piece = output.nextLine(outputPieceLength)) {
         if (used >= room) continue;  // full: the command is still read to its end
-        used += static_cast<size_t>(std::snprintf(out + used, room - used, "%s", piece));
+        const auto length = static_cast<int>(piece->size());
+        used += static_cast<size_t>(std::snprintf(out + used, room - used, "%.*s", length, piece->data()));
     }
-    const int status = ::pclose(output.release());
+    const int status = output.close();
     return WEXITSTATUS(status) != 0 ? -1 : static_cast<int>(used);
 }
 

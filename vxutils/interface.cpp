@@ -15,6 +15,7 @@
 
 #include "vxutils/internal/bridge.h"
 #include "vxutils/internal/handles.h"
+#include "vxutils/internal/shell_output.h"
 
 namespace {
 
@@ -29,7 +30,7 @@ constexpr size_t prefixSize = 14;
 constexpr size_t digits = 6;
 constexpr size_t displaySize = 15;
 constexpr size_t statusSize = 1024;
-constexpr size_t toolLineSize = 1024;
+constexpr size_t toolLineLength = 1023;
 
 // A name taken apart; no number is a count of 0 digits.
 struct InterfaceName {
@@ -186,15 +187,14 @@ int wanlink_count(void) {
 int bridge_members(const char *bridge, char *buffer, size_t size) {
     if (bridge == nullptr || *bridge == '\0' || buffer == nullptr || size == 0) return -1;
     *buffer = '\0';
-    const vx::PipePtr tool(popen(bridgeTool, "re"));
-    if (tool == nullptr) return -1;
+    vx::ShellOutput tool(bridgeTool);
+    if (!tool.running()) return -1;
 
     vx::BridgeTable table(bridge);
-    std::array<char, toolLineSize> line;
     const size_t room = size - 1;
     size_t total = 0;
-    while (std::fgets(line.data(), static_cast<int>(line.size()), tool.get()) != nullptr) {
-        const std::string_view member = table.member(line.data());
+    while (const auto line = tool.nextLine(toolLineLength)) {
+        const std::string_view member = table.member(*line);
         if (member.empty()) continue;
         const size_t used = std::min(total, room);
         std::snprintf(buffer + used, room - used, "%.*s ", static_cast<int>(member.size()), member.data());

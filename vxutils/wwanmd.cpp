@@ -29,6 +29,7 @@
 #include "vxutils/internal/fd.h"
 #include "vxutils/internal/log.h"
 #include "vxutils/internal/retry.h"
+#include "vxutils/internal/sleep.h"
 
 namespace {
 
@@ -74,13 +75,6 @@ timespec now() {
     timespec time{};
     ::clock_gettime(CLOCK_MONOTONIC, &time);
     return time;
-}
-
-void sleepUs(int64_t us) {
-    // Of at most 300 s, so that int holds both parts on every machine.
-    timespec rest{static_cast<int>(us / usPerSecond), static_cast<int>(us % usPerSecond * 1000)};
-    while (::clock_nanosleep(CLOCK_MONOTONIC, 0, &rest, &rest) == EINTR) {
-    }
 }
 
 bool validCard(int card) {
@@ -229,7 +223,7 @@ void countFailure(wwanmd_handle *handle, const char *doing, Part part) {
 void pace(const wwanmd_handle &handle) {
     if ((handle.flags & initialized) == 0) return;
     const int64_t elapsed = uselapsed(handle.last_io, now());
-    if (elapsed < pacingUs) sleepUs(pacingUs - elapsed);
+    if (elapsed < pacingUs) vx::sleepUs(pacingUs - elapsed);
 }
 
 // Throws away what the daemon sent unasked. Returns whether the socket can already be written to.
@@ -510,10 +504,10 @@ int wwanmd_in_reset(int card) {
     if (!markerPresent(resetMarker, card)) return 0;
     for (int check = 0; check < resetChecks; ++check) {
         if (!markerPresent(resetMarker, card)) {
-            sleepUs(usPerSecond);
+            vx::sleepUs(usPerSecond);
             return 0;
         }
-        sleepUs(usPerSecond);
+        vx::sleepUs(usPerSecond);
     }
     return 1;
 }

@@ -34,8 +34,9 @@ VXUTILS_API int card2family(const char *module);
 /**
  * Asks the provider data base ("/usr/bin/pdb") for the provider of a network. Blocks until that tool is done.
  *
- * The text becomes part of a command: it may hold letters, digits, blanks, dots, dashes, underscores and plus signs.
- * Any other text is not passed on and counts as a network without a known provider.
+ * The text becomes part of a command: it may hold letters, digits, blanks, dots, dashes, underscores and plus signs,
+ * and no word of it may begin with a dash, which would make it an option of the tool. Any other text is not passed on
+ * and counts as a network without a known provider.
  *
  * @param network  the network; NULL and the empty text give NULL
  * @return the provider's name, at most 63 characters in a static buffer, valid until the next call; empty when none is

@@ -13,9 +13,9 @@
  *
  * A child is forked: the caller's descriptors from 3 on are closed in it, its directory is "/", its file mode mask 022,
  * its environment, signal mask and ignored signals are the caller's. Between fork and exec only async-signal-safe calls
- * are made, so that programs with threads may call these functions from any of them. The wait for a child is not
- * repeated when a signal handler interrupts it; a caller that ignores SIGCHLD, or waits for any child elsewhere, loses
- * the exit code. Messages go to the system log with fixed priorities.
+ * are made, so that programs with threads may call these functions from any of them. Signals neither end the wait for a
+ * child nor cut its output; a caller that ignores SIGCHLD, or waits for any child elsewhere, loses the exit code.
+ * Messages go to the system log with fixed priorities.
  */
 #ifndef VXUTILS_COMMAND_H
 #define VXUTILS_COMMAND_H
@@ -32,7 +32,9 @@ VXUTILS_BEGIN_DECLS
  * streams on /dev/null, no child of the caller. Any other mode waits, and the program starts without open descriptors.
  *
  * Detached starts from one working directory happen one at a time, whatever the process: one that finds another under
- * way tries again 10 times, 100 ms apart (LOG_INFO each time), and then gives up with -1.
+ * way tries again 10 times, 100 ms apart (LOG_INFO each time), and then gives up with -1. Their token is a System V
+ * shared-memory segment. One that another user than root and the caller's effective user made, or whose maker has
+ * ended, does not count: a caller that may do so removes it (LOG_INFO) and goes on.
  *
  * A program that cannot be started ends with errno as its exit code. When no process can be forked ("fork failed",
  * LOG_ERR) the calling process itself becomes the program: the call does not return.
@@ -63,8 +65,9 @@ VXUTILS_API int run_command(const char *command, int background);
  * @param out     receives the output, at most @p size - 2 characters, terminated; a NUL byte hides the rest of its line
  * @param size    size of @p out in bytes
  * @return number of characters of the lines stored, the one that was cut counted whole, later ones not (pieces of 1022
- *         characters count as lines). -1 when the exit code is not 0, when the command could not be run, and for a NULL
- *         or empty @p command, a NULL @p out or a @p size of 0. A command ended by a signal counts as successful.
+ *         characters count as lines). -1 when the exit code is not 0, when the command could not be run or its output
+ *         not be read to the end, and for a NULL or empty @p command, a NULL @p out or a @p size of 0. A command ended
+ *         by a signal counts as successful.
  */
 VXUTILS_API int eval_command(const char *command, char *out, size_t size);
 

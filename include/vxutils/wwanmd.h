@@ -33,8 +33,8 @@
  * next command was sent.
  *
  * **Whose answers count.** Those of the process that listens at "/var/run/wwanmdN/server" when the connection is made;
- * nobody else can send on it. The directory must be writable by trusted users only, and so must "/tmp/status/wwanmd",
- * whose markers keep a card from being used.
+ * no other process can send on it. The directory must be writable by trusted users only, and so must
+ * "/tmp/status/wwanmd", whose markers keep a card from being used.
  *
  * **Waiting.** All calls block their thread. With T the message's time-out (5 to 300 s), the longest times are
  * - wwanmd_in_reset(): 5 s, and only while the reset marker is there;

@@ -1,4 +1,6 @@
 // SPDX-License-Identifier: MIT
+#include <sys/ipc.h>
+#include <sys/shm.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -15,7 +17,7 @@ using namespace std::chrono_literals;
 
 namespace {
 
-// The wait for a child is not repeated after a signal: documented, and the child is the caller's then.
+// A wait that fails leaves the child to the caller.
 void reap() {
     while (::waitpid(-1, nullptr, 0) > 0) continue;
 }
@@ -35,14 +37,22 @@ void foreground(Run &run) {
 void output(Run &run) {
     char text[64];
     const int size = run([&] { return eval_command("echo one; echo two", text, sizeof text); });
-    run.outcome("eval_command", size == 8 && std::string(text) == "one\ntwo\n",
-                size < 8);  // a read that fails ends the output
+    run.outcome("eval_command", size == 8 && std::string(text) == "one\ntwo\n", size == -1);
 }
 
 void background(Run &run) {
     const int pid = run([] { return run_command("exit 0", 1); }, 3s);
     run.outcome("run_command in the background", pid > 0, pid == 0 || pid == -1);
     reap();
+}
+
+// The token of a process that ended is in the way of the start.
+void abandonedToken(Run &run) {
+    vxtest::inChild([] { return ::shmget(::ftok(".", 52), sizeof(int), IPC_CREAT | 0600) == -1 ? 1 : 0; });
+    const int pid = run([] { return run_command("exit 0", 1); }, 3s);
+    run.outcome("run_command in the background", pid > 0, pid == 0 || pid == -1);
+    reap();
+    ::shmctl(::shmget(::ftok(".", 52), 0, 0), IPC_RMID, nullptr);
 }
 
 void words(Run &run) {
@@ -75,6 +85,7 @@ int main(int argc, char **argv) {
                             {{"command: foreground", foreground, watched, noFork},
                              {"command: output", output},
                              {"command: background", background, watched, noFork},
+                             {"command: abandoned token", abandonedToken, watched, noFork},
                              {"command: words", words},
                              {"command: restart", restart, watched, noFork}});
 }

@@ -29,9 +29,11 @@ REASONS = {
     "devlog_level_create": "runs when the library is loaded, before any scenario",
     "gethostbyname_r": "its result for names is tested with real hosts",
     "getpeername": "asks a socket that has just been connected",
+    "kill": "asks with signal 0; each of its answers is tested",
     "lseek": "fails on what cannot be positioned: a scenario of its own in the tests",
     "pclose": "reaps the child in any case",
-    "shmctl": "the library only removes its own segments",
+    "shmctl": "a segment that cannot be removed is one that is held, which is tested",
+    "sysconf": "the clock ticks per second are a constant",
     "syscall": "close_range; its absence is tested apart",
     "zmq_getsockopt": "reads a value",
 }

@@ -37,6 +37,9 @@ public:
         }
     }
 
+    // Whether a read error ended the lines.
+    bool failed() const { return failed_; }
+
     // What has been read from the file and not yet been handed out.
     std::span<const char> unread() const { return {bytes_.data() + begin_, end_ - begin_}; }
 
@@ -54,12 +57,14 @@ private:
         begin_ = 0;
         const ssize_t got = retryEintr([&] { return ::read(fd, bytes_.data() + end_, room - end_); });
         if (got > 0) end_ += static_cast<size_t>(got);
+        if (got < 0) failed_ = true;
         return got;
     }
 
     static constexpr size_t room = 16384;  // lines are shorter by far
     size_t begin_ = 0;
     size_t end_ = 0;
+    bool failed_ = false;
     std::array<char, room + 1> bytes_;
 };
 

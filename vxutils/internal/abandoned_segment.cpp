@@ -1,0 +1,106 @@
+// SPDX-License-Identifier: MIT
+#include "vxutils/internal/abandoned_segment.h"
+
+#include <fcntl.h>
+#include <sys/ipc.h>
+#include <sys/shm.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+#include <optional>
+
+#include "vxutils/internal/errno_keeper.h"
+#include "vxutils/internal/fd.h"
+#include "vxutils/internal/line_buffer.h"
+#include "vxutils/internal/log.h"
+#include "vxutils/internal/retry.h"
+#include "vxutils/internal/safe_open.h"
+
+namespace vx {
+namespace {
+
+constexpr const char *segmentTable = "/proc/sysvipc/shm";
+constexpr size_t longestLine = 512;
+
+struct Segment {
+    int id;
+    pid_t makerPid;  // 0 when it belongs to another PID namespace
+    uid_t makerUser;
+    long long made_s;  // wall-clock time
+};
+
+// From the kernel's table, which shows the segments of other users, too.
+std::optional<Segment> findSegment(key_t key) {
+    const Fd table(retryEintr([] { return ::open(segmentTable, O_RDONLY | O_CLOEXEC); }));
+    LineBuffer lines;
+    for (auto line = lines.next(table.get(), longestLine); !line.empty(); line = lines.next(table.get(), longestLine)) {
+        line.back() = '\0';
+        int lineKey = 0;
+        Segment segment{};
+        constexpr const char *fields = "%d %d %*o %*u %d %*d %*u %*u %*u %u %*u %*u %*u %lld";
+        const int found = std::sscanf(line.data(), fields, &lineKey, &segment.id, &segment.makerPid, &segment.makerUser,
+                                      &segment.made_s);
+        if (found == 5 && lineKey == key) return segment;
+    }
+    return std::nullopt;
+}
+
+double seconds(clockid_t clock) {
+    timespec time{};
+    ::clock_gettime(clock, &time);
+    return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) / 1e9;
+}
+
+// What the kernel tells about a process.
+struct Status {
+    char state;
+    double age_s;
+};
+
+std::optional<Status> readStatus(pid_t pid) {
+    std::array<char, 32> path;
+    std::snprintf(path.data(), path.size(), "/proc/%d/stat", pid);
+    const Fd file(retryEintr([&] { return ::open(path.data(), O_RDONLY | O_CLOEXEC); }));
+    std::array<char, 1024> text;
+    const ssize_t got = retryEintr([&] { return ::read(file.get(), text.data(), text.size() - 1); });
+    if (got <= 0) return std::nullopt;
+    text[static_cast<size_t>(got)] = '\0';
+    const char *afterName = std::strrchr(text.data(), ')');  // the name may hold anything
+    Status status{};
+    unsigned long long startTicks = 0;
+    constexpr const char *fields = ") %c %*d %*d %*d %*d %*d %*u %*u %*u %*u %*u %*u %*u %*d %*d %*d %*d %*d %*d %llu";
+    if (afterName == nullptr || std::sscanf(afterName, fields, &status.state, &startTicks) != 2) return std::nullopt;
+    const auto ticksPerSecond = static_cast<double>(::sysconf(_SC_CLK_TCK));
+    status.age_s = seconds(CLOCK_BOOTTIME) - static_cast<double>(startTicks) / ticksPerSecond;
+    return status;
+}
+
+// A process that is younger than the segment has only got the number of its maker.
+bool hasEnded(const Segment &segment) {
+    if (segment.makerPid <= 0) return false;
+    const std::optional<Status> status = readStatus(segment.makerPid);
+    if (!status) return ::kill(segment.makerPid, 0) == -1 && errno == ESRCH;
+    if (status->state == 'Z' || status->state == 'X') return true;
+    constexpr double coarseness_s = 2;  // the segment's time is in whole seconds
+    const double segmentAge_s = seconds(CLOCK_REALTIME) - static_cast<double>(segment.made_s);
+    return status->age_s + coarseness_s < segmentAge_s;
+}
+
+}  // namespace
+
+bool removeAbandonedSegment(key_t key) noexcept {
+    const ErrnoKeeper keeper;
+    const std::optional<Segment> segment = findSegment(key);
+    if (!segment || (isTrustedUser(segment->makerUser) && !hasEnded(*segment))) return false;
+    if (::shmctl(segment->id, IPC_RMID, nullptr) == -1) return errno == EINVAL || errno == EIDRM;
+    log(LOG_INFO, "Shared memory of process %d, user %u removed", segment->makerPid,
+        static_cast<unsigned int>(segment->makerUser));
+    return true;
+}
+
+}  // namespace vx
