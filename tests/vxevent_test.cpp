@@ -25,6 +25,7 @@
 
 #include "support/descriptor_limit.h"
 #include "support/files.h"
+#include "support/interruptions.h"
 #include "support/process.h"
 #include "support/resources.h"
 #include "support/syslog_capture.h"
@@ -162,6 +163,13 @@ protected:
             all.append(piece.data(), static_cast<size_t>(got));
         }
     }
+    // Fills the FIFO with whole records; how many fit depends on how the kernel packs them. Returns their bytes.
+    size_t fill() const {
+        size_t sent = 0;
+        while (::write(fifo, bytes(0, 0, "filler").data(), 136) == 136) sent += 136;
+        EXPECT_GE(sent, static_cast<size_t>(::fcntl(fifo, F_GETPIPE_SZ)) / 2);
+        return sent;
+    }
     static std::string bytes(uint32_t id, uint32_t param, const std::string &text) {
         std::string record;
         record.append(reinterpret_cast<const char *>(&id), 4);
@@ -233,13 +241,9 @@ TEST_F(Vxevent, WithoutAReaderItNeitherBlocksNorRaisesSigpipe) {
     EXPECT_EQ(drain(), "");  // what nobody held open is gone
 }
 
-TEST_F(Vxevent, AFullFifoIsWaitedFor) {
+TEST_F(Vxevent, AFullFifoIsWaitedForUntilItIsRead) {
     makeFifo();
-    const int capacity = ::fcntl(fifo, F_GETPIPE_SZ);
-    int sent = 0;
-    // Whole records only: how many fit depends on how the kernel packs them.
-    while (::write(fifo, bytes(0, 0, "filler").data(), 136) == 136) ++sent;
-    ASSERT_GE(sent * 136, capacity / 2);
+    const size_t before = fill();
     std::atomic<bool> returned = false;
     std::thread sender([&] {
         EXPECT_EQ(vxevent(9, 9, "late"), 0);
@@ -250,33 +254,40 @@ TEST_F(Vxevent, AFullFifoIsWaitedFor) {
     std::string all = drain();
     sender.join();
     all += drain();
-    EXPECT_EQ(all.size(), static_cast<size_t>(sent + 1) * 136);
+    EXPECT_EQ(all.size(), before + 136);
     EXPECT_EQ(all.substr(all.size() - 136), bytes(9, 9, "late"));
 }
 
-TEST_F(Vxevent, ASignalWhileItWaitsIsAFailureWithoutHalfARecord) {
+TEST_F(Vxevent, AFifoThatStaysFullFailsAfterASecondWhateverTheSignals) {
     makeFifo();
-    while (::write(fifo, bytes(0, 0, "filler").data(), 136) == 136) {
+    const size_t before = fill();
+    const vxtest::Interruptions interruptions(20000);
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(vxevent(9, 9, "late"), -1);
+    EXPECT_EQ(errno, EAGAIN);
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::seconds(1));
+    EXPECT_EQ(drain().size(), before) << "no half record";
+    EXPECT_EQ(vxevent(9, 9, "later"), 0);
+    EXPECT_EQ(drain(), bytes(9, 9, "later"));
+}
+
+TEST_F(Vxevent, OnlyAFifoIsWrittenTo) {
+    const std::string secret = "/tmp/secret";
+    vxtest::writeFile(secret, std::string(200, 's'));
+    ASSERT_EQ(::link(secret.c_str(), fifoPath.c_str()), 0);
+    EXPECT_EQ(vxevent(1, 2, "x"), -1);
+    EXPECT_EQ(errno, EINVAL);
+    ::unlink(fifoPath.c_str());
+    for (const std::string &target : {secret, std::string("/tmp/other-fifo"), std::string("/tmp/none")}) {
+        ASSERT_EQ(::symlink(target.c_str(), fifoPath.c_str()), 0);
+        ::mkfifo("/tmp/other-fifo", 0600);
+        EXPECT_EQ(vxevent(1, 2, "x"), -1) << target;
+        EXPECT_EQ(errno, ELOOP) << target;
+        ::unlink(fifoPath.c_str());
     }
-    struct sigaction action {};
-    action.sa_handler = [](int) {};
-    struct sigaction old {};
-    ::sigaction(SIGUSR1, &action, &old);
-    const pid_t sender =
-        vxtest::startChild([] { return vxevent(9, 9, "interrupted") == -1 && errno == EINTR ? 0 : 1; });
-    std::atomic<bool> done = false;
-    // Repeated: the first may come before the sender waits.
-    std::thread poker([&] {
-        while (!done) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
-            ::kill(sender, SIGUSR1);
-        }
-    });
-    EXPECT_EQ(vxtest::waitChild(sender), 0);
-    done = true;
-    poker.join();
-    ::sigaction(SIGUSR1, &old, nullptr);
-    EXPECT_EQ(drain().size() % 136, 0U);
+    EXPECT_EQ(vxtest::readFile(secret), std::string(200, 's'));
+    EXPECT_FALSE(vxtest::exists("/tmp/none"));
+    ::unlink("/tmp/other-fifo");
 }
 
 TEST_F(Vxevent, RecordsOfManyProcessesNeverMix) {

@@ -1,12 +1,15 @@
 // SPDX-License-Identifier: MIT
 #include <fcntl.h>
 #include <limits.h>
+#include <poll.h>
+#include <sys/stat.h>
 #include <unistd.h>
 #include <vxutils/strutil.h>
 #include <vxutils/vxevent.h>
 #include <zmq.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstddef>
 #include <cstdlib>
 #include <memory>
@@ -26,7 +29,34 @@ static_assert(sizeof(vxevent_record) == 136 && offsetof(vxevent_record, param) =
               offsetof(vxevent_record, text) == 8);
 static_assert(sizeof(vxevent_record) <= PIPE_BUF, "records of several writers must not mix");
 
+using Clock = std::chrono::steady_clock;
 using ZmqSocket = std::unique_ptr<void, vx::Release<&zmq_close>>;
+
+// The event manager may be late; while it hangs, those who raise events must go on.
+constexpr auto longestWait = std::chrono::seconds(1);
+
+// For reading too: opening only to write fails without a reader, and writing without one would raise SIGPIPE. Neither
+// the open nor a write waits, and nothing but a FIFO is written to: a link would lead into another file.
+vx::Fd openEventFifo() {
+    vx::Fd fifo(::open(eventFifo, O_RDWR | O_NONBLOCK | O_NOFOLLOW | O_NOCTTY | O_CLOEXEC));
+    struct stat status {};
+    if (!fifo.valid() || ::fstat(fifo.get(), &status) == -1) return vx::Fd();
+    if (S_ISFIFO(status.st_mode)) return fifo;
+    errno = EINVAL;
+    return vx::Fd();
+}
+
+bool put(int fifo, const vxevent_record &record) {
+    const auto deadline = Clock::now() + longestWait;
+    while (::write(fifo, &record, sizeof record) != static_cast<ssize_t>(sizeof record)) {
+        if (errno != EAGAIN) return false;
+        const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
+        if (left.count() <= 0) return false;
+        pollfd room{fifo, POLLOUT, 0};
+        if (::poll(&room, 1, static_cast<int>(left.count())) == -1 && errno != EINTR) return false;
+    }
+    return true;
+}
 
 void freeRecord(void *record, void *) { std::free(record); }
 
@@ -41,10 +71,9 @@ int vxevent(unsigned int id, unsigned int param, const char *text) {
     record.param = param;
     if (text != nullptr) strlcpy(record.text, text, sizeof record.text);
 
-    // For reading too: opening only to write would wait for a reader, and writing without one would raise SIGPIPE.
-    const vx::Fd fifo(::open(eventFifo, O_RDWR | O_CLOEXEC));
+    const vx::Fd fifo = openEventFifo();
     if (!fifo.valid()) return -1;
-    return ::write(fifo.get(), &record, sizeof record) == static_cast<ssize_t>(sizeof record) ? 0 : -1;
+    return put(fifo.get(), record) ? 0 : -1;
 }
 
 void *create_legacy_source_with_addr(void *zmq_context, const char *endpoint) {

@@ -46,10 +46,11 @@ extern VXUTILS_API devlog_level *DL_MQCONTENTS;
  * @param param its parameter
  * @param text cut after 127 bytes; null means none
  * @return 0 when the record is in the FIFO; -1 when there is no FIFO (none is made) or it could not be written, errno
- *         saying why
+ *         saying why: EAGAIN when it stays full, ELOOP for a link and EINVAL for another file in its place
  *
- * Records of different callers never mix. Blocks while the FIFO is full, that is while an event manager holds it open
- * and does not read. A record that nobody holds the FIFO open for is lost, with result 0.
+ * Records of different callers never mix. Blocks for at most 1 s, and only while the FIFO is full: when some 480
+ * records wait for an event manager that does not read. A record is lost, with result 0, when no process has the FIFO
+ * open.
  */
 VXUTILS_API int vxevent(unsigned int id, unsigned int param, const char *text);
 
