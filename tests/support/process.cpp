@@ -103,7 +103,9 @@ std::string Process::readLine(int timeout_ms) {
         const auto left =
             std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
         pollfd waiting{out_, POLLIN, 0};
-        if (left.count() <= 0 || ::poll(&waiting, 1, static_cast<int>(left.count())) <= 0) {
+        const int ready = left.count() <= 0 ? 0 : ::poll(&waiting, 1, static_cast<int>(left.count()));
+        if (ready == -1 && errno == EINTR) continue;
+        if (ready <= 0) {
             throw std::runtime_error("no line from the process; so far: " + buffered_);
         }
         std::array<char, 4096> piece;
