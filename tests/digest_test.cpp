@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
 // MD5, SHA-1 and HMAC: the published vectors, every way to cut a message, and what derived classes may rely on.
+#include <pthread.h>
 #include <sys/mman.h>
 #include <vxutils/digest.h>
 
@@ -738,6 +739,111 @@ TEST(DigestExample, ChecksAMessageAndRefusesAForgedOne) {
     const auto made = vxtest::run({vxtest::built("examples/digest_check"), "Jefe", "what do ya want for nothing?"});
     EXPECT_EQ(made.text, "effcdf6ae5eb2fa2d27416d5\n");
     EXPECT_EQ(vxtest::run({vxtest::built("examples/digest_check")}).status, 2);
+}
+
+// ---- what is left of a key
+
+// Memory that one thread uses as its stack and that is looked through after the thread has ended.
+class Stack {
+public:
+    Stack() : memory_(::mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0)) {
+        EXPECT_NE(memory_, MAP_FAILED);
+    }
+    ~Stack() { ::munmap(memory_, size); }
+    Stack(const Stack &) = delete;
+    Stack &operator=(const Stack &) = delete;
+
+    void run(void *(*body)(void *), void *argument) {
+        pthread_attr_t attributes;
+        ::pthread_attr_init(&attributes);
+        ASSERT_EQ(::pthread_attr_setstack(&attributes, memory_, size), 0);
+        pthread_t thread{};
+        ASSERT_EQ(::pthread_create(&thread, &attributes, body, argument), 0);
+        ::pthread_join(thread, nullptr);
+        ::pthread_attr_destroy(&attributes);
+    }
+
+    // What the thread has used of it.
+    __attribute__((no_sanitize_address)) Bytes contents() const {
+        const volatile auto *bytes = static_cast<const volatile unsigned char *>(memory_);
+        size_t begin = 0;
+        while (begin < size && bytes[begin] == 0) ++begin;
+        Bytes copy(size - begin);
+        for (size_t i = begin; i < size; ++i) copy[i - begin] = bytes[i];
+        return copy;
+    }
+
+private:
+    static constexpr size_t size = 256 * 1024;
+    void *memory_;
+};
+
+template <typename Context>
+struct KeyUse {
+    Bytes key;
+    bool truncated;
+    alignas(Context) unsigned char inner[sizeof(Context)];
+    alignas(HmacContext) unsigned char hmac[sizeof(HmacContext)];
+    unsigned char out[64];
+
+    // One message under the key, with contexts that are destroyed but whose memory is not used again.
+    static void *run(void *argument) {
+        auto &use = *static_cast<KeyUse *>(argument);
+        auto *inner = new (use.inner) Context;
+        auto *hmac = new (use.hmac) HmacContext(inner);
+        hmac->initialize(use.key.data(), use.key.size(), use.truncated ? 12 : 0);
+        hmac->hash(reinterpret_cast<const unsigned char *>("message"), 7);
+        hmac->getHash(use.out);
+        hmac->~HmacContext();
+        inner->~Context();
+        return nullptr;
+    }
+};
+
+bool holdsAPieceOf(const Bytes &memory, Bytes secret, unsigned char pad) {
+    constexpr size_t piece = 8;
+    for (unsigned char &byte : secret) byte ^= pad;
+    for (size_t at = 0; at + piece <= secret.size(); ++at) {
+        if (::memmem(memory.data(), memory.size(), &secret[at], piece) != nullptr) return true;
+    }
+    return false;
+}
+
+template <typename Context>
+void expectNothingLeft(size_t keyLength, bool truncated) {
+    auto use = std::make_unique<KeyUse<Context>>();
+    use->truncated = truncated;
+    for (size_t i = 0; i < keyLength; ++i) use->key.push_back(static_cast<unsigned char>(0x51 + i * 89 + i / 3));
+    Bytes block = use->key;  // what is padded
+    if (keyLength > 64) {
+        Context context;
+        context.initialize(0);
+        context.hash(use->key.data(), keyLength);
+        block.assign(context.getCompleteHashLength(), 0);
+        context.getHash(block.data());
+    }
+    Stack stack;
+    stack.run(&KeyUse<Context>::run, use.get());
+    const std::pair<const char *, Bytes> places[] = {
+        {"stack", stack.contents()},
+        {"inner context", Bytes(use->inner, use->inner + sizeof use->inner)},
+        {"HMAC context", Bytes(use->hmac, use->hmac + sizeof use->hmac)},
+    };
+    for (const auto &[name, memory] : places) {
+        EXPECT_FALSE(holdsAPieceOf(memory, use->key, 0)) << name << ", key of " << keyLength;
+        EXPECT_FALSE(holdsAPieceOf(memory, block, 0)) << name << ", block of " << keyLength;
+        EXPECT_FALSE(holdsAPieceOf(memory, block, 0x36)) << name << ", inner pad of " << keyLength;
+        EXPECT_FALSE(holdsAPieceOf(memory, block, 0x5c)) << name << ", outer pad of " << keyLength;
+    }
+}
+
+TEST(HmacKey, NothingOfItIsLeftInMemory) {
+    for (const size_t length : {16U, 63U, 64U, 65U, 80U, 119U, 120U, 127U, 128U, 200U}) {
+        for (const bool truncated : {false, true}) {
+            expectNothingLeft<Md5HashContext>(length, truncated);
+            expectNothingLeft<Sha1HashContext>(length, truncated);
+        }
+    }
 }
 
 }  // namespace

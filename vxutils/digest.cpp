@@ -47,6 +47,13 @@ inline uint32_t loadWord(const unsigned char *from) {
 
 inline void storeWord(unsigned char *to, uint32_t word) { std::memcpy(to, &word, sizeof word); }
 
+// Overwrites what may be a part of a key and is not read any more.
+template <typename T, size_t size>
+inline void wipe(T (&memory)[size]) {
+    std::memset(memory, 0, sizeof memory);
+    asm("" : : "r"(memory) : "memory");  // or the compiler leaves it out
+}
+
 // What both digests do with a message: count its bits and cut it into blocks.
 
 void addBits(uint32_t &low, uint32_t &high, unsigned long bytes) {
@@ -81,9 +88,10 @@ constexpr unsigned char kPadding[kBlock] = {0x80};
 size_t paddingLength(size_t buffered) { return (buffered < kCountAt ? kCountAt : kBlock + kCountAt) - buffered; }
 
 // Takes the end of a message: what is buffered, the padding, the two words of the bit count.  It is one block or two;
-// their parts are copied at full length, since copies of a fixed length are the quickest.
+// their parts are copied at full length, since copies of a fixed length are the quickest.  Of the message nothing
+// stays: it may be a key.
 template <auto transform, typename State>
-void takeEnd(State &state, const unsigned char (&buffer)[kBlock], size_t buffered, uint32_t first, uint32_t second) {
+void takeEnd(State &state, unsigned char (&buffer)[kBlock], size_t buffered, uint32_t first, uint32_t second) {
     unsigned char end[2 * kBlock];
     std::memcpy(end, buffer, kBlock);
     std::memcpy(end + buffered, kPadding, kBlock);
@@ -91,6 +99,8 @@ void takeEnd(State &state, const unsigned char (&buffer)[kBlock], size_t buffere
     storeWord(end + countAt, first);
     storeWord(end + countAt + 4, second);
     transform(state, end, (countAt + kCountSize) / kBlock);
+    wipe(end);
+    wipe(buffer);
 }
 
 // The same two words as bytes.
@@ -202,25 +212,27 @@ template <size_t i>
 }
 
 template <size_t... i>
-[[gnu::always_inline]] inline void sha1Steps(uint32_t (&words)[5], const unsigned char *block,
+[[gnu::always_inline]] inline void sha1Steps(uint32_t (&words)[5], uint32_t (&schedule)[16], const unsigned char *block,
                                              std::index_sequence<i...>) {
-    uint32_t schedule[16];
     (sha1Step<i>(words, schedule, block), ...);
 }
 
 // Compresses one 64-byte block into the state.
-[[gnu::always_inline]] inline void sha1Transform(uint32_t (&state)[5], const unsigned char *block) {
+[[gnu::always_inline]] inline void sha1Transform(uint32_t (&state)[5], uint32_t (&schedule)[16],
+                                                 const unsigned char *block) {
     uint32_t words[5] = {state[0], state[1], state[2], state[3], state[4]};
-    sha1Steps(words, block, std::make_index_sequence<80>());
+    sha1Steps(words, schedule, block, std::make_index_sequence<80>());
     for (size_t i = 0; i < 5; ++i) state[i] += words[i];
 }
 
 void sha1TransformAll(uint32_t (&state)[5], const unsigned char *blocks, size_t count) {
+    uint32_t schedule[16];  // the whole block can be computed from it
     do {
-        sha1Transform(state, blocks);
+        sha1Transform(state, schedule, blocks);
         blocks += kBlock;
         asm("" ::: "memory");  // the state stays in its place between blocks instead of in a copy on the stack
     } while (--count > 0);
+    wipe(schedule);
 }
 
 // The length that getHash() is to write: what is asked for, where there is so much.
@@ -285,7 +297,8 @@ void Md5HashContext::finish() {
     if (isDerived(*this)) {
         const auto count = countBytes(first, second);
         hash(kPadding, padding);
-        return hash(count.data(), count.size());
+        hash(count.data(), count.size());
+        return wipe(buffer_);
     }
     addBits(countLow_, countHigh_, padding + kCountSize);
     takeEnd<md5TransformAll>(state_, buffer_, buffered, first, second);
@@ -343,7 +356,8 @@ void Sha1HashContext::finish() {
         const auto count = countBytes(first, second);
         hash(kPadding, 1);
         while (bufferedBytes(countLow_) != kCountAt) hash(kPadding + 1, 1);
-        return hash(count.data(), count.size());
+        hash(count.data(), count.size());
+        return wipe(buffer_);
     }
     addBits(countLow_, countHigh_, paddingLength(buffered) + kCountSize);
     takeEnd<sha1TransformAll>(state_, buffer_, buffered, first, second);
