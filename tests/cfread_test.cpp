@@ -28,6 +28,10 @@
 #include "support/syslog_capture.h"
 
 #ifdef __SANITIZE_ADDRESS__
+extern "C" size_t __sanitizer_get_current_allocated_bytes();
+#endif
+
+#ifdef __SANITIZE_ADDRESS__
 // Lets a test see a large allocation fail as it does without the sanitizer.
 extern "C" const char *__asan_default_options();
 extern "C" const char *__asan_default_options() {
@@ -391,6 +395,60 @@ TEST_F(CfreadInclude, AFileThatIncludesItselfEndsWhenDescriptorsRunOutWhateverTh
         ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &limit), 0);
         EXPECT_EQ(log.take(), error("cfread: unable to open /etc/vx/main.conf"));
     }
+}
+
+// Work that a few short files may cause.
+constexpr int mostIncludes = 16384;
+
+TEST_F(CfreadInclude, AsManyFilesAsOneReadMayIncludeAreRead) {
+    vxtest::writeFile("/etc/vx/one.conf", "one=1\n");
+    std::string text;
+    for (int i = 0; i < mostIncludes; ++i) text += "include one.conf\n";
+    EXPECT_EQ(value(openText(text + "end=1\n"), "end"), "1");
+    EXPECT_EQ(openText(text + "include one.conf\nend=1\n"), nullptr);
+    EXPECT_EQ(log.take(), error("cfread: unable to open /etc/vx/one.conf"));
+}
+
+TEST_F(CfreadInclude, FilesThatIncludeTheNextOneTwiceEndAtTheLimit) {
+    for (int i = 0; i < 30; ++i) {
+        const std::string next = "include " + std::to_string(i + 1) + ".conf\n";
+        vxtest::writeFile("/etc/vx/" + std::to_string(i) + ".conf", next + next);
+    }
+    vxtest::writeFile("/etc/vx/30.conf", "k=v\n");
+    int seen = 0;
+    const auto count = [](const char *, const char *, void *arg, int) { return ++*static_cast<int *>(arg) * 0; };
+    EXPECT_EQ(cfread_parse_with_callback("/etc/vx/0.conf", count, &seen, 0), -1);
+    EXPECT_LT(seen, mostIncludes);
+    EXPECT_EQ(log.take().size(), 1U);
+}
+
+TEST_F(CfreadInclude, AfterSixteenMebibytesOfIncludedTextNoFileIsOpened) {
+    const std::string comment = "#" + std::string(1022, 'c') + "\n";
+    std::string mebibyte;
+    for (int i = 0; i < 1024; ++i) mebibyte += comment;
+    vxtest::writeFile("/etc/vx/large.conf", mebibyte);
+    std::string includes;
+    for (int i = 0; i < 17; ++i) includes += "include large.conf\n";  // the last one begins with just 16 MiB read
+    EXPECT_EQ(value(openText(mebibyte + includes + mebibyte + "end=1\n"), "end"), "1");
+    EXPECT_EQ(openText(includes + "include large.conf\nend=1\n"), nullptr);
+    EXPECT_EQ(log.take(), error("cfread: unable to open /etc/vx/large.conf"));
+}
+
+TEST_F(CfreadEntry, AnEntryThatFilesReplaceOftenKeepsNoMemory) {
+#ifdef __SANITIZE_ADDRESS__
+    const auto allocated = [] { return __sanitizer_get_current_allocated_bytes(); };
+#else
+    const auto allocated = [] { return ::mallinfo2().uordblks; };
+#endif
+    const std::string filler(250, 'v');
+    std::string text;
+    for (int i = 0; i < 8000; ++i) text += "k=" + filler + std::to_string(i % 10) + "\n";
+    const size_t before = allocated();
+    const Table table = openText(text);
+    const size_t taken = allocated() - before;
+    EXPECT_EQ(value(table, "k"), filler + "9");
+    EXPECT_EQ(table->count, 1);
+    EXPECT_LT(taken, 100000U);
 }
 
 TEST_F(CfreadInclude, ANameThatGrowsWithEachIncludeEndsAtItsLimit) {

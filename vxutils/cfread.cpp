@@ -62,6 +62,8 @@ constexpr int slotStep = 64;
 constexpr uint32_t firstCells = 4 * slotStep;
 constexpr size_t firstChunk = 4000;  // each chunk is twice as large as the one before it
 constexpr size_t largestChunk = 256000;
+constexpr size_t mostIncludes = 16384;           // files included in one read
+constexpr size_t mostIncludedBytes = 16U << 20;  // read from them before no more are opened
 constexpr std::string_view includeWord = "include ";
 
 using Index = cfread_index;
@@ -270,11 +272,14 @@ cfread_entry *setEntry(cfread_table &table, std::string_view key, std::string_vi
     Index *index = privatePart(table);
     const uint32_t hash = vx::textHash(key.data(), key.size());
     EntryPtr replaced;
-    if (const int slot = findSlot(table, key.data(), hash); slot >= 0) replaced = takeOut(table, slot);
+    const int oldSlot = findSlot(table, key.data(), hash);
+    if (oldSlot >= 0) replaced = takeOut(table, oldSlot);
 
     const int slot = freeSlot(table);
     if (slot < 0) return notAdded(table, key.data());
-    if (from == From::file && index != nullptr) {
+    // The pool gives nothing back before the table goes: what replaces an entry, and may be replaced again, is kept
+    // out.
+    if (from == From::file && index != nullptr && oldSlot < 0) {
         cfread_entry *pooled = pooledEntry(*index, key, value);
         if (pooled != nullptr) {
             putInto(table, slot, pooled, hash);
@@ -373,6 +378,7 @@ public:
         if (!enter(file, nullptr)) return -1;
         while (source_ != nullptr) {
             const std::span<char> line = lines_.next(source_->fd.get(), lineMax);
+            if (source_->parent != nullptr) includedBytes_ += line.size();
             if (line.empty()) {
                 leave();
             } else if (!handleLine(line)) {
@@ -456,6 +462,8 @@ private:
         }
         vx::MallocText path = pathOf(name);
         if (path == nullptr) return cannotOpen(name);
+        // A few short files that include each other twice would otherwise keep the reader busy for ever.
+        if (++includes_ > mostIncludes || includedBytes_ > mostIncludedBytes) return cannotOpen(path.get());
         const char *opened = path.get();
         return enter(opened, std::move(path));
     }
@@ -520,6 +528,8 @@ private:
 
     cfread_table &table_;
     Source *source_ = nullptr;
+    size_t includes_ = 0;
+    uint64_t includedBytes_ = 0;
     vx::LineBuffer lines_;  // of the current file
 };
 

@@ -14,7 +14,8 @@
  * - "include NAME", beginning in the first column: the file is read in place. White space around the name is dropped. A
  *   name that begins with "/" may have 511 characters; any other is taken in the directory of the file that holds the
  *   line and may have 510. A longer name fails as a file that cannot be opened. Files nest as deep as descriptors last;
- *   one that includes itself fails when they run out.
+ *   one that includes itself fails when they run out. One read opens at most 16384 included files, and none any more
+ *   when it has read more than 16 MiB from them: the next one fails as a file that cannot be opened.
  * - a comment, beginning with "#" in the first column.
  * - an entry. Before the first "=" blanks vanish wherever they stand (tabs do not), the rest is the key; blanks right
  *   after that "=" are skipped, all that follows is the value, further "=" and blanks included. Bytes above 127 are
