@@ -1,11 +1,13 @@
 // SPDX-License-Identifier: MIT
 // ConfigReader: the file's syntax, the questions, the order of its virtual operations.
 #include <vxutils/configreader.h>
+#include <vxutils/hashtable.h>
 #include <vxutils/numconv.h>
 
 #include <climits>
 #include <cstring>
 #include <filesystem>
+#include <future>
 #include <new>
 #include <string>
 #include <thread>
@@ -17,6 +19,14 @@
 #include "support/syslog_capture.h"
 
 namespace {
+
+// The reader's table, which nothing else shows: access rights do not count in an explicit instantiation.
+INStringHashTable *tableOf(const ConfigReader &reader);
+template <INStringHashTable *ConfigReader::*table>
+struct Opened {
+    friend INStringHashTable *tableOf(const ConfigReader &reader) { return reader.*table; }
+};
+template struct Opened<&ConfigReader::table_>;
 
 static_assert(sizeof(ConfigReader) == 2 * sizeof(void *), "the virtual table's pointer and the table's");
 
@@ -269,6 +279,105 @@ TEST_F(ConfigReaderLookup, SeveralThreadsMayAskAtOnce) {
         });
     }
     for (std::thread &thread : threads) thread.join();
+}
+
+TEST_F(ConfigReaderLookup, SeveralThreadsMayCopyTheSameValue) {
+    reading("k=a value\nempty=\n");
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t) {
+        threads.emplace_back([this] {
+            const String none("none");
+            const String key("k");
+            const String empty("empty");
+            std::vector<String> copies;
+            for (int i = 0; i < 2000; ++i) {
+                copies.push_back(reader.getValue(key, none));
+                copies.push_back(reader.getIndexedValue("k%.0lu", 0, none));
+                copies.push_back(reader.getValue(empty, none));
+                if (i % 16 == 0) copies.clear();
+            }
+            for (size_t i = 0; i < copies.size(); i += 3) {
+                EXPECT_STREQ(copies[i].c_str(), "a value");
+                EXPECT_STREQ(copies[i + 2].c_str(), "");
+            }
+        });
+    }
+    for (std::thread &thread : threads) thread.join();
+    EXPECT_EQ(value("k"), "a value");
+}
+
+TEST_F(ConfigReaderLookup, EachThreadGetsAStringOfItsOwn) {
+    reading("k=v\nempty=\n");
+    const String added("w");
+    EXPECT_TRUE(reader.add("added", added));
+    const String none("none");
+    const auto texts = [&] {
+        return std::vector<const char *>{reader.getValue("k", none).c_str(), reader.getValue("empty", none).c_str(),
+                                         reader.getValue("added", none).c_str()};
+    };
+    const auto here = texts();
+    EXPECT_EQ(texts(), here);
+    EXPECT_NE(here[2], added.c_str());
+    std::vector<const char *> there;
+    std::thread([&] { there = texts(); }).join();
+    for (size_t i = 0; i < here.size(); ++i) {
+        EXPECT_NE(there[i], here[i]) << i;
+        EXPECT_STREQ(there[i], here[i]);
+    }
+    EXPECT_NE(here[1], String().c_str());
+}
+
+TEST_F(ConfigReaderLookup, CopiesOfOtherThreadsOutliveTheReader) {
+    reading("k=kept\nother=too\n");
+    std::promise<void> copied;
+    std::promise<void> changed;
+    std::thread thread([&] {
+        const String none("none");
+        std::vector<String> copies(100, reader.getValue("k", none));
+        copied.set_value();
+        while (copies.size() > 1) copies.pop_back();  // while the reader gives up its own
+        changed.get_future().wait();
+        EXPECT_STREQ(reader.getValue("k", none).c_str(), "new");
+        EXPECT_STREQ(copies[0].c_str(), "kept");
+    });
+    copied.get_future().wait();
+    EXPECT_EQ(value("other"), "too");
+    reader.cleanup();
+    reading("k=new\n");
+    changed.set_value();
+    thread.join();
+    EXPECT_EQ(value("k"), "new");
+}
+
+// Otherwise a daemon with a thread for each connection would collect Strings.
+TEST_F(ConfigReaderLookup, AThreadTakesOverTheStringsOfOneThatHasEnded) {
+    reading("k=v\n");
+    const char *first = nullptr;
+    for (int i = 0; i < 50; ++i) {
+        const char *text = nullptr;
+        std::thread([&] { text = reader.getValue("k", "none").c_str(); }).join();
+        if (first == nullptr) first = text;
+        EXPECT_EQ(text, first);
+    }
+}
+
+TEST_F(ConfigReaderLookup, KeysOfAFileCannotBeMadeToShareABucket) {
+    constexpr unsigned long count = 16384;
+    std::string text;
+    std::vector<std::string> keys;
+    for (unsigned long i = 0; i < count; ++i) {
+        const std::string half = std::to_string(10000000 + i);
+        keys.push_back(half + half);  // each of them has the public hash 0
+        text += keys.back() + "=" + half + "\n";
+    }
+    INStringHashTable ordinary(16);
+    for (unsigned long i = 0; i < 100; ++i) ordinary.addEntry(keys[i].c_str(), nullptr);
+    ASSERT_EQ(ordinary.getLongestChain(), 100U);
+
+    EXPECT_EQ(reading(text, count), "");
+    EXPECT_EQ(tableOf(reader)->getNumberOfKeys(), count);
+    EXPECT_LT(tableOf(reader)->getLongestChain(), 32U);
+    for (unsigned long i = 0; i < count; i += 97) EXPECT_EQ(value(keys[i].c_str()), std::to_string(10000000 + i));
 }
 
 TEST_F(ConfigReaderTest, AddKeepsTheFirstValueAndPrintsTheDuplicate) {

@@ -9,9 +9,11 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <map>
 #include <new>
 #include <random>
+#include <set>
 #include <string>
 #include <type_traits>
 #include <utility>
@@ -19,6 +21,7 @@
 
 #include "support/emulation.h"
 #include "support/process.h"
+#include "vxutils/internal/text_hash.h"
 
 // The sanitizer's allocator refuses large blocks, as a machine without memory does.
 extern "C" const char *__asan_default_options() { return "allocator_may_return_null=1:max_allocation_size_mb=64"; }
@@ -533,6 +536,81 @@ TEST(HashTableExample, CountsWords) {
     program.closeInput();
     EXPECT_EQ(program.readAll(), "3 different words\nup: 3\ndown: 1\nleft: 0\n");
     EXPECT_EQ(program.wait(), 0);
+}
+
+// ---- the hash of the library's private tables, vxutils/internal/text_hash.h
+
+TEST(TextHash, ATextHasOneHashWhereverItStands) {
+    char buffer[600];
+    for (size_t length = 0; length < 560; ++length) {
+        std::string text;
+        for (size_t i = 0; i < length; ++i) text += static_cast<char>('a' + i * 7 % 53);
+        const uint32_t hash = vx::textHash(text.data(), length);
+        for (const size_t offset : {1U, 2U, 5U, 8U}) {
+            std::memcpy(buffer + offset, text.data(), length);
+            buffer[offset + length] = static_cast<char>(offset);
+            EXPECT_EQ(vx::textHash(buffer + offset, length), hash) << length;
+        }
+    }
+}
+
+TEST(TextHash, EveryByteAndTheLengthCount) {
+    for (const size_t length : {0U, 1U, 2U, 3U, 4U, 5U, 7U, 8U, 9U, 15U, 16U, 17U, 247U, 248U, 249U, 256U, 500U}) {
+        std::string text(length, 'k');
+        std::set<uint32_t> hashes{vx::textHash(text.data(), length), vx::textHash((text + 'k').data(), length + 1)};
+        for (size_t i = 0; i < length; ++i) {
+            text[i] ^= static_cast<char>(0x80);
+            hashes.insert(vx::textHash(text.data(), length));
+            text[i] ^= static_cast<char>(0x80);
+        }
+        EXPECT_GE(hashes.size() + 2, length + 2) << length;  // two may meet by chance, once in millions of runs
+    }
+}
+
+// What collides differs from process to process.
+TEST(TextHash, TheHashDependsOnASecret) {
+    const auto hashOf = [](const vx::TextHashSecret &secret, const std::string &text) {
+        return vx::textHash(text.data(), text.size(), secret);
+    };
+    const vx::TextHashSecret one;
+    const vx::TextHashSecret other;
+    EXPECT_NE(one.words, other.words);
+    EXPECT_NE(one.factor, other.factor);
+    int same = 0;
+    for (int i = 0; i < 1000; ++i) {
+        const std::string text = "interface." + std::to_string(i) + ".address";
+        if (hashOf(one, text) == hashOf(other, text)) ++same;
+    }
+    EXPECT_LT(same, 3);
+}
+
+// Keys that collide whatever the secret when a hash only multiplies and adds, and those that programs use.
+TEST(TextHash, FamiliesOfKeysAreSpread) {
+    constexpr size_t count = 16384;
+    const auto number = [](size_t i) { return std::to_string(10000000 + i); };
+    const auto flipped = [](size_t i) {
+        std::string text(15 * 16, 'k');
+        for (size_t bit = 0; bit < 15; ++bit) {
+            if ((i >> bit & 1) != 0) text[16 * bit + 7] = text[16 * bit + 11] = text[16 * bit + 15] = '\xEB';
+        }
+        return text;
+    };
+    const std::vector<std::function<std::string(size_t)>> families{
+        number,
+        [&](size_t i) { return number(i) + number(i); },
+        [&](size_t i) { return "interface." + std::to_string(i) + ".address"; },
+        [&](size_t i) { return std::string(300, 'x') + number(i); },
+        [&](size_t i) { return number(i) + std::string(300, 'x'); },
+        flipped,
+    };
+    for (size_t family = 0; family < families.size(); ++family) {
+        std::vector<int> cells(2 * count);
+        for (size_t i = 0; i < count; ++i) {
+            const std::string key = families[family](i);
+            ++cells[vx::textHash(key.data(), key.size()) % cells.size()];
+        }
+        EXPECT_LT(*std::max_element(cells.begin(), cells.end()), 16) << family;
+    }
 }
 
 }  // namespace

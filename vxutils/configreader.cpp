@@ -10,7 +10,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <memory>
 #include <new>
 #include <string_view>
 #include <utility>
@@ -20,6 +19,7 @@
 #include "vxutils/internal/line_buffer.h"
 #include "vxutils/internal/plain_text.h"
 #include "vxutils/internal/retry.h"
+#include "vxutils/internal/thread_number.h"
 #include "vxutils/internal/visible.h"
 
 namespace {
@@ -31,29 +31,53 @@ constexpr const char *noFileMessage = "cfg: Error in config file %s, line %ld:\n
 constexpr const char *detailMessage = "cfg:   %s\n";
 constexpr const char *duplicateMessage = "cfg: Ignoring duplicate tag:%s=%s\n";
 
-// A value as it was read. Most programs ask for few of their file's keys, and for numbers: the String is made when it
-// is asked for first, by whichever thread comes first.
+// A value as it was read. Most programs ask for few of their file's keys, and for numbers: a String is made when it is
+// asked for first. Copies of a String share its block and count themselves there with a plain integer, so each thread
+// gets a String of its own.
 class Value {
 public:
-    explicit Value(const char *text) : text_(text) {}
-    ~Value() { delete made_.load(); }
+    explicit Value(std::string_view text) : text_(text) {}
+    ~Value() {
+        for (Made *made = newest_.load(); made != nullptr;) giveUp(std::exchange(made, made->older));
+    }
     Value(const Value &) = delete;
     Value &operator=(const Value &) = delete;
 
-    const char *text() const { return text_; }
-    void set(const String &value) { made_ = new String(value); }
+    const char *text() const { return text_.data(); }
 
     const String &string() const {
-        const String *made = made_.load(std::memory_order_acquire);
-        if (made != nullptr) return *made;
-        auto fresh = std::make_unique<const String>(text_);
-        if (made_.compare_exchange_strong(made, fresh.get(), std::memory_order_acq_rel)) return *fresh.release();
-        return *made;
+        const size_t thread = vx::threadNumber();
+        Made *newest = newest_.load(std::memory_order_acquire);
+        for (const Made *made = newest; made != nullptr; made = made->older) {
+            if (made->thread == thread) return made->string;
+        }
+        auto *made = new Made(ownString(), thread, newest);
+        while (!newest_.compare_exchange_weak(made->older, made, std::memory_order_acq_rel)) {
+        }
+        return made->string;
     }
 
 private:
-    const char *text_;
-    mutable std::atomic<const String *> made_ = nullptr;
+    // Its thread may have copies when the reader goes.
+    struct Made : vx::OfOneThread {
+        Made(const String &text, size_t number, Made *next) : string(text), thread(number), older(next) {}
+        const String string;
+        const size_t thread;
+        Made *older;
+    };
+
+    static void giveUp(Made *made) { vx::OfOneThread::drop(made, made->thread); }
+
+    // Not even the empty text shares the block of all empty texts.
+    String ownString() const {
+        const auto length = static_cast<long>(text_.size());
+        String string("", length);
+        string.concat(text_.data(), length);
+        return string;
+    }
+
+    std::string_view text_;  // NUL follows
+    mutable std::atomic<Made *> newest_ = nullptr;
 };
 
 // The table with the memory of its entries and values: they come one by one and go together.
@@ -68,26 +92,26 @@ public:
     ValueTable(const ValueTable &) = delete;
     ValueTable &operator=(const ValueTable &) = delete;
 
-    const Value *find(const char *key) const {
-        void *value = nullptr;
-        return getValueFromKey(key, &value) ? static_cast<const Value *>(value) : nullptr;
+    const Value *find(std::string_view key) const {
+        const Filler::Place place = Filler::find(*this, key.data(), key.size());
+        return static_cast<const Value *>(Filler::valueAt(place));
     }
 
-    // Null, with the message, when the key is there.
-    Value *add(std::string_view key, std::string_view text) {
+    // False, with the message, when the key is there.
+    bool add(std::string_view key, std::string_view text) {
         const Filler::Place place = Filler::find(*this, key.data(), key.size());
         if (Filler::taken(place)) {
             std::printf(duplicateMessage, vx::VisibleText(key.data()).c_str(), vx::VisibleText(text.data()).c_str());
-            return nullptr;
+            return false;
         }
         const size_t entrySize = rounded(Filler::entrySize(key.size()));
         char *memory = take(entrySize + rounded(sizeof(Value) + text.size() + 1));
         char *copy = memory + entrySize + sizeof(Value);
         std::memcpy(copy, text.data(), text.size());
         copy[text.size()] = '\0';
-        auto *value = new (memory + entrySize) Value(copy);
+        auto *value = new (memory + entrySize) Value({copy, text.size()});
         Filler::put(place, key.data(), key.size(), value, memory);
-        return value;
+        return true;
     }
 
 private:
@@ -166,7 +190,7 @@ long numberOf(const char *value) {
 }
 
 String indexedKey(String const &pattern, unsigned long index) {
-    String key;
+    String key("", 0);  // its own block: several threads may be here
     key.format(pattern.c_str(), index);
     return key;
 }
@@ -217,9 +241,7 @@ long ConfigReader::getIndexedValueAsInt(String const &key, unsigned long index, 
 
 bool ConfigReader::add(String const &key, String const &value) {
     if (table_ == nullptr) return false;
-    Value *added = static_cast<ValueTable *>(table_)->add(key.c_str(), value.c_str());
-    if (added != nullptr) added->set(value);
-    return added != nullptr;
+    return static_cast<ValueTable *>(table_)->add(key.c_str(), {value.c_str(), static_cast<size_t>(value.length())});
 }
 
 bool ConfigReader::strcpystrip(char *dst, int dstSize, char *src, int n) {

@@ -9,6 +9,7 @@
 #include <new>
 
 #include "vxutils/internal/hashtable_filler.h"
+#include "vxutils/internal/text_hash.h"
 
 // The key's text stands behind the entry, in the same block: one allocation and one cache line to an entry.
 struct INStringHashTable::Entry {
@@ -84,7 +85,8 @@ bool sameText(const char *a, const char *b, size_t length) {
 // A text as it is looked for.
 struct TextKey {
     explicit TextKey(const char *key) : TextKey(key, std::strlen(key)) {}
-    TextKey(const char *key, size_t keyLength) : text(key), length(keyLength), hash(hashText(key, keyLength)) {}
+    TextKey(const char *key, size_t keyLength) : TextKey(key, keyLength, hashText(key, keyLength)) {}
+    TextKey(const char *key, size_t keyLength, uint32_t keyHash) : text(key), length(keyLength), hash(keyHash) {}
 
     template <typename Entry>
     bool matches(const Entry &entry) const {
@@ -272,10 +274,14 @@ unsigned long INStringHashTable::getLongestChain() const { return longestChain(b
 size_t vx::TextTableFiller::entrySize(size_t keyLength) { return sizeof(INStringHashTable::Entry) + keyLength + 1; }
 
 vx::TextTableFiller::Place vx::TextTableFiller::find(const INStringHashTable &table, const char *key, size_t length) {
-    const TextKey wanted(key, length);
+    const TextKey wanted(key, length, textHash(key, length));
     INStringHashTable::Entry **link = &table.buckets_[wanted.hash & table.mask_];
     while (*link != nullptr && !wanted.matches(**link)) link = &(*link)->next;
     return {link, wanted.hash};
+}
+
+void *vx::TextTableFiller::valueAt(const Place &place) {
+    return *place.link != nullptr ? (*place.link)->value : nullptr;
 }
 
 void vx::TextTableFiller::put(const Place &place, const char *key, size_t length, void *value, void *memory) {

@@ -16,7 +16,9 @@
  * Behind it stands the value, which loses them at both ends and may be empty. The first of several entries of one key
  * counts; a message on standard output names each later one. Control bytes in what messages show are escaped as \\xNN.
  *
- * A reader may be asked from several threads once initialize() has returned. Out of memory throws @c std::bad_alloc.
+ * A reader may be asked from several threads once initialize() has returned. Each thread gets a String of its own,
+ * which it may copy: as with any String, copies belong to that thread. They outlive the reader. Out of memory
+ * throws @c std::bad_alloc.
  */
 #ifndef VXUTILS_CONFIGREADER_H
 #define VXUTILS_CONFIGREADER_H
@@ -48,7 +50,10 @@ public:
     /** Forgets all values; references to them end. */
     virtual void cleanup();
 
-    /** @return the value of a key, valid until cleanup(), or @p defaultValue itself when there is none */
+    /**
+     * @return the value of a key, valid until cleanup(), or @p defaultValue itself when there is none. Another thread
+     *         may read the text, but copies are for it to make of what it has asked for itself.
+     */
     virtual String const &getValue(String const &key, String const &defaultValue) const;
 
     /**

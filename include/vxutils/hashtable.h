@@ -12,9 +12,12 @@
  * @endcode
  *
  * The number of buckets is chosen at construction and never changes: a table that is too small still works, slowly
- * (getLongestChain() shows it). The table owns its entries and key copies, never the values. A key may be stored more
- * than once; the oldest entry is found and removed first. No call blocks; a table is used by one thread at a time.
- * Running out of memory throws @c std::bad_alloc out of the constructors and addEntry(), with the table unchanged.
+ * (getLongestChain() shows it). The hash of a key is fixed and public: whoever chooses the keys can choose them so that
+ * all share a bucket, and n such keys cost n * n comparisons. Do not store keys of strangers as they come: limit their
+ * number, or put something in front of each that strangers cannot know. The table owns its entries and key copies,
+ * never the values. A key may be stored more than once; the oldest entry is found and removed first. No call blocks; a
+ * table is used by one thread at a time. Running out of memory throws @c std::bad_alloc out of the constructors and
+ * addEntry(), with the table unchanged.
  */
 #ifndef VXUTILS_HASHTABLE_H
 #define VXUTILS_HASHTABLE_H

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 // Fills a table of texts whose entries stand in memory of the filler's own, for tables that are filled once and go as a
-// whole.
+// whole. Its keys are found through find() alone: their buckets follow textHash(), which whoever writes the keys cannot
+// foresee, instead of the tables' own hash.
 #pragma once
 
 #include <vxutils/hashtable.h>
@@ -24,6 +25,9 @@ struct TextTableFiller {
 
     // Whether find() found the key: of several entries the oldest.
     static bool taken(const Place &place) { return *place.link != nullptr; }
+
+    // The entry's value, null when there is none.
+    static void *valueAt(const Place &place);
 
     // Makes the entry in `memory`, which is aligned for it, at a place that is not taken.
     static void put(const Place &place, const char *key, size_t length, void *value, void *memory);

@@ -1,0 +1,99 @@
+// SPDX-License-Identifier: MIT
+#include "vxutils/internal/thread_number.h"
+
+#include <algorithm>
+#include <atomic>
+#include <deque>
+#include <mutex>
+#include <utility>
+
+namespace vx {
+
+// What belongs to a number. Changed under the lock of all places.
+struct ThreadPlace {
+    explicit ThreadPlace(size_t itsNumber) : number(itsNumber) {}
+
+    void add(OfOneThread *object) {
+        object->next_ = dropped.load(std::memory_order_relaxed);
+        dropped.store(object, std::memory_order_relaxed);
+    }
+
+    static void destroy(OfOneThread *object) {
+        while (object != nullptr) delete std::exchange(object, object->next_);
+    }
+
+    const size_t number;
+    bool taken = false;
+    std::atomic<OfOneThread *> dropped = nullptr;  // by other threads, for this one to delete
+};
+
+namespace {
+
+// The places by number. Never destroyed: detached threads may end after static objects have gone.
+struct Places {
+    static Places &all() {
+        static auto *const places = new Places;
+        return *places;
+    }
+
+    std::mutex mutex;
+    std::deque<ThreadPlace> places;
+};
+
+thread_local const ThreadPlace *ownPlace = nullptr;
+
+class ThreadNumber {
+public:
+    ThreadNumber() {
+        Places &all = Places::all();
+        const std::lock_guard guard(all.mutex);
+        const auto free =
+            std::find_if(all.places.begin(), all.places.end(), [](const ThreadPlace &place) { return !place.taken; });
+        place_ = free != all.places.end() ? &*free : &all.places.emplace_back(all.places.size());
+        place_->taken = true;
+        ownPlace = place_;
+    }
+    ~ThreadNumber() {
+        ownPlace = nullptr;
+        deleteDropped(false);
+    }
+    ThreadNumber(const ThreadNumber &) = delete;
+    ThreadNumber &operator=(const ThreadNumber &) = delete;
+
+    size_t value() const {
+        if (place_->dropped.load(std::memory_order_relaxed) != nullptr) deleteDropped(true);
+        return place_->number;
+    }
+
+private:
+    void deleteDropped(bool staying) const {
+        Places &all = Places::all();
+        std::unique_lock guard(all.mutex);
+        OfOneThread *const dropped = place_->dropped.exchange(nullptr, std::memory_order_relaxed);
+        place_->taken = staying;
+        guard.unlock();
+        ThreadPlace::destroy(dropped);
+    }
+
+    ThreadPlace *place_ = nullptr;
+};
+
+}  // namespace
+
+size_t threadNumber() {
+    const ThreadPlace *place = ownPlace;  // all that most calls need
+    if (place != nullptr && place->dropped.load(std::memory_order_relaxed) == nullptr) return place->number;
+    static thread_local const ThreadNumber number;
+    return number.value();
+}
+
+void OfOneThread::drop(OfOneThread *object, size_t thread) {
+    Places &all = Places::all();
+    std::unique_lock guard(all.mutex);
+    ThreadPlace &place = all.places[thread];
+    if (place.taken && &place != ownPlace) return place.add(object);
+    guard.unlock();
+    delete object;
+}
+
+}  // namespace vx
