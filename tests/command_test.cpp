@@ -59,9 +59,14 @@ struct SegmentRequest {
 std::vector<SegmentRequest> segmentRequests;
 // Added to the wall-clock time that the library sees.
 std::atomic<time_t> clockStep_s = 0;
+#ifdef SYS_clock_gettime64
+constexpr long clockCall = SYS_clock_gettime64;  // this tree's time_t has 64 bits on 32-bit machines, too
+#else
+constexpr long clockCall = SYS_clock_gettime;
+#endif
 }  // namespace
 extern "C" int clock_gettime(clockid_t clock, timespec *time) noexcept {
-    const auto result = static_cast<int>(::syscall(SYS_clock_gettime, clock, time));
+    const auto result = static_cast<int>(::syscall(clockCall, clock, time));
     if (clock == CLOCK_REALTIME) time->tv_sec += clockStep_s;
     return result;
 }
