@@ -69,16 +69,21 @@ list_link *firstLink(configd_handle *handle) {
     return first == &handle->queries ? nullptr : first;
 }
 
+// `key` is shorter than a record's field.
+bool hasKey(const configd_entry &entry, std::string_view key) {
+    return std::memcmp(entry.key, key.data(), key.size()) == 0 && entry.key[key.size()] == '\0';
+}
+
 // Where the key is linked, or where it would be.
 struct Place {
     Query *found;
     Query **link;  // null for the first entry of all
 };
 
-Place findQuery(configd_handle *handle, const char *key, uint32_t hash) {
+Place findQuery(configd_handle *handle, std::string_view key, uint32_t hash) {
     Place place{reinterpret_cast<Query *>(firstLink(handle)), nullptr};
     for (uint32_t bits = hash; place.found != nullptr; bits = bits >> 2 | bits << 30) {
-        if (place.found->hash == hash && std::strcmp(place.found->entry.key, key) == 0) return place;
+        if (place.found->hash == hash && hasKey(place.found->entry, key)) return place;
         place.link = &place.found->children[bits & 3];
         place.found = *place.link;
     }
@@ -87,26 +92,24 @@ Place findQuery(configd_handle *handle, const char *key, uint32_t hash) {
 
 using Key = std::array<char, queryKeySize>;
 
-// False when the format yields nothing that can be a key.
-__attribute__((format(printf, 2, 0))) bool formatKey(Key &key, const char *format, va_list args) {
-    if (std::strchr(format, '%') == nullptr) {
-        (void)strlcpy(key.data(), format, key.size());  // most keys are plain texts, and a cached value is read often
-    } else if (std::vsnprintf(key.data(), key.size(), format, args) < 0) {
-        return false;
-    }
-    return key[0] != '\0';
+// What the format yields, cut to what fits into the room; empty when that cannot be a key. Most keys are plain texts,
+// and a cached value is read often: a format without conversions is not copied.
+__attribute__((format(printf, 2, 0))) std::string_view makeKey(Key &room, const char *format, va_list args) {
+    const std::string_view plain = format;
+    if (plain.find('%') == std::string_view::npos) return plain.substr(0, room.size() - 1);
+    if (std::vsnprintf(room.data(), room.size(), format, args) < 0) return {};
+    return room.data();
 }
 
-int addQuery(configd_handle *handle, const char *key) {
-    const size_t length = std::strlen(key);
-    const uint32_t hash = vx::textHash(key, length);
+int addQuery(configd_handle *handle, std::string_view key) {
+    const uint32_t hash = vx::textHash(key.data(), key.size());
     const Place place = findQuery(handle, key, hash);
     if (place.found != nullptr) return 0;
     if (handle->count >= CONFIGD_MAX_QUERIES) return -1;
 
     auto *query = static_cast<Query *>(zalloc(sizeof(Query)));
     if (query == nullptr) return -1;
-    std::memcpy(query->entry.key, key, length);
+    std::memcpy(query->entry.key, key.data(), key.size());
     query->hash = hash;
     if (handle->queries.next == nullptr) handle->queries = {&handle->queries, &handle->queries};
     list_add_tail(&query->entry.list, &handle->queries);
@@ -429,12 +432,12 @@ void configd_close(configd_handle *handle) {
 
 int configd_add_query(configd_handle *handle, const char *format, ...) {
     if (handle == nullptr || format == nullptr) return -1;
-    Key key;
+    Key room;
     va_list args;
     va_start(args, format);
-    const bool usable = formatKey(key, format, args);
+    const std::string_view key = makeKey(room, format, args);
     va_end(args);
-    return usable ? addQuery(handle, key.data()) : -1;
+    return key.empty() ? -1 : addQuery(handle, key);
 }
 
 const char *configd_fetch(configd_handle *handle, const char *format, ...) {
@@ -446,16 +449,16 @@ const char *configd_fetch(configd_handle *handle, const char *format, ...) {
         }
         handle->fetched = 1;
     }
-    Key key{};
+    Key room;
     va_list args;
     va_start(args, format);
-    const bool usable = formatKey(key, format, args);
+    const std::string_view key = makeKey(room, format, args);
     va_end(args);
-    if (usable) {
-        const Query *query = findQuery(handle, key.data(), vx::textHash(key.data(), std::strlen(key.data()))).found;
+    if (!key.empty()) {
+        const Query *query = findQuery(handle, key, vx::textHash(key.data(), key.size())).found;
         if (query != nullptr) return query->entry.value;
     }
-    vx::log(LOG_DEBUG, "key '%s' not found", key.data());
+    vx::log(LOG_DEBUG, "key '%.*s' not found", static_cast<int>(key.size()), key.data());
     return "";
 }
 

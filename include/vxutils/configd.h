@@ -43,13 +43,13 @@
  *   `client_path`. After a request without a prompt and proper answer, the handle's new socket is bound to a name that
  *   no socket had before, "client.PID.0xNUMBER" in the same directory, and so is each later one of the handle;
  *   `client_path` is then the file of a closed socket. The number is odd, unlike the address of a handle.
- * configd_open() avoids the addresses of such handles; after 128 of them, all new sockets of the process have such
- * names.
+ *   configd_open() avoids the addresses of such handles; after 128 of them, all new sockets of the process have such
+ *   names.
  * - Not guaranteed: a second answer to a request that was answered within 1 s is believed when it arrives while the
  * next request waits for its answer. As soon as the process has found one answer too many in a socket, each further
- * request has a name of its own, which excludes this at the price of about one more exchange per request. A process
- * that gets both the number and the handle's address of another one, which closed its handle less than the delay of an
- * answer ago. A caller of configd_send() and configd_recv() matches requests and answers itself.
+ * request has a name of its own, which excludes this at the price of about one more exchange per request. Late answers
+ * also reach a process that gets both the number and the handle's address of another one which closed its handle less
+ * than the delay of an answer ago. A caller of configd_send() and configd_recv() matches requests and answers itself.
  * - Whose answers count: only those from the daemon's socket to which the request went, which is the one at
  *   "/var/run/configd/daemon.sock" when the request is sent. The kernel refuses datagrams from any other socket (EPERM
  *   for their sender) while the client waits; what arrived before is thrown away. A daemon therefore has to answer
