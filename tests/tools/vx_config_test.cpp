@@ -100,21 +100,14 @@ TEST_F(VxConfig, ADirectoryThatTheUserMayNotWriteIsNamed) {
     EXPECT_EQ(result.err, "vx: config get: /var/run/configd: Permission denied\n");
 }
 
-TEST_F(VxConfig, ASilentDaemonIsNoAnswerAfterTenSeconds) {
-    vxtest::Configd daemon({"a=1"});
-    daemon.tell("silent");
-    const auto result = vx({"config", "get", "a"});
-    EXPECT_EQ(result.status, 1);
-    EXPECT_EQ(result.out, "");
-    EXPECT_EQ(result.err, "vx: config get: a: no answer from the configuration daemon within 10 s\n");
-}
-
-TEST_F(VxConfig, PrintsNothingWhenALaterKeyFails) {
+// One test for both, because each waits for 10 s.
+TEST_F(VxConfig, NoAnswerWithinTenSecondsIsAFailureWithoutOutput) {
     vxtest::Configd daemon({"a=1", "b=2"});
     daemon.tell("mute b");
     const auto result = vx({"-j", "config", "get", "a", "b"});
     EXPECT_EQ(result.status, 1);
     EXPECT_EQ(result.out, "");
+    EXPECT_EQ(result.err, "vx: config get: b: no answer from the configuration daemon within 10 s\n");
 }
 
 TEST_F(VxConfig, ASignalLeavesNoSocketBehind) {
@@ -123,8 +116,6 @@ TEST_F(VxConfig, ASignalLeavesNoSocketBehind) {
     for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
         vxtest::Process process(vxtest::vxCommand({"config", "get", "a"}));
         ASSERT_TRUE(vxtest::eventually([] { return leftSockets() == 1; }));
-        // The handler is in place soon after the socket is.
-        vxtest::eventually([&] { return daemon.requests() > 0; });
         process.signal(signal);
         EXPECT_EQ(process.wait(), 128 + signal);
         EXPECT_EQ(leftSockets(), 0);
@@ -235,7 +226,8 @@ TEST_F(VxConfig, ReadsAFileWithItsIncludes) {
     EXPECT_EQ(vxJson("config-list", {"config", "list", "--file", "/tmp/conf/more.conf"}),
               R"([{"key":"wan.mtu","value":"1500"},{"key":"name","value":"a=b c"}])"
               "\n");
-    EXPECT_EQ(vxJson("config-list", {"config", "list", "--file", "/dev/null"}), "[]\n");
+    vxtest::writeFile("/tmp/conf/empty.conf", "");
+    EXPECT_EQ(vxJson("config-list", {"config", "list", "--file", "/tmp/conf/empty.conf"}), "[]\n");
 }
 
 TEST_F(VxConfig, AKeyThatAFileDoesNotHaveIsAFailure) {

@@ -28,6 +28,8 @@ constexpr milliseconds longestBusy{60000};
 
 using Clock = std::chrono::steady_clock;
 
+constexpr int endingSignals[] = {SIGINT, SIGTERM, SIGHUP};
+
 // The handle's socket file, which a signal must not leave behind.
 char clientSocket[sizeof(configd_handle::client_path)];
 
@@ -37,12 +39,32 @@ void removeSocketAndEnd(int signal) {
     ::raise(signal);
 }
 
+// Keeps the signals that end a program pending.
+class SignalsHeld {
+public:
+    SignalsHeld() {
+        sigset_t held;
+        sigemptyset(&held);
+        for (const int signal : endingSignals) sigaddset(&held, signal);
+        sigprocmask(SIG_BLOCK, &held, &before_);
+    }
+    ~SignalsHeld() { sigprocmask(SIG_SETMASK, &before_, nullptr); }
+    SignalsHeld(const SignalsHeld &) = delete;
+    SignalsHeld &operator=(const SignalsHeld &) = delete;
+
+private:
+    sigset_t before_;
+};
+
 class Daemon {
 public:
-    Daemon() : handle_(configd_open()) {
+    Daemon() {
+        // The handler needs the name of the socket, which exists from configd_open() on.
+        const SignalsHeld held;
+        handle_ = configd_open();
         if (handle_ == nullptr) throw notOpened();
         std::memcpy(clientSocket, handle_->client_path, sizeof clientSocket);
-        for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
+        for (const int signal : endingSignals) {
             if (::signal(signal, removeSocketAndEnd) == SIG_IGN) ::signal(signal, SIG_IGN);
         }
     }
@@ -110,7 +132,7 @@ private:
         return {on, "no usable answer from the configuration daemon"};
     }
 
-    configd_handle *handle_;
+    configd_handle *handle_ = nullptr;
 };
 
 void checkKey(std::string_view key) {
