@@ -2,10 +2,10 @@
 // vx: the facilities of the library from the shell.
 #include <cstdio>
 #include <cstring>
-#include <exception>
 #include <new>
 
 #include "commands/commands.h"
+#include "complete.h"
 #include "core/command.h"
 #include "core/failure.h"
 #include "core/output.h"
@@ -14,33 +14,7 @@ namespace tool {
 
 namespace {
 
-constexpr const Command *commands[] = {
-    &configCommand,
-};
-
 constexpr Option versionOption[] = {{0, "version", nullptr, "print the version"}};
-
-const Command *findCommand(std::string_view name) {
-    for (const Command *command : commands) {
-        if (name == command->name) return command;
-    }
-    return nullptr;
-}
-
-const Verb *findVerb(const Command &command, std::string_view name) {
-    for (const Verb &verb : command.verbs) {
-        if (name == verb.name) return &verb;
-    }
-    return nullptr;
-}
-
-template <typename Range>
-std::string unknown(const char *kind, std::string_view word, const Range &names) {
-    const char *near = nearest(word, names);
-    std::string text = std::string("unknown ") + kind + " '" + std::string(word) + "'";
-    if (near != nullptr) text += std::string("; did you mean '") + near + "'?";
-    return text;
-}
 
 // State of one call, for its error messages.
 struct Call {
@@ -48,16 +22,6 @@ struct Call {
     const Command *command = nullptr;
     const Verb *verb = nullptr;
 };
-
-void printOverview(Output &out) {
-    out.write("usage: vx [-j] [-q] COMMAND [SUBCOMMAND] [OPTIONS] [ARGUMENTS]\n\n");
-    for (const Command *command : commands) {
-        std::string line = std::string("  ") + command->name;
-        line.append(12 - line.size(), ' ');
-        out.write(line + command->summary + "\n");
-    }
-    out.write("\nvx help COMMAND tells of a command, as vx COMMAND --help does.\n");
-}
 
 void setUp(Output &out, const Arguments &arguments) {
     out.setJson(arguments.has("json"));
@@ -67,11 +31,7 @@ void setUp(Output &out, const Arguments &arguments) {
 
 int help(const Call &call) {
     Output out;
-    if (call.command == nullptr) {
-        printOverview(out);
-    } else {
-        out.write(helpOf(*call.command, call.verb));
-    }
+    out.write(call.command == nullptr ? overview() : helpOf(*call.command, call.verb));
     out.flush();
     return statusDone;
 }
@@ -79,19 +39,15 @@ int help(const Call &call) {
 const Command &chooseCommand(const char *word) {
     if (word == nullptr) throw Usage{"COMMAND is missing"};
     const Command *command = findCommand(word);
-    if (command != nullptr) return *command;
-    std::vector<const char *> names;
-    for (const Command *one : commands) names.push_back(one->name);
-    throw Usage{unknown("command", word, names)};
+    if (command == nullptr) throw unknownCommand(word);
+    return *command;
 }
 
 const Verb &chooseVerb(const Command &command, const char *word) {
     if (word == nullptr) throw Usage{"SUBCOMMAND is missing"};
     const Verb *verb = findVerb(command, word);
-    if (verb != nullptr) return *verb;
-    std::vector<const char *> names;
-    for (const Verb &one : command.verbs) names.push_back(one.name);
-    throw Usage{unknown("subcommand", word, names)};
+    if (verb == nullptr) throw unknownVerb(command, word);
+    return *verb;
 }
 
 int perform(Call &call, int argc, char **argv) {
@@ -160,4 +116,8 @@ int run(int argc, char **argv) {
 
 }  // namespace tool
 
-int main(int argc, char **argv) { return tool::run(argc, argv); }
+int main(int argc, char **argv) {
+    // Asked for by the completions of the shells.
+    if (argc > 1 && std::strcmp(argv[1], "__complete") == 0) return tool::complete({argv + 2, argv + argc});
+    return tool::run(argc, argv);
+}

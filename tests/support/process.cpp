@@ -91,6 +91,11 @@ void Process::closeInput() {
     in_ = -1;
 }
 
+bool Process::hasOutput() const {
+    pollfd waiting{out_, POLLIN, 0};
+    return !buffered_.empty() || ::poll(&waiting, 1, 0) > 0;
+}
+
 std::string Process::readLine(int timeout_ms) {
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
     for (;;) {

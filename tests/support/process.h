@@ -30,6 +30,7 @@ public:
     void send(const std::string &text);            // to its standard input
     void closeInput();                             // end of file on its standard input
     std::string readLine(int timeout_ms = 10000);  // one line without its newline; throws when none comes
+    bool hasOutput() const;                        // whether a read would not wait
     std::string readAll();                         // everything up to the end of its output
     void signal(int number) const;
     int wait();  // exit status, 128 + signal number when a signal ended it

@@ -2,6 +2,7 @@
 #include "support/vx.h"
 
 #include <fcntl.h>
+#include <grp.h>
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <sys/prctl.h>
@@ -42,7 +43,11 @@ struct Pipe {
     ::dup2(err, 2);
     for (const auto &[name, value] : setting.environment) ::setenv(name.c_str(), value.c_str(), 1);
     if (!setting.directory.empty() && ::chdir(setting.directory.c_str()) != 0) ::_exit(126);
-    if (setting.user != 0 && ::setresuid(setting.user, setting.user, setting.user) != 0) ::_exit(126);
+    const uid_t user = setting.user;
+    if (user != 0 &&
+        (::setgroups(0, nullptr) != 0 || ::setresgid(user, user, user) != 0 || ::setresuid(user, user, user) != 0)) {
+        ::_exit(126);
+    }
     std::vector<char *> argv;
     for (const std::string &word : command) argv.push_back(const_cast<char *>(word.c_str()));
     argv.push_back(nullptr);
@@ -113,6 +118,17 @@ VxResult vxScript(const std::string &script, const VxSetting &setting) {
         std::filesystem::permissions(directory + "/vx", std::filesystem::perms(0755));
     }
     return collect({"bash", "-c", "PATH=" + directory + ":$PATH\n" + script}, setting);
+}
+
+void waitForWatch(const Process &process) {
+    const std::string directory = "/proc/" + std::to_string(process.pid()) + "/fdinfo";
+    EXPECT_TRUE(eventually([&] {
+        std::error_code ended;
+        for (const auto &entry : std::filesystem::directory_iterator(directory, ended)) {
+            if (readFile(entry.path()).find("inotify wd:") != std::string::npos) return true;
+        }
+        return false;
+    }));
 }
 
 std::string schemaErrors(const std::string &schema, const std::string &json) {

@@ -36,6 +36,9 @@ std::vector<std::string> vxCommand(const std::vector<std::string> &words);
 // Runs a shell script in which "vx" is the tool.
 VxResult vxScript(const std::string &script, const VxSetting &setting = {});
 
+// Waits until a process has an inotify watch.
+void waitForWatch(const Process &process);
+
 // What is wrong with a JSON document by the installed schema of this name ("config-get"); empty when it is valid.
 // Documents of a machine without Python are not looked at.
 std::string schemaErrors(const std::string &schema, const std::string &json);

@@ -15,6 +15,7 @@
 #include "commands/commands.h"
 #include "core/failure.h"
 #include "core/fd.h"
+#include "core/owned.h"
 
 namespace tool {
 
@@ -159,17 +160,13 @@ configd_entry entryOf(const std::string &word) {
     return entry;
 }
 
-using Table = std::unique_ptr<cfread_table, decltype(&cfread_close)>;
+using Table = Owned<cfread_table, &cfread_close>;
 
 Table openFile(const char *path) {
     if (!Fd(::open(path, O_RDONLY | O_CLOEXEC)).valid()) throw systemFailure(path);
-    Table table(cfread_open(path), &cfread_close);
+    Table table(cfread_open(path));
     if (!table) throw Failure(path, "cannot be read with all its includes; the system log has file and line");
     return table;
-}
-
-Record recordOf(std::string key, std::string value) {
-    return std::move(Record().text("key", std::move(key)).text("value", std::move(value)));
 }
 
 int get(const Arguments &arguments, Output &out) {
@@ -179,12 +176,12 @@ int get(const Arguments &arguments, Output &out) {
         for (const std::string &key : arguments.words()) {
             const cfread_entry *entry = cfread_find_entry(table.get(), key.c_str());
             if (entry == nullptr) throw Failure(key, std::string("not in ") + file);
-            values.push_back(recordOf(key, entry->value));
+            values.push_back({{"key", key}, {"value", entry->value}});
         }
     } else {
         for (const std::string &key : arguments.words()) checkKey(key);
         Daemon daemon;
-        for (const std::string &key : arguments.words()) values.push_back(recordOf(key, daemon.get(key)));
+        for (const std::string &key : arguments.words()) values.push_back({{"key", key}, {"value", daemon.get(key)}});
     }
     out.print(values, values.size() == 1 ? Plain::value : Plain::pair);
     return statusDone;
@@ -218,14 +215,25 @@ int list(const Arguments &arguments, Output &out) {
     std::vector<Record> values;
     for (int slot = 0; slot < table->size; ++slot) {
         const cfread_entry *entry = table->entries[slot];
-        if (entry != nullptr) values.push_back(recordOf(entry->key, entry->value));
+        if (entry != nullptr) values.push_back({{"key", entry->key}, {"value", entry->value}});
     }
     out.print(values, Plain::pair);
     return statusDone;
 }
 
+// Those of a file; the daemon does not list its keys.
+std::vector<std::string> keyWords(const Arguments &given) {
+    std::vector<std::string> words;
+    const char *file = given.text("file");
+    const Table table = file != nullptr ? openFile(file) : nullptr;
+    for (int slot = 0; table && slot < table->size; ++slot) {
+        if (table->entries[slot] != nullptr) words.emplace_back(table->entries[slot]->key);
+    }
+    return words;
+}
+
 constexpr Option options[] = {
-    {0, "file", "PATH", "read a configuration file and what it includes, not the daemon", Words::file},
+    {0, "file", "PATH", "read a configuration file and what it includes, not the daemon", fileWords},
 };
 constexpr Option setOptions[] = {
     {0, "no-commit", nullptr, "leave the change to a later commit"},
@@ -234,7 +242,7 @@ constexpr Option setOptions[] = {
 constexpr Option commitOptions[] = {
     {0, "wait", "SECONDS", "how long to ask again while the daemon is busy (0)"},
 };
-constexpr Argument keys[] = {{"KEY", Count::many, Words::configKey}};
+constexpr Argument keys[] = {{"KEY", Count::many, keyWords}};
 constexpr Argument changes[] = {{"KEY=VALUE", Count::many}};
 
 constexpr Verb verbs[] = {

@@ -108,6 +108,9 @@ size_t editDistance(std::string_view a, std::string_view b) {
 const std::span<const Option> globalOptions = globals;
 const std::span<const Option> followOptions = follow;
 
+std::vector<std::string> fileWords(const Arguments &) { return {":file"}; }
+std::vector<std::string> programWords(const Arguments &) { return {":program"}; }
+
 std::vector<const Option *> optionsOf(const Command *command, const Verb *verb) {
     std::vector<const Option *> all;
     append(all, globalOptions);
@@ -198,7 +201,7 @@ void CommandLine::read(std::span<const Option *const> known, bool stopAtWord) {
         const auto chosen = std::find_if(
             known.begin(), known.end(),
             [&, index = longOptionBase](const Option *one) mutable { return index++ == got || one->letter == got; });
-        arguments_.options_.emplace_back(*chosen, optarg != nullptr ? optarg : "");
+        arguments_.add(**chosen, optarg != nullptr ? optarg : "");
     }
     next_ += optind - 1;
 }
@@ -235,10 +238,10 @@ std::string helpOf(const Command &command, const Verb *verb) {
 
 const char *nearest(std::string_view word, std::span<const char *const> names) {
     const char *best = nullptr;
-    size_t bestDistance = std::max<size_t>(word.size() / 2, 1) + 1;
+    size_t bestDistance = std::max<size_t>(word.size() / 2, 2) + 1;
     for (const char *name : names) {
         const size_t distance = editDistance(word, name);
-        if (distance < bestDistance) {
+        if (distance < bestDistance && distance < word.size()) {
             best = name;
             bestDistance = distance;
         }

@@ -15,33 +15,21 @@
 
 namespace tool {
 
-// What the words of an argument can be, for completion.
-enum class Words {
-    none,
-    choice,  // those that the argument's name lists, separated by '|'
-    file,
-    program,
-    command,
-    status,
-    statusDirectory,
-    configKey,
-    sysinfo,
-    inputs,
-    outputs,
-    lines,
-    adc,
-    storage,
-    interfaces,
-    sms,
-    processes,
-};
+class Arguments;
+
+// For completion: the words that an argument can be, by what was given before it. A word that begins with ':' names
+// something that the shell knows better.
+using Words = std::vector<std::string> (*)(const Arguments &given);
+
+std::vector<std::string> fileWords(const Arguments &given);     // ":file"
+std::vector<std::string> programWords(const Arguments &given);  // ":program"
 
 struct Option {
     char letter;        // 0 when there is no short form
     const char *name;   // of the long form
     const char *value;  // what stands for its value in the usage line; null for a switch
     const char *help;
-    Words words = Words::none;
+    Words words = nullptr;
 };
 
 enum class Count { one, optional, any, many, command };  // command: what is to be run, after "--"
@@ -49,10 +37,8 @@ enum class Count { one, optional, any, many, command };  // command: what is to 
 struct Argument {
     const char *name;
     Count count;
-    Words words = Words::none;
+    Words words = nullptr;
 };
-
-class Arguments;
 
 struct Verb {
     const char *name;  // empty in a command without subcommands
@@ -95,6 +81,8 @@ public:
     size_t size() const { return words_.size(); }
     const std::string &operator[](size_t index) const { return words_.at(index); }
     int64_t wordAsNumber(size_t index, const char *name, int64_t least, int64_t most) const;
+
+    void add(const Option &option, const char *value) { options_.emplace_back(&option, value); }
 
 private:
     friend class CommandLine;

@@ -53,7 +53,7 @@ struct JsonValue {
     void operator()(std::monostate) const { json.Null(); }
     void operator()(const std::string &text) const { writeText(json, text); }
     void operator()(int64_t number) const { json.Int64(number); }
-    void operator()(Record::Real real) const {
+    void operator()(Real real) const {
         if (std::isfinite(real.value)) {
             json.Double(real.value);
         } else {
@@ -65,7 +65,7 @@ struct JsonValue {
 
 void writeRecord(Json &json, const Record &record) {
     json.StartObject();
-    for (const Record::Field &field : record.fields()) {
+    for (const Field &field : record) {
         json.Key(field.name);
         std::visit(JsonValue{json}, field.value);
     }
@@ -77,7 +77,7 @@ struct PlainValue {
     std::string operator()(std::monostate) const { return {}; }
     std::string operator()(const std::string &text) const { return escaped(text, escape); }
     std::string operator()(int64_t number) const { return std::to_string(number); }
-    std::string operator()(Record::Real real) const {
+    std::string operator()(Real real) const {
         std::array<char, 64> text;
         const int length = std::snprintf(text.data(), text.size(), "%.*f", real.decimals, real.value);
         return {text.data(), length > 0 ? static_cast<size_t>(length) : 0};
@@ -85,11 +85,38 @@ struct PlainValue {
     std::string operator()(bool flag) const { return flag ? "1" : "0"; }
 };
 
-std::string jsonOf(const Record &record) {
-    rapidjson::StringBuffer buffer;
-    Json json(buffer);
-    writeRecord(json, record);
-    return {buffer.GetString(), buffer.GetSize()};
+// Code point of a valid UTF-8 sequence of two bytes or more.
+uint32_t codePoint(std::string_view sequence) {
+    uint32_t point = static_cast<unsigned char>(sequence[0]) & (0x7FU >> sequence.size());
+    for (const char c : sequence.substr(1)) point = point << 6 | (static_cast<unsigned char>(c) & 0x3FU);
+    return point;
+}
+
+void appendUnicodeEscape(std::string &out, uint32_t unit) {
+    std::array<char, 8> text;
+    std::snprintf(text.data(), text.size(), "\\u%04X", unit);
+    out += text.data();
+}
+
+// JSON text lets the upper control characters stand, and all of UTF-8, which not every terminal is made for.
+std::string forTerminals(std::string_view json) {
+    const bool asciiOnly = onTerminal() && !localeIsUtf8();
+    std::string out;
+    out.reserve(json.size() + 1);
+    while (!json.empty()) {
+        const size_t length = std::max<size_t>(utf8Sequence(json), 1);
+        const uint32_t point = length > 1 ? codePoint(json.substr(0, length)) : static_cast<unsigned char>(json[0]);
+        if (point < 0x7F || (point >= 0xA0 && !asciiOnly)) {
+            out += json.substr(0, length);
+        } else if (point < 0x10000) {
+            appendUnicodeEscape(out, point);
+        } else {
+            appendUnicodeEscape(out, 0xD800 + ((point - 0x10000) >> 10));
+            appendUnicodeEscape(out, 0xDC00 + ((point - 0x10000) & 0x3FF));
+        }
+        json.remove_prefix(length);
+    }
+    return out += '\n';
 }
 
 void writeAll(std::string_view bytes) {
@@ -118,30 +145,38 @@ Escape Output::escape(Plain form) const {
     }
 }
 
-std::string Output::plain(const Record &record, Plain form) const {
-    const auto &fields = record.fields();
-    const PlainValue value{escape(form)};
-    const auto valueOf = [&](size_t index) { return std::visit(value, fields.at(index).value); };
+std::string Output::plain(const Record &record, Plain form, Escape escape) {
+    const PlainValue value{escape};
+    const auto valueOf = [&](size_t index) { return std::visit(value, record.at(index).value); };
     if (form == Plain::name) return valueOf(0) + '\n';
     if (form == Plain::value) return valueOf(1) + '\n';
     if (form == Plain::pair) return valueOf(0) + '=' + valueOf(1) + '\n';
-    std::string text = form == Plain::row ? valueOf(0) : std::string();
-    for (size_t i = form == Plain::row ? 1 : 0; i < fields.size(); ++i) {
-        if (form == Plain::row) text += ' ';
-        text += fields[i].name;
-        text += '=';
+    std::string text;
+    for (size_t i = 0; i < record.size(); ++i) {
+        const bool named = form == Plain::fields || (form == Plain::row && i > 0);
+        if (i > 0 && form != Plain::fields) text += ' ';
+        if (named) text += std::string(record[i].name) + '=';
         text += valueOf(i);
         if (form == Plain::fields) text += '\n';
     }
-    if (form == Plain::row) text += '\n';
+    if (form != Plain::fields) text += '\n';
     return text;
 }
 
-void Output::print(const Record &record, Plain form) { buffer_ += json_ ? jsonOf(record) + '\n' : plain(record, form); }
+void Output::print(const Record &record, Plain form) {
+    if (!json_) {
+        buffer_ += plain(record, form, escape(form));
+        return;
+    }
+    rapidjson::StringBuffer text;
+    Json json(text);
+    writeRecord(json, record);
+    buffer_ += forTerminals({text.GetString(), text.GetSize()});
+}
 
 void Output::print(const std::vector<Record> &records, Plain form) {
     if (!json_) {
-        for (const Record &record : records) buffer_ += plain(record, form);
+        for (const Record &record : records) buffer_ += plain(record, form, escape(form));
         return;
     }
     rapidjson::StringBuffer text;
@@ -149,15 +184,20 @@ void Output::print(const std::vector<Record> &records, Plain form) {
     json.StartArray();
     for (const Record &record : records) writeRecord(json, record);
     json.EndArray();
-    buffer_.append(text.GetString(), text.GetSize()) += '\n';
+    buffer_ += forTerminals({text.GetString(), text.GetSize()});
 }
 
 void Output::done() {
-    if (json_) print(Record().flag("done", true), Plain::fields);
+    if (json_) print(Record{{"done", true}}, Plain::fields);
 }
 
 void Output::event(const Record &record, Plain form) {
-    print(record, form);
+    // A value of several lines is still one event.
+    if (!json_ && form == Plain::value) {
+        buffer_ += plain(record, form, escape(Plain::pair));
+    } else {
+        print(record, form);
+    }
     flush();
 }
 

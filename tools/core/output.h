@@ -13,41 +13,28 @@
 
 namespace tool {
 
-// Named values in a fixed order. By convention the first field names the thing and the second is its value.
-class Record {
-public:
-    struct Real {
-        double value;
-        int decimals;  // of the plain form
-    };
-    using Value = std::variant<std::monostate, std::string, int64_t, Real, bool>;
-    struct Field {
-        const char *name;
-        Value value;
-    };
-
-    Record &text(const char *name, std::string value) { return add(name, std::move(value)); }
-    Record &number(const char *name, int64_t value) { return add(name, value); }
-    Record &real(const char *name, double value, int decimals) { return add(name, Real{value, decimals}); }
-    Record &flag(const char *name, bool value) { return add(name, value); }
-    Record &unknown(const char *name) { return add(name, std::monostate()); }  // null, and empty in the plain form
-
-    const std::vector<Field> &fields() const { return fields_; }
-
-private:
-    Record &add(const char *name, Value value) {
-        fields_.push_back({name, std::move(value)});
-        return *this;
-    }
-
-    std::vector<Field> fields_;
+struct Real {
+    double value;
+    int decimals;  // of the plain form
 };
+
+// Value() is one that is not known: null in JSON, and empty in the plain form.
+using Value = std::variant<std::monostate, std::string, int64_t, Real, bool>;
+
+struct Field {
+    const char *name;
+    Value value;
+};
+
+// Named values in a fixed order. By convention the first field names the thing and the second is its value.
+using Record = std::vector<Field>;
 
 // The plain form of a record.
 enum class Plain {
     name,    // its first field alone
     value,   // its second field alone
     pair,    // first=second
+    words,   // all values on one line, between blanks; the last may hold blanks itself
     row,     // the first field, then all others as key=value, on one line
     fields,  // all as key=value lines
 };
@@ -88,7 +75,7 @@ public:
 
 private:
     Escape escape(Plain form) const;
-    std::string plain(const Record &record, Plain form) const;
+    static std::string plain(const Record &record, Plain form, Escape escape);
 
     bool json_ = false;
     bool quiet_ = false;

@@ -13,8 +13,7 @@ namespace {
 constexpr int64_t mostSeconds = 10'000'000;
 constexpr size_t mostDecimals = 3;
 
-// A terminal that is not set to UTF-8 may take single bytes above 127 for control characters.
-bool localeIsUtf8() {
+bool readLocale() {
     for (const char *name : {"LC_ALL", "LC_CTYPE", "LANG"}) {
         const char *value = std::getenv(name);
         if (value == nullptr || *value == '\0') continue;
@@ -30,11 +29,10 @@ bool localeIsUtf8() {
 // Bytes of the character at the start of the text, when it may be shown on a terminal; 0 for a control character and
 // for what is not UTF-8.
 size_t shown(std::string_view text) {
-    static const bool utf8 = localeIsUtf8();
     const auto first = static_cast<unsigned char>(text[0]);
     if (first < 0x80) return first >= 0x20 && first != 0x7F ? 1 : 0;
     const bool secondControls = first == 0xC2 && text.size() > 1 && static_cast<unsigned char>(text[1]) < 0xA0;
-    return utf8 && !secondControls ? utf8Sequence(text) : 0;
+    return localeIsUtf8() && !secondControls ? utf8Sequence(text) : 0;
 }
 
 bool isKept(char c, Escape what) {
@@ -102,6 +100,12 @@ size_t utf8Sequence(std::string_view text) {
     if ((first == 0xE0 && second < 0xA0) || (first == 0xED && second >= 0xA0)) return 0;
     if ((first == 0xF0 && second < 0x90) || (first == 0xF4 && second >= 0x90)) return 0;
     return length;
+}
+
+// A terminal that is not set to UTF-8 may take single bytes above 127 for control characters.
+bool localeIsUtf8() {
+    static const bool utf8 = readLocale();
+    return utf8;
 }
 
 bool isUtf8(std::string_view text) {

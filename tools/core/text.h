@@ -21,6 +21,7 @@ std::optional<milliseconds> seconds(std::string_view text);
 // Length of the valid UTF-8 sequence at the start of the text (RFC 3629); 0 when there is none.
 size_t utf8Sequence(std::string_view text);
 bool isUtf8(std::string_view text);
+bool localeIsUtf8();
 
 enum class Escape {
     never,     // as it is

@@ -1,0 +1,117 @@
+// SPDX-License-Identifier: MIT
+// vx modem against the stand-in of the modem daemon.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <string>
+
+#include "support/files.h"
+#include "support/vx.h"
+
+namespace {
+
+using testing::HasSubstr;
+using vxtest::vx;
+using vxtest::vxJson;
+
+class Modem {
+public:
+    explicit Modem(int card) : process_({vxtest::built("gateway/wwanmd"), std::to_string(card)}) {
+        while (process_.readLine() != "ready") continue;
+    }
+    void tell(const std::string &order) {
+        process_.send(order + "\n");
+        while (process_.readLine() != "done") continue;
+    }
+
+private:
+    vxtest::Process process_;
+};
+
+class VxModem : public testing::Test {
+protected:
+    VxModem() {
+        std::filesystem::remove_all("/tmp/status/wwanmd");
+        for (const char *card : {"0", "3"}) {
+            std::filesystem::remove_all(std::string("/var/run/wwanmd") + card);
+            vxtest::makeDirs(std::string("/var/run/wwanmd") + card);
+            vxtest::makeDirs(std::string("/tmp/status/wwanmd/card") + card);
+        }
+    }
+};
+
+TEST_F(VxModem, AsksForTheSignal) {
+    Modem modem(0);
+    modem.tell("on signal = OK -67 dBm");
+    EXPECT_EQ(vx({"modem", "signal"}).out, "-67 dBm\n");
+    EXPECT_EQ(vxJson("modem-signal", {"modem", "signal"}), R"({"card":0,"answer":"-67 dBm","dbm":-67})"
+                                                           "\n");
+    modem.tell("on signal = OK unknown");
+    EXPECT_EQ(vxJson("modem-signal", {"modem", "signal"}), R"({"card":0,"answer":"unknown","dbm":null})"
+                                                           "\n");
+}
+
+TEST_F(VxModem, SendsCommandsToTheChosenCard) {
+    Modem modem(3);
+    modem.tell(R"(on imei read = OK 1234\n5678\xff\n)");
+    EXPECT_EQ(vx({"modem", "--card", "3", "send", "imei read"}).out, "1234\n5678\xff\n");
+    EXPECT_EQ(vxJson("modem-send", {"modem", "send", "--card=3", "imei read"}),
+              R"({"card":3,"answer":{"escaped":"1234\n5678\\0377"}})"
+              "\n");
+    EXPECT_EQ(vx({"modem", "send", "x"}).status, 1) << "card 0 has no daemon";
+}
+
+TEST_F(VxModem, ARefusalIsAFailureWithTheDaemonsWords) {
+    Modem modem(0);
+    modem.tell(R"(error not now\x1b[31m)");
+    const auto result = vx({"modem", "send", "x"});
+    EXPECT_EQ(result.status, 1);
+    EXPECT_EQ(result.out, "");
+    EXPECT_EQ(result.err, "vx: modem send: card 0: the modem daemon refuses or is busy: not now\\0033[31m\n");
+}
+
+TEST_F(VxModem, ASilentDaemonIsNoAnswer) {
+    Modem modem(0);
+    modem.tell("silent");
+    modem.tell("handshake ok");
+    const auto result = vx({"modem", "send", "x", "--wait", "5"});
+    EXPECT_EQ(result.status, 1);
+    EXPECT_EQ(result.err, "vx: modem send: card 0: no answer from the modem daemon\n");
+}
+
+TEST_F(VxModem, AMissingDaemonIsNamed) {
+    EXPECT_EQ(vx({"modem", "signal"}).err,
+              "vx: modem signal: card 0: no modem daemon at /var/run/wwanmd0/server: No such file or directory\n");
+}
+
+TEST_F(VxModem, StateIsPrintedWhateverItIs) {
+    EXPECT_EQ(vx({"modem", "state"}).out, "card=0\ndaemon=0\nreset=0\nsuspended=0\n");
+    Modem modem(0);
+    modem.tell("suspend on");
+    EXPECT_EQ(vxJson("modem-state", {"modem", "state"}), R"({"card":0,"daemon":true,"reset":false,"suspended":true})"
+                                                         "\n");
+    modem.tell("suspend off");
+    modem.tell("reset on");
+    EXPECT_EQ(vx({"modem", "state"}).out, "card=0\ndaemon=0\nreset=1\nsuspended=0\n");
+    EXPECT_THAT(vx({"modem", "signal"}).err, HasSubstr("being reset"));
+}
+
+TEST_F(VxModem, BadArgumentsAreWrongUsage) {
+    for (const auto &words : {std::vector<std::string>{"send"},
+                              {"send", "a", "b"},
+                              {"send", "a\nb"},
+                              {"signal", "x"},
+                              {"--card", "6", "signal"},
+                              {"--card", "16", "signal"},
+                              {"--card", "x", "signal"},
+                              {"signal", "--wait", "4"},
+                              {"signal", "--wait", "301"},
+                              {"send", std::string(8191, 'x')}}) {
+        std::vector<std::string> all{"modem"};
+        all.insert(all.end(), words.begin(), words.end());
+        EXPECT_EQ(vx(all).status, 2) << words.back();
+    }
+}
+
+}  // namespace

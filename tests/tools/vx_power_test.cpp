@@ -1,0 +1,150 @@
+// SPDX-License-Identifier: MIT
+// vx reboot, poweroff and doctor. A box cannot restart the machine whatever is tried.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <string>
+
+#include "support/configd.h"
+#include "support/emulation.h"
+#include "support/files.h"
+#include "support/syslog_capture.h"
+#include "support/vx.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using testing::HasSubstr;
+using testing::Not;
+using vxtest::vx;
+using vxtest::vxJson;
+using vxtest::writeFile;
+
+class VxPower : public testing::TestWithParam<const char *> {
+protected:
+    VxPower() {
+        fs::remove_all("/nvstatus");
+        vxtest::makeDirs("/nvstatus");
+        fs::remove(script);
+        fs::remove("/tmp/power");
+    }
+    void installScript() const {
+        writeFile(script, "#!/bin/sh\necho \"$*\" >/tmp/power\n");
+        ::chmod(script.c_str(), 0755);
+    }
+    static std::string asked() {
+        vxtest::eventually([] { return !vxtest::readFile("/tmp/power").empty(); });
+        return vxtest::readFile("/tmp/power");
+    }
+
+    const std::string name = GetParam();
+    const std::string script = "/usr/local/sbin/system-" + name;
+    const std::string marker = "/nvstatus/skip-" + name;
+};
+
+TEST_P(VxPower, StartsTheFirmwaresScript) {
+    installScript();
+    EXPECT_EQ(vx({name, "3", "--", "-4"}).status, 0);
+    EXPECT_EQ(asked(), "3 -4\n");
+    fs::remove("/tmp/power");
+    vxJson(name, {name});
+    EXPECT_EQ(asked(), "0 0\n");
+}
+
+TEST_P(VxPower, HonoursAndSetsTheVeto) {
+    installScript();
+    EXPECT_EQ(vx({name, "--status"}).out, "0\n");
+    vxJson(name, {name, "--veto"});
+    EXPECT_TRUE(vxtest::exists(marker));
+    EXPECT_EQ(vx({name, "--status"}).out, "1\n");
+    EXPECT_EQ(vxJson(name, {name, "--status"}), "{\"action\":\"" + name + "\",\"vetoed\":true}\n");
+    const auto result = vx({name, "--force"});
+    EXPECT_EQ(result.status, 1);
+    EXPECT_EQ(result.err, "vx: " + name + ": " + marker + ": vetoes the " + name + "; --unveto removes it\n");
+    EXPECT_EQ(vx({name, "--unveto"}).status, 0);
+    EXPECT_EQ(vx({name, "--unveto"}).status, 0) << "there is none any more";
+    EXPECT_EQ(vx({name, "--status"}).out, "0\n");
+    EXPECT_FALSE(vxtest::exists("/tmp/power"));
+}
+
+TEST_P(VxPower, WithoutTheScriptNothingHappensUnlessForced) {
+    const auto result = vx({name});
+    EXPECT_EQ(result.status, 1);
+    EXPECT_THAT(result.err, HasSubstr(script + ": No such file or directory; with --force"));
+    fs::remove_all("/nvstatus");
+    EXPECT_THAT(vx({name, "--veto"}).err, HasSubstr(marker + ": No such file or directory"));
+}
+
+TEST_P(VxPower, WrongUsage) {
+    for (const auto &words : {std::vector<std::string>{"--veto", "--unveto"},
+                              {"--status", "1"},
+                              {"x"},
+                              {"1", "2", "3"},
+                              {"1", ""},
+                              {"--veto", "--force"},
+                              {"2147483648"}}) {
+        std::vector<std::string> all{name};
+        all.insert(all.end(), words.begin(), words.end());
+        EXPECT_EQ(vx(all).status, 2);
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Both, VxPower, testing::Values("reboot", "poweroff"));
+
+// ---- doctor
+
+TEST(VxDoctor, NamesWhatIsMissingAndWhatToDo) {
+    for (const char *path : {"/var/run/configd", "/tmp/status", "/nvstatus"}) fs::remove_all(path);
+    const auto result = vx({"doctor"});
+    EXPECT_EQ(result.status, 1);
+    EXPECT_THAT(
+        result.out,
+        HasSubstr("missing config daemon: /var/run/configd/daemon.sock: No such file or directory; start configd\n"));
+    EXPECT_THAT(result.out, HasSubstr("absent modem daemons: no modem daemon runs; start wwanmd for each card\n"));
+    EXPECT_EQ(result.err, "");
+    const auto json = vx({"-j", "doctor"});
+    EXPECT_EQ(json.status, 1);
+    EXPECT_EQ(vxtest::schemaErrors("doctor", json.out), "");
+    EXPECT_EQ(vx({"doctor", "modem"}).status, 1) << "what is asked for is needed";
+    EXPECT_THAT(vx({"doctor", "modem"}).out, HasSubstr("missing modem daemons"));
+    EXPECT_EQ(vx({"doctor", "addr"}).status, 2);
+    EXPECT_EQ(vx({"doctor", "bogus"}).status, 2);
+}
+
+// A gateway as it should be, built up here; each command that the doctor finds well does work.
+TEST(VxDoctor, IsContentWithAGatewayThatHasEverything) {
+    for (const char *path : {"/var/run/configd", "/tmp/status", "/nvstatus"}) vxtest::makeDirs(path);
+    const vxtest::SyslogCapture logger;
+    const vxtest::Configd config;
+    vxtest::Process events({vxtest::built("gateway/eventmanager")});
+    EXPECT_EQ(events.readLine(), "ready");
+    writeFile("/etc/default/system-info", "A=1\n");
+    if (!vxtest::exists("/etc/fstab")) writeFile("/etc/fstab", "");
+    if (!vxtest::exists("/usr/lib/libvxutils.so.1.0.0")) writeFile("/usr/lib/libvxutils.so.1.0.0", "");
+    for (const char *script : {"/usr/local/sbin/system-reboot", "/usr/local/sbin/system-poweroff"}) {
+        writeFile(script, "#!/bin/sh\n");
+        ::chmod(script, 0755);
+    }
+    if (vxtest::emulated()) GTEST_SKIP() << "the emulator looks for directories in the sysroot, which is read-only";
+    const auto result = vx({"doctor"});
+    EXPECT_EQ(result.status, 0) << result.out;
+    EXPECT_THAT(result.out, Not(HasSubstr("missing ")));
+    EXPECT_EQ(vx({"event", "raise", "1", "2"}).status, 0);
+    EXPECT_EQ(vx({"config", "set", "a=1"}).status, 0);
+    EXPECT_EQ(vx({"doctor", "config", "event"}).status, 1) << "no publisher";
+
+    if (!vxtest::hasOtherUsers()) return;
+    const auto other = vx({"doctor"}, {.user = 65534});
+    EXPECT_EQ(other.status, 1);
+    EXPECT_THAT(other.out, HasSubstr("missing config directory: /var/run/configd: Permission denied"));
+    EXPECT_THAT(other.out,
+                HasSubstr("missing ping raw sockets: Operation not permitted; run as root or with CAP_NET_RAW\n"));
+    EXPECT_THAT(other.out, HasSubstr("ok status reading: /tmp/status\n"));
+    EXPECT_THAT(other.out, HasSubstr("missing status writing: /tmp/status: Permission denied"));
+    EXPECT_THAT(other.out, HasSubstr("missing event FIFO: "));
+}
+
+}  // namespace

@@ -1,0 +1,176 @@
+// SPDX-License-Identifier: MIT
+// vx event: events for the event manager, and the same records over ZeroMQ.
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/time.h>
+#include <vxutils/vxevent.h>
+#include <zmq.h>
+
+#include <chrono>
+#include <csignal>
+#include <cstring>
+#include <memory>
+
+#include "commands/commands.h"
+#include "core/failure.h"
+#include "core/fd.h"
+#include "core/follow.h"
+#include "core/owned.h"
+
+namespace tool {
+
+namespace {
+
+constexpr const char *fifo = "/tmp/status/event-manager/throw";
+constexpr const char *endpoint = "tcp://127.0.0.1:47011";
+constexpr milliseconds fullTime{10000};
+constexpr milliseconds subscriberTime{2000};
+// Subscribers look for their publisher every 100 ms; a subscription follows its connection.
+constexpr milliseconds subscriptionTime{150};
+constexpr int lingerTime = 1000;  // milliseconds
+
+vxevent_record recordFrom(const Arguments &arguments) {
+    vxevent_record record{};
+    record.id = static_cast<uint32_t>(arguments.wordAsNumber(0, "ID", 0, UINT32_MAX));
+    record.param = static_cast<uint32_t>(arguments.wordAsNumber(1, "PARAM", 0, UINT32_MAX));
+    if (arguments.size() < 3) return record;
+    const std::string &text = arguments[2];
+    if (text.size() >= sizeof record.text) {
+        throw Usage{"TEXT is longer than " + std::to_string(sizeof record.text - 1) + " bytes"};
+    }
+    std::memcpy(record.text, text.data(), text.size());
+    return record;
+}
+
+void noteTime(int) {}  // only ends the system call that waits
+
+// Interrupts a call that takes longer; again and again, should the first signal come before it waits.
+void interruptAfter(milliseconds time) {
+    struct sigaction action {};
+    action.sa_handler = noteTime;
+    ::sigaction(SIGALRM, &action, nullptr);
+    itimerval timer{};
+    timer.it_value.tv_sec = time.count() / 1000;
+    timer.it_value.tv_usec = std::max<int64_t>(time.count() % 1000 * 1000, 1);
+    timer.it_interval.tv_usec = 100000;
+    ::setitimer(ITIMER_REAL, &timer, nullptr);
+}
+
+int raise(const Arguments &arguments, Output &out) {
+    const vxevent_record record = recordFrom(arguments);
+    const milliseconds longest = arguments.seconds("wait").value_or(fullTime);
+    // The library succeeds, and the event is lost, where nobody has the FIFO open.
+    if (!Fd(::open(fifo, O_WRONLY | O_NONBLOCK | O_CLOEXEC)).valid()) {
+        if (errno == ENXIO) throw Failure(fifo, "no event manager reads it");
+        throw systemFailure(fifo);
+    }
+    interruptAfter(longest);
+    if (vxevent(record.id, record.param, record.text) != 0) {
+        if (errno == EINTR) throw Failure(fifo, "full: the event manager does not read");
+        throw systemFailure(fifo);
+    }
+    out.done();
+    return statusDone;
+}
+
+// ---- ZeroMQ
+
+Failure zmqFailure(std::string_view on) { return {on, zmq_strerror(zmq_errno())}; }
+
+using Socket = Owned<void, &zmq_close>;
+
+class Context {
+public:
+    Context() : context_(zmq_ctx_new()) {
+        if (context_ == nullptr) throw zmqFailure("");
+    }
+    ~Context() { zmq_ctx_term(context_); }
+    Context(const Context &) = delete;
+    Context &operator=(const Context &) = delete;
+    void *get() const { return context_; }
+
+private:
+    void *context_;
+};
+
+// Next record that is there; 1 for one, 0 for none, -1 for a message that is no record.
+int receive(void *socket, vxevent_record &record) {
+    std::array<char, sizeof(vxevent_record) + 1> message;
+    const int length = zmq_recv(socket, message.data(), message.size(), ZMQ_DONTWAIT);
+    if (length < 0 && zmq_errno() == EAGAIN) return 0;
+    if (length < 0) throw zmqFailure("");
+    if (length != static_cast<int>(sizeof record)) return -1;
+    std::memcpy(&record, message.data(), sizeof record);
+    return 1;
+}
+
+int listen(const Arguments &arguments, Output &out) {
+    const char *address = arguments.text("endpoint", endpoint);
+    Follow follow(arguments, out);
+    const Context context;
+    const Socket socket(register_legacy_sink_with_addr(context.get(), address));
+    if (!socket) throw zmqFailure(address);
+    int fd = -1;
+    size_t size = sizeof fd;
+    if (zmq_getsockopt(socket.get(), ZMQ_FD, &fd, &size) != 0) throw zmqFailure(address);
+    for (;;) {
+        // The descriptor tells of news only: all that is there is taken before it is waited for.
+        vxevent_record event{};
+        for (int got; (got = receive(socket.get(), event)) != 0;) {
+            if (got < 0) {
+                out.note("a message that is not an event is left out");
+                continue;
+            }
+            const std::string text(event.text, ::strnlen(event.text, sizeof event.text));
+            if (!follow.print({{"id", event.id}, {"param", event.param}, {"text", text}}, Plain::words)) {
+                return statusDone;
+            }
+        }
+        if (follow.wait(fd) == Follow::Event::over) return statusDone;
+    }
+}
+
+// Waits for a connection that is made; false when none came in time.
+bool waitForSubscriber(void *monitor, milliseconds longest) {
+    zmq_pollitem_t item{monitor, 0, ZMQ_POLLIN, 0};
+    return zmq_poll(&item, 1, static_cast<int>(longest.count())) > 0;
+}
+
+int publish(const Arguments &arguments, Output &out) {
+    const vxevent_record record = recordFrom(arguments);
+    const char *address = arguments.text("endpoint", endpoint);
+    const milliseconds longest = arguments.seconds("wait").value_or(subscriberTime);
+    constexpr const char *monitorAddress = "inproc://subscribers";
+    const Context context;
+    const Socket source(create_legacy_source_with_addr(context.get(), address));
+    if (!source) throw zmqFailure(address);
+    if (zmq_socket_monitor(source.get(), monitorAddress, ZMQ_EVENT_HANDSHAKE_SUCCEEDED) != 0) throw zmqFailure(address);
+    const Socket monitor(zmq_socket(context.get(), ZMQ_PAIR));
+    if (!monitor || zmq_connect(monitor.get(), monitorAddress) != 0) throw zmqFailure(address);
+    zmq_setsockopt(source.get(), ZMQ_LINGER, &lingerTime, sizeof lingerTime);
+    if (!waitForSubscriber(monitor.get(), longest)) throw Failure(address, "no subscriber came");
+    ::poll(nullptr, 0, static_cast<int>(subscriptionTime.count()));
+    if (dispatch_legacy_event(source.get(), &record) != 0) throw zmqFailure(address);
+    out.done();
+    return statusDone;
+}
+
+constexpr Option raiseOptions[] = {{0, "wait", "SECONDS", "how long to wait while the FIFO is full (10)"}};
+constexpr Option listenOptions[] = {{0, "endpoint", "E", "ZeroMQ endpoint (tcp://127.0.0.1:47011)"}};
+constexpr Option publishOptions[] = {
+    {0, "endpoint", "E", "ZeroMQ endpoint (tcp://127.0.0.1:47011)"},
+    {0, "wait", "SECONDS", "how long to wait for a first subscriber (2)"},
+};
+constexpr Argument record[] = {{"ID", Count::one}, {"PARAM", Count::one}, {"TEXT", Count::optional}};
+
+constexpr Verb verbs[] = {
+    {"raise", "hand an event to the event manager", raiseOptions, record, raise},
+    {"listen", "print the events that a daemon publishes", listenOptions, {}, listen, true},
+    {"publish", "publish an event to all subscribers", publishOptions, record, publish},
+};
+
+}  // namespace
+
+const Command eventCommand{"event", "events for the event manager and its subscribers", {}, verbs};
+
+}  // namespace tool
