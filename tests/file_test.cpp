@@ -34,9 +34,10 @@ namespace {
 int recordsLeft = -1;  // -1: as many as are asked for
 bool copiesFail = false;
 }  // namespace
-extern "C" char *strdup(const char *text) noexcept {
-    auto *copy = static_cast<char *>(copiesFail ? nullptr : std::malloc(std::strlen(text) + 1));
-    return copy != nullptr ? std::strcpy(copy, text) : nullptr;
+extern "C" char *strndup(const char *text, size_t most) noexcept {
+    const size_t length = ::strnlen(text, most);
+    auto *copy = static_cast<char *>(copiesFail ? nullptr : std::calloc(length + 1, 1));
+    return copy != nullptr ? static_cast<char *>(std::memcpy(copy, text, length)) : nullptr;
 }
 void *zalloc(size_t size) {
     if (recordsLeft == 0) {

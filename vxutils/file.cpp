@@ -204,13 +204,11 @@ char *readText(const char *name, char *buf, size_t size) {
 }
 
 // Up to the first line end or NUL byte; null without memory.
-char *copyOfLine(std::span<char> line) {
-    char *const end = std::find_if(line.data(), line.data() + line.size(),
-                                   [](char c) { return c == '\n' || c == '\r' || c == '\0'; });
-    const char replaced = std::exchange(*end, '\0');
-    char *const copy = strdup(line.data());
-    *end = replaced;
-    return copy;
+char *copyOfLine(std::span<const char> line) {
+    const size_t length = line.back() == '\n' ? line.size() - 1 : line.size();
+    const void *end = std::memchr(line.data(), '\r', length);
+    return strndup(line.data(),
+                   end != nullptr ? static_cast<size_t>(static_cast<const char *>(end) - line.data()) : length);
 }
 
 int outOfMemory() {
@@ -229,7 +227,7 @@ int read_file_lines(const char *path, struct list_link *lines) {
     size_t taken = 0;
     vx::LineBuffer buffer;
     for (;;) {
-        const std::span<char> line = buffer.next(fd.get(), longestLine);
+        const std::span<const char> line = buffer.next(fd.get(), longestLine);
         if (line.empty()) return count;
         taken += line.size() + lineOverhead;
         if (taken > mostForLines) {

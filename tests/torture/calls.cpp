@@ -253,6 +253,7 @@ namespace {
 }
 
 VX_CALL_NOEXCEPT(char *, strdup, (const char *text), (text), nullptr, ENOMEM)
+VX_CALL_NOEXCEPT(char *, strndup, (const char *text, size_t most), (text, most), nullptr, ENOMEM)
 
 extern "C" int asprintf(char **text, const char *format, ...) noexcept {
     if (const int error = fault("asprintf", {ENOMEM})) {

@@ -65,8 +65,8 @@ void readLines(Run &run) {
         std::free(line);
     }
     const bool failed = count == READFILE_OPEN_FAILED || count == READFILE_OUT_OF_MEMORY;
-    const bool cut = run.failed("read") && count >= 0;    // the end of a file and a failed read are one
-    const bool gap = run.failed("strdup") && count >= 0;  // a line without text
+    const bool cut = run.failed("read") && count >= 0;     // the end of a file and a failed read are one
+    const bool gap = run.failed("strndup") && count >= 0;  // a line without text
     run.outcome("read_file_lines", count == 3 && texts == std::vector<std::string>{"one", "two", "three"},
                 failed || cut || gap, count == READFILE_OUT_OF_MEMORY ? "Zalloc failed" : nullptr);
     ::unlink(path);
