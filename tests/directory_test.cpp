@@ -18,6 +18,7 @@
 #include <filesystem>
 #include <functional>
 #include <string>
+#include <utility>
 
 #include "support/files.h"
 #include "support/process.h"
@@ -29,9 +30,11 @@
 // calls of these functions come here.
 namespace {
 struct Broken {
-    std::string chmod;  // the path where it fails
-    std::string lstat;  // the same
-    std::string list;   // the same, after the first entries
+    std::string chmod;                  // the path where it fails
+    std::string lstat;                  // the same
+    std::string list;                   // the same, after the first entries
+    std::string watched;                // the path of a directory that something happens to
+    std::function<void()> whenWatched;  // called when its entries are read
     bool fstat = false;
     bool strdup = false;
 } broken;
@@ -73,6 +76,7 @@ extern "C" int fstat(int fd, struct stat *status) noexcept {
     return broken.fstat ? failWith(EIO) : statusOf(fd, "", status, AT_EMPTY_PATH);
 }
 extern "C" ssize_t getdents64(int fd, void *buffer, size_t size) noexcept {
+    if (broken.whenWatched && pathOf(fd) == broken.watched) std::exchange(broken.whenWatched, nullptr)();
     const bool fails = !broken.list.empty() && pathOf(fd) == broken.list;
     // A few entries at a time, and none after the first few.
     if (fails && ::lseek(fd, 0, SEEK_CUR) != 0) return failWith(EIO);
@@ -456,6 +460,19 @@ TEST_F(DeleteDirectory, AnUnsearchableDirectoryDoesNotKeepItsNeighbours) {
     EXPECT_FALSE(exists(path("tree/sub")));
 }
 
+// The way back up is "..", which leads elsewhere once a directory has been moved.
+TEST_F(DeleteDirectory, DoesNotGoOnWhereADirectoryWasMovedTo) {
+    vxtest::makeDirs(path("tree/a"));
+    broken.watched = makeChain(path("tree/a"), path("tree/a").size() + 40, 1);
+    broken.whenWatched = [] { EXPECT_EQ(::rename(path("tree/a").c_str(), path("outside/a").c_str()), 0); };
+    for (char name = 'b'; name <= 'z'; ++name) {
+        for (const char *where : {"tree/", "outside/"}) writeFile(path(where) + name, "");
+    }
+    EXPECT_EQ(delete_directory(path("tree").c_str()), -1);
+    EXPECT_EQ(errno, ESTALE);
+    for (char name = 'b'; name <= 'z'; ++name) EXPECT_TRUE(exists(path("outside/") + name)) << name;
+}
+
 // ---- empty_directory ----
 
 using EmptyDirectory = Directories;
@@ -796,6 +813,14 @@ TEST_F(CopyDirectory, ASourceThatCannotBeListedToItsEndIsAFailure) {
     broken.list.clear();
     EXPECT_EQ(copyDirectory(path("around"), path("copy")), 0);
     EXPECT_TRUE(exists(path("copy/small/file39")));
+}
+
+TEST_F(CopyDirectory, StopsWhenADirectoryOfTheSourceWasMovedElsewhere) {
+    writeFile(path("small/a/file"), "");
+    broken.watched = makeChain(path("small/a"), path("small/a").size() + 40, 1);
+    broken.whenWatched = [] { EXPECT_EQ(::rename(path("small/a").c_str(), path("outside/moved").c_str()), 0); };
+    EXPECT_EQ(copyDirectory(path("small"), path("copy")), -1);
+    EXPECT_EQ(errno, ESTALE);
 }
 
 TEST_F(CopyDirectory, GoesDeeperThanAPathIsLong) {

@@ -126,38 +126,6 @@ TEST_F(Trees, AStrangersLinkIsNotFollowedToBeEmptied) {
     EXPECT_FALSE(exists(bait));
 }
 
-// The way up is "..", where a tree is deep: it leads elsewhere once the directory has been moved.
-TEST_F(Trees, DeletingDoesNotGoOnWhereADirectoryWasMovedTo) {
-    const std::string tree = theirs + "/tree";
-    const std::string moved = "/tmp/moved";
-    std::string deep = tree + "/a";
-    for (int i = 0; i < 40; ++i) deep += "/d";
-    const auto entries = [](const std::string &where) {
-        for (char name = 'b'; name <= 'z'; ++name) writeFile(where + "/" + name + "/kept", "");
-    };
-    const std::string a = tree + "/a";
-    const Attack attack([&] {
-        if (::rename(a.c_str(), moved.c_str()) == 0) ::usleep(200);
-        ::rename(moved.c_str(), a.c_str());
-    });
-    // Root's own entries beside the place where the directory turns up, named like those that are to be deleted.
-    entries("/tmp");
-    repeat([&] {
-        std::error_code ignored;
-        fs::remove_all(moved, ignored);
-        vxtest::makeDirs(tree);
-        writeFile(deep + "/file", "");
-        entries(tree);
-        giveTo(stranger, tree);
-        (void)delete_directory(tree.c_str());
-        return exists("/tmp/b/kept") && exists("/tmp/z/kept");
-    });
-    for (char name = 'b'; name <= 'z'; ++name) {
-        EXPECT_TRUE(exists(std::string("/tmp/") + name + "/kept"));
-        fs::remove_all(std::string("/tmp/") + name);
-    }
-}
-
 TEST_F(Trees, AModeIsNeverSetThroughALink) {
     const std::string made = theirs + "/made";
     const std::string secret = ours + "/file0";
