@@ -11,6 +11,9 @@
 #ifdef VXBENCH_WITH_FMT
 #define FMT_HEADER_ONLY
 #include <fmt/format.h>
+
+// The case without a conversion has an argument that no format asks for.
+#pragma GCC diagnostic ignored "-Wformat-extra-args"
 #define FMT_PRINT(...) fmt::format_to_n(buffer, size - 1, __VA_ARGS__).size
 #define FMT_MEASURE(...) fmt::formatted_size(__VA_ARGS__)
 #else

@@ -10,6 +10,12 @@
 #include <string>
 #include <vector>
 
+// Formats that the compiler cannot check, and wrong ones, are what is tried here.
+#pragma GCC diagnostic ignored "-Wformat"
+#pragma GCC diagnostic ignored "-Wformat-extra-args"
+#pragma GCC diagnostic ignored "-Wformat-nonliteral"
+#pragma GCC diagnostic ignored "-Wformat-zero-length"
+
 namespace {
 
 constexpr size_t longestFormat = 200;

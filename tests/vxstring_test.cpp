@@ -18,6 +18,13 @@
 #include "support/resources.h"
 #include "support/string_model.h"
 
+// Formats that the compiler cannot check, and wrong ones, are what is tested here.
+#pragma GCC diagnostic ignored "-Wformat"
+#pragma GCC diagnostic ignored "-Wformat-extra-args"
+#pragma GCC diagnostic ignored "-Wformat-nonliteral"
+#pragma GCC diagnostic ignored "-Wformat-overflow"
+#pragma GCC diagnostic ignored "-Wformat-zero-length"
+
 namespace {
 
 using vxtest::blockOf;
@@ -838,6 +845,7 @@ TEST(StringChange, TheMeasuredLengthHoldsForFormatsOfEveryShape) {
             expected.assign(static_cast<size_t>(measured), '\0');
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat-nonliteral"
+#pragma GCC diagnostic ignored "-Wformat-overflow"
             std::snprintf(expected.data(), expected.size() + 1, fmt.c_str(), argument);
 #pragma GCC diagnostic pop
             s.format(fmt.c_str(), argument);

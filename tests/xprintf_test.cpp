@@ -15,6 +15,14 @@
 #include "support/process.h"
 #include "support/resources.h"
 
+// Formats that the compiler cannot check, and wrong ones, are what is tested here.
+#pragma GCC diagnostic ignored "-Wformat"
+#pragma GCC diagnostic ignored "-Wformat-extra-args"
+#pragma GCC diagnostic ignored "-Wformat-nonliteral"
+#pragma GCC diagnostic ignored "-Wformat-overflow"
+#pragma GCC diagnostic ignored "-Wformat-security"
+#pragma GCC diagnostic ignored "-Wformat-zero-length"
+
 namespace {
 
 // ---- The model: every character, padding included, goes through emit(). ----
@@ -807,6 +815,8 @@ TEST(XprintfModel, AgreesOnEveryWindowOfALogLine) {
 
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat-nonliteral"
+#pragma GCC diagnostic ignored "-Wformat-overflow"
+#pragma GCC diagnostic ignored "-Wformat-security"
 // The C library agrees wherever both have the conversion (but for a zero value with precision 0).
 template <typename... Args>
 void expectLikeLibc(const char *fmt, Args... args) {

@@ -20,11 +20,15 @@ bool fill(char (&field)[size], String const &text) {
 }
 
 // The key that a pattern gives; empty, which no call accepts, when the pattern is too long.
+// The pattern is the caller's: the compiler cannot check it.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-nonliteral"
 String indexedKey(String const &pattern, unsigned long index) {
     String key;
     if (pattern.length() < CONFIGD_KEY_LEN) key.format(pattern.c_str(), index);
     return key;
 }
+#pragma GCC diagnostic pop
 
 bool set(configd_handle *handle, String const &key, String const &value) {
     Entries entries{};

@@ -189,11 +189,15 @@ long numberOf(const char *value) {
     return valueOf32(value);
 }
 
+// The pattern is the caller's: the compiler cannot check it.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-nonliteral"
 String indexedKey(String const &pattern, unsigned long index) {
     String key("", 0);  // its own block: several threads may be here
     key.format(pattern.c_str(), index);
     return key;
 }
+#pragma GCC diagnostic pop
 
 }  // namespace
 

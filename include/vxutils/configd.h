@@ -6,9 +6,10 @@
  *
  * Many values, fetched together when the first of them is asked for and then served from the handle:
  * @code
- *     configd_handle *config = configd_open();
+ *     configd_handle *config = configd_open();  // NULL without the daemon
  *     int i;
  *     for (i = 0; i < ports; i++) configd_add_query(config, "port.%d.speed", i);
+ *     if (configd_get(config, NULL) != 0) return;  // no answer; configd_fetch() would give empty texts
  *     for (i = 0; i < ports; i++) set_speed(i, atoi(configd_fetch(config, "port.%d.speed", i)));
  *     configd_clear(config);  // before reading anew
  *     configd_close(config);

@@ -7,7 +7,7 @@
  *   String name("eth");
  *   name += '0';
  *   String path;
- *   path.format("/sys/class/net/%s/mtu", name.c_str());
+ *   path.format("/sys/class/net/%s/mtu", name.c_str());  // c_str(): the compiler refuses a String as an argument
  *   if (path.endsWith("mtu")) puts(path.c_str());
  * @endcode
  *
@@ -246,15 +246,19 @@ public:
     }
 
     /**
-     * Replaces the text by a formatted one.  Its length is that of `strlenf` (xprintf.h), its bytes are those of the
-     * system's `vsnprintf`: use the conversions that both know alike, `d i u x X o c s p` with flags, width and
-     * precision.  Where the two differ the text is cut, or filled with NULs, to the measured length.  Nothing to write
-     * gives the shared empty buffer.  Not marked as printf-like for the compiler, because the set of conversions is
-     * not that of printf.
+     * Replaces the text by a formatted one. The compiler checks the arguments as it does for printf, and the same rule
+     * holds here: a String is passed as `text.c_str()`.
+     *
+     * The length is that of strlenf() (xprintf.h), the bytes are those of the system's `vsnprintf`. Both understand the
+     * conversions `d i u x X o c s p %`, with flags, width, precision and the lengths `h` and `l`: use these. What
+     * printf alone knows (`%zu`, `%lld`, `%hhu`, `%f`, `%e`, `%g`) is cut, or filled with NULs, to the length measured
+     * without that argument. Pass a `size_t` as `%lu` with a cast to `unsigned long`, and a `long long` or a `double`
+     * as a text. Nothing to write gives the shared empty buffer.
+     * @param fmt format; NULL counts as empty
      */
-    String &format(const char *fmt, ...);
+    String &format(const char *fmt, ...) VXUTILS_PRINTF(2, 3);
     /** Appends a formatted text, as format() writes it. */
-    String &concatf(const char *fmt, ...);
+    String &concatf(const char *fmt, ...) VXUTILS_PRINTF(2, 3);
 
     /** Cuts everything from @p start on; a negative @p start counts as 0. */
     String &deleteRegion(long start);

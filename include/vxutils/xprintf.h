@@ -25,6 +25,8 @@
  * | @c s            | @c const @c char @c *                 | text, cut to the precision; NULL is (null)          |
  * | @c n            | @c int @c * (@c h: @c short @c *)     | nothing; stores the number of characters so far     |
  *
+ * The compiler checks the arguments as it does for printf; it does not know the differences.
+ *
  * Differences from the C library's printf:
  * - A zero value always prints its one digit, also with precision 0. The @c 0 flag pads texts with zeros, too.
  * - @c %n counts skipped characters and stands still once the buffer is full.
@@ -57,10 +59,10 @@ VXUTILS_BEGIN_DECLS
  * @return the number of characters stored, without the terminator. 0 with nothing written when @p buf is NULL, @p size
  * is 0 or @p skip is negative. vstrlenf() tells the length of the whole text.
  */
-VXUTILS_API int vsnxprintf(char *buf, int skip, size_t size, const char *fmt, va_list ap);
+VXUTILS_API int vsnxprintf(char *buf, int skip, size_t size, const char *fmt, va_list ap) VXUTILS_PRINTF(4, 0);
 
 /** vsnxprintf() with the arguments in place. */
-VXUTILS_API int snxprintf(char *buf, int skip, size_t size, const char *fmt, ...);
+VXUTILS_API int snxprintf(char *buf, int skip, size_t size, const char *fmt, ...) VXUTILS_PRINTF(4, 5);
 
 /**
  * Length of the whole formatted text.
@@ -69,10 +71,10 @@ VXUTILS_API int snxprintf(char *buf, int skip, size_t size, const char *fmt, ...
  * @param ap  arguments; indeterminate afterwards
  * @return number of characters; counting ends at 4294967294, and what is above 2147483647 shows as a negative number
  */
-VXUTILS_API int vstrlenf(const char *fmt, va_list ap);
+VXUTILS_API int vstrlenf(const char *fmt, va_list ap) VXUTILS_PRINTF(1, 0);
 
 /** vstrlenf() with the arguments in place. */
-VXUTILS_API int strlenf(const char *fmt, ...);
+VXUTILS_API int strlenf(const char *fmt, ...) VXUTILS_PRINTF(1, 2);
 
 VXUTILS_END_DECLS
 

@@ -6,8 +6,10 @@
 #include <vxutils/version.h>
 
 #include <algorithm>
+#include <cstring>
 #include <filesystem>
 #include <set>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -239,20 +241,66 @@ TEST(Configure, NamesThePackagesThatAreMissing) {
     EXPECT_THAT(output, HasSubstr("scripts/setup build"));
 }
 
-// The first code block of a language in the README.
-std::string readmeBlock(const std::string &language) {
+// The code blocks of a language in the README.
+std::vector<std::string> readmeBlocks(const std::string &language) {
     const std::string readme = vxtest::readFile(source + "/README.md");
-    const std::string fence = "```" + language + "\n";
-    const size_t begin = readme.find(fence);
-    if (begin == std::string::npos) return "";
-    return readme.substr(begin + fence.size(), readme.find("\n```", begin) - begin - fence.size() + 1);
+    const std::string fence = "\n```" + language + "\n";
+    std::vector<std::string> blocks;
+    for (size_t begin = readme.find(fence); begin != std::string::npos; begin = readme.find(fence, begin)) {
+        begin += fence.size();
+        blocks.push_back(readme.substr(begin, readme.find("\n```", begin) - begin + 1));
+    }
+    return blocks;
+}
+
+// Two steps are left out here: a box has no network to install packages from, and building the library once more would
+// take longer than all other tests of this file.
+TEST_F(Install, TheCommandsOfTheReadmeWork) {
+    shell("mkdir -p /tmp/upper /tmp/work /tmp/clone && mount -t overlay overlay -o lowerdir=" + source +
+          ",upperdir=/tmp/upper,workdir=/tmp/work /tmp/clone && rm -rf /tmp/clone/build/library");
+    const auto blocks = readmeBlocks("sh");
+    ASSERT_EQ(blocks.size(), 2U);
+    std::istringstream commands(blocks[0]);
+    std::vector<std::string> known{"apt-get install", "cmake --preset library", "cmake --build --preset library",
+                                   "cmake --install build/library --strip"};
+    for (std::string command; std::getline(commands, command);) {
+        ASSERT_FALSE(known.empty()) << command;
+        ASSERT_EQ(command.rfind(known.front(), 0), 0U) << command;
+        known.erase(known.begin());
+        if (command.rfind("apt-get", 0) == 0) continue;
+        if (command.rfind("cmake --build", 0) == 0) {
+            EXPECT_THAT(shell("cd /tmp/clone && " + command + " -- -n"), Not(HasSubstr("_test")));
+        } else if (command.rfind("cmake --install", 0) == 0) {
+            shell(command.replace(command.find("build/library"), std::strlen("build/library"), build) + " && ldconfig");
+        } else {
+            EXPECT_THAT(shell("cd /tmp/clone && " + command), HasSubstr("/tmp/clone/build/library"));
+        }
+    }
+    EXPECT_THAT(known, testing::IsEmpty());
+    EXPECT_LT(fs::file_size("/usr/lib/libvxutils.so.1.0.0"), 500000U);
+    vxtest::writeFile("/tmp/user/main.c", readmeBlocks("c").at(0));
+    shell("cd /tmp/user && " + blocks[1]);
+    shell("/tmp/user/main", 1);  // no configuration daemon here
+}
+
+// The packages of the README's first command are those that scripts/setup installs to build the library.
+TEST(Readme, NamesThePackagesThatTheLibraryNeeds) {
+    std::istringstream list(vxtest::readFile(source + "/scripts/packages"));
+    std::string wanted = "apt-get install -y";
+    for (std::string line; std::getline(list, line);) {
+        std::istringstream words(line);
+        std::string purpose;
+        std::string package;
+        if (words >> purpose >> package && purpose == "build") wanted += " " + package;
+    }
+    EXPECT_EQ(readmeBlocks("sh").at(0).substr(0, wanted.size() + 1), wanted + "\n");
 }
 
 TEST_F(Install, TheExamplesOfTheReadmeCompile) {
     shell("cmake --install " + build + " && ldconfig");
     for (const std::string language : {"c", "cpp"}) {
-        const std::string code = readmeBlock(language);
-        ASSERT_FALSE(code.empty()) << language;
+        ASSERT_EQ(readmeBlocks(language).size(), 1U) << language;
+        const std::string code = readmeBlocks(language)[0];
         EXPECT_LE(std::count(code.begin(), code.end(), '\n'), 15) << language;
         vxtest::writeFile("/tmp/readme/main." + language, code);
         shell("cd /tmp/readme && " + std::string(language == "c" ? "cc -std=c99" : "c++ -std=c++11") +
