@@ -2,12 +2,10 @@
 // vx event: events for the event manager, and the same records over ZeroMQ.
 #include <fcntl.h>
 #include <poll.h>
-#include <sys/time.h>
 #include <vxutils/vxevent.h>
 #include <zmq.h>
 
 #include <chrono>
-#include <csignal>
 #include <cstring>
 #include <memory>
 
@@ -42,20 +40,6 @@ vxevent_record recordFrom(const Arguments &arguments) {
     return record;
 }
 
-void noteTime(int) {}  // only ends the system call that waits
-
-// Interrupts a call that takes longer; again and again, should the first signal come before it waits.
-void interruptAfter(milliseconds time) {
-    struct sigaction action {};
-    action.sa_handler = noteTime;
-    ::sigaction(SIGALRM, &action, nullptr);
-    itimerval timer{};
-    timer.it_value.tv_sec = time.count() / 1000;
-    timer.it_value.tv_usec = std::max<int64_t>(time.count() % 1000 * 1000, 1);
-    timer.it_interval.tv_usec = 100000;
-    ::setitimer(ITIMER_REAL, &timer, nullptr);
-}
-
 int raise(const Arguments &arguments, Output &out) {
     const vxevent_record record = recordFrom(arguments);
     const milliseconds longest = arguments.seconds("wait").value_or(fullTime);
@@ -64,10 +48,11 @@ int raise(const Arguments &arguments, Output &out) {
         if (errno == ENXIO) throw Failure(fifo, "no event manager reads it");
         throw systemFailure(fifo);
     }
-    interruptAfter(longest);
-    if (vxevent(record.id, record.param, record.text) != 0) {
-        if (errno == EINTR) throw Failure(fifo, "full: the event manager does not read");
-        throw systemFailure(fifo);
+    // The library gives up on a full FIFO after a second.
+    const auto end = std::chrono::steady_clock::now() + longest;
+    while (vxevent(record.id, record.param, record.text) != 0) {
+        if (errno != EAGAIN) throw systemFailure(fifo);
+        if (std::chrono::steady_clock::now() >= end) throw Failure(fifo, "full: the event manager does not read");
     }
     out.done();
     return statusDone;
@@ -155,7 +140,8 @@ int publish(const Arguments &arguments, Output &out) {
     return statusDone;
 }
 
-constexpr Option raiseOptions[] = {{0, "wait", "SECONDS", "how long to wait while the FIFO is full (10)"}};
+constexpr Option raiseOptions[] = {
+    {0, "wait", "SECONDS", "how long to try again while the FIFO is full (10), at least 1"}};
 constexpr Option listenOptions[] = {{0, "endpoint", "E", "ZeroMQ endpoint (tcp://127.0.0.1:47011)"}};
 constexpr Option publishOptions[] = {
     {0, "endpoint", "E", "ZeroMQ endpoint (tcp://127.0.0.1:47011)"},
