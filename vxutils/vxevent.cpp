@@ -8,6 +8,7 @@
 #include <vxutils/vxevent.h>
 #include <zmq.h>
 
+#include <array>
 #include <cerrno>
 #include <chrono>
 #include <cstddef>
@@ -18,6 +19,7 @@
 #include "vxutils/internal/errno_keeper.h"
 #include "vxutils/internal/fd.h"
 #include "vxutils/internal/handles.h"
+#include "vxutils/internal/late_library.h"
 
 namespace {
 
@@ -30,7 +32,45 @@ static_assert(sizeof(vxevent_record) == 136 && offsetof(vxevent_record, param) =
 static_assert(sizeof(vxevent_record) <= PIPE_BUF, "records of several writers must not mix");
 
 using Clock = std::chrono::steady_clock;
-using ZmqSocket = std::unique_ptr<void, vx::Release<&zmq_close>>;
+
+VX_LATE_NOTE(ZeroMqNote,
+             R"([{"feature":"legacy-events","description":"Legacy events over ZeroMQ","priority":"recommended",)"
+             R"("soname":["libzmq.so.5"]}])");
+
+// The functions of ZeroMQ that are used here.
+struct ZeroMq {
+    static constexpr std::array sonames{"libzmq.so.5"};
+
+    decltype(&::zmq_bind) zmq_bind;
+    decltype(&::zmq_close) zmq_close;
+    decltype(&::zmq_connect) zmq_connect;
+    decltype(&::zmq_msg_close) zmq_msg_close;
+    decltype(&::zmq_msg_init_data) zmq_msg_init_data;
+    decltype(&::zmq_msg_send) zmq_msg_send;
+    decltype(&::zmq_setsockopt) zmq_setsockopt;
+    decltype(&::zmq_socket) zmq_socket;
+
+    bool find([[maybe_unused]] vx::LateLibrary &library) {
+        return VX_FIND_LATE(library, zmq_bind) && VX_FIND_LATE(library, zmq_close) &&
+               VX_FIND_LATE(library, zmq_connect) && VX_FIND_LATE(library, zmq_msg_close) &&
+               VX_FIND_LATE(library, zmq_msg_init_data) && VX_FIND_LATE(library, zmq_msg_send) &&
+               VX_FIND_LATE(library, zmq_setsockopt) && VX_FIND_LATE(library, zmq_socket);
+    }
+};
+constinit vx::LateCalls<ZeroMq> lateZeroMq;
+
+struct CloseSocket {
+    decltype(&::zmq_close) close;
+    void operator()(void *socket) const noexcept {
+        const vx::ErrnoKeeper keeper;
+        close(socket);
+    }
+};
+using ZmqSocket = std::unique_ptr<void, CloseSocket>;
+
+ZmqSocket openSocket(const ZeroMq &zmq, void *context, int type) {
+    return {zmq.zmq_socket == nullptr ? nullptr : zmq.zmq_socket(context, type), CloseSocket{zmq.zmq_close}};
+}
 
 // The event manager may be late; while it hangs, those who raise events must go on.
 constexpr auto longestWait = std::chrono::seconds(1);
@@ -77,17 +117,19 @@ int vxevent(unsigned int id, unsigned int param, const char *text) {
 }
 
 void *create_legacy_source_with_addr(void *zmq_context, const char *endpoint) {
-    ZmqSocket socket(zmq_socket(zmq_context, ZMQ_PUB));
-    if (!socket || endpoint == nullptr || zmq_bind(socket.get(), endpoint) != 0) return nullptr;
+    const ZeroMq zmq = lateZeroMq.get();
+    ZmqSocket socket = openSocket(zmq, zmq_context, ZMQ_PUB);
+    if (!socket || endpoint == nullptr || zmq.zmq_bind(socket.get(), endpoint) != 0) return nullptr;
     return socket.release();
 }
 
 void *create_legacy_source(void *zmq_context) { return create_legacy_source_with_addr(zmq_context, defaultEndpoint); }
 
 void *register_legacy_sink_with_addr(void *zmq_context, const char *endpoint) {
-    ZmqSocket socket(zmq_socket(zmq_context, ZMQ_SUB));
-    if (!socket || endpoint == nullptr || zmq_setsockopt(socket.get(), ZMQ_SUBSCRIBE, "", 0) != 0 ||
-        zmq_connect(socket.get(), endpoint) != 0) {
+    const ZeroMq zmq = lateZeroMq.get();
+    ZmqSocket socket = openSocket(zmq, zmq_context, ZMQ_SUB);
+    if (!socket || endpoint == nullptr || zmq.zmq_setsockopt(socket.get(), ZMQ_SUBSCRIBE, "", 0) != 0 ||
+        zmq.zmq_connect(socket.get(), endpoint) != 0) {
         return nullptr;
     }
     return socket.release();
@@ -97,15 +139,17 @@ void *register_legacy_sink(void *zmq_context) { return register_legacy_sink_with
 
 int dispatch_legacy_event(void *socket, const vxevent_record *record) {
     if (record == nullptr) return -1;
+    const ZeroMq zmq = lateZeroMq.get();
+    if (zmq.zmq_msg_send == nullptr) return -1;
     vx::MallocPtr<vxevent_record> copy(static_cast<vxevent_record *>(std::malloc(sizeof *record)));
     if (!copy) return -1;
     *copy = *record;
 
     zmq_msg_t message;
-    if (zmq_msg_init_data(&message, copy.get(), sizeof *record, freeRecord, nullptr) != 0) return -1;
+    if (zmq.zmq_msg_init_data(&message, copy.get(), sizeof *record, freeRecord, nullptr) != 0) return -1;
     (void)copy.release();  // the message's from here on, freed by whoever is done with it last
-    if (zmq_msg_send(&message, socket, 0) == static_cast<int>(sizeof *record)) return 0;
+    if (zmq.zmq_msg_send(&message, socket, 0) == static_cast<int>(sizeof *record)) return 0;
     const vx::ErrnoKeeper keeper;
-    zmq_msg_close(&message);
+    zmq.zmq_msg_close(&message);
     return -1;
 }
