@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 // Libraries that are looked for at first use: found, missing, there already.
 #include <dlfcn.h>
+#include <event2/bufferevent.h>
 #include <gtest/gtest.h>
 #include <sys/mount.h>
 #include <vxutils/vxevent.h>
@@ -50,6 +51,8 @@ private:
 
 const void *zmqFunction() { return reinterpret_cast<const void *>(&zmq_socket); }
 
+const void *libeventFunction() { return reinterpret_cast<const void *>(&bufferevent_read); }
+
 const std::vector<LogLine> noZeroMq{{3, "unable to load libzmq.so.5"}};
 
 TEST(LateBinding, ZeroMqIsLoadedAtFirstUse) {
@@ -57,7 +60,7 @@ TEST(LateBinding, ZeroMqIsLoadedAtFirstUse) {
     ASSERT_NE(::dladdr(zmqFunction(), &info), 0);
     EXPECT_EQ(std::filesystem::path(info.dli_fname).filename(), "libzmq.so.5") << "the one of the headers";
     vxtest::SyslogCapture log;
-    EXPECT_EQ(steps({"loaded", "without-context", "loaded"}), "0\n-\nnull null -1\nzmq\n");
+    EXPECT_EQ(steps({"loaded", "without-context", "loaded"}), "0\n- -\nnull null -1\nzmq -\n");
     EXPECT_EQ(log.take(), std::vector<LogLine>{});
 }
 
@@ -66,7 +69,7 @@ TEST(LateBinding, WithoutZeroMqEveryCallFailsAndOneLineIsLogged) {
     const Missing missing(zmqFunction());
     ASSERT_TRUE(missing.valid());
     vxtest::SyslogCapture log;
-    EXPECT_EQ(steps({"without-context", "without-context", "loaded"}), "0\nnull null -1\nnull null -1\n-\n");
+    EXPECT_EQ(steps({"without-context", "without-context", "loaded"}), "0\nnull null -1\nnull null -1\n- -\n");
     EXPECT_EQ(log.take(), noZeroMq);
     EXPECT_EQ(steps({"threads", "without-context"}), "0\nnull null -1\nnull null -1\n");
     EXPECT_EQ(log.take(), noZeroMq);
@@ -74,12 +77,40 @@ TEST(LateBinding, WithoutZeroMqEveryCallFailsAndOneLineIsLogged) {
 
 TEST(LateBinding, ThreadsMayMakeTheFirstCallAtOnce) {
     vxtest::SyslogCapture log;
-    EXPECT_EQ(steps({"threads", "loaded"}), "0\nnull null -1\nzmq\n");
+    EXPECT_EQ(steps({"threads", "loaded"}), "0\nnull null -1\nzmq -\n");
     EXPECT_EQ(log.take(), std::vector<LogLine>{});
 }
 
 TEST(LateBinding, ZeroMqOfAPlugInIsUsedAndStays) {
-    EXPECT_EQ(steps({"plugin", "loaded", "plugin"}), "0\nsent 0\nzmq\nsent 0\n");
+    EXPECT_EQ(steps({"plugin", "loaded", "plugin"}), "0\nsent 0\nzmq -\nsent 0\n");
+}
+
+// ---- libevent ----
+
+TEST(LateBinding, LibeventIsLoadedAtFirstUse) {
+    Dl_info info{};
+    ASSERT_NE(::dladdr(libeventFunction(), &info), 0);
+    EXPECT_EQ(std::filesystem::path(info.dli_fname).filename(), "libevent_core-2.1.so.7") << "the one of the headers";
+    vxtest::SyslogCapture log;
+    EXPECT_EQ(steps({"loaded", "without-base", "loaded"}), "0\n- -\nno fifo\n- event\n");
+    EXPECT_EQ(log.take(), std::vector<LogLine>{});
+}
+
+TEST(LateBinding, WithoutLibeventThereIsNoFifoAndOneLineIsLogged) {
+    if (vxtest::emulated()) GTEST_SKIP() << "the emulator's libraries lie in a directory that it hides";
+    const Missing missing(libeventFunction());
+    ASSERT_TRUE(missing.valid());
+    vxtest::SyslogCapture log;
+    EXPECT_EQ(steps({"without-base", "without-base", "loaded"}), "0\nno fifo\nno fifo\n- -\n");
+    EXPECT_EQ(log.take(), (std::vector<LogLine>{{3, "unable to load libevent_core-2.1.so.7"}}));
+}
+
+TEST(LateBinding, LibeventOfAPlugInIsUsedAndStays) {
+    EXPECT_EQ(steps({"core-base", "loaded", "core-base"}), "0\nreceived 7\n- event\nreceived 7\n");
+    if (void *const whole = ::dlopen("libevent-2.1.so.7", RTLD_NOW)) {  // not on every machine
+        ::dlclose(whole);
+        EXPECT_EQ(steps({"whole-base", "loaded", "whole-base"}), "0\nreceived 7\n- event\nreceived 7\n");
+    }
 }
 
 }  // namespace

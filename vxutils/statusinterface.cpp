@@ -21,6 +21,7 @@ extern "C" {
 #include "vxutils/internal/fd.h"
 #include "vxutils/internal/guarded_open.h"
 #include "vxutils/internal/handles.h"
+#include "vxutils/internal/late_library.h"
 #include "vxutils/internal/log.h"
 #include "vxutils/internal/retry.h"
 #include "vxutils/internal/status_path.h"
@@ -102,21 +103,50 @@ bool readValue(const vx::Fd &file, uintmax_t size, String &value) {
     return false;
 }
 
+VX_LATE_NOTE(LibeventNote, R"([{"feature":"status-fifos","description":"Messages to status FIFOs in libevent's loop",)"
+                           R"("priority":"recommended","soname":["libevent_core-2.1.so.7","libevent-2.1.so.7"]}])");
+
+// The functions of libevent that are used here.
+struct Libevent {
+    // The second holds all of the first.
+    static constexpr std::array sonames{"libevent_core-2.1.so.7", "libevent-2.1.so.7"};
+
+    decltype(&::bufferevent_disable) bufferevent_disable;
+    decltype(&::bufferevent_enable) bufferevent_enable;
+    decltype(&::bufferevent_free) bufferevent_free;
+    decltype(&::bufferevent_getcb) bufferevent_getcb;
+    decltype(&::bufferevent_new) bufferevent_new;
+    decltype(&::bufferevent_read) bufferevent_read;
+    decltype(&::event_assign) event_assign;
+    decltype(&::event_debug_unassign) event_debug_unassign;
+    decltype(&::event_get_base) event_get_base;
+    decltype(&::event_get_struct_event_size) event_get_struct_event_size;
+
+    bool find([[maybe_unused]] vx::LateLibrary &library) {
+        return VX_FIND_LATE(library, bufferevent_disable) && VX_FIND_LATE(library, bufferevent_enable) &&
+               VX_FIND_LATE(library, bufferevent_free) && VX_FIND_LATE(library, bufferevent_getcb) &&
+               VX_FIND_LATE(library, bufferevent_new) && VX_FIND_LATE(library, bufferevent_read) &&
+               VX_FIND_LATE(library, event_assign) && VX_FIND_LATE(library, event_debug_unassign) &&
+               VX_FIND_LATE(library, event_get_base) && VX_FIND_LATE(library, event_get_struct_event_size);
+    }
+};
+constinit vx::LateCalls<Libevent> lateLibevent;
+
 // bufferevent_new() takes it for granted that there is one; an event without base is given it, or has none still.
-bool haveCurrentEventBase() {
-    const vx::MallocPtr<event> probe(static_cast<event *>(calloc(1, event_get_struct_event_size())));
+bool haveCurrentEventBase(const Libevent &libevent) {
+    const vx::MallocPtr<event> probe(static_cast<event *>(calloc(1, libevent.event_get_struct_event_size())));
     const auto nothing = [](evutil_socket_t, short, void *) {};
-    if (probe == nullptr || event_assign(probe.get(), nullptr, -1, 0, nothing, nullptr) == -1) return false;
-    const bool have = event_get_base(probe.get()) != nullptr;
-    event_debug_unassign(probe.get());
+    if (probe == nullptr || libevent.event_assign(probe.get(), nullptr, -1, 0, nothing, nullptr) == -1) return false;
+    const bool have = libevent.event_get_base(probe.get()) != nullptr;
+    libevent.event_debug_unassign(probe.get());
     return have;
 }
 
 unsigned long identifierOf(const bufferevent *bev) { return reinterpret_cast<unsigned long>(bev); }
 
-bufferevent_data_cb readCallbackOf(bufferevent *bev) {
+bufferevent_data_cb readCallbackOf(const Libevent &libevent, bufferevent *bev) {
     bufferevent_data_cb callback = nullptr;
-    bufferevent_getcb(bev, &callback, nullptr, nullptr, nullptr);
+    libevent.bufferevent_getcb(bev, &callback, nullptr, nullptr, nullptr);
     return callback;
 }
 
@@ -185,11 +215,13 @@ bool StatusInterface::setLink(const String &name, const String &target) {
 unsigned long StatusInterface::setupIpcRxFifo(const String &name, StatusFifoObserver *observer) {
     auto fifo = std::unique_ptr<Fifo>(new Fifo{nullptr, -1, nullptr, path_ + name});
     vx::Fd fd = makeFifo(fifo->path);
-    if (!fd.valid() || !haveCurrentEventBase()) return 0;
-    fifo->bev = bufferevent_new(fd.get(), STATUS_FIFO_READ_EVENT, nullptr, nullptr, observer);
+    if (!fd.valid()) return 0;
+    const Libevent libevent = lateLibevent.get();
+    if (libevent.bufferevent_new == nullptr || !haveCurrentEventBase(libevent)) return 0;
+    fifo->bev = libevent.bufferevent_new(fd.get(), STATUS_FIFO_READ_EVENT, nullptr, nullptr, observer);
     if (fifo->bev == nullptr) return 0;
-    if (bufferevent_enable(fifo->bev, EV_READ) == -1) {
-        bufferevent_free(fifo->bev);
+    if (libevent.bufferevent_enable(fifo->bev, EV_READ) == -1) {
+        libevent.bufferevent_free(fifo->bev);
         return 0;
     }
 
@@ -207,8 +239,9 @@ void StatusInterface::deleteIpcRxFifo(unsigned long id) {
     *link = fifo->next;
     // The event leaves the base while its descriptor is still open: the next file gets the same number, and a base that
     // has that number already would never watch it. In the callback of this FIFO bufferevent_free() alone is too late.
-    bufferevent_disable(fifo->bev, EV_READ | EV_WRITE);
-    bufferevent_free(fifo->bev);
+    const Libevent libevent = lateLibevent.get();
+    libevent.bufferevent_disable(fifo->bev, EV_READ | EV_WRITE);
+    libevent.bufferevent_free(fifo->bev);
     ::close(fifo->fd);
     const vx::StatusPath place(fifo->path.c_str(), vx::Use::writing);
     if (place.valid()) ::unlinkat(place.directory(), place.name(), 0);
@@ -223,10 +256,11 @@ void StatusInterface::STATUS_FIFO_READ_EVENT(struct bufferevent *bev, void *obse
     auto *receiver = static_cast<StatusFifoObserver *>(observer);
     // An observer that deletes its FIFO, and perhaps itself, must not be called again: libevent forgets the callback
     // then, while the buffered event itself lasts until its callbacks are over.
-    const bufferevent_data_cb callback = readCallbackOf(bev);
+    const Libevent libevent = lateLibevent.get();
+    const bufferevent_data_cb callback = readCallbackOf(libevent, bev);
     char data[pieceSize + 1];
-    while (readCallbackOf(bev) == callback) {
-        const size_t length = bufferevent_read(bev, data, pieceSize);
+    while (readCallbackOf(libevent, bev) == callback) {
+        const size_t length = libevent.bufferevent_read(bev, data, pieceSize);
         if (length == 0) return;
         data[length] = '\0';
         if (receiver != nullptr) receiver->fifoDataReceived(bev, data, length);

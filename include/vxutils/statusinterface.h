@@ -122,8 +122,10 @@ public:
      * who may write to it can send anything, and users who may read from it can take messages away: set the umask so.
      * @param name name of the FIFO.
      * @param observer receives the data; it must outlive the FIFO. Null throws the data away.
-     * @return the FIFO's identifier; 0 when a step failed, in particular when libevent has no current base. The file is
-     * left in place then.
+     * Libevent is not loaded before the first call, and is that of the caller where the process has one. The first
+     * failure to load it is written to the system log.
+     * @return the FIFO's identifier; 0 when a step failed, in particular when libevent has no current base or cannot be
+     * loaded. The file is left in place then.
      */
     unsigned long setupIpcRxFifo(const String &name, StatusFifoObserver *observer);
 

@@ -5,6 +5,7 @@
 //
 // Each step prints one line; a step of several threads prints what all of them got.
 #include <dlfcn.h>
+#include <vxutils/statusinterface.h>
 #include <vxutils/vxevent.h>
 
 #include <cstdio>
@@ -26,7 +27,9 @@ bool isLoaded(const std::string &library) {
     }
     return false;
 }
-std::string loaded() { return isLoaded("libzmq") ? "zmq" : "-"; }
+std::string loaded() {
+    return std::string(isLoaded("libzmq") ? "zmq " : "- ") + (isLoaded("libevent") ? "event" : "-");
+}
 
 std::string outcome(const void *socket) { return socket == nullptr ? "null" : "socket"; }
 
@@ -36,6 +39,46 @@ std::string withoutContext() {
     return outcome(create_legacy_source(nullptr)) + " " + outcome(register_legacy_sink(nullptr)) + " " +
            std::to_string(dispatch_legacy_event(nullptr, &record));
 }
+
+class Counter : public StatusFifoObserver {
+public:
+    void fifoDataReceived(bufferevent *, char *, unsigned long length) override { received_ += length; }
+    unsigned long received() const { return received_; }
+
+private:
+    unsigned long received_ = 0;
+};
+
+constexpr const char *directory = "/tmp/status/late";
+
+std::string withoutBase() {
+    Counter counter;
+    StatusInterface status;
+    if (!status.setup(BASEPATH_STATUS, "/late")) return "no directory";
+    return status.setupIpcRxFifo("/fifo", &counter) == 0 ? "no fifo" : "fifo";
+}
+
+// A plug-in brings the event base, with symbols that are its own, and is unloaded while a FIFO is in use.
+std::string withPluginsBase(const char *file) {
+    void *const plugin = ::dlopen(file, RTLD_NOW | RTLD_LOCAL);
+    if (plugin == nullptr) return ::dlerror();
+    void *const base = reinterpret_cast<void *(*)()>(::dlsym(plugin, "event_init"))();
+    const auto loop = reinterpret_cast<int (*)(void *, int)>(::dlsym(plugin, "event_base_loop"));
+    const auto end = reinterpret_cast<void (*)(void *)>(::dlsym(plugin, "event_base_free"));
+    Counter counter;
+    StatusInterface status;
+    if (!status.setup(BASEPATH_STATUS, "/late")) return "no directory";
+    if (status.setupIpcRxFifo("/fifo", &counter) == 0) return "no fifo";
+    ::dlclose(plugin);
+    std::ofstream(std::string(directory) + "/fifo") << "message" << std::flush;
+    constexpr int once = 1;
+    loop(base, once);
+    status.cleanup();
+    end(base);
+    return "received " + std::to_string(counter.received());
+}
+std::string withCoreBase() { return withPluginsBase("libevent_core-2.1.so.7"); }
+std::string withWholeBase() { return withPluginsBase("libevent-2.1.so.7"); }
 
 std::string fromThreads() {
     std::vector<std::string> results(8);
@@ -70,7 +113,9 @@ std::string withPlugin() {
 
 int main(int argc, char **argv) {
     const std::map<std::string, std::string (*)()> steps{
-        {"loaded", loaded}, {"without-context", withoutContext}, {"threads", fromThreads}, {"plugin", withPlugin}};
+        {"loaded", loaded},           {"without-context", withoutContext}, {"threads", fromThreads},
+        {"plugin", withPlugin},       {"without-base", withoutBase},       {"core-base", withCoreBase},
+        {"whole-base", withWholeBase}};
     for (int i = 1; i < argc; ++i) {
         const auto step = steps.find(argv[i]);
         if (step == steps.end()) return 2;
