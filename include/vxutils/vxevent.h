@@ -16,9 +16,9 @@
  *
  * Threads: vxevent() from any thread, and any number of processes at once; a ZeroMQ socket by one thread at a time.
  * Signals: vxevent() may be called from a signal handler. fork(): a child must not use its parent's ZeroMQ sockets.
- * ZeroMQ is not loaded before the first call of a function that uses it, and is that of the caller where the process has
- * one. Where it cannot be loaded, these functions fail, and the first failure is written to the system log. Nothing else
- * here is.
+ * ZeroMQ is not loaded before the first call of a function that uses it, and is that of the caller where the process
+ * has one. Where it cannot be loaded, these functions fail, and the first failure is written to the system log. Nothing
+ * else here is.
  */
 #ifndef VXUTILS_VXEVENT_H
 #define VXUTILS_VXEVENT_H

@@ -14,8 +14,8 @@
 using torture::Disarmed;
 using torture::Run;
 
-// The loader keeps what it knows of a library in memory of its own, where the leak checker does not look; that the loader
-// is the caller it cannot see, for malloc() is the torturer's.
+// The loader keeps what it knows of a library in memory of its own, where the leak checker does not look; that the
+// loader is the caller it cannot see, for malloc() is the torturer's.
 extern "C" const char *__lsan_default_suppressions() { return "leak:_dl_map_object_deps\n"; }
 
 namespace {
