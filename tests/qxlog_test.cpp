@@ -194,8 +194,16 @@ TEST_F(DeviceLog, LongLinesAreSplitByTheNextEntry) {
 }
 
 TEST_F(DeviceLog, AMessageIsTakenAsItIs) {
-    EXPECT_EQ(qxlog(0, "100%s %n\nsecond"), 0);
-    EXPECT_EQ(readFile(logFile), "0: 2026-11-15 08:40 100%s %n\nsecond\n");
+    EXPECT_EQ(qxlog(0, "100%s %n \\ caf\xC3\xA9 \xE4"), 0);
+    EXPECT_EQ(readFile(logFile), "0: 2026-11-15 08:40 100%s %n \\ caf\xC3\xA9 \xE4\n");
+}
+
+TEST_F(DeviceLog, AMessageForgesNoEntryAndSteersNoTerminal) {
+    EXPECT_EQ(qxlog(1, "down\n2: 2026-11-15 08:41 up\r\x1B[2J"), 0);
+    EXPECT_EQ(readFile(logFile), "1: 2026-11-15 08:40 down\\x0A2: 2026-11-15 08:41 up\\x0D\\x1B[2J\n");
+    EXPECT_EQ(qxlog(2, "a backslash \\x0A of the message's own"), 0);
+    EXPECT_THAT(readFile(logFile),
+                testing::StartsWith("2: 2026-11-15 08:40 a backslash \\x5Cx0A of the message's own\n"));
 }
 
 TEST_F(DeviceLog, AnOldTemporaryFileIsUsedUp) {

@@ -19,6 +19,7 @@
 #include "vxutils/internal/retry.h"
 #include "vxutils/internal/safe_open.h"
 #include "vxutils/internal/semaphore_set.h"
+#include "vxutils/internal/visible.h"
 
 using vx::Fd;
 using vx::FilePtr;
@@ -212,7 +213,7 @@ int qxlog(int number, const char *message) {
 
     FilePtr temporary = toStream(openEmptiedTemporary(limits), "w+");
     if (!temporary) return failed("open");
-    std::fprintf(temporary.get(), "%d: %s %s\n", number, time, message);
+    std::fprintf(temporary.get(), "%d: %s %s\n", number, time, vx::VisibleText(message).c_str());
     if (!copyOldLines(temporary.get(), limits)) return failed("open");
     // Complete before it becomes the log, and locked until it is.
     if (std::fflush(temporary.get()) != 0 || std::ferror(temporary.get()) != 0 ||

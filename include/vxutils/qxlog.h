@@ -40,7 +40,9 @@ VXUTILS_BEGIN_DECLS
  * right.
  *
  * @param number  level or event code
- * @param message text of the entry; lines of more than 1023 characters are split when the next entry is added
+ * @param message text of the entry; control bytes, newlines among them, are written as \xNN, and a backslash that would
+ *                read as such an escape as \x5C; lines of more than 1023 characters are split when the next entry is
+ *                added
  * @return 0; -1 on failure (reported), and for NULL and "", which touch nothing
  */
 VXUTILS_API int qxlog(int number, const char *message);
