@@ -326,7 +326,7 @@ TEST_F(ExecCommand, DetachedStartsAreSerialisedByTheirDirectory) {
     EXPECT_LE(lines.size(), 4u);
 }
 
-// ---- _exec_command: tokens that nobody will remove ----
+// ---- _exec_command: tokens of processes that have ended ----
 
 constexpr uid_t stranger = 12345;
 

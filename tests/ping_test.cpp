@@ -465,7 +465,7 @@ vxtest::Responder::Answer repliesFrom(const Bytes &sender) {
     };
 }
 
-// Another host of the target's network, one of elsewhere, the pinging host itself, nobody.
+// Another host of the target's network, one of elsewhere, the pinging host itself, an address without a host.
 const Bytes strangers[] = {{192, 0, 2, 77}, {203, 0, 113, 5}, {192, 0, 2, 10}, {0, 0, 0, 0}, {192, 0, 2, 0}};
 
 TEST_F(Ping, APlainReplyOfAnotherHostDoesNotCount) {

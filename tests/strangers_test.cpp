@@ -632,7 +632,7 @@ TEST_F(StatusTree, NothingHangsAtAFifo) {
     EXPECT_EQ(IpInterfaceStatus().haveNetworkConnectivity(), 1);
 }
 
-// A value is a message where somebody reads the FIFO; a full one is not waited for.
+// A value is a message where a process reads the FIFO; a full one is not waited for.
 TEST_F(StatusTree, AFifoThatIsReadTakesWhatFits) {
     StatusInterface status;
     ASSERT_TRUE(status.setup(BASEPATH_STATUS, "/daemon"));

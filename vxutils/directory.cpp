@@ -76,8 +76,8 @@ int makeBelow(Fd &above, const char *name, const char *shown) {
     return 0;
 }
 
-// Makes every directory of a path. What this call makes, it goes on from by its descriptor: a link that somebody puts
-// in its place is not followed.
+// Makes every directory of a path. What this call makes, it goes on from by its descriptor: a link that another process
+// puts in its place is not followed.
 int makeDirectories(char *path) {
     Fd made;
     // The whole path at once: most often the directory exists. Any other failure is left to the walk below, whose
@@ -99,7 +99,7 @@ void removeEntry(int directory, const char *name) {
 }
 
 // Removes everything in a directory. -1 with errno when an entry of it cannot be examined, or when a directory was
-// moved elsewhere meanwhile: the rest then stays. Further down an entry that cannot be examined keeps its directory
+// moved elsewhere by then: the rest then stays. Further down an entry that cannot be examined keeps its directory
 // only.
 int deleteEntries(Fd top) {
     TreePlace place(std::move(top), O_RDONLY);

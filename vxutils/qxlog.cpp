@@ -127,7 +127,7 @@ bool isOpenToStrangers(const struct stat &status) {
 }
 
 // The temporary file, empty and locked until it is closed. The semaphore may let two writers pass; this lock makes them
-// wait for each other. Whoever waited for a file that has lost its name meanwhile, to a rename, takes the one that has
+// wait for each other. Whoever waited for a file that has lost its name to a rename, takes the one that has
 // the name now. Strangers cannot open the file before it is the log, so whoever holds the lock is a writer; only one
 // that an ordinary user made, or a program with another mode, is replaced when its lock is held for long.
 Fd openEmptiedTemporary(const Limits &limits) {

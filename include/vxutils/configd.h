@@ -179,7 +179,7 @@ VXUTILS_API int configd_recv(configd_handle *handle, char *data, int size);
 
 /**
  * Reads the value of one record's key. On failure the record is unchanged and the handle is not reconnected; when no
- * proper answer came, its socket receives nothing any more, and the next request connects anew.
+ * proper answer came, its socket receives nothing any more, and the next request connects again.
  * @return 0, or -1 for NULL arguments, an empty key or a failed exchange (logged).
  */
 VXUTILS_API int configd_prepare_get(configd_handle *handle, configd_entry *entry);

@@ -34,7 +34,7 @@
  * @c std::bad_alloc from constructors.
  *
  * Privileges: a lock serves the processes of one user. What an ordinary user other than the effective one has made
- * under a lock's name is not used: a semaphore is removed and made anew where this process may do that (root may) and
+ * under a lock's name is not used: a semaphore is removed and made again where this process may do that (root may) and
  * makes init() fail otherwise; a shared-memory object leaves the lock unusable. So does an object that its group or
  * others may write: whoever can write a mutex can make its users write anywhere in their memory.
  *
@@ -77,7 +77,7 @@ public:
     /**
      * Finds the semaphore, or makes it, free and for this user only.
      *
-     * A semaphore on which nobody has ever operated is not used: its maker gets a second to make it free, then it is
+     * A semaphore that has never been operated on is not used: its maker gets a second to make it free, then it is
      * replaced. No two processes are let in by that at once. A semaphore that another ordinary user made is replaced at
      * once, or refused where this process may not remove it. Waits at most 5 s.
      * @return 0, or -1 with the reason in the system log

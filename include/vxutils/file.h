@@ -151,7 +151,7 @@ VXUTILS_API int readaddress(const char *name, struct sockaddr *addr);
 /**
  * Makes one directory, readable and searchable for everybody and writable for nobody (mode 0555). One that exists, or a
  * symbolic link of that name wherever it points, is success and left as it is. The mode is set on the directory that
- * was made; when something else has taken its place meanwhile, that is a failing chmod.
+ * was made; when something else has taken its place by then, that is a failing chmod.
  *
  * @param path directory to make
  * @return 0 or -1, with a message (LOG_ERR; a failing chmod LOG_DEBUG). NULL is -1 without a message.
@@ -184,7 +184,7 @@ VXUTILS_API int delete_regular_file(const char *name);
  *
  * @param path directory or file
  * @return 0, also when something could not be removed; -1 for NULL and "", when an entry of the directory cannot be
- *         examined, and when one of its directories was moved elsewhere meanwhile (ESTALE): the rest then stays
+ *         examined, and when one of its directories was moved elsewhere during it (ESTALE): the rest then stays
  */
 VXUTILS_API int delete_directory(const char *path);
 
@@ -230,7 +230,7 @@ VXUTILS_API int copy_file(const char *src, const char *dst);
  *
  * What copy_file() cannot copy is such a failure: a FIFO, as status trees hold them, a socket, a character device, a
  * link that leads nowhere or to a directory. So is a directory that cannot be read to its end, and one that was moved
- * elsewhere meanwhile (ESTALE). A copy into the tree itself, which would have no end, is refused with EINVAL before
+ * elsewhere during it (ESTALE). A copy into the tree itself, which would have no end, is refused with EINVAL before
  * anything is made. A tree copied onto itself stays as it is.
  *
  * @param src directory to copy, or a link to it

@@ -59,7 +59,7 @@ public:
 
     /**
      * Called with the next piece of the data. Where a message ends is not kept: one may come in several pieces, several
-     * may come in one. Deleting the FIFO from here is allowed, and making it anew: nothing more of the old one arrives
+     * may come in one. Deleting the FIFO from here is allowed, and making it again: nothing more of the old one arrives
      * then, and its event has left the base when deleteIpcRxFifo() returns, so that a descriptor which is opened next
      * and gets the same number can be watched at once.
      * @param bev the FIFO's identifier, as a pointer.

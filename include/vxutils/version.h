@@ -34,7 +34,7 @@
 
 #include <vxutils/api.h>
 
-#define VXUTILS_VERSION_MAJOR 1 /**< counts up when programs have to be changed or compiled anew */
+#define VXUTILS_VERSION_MAJOR 1 /**< counts up when programs have to be changed or compiled again */
 #define VXUTILS_VERSION_MINOR 0 /**< counts up when something was added */
 #define VXUTILS_VERSION_PATCH 0 /**< counts up when something was put right */
 

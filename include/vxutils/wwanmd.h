@@ -25,7 +25,7 @@
  * before the next command.
  *
  * **Late answers.** An answer does not tell which command it belongs to. When the time-out of a command ends without
- * its final answer, the next wwanmd_send() or wwanmd_command() therefore connects anew before it sends, whatever has
+ * its final answer, the next wwanmd_send() or wwanmd_command() therefore connects again before it sends, whatever has
  * come until then: what the daemon still sends on the old connection is lost. No command gets the answer to an earlier
  * one that timed out, however late it comes, however often it is sent and in whatever order. wwanmd_recv() alone may be
  * called again to go on waiting. Not guaranteed, because the connection is kept: a daemon that sends more than one

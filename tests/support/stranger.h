@@ -78,7 +78,7 @@ inline void swapEntries(const char *one, const char *other) {
     ::syscall(SYS_renameat2, AT_FDCWD, one, AT_FDCWD, other, exchange);
 }
 
-// Gives a file, or a tree without its links' targets, to a user. What disappears meanwhile does not matter.
+// Gives a file, or a tree without its links' targets, to a user. What disappears on the way does not matter.
 inline void giveTo(uid_t user, const std::string &path) {
     std::error_code ignored;
     (void)!::lchown(path.c_str(), user, user);

@@ -396,7 +396,7 @@ std::vector<Example> examplesOf(const fs::path &page) {
     return examples;
 }
 
-// Whether a text is as expected, in which "..." stands for any text on one line.
+// Whether a text is as expected, in which "..." matches any text on one line.
 bool fits(const std::string &text, const std::string &expected) {
     const size_t dots = expected.find("...");
     if (dots == std::string::npos) return text == expected;

@@ -37,7 +37,7 @@ extern const std::span<const Command *const> allCommands;
 const Command *findCommand(std::string_view name);
 const Verb *findVerb(const Command &command, std::string_view name);
 
-// Tells that a word is no command, or no subcommand of the command, and what may have been meant.
+// Tells that a word is not a command, or not a subcommand of the command, and what may have been meant.
 Usage unknownCommand(std::string_view word);
 Usage unknownVerb(const Command &command, std::string_view word);
 

@@ -43,7 +43,7 @@ vxevent_record recordFrom(const Arguments &arguments) {
 int raise(const Arguments &arguments, Output &out) {
     const vxevent_record record = recordFrom(arguments);
     const milliseconds longest = arguments.seconds("wait").value_or(fullTime);
-    // The library succeeds, and the event is lost, where nobody has the FIFO open.
+    // The library succeeds, and the event is lost, where no process has the FIFO open.
     if (!Fd(::open(fifo, O_WRONLY | O_NONBLOCK | O_CLOEXEC)).valid()) {
         if (errno == ENXIO) throw Failure(fifo, "no event manager reads it");
         throw systemFailure(fifo);

@@ -19,7 +19,7 @@ constexpr const char *path = "/var/log/qxlog";
 constexpr size_t firstSize = 65536;
 constexpr size_t largestSize = 64U << 20;
 
-// What is written to standard error meanwhile: the device log's functions report their errors there.
+// What is written to standard error during a call: the device log's functions report their errors there.
 class ErrorText {
 public:
     ErrorText() : text_(::memfd_create("errors", MFD_CLOEXEC)), before_(::fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 0)) {

@@ -60,7 +60,7 @@ int watch(const Arguments &arguments, Output &out) {
     const auto tell = [&](const char *change, int pid, const std::string &name) {
         return follow.print({{"change", change}, {"pid", pid}, {"name", name}}, Plain::words);
     };
-    // Names are read anew each time: a process that was seen between fork and exec had its parent's.
+    // Names are read again each time: a process that was seen between fork and exec had its parent's.
     for (Processes known;;) {
         Processes now = find(arguments[0]);
         for (const auto &[pid, name] : known) {

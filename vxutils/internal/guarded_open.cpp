@@ -102,7 +102,7 @@ private:
     bool kernels_ = false;
 };
 
-// Opens what an open path (O_PATH) stands for.
+// Opens what an open path (O_PATH) refers to.
 Fd reopen(const Fd &place, const Links &links) noexcept {
     char name[sizeof "/proc/self/fd/" + 11];
     (void)std::snprintf(name, sizeof name, "/proc/self/fd/%d", place.get());

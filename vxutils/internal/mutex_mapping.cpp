@@ -66,7 +66,7 @@ Mapping *add(int fd, const struct stat &status) {
 pthread_mutex_t *mapMutex(int fd, const struct stat &status) {
     survivesFork();
     const std::lock_guard lock(access);
-    // The mapping keeps its object alive, so the numbers are not given to another one meanwhile.
+    // The mapping keeps its object alive, so the numbers are not given to another one.
     Mapping *mapping = find(status);
     if (mapping == nullptr) mapping = add(fd, status);
     if (mapping == nullptr) return nullptr;

@@ -11,7 +11,7 @@
 namespace vx {
 
 // Throws away the packets from before a socket's filter: they queue up from the moment the socket exists. The number is
-// more than any queue holds; a sender that floods the socket meanwhile cannot keep it busy.
+// more than any queue holds; a sender that floods the socket cannot keep it busy.
 inline void dropUnfiltered(int fd) noexcept {
     constexpr int mostQueued = 65536;
     uint8_t byte = 0;

@@ -22,7 +22,7 @@ enum class SemaphoreProblem {
 };
 
 // The id of a set that a trusted user made and that has been free once; -1 with errno and `problem` set. A set that
-// nobody has ever operated on is given a second and then replaced, a stranger's is replaced at once. Two processes that
+// has never been operated on is given a second and then replaced, a stranger's is replaced at once. Two processes that
 // obtain a set of one key never hold different ones at the same time.
 int obtainSemaphore(key_t key, SemaphoreDeadline deadline, SemaphoreProblem &problem);
 

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Walking trees of directories by descriptors, so that a directory that is swapped for a link meanwhile leads nowhere.
+// Walking trees of directories by descriptors, so that a directory that is swapped for a link leads nowhere.
 #pragma once
 
 #include <sys/stat.h>
@@ -60,7 +60,7 @@ public:
     // Enters a subdirectory that is open already.
     void down(Fd subdirectory);
 
-    // Returns to the directory above; false with errno, ESTALE when this one was moved elsewhere meanwhile.
+    // Returns to the directory above; false with errno, ESTALE when this one was moved elsewhere.
     bool up();
 
 private:
