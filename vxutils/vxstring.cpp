@@ -299,6 +299,10 @@ bool isPlainFormat(const char *fmt) {
 // because its arguments may lie in there.
 class Formatted {
 public:
+#ifdef __clang__
+#pragma clang diagnostic push
+#pragma clang diagnostic ignored "-Wformat-nonliteral"  // the format is the caller's
+#endif
     Formatted(const char *fmt, va_list args) {
         if (fmt != nullptr && isPlainFormat(fmt) && writeShort(fmt, args)) return;
         va_list again;
@@ -312,10 +316,6 @@ public:
     [[nodiscard]] const char *text() const { return text_; }
 
 private:
-#ifdef __clang__
-#pragma clang diagnostic push
-#pragma clang diagnostic ignored "-Wformat-nonliteral"  // the format is the caller's
-#endif
     // The usual case without a measuring pass: a text that fits at once, whose length both formatters agree upon.
     bool writeShort(const char *fmt, va_list args) {
         va_list again;
