@@ -323,17 +323,24 @@ TEST_F(Objects, AChildUsesInheritedAndOwnObjectsOfOneName) {
                   CRecursiveSemaphore a(name);
                   CRecursiveSemaphore b(name);
                   if (a.lock() != 0 || b.lock() != 0) return 1;
+                  int refused[2];
+                  if (::pipe(refused) == -1) return 4;
                   const pid_t child = vxtest::startChild([&] {
                       ::alarm(hangs_s);
                       CRecursiveSemaphore own(name);
                       if (a.trylock() != EBUSY || own.trylock() != EBUSY || b.unlock() != EPERM) return 1;
+                      if (::write(refused[1], "r", 1) != 1) return 4;
                       if (a.lock() != 0 || own.lock() != 0 || b.lock() != 0) return 2;  // waits for the parent
                       return own.unlock() == 0 && a.unlock() == 0 && b.unlock() == 0 && mappings(name) == 1 ? 0 : 3;
                   });
-                  ::usleep(20000);
+                  ::close(refused[1]);
+                  char byte = 0;
+                  const bool told = ::read(refused[0], &byte, 1) == 1;
+                  ::close(refused[0]);
+                  ::usleep(20000);  // the child waits in lock() by now, most of the time
                   if (b.unlock() != 0 || a.unlock() != 0) return 2;
                   const int result = vxtest::waitChild(child);
-                  if (result != 0) return 10 + result;
+                  if (!told || result != 0) return 10 + result;
                   return a.lock() == 0 && b.unlock() == 0 ? 0 : 3;
               }),
               0);
