@@ -1,10 +1,14 @@
-# Removes the files that the last "cmake --install" of this build tree installed (DESTDIR is honoured), then the directories
-# that belong to this library alone.
-set(manifest "${CMAKE_CURRENT_BINARY_DIR}/install_manifest.txt")
-if(NOT EXISTS "${manifest}")
-  message(FATAL_ERROR "Nothing was installed from this build tree: there is no ${manifest}")
+# Removes the files that the last "cmake --install" of this build tree installed, and the last one of each component
+# (DESTDIR is honoured), then the directories that belong to this library alone.
+file(GLOB manifests "${CMAKE_CURRENT_BINARY_DIR}/install_manifest*.txt")
+if(NOT manifests)
+  message(FATAL_ERROR "Nothing was installed from this build tree: ${CMAKE_CURRENT_BINARY_DIR} has no install_manifest.txt")
 endif()
-file(STRINGS "${manifest}" files)
+set(files "")
+foreach(manifest IN LISTS manifests)
+  file(STRINGS "${manifest}" installed)
+  list(APPEND files ${installed})
+endforeach()
 set(own_directories "")
 foreach(file IN LISTS files)
   if(EXISTS "$ENV{DESTDIR}${file}" OR IS_SYMLINK "$ENV{DESTDIR}${file}")

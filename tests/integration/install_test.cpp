@@ -74,6 +74,12 @@ std::set<std::string> filesBelow(const std::string &dir) {
     return found;
 }
 
+std::string randomDirectory() {
+    std::string path = "/srv/XXXXXX";
+    EXPECT_NE(::mkdtemp(path.data()), nullptr);
+    return path;
+}
+
 void configureAndBuild(const std::string &tree, const std::string &project, const std::string &options) {
     shell("cmake -G Ninja -S " + quoted(project) + " -B " + quoted(tree) + " " + options + " && cmake --build " +
           quoted(tree));
@@ -148,8 +154,7 @@ TEST_F(Install, WorksInThePrefixOfTheSystem) {
 }
 
 TEST_F(Install, WorksInAnyOtherPrefixAndCanBeMoved) {
-    std::string random = "/srv/XXXXXX";
-    ASSERT_NE(::mkdtemp(random.data()), nullptr);
+    const std::string random = randomDirectory();
     const std::string prefix = random + "/my libraries";
     shell("cmake --install " + build + " --prefix " + quoted(prefix));
     expectPkgConfigWorks(prefix + "/lib");
@@ -218,13 +223,14 @@ TEST(PartOfAProject, BySubdirectoryItCanBeAStaticLibrary) {
 
 // The objects of the shared library serve, so that only the archive is made.
 TEST_F(Install, AsAStaticLibraryItIsUsedFromOutside) {
-    const std::string prefix = "/opt/static";
+    const std::string prefix = randomDirectory() + "/static libraries";
+    const auto before = filesBelow("/srv");
     std::string libraryDir = "lib/" + shell("cc -print-multiarch");
     libraryDir.pop_back();  // the newline
     shell("cmake -DBUILD_SHARED_LIBS=OFF -DCMAKE_INSTALL_LIBDIR=" + libraryDir + " " + build + " && cmake --build " +
           build + " --target vxutils");
     for (const std::string component : {"runtime", "development"})
-        shell("cmake --install " + build + " --prefix " + prefix + " --component " + component);
+        shell("cmake --install " + build + " --prefix " + quoted(prefix) + " --component " + component);
     EXPECT_TRUE(vxtest::exists(prefix + "/" + libraryDir + "/libvxutils.a"));
     EXPECT_FALSE(vxtest::exists(prefix + "/" + libraryDir + "/libvxutils.so"));
     expectPkgConfigWorks(prefix + "/" + libraryDir, "--static");
@@ -232,6 +238,8 @@ TEST_F(Install, AsAStaticLibraryItIsUsedFromOutside) {
     for (const char *program : {"/tmp/user/main-c", "/tmp/user/main-cxx", "/tmp/project/C/build/user"}) {
         EXPECT_THAT(shell(std::string("readelf -d ") + program), Not(testing::ContainsRegex("libvxutils|libdevlog")));
     }
+    shell("cmake --build " + build + " --target uninstall");
+    EXPECT_EQ(filesBelow("/srv"), before);
 }
 
 TEST(Configure, NamesThePackagesThatAreMissing) {
@@ -257,12 +265,13 @@ std::vector<std::string> readmeBlocks(const std::string &language) {
 // take longer than all other tests of this file.
 TEST_F(Install, TheCommandsOfTheReadmeWork) {
     shell("mkdir -p /tmp/upper /tmp/work /tmp/clone && mount -t overlay overlay -o lowerdir=" + source +
-          ",upperdir=/tmp/upper,workdir=/tmp/work /tmp/clone && rm -rf /tmp/clone/build/library");
+          ",upperdir=/tmp/upper,workdir=/tmp/work /tmp/clone && rm -rf /tmp/clone/build/release");
     const auto blocks = readmeBlocks("sh");
-    ASSERT_EQ(blocks.size(), 2U);
+    ASSERT_EQ(blocks.size(), 3U);
+    EXPECT_EQ(blocks[1], "scripts/demo\nscripts/test\n") << "has tests of its own; is what runs them";
     std::istringstream commands(blocks[0]);
-    std::vector<std::string> known{"apt-get install", "cmake --preset library", "cmake --build --preset library",
-                                   "cmake --install build/library --strip"};
+    std::vector<std::string> known{"apt-get install", "cmake --preset release", "cmake --build --preset release",
+                                   "cmake --install build/release --strip"};
     for (std::string command; std::getline(commands, command);) {
         ASSERT_FALSE(known.empty()) << command;
         ASSERT_EQ(command.rfind(known.front(), 0), 0U) << command;
@@ -271,15 +280,15 @@ TEST_F(Install, TheCommandsOfTheReadmeWork) {
         if (command.rfind("cmake --build", 0) == 0) {
             EXPECT_THAT(shell("cd /tmp/clone && " + command + " -- -n"), Not(HasSubstr("_test")));
         } else if (command.rfind("cmake --install", 0) == 0) {
-            shell(command.replace(command.find("build/library"), std::strlen("build/library"), build) + " && ldconfig");
+            shell(command.replace(command.find("build/release"), std::strlen("build/release"), build) + " && ldconfig");
         } else {
-            EXPECT_THAT(shell("cd /tmp/clone && " + command), HasSubstr("/tmp/clone/build/library"));
+            EXPECT_THAT(shell("cd /tmp/clone && " + command), HasSubstr("/tmp/clone/build/release"));
         }
     }
     EXPECT_THAT(known, testing::IsEmpty());
     EXPECT_LT(fs::file_size("/usr/lib/libvxutils.so.1.0.0"), 500000U);
     vxtest::writeFile("/tmp/user/main.c", readmeBlocks("c").at(0));
-    shell("cd /tmp/user && " + blocks[1]);
+    shell("cd /tmp/user && " + blocks[2]);
     shell("/tmp/user/main", 1);  // no configuration daemon here
 }
 
