@@ -391,7 +391,7 @@ TEST_F(ExecCommand, AStrangerWhoMakesTokensWithoutEndHoldsNoStartUp) {
     if (!vxtest::hasOtherUsers()) GTEST_SKIP() << "a box made by an ordinary user has no other";
     const key_t key = ::ftok(".", 52);
     std::vector<pid_t> makers;
-    for (int i = 0; i < 2; ++i) {
+    for (int i = 0; i < 4; ++i) {
         makers.push_back(vxtest::startChild([key] {
             if (::setresuid(stranger, stranger, stranger) != 0) return 1;
             for (;;) ::syscall(SYS_shmget, key, 4, IPC_CREAT | 0600);

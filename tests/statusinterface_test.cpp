@@ -445,7 +445,7 @@ TEST_F(StatusFifo, LeavesItsFileInPlaceWhenALaterStepFails) {
     ASSERT_EQ(::chown(directory_.c_str(), 12345, 12345), 0);
     EXPECT_EQ(vxtest::inChild([&] {
                   if (::setresuid(12345, 12345, 12345) == -1) return 1;
-                  ::umask(0777);  // nobody may open it
+                  ::umask(0777);  // no user may open it
                   return status_.setupIpcRxFifo("/rx", &recorder_) == 0 ? 0 : 2;
               }),
               0);

@@ -43,7 +43,7 @@ using Arguments = std::array<char *, mostWords + 1>;
 
 constexpr int handoverProject = 52;
 constexpr int handoverTries = 10;
-constexpr int mostRemovals = 20;  // of abandoned tokens in one try
+constexpr int mostRemovals = 3;  // of abandoned tokens in one try
 constexpr int64_t handoverPause_us = 100000;
 
 constexpr size_t outputPieceLength = 1022;
@@ -99,19 +99,20 @@ public:
     }
 
 private:
-    // Fails with EEXIST while another process has the token. Several removals in a row, because a process that makes
-    // tokens without end may have made another one by the time the abandoned one is removed.
+    // Fails with EEXIST while another process has the token. A stranger that makes tokens without end has made another one
+    // each time that one is removed: the record then does without a key, and so without being a token.
     bool claim(key_t key) {
         for (int removed = 0; removed < mostRemovals; ++removed) {
-            id_ = ::shmget(key, sizeof(int), IPC_CREAT | IPC_EXCL | 0600);
-            if (id_ != -1) return attach();
-            if (errno != EEXIST) {
-                vx::log(LOG_ERR, "Shared memory allocation failed: %s (%d)", std::strerror(errno), errno);
-                return false;
-            }
-            if (!vx::removeAbandonedSegment(key)) break;
+            if (make(key)) return true;
+            if (errno != EEXIST || !vx::removeAbandonedSegment(key)) return false;
         }
-        errno = EEXIST;
+        return make(IPC_PRIVATE);
+    }
+
+    bool make(key_t key) {
+        id_ = ::shmget(key, sizeof(int), IPC_CREAT | IPC_EXCL | 0600);
+        if (id_ != -1) return attach();
+        if (errno != EEXIST) vx::log(LOG_ERR, "Shared memory allocation failed: %s (%d)", std::strerror(errno), errno);
         return false;
     }
 

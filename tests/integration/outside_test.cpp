@@ -76,7 +76,7 @@ std::vector<std::string> differences(const Tree &before, const Tree &after) {
 // Says where it runs and tries to write wherever it or the gateway might reach the machine.
 const std::string program = R"sh(#!/bin/sh
 echo "running $0"
-for dir in / /home/me "/srv/my programs" /tmp /tmp/gateway /tmp/status /var/log /work /mnt "$(dirname "$0")" "$OLDPWD" .; do
+for dir in / /home/me "/srv/my programs" /tmp /tmp/gateway /tmp/status /var/log /data /mnt "$(dirname "$0")" "$OLDPWD" .; do
   echo spoilt >"$dir/note" || :
   ls "$dir" | sed "s|^|seen in $dir: |"
 done 2>/dev/null
@@ -88,12 +88,12 @@ exit 7
 class Outside : public testing::Test {
 protected:
     Outside() {
-        for (const char *dir : {"/home/me", "/srv/my programs", "/tmp/gateway", "/tmp/status", "/var/log", "/work"}) {
+        for (const char *dir : {"/home/me", "/srv/my programs", "/tmp/gateway", "/tmp/status", "/var/log", "/data"}) {
             vxtest::makeDirs(dir);
             vxtest::writeFile(std::string(dir) + "/mine", "precious");
         }
         vxtest::writeFile("/var/log/qxlog", "precious");
-        EXPECT_EQ(::chdir("/work"), 0);
+        EXPECT_EQ(::chdir("/data"), 0);
         EXPECT_EQ(::setenv("HOME", "/home/me", 1), 0);
     }
 
@@ -154,7 +154,7 @@ TEST_F(Outside, ProgramsThatLieWhereTheGatewayWorksTouchNothing) {
 }
 
 TEST_F(Outside, ProgramsOfTheUsersOwnDirectoriesTouchNothing) {
-    for (const char *path : {"/home/me/prog", "/srv/my programs/my prog", "/work/here"}) install(path);
+    for (const char *path : {"/home/me/prog", "/srv/my programs/my prog", "/data/here"}) install(path);
     ASSERT_EQ(::symlink("/srv/my programs/my prog", "/tmp/link"), 0);
     expectNothingTouched({{"--run", "/home/me/prog"},
                           {"--run", "/srv/my programs/my prog"},
@@ -229,7 +229,7 @@ TEST_F(Outside, TheGatewayHasTheLibraryWhereProgramsLookForIt) {
 }
 
 TEST_F(Outside, TheDemoSaysWhatIsWrongWithItsArguments) {
-    vxtest::writeFile("/work/text", "no program");
+    vxtest::writeFile("/data/text", "no program");
     const auto refused = [](const std::vector<std::string> &arguments, int status, const char *message) {
         const auto output = demo(arguments);
         EXPECT_EQ(output.status, status) << output.text;
@@ -237,8 +237,8 @@ TEST_F(Outside, TheDemoSaysWhatIsWrongWithItsArguments) {
     };
     refused({"--run", "/no/such/prog"}, 127, "/no/such/prog: not found");
     refused({"--run", "no-such-prog"}, 127, "no-such-prog: not found");
-    refused({"--run", "/work/text"}, 126, "/work/text: not a program that can be run");
-    refused({"--run", "/work"}, 126, "/work: not a program that can be run");
+    refused({"--run", "/data/text"}, 126, "/data/text: not a program that can be run");
+    refused({"--run", "/data"}, 126, "/data: not a program that can be run");
     refused({"--run"}, 2, "--run needs a program");
     refused({"--share", "/no/such/dir", "--run", "true"}, 2, "/no/such/dir is not a directory");
     refused({"--frob"}, 2, "unknown option --frob");

@@ -365,7 +365,7 @@ TEST_F(VxStatus, WatchEndsWhenNobodyReadsIt) {
 TEST_F(VxStatus, SendWritesToAReaderAndNeverHangs) {
     const std::string path = tree + "/command";
     ::mkfifo(path.c_str(), 0666);
-    EXPECT_EQ(vx({"status", "send", "command", "go"}).err, "vx: status send: command: nobody reads this FIFO\n");
+    EXPECT_EQ(vx({"status", "send", "command", "go"}).err, "vx: status send: command: no process reads this FIFO\n");
     const int reader = ::open(path.c_str(), O_RDONLY | O_NONBLOCK);
     vxJson("status-send", {"status", "send", "command", "go"});
     char data[8192] = {};

@@ -78,7 +78,7 @@ private:
     void *context_;
 };
 
-// Next record that is there; 1 for one, 0 for none, -1 for a message that is no record.
+// Next record that is there; 1 for one, 0 for none, -1 for a message that is not a record.
 int receive(void *socket, vxevent_record &record) {
     std::array<char, sizeof(vxevent_record) + 1> message;
     const int length = zmq_recv(socket, message.data(), message.size(), ZMQ_DONTWAIT);

@@ -95,7 +95,7 @@ void collect(const Tree &tree, const std::string &name, Files &files, DirectoryW
         try {
             collect(tree, below, files, watch);
         } catch (const Failure &) {
-            if (::access(pathOf(tree, below).c_str(), F_OK) == 0) throw;  // else it has gone meanwhile
+            if (::access(pathOf(tree, below).c_str(), F_OK) == 0) throw;  // else it has gone
         }
     }
 }
@@ -174,7 +174,7 @@ int send(const Arguments &arguments, Output &out) {
     if (data.size() > PIPE_BUF)
         throw Usage{"DATA is longer than " + std::to_string(PIPE_BUF) + " bytes, which may arrive mixed with others'"};
     const Fd fd(::open(pathOf(tree, name).c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY));
-    if (!fd.valid() && errno == ENXIO) throw Failure(name, "nobody reads this FIFO");
+    if (!fd.valid() && errno == ENXIO) throw Failure(name, "no process reads this FIFO");
     struct stat status {};
     if (!fd.valid() || ::fstat(fd.get(), &status) != 0) throw systemFailure(name);
     if (!S_ISFIFO(status.st_mode)) throw Failure(name, "is not a FIFO");

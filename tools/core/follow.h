@@ -10,7 +10,7 @@
 
 namespace tool {
 
-// Ends with Ctrl-C, SIGTERM, --count, --for, or when nobody reads standard output any more. From construction on the
+// Ends with Ctrl-C, SIGTERM, --count, --for, or when no process reads standard output any more. From construction on the
 // two signals are held back: no work is cut in the middle.
 class Follow {
 public:
