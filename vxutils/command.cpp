@@ -99,8 +99,8 @@ public:
     }
 
 private:
-    // Fails with EEXIST while another process has the token. A stranger that makes tokens without end has made another one
-    // each time that one is removed: the record then does without a key, and so without being a token.
+    // Fails with EEXIST while another process has the token. A stranger that makes tokens without end has made another
+    // one each time that one is removed: the record then does without a key, and so without being a token.
     bool claim(key_t key) {
         for (int removed = 0; removed < mostRemovals; ++removed) {
             if (make(key)) return true;

@@ -34,7 +34,8 @@ VXUTILS_BEGIN_DECLS
  * Detached starts from one working directory happen one at a time, whatever the process: one that finds another under
  * way tries again 10 times, 100 ms apart (LOG_INFO each time), and then gives up with -1. Their token is a System V
  * shared-memory segment. One that another user than root and the caller's effective user made, or whose maker has
- * ended, does not count: a caller that may do so removes it (LOG_INFO) and goes on, after three of them without a token.
+ * ended, does not count: a caller that may do so removes it (LOG_INFO) and goes on, after three of them without a
+ * token.
  *
  * A program that cannot be started ends with errno as its exit code. When no process can be forked ("fork failed",
  * LOG_ERR) the calling process itself becomes the program: the call does not return.

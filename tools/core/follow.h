@@ -10,8 +10,8 @@
 
 namespace tool {
 
-// Ends with Ctrl-C, SIGTERM, --count, --for, or when no process reads standard output any more. From construction on the
-// two signals are held back: no work is cut in the middle.
+// Ends with Ctrl-C, SIGTERM, --count, --for, or when no process reads standard output any more. From construction on
+// the two signals are held back: no work is cut in the middle.
 class Follow {
 public:
     enum class Event { ready, timeout, over };
