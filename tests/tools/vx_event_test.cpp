@@ -159,6 +159,22 @@ TEST_F(VxEvent, PublishWithoutASubscriberIsAFailure) {
     EXPECT_EQ(result.err, "vx: event publish: tcp://127.0.0.1:47011: no subscriber came\n");
 }
 
+// A file of that name that is not a library stands for a machine without it.
+TEST_F(VxEvent, WithoutZeroMqItSaysWhatIsMissing) {
+    vxtest::writeFile("/tmp/empty/libzmq.so.5", "");
+    const vxtest::VxSetting setting{.environment = {{"LD_LIBRARY_PATH", "/tmp/empty"}}};
+    for (const auto &words : {std::vector<std::string>{"event", "listen"}, {"event", "publish", "1", "2"}}) {
+        const auto result = vx(words, setting);
+        EXPECT_EQ(result.status, 1);
+        EXPECT_EQ(result.out, "");
+        EXPECT_EQ(result.err, "vx: event " + words[1] +
+                                  ": ZeroMQ: /tmp/empty/libzmq.so.5: file too short; listen and publish need it\n");
+    }
+    Manager manager;
+    EXPECT_EQ(vx({"event", "raise", "1", "2"}, setting).status, 0) << "which does not use it";
+    EXPECT_THAT(vx({"doctor", "event"}, setting).out, HasSubstr("missing event ZeroMQ: ZeroMQ: /tmp/empty/"));
+}
+
 TEST_F(VxEvent, AnEndpointInUseOrUnknownIsNamed) {
     void *context = zmq_ctx_new();
     void *source = create_legacy_source(context);

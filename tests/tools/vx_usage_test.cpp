@@ -163,6 +163,49 @@ TEST(VxTable, EverySubcommandHasASchemaAndNoneIsLeftOver) {
     EXPECT_EQ(found, expected);
 }
 
+// ---- the program as a file
+
+class VxFile : public testing::Test {
+protected:
+    void SetUp() override {
+        if (!vxtest::exists("/usr/bin/readelf")) GTEST_SKIP() << "no readelf on this machine";
+    }
+    static std::string readelf(const std::string &option) {
+        const auto output = vxtest::run({"readelf", option, vxtest::built("tools/vx")});
+        EXPECT_EQ(output.status, 0) << output.text;
+        return output.text;
+    }
+};
+
+// Every start pays for what the program is linked to.
+TEST_F(VxFile, NeedsOnlyTheLibraryAndTheCompilersLibraries) {
+    const std::vector<std::string> known{"libvxutils.", "libstdc++.", "libgcc_s.", "libc.",
+                                         "libm.",       "ld-linux",   "libasan.",  "libubsan."};
+    int needed = 0;
+    for (const std::string &line : linesOf(readelf("-dW"))) {
+        if (line.find("(NEEDED)") == std::string::npos) continue;
+        ++needed;
+        const std::string name = line.substr(line.find('[') + 1);
+        EXPECT_TRUE(std::any_of(known.begin(), known.end(), [&](const auto &one) { return name.rfind(one, 0) == 0; }))
+            << line;
+    }
+    EXPECT_GE(needed, 3);
+}
+
+TEST_F(VxFile, TellsPackagersWhatItLoadsLater) {
+    const std::string note = readelf("-p.note.dlopen");
+    EXPECT_THAT(note, HasSubstr("FDO"));
+    EXPECT_THAT(note, HasSubstr(R"("soname":["libzmq.so.5"])"));
+}
+
+TEST_F(VxFile, StartsWithoutConstructorsOfItsOwn) {
+#if defined(__SANITIZE_ADDRESS__)
+    GTEST_SKIP() << "the sanitizer registers every global object in a constructor";
+#endif
+    const auto cost = vxtest::run({source + "/scripts/loading-cost", vxtest::built("tools/vx")});
+    EXPECT_THAT(cost.text, HasSubstr("\nconstructors 1\n")) << "the compiler's own alone";
+}
+
 // ---- output
 
 TEST(VxOutput, AFullDiskIsAFailureOfEveryCommandThatPrints) {

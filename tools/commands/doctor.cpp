@@ -20,6 +20,7 @@
 #include "commands/commands.h"
 #include "core/failure.h"
 #include "core/fd.h"
+#include "core/zeromq.h"
 
 namespace tool {
 
@@ -145,6 +146,15 @@ Finding publisher() {
     return connected ? found() : lacking(std::string("tcp://127.0.0.1:47011: ") + std::strerror(errno));
 }
 
+Finding legacyEvents() {
+    try {
+        zeroMq();
+        return found();
+    } catch (const Failure &failure) {
+        return lacking(failure.text);
+    }
+}
+
 Finding firewallLock() {
     constexpr const char *path = "/var/lock/iptables_flock_file";
     if (::access(path, F_OK) == 0) return permitted(path, R_OK);
@@ -174,6 +184,7 @@ std::vector<Check> allChecks() {
         {"event", "FIFO", needed, "start the event manager; this user must be able to read and write its FIFO",
          eventFifo},
         {"event", "manager", needed, "start the event manager", eventManager},
+        {"event", "ZeroMQ", ifFitted, "install it", legacyEvents},
         {"event", "publisher", ifFitted, "start the daemon that publishes events", publisher},
         {"log", "key file", needed, "make the file: the log's lock is found by it", may("/etc/fstab", F_OK)},
         {"log", "directory", needed, "run as a user that may write there", may("/var/log", W_OK | X_OK)},

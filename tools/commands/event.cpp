@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <vxutils/vxevent.h>
-#include <zmq.h>
 
 #include <chrono>
 #include <cstring>
@@ -13,7 +12,7 @@
 #include "core/failure.h"
 #include "core/fd.h"
 #include "core/follow.h"
-#include "core/owned.h"
+#include "core/zeromq.h"
 
 namespace tool {
 
@@ -60,16 +59,19 @@ int raise(const Arguments &arguments, Output &out) {
 
 // ---- ZeroMQ
 
-Failure zmqFailure(std::string_view on) { return {on, zmq_strerror(zmq_errno())}; }
+Failure zmqFailure(std::string_view on) { return {on, zeroMq().zmq_strerror(zeroMq().zmq_errno())}; }
 
-using Socket = Owned<void, &zmq_close>;
+struct CloseSocket {
+    void operator()(void *socket) const { zeroMq().zmq_close(socket); }
+};
+using Socket = std::unique_ptr<void, CloseSocket>;
 
 class Context {
 public:
-    Context() : context_(zmq_ctx_new()) {
+    Context() : context_(zeroMq().zmq_ctx_new()) {
         if (context_ == nullptr) throw zmqFailure("");
     }
-    ~Context() { zmq_ctx_term(context_); }
+    ~Context() { zeroMq().zmq_ctx_term(context_); }
     Context(const Context &) = delete;
     Context &operator=(const Context &) = delete;
     void *get() const { return context_; }
@@ -81,8 +83,8 @@ private:
 // Next record that is there; 1 for one, 0 for none, -1 for a message that is not a record.
 int receive(void *socket, vxevent_record &record) {
     std::array<char, sizeof(vxevent_record) + 1> message;
-    const int length = zmq_recv(socket, message.data(), message.size(), ZMQ_DONTWAIT);
-    if (length < 0 && zmq_errno() == EAGAIN) return 0;
+    const int length = zeroMq().zmq_recv(socket, message.data(), message.size(), ZMQ_DONTWAIT);
+    if (length < 0 && zeroMq().zmq_errno() == EAGAIN) return 0;
     if (length < 0) throw zmqFailure("");
     if (length != static_cast<int>(sizeof record)) return -1;
     std::memcpy(&record, message.data(), sizeof record);
@@ -97,7 +99,7 @@ int listen(const Arguments &arguments, Output &out) {
     if (!socket) throw zmqFailure(address);
     int fd = -1;
     size_t size = sizeof fd;
-    if (zmq_getsockopt(socket.get(), ZMQ_FD, &fd, &size) != 0) throw zmqFailure(address);
+    if (zeroMq().zmq_getsockopt(socket.get(), ZMQ_FD, &fd, &size) != 0) throw zmqFailure(address);
     for (;;) {
         // The descriptor tells of news only: all that is there is taken before it is waited for.
         vxevent_record event{};
@@ -118,7 +120,7 @@ int listen(const Arguments &arguments, Output &out) {
 // Waits for a connection that is made; false when none came in time.
 bool waitForSubscriber(void *monitor, milliseconds longest) {
     zmq_pollitem_t item{monitor, 0, ZMQ_POLLIN, 0};
-    return zmq_poll(&item, 1, static_cast<int>(longest.count())) > 0;
+    return zeroMq().zmq_poll(&item, 1, static_cast<int>(longest.count())) > 0;
 }
 
 int publish(const Arguments &arguments, Output &out) {
@@ -129,10 +131,11 @@ int publish(const Arguments &arguments, Output &out) {
     const Context context;
     const Socket source(create_legacy_source_with_addr(context.get(), address));
     if (!source) throw zmqFailure(address);
-    if (zmq_socket_monitor(source.get(), monitorAddress, ZMQ_EVENT_HANDSHAKE_SUCCEEDED) != 0) throw zmqFailure(address);
-    const Socket monitor(zmq_socket(context.get(), ZMQ_PAIR));
-    if (!monitor || zmq_connect(monitor.get(), monitorAddress) != 0) throw zmqFailure(address);
-    zmq_setsockopt(source.get(), ZMQ_LINGER, &lingerTime, sizeof lingerTime);
+    if (zeroMq().zmq_socket_monitor(source.get(), monitorAddress, ZMQ_EVENT_HANDSHAKE_SUCCEEDED) != 0)
+        throw zmqFailure(address);
+    const Socket monitor(zeroMq().zmq_socket(context.get(), ZMQ_PAIR));
+    if (!monitor || zeroMq().zmq_connect(monitor.get(), monitorAddress) != 0) throw zmqFailure(address);
+    zeroMq().zmq_setsockopt(source.get(), ZMQ_LINGER, &lingerTime, sizeof lingerTime);
     if (!waitForSubscriber(monitor.get(), longest)) throw Failure(address, "no subscriber came");
     ::poll(nullptr, 0, static_cast<int>(subscriptionTime.count()));
     if (dispatch_legacy_event(source.get(), &record) != 0) throw zmqFailure(address);
