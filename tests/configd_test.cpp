@@ -64,6 +64,18 @@ extern "C" ssize_t sendto(int fd, const void *data, size_t size, int flags, cons
     return ::syscall(SYS_sendto, fd, data, size, flags, to, length);
 }
 
+// A daemon that sends faster than the library receives: its queue is never seen empty.
+namespace {
+
+bool answersWithoutEnd = false;
+
+}  // namespace
+
+extern "C" ssize_t recvfrom(int fd, void *data, size_t size, int flags, sockaddr *from, socklen_t *length) {
+    if (answersWithoutEnd && (flags & MSG_DONTWAIT) != 0) return 1;
+    return ::syscall(SYS_recvfrom, fd, data, size, flags, from, length);
+}
+
 namespace {
 
 using namespace std::chrono_literals;
@@ -1233,6 +1245,23 @@ TEST_F(ConfigdAnswers, OfAnotherUserWhoSendsWithoutPauseAreNeverTaken) {
     }
     ::kill(sender, SIGKILL);
     vxtest::waitChild(sender);
+}
+
+TEST_F(ConfigdAnswers, WithoutEndDoNotKeepTheCallerFromGoingOn) {
+    EXPECT_EQ(vxtest::inChild([&] {
+                  ::alarm(20);
+                  const Handle handle = openHandle();
+                  std::thread asking([&] { (void)value(handle.get(), "key"); });
+                  (void)daemon.send(daemon.receive(), answerOf("value"));
+                  asking.join();
+                  (void)daemon.send(handle->client_path, answerOf("one too many"));
+                  answersWithoutEnd = true;
+                  asking = std::thread([&] { (void)value(handle.get(), "key"); });
+                  (void)daemon.send(daemon.receive(), answerOf("value"));
+                  asking.join();
+                  return 0;
+              }),
+              0);
 }
 
 TEST_F(ConfigdAnswers, TheModeOfWhatALinkInTheSocketsPlaceLeadsToIsKept) {

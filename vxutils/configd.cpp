@@ -38,6 +38,7 @@ using Clock = std::chrono::steady_clock;
 constexpr const char *socketDirectory = "/var/run/configd";
 constexpr auto answerTimeout = 10s;
 constexpr auto promptAnswer = 1s;          // after a later one, the daemon is not trusted to have sent it once
+constexpr int mostDiscarded = 4096;        // more than a socket's queue holds
 constexpr mode_t clientSocketMode = 0777;  // the daemon may run as another user
 constexpr int neverClosed = 1;             // standard output, whatever a daemon has put there
 constexpr size_t queryKeySize = 255;       // keys made from a format, one byte less than a record holds
@@ -294,10 +295,11 @@ bool isEmpty(int fd) {
     return vx::retryEintr([&] { return ::recv(fd, &byte, sizeof byte, MSG_DONTWAIT | MSG_PEEK); }) == -1;
 }
 
-// Whether an answer of the daemon was among what waited in the connected socket, which is empty afterwards.
+// Whether an answer of the daemon was among what waited in the connected socket, which is empty afterwards, unless a
+// daemon sends without end.
 bool discardAnswers(int fd) {
     bool found = false;
-    for (;;) {
+    for (int discarded = 0; discarded < mostDiscarded; ++discarded) {
         char byte;
         sockaddr_un sender{};
         socklen_t length = sizeof sender;
@@ -310,6 +312,7 @@ bool discardAnswers(int fd) {
         (void)::getpeername(fd, reinterpret_cast<sockaddr *>(&daemon), &length);
         found = found || std::strncmp(sender.sun_path, daemon.sun_path, sizeof sender.sun_path) == 0;
     }
+    return found;
 }
 
 // Connects and empties the socket. After an answer too many more of them may follow: the next one goes to a new name
