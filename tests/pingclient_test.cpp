@@ -305,6 +305,18 @@ TEST_F(Client, AReceiveErrorGivesThree) {
     }
 }
 
+TEST_F(Client, PacketsWithoutEndDoNotKeepTheCaller) {
+    PingClient client;
+    ASSERT_EQ(client.sendSimplePing("192.0.2.10", "192.0.2.1"), 0);
+    vxtest::Intercept calls;
+    int packets = 0;
+    calls->recvfrom = [&](int, void *, size_t, int) -> std::optional<ssize_t> {
+        return packets++ < 1000000 ? 1 : vxtest::failing(EAGAIN);
+    };
+    EXPECT_EQ(client.checkPingResponse(), 2);
+    EXPECT_EQ(packets, 1024);
+}
+
 TEST_F(Client, ForeignPacketsInFrontOfTheReplyAreSkipped) {
     vxtest::Wan::answers(wan->gateway, false);
     std::unique_ptr<vxtest::Responder> responder;

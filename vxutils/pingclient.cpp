@@ -17,6 +17,7 @@ namespace {
 namespace echo = vx::echo;
 
 constexpr size_t replySize = 256;
+constexpr int mostPackets = 1024;  // in one call: more than a socket's queue holds
 
 enum SendResult { sendDone = 0, sendFailed = 1 };
 enum CheckResult { checkFound = 0, checkNothing = 2, checkFailed = 3 };
@@ -69,12 +70,13 @@ int PingClient::sendSimplePing(const String &source, const String &destination) 
 
 int PingClient::checkPingResponse() {
     std::array<uint8_t, replySize> packet;
-    for (;;) {
+    for (int packets = 0; packets < mostPackets; ++packets) {
         const ssize_t got = recvfrom(socket_, packet.data(), packet.size(), MSG_DONTWAIT, nullptr, nullptr);
         if (got == -1) return errno == EAGAIN ? checkNothing : checkFailed;
         const auto message = echo::messageBehindHeader(std::span(packet).first(static_cast<size_t>(got)));
         if (message.has_value() && message->numbers == echo::Numbers{identifier_, sequence_}) return checkFound;
     }
+    return checkNothing;
 }
 
 void PingClient::cleanup() {

@@ -45,7 +45,8 @@ public:
      * Looks through the ICMP packets that have come in since the last look. A packet counts as the reply when it comes
      * from the destination's address (from any address when the destination is a multicast group or 0.0.0.0) and
      * carries the echo's identifier and sequence number; its type is not looked at, so that the echo itself counts
-     * where it can be seen, on the loopback interface.
+     * where it can be seen, on the loopback interface. One call looks at 1024 packets at most, so that a sender who
+     * never stops cannot keep it.
      *
      * @return 0 when the reply was there, 2 when there is nothing (more) to read, 3 on a receive error, also when no
      * echo was sent.
