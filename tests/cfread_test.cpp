@@ -252,6 +252,19 @@ TEST_F(CfreadSyntax, WhatWasReadOfAFifoBeforeAnIncludeIsKept) {
     EXPECT_EQ(slots(table), (Pairs{{"a", "1"}, {"p", "1"}, {"b", "2"}, {"c", "3"}}));
 }
 
+TEST_F(Cfread, AnIncludedFifoIsNotWaitedFor) {
+    vxtest::makeDirs("/etc/vx");
+    ASSERT_EQ(::mkfifo("/etc/vx/fifo3", 0600), 0);
+    vxtest::writeFile("/etc/vx/main.conf", "a=1\ninclude fifo3\nb=2\n");
+    EXPECT_EQ(vxtest::inChild([] {
+                  ::alarm(20);
+                  const Table table = openFile("/etc/vx/main.conf");
+                  return table != nullptr && slots(table) == Pairs{{"a", "1"}, {"b", "2"}} ? 0 : 1;
+              }),
+              0);
+    EXPECT_EQ(log.take(), Log{});
+}
+
 TEST_F(Cfread, AReadErrorEndsTheFileWithSuccess) {
     vxtest::makeDirs("/etc/vx");
     const Table table = openFile("/etc/vx");  // a directory opens, and cannot be read

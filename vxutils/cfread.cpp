@@ -407,7 +407,9 @@ private:
     // Opens a file and makes it the current one. Files are entered without recursion: the stack must last however many
     // descriptors there are.
     bool enter(const char *name, vx::MallocText ownName) {
-        vx::Fd fd(vx::retryEintr([&] { return ::open(name, O_RDONLY | O_CLOEXEC); }));
+        // Only what the caller names itself may keep it waiting.
+        const int gently = source_ != nullptr ? O_NONBLOCK | O_NOCTTY : 0;
+        vx::Fd fd(vx::retryEintr([&] { return ::open(name, O_RDONLY | O_CLOEXEC | gently); }));
         if (!fd.valid() || !keepRest()) return cannotOpen(name);
         auto *source = new (std::nothrow) Source{source_, std::move(fd), name, std::move(ownName), nullptr, 0, 0};
         if (source == nullptr) return cannotOpen(name);

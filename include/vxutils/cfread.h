@@ -15,7 +15,8 @@
  *   name that begins with "/" may have 511 characters; any other is taken in the directory of the file that holds the
  *   line and may have 510. A longer name fails as a file that cannot be opened. Files nest as deep as descriptors last;
  *   one that includes itself fails when they run out. One read opens at most 16384 included files, and none any more
- *   when it has read more than 16 MiB from them: the next one fails as a file that cannot be opened.
+ *   when it has read more than 16 MiB from them: the next one fails as a file that cannot be opened. An included FIFO
+ * is not waited for: it ends where nothing is there to be read.
  * - a comment, beginning with "#" in the first column.
  * - an entry. Before the first "=" blanks vanish wherever they stand (tabs do not), the rest is the key; blanks right
  *   after that "=" are skipped, all that follows is the value, further "=" and blanks included. Bytes above 127 are
@@ -26,7 +27,8 @@
  * Every failure is logged with file and line at LOG_ERR. Line numbers count each file's lines from 1, include lines
  * left out. A read error ends a file like its end does.
  *
- * A table is used by one thread at a time; different tables are independent. Reading blocks as the files do.
+ * A table is used by one thread at a time; different tables are independent. Reading blocks as the
+ * file named by the caller does.
  */
 #ifndef VXUTILS_CFREAD_H
 #define VXUTILS_CFREAD_H
