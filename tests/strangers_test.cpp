@@ -2,8 +2,11 @@
 // Files, directory trees and the status tree of a root daemon against an ordinary user of the machine, who puts links,
 // FIFOs and files of his own where the daemon works, and swaps them while it does.
 #include <vxutils/file.h>
+#include <vxutils/hardware.h>
+#include <vxutils/interface.h>
 #include <vxutils/ipinterfacestatus.h>
 #include <vxutils/statusinterface.h>
+#include <vxutils/wwanmd.h>
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -15,6 +18,7 @@
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -651,6 +655,61 @@ TEST_F(StatusTree, AFifoThatIsReadTakesWhatFits) {
                              }),
               0);
     ::close(reader);
+}
+
+// The pipe breaks between the opening of the FIFO and the write. SIGPIPE would end the daemon.
+TEST_F(StatusTree, AReaderThatComesAndGoesDoesNotEndTheWriter) {
+    StatusInterface status;
+    ASSERT_TRUE(status.setup(BASEPATH_STATUS, "/daemon"));
+    static constexpr const char *fifo = "/tmp/status/daemon/command";
+    static constexpr const char *direct = "/dev/shm/command";  // written in place, not replaced
+    const std::string source = ours + "/file0";
+    const std::vector<std::function<void(const char *)>> writers{
+        [&](const char *) { (void)status.setStatus("/command", "on"); },
+        [&](const char *path) { (void)copy_file(source.c_str(), path); },
+        [&](const char *path) { (void)write_file_atomic(path, "on", 2, 1, 1); },
+    };
+    for (size_t i = 0; i < writers.size(); ++i) {
+        const char *path = i == 2 ? direct : fifo;
+        ::unlink(path);
+        ASSERT_EQ(::mkfifo(path, 0666), 0);
+        ASSERT_EQ(::chmod(path, 0666), 0);
+        {
+            const Attack attack([&] { ::close(::open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC)); });
+            EXPECT_EQ(vxtest::inChild([&] {
+                          repeat([&] { return writers[i](path), true; });
+                          return 0;
+                      }),
+                      0)
+                << "writer " << i;
+        }
+        ::unlink(path);
+    }
+}
+
+// Directories in /tmp that are missing can be made by every user.
+TEST_F(StatusTree, MarkersOfAStrangerAreNotBelieved) {
+    static constexpr const char *markers[] = {"/tmp/progress/config", "/tmp/status/wwanmd/card0/suspended",
+                                              "/tmp/status/wwanmd/card0/reset", "/tmp/status/link-manager/hotlink",
+                                              "/tmp/status/link-manager/wanlink1/state"};
+    const auto believed = [] {
+        return in_maintenance() + 2 * wwanmd_is_suspended(0) + 4 * wanlink_is_up() + 8 * wanlink_count();
+    };
+    const auto makeAll = [] {
+        for (const char *marker : markers) writeFile(marker, "up");
+        return 0;
+    };
+    ASSERT_EQ(::chmod("/tmp", 01777), 0);
+    ASSERT_EQ(vxtest::asUser(stranger, makeAll), 0);
+    EXPECT_EQ(believed(), 0);
+    EXPECT_EQ(wwanmd_in_reset(0), 0);
+    EXPECT_EQ(vxtest::asUser(stranger, believed), 15) << "they are the stranger's own";
+    fs::remove_all("/tmp/progress");
+    fs::remove_all("/tmp/status");
+    makeAll();
+    EXPECT_EQ(believed(), 15);
+    EXPECT_EQ(vxtest::asUser(stranger, believed), 15);
+    fs::remove_all("/tmp/progress");
 }
 
 TEST_F(StatusTree, ValuesAreOfBoundedSize) {

@@ -31,23 +31,20 @@
 
 namespace {
 
-// Looks for the reset marker that see it as it is; those behind them see one. Negative: all of them see it as it is.
+// Looks for the reset marker that see it as it is; the next one makes it. Negative: none makes it.
 int looksBeforeReset = -1;
 
-bool markerAppears(std::string_view path) {
-    constexpr size_t wordLength = 6;
-    if (looksBeforeReset < 0 || path.size() < wordLength || path.substr(path.size() - wordLength) != "/reset")
-        return false;
-    if (looksBeforeReset == 0) return true;
-    --looksBeforeReset;
-    return false;
+void makeMarkerInTime(std::string_view path) {
+    if (looksBeforeReset < 0 || !path.ends_with("/reset")) return;
+    if (looksBeforeReset-- == 0) vxtest::writeFile(std::string(path), "");
 }
 
 }  // namespace
 
 // Stands in the way of the C library's for this program, so that a card's reset can begin between two given looks.
 extern "C" int access(const char *path, int mode) noexcept {
-    return markerAppears(path) ? 0 : ::faccessat(AT_FDCWD, path, mode, 0);
+    makeMarkerInTime(path);
+    return ::faccessat(AT_FDCWD, path, mode, 0);
 }
 
 namespace {
@@ -1075,7 +1072,7 @@ TEST_F(Wwanmd, AResetThatBeginsBetweenSendAndReceiveIsSeen) {
     Message message("signal");
     looksBeforeReset = 1;  // the look before sending
     const int result = wwanmd_command(handle.get(), &message);
-    looksBeforeReset = -1;
+    ::unlink("/tmp/status/wwanmd/card0/reset");
     EXPECT_EQ(result, -1);
     EXPECT_EQ(handle->fd, -1);
     EXPECT_THAT(logTexts(), ElementsAre("wwanmd0 is currently in reset", "command failed"));

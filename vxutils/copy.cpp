@@ -109,6 +109,7 @@ int transfer(const Fd &from, const struct stat &source, const Name &dst) {
     if (!target.valid()) return cannotOpenTarget(dst.shown);
     if (!target.created && isSame(source, target.status)) return 0;  // its own copy already: emptying it would lose it
     if (!vx::emptyTarget(target)) return cannotOpenTarget(dst.shown);
+    const vx::BrokenPipeGuard guard(target);
     if (::sendfile(target.file.get(), from.get(), nullptr, transferSize(source.st_size)) == -1) return cannotSend();
     return 0;
 }

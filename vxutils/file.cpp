@@ -89,6 +89,7 @@ int writeDirectly(const char *path, const Content &content) {
         vx::log(DL_ERROR, "Unable to open file (%s) for writing - errno=%i(%s)", path, errno, std::strerror(errno));
         return -1;
     }
+    const vx::BrokenPipeGuard guard(target);
     const bool written = content.newline ? writeWholeAndNewline(target.file, content)
                                          : writeWhole(target.file, content.data, content.size);
     target.file.reset();

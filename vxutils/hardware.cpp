@@ -11,6 +11,7 @@
 #include <cstring>
 #include <string_view>
 
+#include "vxutils/internal/guarded_open.h"
 #include "vxutils/internal/handles.h"
 #include "vxutils/internal/number.h"
 #include "vxutils/internal/oem_file.h"
@@ -106,7 +107,9 @@ int has_poe(void) { return qxhw() == generationWithPoe && get_extension_variant(
 int has_sim_holder(void) { return readable(simDevice) ? 1 : 0; }
 
 int in_maintenance(void) {
-    return std::any_of(std::begin(progressMarkers), std::end(progressMarkers), readable) ? 1 : 0;
+    // Every user may make /tmp/progress where it is missing.
+    const auto present = [](const char *marker) { return readable(marker) && vx::isBelievable(marker); };
+    return std::any_of(std::begin(progressMarkers), std::end(progressMarkers), present) ? 1 : 0;
 }
 
 }  // extern "C"

@@ -14,6 +14,7 @@
 #include <string_view>
 
 #include "vxutils/internal/bridge.h"
+#include "vxutils/internal/guarded_open.h"
 #include "vxutils/internal/handles.h"
 #include "vxutils/internal/shell_output.h"
 
@@ -96,10 +97,12 @@ private:
 
 std::array<char, displaySize + 1> Display::buffer_;
 
-// Text of a status file, empty when it cannot be read.
+// Text of a status file, empty when it cannot be read or a stranger may have made it.
 class StatusText {
 public:
-    explicit StatusText(const char *path) : text_(readfile_r(path, buffer_.data(), buffer_.size())) {}
+    explicit StatusText(const char *path) : text_("") {
+        if (vx::isBelievable(path)) text_ = readfile_r(path, buffer_.data(), buffer_.size());
+    }
     StatusText(const StatusText &) = delete;
     StatusText &operator=(const StatusText &) = delete;
 
@@ -168,7 +171,7 @@ const char *interfaceize(const char *name) {
     return display.text();
 }
 
-int wanlink_is_up(void) { return access(hotLink, R_OK) == 0 ? 1 : 0; }
+int wanlink_is_up(void) { return access(hotLink, R_OK) == 0 && vx::isBelievable(hotLink) ? 1 : 0; }
 
 int wanlink_count(void) {
     const vx::DirPtr directory(opendir(linkDirectory));

@@ -187,6 +187,7 @@ bool StatusInterface::setStatus(const String &name, const String &value) {
     const vx::Target target = vx::openTarget(place.directory(), place.name(), fileMode);
     if (!target.valid() || !vx::emptyTarget(target)) return false;
     const auto size = static_cast<size_t>(value.length());
+    const vx::BrokenPipeGuard guard(target);
     return vx::retryEintr([&] { return ::write(target.file.get(), value.c_str(), size); }) == value.length();
 }
 

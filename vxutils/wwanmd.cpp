@@ -27,6 +27,7 @@
 
 #include "vxutils/internal/errno_keeper.h"
 #include "vxutils/internal/fd.h"
+#include "vxutils/internal/guarded_open.h"
 #include "vxutils/internal/log.h"
 #include "vxutils/internal/retry.h"
 #include "vxutils/internal/sleep.h"
@@ -87,7 +88,7 @@ bool markerPresent(const char *marker, int card) {
     const vx::ErrnoKeeper keeper;
     std::array<char, markerPathSize> path;
     std::snprintf(path.data(), path.size(), markerPath, card, marker);
-    return ::access(path.data(), R_OK) == 0;
+    return ::access(path.data(), R_OK) == 0 && vx::isBelievable(path.data());
 }
 
 struct Name {

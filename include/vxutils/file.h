@@ -91,7 +91,8 @@ VXUTILS_API int dropfile(const char *name);
  * Paths that begin with "/dev", "/proc" or "/sys" (also "/device/x") cannot be replaced: they are written directly, the
  * newline in the same write as the data, because kernel attributes take each write as one command. A direct write
  * truncates or creates the file (0666 less the umask) and is logged at DL_INFO. It refuses what a stranger may have put
- * there (see above) and does not wait: a FIFO without a reader fails with ENXIO, a full one with EAGAIN.
+ * there (see above) and does not wait: a FIFO without a reader fails with ENXIO, a full one with EAGAIN,
+ * one whose reader has just left with EPIPE and without SIGPIPE.
  *
  * A failed or short write leaves the temporary file behind, with what was written; a failed rename removes it. Every
  * failure is logged at DL_ERROR.
@@ -216,7 +217,8 @@ VXUTILS_API int empty_directory(const char *path);
  *
  * A file copied onto itself, by whatever path, link or hard link, is left as it is: that is success. Only regular files
  * and block devices can be copied: a FIFO, a directory and the like fail with "Sendfile error: Invalid argument (22)"
- * before anything is made or emptied. A FIFO in the place of @p dst takes what fits, if it has a reader.
+ * before anything is made or emptied. A FIFO in the place of @p dst takes what fits, if it has a reader;
+ * one whose reader leaves meanwhile fails with EPIPE and without SIGPIPE.
  *
  * @param src file to copy
  * @param dst file to write

@@ -53,7 +53,10 @@ VXUTILS_API int has_poe(void);
 /** @return 1 when there is a SIM holder ("/dev/sim" is readable), else 0 */
 VXUTILS_API int has_sim_holder(void);
 
-/** @return 1 while an update or configuration is in progress (a marker below "/tmp/progress" is readable), else 0 */
+/**
+ * @return 1 while an update or configuration is in progress (a marker below "/tmp/progress" is readable), else 0. A
+ * marker that a user who is neither root nor the process's user may have put there does not count.
+ */
 VXUTILS_API int in_maintenance(void);
 
 VXUTILS_END_DECLS

@@ -10,7 +10,9 @@
  * @endcode
  *
  * WAN links are read from the status tree, which the link manager keeps; bridges from the output of "/usr/sbin/brctl".
- * Nothing is logged. What the display names are used for is the daemons' business: the mapping is fixed.
+ * A status file does not count when a user who is neither root nor the process's user may have put it there, or a
+ * directory above it: it is as if it were missing. Nothing is logged. What the display names are used for is the
+ * daemons' business: the mapping is fixed.
  */
 #ifndef VXUTILS_INTERFACE_H
 #define VXUTILS_INTERFACE_H

@@ -33,8 +33,9 @@
  * next command was sent.
  *
  * **Whose answers count.** Those of the process that listens at "/var/run/wwanmdN/server" when the connection is made;
- * no other process can send on it. The directory must be writable by trusted users only, and so must
- * "/tmp/status/wwanmd", whose markers keep a card from being used.
+ * no other process can send on it. The directory must be writable by trusted users only. The
+ * markers in "/tmp/status/wwanmd", which keep a card from being used, do not count when a user who is neither root nor
+ * the process's user may have put them there, or a directory above them.
  *
  * **Waiting.** All calls block their thread. With T the message's time-out (5 to 300 s), the longest times are
  * - wwanmd_in_reset(): 5 s, and only while the reset marker is there;

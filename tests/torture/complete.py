@@ -22,7 +22,7 @@ CANNOT_FAIL = """
     event_assign bufferevent_disable bufferevent_getcb bufferevent_read pthread_mutex_consistent pthread_mutex_destroy pthread_mutex_lock
     pthread_mutex_unlock pthread_mutexattr_destroy pthread_mutexattr_setpshared pthread_mutexattr_setrobust
     pthread_mutexattr_settype pthread_mutex_trylock DL_ERR DL_ERROR DL_INFO devlog_level_to_prio
-    fputs fputc puts putchar fwrite
+    fputs fputc puts putchar fwrite sigemptyset sigaddset sigismember pthread_sigmask
 """.split()
 REASONS = {
     "__register_atfork": "runs once in a process, before any scenario of a second object",
@@ -34,6 +34,7 @@ REASONS = {
     "pclose": "reaps the child in any case",
     "shmctl": "a segment that cannot be removed is one that is held, which is tested",
     "sysconf": "the clock ticks per second are a constant",
+    "sigtimedwait": "fails where no signal is pending, which is the ordinary case",
     "syscall": "close_range; its absence is tested apart",
     "zmq_getsockopt": "reads a value",
 }

@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <climits>
 #include <cstdio>
+#include <cstring>
 #include <new>
 #include <string>
 #include <utility>
@@ -223,6 +224,22 @@ bool isPlacedByUs(const struct stat &directory, const struct stat &entry) noexce
     return isOurs(entry) || isClosed(directory);
 }
 
+bool isBelievable(const char *path) noexcept {
+    char part[PATH_MAX];
+    struct stat place {};
+    for (const char *slash = path;;) {
+        slash = std::strchr(slash + 1, '/');
+        const size_t length = slash != nullptr ? static_cast<size_t>(slash - path) : std::strlen(path);
+        if (length >= sizeof part) return false;
+        *static_cast<char *>(mempcpy(part, path, length)) = '\0';
+        struct stat entry {};
+        if (::lstat(part, &entry) == -1 || mayBeForeign(place, entry)) return false;
+        if (slash == nullptr) return true;
+        place = entry;
+        if (S_ISLNK(entry.st_mode) && ::stat(part, &place) == -1) return false;
+    }
+}
+
 bool isKernelLink(const Fd &link) noexcept {
     struct statfs system {};
     return ::fstatfs(link.get(), &system) == 0 && system.f_type == PROC_SUPER_MAGIC;
@@ -253,6 +270,26 @@ Target openTarget(int directory, const char *path, mode_t mode) noexcept {
     if (!target.created && isDevice) (void)::fcntl(target.file.get(), F_SETFL, 0);
     errno = before;
     return target;
+}
+
+BrokenPipeGuard::BrokenPipeGuard(const Target &target) noexcept : active_(S_ISFIFO(target.status.st_mode)) {
+    if (!active_) return;
+    sigset_t pipe;
+    sigemptyset(&pipe);
+    sigaddset(&pipe, SIGPIPE);
+    ::pthread_sigmask(SIG_BLOCK, &pipe, &before_);
+}
+
+// A signal that the thread had blocked before is the caller's own.
+BrokenPipeGuard::~BrokenPipeGuard() {
+    if (!active_ || sigismember(&before_, SIGPIPE) == 1) return;
+    const ErrnoKeeper keeper;
+    sigset_t pipe;
+    sigemptyset(&pipe);
+    sigaddset(&pipe, SIGPIPE);
+    constexpr timespec atOnce{};
+    (void)::sigtimedwait(&pipe, nullptr, &atOnce);
+    ::pthread_sigmask(SIG_SETMASK, &before_, nullptr);
 }
 
 bool emptyTarget(const Target &target) noexcept {

@@ -4,6 +4,7 @@
 
 #include <sys/stat.h>
 
+#include <csignal>
 #include <string>
 
 #include "vxutils/internal/fd.h"
@@ -28,6 +29,10 @@ bool isClosed(const struct stat &directory) noexcept;
 
 // Whether root or this process's user has put `entry` into `directory`: the entry is ours, or the directory is closed.
 bool isPlacedByUs(const struct stat &directory, const struct stat &entry) noexcept;
+
+// Whether a file may be believed: no stranger may have put it there, nor a directory or link that its path leads
+// through. What lies in the root directory is the system's own and is taken as it is. False for what does not exist.
+bool isBelievable(const char *path) noexcept;
 
 // Whether an open link (O_PATH) is one of the kernel's in /proc. Its text may be no path; only the kernel can follow
 // it.
@@ -57,6 +62,20 @@ struct Target {
 // link that was not placed by us, an existing file that may be foreign, and a file with a second name in a directory
 // where a stranger may have made that name.
 Target openTarget(int directory, const char *path, mode_t mode) noexcept;
+
+// Keeps a FIFO whose reader leaves from ending the process: a write to it fails with EPIPE and raises no SIGPIPE.
+// Without effect for other targets. Of this thread only.
+class BrokenPipeGuard {
+public:
+    explicit BrokenPipeGuard(const Target &target) noexcept;
+    ~BrokenPipeGuard();
+    BrokenPipeGuard(const BrokenPipeGuard &) = delete;
+    BrokenPipeGuard &operator=(const BrokenPipeGuard &) = delete;
+
+private:
+    bool active_;
+    sigset_t before_;
+};
 
 // Empties what openTarget() opened, if it has something to empty.
 bool emptyTarget(const Target &target) noexcept;
