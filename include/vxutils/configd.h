@@ -6,7 +6,7 @@
  *
  * Many values, fetched together when the first of them is asked for and then served from the handle:
  * @code
- *     configd_handle *config = configd_open();  // NULL without the daemon
+ *     configd_handle *config = configd_open();  // NULL without the daemon's directory
  *     int i;
  *     for (i = 0; i < ports; i++) configd_add_query(config, "port.%d.speed", i);
  *     if (configd_get(config, NULL) != 0) return;  // no answer; configd_fetch() would give empty texts
@@ -57,6 +57,12 @@
  *   through the socket that it receives with. A restarted daemon is found by the next request. A request whose daemon
  *   ends before it answers fails after 10 s. Whoever can replace files in the socket directory can play the daemon: the
  *   directory must belong to root and be writable only by users that are trusted with the configuration.
+ * - Without the daemon: configd_open() returns NULL where the directory /var/run/configd is missing ("cannot bind to
+ *   configd"). Where it exists, the handle is good: configd_get(), configd_set() and configd_done() fail at once
+ * ("unable to send query to configd"), configd_fetch() gives empty texts, and all of them work as soon as the daemon
+ * runs.
+ * - "No answer" and "empty value": configd_fetch() gives an empty text for both. configd_get() with NULL, called first,
+ *   tells them apart: 0 means that every value is the daemon's.
  * - Failures are reported by result and in the system log, priority LOG_ERR.
  *
  * Keys and values are texts without line feeds; keys hold no "=". The client does not look into them.

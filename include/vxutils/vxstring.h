@@ -8,7 +8,8 @@
  *   name += '0';
  *   String path;
  *   path.format("/sys/class/net/%s/mtu", name.c_str());  // c_str(): the compiler refuses a String as an argument
- *   if (path.endsWith("mtu")) puts(path.c_str());
+ *   path.concatf(".%lu", (unsigned long)sizeof name);    // not %zu: format() lists the conversions that it understands
+ *   if (path.startsWith("/sys/")) puts(path.c_str());
  * @endcode
  *
  * A text is any sequence of bytes and is always followed by a NUL; most operations that look into a text with the C

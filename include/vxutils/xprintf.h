@@ -25,7 +25,8 @@
  * | @c s            | @c const @c char @c *                 | text, cut to the precision; NULL is (null)          |
  * | @c n            | @c int @c * (@c h: @c short @c *)     | nothing; stores the number of characters so far     |
  *
- * The compiler checks the arguments as it does for printf; it does not know the differences.
+ * The compiler checks the arguments as it does for printf; it does not know the differences. A `size_t` is passed as
+ * `%lu` with a cast to `unsigned long`; a `long long` or a `double` is made a text first and passed as `%s`.
  *
  * Differences from the C library's printf:
  * - A zero value always prints its one digit, also with precision 0. The @c 0 flag pads texts with zeros, too.
