@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: MIT
+#include <vxutils/address.h>
+
 #include <arpa/inet.h>
 #include <netinet/in.h>
-#include <vxutils/address.h>
 
 #include <array>
 #include <bit>
@@ -163,6 +164,7 @@ int str2addr6(const char *text, struct sockaddr *addr) {
     return read6(text, addr) ? 0 : -1;
 }
 
+// Quirk Q18.
 int str2addr(const char *text, struct sockaddr *addr) {
     if (text == nullptr || addr == nullptr) return -1;
     if (read4(text, addr)) return 0;  // such a text holds no colon
@@ -223,5 +225,5 @@ int is_link_local_address(const struct sockaddr *addr) {
     if (addr == nullptr) return 0;
     uint16_t group;
     memcpy(&group, bytes(addr) + address6, sizeof group);
-    return (ntohs(group) & 0xfec0) == 0xfe80;  // 0x0100 stays out of the test: kept, callers rely on it
+    return (ntohs(group) & 0xfec0) == 0xfe80;  // Quirk Q17: the test leaves out bit 0x0100.
 }

@@ -50,6 +50,7 @@ bool isNetworkText(std::string_view text) {
 }
 
 // Reads the tool's output up to the line that names the provider.
+// Quirk Q90.
 void readProvider(vx::ShellOutput &output) {
     while (const auto line = output.nextLine(providerLineLength)) {
         if (!line->starts_with(providerKey)) continue;
@@ -73,6 +74,7 @@ int get_generation(const char *technology) {
     return -1;
 }
 
+// Quirk Q89.
 int card2family(const char *module) {
     if (module == nullptr) return 0;
     const std::string_view name = module;

@@ -1,8 +1,9 @@
 // SPDX-License-Identifier: MIT
+#include <vxutils/cfread.h>
+
 #include <fcntl.h>
 #include <libgen.h>
 #include <unistd.h>
-#include <vxutils/cfread.h>
 #include <vxutils/strutil.h>
 
 #include <algorithm>
@@ -227,6 +228,7 @@ bool growSlots(cfread_table &table) {
     const int size = static_cast<int>(static_cast<unsigned int>(table.size) + slotStep);
     if (size <= 0) {
         vx::log(LOG_EMERG, "cfread: unable to get a free index");
+        // Quirk Q33.
         std::exit(1);
     }
     const int room = table.index != nullptr ? table.index->slotRoom : std::max(table.size, 0);
@@ -291,7 +293,7 @@ cfread_entry *setEntry(cfread_table &table, std::string_view key, std::string_vi
     entry->key = copyText(key);
     entry->value = copyText(value);
     if (entry->key == nullptr || entry->value == nullptr) {
-        // The promised way out: as if the entry, whose index is still 0, stood in slot 0 and were removed from there.
+        // Quirk Q34. The entry is removed by its index, which is still 0.
         (void)takeOut(table, 0).release();
         return notAdded(table, key.data());
     }
@@ -325,6 +327,7 @@ struct Parts {
 
 // Key and value of an ordinary line, without bytes above 127, NUL or carriage return, NUL-terminated in place; an empty
 // value for any line that is not ordinary, which Reader::parseEntry() takes apart byte by byte.
+// Quirk Q36.
 Parts plainParts(std::span<char> line) {
     char *newline = line.data() + line.size() - 1;
     if (*newline != '\n' || !vx::allPlain<'\r' + 1>(line.data(), line.size() - 1)) return {};
@@ -537,6 +540,7 @@ private:
 
 }  // namespace
 
+// Quirk Q35.
 cfread_table *cfread_open(const char *file) {
     auto *table = static_cast<cfread_table *>(zalloc(sizeof(cfread_table)));
     if (table == nullptr) {
@@ -569,6 +573,7 @@ cfread_entry *cfread_set_entry(cfread_table *table, const char *key, const char 
     return setEntry(*table, key, value != nullptr ? value : "", From::program);
 }
 
+// Quirk Q37.
 int cfread_parse_with_callback(const char *file, cfread_callback callback, void *arg, int cb_empty) {
     if (callback == nullptr) return -1;
     cfread_table table{};

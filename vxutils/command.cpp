@@ -1,4 +1,6 @@
 // SPDX-License-Identifier: MIT
+#include <vxutils/command.h>
+
 #include <fcntl.h>
 #include <sys/ipc.h>
 #include <sys/reboot.h>
@@ -7,7 +9,6 @@
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
-#include <vxutils/command.h>
 
 #include <array>
 #include <cerrno>
@@ -176,6 +177,7 @@ void enterChildState(int mode) noexcept {
     ::_exit(errno);
 }
 
+// Quirk Q45.
 int waitForChild(pid_t child) {
     int status = 0;
     if (vx::retryEintr([&] { return ::waitpid(child, &status, 0); }) == -1) {
@@ -215,6 +217,7 @@ int startDetached(const char *path, const Arguments &arguments) {
     return handover.get();
 }
 
+// Quirk Q44.
 int runAndWait(int mode, const char *path, const Arguments &arguments) {
     const pid_t child = ::fork();
     if (child == -1) vx::log(LOG_ERR, "fork failed");
@@ -322,6 +325,7 @@ int run_command(const char *command, int background) {
                          static_cast<const char *>(nullptr));
 }
 
+// Quirk Q46.
 int eval_command(const char *command, char *out, size_t size) {
     if (command == nullptr || *command == '\0' || out == nullptr || size == 0) return -1;
     out[0] = '\0';
@@ -338,6 +342,7 @@ int eval_command(const char *command, char *out, size_t size) {
     return WEXITSTATUS(status) != 0 ? -1 : static_cast<int>(used);
 }
 
+// Quirk Q47.
 int makeargv(const char *line, char ***argv, int *argc) {
     if (line == nullptr || argv == nullptr || argc == nullptr) return -1;
     ArgumentSplitter splitter(line);

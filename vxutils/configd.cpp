@@ -1,11 +1,12 @@
 // SPDX-License-Identifier: MIT
+#include <vxutils/configd.h>
+
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
-#include <vxutils/configd.h>
 #include <vxutils/strutil.h>
 
 #include <algorithm>
@@ -443,6 +444,7 @@ int configd_add_query(configd_handle *handle, const char *format, ...) {
     return key.empty() ? -1 : addQuery(handle, key);
 }
 
+// Quirk Q43.
 const char *configd_fetch(configd_handle *handle, const char *format, ...) {
     if (handle == nullptr || format == nullptr) return "";
     if (handle->fetched == 0) {
@@ -523,6 +525,7 @@ int configd_send(configd_handle *handle, const char *data, int length) {
     return static_cast<int>(sendAfter(prepareSend, handle, data, length));
 }
 
+// Quirk Q41.
 int configd_recv(configd_handle *handle, char *data, int size) {
     if (handle == nullptr || handle->fd < 0 || data == nullptr || size <= 0) return -1;
     bool prompt = false;
@@ -535,6 +538,7 @@ int configd_recv(configd_handle *handle, char *data, int size) {
     return received;
 }
 
+// Quirk Q42.
 int configd_prepare_get(configd_handle *handle, configd_entry *entry) {
     if (handle == nullptr || entry == nullptr || entry->key[0] == '\0') return -1;
     Message message;
@@ -580,6 +584,7 @@ int __configd_open(configd_handle *handle) {
     return 0;
 }
 
+// Quirk Q40.
 void __configd_close(configd_handle *handle) {
     if (handle == nullptr) return;
     removeNewName(handle);

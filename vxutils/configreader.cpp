@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
-#include <fcntl.h>
 #include <vxutils/configreader.h>
+
+#include <fcntl.h>
 #include <vxutils/hashtable.h>
 #include <vxutils/numconv.h>
 #include <vxutils/strutil.h>
@@ -149,6 +150,7 @@ bool isBlank(char c) { return static_cast<unsigned char>(c) <= ' '; }
 // Removes blanks and control characters, in place; the length of what stays. After each removal the old scan went on at
 // the second character, so the one that follows a removed first one has always stayed, whatever it is; files may rely
 // on it.
+// Quirk Q39.
 size_t removeBlanks(char *key, char *end) {
     while (end > key + 2 && isBlank(end[-1])) --end;
     if (vx::allPlain<' ' + 1>(key, static_cast<size_t>(end - key))) {

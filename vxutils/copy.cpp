@@ -29,7 +29,7 @@ using vx::TreePlace;
 
 namespace {
 
-constexpr mode_t creationMode = 0x755;  // hexadecimal on purpose, as in try_mkdir()
+constexpr mode_t creationMode = 0x755;  // Quirk Q21.
 constexpr mode_t copyMode = 0755;       // of the directories that copy_directory() makes
 constexpr mode_t modeBits = 07777;
 
@@ -104,6 +104,7 @@ Fd openSource(const Name &src, struct stat &status) {
     return {};
 }
 
+// Quirk Q27.
 int transfer(const Fd &from, const struct stat &source, const Name &dst) {
     const vx::Target target = vx::openTarget(dst.directory, dst.name, modeOfCopy(source));
     if (!target.valid()) return cannotOpenTarget(dst.shown);

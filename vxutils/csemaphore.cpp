@@ -1,4 +1,6 @@
 // SPDX-License-Identifier: MIT
+#include <vxutils/csemaphore.h>
+
 #include <fcntl.h>
 #include <pthread.h>
 #include <sys/ipc.h>
@@ -7,7 +9,6 @@
 #include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
-#include <vxutils/csemaphore.h>
 
 #include <algorithm>
 #include <array>
@@ -26,6 +27,7 @@ namespace {
 
 constexpr mode_t ownerOnly = 0600;
 constexpr const char *libraryFile = "/usr/lib/libvxutils.so.";
+// Quirk Q55.
 constexpr const char *libraryVersion = "1.0.0";
 constexpr int guardProject = 1;
 constexpr size_t sharedSize = sizeof(pthread_mutex_t);
@@ -53,6 +55,7 @@ int initMutexAttributes(pthread_mutexattr_t &attributes) {
         vx::log(LOG_ERR, "recursive semaphore: unable to set attribute \"robust\"");
         return -1;
     }
+    // Quirk Q57.
     if (pthread_mutexattr_setpshared(&attributes, PTHREAD_PROCESS_SHARED) != 0 ||
         pthread_mutexattr_settype(&attributes, PTHREAD_MUTEX_RECURSIVE) != 0) {
         vx::log(LOG_ERR, "recursive-semaphore: unable to set attribute \"recursive\"");
@@ -255,6 +258,7 @@ CRecursiveSemaphore::CRecursiveSemaphore(const std::string &name) : CRecursiveSe
 CRecursiveSemaphore::CRecursiveSemaphore(const std::string &name, const CSemaphoreOptions &options)
     : impl_(std::make_unique<private_impl>(name, options)) {}
 
+// Quirk Q58.
 CRecursiveSemaphore::~CRecursiveSemaphore() = default;
 
 int CRecursiveSemaphore::trylock() {

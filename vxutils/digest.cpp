@@ -14,20 +14,20 @@
 
 namespace {
 
-constexpr size_t kBlock = 64;
-constexpr size_t kCountSize = 8;  // the bit count at the end of the last block
-constexpr size_t kCountAt = kBlock - kCountSize;
-constexpr size_t kLargestDigest = 64;  // of a context that HMAC may key
-constexpr unsigned long kMd5Length = 16;
-constexpr unsigned long kSha1Length = 20;
-constexpr unsigned char kInnerPad = 0x36;
-constexpr unsigned char kOuterPad = 0x5c;
+constexpr size_t blockSize = 64;
+constexpr size_t countSize = 8;  // the bit count at the end of the last block
+constexpr size_t countPosition = blockSize - countSize;
+constexpr size_t largestDigest = 64;  // of a context that HMAC may key
+constexpr unsigned long md5Length = 16;
+constexpr unsigned long sha1Length = 20;
+constexpr unsigned char innerPad = 0x36;
+constexpr unsigned char outerPad = 0x5c;
 
-constexpr unsigned char kTestMessage[] = {'a', 'b', 'c'};
-constexpr unsigned char kMd5OfTest[kMd5Length] = {0x90, 0x01, 0x50, 0x98, 0x3c, 0xd2, 0x4f, 0xb0,
-                                                  0xd6, 0x96, 0x3f, 0x7d, 0x28, 0xe1, 0x7f, 0x72};
-constexpr unsigned char kSha1OfTest[kSha1Length] = {0xa9, 0x99, 0x3e, 0x36, 0x47, 0x06, 0x81, 0x6a, 0xba, 0x3e,
-                                                    0x25, 0x71, 0x78, 0x50, 0xc2, 0x6c, 0x9c, 0xd0, 0xd8, 0x9d};
+constexpr unsigned char testMessage[] = {'a', 'b', 'c'};
+constexpr unsigned char md5OfTest[md5Length] = {0x90, 0x01, 0x50, 0x98, 0x3c, 0xd2, 0x4f, 0xb0,
+                                                0xd6, 0x96, 0x3f, 0x7d, 0x28, 0xe1, 0x7f, 0x72};
+constexpr unsigned char sha1OfTest[sha1Length] = {0xa9, 0x99, 0x3e, 0x36, 0x47, 0x06, 0x81, 0x6a, 0xba, 0x3e,
+                                                  0x25, 0x71, 0x78, 0x50, 0xc2, 0x6c, 0x9c, 0xd0, 0xd8, 0x9d};
 
 // Bytes and words
 
@@ -63,49 +63,51 @@ void addBits(uint32_t &low, uint32_t &high, unsigned long bytes) {
     high = static_cast<uint32_t>(bits >> 32);
 }
 
-size_t bufferedBytes(uint32_t countLow) { return (countLow / 8) % kBlock; }
+size_t bufferedBytes(uint32_t countLow) { return (countLow / 8) % blockSize; }
 
 // Hands the complete blocks among the buffered bytes and the new ones to `transform`(state, first block, number of
 // blocks, at least one), straight from the input where possible, and keeps the rest in the buffer.
 template <auto transform, typename State>
-void cutIntoBlocks(State &state, unsigned char (&buffer)[kBlock], size_t buffered, const unsigned char *data,
+void cutIntoBlocks(State &state, unsigned char (&buffer)[blockSize], size_t buffered, const unsigned char *data,
                    size_t length) {
     if (buffered > 0) {
-        const size_t taken = std::min(length, kBlock - buffered);
+        const size_t taken = std::min(length, blockSize - buffered);
         std::memcpy(buffer + buffered, data, taken);
-        if (buffered + taken < kBlock) return;
+        if (buffered + taken < blockSize) return;
         transform(state, buffer, 1);
         data += taken;
         length -= taken;
     }
-    const size_t blocks = length / kBlock;
+    const size_t blocks = length / blockSize;
     if (blocks > 0) transform(state, data, blocks);
-    if (length % kBlock > 0) std::memcpy(buffer, data + blocks * kBlock, length % kBlock);
+    if (length % blockSize > 0) std::memcpy(buffer, data + blocks * blockSize, length % blockSize);
 }
 
 // A one bit and zeros: what brings a message up to the place of the bit count.
-constexpr unsigned char kPadding[kBlock] = {0x80};
-size_t paddingLength(size_t buffered) { return (buffered < kCountAt ? kCountAt : kBlock + kCountAt) - buffered; }
+constexpr unsigned char paddingBytes[blockSize] = {0x80};
+size_t paddingLength(size_t buffered) {
+    return (buffered < countPosition ? countPosition : blockSize + countPosition) - buffered;
+}
 
 // Takes the end of a message: what is buffered, the padding, the two words of the bit count.  It is one block or two;
 // their parts are copied at full length, since copies of a fixed length are the quickest.  Of the message nothing
 // stays: it may be a key.
 template <auto transform, typename State>
-void takeEnd(State &state, unsigned char (&buffer)[kBlock], size_t buffered, uint32_t first, uint32_t second) {
-    unsigned char end[2 * kBlock];
-    std::memcpy(end, buffer, kBlock);
-    std::memcpy(end + buffered, kPadding, kBlock);
+void takeEnd(State &state, unsigned char (&buffer)[blockSize], size_t buffered, uint32_t first, uint32_t second) {
+    unsigned char end[2 * blockSize];
+    std::memcpy(end, buffer, blockSize);
+    std::memcpy(end + buffered, paddingBytes, blockSize);
     const size_t countAt = buffered + paddingLength(buffered);
     storeWord(end + countAt, first);
     storeWord(end + countAt + 4, second);
-    transform(state, end, (countAt + kCountSize) / kBlock);
+    transform(state, end, (countAt + countSize) / blockSize);
     wipe(end);
     wipe(buffer);
 }
 
 // The same two words as bytes.
-std::array<unsigned char, kCountSize> countBytes(uint32_t first, uint32_t second) {
-    std::array<unsigned char, kCountSize> bytes;
+std::array<unsigned char, countSize> countBytes(uint32_t first, uint32_t second) {
+    std::array<unsigned char, countSize> bytes;
     storeWord(bytes.data(), first);
     storeWord(bytes.data() + 4, second);
     return bytes;
@@ -122,9 +124,9 @@ bool isDerived(const Own &context) {
 
 // MD5
 
-constexpr uint32_t kMd5Initial[4] = {0x67452301, 0xefcdab89, 0x98badcfe, 0x10325476};
-constexpr int kMd5Rotations[4][4] = {{7, 12, 17, 22}, {5, 9, 14, 20}, {4, 11, 16, 23}, {6, 10, 15, 21}};
-constexpr uint32_t kMd5Sines[64] = {  // the integer part of 2^32 * |sin(i + 1)|
+constexpr uint32_t md5Initial[4] = {0x67452301, 0xefcdab89, 0x98badcfe, 0x10325476};
+constexpr int md5Rotations[4][4] = {{7, 12, 17, 22}, {5, 9, 14, 20}, {4, 11, 16, 23}, {6, 10, 15, 21}};
+constexpr uint32_t md5Sines[64] = {  // the integer part of 2^32 * |sin(i + 1)|
     0xd76aa478, 0xe8c7b756, 0x242070db, 0xc1bdceee, 0xf57c0faf, 0x4787c62a, 0xa8304613, 0xfd469501,
     0x698098d8, 0x8b44f7af, 0xffff5bb1, 0x895cd7be, 0x6b901122, 0xfd987193, 0xa679438e, 0x49b40821,
     0xf61e2562, 0xc040b340, 0x265e5a51, 0xe9b6c7aa, 0xd62f105d, 0x02441453, 0xd8a1e681, 0xe7d3fbc8,
@@ -144,7 +146,7 @@ template <size_t i>
     const uint32_t b = words[(1 - i) % 4];
     const uint32_t c = words[(2 - i) % 4];
     const uint32_t d = words[(3 - i) % 4];
-    a += kMd5Sines[i] + littleEndian(loadWord(block + 4 * (places[round] % 16)));
+    a += md5Sines[i] + littleEndian(loadWord(block + 4 * (places[round] % 16)));
     if constexpr (round == 0) {
         a += ((c ^ d) & b) ^ d;
     } else if constexpr (round == 1) {
@@ -155,7 +157,7 @@ template <size_t i>
     } else {
         a += (b | ~d) ^ c;
     }
-    a = std::rotl(a, kMd5Rotations[round][i % 4]) + b;
+    a = std::rotl(a, md5Rotations[round][i % 4]) + b;
 }
 
 template <size_t... i>
@@ -172,13 +174,13 @@ template <size_t... i>
 }
 
 void md5TransformAll(uint32_t (&state)[4], const unsigned char *blocks, size_t count) {
-    for (; count > 0; --count, blocks += kBlock) md5Transform(state, blocks);
+    for (; count > 0; --count, blocks += blockSize) md5Transform(state, blocks);
 }
 
 // SHA-1
 
-constexpr uint32_t kSha1Initial[5] = {0x67452301, 0xefcdab89, 0x98badcfe, 0x10325476, 0xc3d2e1f0};
-constexpr uint32_t kSha1Constants[4] = {0x5a827999, 0x6ed9eba1, 0x8f1bbcdc, 0xca62c1d6};
+constexpr uint32_t sha1Initial[5] = {0x67452301, 0xefcdab89, 0x98badcfe, 0x10325476, 0xc3d2e1f0};
+constexpr uint32_t sha1Constants[4] = {0x5a827999, 0x6ed9eba1, 0x8f1bbcdc, 0xca62c1d6};
 
 // One of the 80 steps; the schedule keeps the last 16 message words.
 template <size_t i>
@@ -206,7 +208,7 @@ template <size_t i>
     } else {
         e += (c ^ d) ^ b;
     }
-    e += kSha1Constants[round] + w;
+    e += sha1Constants[round] + w;
     e += std::rotl(a, 5);
     b = std::rotl(b, 30);
 }
@@ -229,7 +231,7 @@ void sha1TransformAll(uint32_t (&state)[5], const unsigned char *blocks, size_t 
     uint32_t schedule[16];  // the whole block can be computed from it
     do {
         sha1Transform(state, schedule, blocks);
-        blocks += kBlock;
+        blocks += blockSize;
         asm("" ::: "memory");  // the state stays in its place between blocks instead of in a copy on the stack
     } while (--count > 0);
     wipe(schedule);
@@ -242,9 +244,9 @@ uint32_t cappedLength(unsigned long asked, unsigned long complete) {
 
 // Digests "abc" and says whether the published digest came out.
 int selfTest(HashContext &context, const unsigned char *expected) {
-    unsigned char digest[kLargestDigest] = {};
+    unsigned char digest[largestDigest] = {};
     context.initialize(0);
-    context.hash(kTestMessage, sizeof kTestMessage);
+    context.hash(testMessage, sizeof testMessage);
     context.getHash(digest);
     const bool same = std::memcmp(digest, expected, context.getCompleteHashLength()) == 0;
     context.initialize(0);
@@ -261,13 +263,13 @@ static_assert(sizeof(void *) != 4 || sizeof(HmacContext) == 140);
 HashContext::~HashContext() = default;
 
 // As destroy() leaves it.
-Md5HashContext::Md5HashContext() : state_(), countLow_(0), countHigh_(0), buffer_(), returnedLength_(kMd5Length) {}
+Md5HashContext::Md5HashContext() : state_(), countLow_(0), countHigh_(0), buffer_(), returnedLength_(md5Length) {}
 
 Md5HashContext::~Md5HashContext() = default;
 
 int Md5HashContext::initialize(unsigned long returnedLength) {
-    returnedLength_ = cappedLength(returnedLength, kMd5Length);
-    std::copy(kMd5Initial, kMd5Initial + 4, state_);
+    returnedLength_ = cappedLength(returnedLength, md5Length);
+    std::copy(md5Initial, md5Initial + 4, state_);
     countLow_ = countHigh_ = 0;
     return 0;
 }
@@ -296,37 +298,37 @@ void Md5HashContext::finish() {
     const uint32_t second = littleEndian(countHigh_);
     if (isDerived(*this)) {
         const auto count = countBytes(first, second);
-        hash(kPadding, padding);
+        hash(paddingBytes, padding);
         hash(count.data(), count.size());
         return wipe(buffer_);
     }
-    addBits(countLow_, countHigh_, padding + kCountSize);
+    addBits(countLow_, countHigh_, padding + countSize);
     takeEnd<md5TransformAll>(state_, buffer_, buffered, first, second);
 }
 
 void Md5HashContext::getHash(unsigned char *out) {
-    if (returnedLength_ == kMd5Length) return Md5HashContext::getCompleteHash(out);
-    unsigned char digest[kMd5Length];
+    if (returnedLength_ == md5Length) return Md5HashContext::getCompleteHash(out);
+    unsigned char digest[md5Length];
     Md5HashContext::getCompleteHash(digest);
     std::memcpy(out, digest, returnedLength_);
 }
 
-unsigned long Md5HashContext::getCompleteHashLength() const { return kMd5Length; }
+unsigned long Md5HashContext::getCompleteHashLength() const { return md5Length; }
 
 void Md5HashContext::getCompleteHash(unsigned char *out) {
     finish();
     for (size_t i = 0; i < 4; ++i) storeWord(out + 4 * i, littleEndian(state_[i]));
 }
 
-int Md5HashContext::test() { return selfTest(*this, kMd5OfTest); }
+int Md5HashContext::test() { return selfTest(*this, md5OfTest); }
 
-Sha1HashContext::Sha1HashContext() : state_(), countLow_(0), countHigh_(0), buffer_(), returnedLength_(kSha1Length) {}
+Sha1HashContext::Sha1HashContext() : state_(), countLow_(0), countHigh_(0), buffer_(), returnedLength_(sha1Length) {}
 
 Sha1HashContext::~Sha1HashContext() = default;
 
 int Sha1HashContext::initialize(unsigned long returnedLength) {
-    returnedLength_ = cappedLength(returnedLength, kSha1Length);
-    std::copy(kSha1Initial, kSha1Initial + 5, state_);
+    returnedLength_ = cappedLength(returnedLength, sha1Length);
+    std::copy(sha1Initial, sha1Initial + 5, state_);
     countLow_ = countHigh_ = 0;
     return 0;
 }
@@ -354,30 +356,30 @@ void Sha1HashContext::finish() {
     const uint32_t second = bigEndian(countLow_);
     if (isDerived(*this)) {
         const auto count = countBytes(first, second);
-        hash(kPadding, 1);
-        while (bufferedBytes(countLow_) != kCountAt) hash(kPadding + 1, 1);
+        hash(paddingBytes, 1);
+        while (bufferedBytes(countLow_) != countPosition) hash(paddingBytes + 1, 1);
         hash(count.data(), count.size());
         return wipe(buffer_);
     }
-    addBits(countLow_, countHigh_, paddingLength(buffered) + kCountSize);
+    addBits(countLow_, countHigh_, paddingLength(buffered) + countSize);
     takeEnd<sha1TransformAll>(state_, buffer_, buffered, first, second);
 }
 
 void Sha1HashContext::getHash(unsigned char *out) {
-    if (returnedLength_ == kSha1Length) return Sha1HashContext::getCompleteHash(out);
-    unsigned char digest[kSha1Length];
+    if (returnedLength_ == sha1Length) return Sha1HashContext::getCompleteHash(out);
+    unsigned char digest[sha1Length];
     Sha1HashContext::getCompleteHash(digest);
     std::memcpy(out, digest, returnedLength_);
 }
 
-unsigned long Sha1HashContext::getCompleteHashLength() const { return kSha1Length; }
+unsigned long Sha1HashContext::getCompleteHashLength() const { return sha1Length; }
 
 void Sha1HashContext::getCompleteHash(unsigned char *out) {
     finish();
     for (size_t i = 0; i < 5; ++i) storeWord(out + 4 * i, bigEndian(state_[i]));
 }
 
-int Sha1HashContext::test() { return selfTest(*this, kSha1OfTest); }
+int Sha1HashContext::test() { return selfTest(*this, sha1OfTest); }
 
 AuthenticationContext::~AuthenticationContext() = default;
 
@@ -389,17 +391,17 @@ HmacContext::~HmacContext() { HmacContext::destroy(); }
 int HmacContext::initialize(const unsigned char *key, unsigned long keyLength, unsigned long returnedLength) {
     const unsigned long asked = returnedLength == 0 ? inner_->getCompleteHashLength() : returnedLength;
     returnedLength_ = static_cast<uint32_t>(std::min<unsigned long>(asked, UINT32_MAX));
-    std::fill(innerPad_, innerPad_ + kBlock, static_cast<unsigned char>(0));
-    if (keyLength > kBlock) {
+    std::fill(innerPad_, innerPad_ + blockSize, static_cast<unsigned char>(0));
+    if (keyLength > blockSize) {
         inner_->initialize(0);
         inner_->hash(key, keyLength);
         inner_->getHash(innerPad_);
     } else if (keyLength > 0) {
         std::memcpy(innerPad_, key, keyLength);
     }
-    for (size_t i = 0; i < kBlock; ++i) {
-        outerPad_[i] = innerPad_[i] ^ kOuterPad;
-        innerPad_[i] ^= kInnerPad;
+    for (size_t i = 0; i < blockSize; ++i) {
+        outerPad_[i] = innerPad_[i] ^ outerPad;
+        innerPad_[i] ^= innerPad;
     }
     return reset();
 }
@@ -420,7 +422,7 @@ int HmacContext::reset() {
 void HmacContext::hash(const unsigned char *data, unsigned long length) { inner_->hash(data, length); }
 
 void HmacContext::getHash(unsigned char *out) {
-    unsigned char innerDigest[kLargestDigest];
+    unsigned char innerDigest[largestDigest];
     inner_->getHash(innerDigest);
     inner_->initialize(returnedLength_);
     inner_->hash(outerPad_, sizeof outerPad_);
@@ -431,4 +433,5 @@ void HmacContext::getHash(unsigned char *out) {
 
 unsigned long HmacContext::getCompleteHashLength() const { return inner_->getCompleteHashLength(); }
 
+// Quirk Q94.
 unsigned long HmacContext::getReturnedHashLength() const { return returnedLength_; }

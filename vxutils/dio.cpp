@@ -129,6 +129,7 @@ int isInput(const dirent *entry) { return dio_isDioDirent(entry, inputPrefix) ? 
 int isOutput(const dirent *entry) { return dio_isDioDirent(entry, outputPrefix) ? 1 : 0; }
 
 // Counts one kind of line into its counter; false when the tree is there and cannot be read.
+// Quirk Q86.
 bool countLines(int (*filter)(const dirent *), unsigned int &counter) {
     const vx::ErrnoKeeper keeper;
     dirent **entries = nullptr;
@@ -202,6 +203,7 @@ int switchFailure(unsigned int on) {
 }
 
 // Result of a refused probe.
+// Quirk Q85.
 int probeFailure(unsigned char *active) {
     if (errno == 0) return DIO_SYSTEM;  // a short write
     if (errno != EEXIST) return DIO_INACTIVE;

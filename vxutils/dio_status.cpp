@@ -23,6 +23,7 @@ struct IndexMask {
 };
 
 // None for lines 97 to 99, whose bits would lie in the neighbouring half.
+// Quirk Q87.
 std::optional<IndexMask> bitOf(unsigned int dio) {
     const size_t index = (dio - 1) / 8;
     if (index >= sizeof(dio_status_half::mask)) return std::nullopt;

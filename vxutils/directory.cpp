@@ -27,7 +27,7 @@ using vx::TreePlace;
 
 namespace {
 
-constexpr mode_t creationMode = 0x755;  // hexadecimal on purpose: what mkdir() has always been given here
+constexpr mode_t creationMode = 0x755;  // Quirk Q21: hexadecimal
 constexpr mode_t sharedMode = 0555;     // of the directories that try_mkdir() makes
 
 bool isDotName(const char *name) { return std::strcmp(name, ".") == 0 || std::strcmp(name, "..") == 0; }
@@ -38,6 +38,7 @@ int cannotMake(const char *shown) {
 }
 
 // Whether what is in a directory's place will do.
+// Quirk Q23.
 int acceptExisting(int directory, const char *name, const char *shown) {
     struct stat status;
     if (::fstatat(directory, name, &status, AT_SYMLINK_NOFOLLOW) == -1) {
@@ -135,6 +136,7 @@ int deleteTree(const std::string &path) {
 
 }  // namespace
 
+// Quirk Q22.
 int try_mkdir(const char *path) {
     if (path == nullptr) {
         errno = EINVAL;
@@ -169,6 +171,7 @@ int delete_regular_file(const char *name) {
     return ::unlink(name);
 }
 
+// Quirk Q28.
 int delete_directory(const char *path) {
     if (path == nullptr || *path == '\0') return -1;
     return vx::memoryGuarded([path] { return deleteTree(vx::withoutSlashes(path)); });
@@ -182,6 +185,7 @@ int delete_directory_contents(const char *path) {
     });
 }
 
+// Quirk Q29.
 int empty_directory(const char *path) {
     if (path == nullptr || *path == '\0') return -1;
     const DirPtr dir(::opendir(path));

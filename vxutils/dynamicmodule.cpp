@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
-#include <dlfcn.h>
 #include <vxutils/dynamicmodule.h>
+
+#include <dlfcn.h>
 
 #include <cerrno>
 #include <cstring>

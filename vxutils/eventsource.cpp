@@ -1,9 +1,10 @@
 // SPDX-License-Identifier: MIT
+#include <vxutils/eventsource.h>
+
 #include <fcntl.h>
 #include <sys/epoll.h>
 #include <sys/timerfd.h>
 #include <unistd.h>
-#include <vxutils/eventsource.h>
 
 #include <cerrno>
 #include <cstring>
@@ -98,6 +99,7 @@ struct CEPollEventsource::Batch {
 CEPollEventsource::CEPollEventsource()
     : sinks_(ByDescriptor{new Tables}), epollFd_(-1), commandWriteFd_(-1), commandReadFd_(-1), terminated_(false) {}
 
+// Quirk Q67.
 CEPollEventsource::~CEPollEventsource() {
     closeAll();
     delete &tables();
@@ -125,6 +127,7 @@ int CEPollEventsource::init() {
     return epollAddEvent(commandReadFd_, EPOLLIN);
 }
 
+// Quirk Q60.
 void CEPollEventsource::addSink(IFDEventsink *sink, event_type type) {
     const int fd = sink->getFd();
     if (!rememberSink(fd, sink, type)) return;
@@ -159,7 +162,7 @@ void CEPollEventsource::modifyEventMask(IFDEventsink *sink, event_type type) {
     }
 }
 
-// Daemons keep their own record of the mask and have come to rely on this answer.
+// Quirk Q59.
 IFDEventsource::event_type CEPollEventsource::getEventMask(IFDEventsink *) { return ET_NONE; }
 
 void CEPollEventsource::terminate() {
@@ -169,6 +172,7 @@ void CEPollEventsource::terminate() {
     vx::log(DL_ERROR, "unable to write to command-pipe (fd=%i) - errno=%s", commandWriteFd_, std::strerror(errno));
 }
 
+// Quirk Q66.
 void CEPollEventsource::addTimer(ITimeoutEventsink *sink) {
     vx::Fd fd(::timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC));
     if (!fd.valid()) {
@@ -186,7 +190,7 @@ void CEPollEventsource::addTimer(ITimeoutEventsink *sink) {
     if (::timerfd_settime(fd.get(), 0, &setting, nullptr) == -1) {
         vx::log(DL_ERR, "Unable to set requested timer value (%i ms) for sink 0x%p - errno=%s", ms,
                 static_cast<void *>(sink), std::strerror(errno));
-        (void)fd.release();  // promised: it stays open and unregistered
+        (void)fd.release();  // Quirk Q61.
         return;
     }
     if (epollAddEvent(fd.get(), EPOLLIN) == -1) {
@@ -226,7 +230,7 @@ int CEPollEventsource::evtLoop() {
             onEpollWakeup(events.data(), count);
         } else if (count == 0) {
             vx::log(DL_ERR, "Got a timeout from epoll_wait() without specifying a timeout!?");
-        } else if (errno == EAGAIN) {
+        } else if (errno == EAGAIN) {  // Quirk Q62.
             vx::log(DL_ERROR, "epoll_wait failed will errno=%s - terminating.", std::strerror(errno));
             return -1;
         }
@@ -284,6 +288,7 @@ void CEPollEventsource::onEpollWakeup(epoll_event *events, int count) {
             onCommand();
         } else if (watched.sink != nullptr) {
             Batch::drop(batch.outer, fd);
+            // Quirk Q64.
             if ((what & EPOLLIN) != 0) {
                 watched.sink->onReadable();
             } else if ((what & EPOLLOUT) != 0) {
@@ -320,6 +325,7 @@ int CEPollEventsource::onCommand() {
 // An event of a descriptor that nobody registered. It may come from a file that was registered under this number,
 // closed and kept open by somebody's duplicate; then the number may be somebody else's by now. Only what the epoll set
 // knows by this very number is ours to close.
+// Quirk Q63.
 void CEPollEventsource::onUnknownDescriptor(int fd) {
     vx::log(DL_ERR, "Unable to find corresponding event-sink for active file descriptor %i - terminating!", fd);
     if (::epoll_ctl(epollFd_, EPOLL_CTL_DEL, fd, nullptr) == 0) ::close(fd);
@@ -382,6 +388,7 @@ void CEPollEventsource::forgetTimer(TimerMap::iterator timer) {
 }
 
 // A table by sink instead of a walk over all timers: a daemon that re-arms a thousand of them should not notice.
+// Quirk Q65.
 int CEPollEventsource::lowestTimerOf(const ITimeoutEventsink *sink) const {
     const auto found = tables().timersBySink.lower_bound(bySink(sink, 0));
     const bool own = found != tables().timersBySink.end() && found->first == reinterpret_cast<uintptr_t>(sink);

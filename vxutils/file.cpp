@@ -1,11 +1,12 @@
 // SPDX-License-Identifier: MIT
 // Content of files. Directories and whole files moved about are in directory.cpp.
+#include <vxutils/file.h>
+
 #include <fcntl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <vxutils/address.h>
-#include <vxutils/file.h>
 #include <vxutils/strutil.h>
 
 #include <algorithm>
@@ -53,6 +54,7 @@ struct Content {
     bool newline;
 };
 
+// Quirk Q25.
 bool mustWriteDirectly(const char *path) {
     return std::any_of(std::begin(directPrefixes), std::end(directPrefixes), [path](std::string_view prefix) {
         return std::strncmp(path, prefix.data(), prefix.size()) == 0;
@@ -111,7 +113,7 @@ int replaceThrough(Fd temporaryFd, const char *temporary, const char *path, cons
     const bool written =
         writeWhole(temporaryFd, content.data, content.size) && (!content.newline || writeWhole(temporaryFd, "\n", 1));
     temporaryFd.reset();
-    if (!written) {  // the temporary file stays: that is promised
+    if (!written) {  // Quirk Q24: the temporary file stays.
         vx::log(DL_ERROR, "Unable to write to tempfile (%s) - errno=%i(%s)", temporary, errno, std::strerror(errno));
         return -1;
     }
@@ -219,6 +221,7 @@ int outOfMemory() {
 
 }  // namespace
 
+// Quirk Q31.
 int read_file_lines(const char *path, struct list_link *lines) {
     if (path == nullptr || lines == nullptr) return READFILE_OPEN_FAILED;
     struct stat status {};
@@ -243,12 +246,14 @@ int read_file_lines(const char *path, struct list_link *lines) {
     }
 }
 
+// Quirk Q32.
 int dropfile(const char *name) {
     if (name == nullptr || ::access(name, R_OK) == -1) return -1;
     ::unlink(name);
     return 0;
 }
 
+// Quirk Q26.
 int write_file_atomic(const char *path, const void *buf, size_t len, int append_newline, unsigned char allow_fallback) {
     if (path == nullptr) {
         errno = EINVAL;
@@ -298,6 +303,7 @@ int readaddress(const char *name, struct sockaddr *addr) {
     return str2addr(text, addr);
 }
 
+// Quirk Q30.
 char *create_tmpfile(const char *pattern) {
     if (pattern == nullptr || *pattern == '\0') return nullptr;
     std::memset(tmpfileName, 0, sizeof tmpfileName);

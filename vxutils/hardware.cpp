@@ -81,6 +81,7 @@ const char *oem(const char *key) {
     return oemValue;
 }
 
+// Quirk Q88.
 const char *get_product(void) {
     Text buffer;
     const char *name = readfile_r(productNameFile, buffer.data(), buffer.size());

@@ -189,6 +189,7 @@ unsigned long longestChain(Entry *const *buckets, unsigned int count) {
 // What is compiled into callers stands in the library as well.
 [[gnu::used]] static constexpr auto emitted = &INUInt32HashTable::getValueFromKey;
 
+// Quirk Q11.
 INUInt32HashTable::INUInt32HashTable(unsigned long size, HashFunctionType)
     : buckets_(nullptr), count_(bucketCount(size)), mask_(count_ - 1) {
     buckets_ = new Entry *[count_]();
@@ -199,6 +200,7 @@ INUInt32HashTable::~INUInt32HashTable() {
     delete[] buckets_;
 }
 
+// Quirk Q12.
 bool INUInt32HashTable::addEntry(unsigned long key, void *value) {
     const auto number = static_cast<uint32_t>(key);
     append(&buckets_[number & mask_], new (allocate<Entry>(0)) Entry{number, value, nullptr});

@@ -100,7 +100,7 @@ std::array<char, displaySize + 1> Display::buffer_;
 // Text of a status file, empty when it cannot be read or a stranger may have made it.
 class StatusText {
 public:
-    explicit StatusText(const char *path) {
+    explicit StatusText(const char *path) : text_("") {
         if (vx::isBelievable(path)) text_ = readfile_r(path, buffer_.data(), buffer_.size());
     }
     StatusText(const StatusText &) = delete;
@@ -131,6 +131,7 @@ void displayWlan(Display &display, std::string_view prefix, const InterfaceName 
     }
 }
 
+// Quirk Q79.
 void displayPpp(Display &display, const InterfaceName &name) {
     constexpr int firstSerial = 10;
     constexpr int lastSerial = 19;
@@ -187,6 +188,7 @@ int wanlink_count(void) {
     return count;
 }
 
+// Quirk Q80.
 int bridge_members(const char *bridge, char *buffer, size_t size) {
     if (bridge == nullptr || *bridge == '\0' || buffer == nullptr || size == 0) return -1;
     *buffer = '\0';

@@ -18,21 +18,21 @@ const uint32_t IpAddress::ipv4Loopback;
 
 namespace {
 
-constexpr uint32_t kTypeEmpty = 0;
-constexpr uint32_t kTypeV4 = 1;
-constexpr uint32_t kAllOnes = 0xffffffff;
-constexpr uint32_t kFirstNumbered = 0x01000000;  // 0.x.x.x is "this network"
-constexpr unsigned int kShortestPrefix = 2;
-constexpr unsigned int kLongestPrefix = 30;
+constexpr uint32_t typeEmpty = 0;
+constexpr uint32_t typeV4 = 1;
+constexpr uint32_t allOnes = 0xffffffff;
+constexpr uint32_t firstNumbered = 0x01000000;  // 0.x.x.x is "this network"
+constexpr unsigned int shortestPrefix = 2;
+constexpr unsigned int longestPrefix = 30;
 
-constexpr uint32_t kOctetLimit = 256;
-constexpr long kOctetDigits = 3;
-constexpr uint32_t kPrefixLimit = 33;
-constexpr long kPrefixDigits = 2;
-constexpr size_t kQuadText = sizeof "255.255.255.255";
+constexpr uint32_t octetLimit = 256;
+constexpr long octetDigits = 3;
+constexpr uint32_t prefixLimit = 33;
+constexpr long prefixDigits = 2;
+constexpr size_t quadText = sizeof "255.255.255.255";
 
 // On wider machines only the lower half of a number counts.
-uint32_t word(unsigned long value) { return static_cast<uint32_t>(value & kAllOnes); }
+uint32_t word(unsigned long value) { return static_cast<uint32_t>(value & allOnes); }
 
 uint32_t leadingOnes(uint32_t mask) { return static_cast<uint32_t>(std::countl_one(mask)); }
 
@@ -77,7 +77,7 @@ public:
         for (int i = 0; i < 4; ++i) {
             uint32_t octet = 0;
             if (i > 0 && !character('.')) return false;
-            if (!number(kOctetDigits, kOctetLimit, octet)) return false;
+            if (!number(octetDigits, octetLimit, octet)) return false;
             octets = octets << 8 | octet;
         }
         value = octets;
@@ -102,7 +102,7 @@ bool readNumber(const String &text, long &pos, unsigned long &value, long mostDi
 
 String &writeQuad(String &text, bool isV4, uint32_t value) {
     if (!isV4) return text = String::EMPTY();
-    char quad[kQuadText];
+    char quad[quadText];
     *vx::writeQuad(quad, value) = '\0';
     return text = quad;
 }
@@ -113,6 +113,7 @@ IpAddress::IpAddress() { init(); }
 
 IpAddress::IpAddress(const String &text) : IpAddress() { setIpAddrAsString(text); }
 
+// Quirk Q20.
 IpAddress::IpAddress(const String &ip, const String &mask) : IpAddress() {
     if (setIpAddrAsString(ip) != 0 || setNetMaskAsString(mask) != 0) init();
 }
@@ -122,9 +123,9 @@ IpAddress::IpAddress(unsigned long address, unsigned long mask) : IpAddress() {
 }
 
 void IpAddress::init() {
-    type_ = kTypeEmpty;
+    type_ = typeEmpty;
     std::fill(address_, address_ + 4, 0);
-    std::fill(netmask_, netmask_ + 4, kAllOnes);
+    std::fill(netmask_, netmask_ + 4, allOnes);
 }
 
 const IpAddress &IpAddress::EMPTY() {
@@ -141,7 +142,7 @@ String &IpAddress::getNetMaskAsString(String &text) const { return writeQuad(tex
 unsigned long &IpAddress::getV4IpAddrAsBinaryUInt32(unsigned long &address) const { return address = v4Address(); }
 
 int IpAddress::setV4IpAddrAsBinaryUInt32(unsigned long address) {
-    type_ = kTypeV4;
+    type_ = typeV4;
     address_[0] = word(address);
     return 0;
 }
@@ -156,7 +157,7 @@ unsigned long &IpAddress::getV4NetMaskAsBinaryUInt32(unsigned long &mask) const 
 
 int IpAddress::setV4NetMaskAsBinaryUInt32(unsigned long mask) {
     if (!isContiguous(word(mask))) return -1;
-    type_ = kTypeV4;
+    type_ = typeV4;
     netmask_[0] = word(mask);
     return 0;
 }
@@ -172,7 +173,7 @@ int IpAddress::setIpAddrAsString(const String &text) {
     if (reader.atEnd()) return setV4IpAddrAsBinaryUInt32(address);
 
     uint32_t size = 0;
-    if (!reader.character('/') || !reader.number(kPrefixDigits, kPrefixLimit, size) || !reader.atEnd()) return -1;
+    if (!reader.character('/') || !reader.number(prefixDigits, prefixLimit, size) || !reader.atEnd()) return -1;
     setV4IpAddrAsBinaryUInt32(address);
     return setNetMaskSize(size);
 }
@@ -194,11 +195,11 @@ bool IpAddress::isEmpty() const { return *this == EMPTY(); }
 
 bool IpAddress::isLocalGroup() const { return isV4() && v4Address() >> 8 == ipv4McGrpUnspecified >> 8; }
 
-bool IpAddress::isHostType() const { return isV4ClassABC() && v4Address() >= kFirstNumbered && v4Mask() == kAllOnes; }
+bool IpAddress::isHostType() const { return isV4ClassABC() && v4Address() >= firstNumbered && v4Mask() == allOnes; }
 
 bool IpAddress::isDefGwType() const { return isV4() && v4Address() == 0 && v4Mask() == 0; }
 
-bool IpAddress::isLimBcType() const { return isV4() && v4Address() == kAllOnes; }
+bool IpAddress::isLimBcType() const { return isV4() && v4Address() == allOnes; }
 
 bool IpAddress::isNetType() const { return isDefGwType() || (isInNumberedNetwork() && (v4Address() & ~v4Mask()) == 0); }
 
@@ -207,12 +208,13 @@ bool IpAddress::isIfaceType() const {
     return isInNumberedNetwork() && host != 0 && host != ~v4Mask();
 }
 
-bool IpAddress::isDirBcType() const { return isInNumberedNetwork() && (v4Address() | v4Mask()) == kAllOnes; }
+bool IpAddress::isDirBcType() const { return isInNumberedNetwork() && (v4Address() | v4Mask()) == allOnes; }
 
 bool IpAddress::isValidAddress() const {
     return isHostType() || isNetType() || isIfaceType() || isLimBcType() || isDirBcType();
 }
 
+// Quirk Q19.
 unsigned char *IpAddress::getV6IpAddrAsBinaryString(unsigned char *address) const { return address; }
 
 unsigned char *IpAddress::getV6NetAddrAsBinaryString(unsigned char *address) const { return address; }
@@ -226,11 +228,11 @@ int IpAddress::setV6NetMaskAsBinaryString(const unsigned char * /*mask*/) { retu
 bool IpAddress::s_isV6MaskValid(const char * /*mask*/, const unsigned long & /*size*/) { return false; }
 
 bool IpAddress::s_getV4IpAddrTokenOfString(const String &text, long &pos, unsigned long &value) {
-    return readNumber(text, pos, value, kOctetDigits, kOctetLimit);
+    return readNumber(text, pos, value, octetDigits, octetLimit);
 }
 
 bool IpAddress::s_getV4NetMaskSizeOfString(const String &text, long &pos, unsigned long &value) {
-    return readNumber(text, pos, value, kPrefixDigits, kPrefixLimit);
+    return readNumber(text, pos, value, prefixDigits, prefixLimit);
 }
 
 bool IpAddress::s_getCharOfString(const String &text, long &pos, char ch) {
@@ -249,9 +251,9 @@ bool IpAddress::s_isV4MaskValid(unsigned long mask, unsigned long &size) {
 // What networks, interfaces and directed broadcasts have in common: a class A, B or C address whose network part is
 // numbered, neither all zeros nor all ones, by a valid mask that leaves room for hosts.
 bool IpAddress::isInNumberedNetwork() const {
-    if (!isV4ClassABC() || v4Address() < kFirstNumbered) return false;
+    if (!isV4ClassABC() || v4Address() < firstNumbered) return false;
     unsigned long size = 0;
-    if (!isMaskValid(size) || size < kShortestPrefix || size > kLongestPrefix) return false;
+    if (!isMaskValid(size) || size < shortestPrefix || size > longestPrefix) return false;
     const uint32_t network = v4Address() & v4Mask();
     return network != 0 && network != v4Mask();
 }

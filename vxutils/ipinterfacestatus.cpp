@@ -46,6 +46,7 @@ IpInterfaceStatus::IpInterfaceStatus(const IpInterfaceStatus &) = default;
 IpInterfaceStatus &IpInterfaceStatus::operator=(const IpInterfaceStatus &) = default;
 IpInterfaceStatus::~IpInterfaceStatus() = default;
 
+// Quirk Q81.
 int IpInterfaceStatus::isInterfaceAvailable(const char *name) const {
     ifaddrs *list = nullptr;
     if (name == nullptr || getifaddrs(&list) == -1) return 0;

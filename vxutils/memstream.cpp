@@ -11,6 +11,7 @@
 // Reports the condition as it is written here; the source name is the one that firmware logs have always shown.
 #define MEMSTREAM_ASSERT(condition) VX_ASSERT(condition, #condition, "vxutils/memstream")
 
+// Quirk Q10.
 int mem_stream_printf(mem_stream *stream, const char *format, ...) {
     MEMSTREAM_ASSERT(stream != NULL);
     MEMSTREAM_ASSERT(stream->buf != NULL);

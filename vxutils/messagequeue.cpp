@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: MIT
+#include <vxutils/messagequeue.h>
+
 #include <fcntl.h>
 #include <unistd.h>
-#include <vxutils/messagequeue.h>
 
 #include <cerrno>
 #include <climits>

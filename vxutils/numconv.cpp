@@ -205,10 +205,12 @@ char *i32toa(int32_t value, char *buf, int base) {
 
 char *u_i32toa(uint32_t value, char *buf, int base) { return printUnsigned(value, buf, base); }
 
+// Quirk Q15.
 char *i16toa(int16_t value, char *buf, int base) { return printSigned(value, buf, base); }
 
 char *u_i16toa(uint16_t value, char *buf, int base) { return printUnsigned(value, buf, base); }
 
+// Quirk Q14.
 int32_t valueOf32(const char *text) { return readSigned(text); }
 
 uint32_t u_valueOf32(const char *text) { return readUnsigned(text); }
@@ -241,6 +243,7 @@ void u_validRangeValueOf16(int *err, const char *text, uint16_t min, uint16_t ma
     if (err != nullptr) checkRange(err, u_validValueOf16(err, text), min, max);
 }
 
+// Quirk Q13.
 char *convBinToHex(uint32_t value, char *buf) {
     char *const end = putWord(buf, value);
     *end = '\0';
@@ -276,6 +279,7 @@ uint32_t nextHigherPowerOf2(uint32_t v) {
     return v > largest ? 0 : std::bit_ceil(v);
 }
 
+// Quirk Q16.
 int convIPStr2IPUl(const char *text, uint32_t *out) {
     uint32_t number = 0;
     for (int part = 0; part < 4; ++part) {

@@ -40,6 +40,7 @@ PingClient::PingClient() : socket_(-1), identifier_(randomNumber()), sequence_(r
 
 PingClient::~PingClient() { PingClient::cleanup(); }
 
+// Quirk Q78.
 int PingClient::sendSimplePing(const String &source, const String &destination) {
     cleanup();
     ++sequence_;
@@ -57,6 +58,7 @@ int PingClient::sendSimplePing(const String &source, const String &destination) 
     echo::simpleRequest(std::span<uint8_t, echo::simpleSize>(bytes, echo::simpleSize), ntohl(inet_addr(source.c_str())),
                         *target, {identifier_, sequence_});
     words[ipWords + 1] = checksum(words.data() + ipWords, echo::icmpHeader);
+    // Quirk Q76.
     words[5] =
         checksum(words.data(), echo::simpleSize);  // over all of it: the finished message adds nothing to the sum
 
@@ -68,6 +70,7 @@ int PingClient::sendSimplePing(const String &source, const String &destination) 
     return sent == static_cast<ssize_t>(echo::simpleSize) ? sendDone : sendFailed;
 }
 
+// Quirk Q77.
 int PingClient::checkPingResponse() {
     std::array<uint8_t, replySize> packet;
     for (int packets = 0; packets < mostPackets; ++packets) {

@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: MIT
+#include <vxutils/process.h>
+
 #include <fcntl.h>
 #include <unistd.h>
-#include <vxutils/process.h>
 #include <vxutils/strutil.h>
 
 #include <climits>
@@ -59,6 +60,7 @@ int pid_alive(int pid) {
     return ::access(formatPath(path, processPath, pid), R_OK) == 0;
 }
 
+// Quirk Q51.
 int get_parent_pid(int pid) {
     constexpr int parentField = 4;
     Path path;
@@ -95,6 +97,7 @@ int get_caller(char *dst, size_t n) {
     return -1;
 }
 
+// Quirk Q52.
 const char *procname(int pid) {
     static char commandLine[commandLineSize];
     Path path;

@@ -1,8 +1,9 @@
 // SPDX-License-Identifier: MIT
+#include <vxutils/processcontrol.h>
+
 #include <dirent.h>
 #include <fcntl.h>
 #include <unistd.h>
-#include <vxutils/processcontrol.h>
 
 #include <algorithm>
 #include <array>
@@ -237,6 +238,7 @@ ProcessEntry *ProcessControl::getProcessEntryByPid(int pid) {
     return entry;
 }
 
+// Quirk Q53.
 int ProcessControl::getNumberOfProcesses() const { return count_; }
 
 void ProcessControl::cleanup() {

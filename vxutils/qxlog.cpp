@@ -1,11 +1,12 @@
 // SPDX-License-Identifier: MIT
+#include <vxutils/qxlog.h>
+
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/ipc.h>
 #include <sys/sem.h>
 #include <sys/stat.h>
 #include <unistd.h>
-#include <vxutils/qxlog.h>
 
 #include <cerrno>
 #include <chrono>
@@ -66,6 +67,7 @@ bool removeStrangers(int id) {
 }
 
 // The semaphore of the log, set to free; -1 after a report.
+// Quirk Q91.
 int getSemaphore(const Limits &limits) {
     const key_t key = ::ftok(keyPath, keyProject);
     if (key == -1) return failed("ftok");
@@ -196,6 +198,7 @@ bool copyOldLines(FILE *to, const Limits &limits) {
 
 }  // namespace
 
+// Quirk Q92.
 int qxlog(int number, const char *message) {
     if (message == nullptr || *message == '\0') return -1;
     const Limits limits;
@@ -226,6 +229,7 @@ int qxlog(int number, const char *message) {
     return turn.giveBack() ? 0 : failed("semop");
 }
 
+// Quirk Q93.
 int qxlog_clear(void) {
     const Limits limits;
     const int semaphore = getSemaphore(limits);

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
-#include <vxutils/csemaphore.h>
 #include <vxutils/sem.h>
+
+#include <vxutils/csemaphore.h>
 
 #include <memory>
 #include <new>
@@ -33,7 +34,7 @@ void semopt_set_consistent_mode_manual(sem_options *options) { setMode(options, 
 
 void semopts_release(sem_options *options) { delete options; }
 
-// Promised: a null name raises the standard library's logic error. Of all plain functions this one and sem_create()
+// Quirk Q56. A null name raises the standard library's logic error. Of all plain functions this one and sem_create()
 // alone let it out.
 sem_handle *sem_create_with_options(const char *name, const sem_options *options) {
     try {

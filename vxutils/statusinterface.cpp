@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: MIT
+#include <vxutils/statusinterface.h>
+
 #include <event2/bufferevent.h>
 #include <event2/event.h>
-#include <vxutils/statusinterface.h>
 extern "C" {
 #include <event2/bufferevent_compat.h>  // has no linkage of its own
 }
@@ -181,6 +182,7 @@ bool StatusInterface::setup(BasePath basePath, const String &name) {
     return failed.empty();
 }
 
+// Quirk Q68.
 bool StatusInterface::setStatus(const String &name, const String &value) {
     const vx::StatusPath place((path_ + name).c_str(), vx::Use::writing);
     if (!place.valid()) return false;
@@ -213,6 +215,7 @@ bool StatusInterface::setLink(const String &name, const String &target) {
     return removed || ::symlinkat(target.c_str(), place.directory(), place.name()) == 0;
 }
 
+// Quirk Q69.
 unsigned long StatusInterface::setupIpcRxFifo(const String &name, StatusFifoObserver *observer) {
     auto fifo = std::unique_ptr<Fifo>(new Fifo{nullptr, -1, nullptr, path_ + name});
     vx::Fd fd = makeFifo(fifo->path);

@@ -91,6 +91,7 @@ char *strtoupper(char *s) {
     return s;
 }
 
+// Quirk Q7.
 int is_number(const char *s) {
     if (s == nullptr) return 0;
     for (; *s != '\0'; ++s) {
@@ -127,7 +128,7 @@ const char *strformat(const char *fmt, ...) {
 }
 
 char *escape(const char *src, size_t n, char *dst, size_t size) {
-    const size_t limit = size - 2;  // unsigned on purpose: sizes 0 and 1 mean no limit
+    const size_t limit = size - 2;  // Quirk Q5: unsigned
     size_t index = 0;
     for (size_t i = 0; i < n && index < limit && src[i] != '\0'; ++i) {
         const auto byte = static_cast<unsigned char>(src[i]);
@@ -148,6 +149,7 @@ void reverse(char *s) {
     std::reverse(s, s + std::strlen(s));
 }
 
+// Quirk Q8.
 int e164Number(const char *s) {
     if (s == nullptr) return -1;
     for (; *s != '\0'; ++s) {
@@ -167,6 +169,7 @@ int validateTimeString(const char *s) {
     return verdict(fields == 6 && isDate(year, month, day) && isTime(hour, minute, second));
 }
 
+// Quirk Q6.
 int validateTime(const char *s) {
     if (s == nullptr) return -1;
     long long hour, minute, second;

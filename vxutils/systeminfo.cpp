@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
-#include <vxutils/strutil.h>
 #include <vxutils/systeminfo.h>
+
+#include <vxutils/strutil.h>
 
 #include <cstdio>
 #include <cstdlib>
@@ -20,6 +21,7 @@ constexpr int lineSize = 1023;  // 1022 characters and a NUL
 using Table = std::unique_ptr<systeminfo_table, vx::Release<&systeminfo_free>>;
 
 // Cuts the opening quote off and the value off at what closes it.
+// Quirk Q38.
 char *unquote(char *value) {
     if (*value != '"') return value;
     ++value;

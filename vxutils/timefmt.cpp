@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
-#include <sys/sysinfo.h>
 #include <vxutils/timefmt.h>
+
+#include <sys/sysinfo.h>
 
 #include <cinttypes>
 #include <cstdio>
@@ -74,6 +75,7 @@ const char *timeformat(const time_t *t) {
     return text;
 }
 
+// Quirk Q54.
 time_t timeparse(const char *text) {
     if (text == nullptr || *text == '\0') return 0;
     struct tm parsed {};

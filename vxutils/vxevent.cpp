@@ -1,11 +1,12 @@
 // SPDX-License-Identifier: MIT
+#include <vxutils/vxevent.h>
+
 #include <fcntl.h>
 #include <limits.h>
 #include <poll.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <vxutils/strutil.h>
-#include <vxutils/vxevent.h>
 #include <zmq.h>
 
 #include <array>
@@ -105,6 +106,7 @@ void freeRecord(void *record, void *) { std::free(record); }
 // Needs nothing of the other objects made at load time, and a failure leaves it null.
 devlog_level *DL_MQCONTENTS = devlog_level_create(messageContentsLevel);
 
+// Quirk Q70.
 int vxevent(unsigned int id, unsigned int param, const char *text) {
     vxevent_record record{};
     record.id = id;

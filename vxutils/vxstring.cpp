@@ -31,21 +31,21 @@ namespace {
 // Initialized before the process runs any code, so that no thread can meet it half made.
 constinit StringBuffer emptyBuffer = {1, 0, 0, {'\0'}};
 
-constexpr size_t kHeaderSize = offsetof(StringBuffer, text);
-constexpr size_t kMaxLength = INT32_MAX;
-constexpr int32_t kOneCharCapacity = 7;
-constexpr size_t kNumberText = 32;  // room for a printed number or address
+constexpr size_t headerSize = offsetof(StringBuffer, text);
+constexpr size_t maxLength = INT32_MAX;
+constexpr int32_t oneCharCapacity = 7;
+constexpr size_t numberText = 32;  // room for a printed number or address
 
 // The largest length that the block for a text of `length` bytes holds.
 constexpr int32_t capacityFor(size_t length) {
-    constexpr size_t kSmall = 128;
-    const size_t room = length < kSmall ? ((length + 8) & ~size_t{15}) + 8 : ((length - 64) & ~size_t{63}) + 128;
+    constexpr size_t smallLimit = 128;
+    const size_t room = length < smallLimit ? ((length + 8) & ~size_t{15}) + 8 : ((length - 64) & ~size_t{63}) + 128;
     return static_cast<int32_t>(room - 1);
 }
 static_assert(capacityFor(0) == 7 && capacityFor(7) == 7 && capacityFor(8) == 23 && capacityFor(127) == 135);
-static_assert(capacityFor(128) == 191 && capacityFor(192) == 255 && capacityFor(kMaxLength) == INT32_MAX);
+static_assert(capacityFor(128) == 191 && capacityFor(192) == 255 && capacityFor(maxLength) == INT32_MAX);
 
-constexpr size_t blockSize(int32_t capacity) { return kHeaderSize + static_cast<size_t>(capacity) + 1; }
+constexpr size_t blockSize(int32_t capacity) { return headerSize + static_cast<size_t>(capacity) + 1; }
 
 // A text that cannot be had ends the process here rather than somewhere behind a null pointer.
 void require(bool possible) {
@@ -67,7 +67,7 @@ StringBuffer *allocate(int32_t capacity) {
 }
 
 StringBuffer *allocateFor(size_t length) {
-    require(length <= kMaxLength);
+    require(length <= maxLength);
     return allocate(capacityFor(length));
 }
 
@@ -79,7 +79,7 @@ StringBuffer *newText(const char *bytes, size_t count) {
 }
 
 StringBuffer *newCharacter(char c) {
-    StringBuffer *block = allocate(kOneCharCapacity);
+    StringBuffer *block = allocate(oneCharCapacity);
     block->text[0] = c;
     setLength(block, 1);
     return block;
@@ -102,10 +102,10 @@ bool isPrivateWithRoom(const StringBuffer *block, size_t length) {
 // Moves a private block to the capacity for a text of `length` bytes, which is more than it holds.  Small blocks are
 // had quicker from malloc's lists than from realloc; large ones can often stay where they are.
 StringBuffer *resize(StringBuffer *block, size_t length) {
-    constexpr int32_t kSmall = 512;
-    require(length <= kMaxLength);
+    constexpr int32_t smallLimit = 512;
+    require(length <= maxLength);
     const int32_t capacity = capacityFor(length);
-    if (block->capacity < kSmall) {
+    if (block->capacity < smallLimit) {
         StringBuffer *moved = allocate(capacity);
         std::memcpy(moved->text, block->text, static_cast<size_t>(block->length) + 1);
         moved->length = block->length;
@@ -168,13 +168,13 @@ long searchCharacter(const String &text, char c, long from) {
 // First place at or after `from` where `s`, up to its first NUL, begins.  strstr takes over where the first character
 // is too frequent, because its time does not depend on that.
 long searchText(const String &text, const String &s, long from) {
-    constexpr int kMostAttempts = 8;
+    constexpr int mostAttempts = 8;
     const char *at = text.c_str() + from;
     const size_t count = std::strlen(s.c_str());
     if (count == 0) return from;
     if (count > sizeOf(text) - static_cast<size_t>(from)) return -1;
     const char *const end = text.c_str() + sizeOf(text) - count + 1;
-    for (int attempt = 0; attempt < kMostAttempts; ++attempt, ++at) {
+    for (int attempt = 0; attempt < mostAttempts; ++attempt, ++at) {
         at = findByte(at, end, s.c_str()[0]);
         if (at == nullptr || std::memcmp(at, s.c_str(), count) == 0) return positionOf(at, text, from);
     }
@@ -182,7 +182,7 @@ long searchText(const String &text, const String &s, long from) {
 }
 
 using Word = size_t;
-constexpr Word kOnes = ~Word{0} / 0xff;  // 1 in every byte
+constexpr Word oneInEveryByte = ~Word{0} / 0xff;  // 1 in every byte
 
 Word wordAt(const char *text) {
     Word word;
@@ -193,14 +193,15 @@ Word wordAt(const char *text) {
 // Whether two words are the same but for the case of letters: where they differ in the case bit alone and the byte is a
 // letter.
 bool sameWordIgnoringCase(Word a, Word b) {
-    constexpr Word caseBits = 0x20 * kOnes, highBits = 0x80 * kOnes;
+    constexpr Word caseBits = 0x20 * oneInEveryByte, highBits = 0x80 * oneInEveryByte;
     const Word difference = a ^ b;
     if (difference == 0) [[likely]]
         return true;
     if ((difference & ~caseBits) != 0) return false;
     const Word lower = a | caseBits;
     const Word low = lower & ~highBits;
-    const Word letters = (low + (0x80 - 'a') * kOnes) & ~(low + (0x7f - 'z') * kOnes) & ~lower & highBits;
+    const Word letters =
+        (low + (0x80 - 'a') * oneInEveryByte) & ~(low + (0x7f - 'z') * oneInEveryByte) & ~lower & highBits;
     return (difference << 2 & ~letters) == 0;
 }
 
@@ -218,16 +219,16 @@ bool sameIgnoringCase(const char *a, const char *b, size_t count) {
 }
 
 // The same bytes with the case bit set, which no longer tells letters of different case apart, nor some other bytes.
-Word withCaseBits(Word word) { return word | 0x20 * kOnes; }
-Word everyByte(char c) { return static_cast<unsigned char>(c) * kOnes; }
+Word withCaseBits(Word word) { return word | 0x20 * oneInEveryByte; }
+Word everyByte(char c) { return static_cast<unsigned char>(c) * oneInEveryByte; }
 
 // The high bit of every byte that is 0; a byte above such a one may have it for nothing.
-Word zeroByte(Word word) { return (word - kOnes) & ~word & 0x80 * kOnes; }
+Word zeroByte(Word word) { return (word - oneInEveryByte) & ~word & 0x80 * oneInEveryByte; }
 
 // First position in from..last where `s` stands, case ignored.  Its first two bytes are looked for at the places of a
 // whole word at once: one place after the other (FindIgnoreCase_1k) takes 5 times the instructions on a board.
 long searchIgnoringCase(const String &text, const String &s, long from, long last) {
-    constexpr long kPlaces = sizeof(Word);
+    constexpr long bytePlaces = sizeof(Word);
     if (from > last) return -1;
     if (s.length() == 0) return from;
     const long offset = s.c_str()[0] != '\0' && s.length() > 1 ? 1 : 0;  // a NUL ends the comparison
@@ -235,8 +236,8 @@ long searchIgnoringCase(const String &text, const String &s, long from, long las
     const Word second = withCaseBits(everyByte(s.c_str()[offset]));
     const char *const end = text.c_str() + last + 1;
     for (const char *place = text.c_str() + from; place < end;) {
-        const bool whole = end - place >= kPlaces;
-        const char *const next = whole ? place + kPlaces : end;
+        const bool whole = end - place >= bytePlaces;
+        const char *const next = whole ? place + bytePlaces : end;
         if (whole && (zeroByte(withCaseBits(wordAt(place)) ^ first) &
                       zeroByte(withCaseBits(wordAt(place + offset)) ^ second)) == 0) {
             place = next;
@@ -279,13 +280,13 @@ long searchBackwardsIgnoringCase(const String &text, const String &s, long start
 // Whether the two formatters measure this format alike whatever its arguments: it has only %s and plain numbers, with
 // neither precision nor sign nor prefix.
 bool isPlainFormat(const char *fmt) {
-    constexpr int kMostDigits = 4;  // of a width
+    constexpr int mostDigits = 4;  // of a width
     for (;;) {
         while (*fmt != '%' && *fmt != '\0') ++fmt;
         if (*fmt++ == '\0') return true;
         while (*fmt == '-' || *fmt == '0') ++fmt;
         for (int digits = 0; *fmt >= '0' && *fmt <= '9'; ++fmt) {
-            if (++digits > kMostDigits) return false;
+            if (++digits > mostDigits) return false;
         }
         const bool isLong = *fmt == 'l';
         if (isLong) ++fmt;
@@ -400,19 +401,19 @@ String String::stringOf(const char *s) { return {s}; }
 String String::stringOf(const char *s, long start, long count) { return {s, start, count}; }
 
 String String::stringOf(long number) {
-    char text[kNumberText];
+    char text[numberText];
     std::snprintf(text, sizeof text, "%ld", number);
     return {text};
 }
 
 String String::stringOf(unsigned long number) {
-    char text[kNumberText];
+    char text[numberText];
     std::snprintf(text, sizeof text, "%lu", number);
     return {text};
 }
 
 String String::stringOf(void *pointer) {
-    char text[kNumberText];
+    char text[numberText];
     std::snprintf(text, sizeof text, "%p", pointer);
     return {text};
 }
@@ -424,6 +425,7 @@ const String &String::EMPTY() {
     return empty;
 }
 
+// Quirk Q1.
 int String::compareTo(const String &other) const { return buffer_ == other.buffer_ ? 0 : order(other, *this); }
 
 int String::compareToIgnoreCase(const String &other) const {
@@ -488,6 +490,7 @@ String String::substring(long begin) const {
     return piece;
 }
 
+// Quirk Q3.
 String String::substring(long begin, long end) const {
     if (begin >= end || begin >= length()) return {};
     const bool tooFar = begin < 0 && end > LONG_MAX + begin;  // the difference would not fit
@@ -522,6 +525,7 @@ long String::lastIndexOf(char c, long from) const {
 
 long String::lastIndexOf(const String &s) const { return lastIndexOf(s, LONG_MAX); }
 
+// Quirk Q2.
 long String::lastIndexOf(const String &s, long from) const {
     return from < 0 ? -1 : searchBackwards(*this, s, std::min(length() - s.length(), from));
 }
@@ -544,6 +548,7 @@ String &String::operator+=(const char *s) {
     return s == nullptr || *s == '\0' ? *this : internalConcat(s, static_cast<long>(std::strlen(s)));
 }
 
+// Quirk Q4.
 String &String::format(const char *fmt, ...) {
     va_list args;
     va_start(args, fmt);
@@ -759,7 +764,7 @@ String operator+(char left, const String &right) {
 String String::sum(String &left, const char *right, long count) {
     if (count <= 0) return left;
     const size_t length = sizeOf(left) + static_cast<size_t>(count);
-    if (isPrivate(left.buffer_) && length <= kMaxLength && left.buffer_->capacity != capacityFor(length)) {
+    if (isPrivate(left.buffer_) && length <= maxLength && left.buffer_->capacity != capacityFor(length)) {
         const ptrdiff_t inside = offsetInside(left.buffer_, right);
         left.buffer_ = resize(left.buffer_, length);
         if (inside >= 0) right = left.buffer_->text + inside;

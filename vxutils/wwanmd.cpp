@@ -1,4 +1,6 @@
 // SPDX-License-Identifier: MIT
+#include <vxutils/wwanmd.h>
+
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -8,7 +10,6 @@
 #include <unistd.h>
 #include <vxutils/strutil.h>
 #include <vxutils/timefmt.h>
-#include <vxutils/wwanmd.h>
 
 #include <algorithm>
 #include <array>
@@ -107,6 +108,7 @@ const char *findName(const Name *from, const Name *end, const char *name) {
 // The same text in memory that lasts: openlog() keeps the pointer it is given. Each name is kept once and never freed,
 // because another thread may be logging with it at any time. Takes no lock, which a child of fork() might find taken
 // for ever. Throws std::bad_alloc.
+// Quirk Q84.
 const char *lastingName(const char *name) {
     const Name *first = names;
     if (const char *known = findName(first, nullptr, name)) return known;
@@ -215,6 +217,7 @@ void stalled(wwanmd_handle *handle) {
 }
 
 // Counts a failed send or receive and reconnects when it was one too many.
+// Quirk Q83.
 void countFailure(wwanmd_handle *handle, const char *doing, Part part) {
     vx::log(LOG_DEBUG, "%s wwanmd%d failed (%d failures)", doing, handle->card, handle->failures + 1);
     ++handle->failures;
@@ -372,6 +375,7 @@ Reply receiveReply(wwanmd_handle *handle, wwanmd_msg *message, Budget &budget, R
 }
 
 // Waits through "BUSY" answers as long as passes and whole seconds are left.
+// Quirk Q82.
 Reply receiveAnswer(wwanmd_handle *handle, wwanmd_msg *message) {
     Budget budget(message->timeout);
     ReplyBuffer buffer;

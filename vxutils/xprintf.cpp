@@ -468,6 +468,7 @@ inline const char *putLiteral(Out &out, const char *at) {
 }
 
 template <typename Out>
+// Quirk Q9.
 void formatAll(Out &out, const char *at, Arguments &args) {
     for (;;) {
         at = putLiteral(out, at);
