@@ -1,7 +1,7 @@
 """The comments of the public headers as blocks: paragraphs, lists, tables, code, and the words on parameters and results.
 
 A paragraph that begins with a label ("Blocking: ...", "**Threads.** ...") opens a section, which lasts until the next
-label; the sections of LABELS have a place of their own in a page."""
+label; the sections of LABELS have a place of their own in a page, those of other bold labels belong to the description."""
 import dataclasses
 import re
 
@@ -11,6 +11,7 @@ LABELS = {
     "fork": "NOTES", "blocking": "NOTES", "errors": "ERRORS", "failures": "ERRORS", "limits": "LIMITS",
     "privileges": "PRIVILEGES", "compatibility": "COMPATIBILITY",
 }
+OTHER_LABEL = re.compile(r"\*\*[^*]+\.\*\*\s")
 TAG = re.compile(r"@(param(?:\[\w+(?:,\w+)?\])?|returns?|retval|throws|copydoc)\s+")
 
 
@@ -154,6 +155,8 @@ class Comment:
                 section = LABELS[label.lower()]
                 shown = section not in ("DESCRIPTION", "EXAMPLES") and section.lower() != label.lower()
                 block.text = f"**{label}.** {text}" if shown else text
+            elif block.kind == "paragraph" and OTHER_LABEL.match(block.text):
+                section = "DESCRIPTION"
             block.section = section
             if block.kind == "code":
                 block.section = "EXAMPLES"

@@ -1,19 +1,32 @@
 /* SPDX-License-Identifier: MIT */
 /**
  * @file
- * The analog inputs of the boards, in volts.
+ * **Purpose.** The analog inputs of the boards, in volts. Each board's converter has its own factor; the functions with
+ * a board's name apply it. Other drivers' converters are read with adc_read().
  *
+ * **Example.**
  * @code
- * float volts;
  * const char *path = qxdelta_get_adc_vin_path(1);
+ * float volts;
  * if (path != NULL && *path != '\0' && adc_read(path, NULL, &volts) == 0) printf("%.2f\n", (double)volts);
  * @endcode
  *
- * Each board's converter has its own factor; the functions with a board's name apply it. Converter files hold a whole
- * number of 0 or more; a text that is no number reads as 0. Scale files hold a decimal fraction.
+ * **Ownership.** Nothing is allocated. qxdelta_get_adc_vin_path() returns a static buffer for each input, valid until
+ * its next call for that input.
  *
- * **Threads.** All may be used by any thread, but qxdelta_get_adc_vin_path() returns a static buffer per input. Nothing
- * is kept open.
+ * **Threads, signals, fork.** Any thread may call the functions; two threads must not ask qxdelta_get_adc_vin_path()
+ * for the same input at once. Not for signal handlers. No descriptor stays open, so a forked child may call them.
+ *
+ * **Blocking.** As long as the driver takes to read a file, a few milliseconds.
+ *
+ * **Errors.** Results of -1, 0 or an empty text; errno is the failing call's. Only qxdelta_get_adc_vin_path() logs
+ * (LOG_ERR). Converter files hold a whole number of 0 or more; a text that is not a number reads as 0.
+ *
+ * **Limits.** A converter's text has at most 127 characters. Hardware monitors are looked for as hwmon0 to hwmon9.
+ *
+ * **Privileges.** Read access to the driver's files below /sys, which every user has on the boards.
+ *
+ * **Compatibility.** None.
  */
 #ifndef VXUTILS_ADC_H
 #define VXUTILS_ADC_H
@@ -61,7 +74,7 @@ VXUTILS_API int qxgamma_adc_read(const char *path, float *value, float factor);
 
 /**
  * Finds the hardware monitor's file of an input of the fourth board type, among hwmon0 to hwmon9. What is in its place
- * and is no regular file is logged (LOG_ERR), as is finding nothing.
+ * and is not a regular file is logged (LOG_ERR), as is finding nothing.
  * @param input  1 or 2
  * @return the path, in the input's static buffer until its next call; empty when there is none; NULL for another input
  */

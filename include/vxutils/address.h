@@ -1,25 +1,41 @@
 /* SPDX-License-Identifier: MIT */
 /**
  * @file
- * Parses, prints, compares and masks IPv4 and IPv6 addresses in the platform's socket-address records, and converts
- * between netmasks and prefix lengths.
+ * **Purpose.** Parses, prints, compares and masks IPv4 and IPv6 addresses in the platform's socket-address records, and
+ * converts between netmasks and prefix lengths. ipaddress.h has an IPv4 address with its netmask as a class.
  *
+ * **Example.**
  * @code
- * struct sockaddr_in6 addr, mask;               // large enough for either family
+ * #include <netinet/in.h>
+ * struct sockaddr_in6 addr, mask;  // large enough for either family
  * struct sockaddr *a = (struct sockaddr *)&addr, *m = (struct sockaddr *)&mask;
  * char text[93];
  * if (str2addr("192.168.1.77", a) == 0 && cidr2netmask(24, m, a->sa_family) == 0 && net2cidr(text, a, m) != NULL)
- *     puts(text);                               // 192.168.1.0/24
+ *     puts(text);  // prints 192.168.1.0/24
  * @endcode
  *
- * An address record begins with its 16-bit family: AF_INET, the address as in @c sockaddr_in, or AF_INET6, the address
- * as in @c sockaddr_in6; any other family means that there is no address. A netmask record has the mask's bits where
- * the address would be. Port, flow information and scope are neither read nor written, and no record needs to be
- * aligned. A record that is filled with, or said to hold, an IPv6 address must have the size of a @c sockaddr_in6 (28
- * bytes), which a plain @c struct @c sockaddr has not.
+ * **Records.** An address record begins with its 16-bit family: AF_INET, the address as in `sockaddr_in`, or AF_INET6,
+ * the address as in `sockaddr_in6`; any other family means that there is no address. A netmask record has the mask's
+ * bits where the address would be. Port, flow information and scope are neither read nor written, and records need no
+ * alignment.
  *
- * The functions keep no state, allocate nothing, log nothing, set no @c errno of their own and never block: any number
- * of threads may use them at once.
+ * **Ownership.** All memory is the caller's; the functions keep no pointer.
+ *
+ * **Threads, signals, fork.** The functions keep no state: any number of threads may call them at once, also in a
+ * forked child. They call only inet_ntop() and inet_pton() of the C library, which POSIX does not list for signal
+ * handlers.
+ *
+ * **Blocking.** Never.
+ *
+ * **Errors.** Results of -1, 0 or NULL. Nothing is logged; errno is unchanged.
+ *
+ * **Limits.** A record that is filled with, or said to hold, an IPv6 address must have the size of a `sockaddr_in6` (28
+ * bytes), which a plain `struct sockaddr` does not have. Each function says how large its text buffer must be.
+ *
+ * **Privileges.** None.
+ *
+ * **Compatibility.** Behaviour kept on purpose (docs/compatibility.md): Q17 is_link_local_address() accepts ff80::/10;
+ * Q18 a refused text still sets the family.
  */
 #ifndef VXUTILS_ADDRESS_H
 #define VXUTILS_ADDRESS_H
@@ -69,10 +85,10 @@ VXUTILS_API char *addr2str(char *buf, const struct sockaddr *addr);
 VXUTILS_API char *net2str(char *dst, const struct sockaddr *addr, const struct sockaddr *mask);
 
 /**
- * Reads an IPv4 address: four decimal numbers from 0 to 255 without leading zeros, nothing before or behind them.
+ * Reads an IPv4 address: four decimal numbers from 0 to 255 without leading zeros, nothing before or after them.
  * @param text NUL-terminated text.
  * @param addr record to fill. The family is stored even when the text is refused; the address is left as it was then.
- * @return 0, or -1 when the text is no IPv4 address or a pointer is NULL (nothing is stored then).
+ * @return 0, or -1 when the text is not an IPv4 address or a pointer is NULL (nothing is stored then).
  */
 VXUTILS_API int str2addr4(const char *text, struct sockaddr *addr);
 
@@ -80,7 +96,7 @@ VXUTILS_API int str2addr4(const char *text, struct sockaddr *addr);
  * Reads an IPv6 address in any notation of RFC 4291, without a scope.
  * @param text NUL-terminated text.
  * @param addr record of the size of a @c sockaddr_in6. The family is stored even when the text is refused.
- * @return 0, or -1 when the text is no IPv6 address or a pointer is NULL (nothing is stored then).
+ * @return 0, or -1 when the text is not an IPv6 address or a pointer is NULL (nothing is stored then).
  */
 VXUTILS_API int str2addr6(const char *text, struct sockaddr *addr);
 
@@ -88,7 +104,7 @@ VXUTILS_API int str2addr6(const char *text, struct sockaddr *addr);
  * str2addr6() for a text that holds a colon anywhere, str2addr4() for all others.
  * @param text NUL-terminated text.
  * @param addr record of the size that the text's family needs.
- * @return 0, or -1 when the text is no address of its family or a pointer is NULL (nothing is stored then).
+ * @return 0, or -1 when the text is not an address of its family or a pointer is NULL (nothing is stored then).
  */
 VXUTILS_API int str2addr(const char *text, struct sockaddr *addr);
 

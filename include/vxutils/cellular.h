@@ -1,13 +1,31 @@
 /* SPDX-License-Identifier: MIT */
 /**
  * @file
- * Names of the mobile world: radio generations, families of modem modules, network providers.
+ * **Purpose.** Names of the mobile world: radio generations, families of modem modules, network providers.
  *
+ * **Example.**
  * @code
- * if (get_generation("LTE") >= 4 && card2family("mc7455") == 0x20002) puts("a fast one");
+ * if (get_generation("LTE") >= 4 && card2family("mc7455") == 0x20002) puts("fast");  // prints fast
  * @endcode
  *
- * **Threads.** pdb_find_provider() returns a static buffer; the others may be used by any thread.
+ * **Ownership.** pdb_find_provider() returns a static buffer, valid until its next call. Nothing is freed by the
+ * caller.
+ *
+ * **Threads, signals, fork.** get_generation() and card2family() may be called by any thread; pdb_find_provider() by
+ * one thread at a time. Not for signal handlers.
+ *
+ * **Blocking.** pdb_find_provider() runs a tool in a shell and waits until it has ended, without a limit: do not call
+ * it in an event loop. The others do not block.
+ *
+ * **Errors.** Results that say "unknown": -1, 0, an empty text. Nothing is logged.
+ *
+ * **Limits.** A provider's name is cut to 63 characters. Lines of the tool are read in pieces of 1023 characters.
+ *
+ * **Privileges.** pdb_find_provider() needs /bin/sh and the provider data base's tool /usr/bin/pdb, executable for the
+ * caller.
+ *
+ * **Compatibility.** Behaviour kept on purpose (docs/compatibility.md): Q89 mc509 is never its own family; Q90 the
+ * provider begins two characters after the colon.
  */
 #ifndef VXUTILS_CELLULAR_H
 #define VXUTILS_CELLULAR_H

@@ -1,34 +1,51 @@
 /* SPDX-License-Identifier: MIT */
 /**
  * @file
- * Reader of configuration files made of "key=value" lines that may include each other.
+ * **Purpose.** Reader of configuration files made of "key=value" lines that may include each other. configreader.h
+ * reads one file without includes into a class; configd.h asks the configuration daemon.
  *
+ * **Example.**
  * @code
- *     cfread_table *config = cfread_open("/etc/gateway/main.conf");
- *     const cfread_entry *mtu = config != NULL ? cfread_find_entry(config, "wan.mtu") : NULL;
- *     if (mtu != NULL && mtu->ival > 0) set_mtu(mtu->ival);
- *     cfread_close(config);
+ * cfread_table *config = cfread_open("/etc/gateway/main.conf");  // NULL without the file
+ * const cfread_entry *mtu = config != NULL ? cfread_find_entry(config, "wan.mtu") : NULL;
+ * if (mtu != NULL && mtu->ival > 0) printf("mtu %ld\n", mtu->ival);
+ * cfread_close(config);
  * @endcode
  *
- * A line is one of
+ * **Syntax.** A line is one of
+ *
  * - "include NAME", beginning in the first column: the file is read in place. White space around the name is dropped. A
  *   name that begins with "/" may have 511 characters; any other is taken in the directory of the file that holds the
- *   line and may have 510. A longer name fails as a file that cannot be opened. Files nest as deep as descriptors last;
- *   one that includes itself fails when they run out. One read opens at most 16384 included files, and none any more
- *   when it has read more than 16 MiB from them: the next one fails as a file that cannot be opened. An included FIFO
- * is not waited for: it ends where nothing is there to be read.
+ *   line and may have 510. A longer name fails as a file that cannot be opened.
  * - a comment, beginning with "#" in the first column.
- * - an entry. Before the first "=" blanks vanish wherever they stand (tabs do not), the rest is the key; blanks right
- *   after that "=" are skipped, all that follows is the value, further "=" and blanks included. Bytes above 127 are
- *   dropped everywhere. Key and value hold at most 255 characters. A line without key or without value adds nothing.
- *   The line ends at a line feed or a carriage return, which may not be missing on the file's last entry; it has at
- *   most 1023 bytes with it. A later entry replaces an earlier one of the same key.
+ * - an entry. Blanks before the first "=" vanish wherever they are (tabs do not), and what is left is the key. Blanks
+ *   right after that "=" are skipped, and all that follows is the value, further "=" and blanks included. A line
+ *   without key or without value adds nothing. The line ends at a line feed or a carriage return, which the file's last
+ *   entry needs too. A later entry replaces an earlier one of the same key.
  *
- * Every failure is logged with file and line at LOG_ERR. Line numbers count each file's lines from 1, include lines
- * left out. A read error ends a file like its end does.
+ * **Ownership.** cfread_open() makes a table, cfread_close() frees it with all its entries. Entries belong to the
+ * table; a pointer to one is valid until its key is set again or the table is closed. The file's name is the caller's
+ * own text, not a copy.
  *
- * A table is used by one thread at a time; different tables are independent. Reading blocks as the
- * file named by the caller does.
+ * **Threads, signals, fork.** A table is used by one thread at a time; different tables are independent. Not for signal
+ * handlers. A forked child has a copy of its own.
+ *
+ * **Blocking.** As long as the file system takes; a FIFO that the caller names is read until its writers close it. An
+ * included FIFO is not waited for: it ends where there is nothing to read.
+ *
+ * **Errors.** Every failure is logged with file and line at LOG_ERR. Line numbers count each file's lines from 1 and
+ * leave out include lines. A read error ends a file as its end does.
+ *
+ * **Limits.** A line has at most 1023 bytes with its line end, key and value have at most 255 characters each. Files
+ * nest as deep as descriptors last; one that includes itself fails when they run out. One read opens at most 16384
+ * included files, and none any more after it has read more than 16 MiB from them: the next one fails as a file that
+ * cannot be opened.
+ *
+ * **Privileges.** Read access to the files.
+ *
+ * **Compatibility.** Behaviour kept on purpose (docs/compatibility.md): Q33 the process exits when the slots are
+ * exhausted; Q34 out of memory clears slot 0; Q35 the last entry needs its line end; Q36 bytes above 127 are dropped;
+ * Q37 a callback ends one file with success.
  */
 #ifndef VXUTILS_CFREAD_H
 #define VXUTILS_CFREAD_H
@@ -77,14 +94,18 @@ typedef struct cfread_table {
  */
 VXUTILS_API cfread_table *cfread_open(const char *file);
 
-/** Frees the table with all its entries. NULL is accepted. */
+/**
+ * Frees the table with all its entries. NULL is accepted.
+ * @param table  the table, or NULL
+ */
 VXUTILS_API void cfread_close(cfread_table *table);
 
 /**
  * Looks for a key, letter by letter. Takes the same time in small and large tables.
  * @param table table to search
  * @param key   key to look for
- * @return its entry, valid until the key is set anew or the table closed; NULL when there is none, for NULL and for "".
+ * @return its entry, valid until the key is set again or the table closed; NULL when there is none, for NULL and for
+ *   "".
  */
 VXUTILS_API cfread_entry *cfread_find_entry(const cfread_table *table, const char *key);
 

@@ -1,21 +1,41 @@
 /* SPDX-License-Identifier: MIT */
 /**
  * @file
- * Running other programs: in the foreground for their exit code, detached for their process id, through the shell for
- * their output; splitting a command line; restarting the device and switching it off.
+ * **Purpose.** Running other programs: in the foreground for their exit code, detached for their process id, through
+ * the shell for their output; splitting a command line; restarting the device and switching it off.
  *
+ * **Example.**
  * @code
- * char address[64];
- * if (run_command("ip link set wan0 up", 0) == 0 && eval_command("cat /tmp/status/wan/address", address, 64) > 0) {
- *     int dhcp = run_command("udhcpc -i wan0 -f", 1);   // goes on by itself; its process id
- * }
+ * char line[64];
+ * if (run_command("true", 0) == 0 && eval_command("echo up", line, sizeof line) > 0) printf("%s", line);  // prints up
  * @endcode
  *
- * A child is forked: the caller's descriptors from 3 on are closed in it, its directory is "/", its file mode mask 022,
- * its environment, signal mask and ignored signals are the caller's. Between fork and exec only async-signal-safe calls
- * are made, so that programs with threads may call these functions from any of them. Signals neither end the wait for a
- * child nor cut its output; a caller that ignores SIGCHLD, or waits for any child elsewhere, loses the exit code.
- * Messages go to the system log with fixed priorities.
+ * **The child.** A child is forked: descriptors from 3 on are closed in it, its directory is "/", its file mode mask
+ * 022; its environment, signal mask and ignored signals are the caller's.
+ *
+ * **Ownership.** makeargv() allocates an array that freeargv() frees. eval_command() writes into the caller's buffer.
+ *
+ * **Threads, signals, fork.** Any thread may call the functions: between fork and exec only async-signal-safe calls are
+ * made. Signals neither end the wait for a child nor cut its output. Not for signal handlers. A caller that ignores
+ * SIGCHLD, or waits for any child elsewhere, loses the exit code.
+ *
+ * **Blocking.** Foreground runs and eval_command() wait until the program ends, without a limit: do not call them in an
+ * event loop. Detached starts wait for each other for at most about 1 s. system_reboot() and system_poweroff() return
+ * after 100 ms.
+ *
+ * **Errors.** Results of -1 and messages in the system log with fixed priorities. A program that cannot be started ends
+ * with errno as its exit code; 127 is the shell's way to say that it did not find a program.
+ *
+ * **Limits.** 15 arguments after argument 0 in _exec_command(), 255 in makeargv(). eval_command() stores at most two
+ * characters less than the buffer has bytes.
+ *
+ * **Privileges.** The program runs with the caller's rights. Detached starts use a System V shared-memory segment as
+ * their token: root and its maker may remove it, others wait for it. Without the script of system_reboot() or
+ * system_poweroff(), restarting needs CAP_SYS_BOOT.
+ *
+ * **Compatibility.** Behaviour kept on purpose (docs/compatibility.md): Q44 without a process the caller becomes the
+ * program; Q45 a failed wait counts as success; Q46 eval_command() trusts a killed command; Q47 255 arguments leave no
+ * room for NULL.
  */
 #ifndef VXUTILS_COMMAND_H
 #define VXUTILS_COMMAND_H

@@ -1,71 +1,85 @@
 /* SPDX-License-Identifier: MIT */
 /**
  * @file
- * Client of the configuration daemon `configd`: reads and writes configuration values over Unix-domain datagrams, one
- * request and one answer at a time.
+ * **Purpose.** Client of the configuration daemon `configd`: reads and writes configuration values over Unix-domain
+ * datagrams, one request and one answer at a time. configdaemonclient.h has single values as a class.
  *
+ * **Example.**
  * Many values, fetched together when the first of them is asked for and then served from the handle:
  * @code
- *     configd_handle *config = configd_open();  // NULL without the daemon's directory
- *     int i;
- *     for (i = 0; i < ports; i++) configd_add_query(config, "port.%d.speed", i);
- *     if (configd_get(config, NULL) != 0) return;  // no answer; configd_fetch() would give empty texts
- *     for (i = 0; i < ports; i++) set_speed(i, atoi(configd_fetch(config, "port.%d.speed", i)));
- *     configd_clear(config);  // before reading anew
- *     configd_close(config);
+ * configd_handle *config = configd_open();  // NULL without the directory of the daemon
+ * int i;
+ * for (i = 0; i < 4; i++) configd_add_query(config, "port.%d.speed", i);
+ * if (configd_get(config, NULL) == 0)  // no answer: configd_fetch() would give empty texts
+ *     for (i = 0; i < 4; i++) printf("%s\n", configd_fetch(config, "port.%d.speed", i));
+ * configd_clear(config);  // before reading again
+ * configd_close(config);
  * @endcode
  *
  * A fixed set of values, read into or written from an array that a record with an empty key ends:
  * @code
- *     configd_entry change[2];
- *     memset(change, 0, sizeof change);
- *     strlcpy(change[0].key, "hostname", sizeof change[0].key);
- *     strlcpy(change[0].value, "gw-7", sizeof change[0].value);
- *     if (configd_set(config, change) == 0)
- *         while (configd_done(config) == 1) sleep(1);  // busy: the change waits
+ * #include <vxutils/strutil.h>
+ * configd_handle *config = configd_open();
+ * configd_entry change[2];
+ * memset(change, 0, sizeof change);
+ * strlcpy(change[0].key, "hostname", sizeof change[0].key);
+ * strlcpy(change[0].value, "gw-7", sizeof change[0].value);
+ * if (configd_set(config, change) == 0)
+ *     while (configd_done(config) == 1) sleep(1);  // busy: the change waits
+ * configd_close(config);
  * @endcode
  *
- * Rules
- * - A handle is used by one thread at a time. Any number of handles may exist, in one process and in many.
- * - Every call that talks to the daemon blocks: up to 10 s until the daemon takes the request and up to 10 s until it
- *   answers, signals notwithstanding. configd_get() and the first configd_fetch() do so once per key.
- * - Waiting for an answer changes the process's SIGPIPE disposition: ignored while waiting, the default action
- *   afterwards, whatever it was before.
- * - A handle does not survive fork() in both processes: the socket's file has one name, and the process that closes
- *   first removes it.
- * - A handle is either connected (`fd` is a descriptor, both paths are set, the client's socket file exists) or closed
- *   (`fd` is -1, both paths empty). A failed exchange ends with a fresh connection and the same paths. A closed handle
- *   can be used: each call fails and tries to connect again.
- * - Late answers: an answer that comes after configd_get(), configd_fetch(), configd_set(), configd_done() or
- *   configd_prepare_get() has given its request up is lost. No later call of the process takes it for the answer to
- *   another request, however late it comes, however often the daemon sends it and in whatever order, through this
- *   handle or through one that is opened later. The same holds for a second answer to a request that was answered after
- *   more than 1 s. This is how: the daemon answers to the name that the asking socket is bound to, which is
- *   `client_path`. After a request without a prompt and proper answer, the handle's new socket is bound to a name that
- *   no socket had before, "client.PID.0xNUMBER" in the same directory, and so is each later one of the handle;
- *   `client_path` is then the file of a closed socket. The number is odd, unlike the address of a handle.
- *   configd_open() avoids the addresses of such handles; after 128 of them, all new sockets of the process have such
- *   names.
- * - Not guaranteed: a second answer to a request that was answered within 1 s is believed when it arrives while the
- * next request waits for its answer. As soon as the process has found one answer too many in a socket, each further
- * request has a name of its own, which excludes this at the price of about one more exchange per request. Late answers
+ * **Connection.** A handle is either connected (`fd` is a descriptor, both paths are set, the client's socket file
+ * exists) or closed (`fd` is -1, both paths empty). A failed exchange ends with a fresh connection and the same paths.
+ * A closed handle can be used: each call fails and tries to connect again.
+ *
+ * **Late answers.** An answer that comes after configd_get(), configd_fetch(), configd_set(), configd_done() or
+ * configd_prepare_get() has given its request up is lost. No later call of the process takes it for the answer to
+ * another request, however late it comes, however often the daemon sends it and in whatever order, through this handle
+ * or through one that is opened later. The same holds for a second answer to a request that was answered after more
+ * than 1 s. This is how: the daemon answers to the name that the asking socket is bound to, which is `client_path`.
+ * After a request without a prompt and proper answer, the handle's new socket is bound to a name that no socket had
+ * before, "client.PID.0xNUMBER" in the same directory, and so is each later one of the handle; `client_path` is then
+ * the file of a closed socket. The number is odd, unlike the address of a handle. configd_open() avoids the addresses
+ * of such handles; after 128 of them, all new sockets of the process have such names.
+ *
+ * Not guaranteed: a second answer to a request that was answered within 1 s is believed when it arrives while the next
+ * request waits for its answer. As soon as the process has found one answer too many in a socket, each further request
+ * has a name of its own, which excludes this at the price of about one more exchange for each request. Late answers
  * also reach a process that gets both the number and the handle's address of another one which closed its handle less
  * than the delay of an answer ago. A caller of configd_send() and configd_recv() matches requests and answers itself.
- * - Whose answers count: only those from the daemon's socket to which the request went, which is the one at
- *   "/var/run/configd/daemon.sock" when the request is sent. The kernel refuses datagrams from any other socket (EPERM
- *   for their sender) while the client waits; what arrived before is thrown away. A daemon therefore has to answer
- *   through the socket that it receives with. A restarted daemon is found by the next request. A request whose daemon
- *   ends before it answers fails after 10 s. Whoever can replace files in the socket directory can play the daemon: the
- *   directory must belong to root and be writable only by users that are trusted with the configuration.
- * - Without the daemon: configd_open() returns NULL where the directory /var/run/configd is missing ("cannot bind to
- *   configd"). Where it exists, the handle is good: configd_get(), configd_set() and configd_done() fail at once
- * ("unable to send query to configd"), configd_fetch() gives empty texts, and all of them work as soon as the daemon
- * runs.
- * - "No answer" and "empty value": configd_fetch() gives an empty text for both. configd_get() with NULL, called first,
- *   tells them apart: 0 means that every value is the daemon's.
- * - Failures are reported by result and in the system log, priority LOG_ERR.
  *
- * Keys and values are texts without line feeds; keys hold no "=". The client does not look into them.
+ * **Whose answers count.** Only those from the daemon's socket to which the request went, which is the one at
+ * "/var/run/configd/daemon.sock" when the request is sent. The kernel refuses datagrams from any other socket (EPERM
+ * for their sender) while the client waits; what arrived before is thrown away. A daemon therefore has to answer
+ * through the socket that it receives with. A restarted daemon is found by the next request. A request whose daemon
+ * ends before it answers fails after 10 s.
+ *
+ * **Ownership.** configd_open() makes a handle, configd_close() frees it and its query list. Values that
+ * configd_fetch() returns belong to the handle, until configd_clear() or configd_close(). A caller's own record never
+ * goes to configd_close(), which would free it: end it with configd_clear() and __configd_close().
+ *
+ * **Threads, signals, fork.** A handle is used by one thread at a time. Any number of handles may exist, in one process
+ * and in many. Waiting for an answer changes the disposition of SIGPIPE for the whole process: ignored while waiting,
+ * the default action afterwards. Signals do not end the waits. Not for signal handlers. A handle does not survive
+ * fork() in both processes: the socket's file has one name, and the process that closes first removes it.
+ *
+ * **Blocking.** Every call that talks to the daemon waits up to 10 s until the daemon takes the request and up to 10 s
+ * until it answers. configd_get() and the first configd_fetch() do so once for each key. In an event loop, use a thread
+ * of its own (messagequeue.h brings the results back).
+ *
+ * **Errors.** Results of -1 to -4, NULL or an empty text, and one line in the system log (LOG_ERR).
+ *
+ * **Limits.** Keys have at most 255 characters, values 1023, a query list 512 keys, a request 16381 characters. Keys
+ * and values are texts without line feeds; keys hold no "=". The client does not look into them.
+ *
+ * **Privileges.** The directory /var/run/configd must exist and the caller must be able to create files in it; the
+ * client's socket file is accessible to everyone. A process that can replace files in the directory can act as the
+ * daemon: it must belong to root and be writable only by users that are trusted with the configuration.
+ *
+ * **Compatibility.** Behaviour kept on purpose (docs/compatibility.md): Q40 a descriptor numbered 1 is not closed; Q41
+ * SIGPIPE has its default action afterwards; Q42 the last two bytes of an answer are cut off; Q43 a key added after the
+ * fetch stays empty.
  */
 #ifndef VXUTILS_CONFIGD_H
 #define VXUTILS_CONFIGD_H
@@ -111,13 +125,17 @@ typedef struct configd_handle {
  */
 VXUTILS_API configd_handle *configd_open(void);
 
-/** Disconnects, empties the query list and frees the handle. NULL is accepted. */
+/**
+ * Disconnects, empties the query list and frees the handle. NULL is accepted.
+ * @param handle  from configd_open(), or NULL
+ */
 VXUTILS_API void configd_close(configd_handle *handle);
 
 /**
  * Adds a key to the query list; a key that is already there is left as it is. Its value is empty until the list is
  * fetched; a key added after the fetch stays empty until the next configd_clear(). Does not contact the daemon.
  * @param format printf format of the key, which is cut to 254 characters.
+ * @param handle  the connection
  * @return 0 when the key is in the list, -1 for NULL arguments, an empty key, a full list or no memory.
  */
 VXUTILS_API int configd_add_query(configd_handle *handle, const char *format, ...) VXUTILS_PRINTF(2, 3);
@@ -126,6 +144,7 @@ VXUTILS_API int configd_add_query(configd_handle *handle, const char *format, ..
  * Value of a key of the query list. The first call fetches the whole list from the daemon, in the order the keys were
  * added; if that fails, the next call tries again. Later calls do not contact the daemon.
  * @param format printf format of the key, which is cut to 254 characters.
+ * @param handle  the connection
  * @return the value, valid until configd_clear() or configd_close(); an empty text for NULL arguments, a failed fetch
  * or a key that was never added (logged at LOG_DEBUG). Never NULL.
  */
@@ -135,6 +154,7 @@ VXUTILS_API const char *configd_fetch(configd_handle *handle, const char *format
  * Reads values from the daemon, one exchange per key, in order.
  * @param entries array ended by a record with an empty key, whose values are filled in; NULL reads the query list (and
  *        leaves `fetched` alone).
+ * @param handle  the connection
  * @return 0, also when there is nothing to read; -1 for a NULL handle or at the first failure, after which the handle
  *         has reconnected. Values read before the failure stay.
  */
@@ -144,6 +164,7 @@ VXUTILS_API int configd_get(configd_handle *handle, configd_entry *entries);
  * Writes values in one request, which the daemon confirms by echoing it. All together, key, "=", value and line feed of
  * every record must not exceed 16381 characters.
  * @param entries array ended by a record with an empty key; must hold at least one key.
+ * @param handle  the connection
  * @return 0 when the daemon echoed the request; -1 for NULL arguments, nothing to write or more than fits, all without
  *         contacting the daemon; -2 when the request could not be sent, -3 when no answer came in time or its length
  *         differs, -4 when the answer differs. After -2, -3 and -4 the handle has reconnected.
@@ -152,13 +173,17 @@ VXUTILS_API int configd_set(configd_handle *handle, const configd_entry *entries
 
 /**
  * Ends a change: asks the daemon to put into effect what was written. Does not retry.
+ * @param handle  the connection
  * @return 0 when the daemon is "Ready", 1 when it is "Busy" (ask again later); -1 for a NULL handle, -2 when the
  * request could not be sent, -3 for an answer without any byte, -4 for another answer or none in time. After -2, -3 and
  *         -4 the handle has reconnected.
  */
 VXUTILS_API int configd_done(configd_handle *handle);
 
-/** Empties the query list, so that keys can be added and fetched anew. NULL is accepted. */
+/**
+ * Empties the query list, so that keys can be added and fetched again. NULL is accepted.
+ * @param handle  the connection, or NULL
+ */
 VXUTILS_API void configd_clear(configd_handle *handle);
 
 /**
@@ -170,6 +195,9 @@ VXUTILS_API void configd_clear(configd_handle *handle);
 /**
  * Sends one datagram to the daemon, whose socket alone can send to the handle's from then on. Waits up to 10 s while
  * the daemon's queue is full. Answers of a daemon that has been restarted since they came are lost.
+ * @param handle  the connection
+ * @param data    bytes to send
+ * @param length  number of bytes, 1 or more
  * @return bytes sent; -1 for a NULL argument, a closed handle, a length below 1, or when sending failed (errno).
  */
 VXUTILS_API int configd_send(configd_handle *handle, const char *data, int length);
@@ -178,6 +206,8 @@ VXUTILS_API int configd_send(configd_handle *handle, const char *data, int lengt
  * Receives one datagram, waiting up to 10 s for it. When one came, the whole buffer was zeroed first and the text is
  * NUL-terminated; when none came, the buffer is left as it is.
  * @param size bytes of the buffer; at most size - 1 are received, what a longer datagram holds beyond them is lost.
+ * @param handle  the connection
+ * @param data    buffer for the answer
  * @return bytes received, 0 for an empty datagram; -1 for a NULL argument, a closed handle, a size below 1, or when
  * none came or receiving failed.
  */
@@ -186,6 +216,8 @@ VXUTILS_API int configd_recv(configd_handle *handle, char *data, int size);
 /**
  * Reads the value of one record's key. On failure the record is unchanged and the handle is not reconnected; when no
  * proper answer came, its socket receives nothing any more, and the next request connects again.
+ * @param handle  the connection
+ * @param entry   record with a key; receives the value
  * @return 0, or -1 for NULL arguments, an empty key or a failed exchange (logged).
  */
 VXUTILS_API int configd_prepare_get(configd_handle *handle, configd_entry *entry);
@@ -194,6 +226,7 @@ VXUTILS_API int configd_prepare_get(configd_handle *handle, configd_entry *entry
  * Connects, after disconnecting a connected handle: makes a socket file
  * "/var/run/configd/client.PID.ADDRESS_OF_HANDLE", accessible to everyone, and replaces one that an earlier process
  * with the same id has left.
+ * @param handle  the connection, or a caller's own record (see there)
  * @return 0, or -1 for NULL or when socket or bind failed (logged); the handle is closed then.
  */
 VXUTILS_API int __configd_open(configd_handle *handle);
@@ -201,6 +234,7 @@ VXUTILS_API int __configd_open(configd_handle *handle);
 /**
  * Disconnects: closes the socket, except that a descriptor numbered 1 is left open, removes its file and empties both
  * paths. NULL is accepted.
+ * @param handle  the connection, or NULL
  */
 VXUTILS_API void __configd_close(configd_handle *handle);
 

@@ -1,18 +1,33 @@
 /* SPDX-License-Identifier: MIT */
 /**
  * @file
- * ConfigDaemonClient: single values of the configuration daemon, over the functions of configd.h.
+ * **Purpose.** ConfigDaemonClient: single values of the configuration daemon, over the functions of configd.h, which
+ * read many values in one go.
  *
+ * **Example.**
  * @code
- *     ConfigDaemonClient client;
- *     String host("gateway");
- *     client.getValue("hostname", host);  // stays "gateway" when there is no answer
- *     client.setIndexedValueAsInt("port.%lu.speed", 3, 100);
+ * ConfigDaemonClient client;
+ * String host("gateway");
+ * client.getValue("hostname", host);  // stays "gateway" when there is no answer
+ * client.setIndexedValueAsInt("port.%lu.speed", 3, 100);
  * @endcode
  *
- * Each call is one exchange with the daemon and blocks as configd.h describes. What is written takes effect with the
- * next commit of any client (configd_done()). Failures are told by results, in the system log by configd.h. A client is
- * used by one thread at a time and does not survive fork() in both processes.
+ * **Ownership.** The object owns its connection. Values are copied.
+ *
+ * **Threads, signals, fork.** A client is used by one thread at a time and does not survive fork() in both processes.
+ * SIGPIPE is treated as in configd.h.
+ *
+ * **Blocking.** Each call is one exchange with the daemon and waits up to 10 s for sending and 10 s for the answer.
+ *
+ * **Errors.** Results, and messages in the system log by configd.h. Nothing is thrown except std::bad_alloc from the
+ * constructor.
+ *
+ * **Limits.** Keys have at most 255 characters, values 1023; longer ones are not sent. What is written takes effect
+ * with the next commit of any client (configd_done()).
+ *
+ * **Privileges.** Those of configd.h.
+ *
+ * **Compatibility.** Those of configd.h.
  */
 #ifndef VXUTILS_CONFIGDAEMONCLIENT_H
 #define VXUTILS_CONFIGDAEMONCLIENT_H
@@ -38,7 +53,12 @@ public:
      */
     virtual bool setValue(String const &key, String const &value) const;
 
-    /** Writes a number. */
+    /**
+     * Writes a number.
+     * @param key    key, at most 255 characters, not empty
+     * @param value  value to write
+     * @return whether the daemon confirmed it
+     */
     virtual bool setValueAsInt(String const &key, long value) const;
 
     /**
@@ -46,31 +66,54 @@ public:
      *
      * @param key   pattern with one conversion for an unsigned long, "%lu"; at most 255 characters, as the key it gives
      * @param index the number that goes there
+     * @param value  value to write
+     * @return whether the daemon confirmed it; what is too long is not sent
      */
     virtual bool setIndexedValue(String const &key, unsigned long index, String const &value) const;
 
-    /** Writes the number of one of several keys, as in setIndexedValue(). */
+    /**
+     * Writes the number of one of several keys, as in setIndexedValue().
+     * @param key    key, or pattern with one "%lu"; at most 255 characters, not empty
+     * @param index  number for the pattern
+     * @param value  value to write
+     * @return whether the daemon confirmed it
+     */
     virtual bool setIndexedValueAsInt(String const &key, unsigned long index, long value) const;
 
     /**
      * Reads a value.
      *
-     * @param value receives it; left alone when there is no answer, when the key is empty or has more than 255
+     * @param value receives it; left unchanged when there is no answer, when the key is empty or has more than 255
      * characters
+     * @param key  key, at most 255 characters
      * @return @p value
      */
     virtual String &getValue(String const &key, String &value) const;
 
     /**
      * Reads a number, as atoi() makes it of the value; one that is out of range gives the nearest int.
-     * @return @p value, which is left alone as in getValue()
+     * @param key    key, at most 255 characters
+     * @param value  receives the number
+     * @return @p value, which is left unchanged as in getValue()
      */
     virtual long getValueAsInt(String const &key, long &value) const;
 
-    /** getValue() of one of several keys, as in setIndexedValue(). */
+    /**
+     * getValue() of one of several keys, as in setIndexedValue().
+     * @param key    key, or pattern with one "%lu"; at most 255 characters, not empty
+     * @param index  number for the pattern
+     * @param value  receives the value; unchanged as in getValue()
+     * @return @p value
+     */
     virtual String &getIndexedValue(String const &key, unsigned long index, String &value) const;
 
-    /** getValueAsInt() of one of several keys, as in setIndexedValue(). */
+    /**
+     * getValueAsInt() of one of several keys, as in setIndexedValue().
+     * @param key    key, or pattern with one "%lu"; at most 255 characters, not empty
+     * @param index  number for the pattern
+     * @param value  receives the number; unchanged as in getValue()
+     * @return @p value
+     */
     virtual long getIndexedValueAsInt(String const &key, unsigned long index, long &value) const;
 
     ConfigDaemonClient(const ConfigDaemonClient &) = delete;

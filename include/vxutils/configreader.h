@@ -1,24 +1,39 @@
 /* SPDX-License-Identifier: MIT */
 /**
  * @file
- * ConfigReader: a "key=value" file, read once and asked often.
+ * **Purpose.** ConfigReader: a "key=value" file, read once and asked often. cfread.h reads files that include each
+ * other.
  *
+ * **Example.**
  * @code
- *     ConfigReader config;
- *     config.initialize("/etc/gateway/leds.conf", 64);
- *     long count = config.getValueAsInt("led.count", 0);
- *     for (long i = 0; i < count; i++) setLed(i, config.getIndexedValue("led.%lu.color", i, "off"));
+ * ConfigReader config;
+ * config.initialize("/etc/gateway/leds.conf", 64);
+ * long count = config.getValueAsInt("led.count", 0);
+ * for (long i = 0; i < count; i++) puts(config.getIndexedValue("led.%lu.color", i, "off").c_str());
  * @endcode
  *
- * Lines have at most 1022 bytes; what is longer counts as another line, and a NUL ends a line early. Lines that begin
- * with "#" or hold no "=" are skipped. Before the first "=" stands the key, from which blanks and control characters
- * (codes up to 32) are removed wherever they stand; only of a key that begins with two of them the second one stays.
- * Behind it stands the value, which loses them at both ends and may be empty. The first of several entries of one key
- * counts; a message on standard output names each later one. Control bytes in what messages show are escaped as \\xNN.
+ * **Syntax.** Lines that begin with "#" or hold no "=" are skipped. The key is before the first "="; blanks and control
+ * characters (codes up to 32) are removed from it wherever they are. The value is after it, loses them at both ends and
+ * may be empty. The first of several entries of one key counts; a message on standard output names each later one.
+ * Control bytes in what messages show are escaped as \\xNN.
  *
- * A reader may be asked from several threads once initialize() has returned. Each thread gets a String of its own,
- * which it may copy: as with any String, copies belong to that thread. They outlive the reader. Out of memory
- * throws @c std::bad_alloc.
+ * **Ownership.** The reader owns its values; references are valid until cleanup(), initialize() or the end of the
+ * reader. Copies outlive it.
+ *
+ * **Threads, signals, fork.** A reader may be asked from several threads after initialize() has returned, unlike the
+ * tables of hashtable.h. Each thread gets a String of its own, which it may copy: as with any String, copies belong to
+ * that thread. Not for signal handlers. A forked child has a copy of its own.
+ *
+ * **Blocking.** initialize() as long as the file system takes; everything else never.
+ *
+ * **Errors.** initialize() returns false and prints two lines on standard output. Out of memory throws std::bad_alloc.
+ *
+ * **Limits.** Lines have at most 1022 bytes; what is longer counts as another line, and a NUL ends a line early.
+ *
+ * **Privileges.** Read access to the file.
+ *
+ * **Compatibility.** Behaviour kept on purpose (docs/compatibility.md): Q39 the second of two leading blanks stays in
+ * the key.
  */
 #ifndef VXUTILS_CONFIGREADER_H
 #define VXUTILS_CONFIGREADER_H
@@ -51,6 +66,8 @@ public:
     virtual void cleanup();
 
     /**
+     * @param key           key
+     * @param defaultValue  result when there is no value
      * @return the value of a key, valid until cleanup(), or @p defaultValue itself when there is none. Another thread
      *         may read the text, but copies are for it to make of what it has asked for itself.
      */
@@ -58,7 +75,8 @@ public:
 
     /**
      * Value of a key as a number.
-     *
+     * @param key           key
+     * @param defaultValue  result when there is no value
      * @return 1 for "on" and 0 for "off" in any case of letters, otherwise what valueOf32() (numconv.h) makes of the
      *         value; @p defaultValue when there is none
      */
@@ -69,15 +87,24 @@ public:
      *
      * @param key   pattern with one conversion for an unsigned long, "%lu"
      * @param index the number that goes there
+     * @param defaultValue  result when there is no value
+     * @return as getValue()
      */
     virtual String const &getIndexedValue(String const &key, unsigned long index, String const &defaultValue) const;
 
-    /** getValueAsInt() of one of several keys, as in getIndexedValue(). */
+    /**
+     * getValueAsInt() of one of several keys, as in getIndexedValue().
+     * @param key           key; in the indexed functions a pattern with one "%lu"
+     * @param index         number for the pattern
+     * @param defaultValue  result when there is no value
+     * @return as getValueAsInt()
+     */
     virtual long getIndexedValueAsInt(String const &key, unsigned long index, long defaultValue) const;
 
     /**
      * Adds a value, once initialize() has been called.
-     *
+     * @param key    key
+     * @param value  its value
      * @return true; false when the key has a value already, which a line on standard output tells, or when there is no
      *         table yet
      */
@@ -90,12 +117,16 @@ public:
      * @param dstSize bytes of @p dst
      * @param src     text; its leading blanks are skipped first
      * @param n       characters to take from there; blanks at their end are not copied
-     * @return false, and nothing is written, when @p src has fewer than @p n characters behind its blanks, when @p n is
+     * @return false, and nothing is written, when @p src has fewer than @p n characters after its blanks, when @p n is
      *         negative or not below @p dstSize, or for NULL
      */
     bool strcpystrip(char *dst, int dstSize, char *src, int n);
 
-    /** @return position of the first @p c in the text, -1 when there is none; its NUL is not looked at */
+    /**
+     * @param str  NUL-terminated text
+     * @param c    character to look for
+     * @return position of the first @p c in the text, -1 when there is none; its NUL is not looked at
+     */
     int indexof(char *str, char c);
 
     ConfigReader(const ConfigReader &) = delete;

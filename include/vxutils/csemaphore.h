@@ -1,47 +1,59 @@
 /* SPDX-License-Identifier: MIT */
 /**
  * @file
- * Locks between processes: CRecursiveSemaphore, a named recursive mutex that survives the death of its owner, and
- * CSemaphore, a plain binary lock found by a file's path. The same as plain functions: sem.h.
+ * **Purpose.** Locks between processes: CRecursiveSemaphore, a named recursive mutex that survives the death of its
+ * owner, and CSemaphore, a plain binary lock found by a file's path. Use the former unless an existing program uses the
+ * latter. The same as plain functions: sem.h. Locks of shell scripts: lock.h.
  *
+ * **Example.**
  * @code
  * CRecursiveSemaphore modem("/modem0");
  * const int result = modem.lock();
  * if (result == 0 || result == EOWNERDEAD) {  // EOWNERDEAD: locked, but the owner before has died in the middle
- *     ...
+ *     puts("locked");
  *     modem.unlock();
  * }
  * @endcode
  *
- * Both kinds of lock are made by their first user and stay in the system until the next boot. A CRecursiveSemaphore
- * whose maker was killed half-way is finished by the next user. A CSemaphore whose maker was killed, or stopped for
- * more than a second, before it made the semaphore free is replaced by the next init().
+ * **Ownership.** The objects belong to their caller. Any number of objects of one name may exist in a process; they
+ * share one mapping of the mutex and are the same lock: what one of them has locked, another may unlock. Both kinds of
+ * lock are made by their first user and stay in the system until the next boot.
  *
- * Ownership: the objects belong to their caller. Any number of objects of one name may exist in a process; they share
- * one mapping of the mutex and are the same lock: what one of them has locked, another may unlock.
+ * **A maker that is killed.** A CRecursiveSemaphore whose maker was killed half-way is finished by the next user. A
+ * CSemaphore whose maker was killed, or stopped for more than a second, after it made the semaphore and before it set
+ * it free would stay locked: the next init() waits for a second and replaces it.
  *
- * Threads: a CRecursiveSemaphore may be shared between threads, and belongs to the thread that locked it. A CSemaphore
- * belongs to the process; two threads of one process exclude each other with it, but either may unlock.
+ * **The guard.** A CRecursiveSemaphore is found and made under a guard, the CSemaphore of the library's own file with
+ * project 1. Do not use that pair for another lock. The key of a CSemaphore follows the file (its inode), not its path:
+ * after the library's file has been replaced, processes started before and after the change have different guards until
+ * the next boot, which do not exclude each other while a lock is being made. Locks that exist already are not affected.
  *
- * fork(): a child does not own what its parent has locked. It may use the objects that it inherited.
+ * **Threads, signals, fork.** A CRecursiveSemaphore may be shared between threads, and belongs to the thread that
+ * locked it. A CSemaphore belongs to the process; two threads of one process exclude each other with it, but either may
+ * unlock. Nothing here may be called from a signal handler. A child of fork() does not own what its parent has locked;
+ * it may use the objects that it inherited.
  *
- * Signals: nothing here may be called from a signal handler.
+ * **Blocking.** lock() waits without limit. CSemaphore::init() waits at most 5 s, usually not at all; constructing a
+ * CRecursiveSemaphore waits at most 15 s. In an event loop use trylock().
  *
- * Blocking: lock() waits without limit. CSemaphore::init() waits at most 5 s, usually not at all; constructing a
- * CRecursiveSemaphore waits at most 15 s.
+ * **Errors.** Failures are written to the system log and reported by results. Nothing is thrown except std::bad_alloc
+ * from constructors.
  *
- * Errors: failures are written to the system log and reported by results; nothing is thrown but the standard library's
- * @c std::bad_alloc from constructors.
+ * **Limits.** A name is "/" and up to 255 further characters. The kernel's limit on System V semaphores holds for
+ * CSemaphore (32000 sets on Linux).
  *
- * Privileges: a lock serves the processes of one user. What an ordinary user other than the effective one has made
- * under a lock's name is not used: a semaphore is removed and made again where this process may do that (root may) and
- * makes init() fail otherwise; a shared-memory object leaves the lock unusable. So does an object that its group or
- * others may write: whoever can write a mutex can make its users write anywhere in their memory.
+ * **Privileges.** A lock serves the processes of one user: both kinds are made with mode 0600. Other users get EACCES;
+ * root may use every lock. What an ordinary user other than the effective one has made under a lock's name is not used:
+ * a semaphore is removed and made again where this process may do that (root may) and makes init() fail otherwise; a
+ * shared-memory object leaves the lock unusable. So does an object that its group or others may write: a
+ * process that can write a mutex can make its users write anywhere in their memory. A CRecursiveSemaphore needs
+ * /dev/shm and the file
+ * /usr/lib/libvxutils.so.1.0.0, whatever the prefix that the library is installed in. Any file of this name that the
+ * user can look up will do, and all users of a lock must see the same one. Without it the constructor writes to the
+ * system log, and every call on the object returns -1 at once.
  *
- * Files: a CRecursiveSemaphore needs the file /usr/lib/libvxutils.so.1.0.0, whatever the prefix that the library is
- * installed in: the lock that guards the making of named locks is found by that path (ftok()). Any file of this name
- * that the user can look up will do, and all users of a lock must see the same one. Without it the constructor writes
- * to the system log, and every call on the object returns -1 at once.
+ * **Compatibility.** Behaviour kept on purpose (docs/compatibility.md): Q55 named locks depend on one file name; Q57
+ * two failures share one message; Q58 destructors do not unlock.
  */
 #ifndef VXUTILS_CSEMAPHORE_H
 #define VXUTILS_CSEMAPHORE_H
@@ -57,7 +69,7 @@
 class CRecursiveSemaphore;
 
 /**
- * A binary lock on a System V semaphore. Not recursive: locking it twice blocks for ever. The kernel gives it back when
+ * A binary lock on a System V semaphore. Not recursive: locking it twice never returns. The kernel gives it back when
  * the process that holds it ends, in whatever way.
  */
 class VXUTILS_API CSemaphore {
@@ -123,8 +135,15 @@ public:
         /** Automatic. */
         CSemaphoreOptions();
 
-        /** Any value but eConsistentAutomatic means manual. */
+        /**
+         * Any value but eConsistentAutomatic means manual.
+         * @param mode  the mode
+         */
         void SetConsistentMode(eConsistentMode mode);
+        /**
+         * Tells the mode.
+         * @return eConsistentAutomatic or eConsistentManual
+         */
         eConsistentMode GetConsistentMode() const;
 
     private:
@@ -141,7 +160,11 @@ public:
      */
     explicit CRecursiveSemaphore(const std::string &name);
 
-    /** The same with @p options, of which a copy is kept. */
+    /**
+     * The same with @p options, of which a copy is kept.
+     * @param name     as above
+     * @param options  how the lock behaves; copied
+     */
     CRecursiveSemaphore(const std::string &name, const CSemaphoreOptions &options);
 
     /**
@@ -164,16 +187,23 @@ public:
      */
     int lock();
 
-    /** The same without waiting: @c EBUSY when another thread has it. */
+    /**
+     * The same without waiting: @c EBUSY when another thread has it.
+     * @return as lock(), or EBUSY
+     */
     int trylock();
 
-    /** Gives back one lock() of this name by this thread: 0, -1 for an unusable object, or an error number (@c EPERM:
-     * not the owner). */
+    /**
+     * Gives back one lock() of this name by this thread: 0, -1 for an unusable object, or an error number (@c EPERM:
+     * not the owner).
+     * @return 0, -1 or an error number
+     */
     int unlock();
 
     /**
      * Declares what the lock protects to be in order again, after EOWNERDEAD: 0, -1 for an unusable object, or an error
      * number (@c EINVAL: nothing to repair).
+     * @return 0, -1 or an error number
      */
     int makeConsistent();
 

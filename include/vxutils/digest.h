@@ -1,26 +1,41 @@
 /* SPDX-License-Identifier: MIT */
 /**
  * @file
- * Message digests taken piece by piece: MD5 (RFC 1321), SHA-1 (FIPS 180), and HMAC (RFC 2104) over either.
+ * **Purpose.** Message digests taken piece by piece: MD5 (RFC 1321), SHA-1 (FIPS 180), and HMAC (RFC 2104) over either.
+ * Both digests are there for the peers that ask for them. Neither resists forgery by itself any more: to tell whether a
+ * message is genuine, use the HMAC, and compare all bytes of it whatever the first ones are.
  *
- * Each context has a complete length (16 or 20 bytes) and a returned length chosen when it is initialized: `getHash`
- * writes only the returned length, so a 12-byte HMAC is had without cutting it by hand.
- *
+ * **Example.**
  * @code
- *   Sha1HashContext sha1;
- *   HmacContext hmac(&sha1);
- *   unsigned char mac[12];
- *   hmac.initialize(key, keyLength, sizeof mac);
- *   hmac.hash(message, messageLength);
- *   hmac.getHash(mac);
+ * const unsigned char key[] = {1, 2, 3}, message[] = {'a', 'b', 'c'};
+ * Sha1HashContext sha1;
+ * HmacContext hmac(&sha1);
+ * unsigned char mac[12];
+ * hmac.initialize(key, sizeof key, sizeof mac);
+ * hmac.hash(message, sizeof message);
+ * hmac.getHash(mac);
  * @endcode
  *
- * Digests: construct, `initialize`, `hash` any number of times, then `getHash` or `getCompleteHash` once; the finished
- * state stays until the next `initialize`.  All lengths are bytes.  One context belongs to one thread; nothing blocks,
- * allocates, logs or throws.
+ * **Life of a context.** Construct, `initialize`, `hash` any number of times, then `getHash` or `getCompleteHash` once;
+ * the finished state stays until the next `initialize`. Each context has a complete length (16 or 20 bytes) and a
+ * returned length chosen when it is initialized: `getHash` writes only the returned length, so a 12-byte HMAC needs no
+ * cutting.
  *
- * Both digests are kept for the peers that ask for them.  Neither resists forgery by itself any more: for telling
- * whether a message is genuine, use the HMAC, and compare all bytes of it whatever the first ones are.
+ * **Ownership.** Contexts belong to their caller. An HmacContext borrows its inner context until destroy() or its own
+ * end.
+ *
+ * **Threads, signals, fork.** One context belongs to one thread. A forked child has a copy of its own. The functions
+ * are async-signal-safe on a context that only the handler uses.
+ *
+ * **Blocking.** Never.
+ *
+ * **Errors.** There are none; nothing is logged or thrown. Lengths that make no sense are taken as the complete length.
+ *
+ * **Limits.** All lengths are bytes. MD5 counts the message's bits modulo 2^64, as RFC 1321 says.
+ *
+ * **Privileges.** None.
+ *
+ * **Compatibility.** Behaviour kept on purpose (docs/compatibility.md): Q94 the returned length is the one asked for.
  */
 #ifndef VXUTILS_DIGEST_H
 #define VXUTILS_DIGEST_H
@@ -125,15 +140,31 @@ private:
 class VXUTILS_API AuthenticationContext {
 public:
     virtual ~AuthenticationContext();
-    /** Sets the key and begins a message. */
+    /**
+     * Sets the key and begins a message.
+     * @param key             the key
+     * @param keyLength       bytes of the key
+     * @param returnedLength  bytes that getHash() is to write; 0 or more than the complete length means all
+     * @return 0, or another value when the context cannot be used
+     */
     virtual int initialize(const unsigned char *key, unsigned long keyLength, unsigned long returnedLength) = 0;
     /** Forgets the key. */
     virtual void destroy() = 0;
-    /** Begins the next message with the same key. */
+    /**
+     * Begins the next message with the same key.
+     * @return as initialize()
+     */
     virtual int reset() = 0;
-    /** Takes the next piece of the message. */
+    /**
+     * Takes the next piece of the message.
+     * @param data    not changed; any alignment
+     * @param length  bytes of the piece; 0 has no effect
+     */
     virtual void hash(const unsigned char *data, unsigned long length) = 0;
-    /** Ends the message and writes its digest. */
+    /**
+     * Ends the message and writes its digest.
+     * @param out  receives getReturnedHashLength() bytes
+     */
     virtual void getHash(unsigned char *out) = 0;
     /** @return the length of the whole digest. */
     virtual unsigned long getCompleteHashLength() const = 0;
@@ -146,7 +177,7 @@ class VXUTILS_API HmacContext : public AuthenticationContext {
 public:
     /**
      * @param inner the digest to key: up to 64 bytes long, not owned, alive until destroy() or the destructor, and used
-     *              by nobody else meanwhile.
+     *              by no other code meanwhile.
      */
     explicit HmacContext(HashContext *inner);
     /** Runs destroy(). */

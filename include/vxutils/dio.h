@@ -1,22 +1,37 @@
 /* SPDX-License-Identifier: MIT */
 /**
  * @file
- * The board's digital inputs and outputs, one line at a time, through the board driver's files below
+ * **Purpose.** The board's digital inputs and outputs, one line at a time, through the board driver's files below
  * "/sys/devices/vantorix/": inputs "din1", "din2", ... are read, outputs "dout1", ... are written and read back, and
  * inputs can count pulses ("frequency"). dio_status.h takes all lines at once.
  *
+ * **Example.**
  * @code
  * unsigned char on;
- * if (dio_roValue(1, &on) == DIO_OK && on) dio_setValue(2, 1);   // input 1 drives output 2
+ * if (dio_roValue(1, &on) == DIO_OK && on) dio_setValue(2, 1);  // input 1 drives output 2
  * @endcode
  *
- * **Lines** are numbered from 1 to 99; other numbers are logged ("DIO number out of range (%u > %u)", LOG_WARNING)
- * and give DIO_RANGE. **Results** are the codes below. What the system refuses is logged (LOG_ERR) with strerror()
- * text. Outputs are written only where the description of the result says so, otherwise on DIO_OK alone; a failed close
- * is logged and changes no result. No call blocks beyond the driver's own time.
+ * **Ownership.** Nothing is allocated; results are written into the caller's variables.
  *
- * **Threads.** The single-line functions may be used by any thread. The two line counters are process-wide and
- * unprotected: counts that run at the same time write the same values. **fork**, **signals**: nothing is kept open.
+ * **Threads, signals, fork.** The single-line functions may be used by any thread. The two line counters are
+ * process-wide and unprotected: counts that run at the same time write the same values. Not for signal handlers.
+ * Nothing is kept open, so a forked child may call the functions.
+ *
+ * **Blocking.** As long as the driver takes to read or write a file.
+ *
+ * **Errors.** The codes below. What the system refuses is logged (LOG_ERR) with strerror() text. Outputs of a function
+ * are written only where the description of the result says so, otherwise on DIO_OK alone. A failed close is logged and
+ * changes no result.
+ *
+ * **Limits.** Lines are numbered from 1 to 99; other numbers are logged ("DIO number out of range (%u > %u)",
+ * LOG_WARNING) and give DIO_RANGE.
+ *
+ * **Privileges.** Read access to the driver's files, and write access to "value" of an output and "frequency" of an
+ * input; on the boards, root and the driver's group have it. A line's directory that the caller may not read and search
+ * does not count.
+ *
+ * **Compatibility.** Behaviour kept on purpose (docs/compatibility.md): Q85 a probe is logged as an error; Q86 an
+ * unreadable tree keeps the last count.
  */
 #ifndef VXUTILS_DIO_H
 #define VXUTILS_DIO_H
@@ -49,7 +64,7 @@ typedef struct dio_frequency_record dio_frequency_record; /**< the record's shor
  * Counts all lines: readable directories "din" and "dout" followed by one or two digits.
  *
  * A missing tree counts as 0. A tree that cannot be read is logged ("Can't scandir(/sys/devices/vantorix/) - (%s)") and
- * leaves the number of the last count; errno is left alone then.
+ * leaves the number of the last count; errno is unchanged then.
  *
  * @param n  receives inputs + outputs; NULL gives DIO_SYSTEM
  * @return DIO_OK or DIO_SYSTEM

@@ -1,25 +1,37 @@
 /* SPDX-License-Identifier: MIT */
 /**
  * @file
- * All digital inputs and outputs of the board in one record of bits: read or applied at once, and shared between
- * daemons in its fixed layout. Built on dio.h, whose result codes it hands on.
+ * **Purpose.** All digital inputs and outputs of the board in one record of bits: read or applied at once, and shared
+ * between daemons in its fixed layout. Built on dio.h, whose result codes it returns.
  *
+ * **Example.**
  * @code
+ * #include <vxutils/dio.h>
  * dio_status board;
- * if (dio_getStatus(&board) == DIO_OK && dio_getInValueFromStatus(&board.in, 1)) {
- *     dio_setOutValueInStatus(&board.out, 2, 1);
+ * if (dio_getStatus(&board) == DIO_OK && board.in.count > 0 && board.out.count > 1) {
+ *     dio_setOutValueInStatus(&board.out, 2, (unsigned int)dio_getInValueFromStatus(&board.in, 1));
  *     dio_setStatusOut(&board.out);
  * }
  * @endcode
  *
- * **Lines 97 to 99.** Numbers go up to 99, but a half holds 96 bits and its 16 bytes are shared with other programs.
- * Such a line reads as 0 from a record and is not stored in it; it never touches the neighbouring half. Its single-line
+ * **Ownership.** Records belong to the caller.
+ *
+ * **Threads, signals, fork.** A record is used by one thread at a time; see dio.h on the counters. Not for signal
+ * handlers.
+ *
+ * **Blocking.** As long as the driver takes for all lines.
+ *
+ * **Errors.** Result codes of dio.h. Mistakes of the calling program - a NULL record, a line that the record does not
+ * have - are assertions: they name the source vxutils/dio_status and abort the process, in every build.
+ *
+ * **Limits.** Numbers go up to 99, but a half holds 96 bits and its 16 bytes are shared with other programs. Lines 97
+ * to 99 read as 0 from a record and are not stored in it; they never touch the neighbouring half. Their single-line
  * functions work.
  *
- * **Mistakes** of the calling program - a null record, a line the record does not have - are assertions: they name the
- * source vxutils/dio_status and abort the process, in every build.
+ * **Privileges.** Those of dio.h.
  *
- * **Threads.** A record is used by one thread at a time; see dio.h on the counters.
+ * **Compatibility.** Behaviour kept on purpose (docs/compatibility.md): Q10 mistakes of the caller abort the process in
+ * every build; Q87 lines 97 to 99 have no bit.
  */
 #ifndef VXUTILS_DIO_STATUS_H
 #define VXUTILS_DIO_STATUS_H
@@ -58,7 +70,7 @@ typedef struct dio_status dio_status; /**< the record's short name */
 VXUTILS_API int dio_getStatus(dio_status *status);
 
 /**
- * Counts and reads the inputs. Bits of lines that the board does not have are left alone.
+ * Counts and reads the inputs. Bits of lines that the board does not have are left unchanged.
  * @param status  a record's half for inputs; must not be NULL
  * @return DIO_OK, or the result of the first line that cannot be read; the lines before it are in the record then
  */

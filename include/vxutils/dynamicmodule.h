@@ -1,23 +1,42 @@
 /* SPDX-License-Identifier: MIT */
 /**
  * @file
- * Loads a plug-in, a shared library that extends a daemon at run time, and hands out its class factory.
+ * **Purpose.** Loads a plug-in, a shared library that extends a daemon at run time, and hands out its class factory.
  *
+ * **Example.**
  * @code
  * CDynamicModule module("/usr/lib/plugins/modem.so");
- * if (module.load(&context) == -1) puts(module.lastError());
- * auto *factory = static_cast<ModemFactory *>(module.getClassFactory());
+ * if (module.load(nullptr) == -1) {
+ *     const char *reason = module.lastError();  // nullptr when the loader has nothing to tell
+ *     if (reason != nullptr) fprintf(stderr, "%s\n", reason);
+ * }
+ * void *factory = module.getClassFactory();  // nullptr when it was not loaded
+ * if (factory != nullptr) puts("loaded");
  * @endcode
  *
- * A plug-in may export, with C linkage:
- * - @c dynamic_module_init, taking the pointer that was given to load(): called once, right after the library was
- * opened;
- * - @c dynamic_module_done, without arguments: called right before it is closed;
- * - @c getClassFactory, without arguments: returns what getClassFactory() hands out.
+ * **Entry points.** A plug-in may export, with C linkage:
  *
- * Everything that came out of a plug-in, objects and functions, is gone when its CDynamicModule is. Errors and what is
- * being done go to the system log. An object belongs to one thread at a time; loading blocks for as long as the
- * library's initialisation takes.
+ * - `dynamic_module_init`, taking the pointer that was given to load(): called once, right after the library was
+ *   opened;
+ * - `dynamic_module_done`, without arguments: called right before it is closed;
+ * - `getClassFactory`, without arguments: returns what getClassFactory() hands out.
+ *
+ * **Ownership.** The object owns the loaded library. Everything that came out of a plug-in, objects and functions, is
+ * gone when its CDynamicModule is.
+ *
+ * **Threads, signals, fork.** An object belongs to one thread at a time. Not for signal handlers. A forked child has
+ * the library loaded too; its destructor calls `dynamic_module_done` a second time.
+ *
+ * **Blocking.** Loading takes as long as the library's initialisation.
+ *
+ * **Errors.** Results of -1 and nullptr; errors and progress go to the system log. The destructor never throws.
+ *
+ * **Limits.** Those of the dynamic loader.
+ *
+ * **Privileges.** Read access to the file, on a file system that is not mounted noexec. The plug-in runs with all
+ * rights of the process: load it from directories that only trusted users may write.
+ *
+ * **Compatibility.** None.
  */
 #ifndef VXUTILS_DYNAMICMODULE_H
 #define VXUTILS_DYNAMICMODULE_H
@@ -56,7 +75,7 @@ public:
     const char *lastError() const;
 
     /**
-     * Asks the plug-in for its class factory, every time anew.
+     * Asks the plug-in for its class factory, on each call.
      * @return whatever the plug-in returns; null when it is not loaded or has no @c getClassFactory.
      */
     void *getClassFactory() const;

@@ -1,38 +1,71 @@
 /* SPDX-License-Identifier: MIT */
 /**
  * @file
- * The event loop that a daemon's main function runs: descriptors that become readable or writable, timers, and a way to
- * stop that works from any thread and from a signal handler.
+ * **Purpose.** The event loop that a daemon's main function runs: descriptors that become readable or writable, timers,
+ * and a way to stop that works from any thread and from a signal handler.
  *
+ * **Example.**
  * @code
  * class Ticker : public ITimeoutEventsink {
  * public:
- *     void onTimeout(unsigned int expirations) override { uptime += expirations; }
- *     int getTimeoutMs() override { return 1000; }
+ *     explicit Ticker(IFDEventsource *source) : source_(source) {}
+ *     void onTimeout(unsigned int expirations) override {
+ *         ticks_ += expirations;
+ *         if (ticks_ >= 3) source_->terminate();
+ *     }
+ *     int getTimeoutMs() override { return 10; }
  *     bool isOneShot() override { return false; }
- *     unsigned int uptime = 0;
+ *
+ * private:
+ *     IFDEventsource *source_;
+ *     unsigned int ticks_ = 0;
  * };
  *
  * CEPollEventsource loop;
- * Ticker ticker;
+ * Ticker ticker(&loop);
  * if (loop.init() != 0) return 1;
  * loop.addTimer(&ticker);
- * return loop.evtLoop();  // until somebody calls loop.terminate()
+ * const int result = loop.evtLoop();  // until loop.terminate() is called
+ * loop.removeTimer(&ticker);
+ * printf("%d\n", result);  // prints 0
  * @endcode
  *
- * Threads: everything but CEPollEventsource::terminate() belongs to the one thread that runs the loop; nothing is
- * locked. To hand something to that thread use CMessageQueue (messagequeue.h).
+ * **Hang-ups.** A sink is called for what it asked for. A peer that only hangs up (EPOLLHUP or EPOLLERR without EPOLLIN
+ * or EPOLLOUT) calls no function, and the loop spins at full load until the sink is removed. A stream socket whose peer
+ * has closed is readable, so a sink with ET_READ learns of it by a read() of 0 bytes. A pipe or FIFO is not: when its
+ * data has been read and its last writer has closed, it reports EPOLLHUP alone. So do sinks with ET_NONE or ET_WRITE.
+ * Open a FIFO for reading and writing, so that it never hangs up; for a pipe to a child, let the child write a last
+ * message, or watch the process by other means, and remove the sink.
  *
- * Signals: terminate() only writes one byte to a pipe and keeps @c errno, so a signal handler may call it.
+ * **Several timers of one sink.** Timers are known by their sink. removeTimer(), and the removal of a one-shot timer
+ * when it fires, take the sink's timer with the lowest descriptor, which may be another one than the one that fired.
+ * Use one sink for each timer.
  *
- * fork(): a child shares the epoll set with its parent. Leave the child's copy alone, or make a new source in the
- * child.
+ * **Ownership.** The source stores plain pointers. Sinks belong to the caller, must live until they are removed or
+ * until the source will not run any more, and are neither told nor touched when the source is destroyed. Descriptors of
+ * sinks are never closed by removeSink().
  *
- * Ownership: the source stores plain pointers. Sinks stay their owner's, must live until they are removed or until the
- * source will not run any more, and are neither told nor touched when the source is destroyed.
+ * **Threads, signals, fork.** Everything except CEPollEventsource::terminate() belongs to the one thread that runs the
+ * loop; nothing is locked. To hand something to that thread use CMessageQueue (messagequeue.h). terminate() only writes
+ * one byte to a pipe and keeps `errno`, so a signal handler may call it. A forked child shares the epoll set with its
+ * parent: leave the child's copy alone, or make a new source in the child.
  *
- * Failures are written to the system log and never thrown; only the standard library's @c std::bad_alloc can come out
- * of the functions that register something, and what callbacks throw comes out of evtLoop().
+ * **Blocking.** evtLoop() waits until something happens, without limit. Nothing else blocks. Callbacks must not block:
+ * they hold up all other sinks and timers.
+ *
+ * **Errors.** Failures are written to the system log and never thrown; only std::bad_alloc can come out of the
+ * functions that register something, and what callbacks throw comes out of evtLoop(). evtLoop() returns -1 only when
+ * waiting fails with EAGAIN, or without a command pipe; after other errors it waits again, so a loop whose epoll set
+ * cannot be used spins.
+ *
+ * **Limits.** As many descriptors as the process may open. Periods are 0 to 2147483647 ms.
+ *
+ * **Privileges.** None.
+ *
+ * **Compatibility.** Behaviour kept on purpose (docs/compatibility.md): Q59 getEventMask() is always ET_NONE; Q60 a
+ * refused descriptor stays registered; Q61 a refused period leaves a descriptor open; Q62 only EAGAIN ends the loop
+ * with -1; Q63 an unknown descriptor ends the loop; Q64 a hang-up alone calls no sink; Q65 removing takes the timer
+ * with the lowest descriptor; Q66 a timer of 0 ms never fires; Q67 the destructor leaves timers open.
  */
 #ifndef VXUTILS_EVENTSOURCE_H
 #define VXUTILS_EVENTSOURCE_H
@@ -44,7 +77,9 @@
 
 struct epoll_event;
 
-/** Somebody with a descriptor to watch. Implemented by users of the loop. All calls come from the loop's thread. */
+/**
+ * Receives the events of one file descriptor. Implemented by users of the loop. All calls come from the loop's thread.
+ */
 class VXUTILS_API IFDEventsink {
 public:
     /**
@@ -59,13 +94,14 @@ public:
     /**
      * The descriptor to watch. Registrations are found by this number: it must be the same from addSink() to
      * removeSink().
+     * @return the descriptor
      */
     virtual int getFd() const = 0;
 
     virtual ~IFDEventsink();
 };
 
-/** Somebody with a time-out. Implemented by users of the loop. All calls come from the loop's thread. */
+/** Receives the expirations of its timers. Implemented by users of the loop. All calls come from the loop's thread. */
 class VXUTILS_API ITimeoutEventsink {
 public:
     /**
@@ -80,10 +116,14 @@ public:
     /**
      * Milliseconds from addTimer() to the first call and, unless one-shot, from each call to the next. Asked once per
      * addTimer(). 0 makes a timer that never fires, a negative value one that is refused.
+     * @return milliseconds
      */
     virtual int getTimeoutMs() = 0;
 
-    /** True for a timer that fires once. Asked by addTimer() and before each onTimeout(). */
+    /**
+     * True for a timer that fires once. Asked by addTimer() and before each onTimeout().
+     * @return true for a timer that fires once
+     */
     virtual bool isOneShot() = 0;
 
     virtual ~ITimeoutEventsink();
@@ -100,16 +140,31 @@ public:
         ET_READWRITE = 3, /**< both; when both are possible, onReadable() only */
     };
 
-    /** Registers @p sink under its descriptor. */
+    /**
+     * Registers @p sink under its descriptor.
+     * @param sink  not NULL
+     * @param type  what the sink is called for
+     */
     virtual void addSink(IFDEventsink *sink, event_type type) = 0;
 
-    /** Ends the registration of @p sink 's descriptor; does not close it. */
+    /**
+     * Ends the registration of @p sink 's descriptor; does not close it.
+     * @param sink  not NULL
+     */
     virtual void removeSink(IFDEventsink *sink) = 0;
 
-    /** Changes what @p sink is called for. */
+    /**
+     * Changes what @p sink is called for.
+     * @param sink  not NULL
+     * @param type  what the sink is called for
+     */
     virtual void modifyEventMask(IFDEventsink *sink, event_type type) = 0;
 
-    /** See CEPollEventsource::getEventMask(). */
+    /**
+     * See CEPollEventsource::getEventMask().
+     * @param sink  not NULL
+     * @return ET_NONE
+     */
     virtual event_type getEventMask(IFDEventsink *sink) = 0;
 
     /** Asks the loop to end. */
@@ -121,13 +176,23 @@ public:
 /** What runs timers. */
 class VXUTILS_API ITimeoutEventsource {
 public:
-    /** Starts a timer for @p sink. */
+    /**
+     * Starts a timer for @p sink.
+     * @param sink  not NULL
+     */
     virtual void addTimer(ITimeoutEventsink *sink) = 0;
 
-    /** Ends one timer of @p sink. */
+    /**
+     * Ends one timer of @p sink.
+     * @param sink  not NULL
+     */
     virtual void removeTimer(ITimeoutEventsink *sink) = 0;
 
-    /** True while @p sink has a timer. */
+    /**
+     * True while @p sink has a timer.
+     * @param sink  not NULL
+     * @return whether there is one
+     */
     virtual bool activeTimer(ITimeoutEventsink *sink) = 0;
 
     virtual ~ITimeoutEventsource();
@@ -167,8 +232,9 @@ public:
     void addSink(IFDEventsink *sink, event_type type) override;
 
     /**
-     * Ends the registration under @p sink 's descriptor; none: nothing happens. The descriptor may be closed already
-     * (that is logged). After this the sink is not called any more, not even for an event that was already fetched.
+     * Ends the registration under @p sink 's descriptor; no effect if there is none. The descriptor may be closed
+     * already (that is logged). After this the sink is not called any more, not even for an event that was already
+     * fetched.
      */
     void removeSink(IFDEventsink *sink) override;
 
@@ -189,12 +255,13 @@ public:
     void terminate() override;
 
     /**
-     * Starts a timer on the monotonic clock with the period that @p sink names. A sink may have several; they are
-     * independent. To change a running timer's period remove it and add it again.
+     * Starts a timer on the monotonic clock with the period that @p sink names. A sink may have several, which are
+     * not independent (see "Several timers of one sink"). To change a running timer's period remove it and add it
+     * again.
      */
     void addTimer(ITimeoutEventsink *sink) override;
 
-    /** Ends one timer of @p sink, the one with the lowest descriptor; none: nothing happens. */
+    /** Ends one timer of @p sink, the one with the lowest descriptor. No effect if the sink has no timer. Quirk Q65. */
     void removeTimer(ITimeoutEventsink *sink) override;
 
     /** True while @p sink has a timer; a one-shot timer that fired is gone. */

@@ -1,37 +1,60 @@
 /* SPDX-License-Identifier: MIT */
 /**
  * @file
- * The small file jobs of a daemon: read a one-value file, read a file as lines, replace a file so that a reader sees
- * the old or the new content and nothing between, make, copy, empty and remove directory trees.
+ * **Purpose.** The small file jobs of a daemon: read a one-value file, read a file as lines, replace a file so that a
+ * reader sees the old or the new content and nothing between, make, copy, empty and remove directory trees.
+ * statusinterface.h writes values below the status tree.
  *
+ * **Example.**
  * @code
- * writefile("/tmp/status/wan/state", "up");               // content "up\n", replaced in one step
- * if (strcmp(readfile("/tmp/status/wan/state"), "up") == 0) start_services();
- * writefile("/tmp/status/wan/state", "");                 // removes the file
+ * writefile("/tmp/vxutils-example", "up");                               // content "up\n", replaced in one step
+ * if (strcmp(readfile("/tmp/vxutils-example"), "up") == 0) puts("up");   // prints up
+ * writefile("/tmp/vxutils-example", "");                                 // removes the file
  * @endcode
  *
- * Functions return 0 for success and -1 for failure unless they say otherwise; errno is then what the failing call
- * left, and where a message is promised it is one line in the system log. Paths are the kernel's: relative ones start
- * at the current directory. Nothing locks, nothing is flushed to the medium, no descriptor outlives its call or is
- * inherited across exec.
+ * **Files of other users.** Ordinary users who may write to a directory can put anything in the place of a file or
+ * directory in it, at any moment. Functions for trees go through them by descriptors and never follow a link that has
+ * taken a directory's place. The other functions refuse (EACCES)
  *
- * readfile(), readaddress() and create_tmpfile() work in static buffers: one thread at a time for each of them
- * (readaddress() shares readfile()'s). Everything else may be called from several threads at once. Calls block as long
- * as the file system does. None of them waits for the other end of a FIFO, for a lease or for a device.
- *
- * Ordinary users who may write to a directory can put anything in the place of a file or directory in it, at any
- * moment. Functions for trees go through them by descriptors and never follow a link that has taken a directory's
- * place. The other functions refuse (EACCES)
- * - to read through a symbolic link in a directory into which everybody may write, when it belongs neither to root, nor
+ * - to read through a symbolic link in a directory that every user may write to, when it belongs neither to root, nor
  *   to the process's user, nor to the directory's owner;
- * - to write in place through any link but one that belongs to root or to the process's user, or lies in a directory of
- *   theirs into which not everybody may write;
- * - to write in place, in a directory into which everybody may write, a file that belongs neither to root, nor to the
+ * - to write in place through any link but one that belongs to root or to the process's user, or is in a directory of
+ *   theirs that not every user may write to;
+ * - to write in place, in a directory that every user may write to, a file that belongs neither to root, nor to the
  *   process's user, nor to the directory's owner;
- * - to write in place a file with several names (hard links), unless its directory belongs to root or to the process's
- *   user and not everybody may write into it.
+ * - to write in place a file with several names (hard links), unless
+ * its directory belongs to root or to the process's user and not every user may write to it.
+ *
  * The directories that a given path leads through are found by the kernel: give paths through directories that only
  * trusted users may write.
+ *
+ * **Ownership.** Texts from readfile() and create_tmpfile() are static buffers, valid until the next call.
+ * read_file_lines() appends records that the caller frees with free(), text and record. No descriptor outlives its call
+ * or is inherited across exec.
+ *
+ * **Threads, signals, fork.** readfile(), readaddress() and create_tmpfile() work in static buffers: one thread at a
+ * time for each of them (readaddress() shares readfile()'s). Everything else may be called from several threads at
+ * once. Not for signal handlers. Nothing is locked.
+ *
+ * **Blocking.** As long as the file system takes. No call waits for the other end of a FIFO, for a lease or for a
+ * device. Nothing is flushed to the medium.
+ *
+ * **Errors.** 0 for success and -1 for failure unless a function says otherwise; errno is what the failing call left.
+ * Functions that log say so: one line in the system log. A copy that the kernel transferred only in part counts as a
+ * success.
+ *
+ * **Limits.** Paths are the kernel's: relative ones start at the current directory. readfile() returns at most 1023
+ * characters, read_file_lines() takes at most 32 MiB, copy_file() copies at most 2 GiB.
+ *
+ * **Privileges.** The rights that the kernel asks for. Readable means readable by the real user in dropfile(),
+ * readfile() and readfile_r(), as for access(). New files have the modes that the functions name, less the umask.
+ *
+ * **Compatibility.** Behaviour kept on purpose (docs/compatibility.md): Q21 directories are made with the mode 0x755;
+ * Q22 try_mkdir() makes read-only directories; Q23 any link counts as a directory for try_mkdir(); Q24 a failed write
+ * leaves the temporary file; Q25 prefixes of direct writes are compared as texts; Q26 allow_fallback is two flags in
+ * one; Q27 a partial copy is a success; Q28 delete_directory() ignores what it cannot remove; Q29 an unreadable
+ * directory is empty; Q30 a failed create_tmpfile() removes the name of the pattern; Q31 a line of 1023 characters
+ * gives two entries; Q32 dropfile() reports the flag, not the removal.
  */
 #ifndef VXUTILS_FILE_H
 #define VXUTILS_FILE_H
@@ -60,7 +83,7 @@ typedef struct file_line file_line;
 /**
  * Appends the lines of a regular file to a list.
  *
- * Lines end at CR or LF, which are not stored; what stands between a CR and its LF is lost. A physical line is read in
+ * Lines end at CR or LF, which are not stored; what is between a CR and its LF is lost. A physical line is read in
  * pieces of at most 1023 characters, each an entry of its own: a line of exactly 1023 characters is followed by an
  * empty entry, made of its newline alone.
  *
@@ -94,7 +117,7 @@ VXUTILS_API int dropfile(const char *name);
  * there (see above) and does not wait: a FIFO without a reader fails with ENXIO, a full one with EAGAIN,
  * one whose reader has just left with EPIPE and without SIGPIPE.
  *
- * A failed or short write leaves the temporary file behind, with what was written; a failed rename removes it. Every
+ * A failed or short write leaves the temporary file, with what was written; a failed rename removes it. Every
  * failure is logged at DL_ERROR.
  *
  * @param path           file to replace
@@ -126,7 +149,7 @@ VXUTILS_API int writefile(const char *name, const char *text);
  * @param name file; NULL reads as empty
  * @param buf  receives at most @p size - 1 characters and a terminator
  * @param size size of @p buf in bytes
- * @return the text: a pointer into @p buf, behind the leading white space; @p buf itself, untouched, when it is NULL
+ * @return the text: a pointer into @p buf, after the leading white space; @p buf itself, untouched, when it is NULL
  *         or @p size is 0
  */
 VXUTILS_API char *readfile_r(const char *name, char *buf, size_t size);
@@ -150,7 +173,7 @@ VXUTILS_API char *readfile(const char *name);
 VXUTILS_API int readaddress(const char *name, struct sockaddr *addr);
 
 /**
- * Makes one directory, readable and searchable for everybody and writable for nobody (mode 0555). One that exists, or a
+ * Makes one directory, readable and searchable for all users and writable for none (mode 0555). One that exists, or a
  * symbolic link of that name wherever it points, is success and left as it is. The mode is set on the directory that
  * was made; when something else has taken its place by then, that is a failing chmod.
  *
@@ -172,7 +195,7 @@ VXUTILS_API int create_directory(char *path);
  * Removes a regular file, and nothing else: no link, directory or device.
  *
  * @param name file; one that is not there counts as removed, NULL too
- * @return 0; -1 when it is no regular file or cannot be removed
+ * @return 0; -1 when it is not a regular file or cannot be removed
  */
 VXUTILS_API int delete_regular_file(const char *name);
 
@@ -193,7 +216,7 @@ VXUTILS_API int delete_directory(const char *path);
  * Empties a directory as delete_directory() does, and keeps it.
  *
  * @param path directory, or a link to one. The link has to belong to root or to the process's user, or to lie in a
- * directory of theirs into which not everybody may write. Anything else is left alone, NULL and "" too.
+ * directory of theirs that not every user may write to. Anything else is left unchanged, NULL and "" too.
  * @return 0; -1 as for delete_directory()
  */
 VXUTILS_API int delete_directory_contents(const char *path);

@@ -1,18 +1,33 @@
 /* SPDX-License-Identifier: MIT */
 /**
  * @file
- * What board this is: generation, product name, fitted extensions, and whether it is being maintained. Read from the
- * kernel's board data below "/proc/sysinfo", an optional rebranding file "/etc/oem/oem.conf", and marker files.
+ * **Purpose.** What board this is: generation, product name, fitted extensions, and whether it is being maintained.
+ * Read from the kernel's board data below "/proc/sysinfo", an optional rebranding file "/etc/oem/oem.conf", and marker
+ * files.
  *
+ * **Example.**
  * @code
  * if (!in_maintenance()) printf("%s, generation %d\n", get_product(), qxhw());
  * @endcode
  *
- * A missing file gives each function's neutral result; nothing is logged. Numbers are read as by atoi(): a text that is
- * no number is 0, and what does not fit in 32 bits is the nearest number that does.
+ * **Ownership.** oem() and get_product() return static buffers, valid until the next call of either.
  *
- * **Threads.** oem() and get_product() return static buffers, and qxhw() keeps what it read: programs with several
- * threads copy results at once, from one thread at a time. No call blocks beyond reading a file. Nothing is kept open.
+ * **Threads, signals, fork.** oem() and get_product() share static buffers, and qxhw() keeps what it read: in programs
+ * with several threads call these from one thread at a time and copy results at once. Not for signal handlers. Nothing
+ * is kept open.
+ *
+ * **Blocking.** As long as reading a small file takes.
+ *
+ * **Errors.** A missing file gives each function's neutral result; nothing is logged. Numbers are read as by atoi(): a
+ * text that is not a number is 0, and what does not fit in 32 bits is the nearest number that does.
+ *
+ * **Limits.** Lines of the rebranding file end after 1024 characters at the latest. A value has at most 1023
+ * characters, a product name 127.
+ *
+ * **Privileges.** Read access to the files; a file that the caller may not read counts as missing. So does a progress
+ * marker that a user who is neither root nor the process's user may have put there.
+ *
+ * **Compatibility.** Behaviour kept on purpose (docs/compatibility.md): Q88 the key of a product's name is cut.
  */
 #ifndef VXUTILS_HARDWARE_H
 #define VXUTILS_HARDWARE_H
@@ -26,7 +41,7 @@ VXUTILS_API int qxhw(void);
 
 /**
  * Looks up a value in "/etc/oem/oem.conf". The first line that begins with the key, directly followed by '=', counts;
- * blanks behind the '=' are skipped. Lines end after 1024 characters at the latest.
+ * blanks after the '=' are skipped. Lines end after 1024 characters at the latest.
  *
  * @param key  the key; NULL finds nothing
  * @return the value, or an empty text; at most 1023 characters in a static buffer, valid until the next call (also of
@@ -36,8 +51,7 @@ VXUTILS_API const char *oem(const char *key);
 
 /**
  * Names the product. With a readable "/etc/oem/oem.conf": its value of "ProductType.QX" and the board's product name
- * (the key cut to 30 characters), or else of "ProductType". Without the file: "QX" and the product name, which stands
- * in
+ * (the key cut to 30 characters), or else of "ProductType". Without the file: "QX" and the product name, which is in
  * "/proc/sysinfo/bd/0/prod_name".
  *
  * @return the name, possibly empty; at most 127 characters in a static buffer, valid until the next call

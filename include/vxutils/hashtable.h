@@ -1,23 +1,49 @@
 /* SPDX-License-Identifier: MIT */
 /**
  * @file
- * Two small hash tables that map a key to an untyped pointer: by 32-bit number and by text.
+ * **Purpose.** Two small hash tables that map a key to an untyped pointer: by 32-bit number and by text. The number of
+ * buckets is chosen at construction and never changes: a table that is too small still works, slowly (getLongestChain()
+ * shows it).
  *
+ * **Example.**
  * @code
+ * struct User {
+ *     int logins;
+ * };
+ * User user = {0};
  * INStringHashTable users(64);
- * users.addEntry("alice", user);
+ * users.addEntry("alice", &user);
  * void *found;
- * if (users.getValueFromKey("alice", &found)) static_cast<User *>(found)->touch();
- * users.passAllPointers([](void *one) { delete static_cast<User *>(one); });
+ * if (users.getValueFromKey("alice", &found)) static_cast<User *>(found)->logins++;
+ * printf("%d\n", user.logins);  // prints 1
  * @endcode
  *
- * The number of buckets is chosen at construction and never changes: a table that is too small still works, slowly
- * (getLongestChain() shows it). The hash of a key is fixed and public: whoever chooses the keys can choose them so that
- * all share a bucket, and n such keys cost n * n comparisons. Do not store keys of strangers as they come: limit their
- * number, or put something in front of each that strangers cannot know. The table owns its entries and key copies,
- * never the values. A key may be stored more than once; the oldest entry is found and removed first. No call blocks; a
- * table is used by one thread at a time. Running out of memory throws @c std::bad_alloc out of the constructors and
- * addEntry(), with the table unchanged.
+ * **Keys of strangers.** The hash of a key is fixed and public: an attacker who chooses the keys can choose
+ * them so that all share a bucket, and n such keys cost n * n comparisons. Do not store keys of strangers as they come:
+ * limit their number, or put something in front of each that strangers cannot know.
+ *
+ * **Order.** Walks go through the buckets in the order of their numbers, and through each bucket from the oldest entry
+ * to the newest. Which bucket a key is in depends on the number of buckets.
+ *
+ * **Ownership.** The table owns its entries and key copies, never the values.
+ *
+ * **Threads, signals, fork.** A table is used by one thread at a time; several threads may read one that none changes.
+ * (The class ConfigReader in configreader.h has its own table, which it protects.) Not for signal handlers. A forked
+ * child has a copy of its own.
+ *
+ * **Blocking.** Never.
+ *
+ * **Errors.** Running out of memory throws std::bad_alloc out of the constructors and addEntry(), with the table
+ * unchanged. Lookups and removals report by their results. A NULL text key is never stored or found; key 0 and a NULL
+ * value are ordinary.
+ *
+ * **Limits.** The number of buckets is the smallest power of two that is not below the request, 2 at least; 0x1FFFFFFF
+ * buckets or more are refused. A key may be stored more than once; the oldest entry is found and removed first.
+ *
+ * **Privileges.** None.
+ *
+ * **Compatibility.** Behaviour kept on purpose (docs/compatibility.md): Q11 the hash function asked for is ignored; Q12
+ * a key can be stored more than once.
  */
 #ifndef VXUTILS_HASHTABLE_H
 #define VXUTILS_HASHTABLE_H
@@ -48,14 +74,19 @@ public:
     INUInt32HashTable(const INUInt32HashTable &) = delete;
     INUInt32HashTable &operator=(const INUInt32HashTable &) = delete;
 
-    /** Stores a value under a key, behind those already stored under it. @return true */
+    /**
+     * Stores a value under a key, after those already stored under it.
+     * @param key    key
+     * @param value  any pointer, NULL included
+     * @return true
+     */
     bool addEntry(unsigned long key, void *value);
 
     /**
      * Finds the oldest value of a key. Compiled into the caller, since a call takes longer than the search.
      *
      * @param key   key
-     * @param value receives the value; left alone when there is none
+     * @param value receives the value; left unchanged when there is none
      * @return whether there is one
      */
     VXUTILS_API bool getValueFromKey(unsigned long key, void **value) const {
@@ -67,7 +98,11 @@ public:
         return true;
     }
 
-    /** Removes the oldest entry of a key. @return whether there was one */
+    /**
+     * Removes the oldest entry of a key.
+     * @param key  key
+     * @return whether there was one
+     */
     bool removeEntry(unsigned long key);
 
     /** Removes all entries. */
@@ -82,14 +117,23 @@ public:
      */
     unsigned long getFirstNPointers(unsigned long n, void **out) const;
 
-    /** Calls a function for every value, in the order of getFirstNPointers(). It may free the value, not change the
-     * table. */
+    /**
+     * Calls a function for every value, in the order of getFirstNPointers(). It may free the value, not change the
+     * table.
+     * @param fn  called with each value
+     */
     void passAllPointers(void (*fn)(void *)) const;
 
-    /** Number of entries, counted one by one. */
+    /**
+     * Number of entries, counted one by one.
+     * @return the number of entries
+     */
     unsigned long getNumberOfKeys() const;
 
-    /** Number of entries in the fullest bucket. */
+    /**
+     * Number of entries in the fullest bucket.
+     * @return the number of entries
+     */
     unsigned long getLongestChain() const;
 
 private:
@@ -118,19 +162,28 @@ public:
     INStringHashTable(const INStringHashTable &) = delete;
     INStringHashTable &operator=(const INStringHashTable &) = delete;
 
-    /** Stores a value under a copy of a key, after those already stored under it. @return true; false for a NULL key */
+    /**
+     * Stores a value under a copy of a key, after those already stored under it.
+     * @param key    key
+     * @param value  any pointer, NULL included
+     * @return true; false for a NULL key
+     */
     bool addEntry(const char *key, void *value);
 
     /**
      * Finds the oldest value of a key.
      *
      * @param key   key; NULL is never found
-     * @param value receives the value; left alone when there is none
+     * @param value receives the value; left unchanged when there is none
      * @return whether there is one
      */
     bool getValueFromKey(const char *key, void **value) const;
 
-    /** Removes the oldest entry of a key. @return whether there was one; false for a NULL key */
+    /**
+     * Removes the oldest entry of a key.
+     * @param key  key
+     * @return whether there was one; false for a NULL key
+     */
     bool removeEntry(const char *key);
 
     /** Removes all entries. */
@@ -145,14 +198,23 @@ public:
      */
     unsigned long getFirstNPointers(unsigned long n, void **out) const;
 
-    /** Calls a function for every value, in the order of getFirstNPointers(). It may free the value, not change the
-     * table. */
+    /**
+     * Calls a function for every value, in the order of getFirstNPointers(). It may free the value, not change the
+     * table.
+     * @param fn  called with each value
+     */
     void passAllPointers(void (*fn)(void *)) const;
 
-    /** Number of entries, counted one by one. */
+    /**
+     * Number of entries, counted one by one.
+     * @return the number of entries
+     */
     unsigned long getNumberOfKeys() const;
 
-    /** Number of entries in the fullest bucket. */
+    /**
+     * Number of entries in the fullest bucket.
+     * @return the number of entries
+     */
     unsigned long getLongestChain() const;
 
 private:

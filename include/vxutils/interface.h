@@ -1,18 +1,33 @@
 /* SPDX-License-Identifier: MIT */
 /**
  * @file
- * Network interfaces as users see them: display names, WAN links, bridge members.
+ * **Purpose.** Network interfaces as users see them: display names, WAN links, bridge members. WAN links are read from
+ * the status tree, which the link manager keeps; bridges from the output of "/usr/sbin/brctl".
  *
+ * **Example.**
  * @code
  * char members[256];
- * printf("%s is up\n", interfaceize("eth0"));           // "ETH1 is up"
+ * printf("%s is up\n", interfaceize("eth0"));  // prints ETH1 is up
  * if (bridge_members("br0", members, sizeof members) > 0) printf("bridged: %s\n", members);
  * @endcode
  *
- * WAN links are read from the status tree, which the link manager keeps; bridges from the output of "/usr/sbin/brctl".
- * A status file does not count when a user who is neither root nor the process's user may have put it there, or a
- * directory above it: it is as if it were missing. Nothing is logged. What the display names are used for is the
- * daemons' business: the mapping is fixed.
+ * **Ownership.** interfaceize() returns a static buffer, valid until its next call.
+ *
+ * **Threads, signals, fork.** interfaceize() by one thread at a time; the others by any thread. Not for signal
+ * handlers. Nothing is kept open.
+ *
+ * **Blocking.** bridge_members() runs a shell and waits for it without a limit; the others read small files.
+ *
+ * **Errors.** Missing files and directories count as "none". A status file does not count when a user who is neither
+ * root nor the process's user may have put it there, or a directory above it. Nothing is logged.
+ *
+ * **Limits.** A display name has at most 15 characters. Numbers in names have at most six digits, the prefix at most 14
+ * characters.
+ *
+ * **Privileges.** Read access to "/tmp/status"; bridge_members() needs /bin/sh and an executable "/usr/sbin/brctl".
+ *
+ * **Compatibility.** Behaviour kept on purpose (docs/compatibility.md): Q79 PPPOE is told by the length of the name;
+ * Q80 members of later bridges are appended.
  */
 #ifndef VXUTILS_INTERFACE_H
 #define VXUTILS_INTERFACE_H
@@ -25,21 +40,22 @@ VXUTILS_BEGIN_DECLS
 /**
  * Name shown to users for a kernel interface.
  *
- * The kernel's name is a prefix, a number n and, behind a '-', a sub-number s. Numbers are decimal and of at most six
- * digits, the prefix of at most 14 characters; characters beyond that, and any behind the number, are ignored.
+ * The kernel's name is a prefix, a number n and, after a '-', a sub-number s. Numbers are decimal and of at most six
+ * digits, the prefix of at most 14 characters; characters beyond that, and any after the number, are ignored.
  *
- * | kernel's name                     | shown                                        | example               |
- * |-----------------------------------|----------------------------------------------|-----------------------|
- * | no number                         | prefix                                       | lo: LO                |
- * | ppp, n from 10 to 19              | SERIAL, n - 9                                | ppp10: SERIAL1        |
- * | ppp, any other n                  | PPP, n + 1                                   | ppp25: PPP26          |
- * | ppp, name of 20 to 29 characters  | PPPOE, n - 19 (unless SERIAL)                |                       |
- * | gretun                            | GRE, n + 1                                   | gretun0: GRE1         |
- * | no sub-number                     | prefix, n + 1                                | eth0: ETH1            |
- * | wlan... with sub-number           | prefix, s + 1; with a second WLAN module prefix, n + 1, '-', s | wlan0-0: WLAN1
- * | | any other with sub-number         | prefix, n + 1, '-', s + 1                    | br0-1: BR1-2          |
+ * | kernel's name                    | shown                                              | example        |
+ * |----------------------------------|----------------------------------------------------|----------------|
+ * | no number                        | prefix                                             | lo: LO         |
+ * | ppp, n from 10 to 19             | SERIAL, n - 9                                      | ppp10: SERIAL1 |
+ * | ppp, any other n                 | PPP, n + 1                                         | ppp25: PPP26   |
+ * | ppp, name of 20 to 29 characters | PPPOE, n - 19 (unless SERIAL)                      |                |
+ * | gretun                           | GRE, n + 1                                         | gretun0: GRE1  |
+ * | no sub-number                    | prefix, n + 1                                      | eth0: ETH1     |
+ * | wlan... with sub-number          | prefix, s + 1                                      | wlan0-0: WLAN1 |
+ * | the same, second WLAN module     | prefix, n + 1, '-', s                              | wlan1-1: WLAN2-1 |
+ * | any other with sub-number        | prefix, n + 1, '-', s + 1                          | br0-1: BR1-2   |
  *
- * For WLAN the number behind the name is one higher when "/tmp/status/wlan/status-wlan<n>" begins with "dualmode" or
+ * For WLAN the number after the name is one higher when "/tmp/status/wlan/status-wlan<n>" begins with "dualmode" or
  * "mesh-ap"; a second module is fitted when "/proc/sysinfo/wlan1/type" is not empty. Letters are shown in upper case.
  *
  * @param name kernel's interface name, of any length.
@@ -61,7 +77,7 @@ VXUTILS_API int wanlink_count(void);
 
 /**
  * Lists the members of a bridge, each followed by one blank, as "/usr/sbin/brctl show" names them. Members of bridges
- * that the tool lists behind the wanted one are appended as well, except the first of each.
+ * that the tool lists after the wanted one are appended as well, except the first of each.
  *
  * @param bridge bridge's interface name.
  * @param buffer receives the list; emptied first. At most @p size - 2 characters and the terminator are written.

@@ -1,23 +1,36 @@
 /* SPDX-License-Identifier: MIT */
 /**
  * @file
- * `IpAddress`: an IPv4 address together with its netmask, as a value of 36 bytes.
+ * **Purpose.** `IpAddress`: an IPv4 address together with its netmask, as a value of 36 bytes. address.h works on the
+ * platform's records and knows IPv6.
  *
+ * **Example.**
  * @code
- *   IpAddress lan("192.168.1.1/24");
- *   IpAddress peer("192.168.1.77");
- *   if (lan.isIfaceType() && lan.contains(peer)) puts("a neighbour");
+ * IpAddress lan("192.168.1.1/24");
+ * IpAddress peer("192.168.1.77");
+ * if (lan.isIfaceType() && lan.contains(peer)) puts("a neighbour");  // prints a neighbour
  * @endcode
  *
- * Addresses and masks are 32-bit numbers in host order, a.b.c.d being a<<24 | b<<16 | c<<8 | d, handed over as
- * `unsigned long`; where that is wider, its upper half is ignored and comes back as 0.  Texts are dotted quads, with an
- * optional slash and prefix length for an address; decimal only, no leading zeros, no blanks.
+ * **Numbers and texts.** Addresses and masks are 32-bit numbers in host order, a.b.c.d being a<<24 | b<<16 | c<<8 | d,
+ * handed over as `unsigned long`; where that is wider, its upper half is ignored and comes back as 0. Texts are dotted
+ * quads, with an optional slash and prefix length for an address; decimal only, no leading zeros, no blanks. A fresh
+ * object is empty: type 0, address 0.0.0.0, mask 255.255.255.255.
  *
- * A fresh object is empty: type 0, address 0.0.0.0, mask 255.255.255.255.  Setters return 0, or -1 and leave the object
- * as it was.  Nothing is allocated but in the Strings that are handed in; nothing blocks, logs or throws.  An object
- * may be read from several threads as long as none changes it.
+ * **Ownership.** A plain value. Nothing is allocated except in the Strings that are passed in.
  *
- * The IPv6 operations are placeholders: they store nothing, and the setters refuse.
+ * **Threads, signals, fork.** An object may be read from several threads as long as none changes it. Functions without
+ * String arguments are async-signal-safe.
+ *
+ * **Blocking.** Never.
+ *
+ * **Errors.** Setters return 0, or -1 and leave the object as it was. Nothing is logged or thrown.
+ *
+ * **Limits.** The IPv6 operations are placeholders: they store nothing, and the setters refuse.
+ *
+ * **Privileges.** None.
+ *
+ * **Compatibility.** Behaviour kept on purpose (docs/compatibility.md): Q19 the IPv6 operations are placeholders; Q20
+ * constructors reset the object when a part is refused.
  */
 #ifndef VXUTILS_IPADDRESS_H
 #define VXUTILS_IPADDRESS_H
@@ -39,14 +52,24 @@ public:
     /** An empty object. */
     IpAddress();
 
-    /** Of a text as setIpAddrAsString() takes it; empty when it is refused. */
+    /**
+     * Of a text as setIpAddrAsString() takes it; empty when it is refused.
+     * @param text  address, with or without a prefix length
+     */
     IpAddress(const String &text);
 
-    /** Of an address and a mask as setIpAddrAsString() and setNetMaskAsString() take them; empty when one is refused.
+    /**
+     * Of an address and a mask as setIpAddrAsString() and setNetMaskAsString() take them; empty when one is refused.
+     * @param ip    address
+     * @param mask  mask
      */
     IpAddress(const String &ip, const String &mask);
 
-    /** Of two numbers; empty, and without the address too, when the mask is not valid. */
+    /**
+     * Of two numbers; empty, and without the address too, when the mask is not valid.
+     * @param address  the address, in host order
+     * @param mask     mask
+     */
     IpAddress(unsigned long address, unsigned long mask);
 
     /** Makes the object empty. */
@@ -60,37 +83,70 @@ public:
      * Each getter with a reference argument stores into it and returns it.
      * @{ */
 
-    /** @return @p text with the address as a dotted quad; the empty text unless the type is IPv4. */
+    /**
+     * @param text  receives the text
+     * @return @p text with the address as a dotted quad; the empty text unless the type is IPv4.
+     */
     String &getIpAddrAsString(String &text) const;
-    /** @return @p text with the network, address AND mask; the empty text unless the type is IPv4. */
+    /**
+     * @param text  receives the text
+     * @return @p text with the network, address AND mask; the empty text unless the type is IPv4.
+     */
     String &getNetAddressAsString(String &text) const;
-    /** @return @p text with the mask; the empty text unless the type is IPv4. */
+    /**
+     * @param text  receives the text
+     * @return @p text with the mask; the empty text unless the type is IPv4.
+     */
     String &getNetMaskAsString(String &text) const;
 
-    /** @return the address, whatever the type. */
+    /**
+     * @param address  receives the address
+     * @return the address, whatever the type.
+     */
     unsigned long &getV4IpAddrAsBinaryUInt32(unsigned long &address) const;
     /** @copydoc getV4IpAddrAsBinaryUInt32(unsigned long &) const */
     VXUTILS_API unsigned long getV4IpAddrAsBinaryUInt32() const { return address_[0]; }
-    /** Sets the address and the type; the mask stays. @return 0. */
+    /**
+     * Sets the address and the type; the mask stays.
+     * @param address  the address, in host order
+     * @return 0.
+     */
     int setV4IpAddrAsBinaryUInt32(unsigned long address);
 
-    /** @return the network, address AND mask, whatever the type. */
+    /**
+     * @param address  receives the network
+     * @return the network, address AND mask, whatever the type.
+     */
     unsigned long &getV4NetAddrAsBinaryUInt32(unsigned long &address) const;
     /** @copydoc getV4NetAddrAsBinaryUInt32(unsigned long &) const */
     unsigned long getV4NetAddrAsBinaryUInt32() const;
 
-    /** @return the mask, whatever the type. */
+    /**
+     * @param mask  receives the mask
+     * @return the mask, whatever the type.
+     */
     unsigned long &getV4NetMaskAsBinaryUInt32(unsigned long &mask) const;
     /** @copydoc getV4NetMaskAsBinaryUInt32(unsigned long &) const */
     VXUTILS_API unsigned long getV4NetMaskAsBinaryUInt32() const { return netmask_[0]; }
-    /** Sets the mask and the type; the address stays. @return 0, or -1 for a mask that is not valid. */
+    /**
+     * Sets the mask and the type; the address stays.
+     * @param mask  the mask, in host order
+     * @return 0, or -1 for a mask that is not valid.
+     */
     int setV4NetMaskAsBinaryUInt32(unsigned long mask);
 
-    /** @return the leading one bits of the mask, whatever follows them; 0 unless the type is IPv4. */
+    /**
+     * @param size  receives the prefix length
+     * @return the leading one bits of the mask, whatever follows them; 0 unless the type is IPv4.
+     */
     unsigned long &getNetMaskSize(unsigned long &size) const;
     /** @copydoc getNetMaskSize(unsigned long &) const */
     unsigned long getNetMaskSize() const;
-    /** Sets the mask by its prefix length. @return 0; -1 for more than 32 and unless the type is IPv4. */
+    /**
+     * Sets the mask by its prefix length.
+     * @param size  prefix length, 0 to 32
+     * @return 0; -1 for more than 32 and unless the type is IPv4.
+     */
     VXUTILS_API int setNetMaskSize(unsigned long size) {
         if (size > 32 || !isV4()) return -1;
         netmask_[0] = size == 0 ? 0 : 0xffffffffU << (32 - size);
@@ -99,11 +155,16 @@ public:
 
     /**
      * Takes an address "a.b.c.d", which leaves the mask, or "a.b.c.d/n", which sets it.
+     * @param text  the text
      * @return 0, or -1 for any other text.
      */
     int setIpAddrAsString(const String &text);
 
-    /** Takes a mask "a.b.c.d", its one bits before its zero bits; the address stays. @return 0, or -1. */
+    /**
+     * Takes a mask "a.b.c.d", its one bits before its zero bits; the address stays.
+     * @param text  the text
+     * @return 0, or -1.
+     */
     int setNetMaskAsString(const String &text);
 
     /** @} */
@@ -114,73 +175,173 @@ public:
     /** @return whether the mask is valid. @param size gets the prefix length as s_isV4MaskValid() counts it. */
     bool isMaskValid(unsigned long &size) const;
 
-    /** @return whether the other's address lies in this network; the other's type and mask are not looked at. */
+    /**
+     * @param other  the other address
+     * @return whether the other's address lies in this network; the other's type and mask are not looked at.
+     */
     bool contains(const IpAddress &other) const;
 
     /** @return whether this equals a fresh object. */
     bool isEmpty() const;
 
-    /** 0.0.0.0 to 127.255.255.255 */
+    /**
+     * 0.0.0.0 to 127.255.255.255
+     * @return whether this is such an address
+     */
     VXUTILS_API bool isV4ClassA() const { return isV4() && address_[0] >> 31 == 0; }
-    /** 128.0.0.0 to 191.255.255.255 */
+    /**
+     * 128.0.0.0 to 191.255.255.255
+     * @return whether this is such an address
+     */
     VXUTILS_API bool isV4ClassB() const { return isV4() && address_[0] >> 30 == 2; }
-    /** 192.0.0.0 to 223.255.255.255 */
+    /**
+     * 192.0.0.0 to 223.255.255.255
+     * @return whether this is such an address
+     */
     VXUTILS_API bool isV4ClassC() const { return isV4() && address_[0] >> 29 == 6; }
-    /** 224.0.0.0 to 239.255.255.255, multicast */
+    /**
+     * 224.0.0.0 to 239.255.255.255, multicast
+     * @return whether this is such an address
+     */
     VXUTILS_API bool isV4ClassD() const { return isV4() && address_[0] >> 28 == 14; }
-    /** from 240.0.0.0 on */
+    /**
+     * from 240.0.0.0 on
+     * @return whether this is such an address
+     */
     VXUTILS_API bool isV4ClassE() const { return isV4() && address_[0] >> 28 == 15; }
-    /** below 224.0.0.0 */
+    /**
+     * below 224.0.0.0
+     * @return whether this is such an address
+     */
     VXUTILS_API bool isV4ClassABC() const { return isV4() && address_[0] >> 29 != 7; }
-    /** 127.x.x.x */
+    /**
+     * 127.x.x.x
+     * @return whether this is such an address
+     */
     VXUTILS_API bool isLoopback() const { return isV4() && address_[0] >> 24 == 127; }
-    bool isLocalGroup() const; /**< 224.0.0.x */
+    /**
+     * 224.0.0.x
+     * @return whether this is such an address
+     */
+    bool isLocalGroup() const;
 
-    /** A single host: class A, B or C, first byte not 0, mask 255.255.255.255. */
+    /**
+     * A single host: class A, B or C, first byte not 0, mask 255.255.255.255.
+     * @return whether this is such an address
+     */
     bool isHostType() const;
-    /** The default gateway: 0.0.0.0 with mask 0.0.0.0. */
+    /**
+     * The default gateway: 0.0.0.0 with mask 0.0.0.0.
+     * @return whether this is such an address
+     */
     bool isDefGwType() const;
-    /** The limited broadcast, 255.255.255.255; the mask is not looked at. */
+    /**
+     * The limited broadcast, 255.255.255.255; the mask is not looked at.
+     * @return whether this is such an address
+     */
     bool isLimBcType() const;
-    /** A network, its host part all zeros, with a prefix of 2 to 30 bits; or the default gateway. */
+    /**
+     * A network, its host part all zeros, with a prefix of 2 to 30 bits; or the default gateway.
+     * @return whether this is such an address
+     */
     bool isNetType() const;
-    /** A host within a network, its host part neither all zeros nor all ones, with a prefix of 2 to 30 bits. */
+    /**
+     * A host within a network, its host part neither all zeros nor all ones, with a prefix of 2 to 30 bits.
+     * @return whether this is such an address
+     */
     bool isIfaceType() const;
-    /** A network's broadcast, its host part all ones, with a prefix of 2 to 30 bits. */
+    /**
+     * A network's broadcast, its host part all ones, with a prefix of 2 to 30 bits.
+     * @return whether this is such an address
+     */
     bool isDirBcType() const;
-    /** A host, network, interface, limited or directed broadcast. */
+    /**
+     * A host, network, interface, limited or directed broadcast.
+     * @return whether this is such an address
+     */
     bool isValidAddress() const;
 
     /** @} */
     /** @name IPv6 placeholders
      * @{ */
 
-    unsigned char *getV6IpAddrAsBinaryString(unsigned char *address) const;  /**< Writes nothing. @return @p address. */
-    unsigned char *getV6NetAddrAsBinaryString(unsigned char *address) const; /**< Writes nothing. @return @p address. */
-    unsigned char *getV6NetMaskAsBinaryString(unsigned char *mask) const;    /**< Writes nothing. @return @p mask. */
-    int setV6IpAddrAsBinaryString(const unsigned char *address);             /**< Changes nothing. @return -1. */
-    int setV6NetMaskAsBinaryString(const unsigned char *mask);               /**< Changes nothing. @return -1. */
-    static bool s_isV6MaskValid(const char *mask, const unsigned long &size); /**< @return false. */
+    /**
+     * Writes nothing.
+     * @param address  returned as it is
+     * @return @p address
+     */
+    unsigned char *getV6IpAddrAsBinaryString(unsigned char *address) const;
+    /** @copydoc getV6IpAddrAsBinaryString() */
+    unsigned char *getV6NetAddrAsBinaryString(unsigned char *address) const;
+    /**
+     * Writes nothing.
+     * @param mask  returned as it is
+     * @return @p mask
+     */
+    unsigned char *getV6NetMaskAsBinaryString(unsigned char *mask) const;
+    /**
+     * Changes nothing.
+     * @param address  ignored
+     * @return -1
+     */
+    int setV6IpAddrAsBinaryString(const unsigned char *address);
+    /**
+     * Changes nothing.
+     * @param mask  ignored
+     * @return -1
+     */
+    int setV6NetMaskAsBinaryString(const unsigned char *mask);
+    /**
+     * Checks nothing.
+     * @param mask  ignored
+     * @param size  ignored
+     * @return false
+     */
+    static bool s_isV6MaskValid(const char *mask, const unsigned long &size);
 
     /** @} */
     /** @name Pieces of a text
-     * Each looks at @p text from @p pos on; on success @p pos moves behind what was read, else it stays, as does the
+     * Each looks at @p text from @p pos on; on success @p pos moves after what was read, else it stays, as does the
      * value.
      * @{ */
 
-    /** One decimal octet: "0", or one to three digits without a leading zero, below 256. */
+    /**
+     * One decimal octet: "0", or one to three digits without a leading zero, below 256.
+     * @param text   text to look at
+     * @param pos    position; moved on success
+     * @param value  receives the number
+     * @return whether it was there
+     */
     static bool s_getV4IpAddrTokenOfString(const String &text, long &pos, unsigned long &value);
-    /** One prefix length: "0", or one or two digits without a leading zero, below 33. */
+    /**
+     * One prefix length: "0", or one or two digits without a leading zero, below 33.
+     * @param text   text to look at
+     * @param pos    position; moved on success
+     * @param value  receives the number
+     * @return whether it was there
+     */
     static bool s_getV4NetMaskSizeOfString(const String &text, long &pos, unsigned long &value);
-    /** The character @p ch. */
+    /**
+     * The character @p ch.
+     * @param text  text to look at
+     * @param pos   position; moved on success
+     * @param ch    character
+     * @return whether it was there
+     */
     static bool s_getCharOfString(const String &text, long &pos, char ch);
-    /** The end of the text: a position at or behind its length. */
+    /**
+     * The end of the text: a position at or after its length.
+     * @param text  text to look at
+     * @param pos   position
+     * @return whether the text ends there
+     */
     static bool s_getEndOfString(const String &text, const long &pos);
 
     /** @} */
 
     /**
-     * @return whether all one bits of @p mask stand before all zero bits.
+     * @param mask  the mask, in host order
+     * @return whether all one bits of @p mask come before all zero bits.
      * @param size gets the number of leading one bits, also for a mask that is not valid.
      */
     static bool s_isV4MaskValid(unsigned long mask, unsigned long &size);

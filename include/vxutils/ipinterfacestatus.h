@@ -1,18 +1,31 @@
 /* SPDX-License-Identifier: MIT */
 /**
  * @file
- * @c IpInterfaceStatus: flags, IPv4 address, netmask and transmit queue of an interface, read and set.
+ * **Purpose.** `IpInterfaceStatus`: flags, IPv4 address, netmask and transmit queue of an interface, read and set.
+ * Routes and IPv6 are left out.
  *
+ * **Example.**
  * @code
  * IpInterfaceStatus status;
- * if (!status.isInterfaceUp("eth0")) status.setInterfaceUp("eth0", 1);
- * status.setIpV4Address("eth0", 0xC0A80101);  // 192.168.1.1
+ * if (!status.isInterfaceUp("lo")) status.setInterfaceUp("lo", 1);
+ * printf("%08x\n", status.getIpV4Mask("lo"));
  * @endcode
  *
- * Every member is one request to the kernel on a socket of its own, closed before it returns; the object holds nothing,
- * so that one may be shared by threads. Addresses and netmasks are 32-bit words in host order. Interface names are used
- * up to their 15th character; a null name is a missing interface. Setting needs the network administrator's capability.
- * Nothing is logged. Routes and IPv6 are left out.
+ * **Ownership.** The object holds nothing; every member is one request to the kernel on a socket of its own, closed
+ * before it returns.
+ *
+ * **Threads, signals, fork.** One object may be shared by threads. Not for signal handlers. A forked child may use it.
+ *
+ * **Blocking.** Only for the kernel's answer.
+ *
+ * **Errors.** Results of 0. Nothing is logged.
+ *
+ * **Limits.** Addresses and netmasks are 32-bit words in host order. Interface names are used up to their 15th
+ * character; a NULL name is a missing interface. The first IPv4 address of an interface is meant.
+ *
+ * **Privileges.** Setting needs CAP_NET_ADMIN in the network namespace; every user may read.
+ *
+ * **Compatibility.** Behaviour kept on purpose (docs/compatibility.md): Q81 a part of a name is enough.
  */
 #ifndef VXUTILS_IPINTERFACESTATUS_H
 #define VXUTILS_IPINTERFACESTATUS_H
@@ -22,37 +35,75 @@
 /** Reads and sets what the classic interface requests offer. */
 class VXUTILS_API IpInterfaceStatus {
 public:
+    /** Opens nothing. */
     IpInterfaceStatus();
+    /**
+     * The same as a new object.
+     * @param other  ignored
+     */
     IpInterfaceStatus(const IpInterfaceStatus &other);
+    /** Changes nothing. @return the object. */
     IpInterfaceStatus &operator=(const IpInterfaceStatus &other);
     virtual ~IpInterfaceStatus();
 
-    /** Does any interface's name contain this text? @return 1 or 0; "eth" finds eth0, and "" any interface. */
+    /**
+     * Does any interface's name contain this text?
+     * @param name  text to look for in the names
+     * @return 1 or 0; "eth" finds eth0, and "" any interface.
+     */
     int isInterfaceAvailable(const char *name) const;
 
-    /** Is the interface up and running, that is with its carrier? @return 1 or 0; 0 also when there is none. */
+    /**
+     * Is the interface up and running, that is with its carrier?
+     * @param name  interface's name
+     * @return 1 or 0; 0 also when there is none.
+     */
     int isInterfaceUp(const char *name) const;
 
     /**
      * Sets or clears the flags up and running.
      * @param up 1 sets both, any other value clears both.
+     * @param name  interface's name
      * @return 1 on success, 0 on failure.
      */
     int setInterfaceUp(const char *name, int up) const;
 
-    /** Sets the transmit queue's length in packets. @return 1 on success, 0 on failure. */
+    /**
+     * Sets the transmit queue's length in packets.
+     * @param name     interface's name
+     * @param packets  number of packets, 0 or more
+     * @return 1 on success, 0 on failure.
+     */
     int setTxQueueLen(const char *name, unsigned int packets);
 
-    /** First IPv4 address in host order. @return 0 when there is no such interface or it has no address. */
+    /**
+     * First IPv4 address in host order.
+     * @param name  interface's name
+     * @return 0 when there is no such interface or it has no address.
+     */
     unsigned int getIpV4Address(const char *name) const;
 
-    /** Sets the IPv4 address, in host order; the kernel picks the netmask of its class. @return 1 or 0. */
+    /**
+     * Sets the IPv4 address, in host order; the kernel picks the netmask of its class.
+     * @param name     interface's name
+     * @param address  address, in host order
+     * @return 1 or 0.
+     */
     int setIpV4Address(const char *name, unsigned int address);
 
-    /** IPv4 netmask in host order. @return 0 when there is no such interface or it has no address. */
+    /**
+     * IPv4 netmask in host order.
+     * @param name  interface's name
+     * @return 0 when there is no such interface or it has no address.
+     */
     unsigned int getIpV4Mask(const char *name) const;
 
-    /** Sets the IPv4 netmask, in host order, of an interface that has an address. @return 1 or 0. */
+    /**
+     * Sets the IPv4 netmask, in host order, of an interface that has an address.
+     * @param name  interface's name
+     * @param mask  netmask, in host order
+     * @return 1 or 0.
+     */
     int setIpV4Mask(const char *name, unsigned int mask);
 
     /**

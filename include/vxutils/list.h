@@ -1,18 +1,38 @@
 /* SPDX-License-Identifier: MIT */
 /**
  * @file
- * Circular, doubly linked list whose links live inside the caller's records: adding never allocates, removing needs no
- * search.
+ * **Purpose.** Circular, doubly linked list whose links live inside the caller's records: adding never allocates,
+ * removing needs no search.
  *
+ * **Example.**
  * @code
- * struct job { list_link link; int number; };
- * list_link jobs = {&jobs, &jobs};                       // the head of an empty list points at itself
- * list_add_tail(&job->link, &jobs);
- * for (list_link *at = jobs.next; at != &jobs; at = at->next) run((struct job *)at);
+ * struct job {
+ *     list_link link;
+ *     int number;
+ * } first = {{NULL, NULL}, 1}, second = {{NULL, NULL}, 2};
+ * list_link jobs = {&jobs, &jobs};  // the head of an empty list points at itself
+ * list_link *at;
+ * list_add_tail(&first.link, &jobs);
+ * list_add_tail(&second.link, &jobs);
+ * for (at = jobs.next; at != &jobs; at = at->next) printf("%d", ((struct job *)at)->number);
+ * printf("\n");  // prints 12
  * @endcode
  *
- * The head is a link that belongs to no record. The list owns nothing, and no function checks its arguments, blocks or
- * allocates. A list is used by one thread at a time.
+ * **Ownership.** The list owns nothing. The head is a link that belongs to no record. A record must stay where it is
+ * while it is in a list.
+ *
+ * **Threads, signals, fork.** A list is used by one thread at a time. The functions are async-signal-safe on a list
+ * that only the handler uses.
+ *
+ * **Blocking.** Never.
+ *
+ * **Errors.** No function checks its arguments.
+ *
+ * **Limits.** None but memory.
+ *
+ * **Privileges.** None.
+ *
+ * **Compatibility.** None.
  */
 #ifndef VXUTILS_LIST_H
 #define VXUTILS_LIST_H

@@ -1,18 +1,43 @@
 /* SPDX-License-Identifier: MIT */
 /**
  * @file
- * Locks between processes: a directory used as a mutex, and the one lock that everything takes which changes
- * packet-filter rules.
+ * **Purpose.** Locks between processes: a directory used as a mutex, and the one lock that everything takes which
+ * changes packet-filter rules. Programs that need a lock of their own use csemaphore.h or sem.h, which see the death of
+ * an owner.
  *
+ * **Example.**
  * @code
  * firewall_lock_handle *lock = firewall_lock();
- * run_command("iptables -A INPUT -i wan0 -j DROP", 0);
+ * if (lock != NULL) puts("no other program changes rules now");
  * firewall_unlock(lock);
  * @endcode
  *
- * The directory lock stays until release_lock(), also when its holder dies: nobody is recorded as its owner. The
- * firewall lock ends with the process that holds it; it is not inherited across exec, but a forked child shares it
- * until the child ends too. It must not be taken twice by one process, which would wait for itself for ever.
+ * **The packet-filter lock.** It is a lock of flock(2) on "/var/lock/iptables_flock_file", for writing. A shell script
+ * shares it with `flock /var/lock/iptables_flock_file COMMAND`. Locks of fcntl(2) and lockf(3) on the same file are of
+ * another kind and exclude no one.
+ *
+ * **Ownership.** firewall_lock() makes a handle, firewall_unlock() frees it. A directory lock has no handle.
+ *
+ * **Threads, signals, fork.** Any thread may call the functions. The directory lock stays until release_lock(), also
+ * when its holder dies: no one is recorded as its owner. The firewall lock ends with the process that holds it; it is
+ * not inherited across exec, but a forked child shares it until the child ends too. It must not be taken twice by one
+ * process, which would wait for itself without end. Signals do not end the waits, except that they shorten one sleep of
+ * acquire_lock(). Not for signal handlers.
+ *
+ * **Blocking.** acquire_lock() sleeps for 1 s after each failure. firewall_lock() waits until the lock is free, without
+ * a limit: do not call it in an event loop.
+ *
+ * **Errors.** acquire_lock() returns -1, firewall_lock() NULL with a message (LOG_ERR).
+ *
+ * **Limits.** None.
+ *
+ * **Privileges.** acquire_lock() needs the right to write to the directory above. Everyone who may write there can
+ * release the lock, in a directory with the sticky bit only its maker and root. The file of the packet-filter lock is
+ * made with mode 0600 in "/var/lock", which must exist: programs that take the lock run as one user, normally root.
+ *
+ * **Compatibility.** Behaviour kept on purpose (docs/compatibility.md): Q21 directories are made with the mode 0x755;
+ * Q48 a negative number of tries locks nothing and succeeds; Q49 every failure counts as held and costs a second; Q50
+ * release_lock() always succeeds.
  */
 #ifndef VXUTILS_LOCK_H
 #define VXUTILS_LOCK_H
@@ -30,17 +55,17 @@ typedef struct firewall_lock_handle firewall_lock_handle;
  *
  * Each failure, whatever its reason, is followed by one second of sleep, the last one too.
  *
- * @param path  directory that stands for the lock
+ * @param path  directory of the lock
  * @param tries how often to try; 0 fails at once, a negative number succeeds at once and locks nothing
  * @return 0 when the lock is taken, -1 when it is not; -1 for a NULL path
  */
 VXUTILS_API int acquire_lock(const char *path, int tries);
 
 /**
- * Gives a directory lock back, whoever took it: removes what has that name, if it is readable and, when a directory,
- * empty.
+ * Gives a directory lock back, no matter which process took it: removes what has that name, if it is readable and,
+ * when a directory, empty.
  *
- * @param path directory that stands for the lock; NULL is ignored
+ * @param path directory of the lock; NULL is ignored
  * @return 0
  */
 VXUTILS_API int release_lock(const char *path);
@@ -48,8 +73,9 @@ VXUTILS_API int release_lock(const char *path);
 /**
  * Takes the packet-filter lock, an advisory lock on /var/lock/iptables_flock_file, and waits until it is free.
  *
- * The file is made with mode 0600, and an existing one gets that mode: whoever can open the file can hold its lock. A
- * link is not followed; what is not a regular file, or belongs neither to root nor to the effective user, is refused.
+ * The file is made with mode 0600, and an existing one gets that mode: a process that can open the file can hold its
+ * lock. A link is not followed; what is not a regular file, or belongs neither to root nor to the effective user, is
+ * refused.
  *
  * @return the handle, released with firewall_unlock(); NULL when the lock cannot be taken (logged, LOG_ERR)
  */

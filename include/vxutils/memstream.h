@@ -1,20 +1,35 @@
 /* SPDX-License-Identifier: MIT */
 /**
  * @file
- * Appends text to a fixed buffer of the caller, keeps it terminated and tells when it did not fit.
+ * **Purpose.** Appends text to a fixed buffer of the caller, keeps it terminated and tells when it did not fit.
  *
+ * **Example.**
  * @code
- * char buffer[128];
+ * char buffer[32];
  * mem_stream stream = {buffer, sizeof buffer};
+ * int i;
  * mem_stream_puts(&stream, "interfaces:");
- * for (int i = 0; i < count; ++i) mem_stream_printf(&stream, " %s", names[i]);
- * if (!mem_stream_free_space_left(&stream)) ...   // perhaps cut
- * send(fd, buffer, mem_stream_get_num_chars_written(&stream, sizeof buffer), 0);
+ * for (i = 0; i < 2; ++i) mem_stream_printf(&stream, " eth%d", i);
+ * if (!mem_stream_free_space_left(&stream)) return 1;  // full, perhaps cut
+ * puts(buffer);  // prints interfaces: eth0 eth1
  * @endcode
  *
- * A NULL stream, buffer, format or text and a total size that cannot be the stream's are programming errors: they end
- * the process through the C library's assertion handler, in every kind of build. A stream is used by one thread at a
- * time; nothing blocks, allocates or needs to be released.
+ * **Ownership.** The buffer is the caller's; nothing needs to be released.
+ *
+ * **Threads, signals, fork.** A stream is used by one thread at a time. mem_stream_puts() is async-signal-safe on a
+ * stream of the handler's own, mem_stream_printf() is as safe as the C library's vsnprintf().
+ *
+ * **Blocking.** Never.
+ *
+ * **Errors.** Results of 1. A NULL stream, buffer, format or text and a total size that cannot be the stream's are
+ * programming errors: they end the process through the C library's assertion handler, in every kind of build.
+ *
+ * **Limits.** The buffer's size in bytes, its terminator included.
+ *
+ * **Privileges.** None.
+ *
+ * **Compatibility.** Behaviour kept on purpose (docs/compatibility.md): Q10 mistakes of the caller abort the process in
+ * every build.
  */
 #ifndef VXUTILS_MEMSTREAM_H
 #define VXUTILS_MEMSTREAM_H
@@ -62,6 +77,7 @@ VXUTILS_API int mem_stream_free_space_left(const mem_stream *stream);
  *
  * @param stream        stream
  * @param orig_buf_size total size of the buffer in bytes, as the caller set it up
+ * @return number of characters
  */
 VXUTILS_API size_t mem_stream_get_num_chars_written(const mem_stream *stream, size_t orig_buf_size);
 

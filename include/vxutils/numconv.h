@@ -1,22 +1,39 @@
 /* SPDX-License-Identifier: MIT */
 /**
  * @file
- * Numbers to text and back in bases 2, 8, 10 and 16, checks of decimal texts, dumps in hexadecimal, and IPv4 addresses
- * as plain numbers.
+ * **Purpose.** Numbers to text and back in bases 2, 8, 10 and 16, checks of decimal texts, dumps in hexadecimal, and
+ * IPv4 addresses as plain numbers. address.h checks addresses, which this family does not.
  *
- * In a radix text the digits are followed by a letter that names the base: @c b for 2, @c o for 8, @c h for 16, none
- * for
- * 10. So 5 is @c 101b, 15 is @c 17o, 255 is @c FFh and -42 is @c -42. Hexadecimal digits are written in upper case.
- *
+ * **Example.**
  * @code
  * char text[34];
- * puts(u_i32toa(255, text, 16));                        // FFh
  * int error;
- * int32_t port = validValueOf32(&error, argv[1]);       // error is -1 unless argv[1] is a number and nothing else
+ * puts(u_i32toa(255, text, 16));  // prints FFh
+ * validValueOf32(&error, "80x");
+ * printf("%d\n", error);  // prints -1
  * @endcode
  *
- * All functions may be called from any thread and in a forked child; none allocates, blocks or logs. A pointer argument
- * must not be NULL unless the function says what NULL means.
+ * **Radix texts.** In a radix text the digits are followed by a letter that names the base: `b` for 2, `o` for 8, `h`
+ * for 16, and no letter for 10. So 5 is `101b`, 15 is `17o`, 255 is `FFh` and -42 is `-42`. Hexadecimal digits are
+ * written in upper case.
+ *
+ * **Ownership.** All buffers are the caller's.
+ *
+ * **Threads, signals, fork.** All functions may be called from any thread and in a forked child; they keep no state and
+ * are async-signal-safe.
+ *
+ * **Blocking.** Never.
+ *
+ * **Errors.** NULL, or an error word. Nothing is logged, errno is unchanged. A pointer argument must not be NULL
+ * unless the function says what NULL means.
+ *
+ * **Limits.** 34 bytes hold any number. Only the first 33 characters of a text are read.
+ *
+ * **Privileges.** None.
+ *
+ * **Compatibility.** Behaviour kept on purpose (docs/compatibility.md): Q13 convBinToHex() writes the least significant
+ * byte first; Q14 valueOf32() and its relatives check nothing; Q15 i16toa() does not refuse negative numbers; Q16
+ * convIPStr2IPUl() does not check the parts.
  */
 #ifndef VXUTILS_NUMCONV_H
 #define VXUTILS_NUMCONV_H
@@ -52,10 +69,20 @@ VXUTILS_API char *u_i32toa(uint32_t value, char *buf, int base);
 /**
  * i32toa() for 16 bits. Nothing but the base is refused: the text of a negative number in bases 2, 8 and 16 is
  * unspecified.
+ * @param value  number
+ * @param buf    receives the text; 34 bytes hold any
+ * @param base   2, 8, 10 or 16
+ * @return as i32toa()
  */
 VXUTILS_API char *i16toa(int16_t value, char *buf, int base);
 
-/** u_i32toa() for 16 bits. */
+/**
+ * u_i32toa() for 16 bits.
+ * @param value  number
+ * @param buf    receives the text; 34 bytes hold any
+ * @param base   2, 8, 10 or 16
+ * @return as u_i32toa()
+ */
 VXUTILS_API char *u_i16toa(uint16_t value, char *buf, int base);
 
 /**
@@ -71,13 +98,25 @@ VXUTILS_API char *u_i16toa(uint16_t value, char *buf, int base);
  */
 VXUTILS_API int32_t valueOf32(const char *text);
 
-/** valueOf32() for unsigned numbers: a minus sign has no meaning and is read as if it were a digit. */
+/**
+ * valueOf32() for unsigned numbers: a minus sign has no meaning and is read as if it were a digit.
+ * @param text  text; NULL reads as 0
+ * @return the number
+ */
 VXUTILS_API uint32_t u_valueOf32(const char *text);
 
-/** valueOf32() narrowed to its low 16 bits. */
+/**
+ * valueOf32() narrowed to its low 16 bits.
+ * @param text  text; NULL reads as 0
+ * @return the number
+ */
 VXUTILS_API int16_t valueOf16(const char *text);
 
-/** u_valueOf32() narrowed to its low 16 bits. */
+/**
+ * u_valueOf32() narrowed to its low 16 bits.
+ * @param text  text; NULL reads as 0
+ * @return the number
+ */
 VXUTILS_API uint16_t u_valueOf16(const char *text);
 
 /**
@@ -90,13 +129,28 @@ VXUTILS_API uint16_t u_valueOf16(const char *text);
  */
 VXUTILS_API int32_t validValueOf32(int *err, const char *text);
 
-/** validValueOf32() for 16 bits: what valueOf16() reads, and whether the text is its canonical form. */
+/**
+ * validValueOf32() for 16 bits: what valueOf16() reads, and whether the text is its canonical form.
+ * @param err   set to 0 or -1; may be NULL
+ * @param text  text; NULL reads as 0
+ * @return the number
+ */
 VXUTILS_API int16_t validValueOf16(int *err, const char *text);
 
-/** validValueOf32() for unsigned numbers: what u_valueOf32() reads. */
+/**
+ * validValueOf32() for unsigned numbers: what u_valueOf32() reads.
+ * @param err   set to 0 or -1; may be NULL
+ * @param text  text; NULL reads as 0
+ * @return the number
+ */
 VXUTILS_API uint32_t u_validValueOf32(int *err, const char *text);
 
-/** validValueOf32() for unsigned numbers of 16 bits: what u_valueOf16() reads. */
+/**
+ * validValueOf32() for unsigned numbers of 16 bits: what u_valueOf16() reads.
+ * @param err   set to 0 or -1; may be NULL
+ * @param text  text; NULL reads as 0
+ * @return the number
+ */
 VXUTILS_API uint16_t u_validValueOf16(int *err, const char *text);
 
 /**
@@ -109,13 +163,31 @@ VXUTILS_API uint16_t u_validValueOf16(int *err, const char *text);
  */
 VXUTILS_API void validRangeValueOf32(int *err, const char *text, int32_t min, int32_t max);
 
-/** validRangeValueOf32() for 16 bits. */
+/**
+ * validRangeValueOf32() for 16 bits.
+ * @param err   set to 0 or -1; NULL has no effect
+ * @param text  text; NULL reads as 0
+ * @param min   smallest number accepted
+ * @param max   largest number accepted
+ */
 VXUTILS_API void validRangeValueOf16(int *err, const char *text, int16_t min, int16_t max);
 
-/** validRangeValueOf32() for unsigned numbers. */
+/**
+ * validRangeValueOf32() for unsigned numbers.
+ * @param err   set to 0 or -1; NULL has no effect
+ * @param text  text; NULL reads as 0
+ * @param min   smallest number accepted
+ * @param max   largest number accepted
+ */
 VXUTILS_API void u_validRangeValueOf32(int *err, const char *text, uint32_t min, uint32_t max);
 
-/** validRangeValueOf32() for unsigned numbers of 16 bits. */
+/**
+ * validRangeValueOf32() for unsigned numbers of 16 bits.
+ * @param err   set to 0 or -1; NULL has no effect
+ * @param text  text; NULL reads as 0
+ * @param min   smallest number accepted
+ * @param max   largest number accepted
+ */
 VXUTILS_API void u_validRangeValueOf16(int *err, const char *text, uint16_t min, uint16_t max);
 
 /**
@@ -129,7 +201,7 @@ VXUTILS_API void u_validRangeValueOf16(int *err, const char *text, uint16_t min,
 VXUTILS_API char *convBinToHex(uint32_t value, char *buf);
 
 /**
- * Dumps words as lines of hexadecimal: each word as convBinToHex() writes it and a space, a line feed behind every
+ * Dumps words as lines of hexadecimal: each word as convBinToHex() writes it and a space, a line feed after every
  * @p lineBytes bytes and another one at the end.
  *
  * @param words     words to dump, all bytes of the last one included
@@ -159,10 +231,10 @@ VXUTILS_API uint32_t nextHigherPowerOf2(uint32_t v);
 /**
  * Reads a dotted IPv4 address into a number, most significant part first ("192.168.1.1" is 0xC0A80101). The parts are
  * not checked: one above 255 spills over into its neighbour, one beyond 32 bits counts as the largest number of 32
- * bits. Blanks and a sign may stand before each part. What follows the fourth part is not looked at.
+ * bits. Blanks and a sign may come before each part. What follows the fourth part is not looked at.
  *
  * @param text text
- * @param out  receives the number; left alone on failure
+ * @param out  receives the number; left unchanged on failure
  * @return 0, or -1 when there are fewer than four parts or @p text is NULL
  */
 VXUTILS_API int convIPStr2IPUl(const char *text, uint32_t *out);

@@ -1,26 +1,41 @@
 /* SPDX-License-Identifier: MIT */
 /**
  * @file
- * One ICMP echo on a named interface, and the wait for its reply: the connectivity test of WAN links.
+ * **Purpose.** One ICMP echo on a named interface, and the wait for its reply: the connectivity test of WAN links.
+ * icmpping() sends a plain echo through a raw ICMP socket. rawping() and __rawping() send at IP level, or as a whole
+ * Ethernet frame to a gateway's hardware address, which reaches a target outside the interface's subnet without any
+ * route to it. pingclient.h does not block.
  *
+ * **Example.**
  * @code
+ * #include <time.h>
  * struct timespec round_trip;
  * if (__rawping("wan0", "198.51.100.9", "192.0.2.1", NULL, NULL, 1000, -1, &round_trip, NULL) == 0)
  *     printf("%ld us\n", (long)(round_trip.tv_nsec / 1000));
  * @endcode
  *
- * - icmpping() sends a plain echo through a raw ICMP socket.
- * - rawping() and __rawping() send at IP level, or as a whole Ethernet frame to a gateway's hardware address, which
- *   reaches a target outside the interface's subnet without any route to it.
+ * **Ownership.** Nothing is handed over.
  *
- * All of them need the raw-socket capability. They block: replies are looked for at once and then every 300 ms, until
- * the time-out and 300 ms more are used up or 1024 packets were looked at. A reply counts when it comes from the
- * target's address (from any address when the target is a multicast group or 0.0.0.0). A host on the way that forges
- * that address can still answer for the target: ICMP has nothing against it. An interface name is used up to its 15th
- * character. Hosts are dotted quads or names (first IPv4 address); resolving a name may take longer than the time-out.
- * Any number of threads may ping at once; only the addresses in their debug messages can get mixed up then. A signal
- * handler that runs meanwhile shortens nothing. Errors go to the system log at @c LOG_ERR, the course of events at
- * @c LOG_DEBUG.
+ * **Threads, signals, fork.** Any number of threads may ping at once; only the addresses in their debug messages can
+ * get mixed up then. A signal handler that runs meanwhile shortens nothing. Not for signal handlers. A forked child may
+ * ping.
+ *
+ * **Blocking.** Replies are looked for at once and then every 300 ms, until the time-out and 300 ms more are used up or
+ * 1024 packets were looked at. Resolving a name may take longer than the time-out. In an event loop use a thread or
+ * pingclient.h.
+ *
+ * **Errors.** A result of -1. Errors go to the system log at LOG_ERR, the course of events at LOG_DEBUG.
+ *
+ * **Limits.** Time-outs are 500 to 10000 ms, packets 48 to 1450 bytes; other values are taken as the nearest of these.
+ * An interface name is used up to its 15th character. Hosts are dotted quads or names (first IPv4 address). A reply
+ * counts when it comes from the target's address (from any address when the target is a multicast group or 0.0.0.0). A
+ * host on the way that forges that address can still answer for the target: ICMP has no protection against it.
+ *
+ * **Privileges.** CAP_NET_RAW in the network namespace. rawping() reads "/proc/net/arp".
+ *
+ * **Compatibility.** Behaviour kept on purpose (docs/compatibility.md): Q71 an invalid source leaves a socket open; Q72
+ * IP_HDRINCL is set twice; Q73 one message ends in a line feed; Q74 one message exchanges id and seq; Q75 the
+ * identifier is a product of two clock readings.
  */
 #ifndef VXUTILS_PING_H
 #define VXUTILS_PING_H
@@ -46,7 +61,14 @@ struct timespec;
  */
 VXUTILS_API int icmpping(const char *interface, const char *target, unsigned int timeout_ms);
 
-/** __rawping() with neither source nor netmask, 48 bytes, no round-trip time and no mark. */
+/**
+ * __rawping() with neither source nor netmask, 48 bytes, no round-trip time and no mark.
+ * @param interface   interface to send and receive on
+ * @param target      host to ping
+ * @param gateway     host to go through; NULL or empty for none
+ * @param timeout_ms  milliseconds to wait for each reply, 500 to 10000
+ * @return 0 when the reply came, -1 otherwise
+ */
 VXUTILS_API int rawping(const char *interface, const char *target, const char *gateway, unsigned int timeout_ms);
 
 /**
@@ -54,7 +76,7 @@ VXUTILS_API int rawping(const char *interface, const char *target, const char *g
  *
  * The link level is used when a gateway is given, the target lies outside the interface's subnet, the interface is not
  * point-to-point (neither @c IFF_POINTOPOINT nor @c IFF_NOARP), and the gateway's hardware address is known: its text
- * must stand in the first column of "/proc/net/arp". Where it does not, one echo to the gateway makes the kernel look
+ * must be in the first column of "/proc/net/arp". Where it does not, one echo to the gateway makes the kernel look
  * it up; failing that, too, the echo to the target goes out at IP level.
  *
  * The IP-level packet is written by the caller's side (@c IP_HDRINCL) and is sent on the interface whatever the routes

@@ -1,18 +1,36 @@
 /* SPDX-License-Identifier: MIT */
 /**
  * @file
- * @c PingClient: one ICMP echo from a chosen source address, its reply polled for without blocking.
+ * **Purpose.** `PingClient`: one ICMP echo from a chosen source address, its reply polled for without blocking. ping.h
+ * chooses an interface and waits.
  *
+ * **Example.**
  * @code
  * PingClient client;
- * if (client.sendSimplePing("192.0.2.10", "198.51.100.9") == 0) {
- *     while (client.checkPingResponse() == 2 && !tooLate()) doSomethingElse();
+ * if (client.sendSimplePing("127.0.0.1", "127.0.0.1") == 0) {
+ *     int tries = 0;
+ *     while (client.checkPingResponse() == 2 && ++tries < 100) usleep(10000);  // or go on with the event loop
  * }
  * @endcode
  *
- * The routes decide about the interface; resolving a destination's name may block. Needs the raw-socket capability.
- * Use an object from one thread at a time; several objects do not disturb each other. Identifier and sequence number
- * begin with rand(): seed it, or two processes may take each other's replies for their own. Nothing is logged.
+ * **Ownership.** The object owns its socket, until cleanup() or its end.
+ *
+ * **Threads, signals, fork.** Use an object from one thread at a time; several objects do not disturb each other.
+ * Identifier and sequence number begin with rand(): seed it, or two processes may take each other's replies for their
+ * own. Not for signal handlers. A forked child shares the socket: replies go to either process.
+ *
+ * **Blocking.** Sending may block while a destination's name is resolved. Checking never waits; it reads until the
+ * reply, until no packet is left or until it has looked at 1024 packets.
+ *
+ * **Errors.** Results; nothing is logged.
+ *
+ * **Limits.** Each echo has 28 bytes. Packets are looked at up to their first 256 bytes. The routes decide about the
+ * interface.
+ *
+ * **Privileges.** CAP_NET_RAW in the network namespace.
+ *
+ * **Compatibility.** Behaviour kept on purpose (docs/compatibility.md): Q76 the IP checksum covers the ICMP message;
+ * Q77 the type of a reply is not looked at; Q78 an unreadable source is 255.255.255.255.
  */
 #ifndef VXUTILS_PINGCLIENT_H
 #define VXUTILS_PINGCLIENT_H
@@ -23,6 +41,7 @@
 /** Sends one echo at a time and looks for its reply. */
 class VXUTILS_API PingClient {
 public:
+    /** Opens nothing; chooses identifier and sequence number. */
     PingClient();
     PingClient(const PingClient &) = delete;
     PingClient &operator=(const PingClient &) = delete;
@@ -59,7 +78,7 @@ public:
     /**
      * Internet checksum (RFC 1071), in the byte order of the data.
      *
-     * @param data   bytes to sum up; an odd last byte is added as it stands.
+     * @param data   bytes to sum up; an odd last byte is added unchanged.
      * @param length number of bytes; 0 or less sums up nothing.
      * @return the complement of the sum.
      */

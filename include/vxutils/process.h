@@ -1,17 +1,32 @@
 /* SPDX-License-Identifier: MIT */
 /**
  * @file
- * Questions to the kernel's process table, /proc: does a process exist, who is its parent, who called us, what is
- * running. The class face for whole lists of processes is in processcontrol.h.
+ * **Purpose.** Questions to the kernel's process table, /proc: does a process exist, who is its parent, who called us,
+ * what is running. The class for whole lists of processes is in processcontrol.h.
  *
+ * **Example.**
  * @code
  * char caller[64];
- * if (get_caller(caller, sizeof caller) == 0) syslog(LOG_INFO, "started by %s", caller);
+ * if (get_caller(caller, sizeof caller) == 0) printf("started by %s\n", caller);
  * @endcode
  *
- * The answers are those of the moment; a process may end, and its number be given away, right after. Nothing is logged,
- * no descriptor stays open. procname() returns a static buffer, so one thread at a time may call it; the others may be
- * called by any thread.
+ * **Ownership.** procname() returns a static buffer, valid until the next call.
+ *
+ * **Threads, signals, fork.** procname() by one thread at a time; the others by any thread. Not for signal handlers. No
+ * descriptor stays open.
+ *
+ * **Blocking.** Only for the kernel's answer.
+ *
+ * **Errors.** Results of 0, -1 or an empty text; nothing is logged. The answers are those of the moment: a process may
+ * end, and its number be given away, right after.
+ *
+ * **Limits.** Command lines are read up to 255 characters, the status line up to 254.
+ *
+ * **Privileges.** /proc must be mounted. Where it is mounted with hidepid, processes of other users do not exist for an
+ * ordinary user.
+ *
+ * **Compatibility.** Behaviour kept on purpose (docs/compatibility.md): Q51 a blank in the program's name shifts the
+ * words; Q52 procname() cuts a leading "sh".
  */
 #ifndef VXUTILS_PROCESS_H
 #define VXUTILS_PROCESS_H
@@ -52,7 +67,7 @@ VXUTILS_API int get_caller(char *dst, size_t n);
 /**
  * First word of a process's command line, which is the path of its program.
  *
- * When the command line begins with "sh" the text behind these two letters is returned: nothing for a plain "sh",
+ * When the command line begins with "sh" the text after these two letters is returned: nothing for a plain "sh",
  * "utdown" for "shutdown". Callers that look for what a shell was called with know of it.
  * @param pid process id.
  * @return static text of at most 255 characters, valid until the next call; empty for a process that does not exist or

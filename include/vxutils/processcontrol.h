@@ -1,22 +1,39 @@
 /* SPDX-License-Identifier: MIT */
 /**
  * @file
- * A snapshot of all processes of the system, for watchdogs and others that find or count processes by name. The plain
- * functions for single processes are in process.h.
+ * **Purpose.** A snapshot of all processes of the system, for watchdogs and others that find or count processes by
+ * name. The plain functions for single processes are in process.h.
  *
+ * **Example.**
  * @code
  * ProcessControl processes;
- * processes.refresh(false);                                     // everything anew
- * int servers = processes.getNumberOfProcessesByName("/usr/sbin/httpd");
- * processes.refresh(true);                                      // what came and went since
+ * processes.refresh(false);  // reads all processes
  * const ProcessEntry *entry = nullptr;
- * while ((entry = processes.getNextProcessEntryByName("/usr/sbin/", entry)) != nullptr)
- *     printf("%d %s\n", entry->getPid(), entry->getName());
+ * int found = 0;
+ * while ((entry = processes.getNextProcessEntryByName(nullptr, entry)) != nullptr) found++;
+ * if (found == processes.getNumberOfProcessesByName(nullptr)) puts("all");  // prints all
+ * processes.refresh(true);  // what came and went since
  * @endcode
  *
- * The list changes only in refresh() and cleanup(); entries that were handed out are valid until then. An object and
- * its entries belong to one thread at a time. Nothing is logged, no descriptor stays open. The objects call one another
- * through their virtual operations only, so that a subclass may name, link or find entries its own way.
+ * **Ownership.** The object owns its entries. The list changes only in refresh() and cleanup(); entries that were
+ * handed out are valid until then.
+ *
+ * **Threads, signals, fork.** An object and its entries belong to one thread at a time. Not for signal handlers. A
+ * forked child has a copy of its own.
+ *
+ * **Blocking.** refresh() reads the directory /proc and one file for each new process.
+ *
+ * **Errors.** Nothing is logged. When /proc cannot be read, a full refresh leaves an empty list.
+ *
+ * **Limits.** An entry's name is its command line with blanks between the arguments, cut after 255 bytes. The objects
+ * call one another through their virtual operations only, so that a subclass may name, link or find entries its own
+ * way.
+ *
+ * **Privileges.** /proc must be mounted. Where it is mounted with hidepid, an ordinary user lists only its own
+ * processes.
+ *
+ * **Compatibility.** Behaviour kept on purpose (docs/compatibility.md): Q53 entries without command line are listed and
+ * not counted.
  */
 #ifndef VXUTILS_PROCESSCONTROL_H
 #define VXUTILS_PROCESSCONTROL_H
@@ -46,10 +63,16 @@ public:
     /** @return the entry that follows in the list, or null. */
     virtual ProcessEntry *getNext() const;
 
-    /** Sets the entry that follows, which stays another's property; null for none. */
+    /**
+     * Sets the entry that follows, which stays another's property; null for none.
+     * @param next  the entry that follows, or null
+     */
     virtual void setNext(ProcessEntry *next);
 
-    /** Says whether the process was there at the last refresh. */
+    /**
+     * Says whether the process was there at the last refresh.
+     * @param valid  whether the process was there
+     */
     virtual void setValid(bool valid);
 
     /** @return what setValid() was told last, true at first. */
@@ -83,20 +106,20 @@ public:
     /**
      * Reads the process table.
      *
-     * Without @p incremental the list is made anew. With it, entries of processes that are still there stay as they are
-     * (their names are not read again), those of ended ones are deleted and new ones are appended. Each deleted entry
-     * takes 1 off the count, whether it had been counted or not.
+     * Without @p incremental the list is made again. With it, entries of processes that are still there stay as they
+     * are (their names are not read again), those of ended ones are deleted and new ones are appended. Each deleted
+     * entry takes 1 off the count, whether it had been counted or not.
      *
      * When /proc cannot be read, a full refresh leaves an empty list, an incremental one leaves all entries in place,
      * each marked as not valid.
-     * @param incremental true to update the list, false to make it anew.
+     * @param incremental true to update the list, false to make it again.
      */
     virtual void refresh(bool incremental);
 
     /**
      * Finds entries by the beginning of their names, one after the other.
      * @param prefix what the name begins with; null for any name.
-     * @param after the entry to go on behind; null to start with the first one.
+     * @param after the entry after which to go on; null to start with the first one.
      * @return the next such entry; null when there is none or @p after is not in the list.
      */
     virtual ProcessEntry *getNextProcessEntryByName(const char *prefix, const ProcessEntry *after) const;
@@ -110,6 +133,7 @@ public:
 
     /**
      * Finds a process by its number.
+     * @param pid  process id
      * @return the first entry with this number, or null.
      */
     virtual ProcessEntry *getProcessEntryByPid(int pid);
@@ -120,7 +144,10 @@ public:
     /** Deletes all entries and sets the count to 0. */
     virtual void cleanup();
 
-    /** @return true when every character of @p s is a decimal digit, also for the empty text; false for null. */
+    /**
+     * @param s  text, or null
+     * @return true when every character of @p s is a decimal digit, also for the empty text; false for null.
+     */
     bool isNumeric(const char *s) const;
 
 private:

@@ -1,28 +1,38 @@
 /* SPDX-License-Identifier: MIT */
 /**
  * @file
- * The device log: a short persistent list of events in /var/log/qxlog, newest first, apart from the system log.
+ * **Purpose.** The device log: a short persistent list of events in /var/log/qxlog, newest first, apart from the system
+ * log.
  *
+ * **Example.**
  * @code
- * qxlog(3, "modem restarted");
- *
  * char text[4096];
+ * qxlog(3, "modem restarted");
  * if (qxlog_read(text, sizeof text) == 0) fputs(text, stdout);  // 3: 2026-11-15 08:40 modem restarted
  * @endcode
  *
- * The file keeps the new entry and 32 older lines, and mode 0664. It is only ever replaced as a whole, so that readers
- * of the file need no lock.
+ * **Ownership.** Buffers are the caller's.
  *
- * Blocking: calls of all processes wait for each other by a System V semaphore, whose value every call sets to free
- * first: what a process left behind that died in the middle never blocks the log. Two writers that meet in that moment
- * pass together; they then wait for each other at the temporary file, /var/log/qxlog.tmp. Every user of the system may
- * operate on the semaphore and lock the log, so no call waits for these longer than a second in all: after that it goes
- * on without. A writer that holds the temporary file for 0.8 s makes qxlog() fail.
+ * **Threads, signals, fork.** Any number of threads and processes may call. Not for signal handlers.
  *
- * Errors: reported with perror() on standard error. Links in the place of either file are not followed, and what is not
- * a regular file is not read or written.
+ * **Blocking.** Calls of all processes wait for each other by a System V semaphore, whose value every call sets to free
+ * first: what a process left that died in the middle never blocks the log. Two writers that meet in that moment
+ * pass together; they then wait for each other at the temporary file, /var/log/qxlog.tmp. No call waits for these
+ * longer than 1 s in all: after that it goes on without. A writer that holds the temporary file for 0.8 s makes qxlog()
+ * fail.
  *
- * Threads: any number may call.
+ * **Errors.** Results of -1, reported with perror() on standard error.
+ *
+ * **Limits.** The file keeps the new entry and 32 older lines. Lines have at most 1023 characters. qxlog_read() needs a
+ * buffer of more than 256 bytes.
+ *
+ * **Privileges.** Write access to the directory /var/log for qxlog(), to the file for qxlog_clear(), read access to the
+ * file for qxlog_read(). The file has mode 0664 and is only ever replaced as a whole, so that readers of the file need
+ * no lock. Every user of the system may operate on the semaphore and lock the log. Links in the place of either file
+ * are not followed, and what is not a regular file is not read or written.
+ *
+ * **Compatibility.** Behaviour kept on purpose (docs/compatibility.md): Q91 every call sets the semaphore free first;
+ * Q92 a failure leaves semaphore and temporary file; Q93 qxlog_clear() succeeds without a file.
  */
 #ifndef VXUTILS_QXLOG_H
 #define VXUTILS_QXLOG_H

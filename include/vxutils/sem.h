@@ -1,25 +1,42 @@
 /* SPDX-License-Identifier: MIT */
 /**
  * @file
- * The named recursive lock between processes (csemaphore.h) as plain functions.
+ * **Purpose.** The named recursive lock between processes (CRecursiveSemaphore in csemaphore.h) as plain functions.
  *
+ * **Example.**
  * @code
+ * #include <errno.h>
  * sem_handle *modem = sem_create("/modem0");
  * int result = sem_lock(modem);
  * if (result == 0 || result == EOWNERDEAD) {
- *     ...
+ *     puts("locked");
  *     sem_unlock(modem);
  * }
  * sem_release(modem);
  * @endcode
  *
- * The lock itself stays in the system until the next boot. Several handles of one name are the same lock. What another
- * ordinary user has made under the name is not used (see csemaphore.h). A handle may be shared between threads; the
- * lock belongs to the thread that took it. A child of fork() does not own what its parent has locked.
+ * **Ownership.** sem_create() makes a handle, sem_release() frees it; the same with sem_options_create() and
+ * semopts_release(). The lock itself stays in the system until the next boot. Several handles of one name are the same
+ * lock.
  *
- * Files: a lock needs the file /usr/lib/libvxutils.so.1.0.0, whatever the prefix that the library is installed in (see
- * csemaphore.h). Without it sem_create() writes to the system log and returns a handle on which everything returns -1
- * at once.
+ * **Threads, signals, fork.** A handle may be shared between threads; the lock belongs to the thread that took it. Not
+ * for signal handlers. A child of fork() does not own what its parent has locked.
+ *
+ * **Blocking.** sem_lock() waits without a limit. sem_create() waits while another process makes a lock of any name,
+ * for 15 s at most. In an event loop use sem_trylock().
+ *
+ * **Errors.** Error numbers of pthread_mutex_lock(), or -1 for a handle whose lock could not be set up; the reason is
+ * in the system log.
+ *
+ * **Limits.** A name is "/" and up to 255 further characters, none of them "/".
+ *
+ * **Privileges.** A lock serves the processes of one user: it is made with mode 0600, and only its owner and root may
+ * use it. What another ordinary user has made under the name is not used (see csemaphore.h). A lock needs /dev/shm and
+ * the file /usr/lib/libvxutils.so.1.0.0, whatever the prefix that the library is installed in. Without it sem_create()
+ * writes to the system log and returns a handle on which everything returns -1 at once.
+ *
+ * **Compatibility.** Behaviour kept on purpose (docs/compatibility.md): Q55 named locks depend on one file name; Q56 a
+ * NULL name raises std::logic_error.
  */
 #ifndef VXUTILS_SEM_H
 #define VXUTILS_SEM_H
@@ -40,16 +57,23 @@ typedef struct sem_options sem_options;
  */
 VXUTILS_API sem_options *sem_options_create(void);
 
-/** A lock whose owner died is repaired by the next one that takes it. Null is ignored. */
+/**
+ * A lock whose owner died is repaired by the next one that takes it. Null is ignored.
+ * @param options  the options, or NULL
+ */
 VXUTILS_API void semopt_set_consistent_mode_automatic(sem_options *options);
 
 /**
  * A lock whose owner died is lost for good once the next owner unlocks it: later attempts return @c ENOTRECOVERABLE.
  * Null is ignored.
+ * @param options  the options, or NULL
  */
 VXUTILS_API void semopt_set_consistent_mode_manual(sem_options *options);
 
-/** Frees options. Handles made with them are not affected. Null is ignored. */
+/**
+ * Frees options. Handles made with them are not affected. Null is ignored.
+ * @param options  the options, or NULL
+ */
 VXUTILS_API void semopts_release(sem_options *options);
 
 /**
@@ -64,11 +88,16 @@ VXUTILS_API void semopts_release(sem_options *options);
  */
 VXUTILS_API sem_handle *sem_create_with_options(const char *name, const sem_options *options);
 
-/** The same with default options, a null @p name included. */
+/**
+ * The same with default options, a null @p name included.
+ * @param name  as for sem_create_with_options()
+ * @return as sem_create_with_options()
+ */
 VXUTILS_API sem_handle *sem_create(const char *name);
 
 /**
  * Takes the lock, waiting without limit. The owner may lock again and must unlock as often.
+ * @param handle  from sem_create(); NULL gives -1
  * @retval 0 locked
  * @retval EOWNERDEAD locked too; the owner before died while holding it
  * @retval -1 @p handle is null or its lock could not be set up
@@ -76,13 +105,23 @@ VXUTILS_API sem_handle *sem_create(const char *name);
  */
 VXUTILS_API int sem_lock(sem_handle *handle);
 
-/** Gives back one sem_lock(): 0, -1 as there, or an error number (@c EPERM: not the owner). */
+/**
+ * Gives back one sem_lock(): 0, -1 as there, or an error number (@c EPERM: not the owner).
+ * @param handle  from sem_create(); NULL gives -1
+ * @return 0, -1 or an error number
+ */
 VXUTILS_API int sem_unlock(sem_handle *handle);
 
-/** sem_lock() without waiting: @c EBUSY when another thread has it. */
+/**
+ * sem_lock() without waiting: @c EBUSY when another thread has it.
+ * @param handle  from sem_create(); NULL gives -1
+ * @return as sem_lock(), or EBUSY
+ */
 VXUTILS_API int sem_trylock(sem_handle *handle);
 
-/** Frees a handle. The lock stays as it is, locked when it was locked; another handle can unlock it. Null is ignored.
+/**
+ * Frees a handle. The lock stays as it is, locked when it was locked; another handle can unlock it. Null is ignored.
+ * @param handle  from sem_create(), or NULL
  */
 VXUTILS_API void sem_release(sem_handle *handle);
 

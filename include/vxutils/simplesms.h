@@ -1,27 +1,38 @@
 /* SPDX-License-Identifier: MIT */
 /**
  * @file
- * Short messages, exchanged with the device's SMS service through files: outgoing ones are handed to
- * "/usr/local/sbin/send-sms", incoming ones are found in "/var/spool/sms/incoming/", one file per message, whose name
- * is the message's id.
+ * **Purpose.** Short messages, exchanged with the device's SMS service through files: outgoing ones are handed to
+ * "/usr/local/sbin/send-sms", incoming ones are found in "/var/spool/sms/incoming/", one file for each message, whose
+ * name is the message's id.
  *
+ * **Example.**
  * @code
- * if (CSimpleSMS("+4930123456", "link is down").send() != 0) complain();
- *
  * std::vector<std::pair<long long, std::string>> ids;
  * CSimpleSMS::RetrieveIncomingIds(ids);
  * for (const auto &id : ids) {
  *     std::unique_ptr<CSimpleSMS> sms(CSimpleSMS::getIncomingSMSById(id.second));
- *     if (sms && act(sms->getNumber(), sms->getText())) CSimpleSMS::DeleteIncomingSMSById(id.second);
+ *     if (sms && CSimpleSMS(sms->getNumber(), "received").send() == 0) CSimpleSMS::DeleteIncomingSMSById(id.second);
  * }
  * @endcode
  *
- * An incoming file is read up to its first 1023 bytes, without white space at its ends: header lines, an empty line,
- * the text. An id that is empty, is "." or "..", or holds a slash or a NUL is no file name and reads as a message that
- * does not exist.
+ * **Ownership.** A message is a value. getIncomingSMSById() returns a new object, which the caller deletes. A file that
+ * send() hands over belongs to the tool.
  *
- * **Threads.** A message belongs to one thread at a time; getIncomingSMSById() uses the buffer of readfile() (file.h).
- * **Exceptions.** Only those of the string and vector types when memory is short.
+ * **Threads, signals, fork.** A message belongs to one thread at a time. getIncomingSMSById() uses the buffer of
+ * readfile() (file.h): one thread at a time. Not for signal handlers.
+ *
+ * **Blocking.** send() waits until the tool has ended, without a limit. The others take as long as the file system.
+ *
+ * **Errors.** Results of -1 or nullptr. Exceptions are only those of the string and vector types when memory is short.
+ *
+ * **Limits.** An incoming file is read up to its first 1023 bytes, without white space at its ends: header lines, an
+ * empty line, the text. An id that is empty, is "." or "..", or holds a slash or a NUL is not a file name and reads as
+ * a message that does not exist.
+ *
+ * **Privileges.** send() needs write access to /tmp and an executable tool; reading and deleting need access to the
+ * spool directory.
+ *
+ * **Compatibility.** None.
  */
 #ifndef VXUTILS_SIMPLESMS_H
 #define VXUTILS_SIMPLESMS_H

@@ -1,41 +1,60 @@
 /* SPDX-License-Identifier: MIT */
 /**
  * @file
- * A daemon's directory in the status tree: small files and links that tell others its state, and FIFOs through which
- * others send it short messages.
+ * **Purpose.** A daemon's directory in the status tree: small files and links that tell others its state, and FIFOs
+ * through which others send it short messages.
  *
+ * **Example.**
  * @code
  * struct Commands : StatusFifoObserver {
- *     void fifoDataReceived(bufferevent *, char *data, unsigned long length) override { obey(data, length); }
+ *     void fifoDataReceived(bufferevent *, char *data, unsigned long length) override {
+ *         printf("%.*s\n", (int)length, data);
+ *     }
  * } commands;
  *
- * event_base *base = event_init();                     // libevent's current base has to exist before the first FIFO
  * StatusInterface status;
- * if (status.setup(BASEPATH_STATUS, "/linkmanager")) { // /tmp/status/linkmanager
+ * String state;
+ * if (status.setup(BASEPATH_STATUS, "/linkmanager")) {    // /tmp/status/linkmanager
  *     status.setStatus("/state", "up");
- *     status.setupIpcRxFifo("/command", &commands);
- *     event_base_dispatch(base);
+ *     if (status.getStatus("/state", state)) puts(state.c_str());  // prints up
+ *     status.setupIpcRxFifo("/command", &commands);       // after event_init(), before event_base_dispatch()
  * }
  * @endcode
  *
- * A name is appended to the directory as it is, so it begins with "/". An object is used from one thread, the one that
- * runs libevent's current base, on which the FIFOs' data arrives; the FIFOs have to be ended before that base is freed.
- * Files are shared between processes without a lock: by convention each has one writer.
+ * **Trees of other users.** A tree that a stranger may have made is not used. Every call looks at the directories on
+ * its way; those in the root directory ("/tmp") are the system's and taken as they are. A path is unsafe
  *
- * A tree that a stranger may have made is not used. Every call looks at the directories on its way; those in the root
- * directory ("/tmp") are the system's and taken as they are. A path is unsafe
- * - when a directory or link on it lies in a directory into which everybody may write, and belongs neither to root, nor
- *   to the process's user, nor to the owner of the directory that it lies in;
- * - for all but getStatus(), when a link on it belongs neither to root nor to the process's user, unless it lies in a
- *   directory of theirs into which not everybody may write.
+ * - when a directory or link on it is in a directory that every user may write to, and belongs neither to root, nor
+ *   to the process's user, nor to the owner of the directory that it is in;
+ * - for all but getStatus(), when a link on it belongs neither to root nor to the process's user, unless it is in a
+ *   directory of theirs that not every user may write to.
+ *
  * Then the call fails, and "Refused status path PATH: "NAME" belongs to user UID!" goes to the system log (LOG_ERR).
  *
- * So a tree that root has made is safe, whatever its mode, and so is one that the process's own user has made. Daemons
- * of several users share a tree that root makes at boot, with mode 0755 and their directories in it, or with mode 2775
- * for a group of theirs: every member of that group is trusted. With mode 1777 or 0777 each uses its own
- * directories and root's only.
+ * **Ownership.** The object owns its FIFOs and removes their files. Observers belong to the caller and must outlive
+ * their FIFOs.
  *
- * Values are regular files of at most 1 MiB. No call waits for a FIFO.
+ * **Threads, signals, fork.** An object is used from one thread, the one that runs libevent's current base, on which
+ * the FIFOs' data arrives; the FIFOs have to be ended before that base is freed. Files are shared between processes
+ * without a lock: by convention each has one writer. Not for signal handlers. A child of fork() must not use its
+ * parent's FIFOs.
+ *
+ * **Blocking.** As long as the file system takes. No call waits for a FIFO.
+ *
+ * **Errors.** Results of false or 0. Refused paths, directories that cannot be made and values that are too large go to
+ * the system log (LOG_ERR).
+ *
+ * **Limits.** A name is appended to the directory as it is, so it begins with "/". Values are regular files of at most
+ * 1 MiB. FIFO data arrives in pieces of at most 99 bytes; where a message ends is not kept.
+ *
+ * **Privileges.** Write access to the tree. A tree that root has made is safe, whatever its mode, and so is one that
+ * the process's own user has made. Daemons of several users share a tree that root makes at boot, with mode 0755 and
+ * their directories in it, or with mode 2775 for a group of theirs: every member of that group is trusted. With mode
+ * 1777 or 0777 each uses its own directories and root's only. Directories are made with mode 0777, files with 0644,
+ * FIFOs with 0666, all less the umask.
+ *
+ * **Compatibility.** Behaviour kept on purpose (docs/compatibility.md): Q68 values are written in place; Q69 a failed
+ * FIFO leaves its file.
  */
 #ifndef VXUTILS_STATUSINTERFACE_H
 #define VXUTILS_STATUSINTERFACE_H

@@ -1,20 +1,37 @@
 /* SPDX-License-Identifier: MIT */
 /**
  * @file
- * The storage devices of the board: which are fitted, where they are mounted, how large they are.
+ * **Purpose.** The storage devices of the board: which are fitted, where they are mounted, how large they are.
  *
+ * **Example.**
  * @code
  * storage_list *found = old_get_storage(0);
- * const storage_entry *usb = old_get_storage_device(found, 16, 0);   // USB disk on port 0
+ * const storage_entry *usb = old_get_storage_device(found, 16, 0);  // USB disk on port 0
  * if (usb != NULL && usb->mount_point[0] != '\0') printf("%lld bytes free\n", (long long)usb->available);
  * if (found != NULL) old_free_storage(found);
- * free(found);                                                       // the head is the caller's
+ * free(found);  // the head is the caller's
  * @endcode
  *
- * Types are single bits: 2 internal flash or eMMC, 4 partition 4 of an eMMC, 8 SD card, SATA disk, or USB disk on no
- * known port, 16 USB disk on a known port. Nothing is logged. A call takes time linear in the number of block devices.
+ * **Types.** Types are single bits: 2 internal flash or eMMC, 4 partition 4 of an eMMC, 8 SD card, SATA disk, or USB
+ * disk on no known port, 16 USB disk on a known port.
  *
- * **Threads.** A list is used by one thread at a time; nothing is shared between lists.
+ * **Ownership.** The caller frees the entries with old_free_storage() and the head with free(). A pointer to an entry
+ * is valid as long as the list's entries.
+ *
+ * **Threads, signals, fork.** A list is used by one thread at a time; nothing is shared between lists. Not for signal
+ * handlers.
+ *
+ * **Blocking.** As long as the kernel takes to look at each mounted file system: a medium that does not answer holds
+ * the call up. The work is linear in the number of block devices.
+ *
+ * **Errors.** NULL when there is no memory for the head; what cannot be found out is -1 or empty. Nothing is logged.
+ *
+ * **Limits.** Texts too long for their fields are cut.
+ *
+ * **Privileges.** Read access to /sys/class/block, /proc/mounts and /proc/sysinfo, and search access to the mount
+ * points; what the caller may not look at has no totals.
+ *
+ * **Compatibility.** None.
  */
 #ifndef VXUTILS_STORAGE_H
 #define VXUTILS_STORAGE_H

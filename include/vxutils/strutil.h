@@ -1,19 +1,36 @@
 /* SPDX-License-Identifier: MIT */
 /**
  * @file
- * Helpers for NUL-terminated byte strings: bounded copy, case and blanks in place, checks of numbers, dates and times,
- * control characters made visible, and a one-shot formatter.
+ * **Purpose.** Helpers for NUL-terminated byte strings: bounded copy, case and blanks in place, checks of numbers,
+ * dates and times, control characters made visible, and a one-shot formatter.
  *
+ * **Example.**
  * @code
  * char line[] = "  eth0 = up\r\n";
  * char shown[64];
- * puts(escape(stripwhite(line), sizeof line, shown, sizeof shown));   // eth0 = up
+ * puts(escape(stripwhite(line), sizeof line, shown, sizeof shown));  // prints eth0 = up
  * @endcode
  *
- * A character is a byte. Comparison without regard to case folds only the letters A to Z, whatever the locale;
- * strtolower() and strtoupper() follow the locale of the program. The functions neither block nor allocate (zalloc()
- * apart), keep no state and may be called from any thread and in a forked child; strformat() with its one static buffer
- * is the exception. A pointer argument must not be NULL unless the function says what NULL means.
+ * **Ownership.** zalloc() allocates, free() releases. strformat() returns a static buffer. All other buffers are the
+ * caller's.
+ *
+ * **Threads, signals, fork.** Any thread may call the functions, and a forked child too; strformat() with its one
+ * static buffer is for one thread at a time. All except zalloc(), strformat(), the validators and the two functions
+ * that follow the locale are async-signal-safe.
+ *
+ * **Blocking.** Never.
+ *
+ * **Errors.** Results; errno is unchanged except by zalloc(). Nothing is logged. A pointer argument must not be NULL
+ * unless the function says what NULL means.
+ *
+ * **Limits.** A character is a byte. Comparison without regard to case folds only the letters A to Z, whatever the
+ * locale; strtolower() and strtoupper() follow the locale of the program.
+ *
+ * **Privileges.** None.
+ *
+ * **Compatibility.** Behaviour kept on purpose (docs/compatibility.md): Q5 escape() with a size of 0 or 1; Q6 the
+ * validators accept negative hours, minutes and seconds; Q7 is_number() looks at characters only; Q8 e164Number()
+ * refuses a leading plus.
  */
 #ifndef VXUTILS_STRUTIL_H
 #define VXUTILS_STRUTIL_H
@@ -75,7 +92,7 @@ VXUTILS_API char *strtoupper(char *s);
 /**
  * Tells whether a text is made of decimal digits and signs only.
  *
- * Signs may stand anywhere and repeat, and the empty text counts as a number: this is a test of the characters used,
+ * Signs may be anywhere and repeat, and the empty text counts as a number: this is a test of the characters used,
  * not of a number's form (numconv.h has that).
  *
  * @param s text, or NULL
@@ -154,7 +171,7 @@ VXUTILS_API int e164Number(const char *s);
  *
  * Years run from 1999 to 2035, months from 1 to 12, days from 1 to 31 in every month. Hour, minute and second have
  * upper bounds only (23, 59, 59): a negative one passes. The numbers are read as the C library's sscanf() reads a "%d":
- * blanks and a sign may stand before each, leading zeros may be missing. A number beyond every range fails like any
+ * blanks and a sign may come before each, leading zeros may be missing. A number beyond every range fails like any
  * other (as a negative time it passes). What follows the sixth is not looked at.
  *
  * @param s text
@@ -188,7 +205,7 @@ VXUTILS_API int validateDate(const char *s);
 VXUTILS_API int stricmp(const char *a, const char *b);
 
 /**
- * Compares at most @p n bytes of two texts as stricmp() does; no byte behind the n-th is read.
+ * Compares at most @p n bytes of two texts as stricmp() does; no byte after the n-th is read.
  *
  * @param a text
  * @param b text

@@ -1,22 +1,36 @@
 /* SPDX-License-Identifier: MIT */
 /**
  * @file
- * Reader of "/etc/default/system-info", the shell-style list of variables that describes the device.
+ * **Purpose.** Reader of "/etc/default/system-info", the shell-style list of variables that describes the device.
  *
+ * **Example.**
  * @code
- *     systeminfo_table *info = systeminfo_init();
- *     printf("%s revision %d\n", systeminfo_getvar(info, "PRODUCT"), systeminfo_getint(info, "REVISION"));
- *     systeminfo_free(info);
+ * systeminfo_table *info = systeminfo_init();
+ * printf("%s revision %d\n", systeminfo_getvar(info, "PRODUCT"), systeminfo_getint(info, "REVISION"));
+ * systeminfo_free(info);
  * @endcode
  *
- * A line "NAME=VALUE" is a variable; blanks before the name are skipped, those between it and the "=" belong to it.
- * Lines without "=", with nothing behind it, and comments ("#" after any blanks) are skipped. A value that begins with
- * a double quote ends before the next one (or the line feed) and loses both; any other is kept as it stands, leading
- * blanks and the line feed included: texts are written in quotes, and numbers do not mind. Lines have at most 1022
- * bytes; what is longer counts as another line. The file is read up to the first line that begins with a NUL. The first
- * of several variables of one name counts.
+ * **Syntax.** A line "NAME=VALUE" is a variable; blanks before the name are skipped, those between it and the "="
+ * belong to it. Lines without "=", with nothing after it, and comments ("#" after any blanks) are skipped. A value that
+ * begins with a double quote ends before the next one (or the line feed) and loses both; any other keeps leading blanks
+ * and the line feed: write texts in quotes. The file is read up to the first line that begins with a NUL.
  *
- * Nothing is logged. A table may be read by several threads.
+ * **Ownership.** systeminfo_init() makes a table, systeminfo_free() frees it with its texts.
+ *
+ * **Threads, signals, fork.** A table may be read by several threads and by a forked child, which has a copy of its
+ * own. systeminfo_init() may be called by any thread. Not for signal handlers.
+ *
+ * **Blocking.** systeminfo_init() as long as reading the file takes; the others never.
+ *
+ * **Errors.** NULL, an empty text or -1; nothing is logged, errno is the failing call's.
+ *
+ * **Limits.** At most 256 variables, duplicates included: a file with more gives no table. The first of several
+ * variables of one name counts. Lines have at most 1022 bytes; what is longer counts as another line. Numbers out of
+ * range give the nearest int.
+ *
+ * **Privileges.** Read access to the file.
+ *
+ * **Compatibility.** Behaviour kept on purpose (docs/compatibility.md): Q38 unquoted values keep their line feed.
  */
 #ifndef VXUTILS_SYSTEMINFO_H
 #define VXUTILS_SYSTEMINFO_H
@@ -46,18 +60,25 @@ VXUTILS_API systeminfo_table *systeminfo_init(void);
 
 /**
  * Value of a variable.
+ * @param table  from systeminfo_init(), or NULL
+ * @param name   name of the variable; NULL finds nothing
  * @return the value, valid as long as the table; "" when there is none, also for NULL. Never NULL.
  */
 VXUTILS_API const char *systeminfo_getvar(const systeminfo_table *table, const char *name);
 
 /**
  * Value of a variable as a number.
+ * @param table  from systeminfo_init(), or NULL
+ * @param name   name of the variable; NULL finds nothing
  * @return what atoi() makes of the value, the nearest int when it is out of range; -1 when there is none or it is
  *         empty, also for NULL.
  */
 VXUTILS_API int systeminfo_getint(const systeminfo_table *table, const char *name);
 
-/** Frees the table. NULL is accepted. */
+/**
+ * Frees the table. NULL is accepted.
+ * @param table  from systeminfo_init(), or NULL
+ */
 VXUTILS_API void systeminfo_free(systeminfo_table *table);
 
 VXUTILS_END_DECLS

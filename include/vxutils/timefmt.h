@@ -1,22 +1,33 @@
 /* SPDX-License-Identifier: MIT */
 /**
  * @file
- * Time stamps, elapsed time, readable sizes and bit rates, short unique ids, and the text of one element of a simple
- * XML document.
+ * **Purpose.** Time stamps, elapsed time, readable sizes and bit rates, short unique ids, and the text of one element
+ * of a simple XML document.
  *
+ * **Example.**
  * @code
+ * #include <time.h>
  * struct timespec start, end;
  * clock_gettime(CLOCK_MONOTONIC, &start);
- * work();
  * clock_gettime(CLOCK_MONOTONIC, &end);
- * printf("%s: %lld us for ", timeformat(NULL), (long long)uselapsed(start, end));
- * puts(format_size(104857600)); // 100 MB
+ * if (uselapsed(start, end) >= 0) puts(format_size(104857600));  // prints 100 MB
  * @endcode
  *
- * Nothing here blocks, logs or allocates. timeformat(), format_size(), format_rate() and xml_readattr() each return a
- * static buffer of their own, valid until the next call of the same function: one thread at a time per function, and no
- * use in signal handlers. timeformat() and timeparse() work in the local time zone; a change of @c TZ shows at the next
- * call. The remaining functions may be called by any number of threads at once.
+ * **Ownership.** timeformat(), format_size(), format_rate() and xml_readattr() each return a static buffer of their
+ * own, valid until the next call of the same function.
+ *
+ * **Threads, signals, fork.** One thread at a time for each of the four functions with a static buffer. The others may
+ * be called by any number of threads at once. diffts() and uselapsed() are async-signal-safe.
+ *
+ * **Blocking.** Never, except that the C library reads the time zone's file at first use.
+ *
+ * **Errors.** Results; nothing is logged.
+ *
+ * **Limits.** timeformat() and timeparse() work in the local time zone; a change of TZ shows at the next call.
+ *
+ * **Privileges.** None.
+ *
+ * **Compatibility.** Behaviour kept on purpose (docs/compatibility.md): Q54 timeparse() applies the zone twice.
  */
 #ifndef VXUTILS_TIMEFMT_H
 #define VXUTILS_TIMEFMT_H
@@ -48,13 +59,15 @@ VXUTILS_API const char *timeformat(const time_t *t);
  * The text is read as local time, the result is its universal time read as local time once more. In the zone UTC that
  * is the time itself; elsewhere it is shifted by the zone's offset a second time. Programs that store these values rely
  * on it.
- * @param text time stamp; NULL or empty is no time stamp.
- * @return seconds since 1970, 0 when the text is no time stamp.
+ * @param text time stamp; NULL or empty is not a time stamp.
+ * @return seconds since 1970, 0 when the text is not a time stamp.
  */
 VXUTILS_API time_t timeparse(const char *text);
 
 /**
  * Difference of two times with tv_nsec between 0 and 999999999.
+ * @param start  earlier time
+ * @param end    later time
  * @return @p end minus @p start; a negative difference has negative seconds and, as everywhere, nanoseconds that count
  *         upwards: half a second back is -1 s and 500000000 ns.
  */
@@ -62,6 +75,8 @@ VXUTILS_API struct timespec diffts(struct timespec start, struct timespec end);
 
 /**
  * Microseconds from @p start to @p end.
+ * @param start  earlier time
+ * @param end    later time
  * @return the difference, negative when @p end is the earlier one; nanoseconds are cut toward zero.
  */
 VXUTILS_API int64_t uselapsed(struct timespec start, struct timespec end);
@@ -89,7 +104,7 @@ VXUTILS_API const char *format_size(int64_t bytes);
 VXUTILS_API const char *format_rate(int64_t bytes_per_second);
 
 /**
- * Raw text between the first "<tag>" of a document and the first "</tag>" behind it. Attributes, nesting and entities
+ * Raw text between the first "<tag>" of a document and the first "</tag>" after it. Attributes, nesting and entities
  * are unknown to it, and white space stays.
  * @param document NUL-terminated text. It must not be this function's own previous result, which is cleared first.
  * @param tag name of the element, without brackets.

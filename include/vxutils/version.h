@@ -1,33 +1,37 @@
 /* SPDX-License-Identifier: MIT */
 /**
  * @file
- * Purpose: the version of the library, at compile time and at run time. Use the macros where a program needs what a
+ * **Purpose.** The version of the library, at compile time and at run time. Use the macros where a program needs what a
  * later version has added, and vxutils_version() where it reports what it runs with. This header is the only place of
  * the source tree where the version is written; CMake, pkg-config and the packages take it from here.
  *
- * Example:
+ * **Example.**
  * @code
  * #include <stdio.h>
  * #include <vxutils/version.h>
- *
  * #if !VXUTILS_VERSION_AT_LEAST(1, 0, 0)
  * #error "this program needs vxutils 1.0.0 or later"
  * #endif
- *
  * int main(void) {
  *     printf("compiled with %s, running with %s\n", VXUTILS_VERSION_STRING, vxutils_version());
  *     return 0;
  * }
  * @endcode
  *
- * Ownership: the returned text belongs to the library and is never freed.
- * Threads, signals, fork: may be called from any thread and from a signal handler.
- * Blocking: never.
- * Errors: none.
- * Limits: each number is between 0 and 999.
- * Privileges: none.
- * Compatibility: versions follow semantic versioning. The file name libvxutils.so.1.0.0 does not: named locks depend on
- * it (csemaphore.h, sem.h), so it stays as it is while the version counts up.
+ * **Ownership.** The returned text belongs to the library and is never freed.
+ *
+ * **Threads, signals, fork.** May be called from any thread, from a signal handler and in a forked child.
+ *
+ * **Blocking.** Never.
+ *
+ * **Errors.** None.
+ *
+ * **Limits.** Each number is between 0 and 999.
+ *
+ * **Privileges.** None.
+ *
+ * **Compatibility.** Versions follow semantic versioning. The file name libvxutils.so.1.0.0 does not: named locks
+ * depend on it (csemaphore.h, sem.h), so it stays as it is while the version counts up.
  */
 #ifndef VXUTILS_VERSION_H
 #define VXUTILS_VERSION_H

@@ -1,24 +1,38 @@
 /* SPDX-License-Identifier: MIT */
 /**
  * @file
- * Named events for the gateway's event manager, and the same records over ZeroMQ for whoever subscribes.
+ * **Purpose.** Named events for the gateway's event manager, and the same records over ZeroMQ for all programs that
+ * subscribe.
  *
+ * **Example.**
  * @code
- * vxevent(17, 1, "wan1");                        // into the event manager's FIFO
- *
- * void *source = create_legacy_source(context);  // context: zmq_ctx_new()
+ * if (vxevent(17, 1, "wan1") != 0) puts("no event manager");  // into the event manager's FIFO
  * vxevent_record record = {17, 1, "wan1"};
- * dispatch_legacy_event(source, &record);        // to every subscriber that is connected
+ * if (dispatch_legacy_event(NULL, &record) != 0) puts("no source");  // from create_legacy_source(zmq_ctx_new())
  * @endcode
  *
- * Subscribers read one message of sizeof(vxevent_record) bytes per event from the socket that register_legacy_sink()
- * gives them, with ZeroMQ's own receiving functions, and close sockets with @c zmq_close().
+ * **Receiving.** Subscribers read one message of sizeof(vxevent_record) bytes for each event from the socket that
+ * register_legacy_sink() gives them, with ZeroMQ's own receiving functions.
  *
- * Threads: vxevent() from any thread, and any number of processes at once; a ZeroMQ socket by one thread at a time.
- * Signals: vxevent() may be called from a signal handler. fork(): a child must not use its parent's ZeroMQ sockets.
- * ZeroMQ is not loaded before the first call of a function that uses it, and is that of the caller where the process
- * has one. Where it cannot be loaded, these functions fail, and the first failure is written to the system log. Nothing
- * else here is.
+ * **Ownership.** Sockets belong to the caller, who closes them with `zmq_close()`. Records are copied.
+ *
+ * **Threads, signals, fork.** vxevent() from any thread, and any number of processes at once; it may be called from a
+ * signal handler. A ZeroMQ socket by one thread at a time. A child of fork() must not use its parent's ZeroMQ sockets.
+ *
+ * **Blocking.** vxevent() for at most 1 s, and only while the FIFO is full. The ZeroMQ functions do not wait for
+ * subscribers.
+ *
+ * **Errors.** Results of -1 or NULL with errno. ZeroMQ is not loaded before the first call of a function that uses it,
+ * and is that of the caller where the process has one. Where it cannot be loaded, these functions fail, and the first
+ * failure is written to the system log. Nothing else is logged.
+ *
+ * **Limits.** A text has at most 127 bytes. The FIFO holds some 480 records.
+ *
+ * **Privileges.** Read and write access to "/tmp/status/event-manager/throw". The endpoint is on the loopback
+ * interface: every local user can connect to it.
+ *
+ * **Compatibility.** Behaviour kept on purpose (docs/compatibility.md): Q70 an event without a reader is lost with
+ * success.
  */
 #ifndef VXUTILS_VXEVENT_H
 #define VXUTILS_VXEVENT_H
@@ -64,17 +78,27 @@ VXUTILS_API int vxevent(unsigned int id, unsigned int param, const char *text);
  */
 VXUTILS_API void *create_legacy_source_with_addr(void *zmq_context, const char *endpoint);
 
-/** The same on the gateway's endpoint "tcp://127.0.0.1:47011". */
+/**
+ * The same on the gateway's endpoint "tcp://127.0.0.1:47011".
+ * @param zmq_context  a ZeroMQ context
+ * @return as create_legacy_source_with_addr()
+ */
 VXUTILS_API void *create_legacy_source(void *zmq_context);
 
 /**
- * Makes a socket that receives all events of an endpoint, from the time when the connection stands. The source may come
- * later; ZeroMQ keeps trying.
+ * Makes a socket that receives all events of an endpoint, from the time when the connection is made. The source may
+ * come later; ZeroMQ keeps trying.
+ * @param zmq_context  a ZeroMQ context
+ * @param endpoint     where the source publishes
  * @return a socket to be closed by @c zmq_close(), or null: endpoint null or not understood, no context
  */
 VXUTILS_API void *register_legacy_sink_with_addr(void *zmq_context, const char *endpoint);
 
-/** The same on the gateway's endpoint "tcp://127.0.0.1:47011". */
+/**
+ * The same on the gateway's endpoint "tcp://127.0.0.1:47011".
+ * @param zmq_context  a ZeroMQ context
+ * @return as register_legacy_sink_with_addr()
+ */
 VXUTILS_API void *register_legacy_sink(void *zmq_context);
 
 /**

@@ -1,31 +1,42 @@
 /* SPDX-License-Identifier: MIT */
 /**
  * @file
- * `String`: the byte string of the class face, a value that costs one pointer to hold and one increment to copy.
+ * **Purpose.** `String`: the byte string of the class face, a value that costs one pointer to hold and one increment to
+ * copy. strutil.h works on plain C texts.
  *
+ * **Example.**
  * @code
- *   String name("eth");
- *   name += '0';
- *   String path;
- *   path.format("/sys/class/net/%s/mtu", name.c_str());  // c_str(): the compiler refuses a String as an argument
- *   path.concatf(".%lu", (unsigned long)sizeof name);    // not %zu: format() lists the conversions that it understands
- *   if (path.startsWith("/sys/")) puts(path.c_str());
+ * String name("eth");
+ * name += '0';
+ * String path;
+ * path.format("/sys/class/net/%s/mtu", name.c_str());  // c_str(): the compiler refuses a String as an argument
+ * if (path.endsWith("mtu")) puts(path.c_str());        // prints /sys/class/net/eth0/mtu
  * @endcode
  *
- * A text is any sequence of bytes and is always followed by a NUL; most operations that look into a text with the C
- * library's functions (`strcmp`, `strstr`, `strchr`) see it up to the first NUL inside, where there is one.  Lengths
- * and positions are `long` and count bytes; a text is at most 2^31 - 1 bytes long.  Case is folded for `A`..`Z` only,
- * whatever the locale.  A position out of range is never an error: each operation says what it does then.
+ * **Texts.** A text is any sequence of bytes and is always followed by a NUL; most operations that look into a text
+ * with the C library's functions (`strcmp`, `strstr`, `strchr`) see it up to the first NUL inside, where there is one.
+ * Case is folded for `A`..`Z` only, whatever the locale. A position out of range is never an error: each operation says
+ * what it does then.
  *
- * **Sharing.**  Copies share one block (String::StringBuffer) and a changing operation first takes a block of its own
- * when the block is shared.  An argument may lie inside the string that it changes: `s += s.c_str() + 3` and
- * `s.insert(1, s)` do what they say.
+ * **Ownership.** Copies share one block (String::StringBuffer) and a changing operation first takes a block of its own
+ * when the block is shared. c_str() is valid until the next change. An argument may be inside the string that it
+ * changes: `s += s.c_str() + 3` and `s.insert(1, s)` work.
  *
- * **Threads.**  The counts are plain integers.  A String and all copies made from it belong to one thread; give another
- * thread a text of its own, `String(s.c_str())`.
+ * **Threads, signals, fork.** The counts are plain integers. A String and all copies made from it belong to one thread;
+ * give another thread a text of its own, `String(s.c_str())`. Not for signal handlers. A forked child has copies of its
+ * own.
  *
- * **Memory.**  A process that has no memory left for a text, or asks for a longer one than there can be, is aborted.
- * No operation throws.  No operation blocks.
+ * **Blocking.** Never.
+ *
+ * **Errors.** A process that has no memory left for a text, or asks for a longer one than there can be, is aborted. No
+ * operation throws.
+ *
+ * **Limits.** Lengths and positions are `long` and count bytes; a text is at most 2^31 - 1 bytes long.
+ *
+ * **Privileges.** None.
+ *
+ * **Compatibility.** Behaviour kept on purpose (docs/compatibility.md): Q1 compareTo() is seen from the argument; Q2
+ * lastIndexOf() of a longer text; Q3 a negative start does not shorten a piece; Q4 format() measures with strlenf().
  */
 #ifndef VXUTILS_VXSTRING_H
 #define VXUTILS_VXSTRING_H
@@ -59,26 +70,37 @@ public:
     /** The shared empty buffer. */
     String();
 
-    /** Shares the other's block. */
+    /**
+     * Shares the other's block.
+     * @param other  the other String
+     */
     VXUTILS_API String(const String &other) : buffer_(other.buffer_) { ++buffer_->refCount; }
 
-    /** One character, in a block of capacity 7; NUL gives the shared empty buffer. */
+    /**
+     * One character, in a block of capacity 7; NUL gives the shared empty buffer.
+     * @param c  the character
+     */
     String(char c);
 
-    /** A copy of @p s; NULL or an empty text gives the shared empty buffer. */
+    /**
+     * A copy of @p s; NULL or an empty text gives the shared empty buffer.
+     * @param s  the text
+     */
     String(const char *s);
 
     /**
      * A copy of @p s in a block made for at least @p capacity bytes, so that it can grow without moving.
      * An empty @p s gets a block as well; only NULL gives the shared empty buffer.
+     * @param s         the text
+     * @param capacity  bytes that have to fit
      */
     String(const char *s, long capacity);
 
     /**
      * A piece of @p s: @p count bytes from @p start on, or as many as there are.
      * @param s     NULL gives the shared empty buffer.
-     * @param start where the piece begins; a negative value counts as 0, one behind the end as the end.
-     * @param count at most so many bytes, which are not reduced by a negative @p start.
+     * @param start where the piece begins; a negative value counts as 0, one after the end as the end.
+     * @param count most bytes to copy, which are not reduced by a negative @p start.
      * An empty piece gives the shared empty buffer.
      */
     String(const char *s, long start, long count);
@@ -96,19 +118,49 @@ public:
      */
     String &operator=(const char *s);
 
-    /** The same as String(char). */
+    /**
+     * The same as String(char).
+     * @param c  the character
+     * @return the new String
+     */
     static String stringOf(char c);
-    /** The same as String(const char *). */
+    /**
+     * The same as String(const char *).
+     * @param s  the text
+     * @return the new String
+     */
     static String stringOf(const char *s);
-    /** The same as String(const char *, long, long). */
+    /**
+     * The same as String(const char *, long, long).
+     * @param s      the text
+     * @param start  position of the first byte
+     * @param count  number of bytes
+     * @return the new String
+     */
     static String stringOf(const char *s, long start, long count);
-    /** The number in decimal. */
+    /**
+     * The number in decimal.
+     * @param number  the number
+     * @return the new String
+     */
     static String stringOf(long number);
-    /** The number in decimal. */
+    /**
+     * The number in decimal.
+     * @param number  the number
+     * @return the new String
+     */
     static String stringOf(unsigned long number);
-    /** The address as the system's `printf` shows it with `%p`. */
+    /**
+     * The address as the system's `printf` shows it with `%p`.
+     * @param pointer  the address
+     * @return the new String
+     */
     static String stringOf(void *pointer);
-    /** "true" or "false". */
+    /**
+     * "true" or "false".
+     * @param value  the value
+     * @return the new String
+     */
     static String stringOf(bool value);
 
     /** @return an empty String that lives until the process exits. */
@@ -125,41 +177,83 @@ public:
     const char *c_str() const { return buffer_->text; }
 
     /**
-     * Order of two texts, seen from the argument: positive when @p other sorts behind this text, 0 when they are equal,
+     * Order of two texts, seen from the argument: positive when @p other sorts after this text, 0 when they are equal,
      * negative when it sorts before it (`strcmp(other, this)`).
+     * @param other  the other String
+     * @return the order
      */
     int compareTo(const String &other) const;
-    /** The same with `stricmp`: -1, 0 or 1. */
+    /**
+     * The same with `stricmp`: -1, 0 or 1.
+     * @param other  the other String
+     * @return -1, 0 or 1
+     */
     int compareToIgnoreCase(const String &other) const;
 
-    /** @return whether both texts are the same bytes, NULs inside included. */
+    /**
+     * @param other  the other String
+     * @return whether both texts are the same bytes, NULs inside included.
+     */
     bool equals(const String &other) const;
-    /** @return whether `strcmp` finds them equal; NULL equals an empty text. */
+    /**
+     * @param s  the text
+     * @return whether `strcmp` finds them equal; NULL equals an empty text.
+     */
     bool equals(const char *s) const;
-    /** @return whether both are of one length and `strnicmp` finds them equal. */
+    /**
+     * @param other  the other String
+     * @return whether both are of one length and `strnicmp` finds them equal.
+     */
     bool equalsIgnoreCase(const String &other) const;
-    /** @return whether `stricmp` finds them equal; NULL equals an empty text. */
+    /**
+     * @param s  the text
+     * @return whether `stricmp` finds them equal; NULL equals an empty text.
+     */
     bool equalsIgnoreCase(const char *s) const;
 
-    /** @return whether the text begins with @p prefix; an empty one begins every text. */
+    /**
+     * @param prefix  text to compare with
+     * @return whether the text begins with @p prefix; an empty one begins every text.
+     */
     bool startsWith(const String &prefix) const;
-    /** @return whether @p prefix stands at @p offset; false for a negative offset or one that leaves no room for it. */
+    /**
+     * @param prefix  text to compare with
+     * @param offset  position in this text
+     * @return whether @p prefix is at @p offset; false for a negative offset or one that leaves no room for it.
+     */
     bool startsWith(const String &prefix, long offset) const;
-    /** @return whether the text ends with @p suffix. */
+    /**
+     * @param suffix  text to compare with
+     * @return whether the text ends with @p suffix.
+     */
     bool endsWith(const String &suffix) const;
 
     /**
      * Compares @p count bytes of this text from @p offset on with those of @p other from @p otherOffset on.
+     * @param ignoreCase   true to ignore the case of A to Z
+     * @param offset       position in this text
+     * @param other        the other String
+     * @param otherOffset  position in @p other
+     * @param count        number of bytes
      * @return false when a number is negative or either piece reaches beyond its text; else whether `strncmp`, or
      *         `strnicmp` with @p ignoreCase, finds the pieces equal.
      */
     bool regionMatches(bool ignoreCase, long offset, const String &other, long otherOffset, long count) const;
-    /** The same with the case looked at. */
+    /**
+     * The same with the case looked at.
+     * @param offset       position in this text
+     * @param other        the other String
+     * @param otherOffset  position in @p other
+     * @param count        number of bytes
+     * @return whether the pieces are equal
+     */
     bool regionMatches(long offset, const String &other, long otherOffset, long count) const;
 
     /**
      * Copies the bytes from @p begin up to, not including, @p end; both are brought into the text first.
      * @param dst gets the bytes without a NUL; NULL copies nothing.
+     * @param begin  position of the first byte
+     * @param end    position after the last byte
      * @return the number of bytes copied.
      */
     long getChars(long begin, long end, char *dst) const;
@@ -179,12 +273,17 @@ public:
      */
     int toInteger() const;
 
-    /** @return the text from @p begin to its end; empty when @p begin is negative or not inside the text. */
+    /**
+     * @param begin  position of the first byte
+     * @return the text from @p begin to its end; empty when @p begin is negative or not inside the text.
+     */
     String substring(long begin) const;
 
     /**
      * The piece from @p begin up to, not including, @p end.  A negative @p begin starts at 0 without shortening the
      * piece: `substring(-2, 3)` gives the first five bytes.
+     * @param begin  position of the first byte
+     * @param end    position after the last byte
      * @return the piece; empty unless @p begin is below @p end and below the length.
      */
     String substring(long begin, long end) const;
@@ -194,33 +293,84 @@ public:
      * Each returns a position, or -1 when there is none.
      * @{ */
 
-    /** First @p c; none for NUL. */
+    /**
+     * First @p c; none for NUL.
+     * @param c  character to look for
+     * @return the position, or -1
+     */
     long indexOf(char c) const;
-    /** First @p c at or after @p from; a negative @p from counts as 0. */
+    /**
+     * First @p c at or after @p from; a negative @p from counts as 0.
+     * @param c     character to look for
+     * @param from  position to start at
+     * @return the position, or -1
+     */
     long indexOf(char c, long from) const;
-    /** First place where @p s stands; an empty @p s stands at 0. */
+    /**
+     * First place where @p s is; an empty @p s is at 0.
+     * @param s  text to look for
+     * @return the position, or -1
+     */
     long indexOf(const String &s) const;
-    /** First place at or after @p from where @p s stands; a negative @p from counts as 0. */
+    /**
+     * First place at or after @p from where @p s is; a negative @p from counts as 0.
+     * @param s     text to look for
+     * @param from  position to start at
+     * @return the position, or -1
+     */
     long indexOf(const String &s, long from) const;
-    /** The same as indexOf(const String &), case ignored. */
+    /**
+     * The same as indexOf(const String &), case ignored.
+     * @param s  text to look for
+     * @return the position, or -1
+     */
     long indexOfIgnoreCase(const String &s) const;
-    /** The same as indexOf(const String &, long), case ignored. */
+    /**
+     * The same as indexOf(const String &, long), case ignored.
+     * @param s     text to look for
+     * @param from  position to start at
+     * @return the position, or -1
+     */
     long indexOfIgnoreCase(const String &s, long from) const;
 
-    /** Last @p c. */
+    /**
+     * Last @p c.
+     * @param c  character to look for
+     * @return the position, or a negative number
+     */
     long lastIndexOf(char c) const;
-    /** Last @p c at or before @p from; none for a negative @p from. */
+    /**
+     * Last @p c at or before @p from; none for a negative @p from.
+     * @param c     character to look for
+     * @param from  position to start at
+     * @return the position, or a negative number
+     */
     long lastIndexOf(char c, long from) const;
     /**
-     * Last place where @p s stands; an empty @p s stands at the end.
+     * Last place where @p s is; an empty @p s is at the end.
+     * @param s  text to look for
      * @return for an @p s longer than the text the difference of the lengths: negative, and not always -1.
      */
     long lastIndexOf(const String &s) const;
-    /** Last place at or before @p from; none for a negative @p from; a longer @p s as above. */
+    /**
+     * Last place at or before @p from; none for a negative @p from; a longer @p s as above.
+     * @param s     text to look for
+     * @param from  position to start at
+     * @return the position, or a negative number
+     */
     long lastIndexOf(const String &s, long from) const;
-    /** The same as lastIndexOf(const String &), case ignored. */
+    /**
+     * The same as lastIndexOf(const String &), case ignored.
+     * @param s  text to look for
+     * @return the position, or a negative number
+     */
     long lastIndexOfIgnoreCase(const String &s) const;
-    /** The same as lastIndexOf(const String &, long), case ignored. */
+    /**
+     * The same as lastIndexOf(const String &, long), case ignored.
+     * @param s     text to look for
+     * @param from  position to start at
+     * @return the position, or a negative number
+     */
     long lastIndexOfIgnoreCase(const String &s, long from) const;
 
     /** @} */
@@ -229,9 +379,18 @@ public:
      * block of the size for its new length, a text that keeps its length into one of the same capacity.
      * @{ */
 
-    /** Appends @p s. */
+    /**
+     * Appends @p s.
+     * @param s  the text
+     * @return this String
+     */
     String &concat(const String &s);
-    /** Appends @p count bytes of @p bytes, NULs included; nothing for NULL or a count below 1. */
+    /**
+     * Appends @p count bytes of @p bytes, NULs included; nothing for NULL or a count below 1.
+     * @param bytes  bytes to append
+     * @param count  number of bytes
+     * @return this String
+     */
     String &concat(const char *bytes, long count);
     /** Appends @p s. */
     String &operator+=(const String &s);
@@ -256,32 +415,71 @@ public:
      * without that argument. Pass a `size_t` as `%lu` with a cast to `unsigned long`, and a `long long` or a `double`
      * as a text. Nothing to write gives the shared empty buffer.
      * @param fmt format; NULL counts as empty
+     * @return this String
      */
     String &format(const char *fmt, ...) VXUTILS_PRINTF(2, 3);
-    /** Appends a formatted text, as format() writes it. */
+    /**
+     * Appends a formatted text, as format() writes it.
+     * @param fmt  format, as in format()
+     * @return this String
+     */
     String &concatf(const char *fmt, ...) VXUTILS_PRINTF(2, 3);
 
-    /** Cuts everything from @p start on; a negative @p start counts as 0. */
+    /**
+     * Cuts everything from @p start on; a negative @p start counts as 0.
+     * @param start  position of the first byte
+     * @return this String
+     */
     String &deleteRegion(long start);
-    /** Cuts the bytes from @p start up to, not including, @p end. */
+    /**
+     * Cuts the bytes from @p start up to, not including, @p end.
+     * @param start  position of the first byte
+     * @param end    position after the last byte
+     * @return this String
+     */
     String &deleteRegion(long start, long end);
 
-    /** Makes `a`..`z` upper case. */
+    /**
+     * Makes `a`..`z` upper case.
+     * @return this String
+     */
     String &toUpperCase();
-    /** Makes `A`..`Z` lower case. */
+    /**
+     * Makes `A`..`Z` lower case.
+     * @return this String
+     */
     String &toLowerCase();
 
-    /** Replaces every byte @p from by @p to; nothing when @p to is NUL. */
+    /**
+     * Replaces every byte @p from by @p to; nothing when @p to is NUL.
+     * @param from  byte to replace
+     * @param to    byte to put there
+     */
     void replace(char from, char to);
 
     /** Cuts blanks (space, TAB, LF, VT, FF, CR) at both ends; nothing left gives the shared empty buffer. */
     void trim();
 
-    /** Inserts @p s before @p pos, the length appends; nothing for a position outside of the text. */
+    /**
+     * Inserts @p s before @p pos, the length appends; nothing for a position outside of the text.
+     * @param pos  position, 0 to the length
+     * @param s    the text
+     * @return this String
+     */
     String &insert(long pos, const String &s);
-    /** The same; nothing for NULL. */
+    /**
+     * The same; nothing for NULL.
+     * @param pos  position, 0 to the length
+     * @param s    the text
+     * @return this String
+     */
     String &insert(long pos, const char *s);
-    /** The same with one character; nothing for NUL. */
+    /**
+     * The same with one character; nothing for NUL.
+     * @param pos  position, 0 to the length
+     * @param c    the character
+     * @return this String
+     */
     String &insert(long pos, char c);
 
     /** @} */
@@ -319,8 +517,8 @@ VXUTILS_API String operator+(char left, const String &right);
 /** @} */
 
 /** @name Concatenation to a temporary
- * The same sums, made in the block of a left operand that nobody else sees: `a + b + c` builds one text, not two.  The
- * operand may be empty afterwards.
+ * The same sums, made in the block of a left operand that no other code sees: `a + b + c` builds one text, not two. 
+ * The operand may be empty afterwards.
  * @{ */
 VXUTILS_API String operator+(String &&left, const String &right);
 VXUTILS_API String operator+(String &&left, const char *right);

@@ -1,28 +1,23 @@
 /* SPDX-License-Identifier: MIT */
 /**
  * @file
- * Client of the modem daemon.
+ * **Purpose.** Client of the modem daemon. Each WWAN modem card is driven by a modem daemon of its own, which takes one
+ * line of text for each command and gives one answer. This family is the daemon's client: it connects and introduces
+ * itself ("init" and the application's name), paces commands, throws stale answers away, waits for the answer, waits
+ * out "BUSY", and reconnects when the daemon stalls.
  *
- * Each WWAN modem card is driven by a modem daemon of its own, which takes one line of text per command and gives one
- * answer. This family is the daemon's client: it connects and introduces itself ("init" and the application's name),
- * paces commands, throws stale answers away, waits for the answer, waits out "BUSY", and reconnects when the daemon
- * stalls.
- *
+ * **Example.**
  * @code
+ * static wwanmd_msg message;  // 8 KiB: better not on a small stack
  * wwanmd_handle *modem = wwanmd_init(0, "wansup");
- * static wwanmd_msg message;                       // 8 KiB: better not on a small stack
  * message.len = snprintf(message.data, sizeof message.data, "signal");
  * if (modem != NULL && wwanmd_command(modem, &message) == 0) printf("signal%s\n", message.data);
  * wwanmd_free(modem);
  * @endcode
  *
- * **Cards.** 0 to 5 and 10 to 15. Any other number is refused everywhere: logged ("invalid wwan card %d", LOG_ERR),
- * result -1 (NULL from wwanmd_init()).
- *
- * **Answers.** One answer is what one receive yields, at most 8191 bytes; it may hold any bytes. It begins with "OK"
- * (result 0), "ERROR" or "BUSY" (result -1); the text behind that word is handed back in the message in every one of
- * these cases. An answer that the daemon sends in pieces is cut at its first piece; the rest is stale and thrown away
- * before the next command.
+ * **Answers.** One answer is what one receive yields; it may hold any bytes. It begins with "OK" (result 0), "ERROR" or
+ * "BUSY" (result -1); the text after that word is returned in the message in every one of these cases. An answer that
+ * the daemon sends in pieces is cut at its first piece; the rest is stale and thrown away before the next command.
  *
  * **Late answers.** An answer does not tell which command it belongs to. When the time-out of a command ends without
  * its final answer, the next wwanmd_send() or wwanmd_command() therefore connects again before it sends, whatever has
@@ -33,37 +28,57 @@
  * next command was sent.
  *
  * **Whose answers count.** Those of the process that listens at "/var/run/wwanmdN/server" when the connection is made;
- * no other process can send on it. The directory must be writable by trusted users only. The
- * markers in "/tmp/status/wwanmd", which keep a card from being used, do not count when a user who is neither root nor
- * the process's user may have put them there, or a directory above them.
+ * no other process can send on it.
  *
- * **Waiting.** All calls block their thread. With T the message's time-out (5 to 300 s), the longest times are
- * - wwanmd_in_reset(): 5 s, and only while the reset marker is there;
- * - wwanmd_open(), hence wwanmd_init(): 15.3 s (5 s to be accepted, 0.3 s of pacing, 5 s to send the handshake, 5 s for
- *   its answer), plus up to three times 5 s when the reset marker comes and goes meanwhile: 30.3 s in all;
- * - wwanmd_send(): 0.3 s + T, plus one wwanmd_open() when the connection is closed or the last command timed out, and
- *   one when sending fails for the fourth time,
- *   plus 5 s for the reset marker;
- * - wwanmd_recv(): T, with the same additions; T is one budget for all waits of the call, "BUSY" answers included;
- * - wwanmd_command(): wwanmd_send() and T together, plus 5 s for the reset marker, plus one wwanmd_open() when the
- *   failed receive reconnects.
+ * **Ownership.** wwanmd_init() makes a handle, wwanmd_free() closes and frees it. Messages are the caller's.
  *
- * The handshake never reconnects from inside itself: whatever the daemon does to it - no answer, "ERROR", accepting and
- * closing at once - ends wwanmd_open() with -1, and the next call tries again. The deepest nesting is one handshake
- * inside one call, with about 48 KiB of stack.
+ * **Threads, signals, fork.** A handle belongs to one thread at a time; nothing is locked. SIGPIPE is ignored while a
+ * call sends or receives and has its default action afterwards, whatever handler was set before; wwanmd_recv() leaves
+ * it ignored when it returns early because the card is in reset or no connection could be made. Signals with handlers
+ * do not shorten or lengthen the waits. Not for signal handlers. A child must not use its parent's handle. Descriptors
+ * are closed on exec.
  *
- * **Failures.** A send or receive that fails adds one to `failures`; the fourth reconnects, and a broken pipe counts as
- * the fourth at once. A complete send sets `failures` back to 0, an "OK" also `busy_count`; "ERROR" answers alone
- * therefore never reconnect. The 17th command in a row that ends in "BUSY" reconnects.
+ * **Blocking.** All calls block their thread; in an event loop use a thread of its own. T is the message's time-out (5
+ * to 300 s), "opening" one wwanmd_open(). The longest times are:
  *
- * **Signals.** SIGPIPE is ignored while a call sends or receives and has its default action afterwards, whatever
- * handler stood there before; wwanmd_recv() leaves it ignored when it returns early because the card is in reset or no
- * connection could be made. Signals with handlers do not shorten or lengthen the waits.
+ * | call              | waits at most          | in addition                                                      |
+ * |-------------------|------------------------|------------------------------------------------------------------|
+ * | wwanmd_in_reset() | 5 s                    | waits only while the reset marker is there                       |
+ * | wwanmd_open()     | 15.3 s                 | 15 s in all while the reset marker comes and goes                |
+ * | wwanmd_init()     | one opening            |                                                                  |
+ * | wwanmd_send()     | 0.3 s + T              | 5 s for the marker; an opening if closed, late or 4 times failed |
+ * | wwanmd_recv()     | T                      | as wwanmd_send(); T is one budget for all waits, "BUSY" included |
+ * | wwanmd_command()  | 0.3 s + 2 T            | 10 s for the marker; openings as above; one when receiving fails |
+ * | others            | 0 s                    |                                                                  |
  *
- * **Threads.** A handle belongs to one thread at a time; nothing is locked. **fork.** A child must not use its parent's
- * handle. Descriptors are closed on exec.
+ * An opening waits 5 s to be accepted, 0.3 s of pacing, 5 s to send the handshake and 5 s for its answer.
  *
- * All messages are LOG_DEBUG but the one on invalid card numbers.
+ * **Reconnecting.** The connection is made again
+ *
+ * - by the fourth failure in a row of sending or receiving, and by a broken pipe at once; a complete send sets
+ *   `failures` back to 0;
+ * - before the next command, when the last one timed out;
+ * - by the 17th command in a row that ends in "BUSY"; an "OK" sets `busy_count` back to 0;
+ * - before a command on a closed handle.
+ *
+ * It is not made again by "ERROR" answers, and never from inside a handshake: whatever the daemon does to it - no
+ * answer, "ERROR", accepting and closing at once - ends wwanmd_open() with -1, and the next call tries again. The
+ * deepest nesting is one handshake inside one call, with about 48 KiB of stack.
+ *
+ * **Errors.** Results of -1, -11 (card in reset) and NULL. All messages are LOG_DEBUG except the one on invalid card
+ * numbers (LOG_ERR).
+ *
+ * **Limits.** Cards are 0 to 5 and 10 to 15. Any other number is refused everywhere: logged ("invalid wwan card %d",
+ * LOG_ERR), result -1 (NULL from wwanmd_init()). A command has at most 8190 bytes, an answer 8191.
+ *
+ * **Privileges.** Write access to the socket "/var/run/wwanmdN/server". Its directory must be writable by trusted users
+ * only. The markers in "/tmp/status/wwanmd", which keep a card from being used, do not count when the caller may not
+ * read them, or when a user who is neither root nor the process's user may have put them there, or a directory above
+ * them.
+ *
+ * **Compatibility.** Behaviour kept on purpose (docs/compatibility.md): Q41 SIGPIPE has its default action afterwards;
+ * Q82 an answer in pieces is cut at its first piece; Q83 ERROR answers never reconnect; Q84 wwanmd_init() opens the
+ * system log.
  */
 #ifndef VXUTILS_WWANMD_H
 #define VXUTILS_WWANMD_H
@@ -88,7 +103,7 @@ typedef struct wwanmd_handle wwanmd_handle; /**< the record's short name */
 
 /** One command and, after the exchange, its answer. The caller's. */
 struct wwanmd_msg {
-    char data[8192]; /**< the command; then the answer behind its first word, with a NUL behind it */
+    char data[8192]; /**< the command; then the answer after its first word, with a NUL after it */
     int len;         /**< bytes in data, 0 or below for none; then the answer's length, -1 when there was none */
     int timeout;  /**< seconds to wait for the daemon to take the command, and for its answer: 5 to 300, cut to that */
     int reserved; /**< 0 */
@@ -124,7 +139,7 @@ VXUTILS_API void wwanmd_free(wwanmd_handle *handle);
 VXUTILS_API int wwanmd_command(wwanmd_handle *handle, wwanmd_msg *message);
 
 /**
- * Connects anew and introduces the application. An existing connection is closed first.
+ * Connects again and introduces the application. An existing connection is closed first.
  *
  * @param handle  the connection; NULL gives -1
  * @return 0; -1 when the daemon cannot be reached or refuses the handshake; -11 while the card is in reset. The
@@ -133,7 +148,7 @@ VXUTILS_API int wwanmd_command(wwanmd_handle *handle, wwanmd_msg *message);
 VXUTILS_API int wwanmd_open(wwanmd_handle *handle);
 
 /**
- * Closes the connection; the handle stays, and the next command connects anew.
+ * Closes the connection; the handle stays, and the next command connects again.
  * @param handle  the connection, open or closed, or NULL
  */
 VXUTILS_API void wwanmd_close(wwanmd_handle *handle);
@@ -163,7 +178,7 @@ VXUTILS_API int wwanmd_recv(wwanmd_handle *handle, wwanmd_msg *message);
  * card one more second.
  *
  * @param card  card number
- * @return 1 in reset, 0 not, -1 for an invalid number; errno is left alone
+ * @return 1 in reset, 0 not, -1 for an invalid number; errno is unchanged
  */
 VXUTILS_API int wwanmd_in_reset(int card);
 
@@ -171,7 +186,7 @@ VXUTILS_API int wwanmd_in_reset(int card);
  * Tells whether a card is suspended. Does not block.
  *
  * @param card  card number
- * @return 1 suspended, 0 not, -1 for an invalid number; errno is left alone
+ * @return 1 suspended, 0 not, -1 for an invalid number; errno is unchanged
  */
 VXUTILS_API int wwanmd_is_suspended(int card);
 
