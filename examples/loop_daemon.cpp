@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 // loop_daemon: a small gateway daemon. A timer for its heartbeat, worker threads that report through the queue, events
-// to the event manager and to whoever subscribes, a lock on the modem that survives its owner. Ends by itself.
+// to the event manager and to all subscribers, a lock on the modem that survives its owner. Ends by itself.
 #include <unistd.h>
 #include <vxutils/csemaphore.h>
 #include <vxutils/eventsource.h>

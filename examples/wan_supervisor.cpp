@@ -3,7 +3,7 @@
 //
 // The loop thread decides; what may block (pings, the modem daemon, the SMS tool) runs in worker threads that hand
 // their results to the loop through a message queue. Configuration comes from the configuration daemon, is read at
-// start and again on SIGHUP: the one wait of the loop thread, of 10 s at the most. What is known stands in the status
+// start and again on SIGHUP: the one wait of the loop thread, of 10 s at the most. What is known is in the status
 // tree under "wan". A change of the link and of the alarm input is told to the event manager and the device log, a lost
 // link also by SMS; a digital output shows whether the link is up. SIGTERM ends it.
 #include <signal.h>

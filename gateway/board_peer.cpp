@@ -293,7 +293,7 @@ void Board::reply(uint64_t unique, int error, const void *data, size_t size) con
 }
 
 void Board::lookup(const fuse_in_header &header, const char *name) {
-    fuse_entry_out entry{};  // nothing is cached: the tree changes behind the kernel's back
+    fuse_entry_out entry{};  // nothing is cached: the tree changes without the kernel's knowledge
     entry.nodeid = childOf(header.nodeid, name);
     if (entry.nodeid == 0) {
         reply(header.unique, ENOENT);

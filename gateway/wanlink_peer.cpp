@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// wanlink: a WAN link with a gateway host one hop away and a target behind it.
+// wanlink: a WAN link with a gateway host one hop away and a target beyond it.
 //
 //   here             namespace wan-gateway                    namespace wan-target
 //   wan0 ==cable== gw0                line0 ==line== line0
@@ -256,7 +256,7 @@ int main(int argc, char **argv) {
     ::sigaction(SIGTERM, &action, nullptr);
     ::sigaction(SIGINT, &action, nullptr);
     int status = 0;
-    removeEverything();  // what one that was killed left behind
+    removeEverything();  // what a killed one has left
     try {
         run(delay);
     } catch (const std::exception &problem) {

@@ -27,7 +27,7 @@ struct Family {
     std::string_view prefix;
     int code;
 };
-// In the modem daemon's order: "mc509" stands behind "mc" and is never reached.
+// In the modem daemon's order: "mc509" is after "mc" and is never reached.
 constexpr Family families[] = {
     {"gtm", 0x10001},  {"mc", 0x20002},     {"em", 0x40004},       {"me", 0x80004},
     {"mu", 0x80004},   {"mc509", 0x100004}, {"mpn", 0x200008},     {"mpl", 0x200008},

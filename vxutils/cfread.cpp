@@ -26,8 +26,8 @@
 #include "vxutils/internal/retry.h"
 #include "vxutils/internal/text_hash.h"
 
-// What stands behind a table's public fields; a table that a caller made gets it with its first entry. Without memory a
-// part of it is missing, and the table works all the same, only slower.
+// The private part of a table. A table that a caller made gets it with its first entry. Without memory a part of it is
+// missing, and the table works more slowly.
 struct cfread_index {
     // The slots by the hash of their keys: an open-addressed table of numbers, not entries.
     struct Cell {
@@ -146,7 +146,7 @@ void putCell(Index &index, uint32_t hash, int slot) {
     *cell = {hash, slot + 1};
 }
 
-// Makes the cells anew, at least twice as many as there are entries; without memory there are none from then on.
+// Replaces the cells by at least twice as many as there are entries. Without memory the table has no cells any more.
 void renewCells(cfread_table &table, Index &index) {
     uint32_t cellCount = firstCells;
     while (cellCount / 2 < static_cast<uint32_t>(std::max(table.count, 0))) cellCount *= 2;
@@ -223,7 +223,8 @@ EntryPtr takeOut(cfread_table &table, int slot) {
     return EntryPtr(inPool(table.index, entry) ? nullptr : entry);
 }
 
-// 64 more slots, all free. The room behind them grows in larger steps, so that many entries cost no more each than few.
+// 64 more slots, all free. The memory grows in larger steps, so that the cost of an entry does not depend on their
+// number.
 bool growSlots(cfread_table &table) {
     const int size = static_cast<int>(static_cast<unsigned int>(table.size) + slotStep);
     if (size <= 0) {
@@ -467,7 +468,7 @@ private:
         }
         vx::MallocText path = pathOf(name);
         if (path == nullptr) return cannotOpen(name);
-        // A few short files that include each other twice would otherwise keep the reader busy for ever.
+        // A few short files that include each other twice would otherwise keep the reader busy without end.
         if (++includes_ > mostIncludes || includedBytes_ > mostIncludedBytes) return cannotOpen(path.get());
         const char *opened = path.get();
         return enter(opened, std::move(path));

@@ -39,7 +39,7 @@ constexpr int otherWaitMode = 2;
 constexpr const char *shell = "/bin/sh";
 constexpr const char *nullDevice = "/dev/null";
 
-constexpr size_t mostWords = 16;  // behind argument 0, the terminating null counted
+constexpr size_t mostWords = 16;  // after argument 0, the terminating null counted
 using Arguments = std::array<char *, mostWords + 1>;
 
 constexpr int handoverProject = 52;
@@ -67,8 +67,8 @@ constexpr PowerAction restart{"/nvstatus/skip-reboot", "skipping reboot", "/usr/
 constexpr PowerAction powerOff{"/nvstatus/skip-poweroff", "skipping poweroff", "/usr/local/sbin/system-poweroff",
                                RB_POWER_OFF};
 
-// Where a detached program's id is handed over. Made exclusively for a key, it is also the token that lets one detached
-// start happen at a time; it is removed when this object goes, or before that by remove().
+// The memory in which a detached program's id is passed on. Made exclusively for a key, it is also the token that lets
+// one detached start happen at a time; it is removed when this object goes, or before that by remove().
 class Handover {
 public:
     Handover() = default;
@@ -94,7 +94,7 @@ public:
     void put(pid_t pid) const noexcept { *record_ = pid; }
     [[nodiscard]] int get() const noexcept { return *record_; }
 
-    // Frees the key; the record itself lives as long as somebody is attached to it.
+    // Frees the key; the record itself lives as long as a process is attached to it.
     void remove() noexcept {
         if (id_ != -1) ::shmctl(std::exchange(id_, -1), IPC_RMID, nullptr);
     }
@@ -155,7 +155,7 @@ void standardStreamsToNull() noexcept {
     if (null > 2) ::close(null);
 }
 
-// Leaves session and parent behind: the process that goes on is the grandchild, where it could be made.
+// Leaves session and parent: the process that goes on is the grandchild, where it could be made.
 void detach(const Handover &handover, const vx::PreparedLog &secondForkFailed) noexcept {
     standardStreamsToNull();
     ::setsid();

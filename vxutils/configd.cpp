@@ -45,7 +45,7 @@ constexpr int neverClosed = 1;             // standard output, whatever a daemon
 constexpr size_t queryKeySize = 255;       // keys made from a format, one byte less than a record holds
 constexpr int changeAnswerSize = CONFIGD_MSG_LEN - 1;
 constexpr int changeAnswerMax = changeAnswerSize - 1;  // what configd_recv() can bring back of it
-constexpr int trailerLength = 2;                       // behind every value: newline and NUL
+constexpr int trailerLength = 2;                       // after every value: newline and NUL
 constexpr std::string_view doneRequest = "Done\n";
 
 using Message = std::array<char, CONFIGD_MSG_LEN>;
@@ -251,7 +251,7 @@ bool waitForAnswer(int fd, Clock::time_point deadline) {
     }
 }
 
-// Receives at most `size` - 1 bytes and puts a NUL after them; -1, and `data` left alone, when no answer came in time.
+// Receives at most `size` - 1 bytes and puts a NUL after them; -1, and `data` unchanged, when no answer came in time.
 int receiveAnswer(int fd, char *data, int size, bool &prompt) {
     const vx::SigpipeScope ignored;
     const auto start = Clock::now();

@@ -147,10 +147,8 @@ const Value *find(const INStringHashTable *table, String const &key) {
 
 bool isBlank(char c) { return static_cast<unsigned char>(c) <= ' '; }
 
-// Removes blanks and control characters, in place; the length of what stays. After each removal the old scan went on at
-// the second character, so the one that follows a removed first one has always stayed, whatever it is; files may rely
-// on it.
-// Quirk Q39.
+// Removes blanks and control characters in place and returns the length of the rest. Quirk Q39: the character after a
+// removed first one stays, whatever it is.
 size_t removeBlanks(char *key, char *end) {
     while (end > key + 2 && isBlank(end[-1])) --end;
     if (vx::allPlain<' ' + 1>(key, static_cast<size_t>(end - key))) {

@@ -65,15 +65,15 @@ int initMutexAttributes(pthread_mutexattr_t &attributes) {
 }
 
 // pthread_mutex_trylock() of the C library leaves a mutex that is lost for good locked when it says ENOTRECOVERABLE:
-// every later lock() of another process would hang instead of being told. Waiting until a time long past does the same
-// job well.
+// every later lock() of another process would hang instead of failing. pthread_mutex_timedlock() with an expired
+// deadline has the same effect without that bug.
 int tryLock(pthread_mutex_t *mutex) {
     constexpr timespec longPast{-1, 0};
     const int result = pthread_mutex_timedlock(mutex, &longPast);
     return result == ETIMEDOUT ? EBUSY : result;
 }
 
-// What a creator that was killed leaves behind: an object that is too short, or zeros where no mutex has any.
+// What a killed creator leaves: an object that is too short, or zeros where no mutex has any.
 bool unfinished(const vx::Fd &fd) {
     std::array<char, sharedSize> content{};
     const ssize_t got = ::pread(fd.get(), content.data(), content.size(), 0);
@@ -83,8 +83,8 @@ bool unfinished(const vx::Fd &fd) {
 }
 
 // The shared object, made where it is missing; `status` receives its status and `create` whether its mutex is still to
-// be made. Whoever can write the object can make its users write anywhere in their memory, and whoever can shorten it
-// can end them: a stranger's object is refused. O_NONBLOCK keeps a stranger's lease from delaying the call.
+// be made. A process that can write the object can make its users write anywhere in their memory, and one that can
+// shorten it can end them: a stranger's object is refused. O_NONBLOCK keeps a stranger's lease from delaying the call.
 vx::Fd openShared(const std::string &name, struct stat &status, bool &create) {
     vx::Fd fd(::shm_open(name.c_str(), O_RDWR | O_NONBLOCK, 0));
     create = !fd.valid() && errno == ENOENT;
@@ -111,9 +111,9 @@ bool resizeShared(const vx::Fd &fd, const std::string &name) {
     return false;
 }
 
-// The mutex, which holds no address before it is locked, is made aside and written in one call: whoever is killed
-// meanwhile leaves zeros or a whole mutex, and where memory for the object is short the write says so, while touching
-// the mapping would be fatal.
+// The mutex, which holds no address before it is locked, is made aside and written in one call: a process that is
+// killed meanwhile leaves zeros or a whole mutex, and where memory for the object is short the write says so, while
+// touching the mapping would be fatal.
 int writeMutex(const vx::Fd &fd, const std::string &name) {
     pthread_mutexattr_t attributes;
     if (initMutexAttributes(attributes) == -1) return -1;
@@ -273,7 +273,7 @@ int CRecursiveSemaphore::makeConsistent() {
     return impl_->mutex_ == nullptr ? -1 : pthread_mutex_consistent(impl_->mutex_);
 }
 
-// EOWNERDEAD is handed through in either mode: the caller has the lock, and may want to look at what it protects.
+// EOWNERDEAD is returned in either mode: the caller has the lock, and may want to look at what it protects.
 int CRecursiveSemaphore::ownerDied() {
     if (impl_->options_.GetConsistentMode() == CSemaphoreOptions::eConsistentAutomatic) {
         const int error = pthread_mutex_consistent(impl_->mutex_);
@@ -284,6 +284,6 @@ int CRecursiveSemaphore::ownerDied() {
     return EOWNERDEAD;
 }
 
-// The C library wakes one waiter when a lock is lost, and that one does not wake the next: all others would sleep for
-// ever. Whoever learns of the loss wakes them all; each learns of it in turn.
+// The C library wakes one waiter when a lock is lost, and that one does not wake the next: all others would sleep
+// without end. The thread that sees the loss wakes them all, and each of them sees it in turn.
 void CRecursiveSemaphore::lockLost() { vx::wakeWaiters(impl_->mutex_); }

@@ -15,7 +15,7 @@ constexpr const char *initSymbol = "dynamic_module_init";
 constexpr const char *doneSymbol = "dynamic_module_done";
 constexpr const char *factorySymbol = "getClassFactory";
 
-// What a plug-in throws while it shuts down has nobody to go to: its owner is being destroyed.
+// What a plug-in throws while it shuts down cannot be reported: its owner is being destroyed.
 void callQuietly(void (*function)()) {
     try {
         function();

@@ -26,7 +26,7 @@ constexpr size_t shortcutLimit = 4096;
 constexpr size_t shortcutStep = 64;
 
 // A descriptor's number is all that an event carries: that, and not a pointer, can be checked after a callback has
-// removed whatever stood behind it.
+// removed the object that it belongs to.
 epoll_event eventFor(int fd, uint32_t events) {
     epoll_event event{};
     event.events = events;
@@ -180,7 +180,7 @@ void CEPollEventsource::addTimer(ITimeoutEventsink *sink) {
                 std::strerror(errno));
         return;
     }
-    // Somebody has closed a timer's descriptor behind our back.
+    // The program has closed a timer's descriptor that it does not own.
     if (const auto stale = timers_.find(fd.get()); stale != timers_.end()) {
         vx::log(DL_ERR, "sink 0x%p - timerfd %i is already in the map !?", static_cast<void *>(sink), fd.get());
         forgetTimer(stale);
@@ -198,7 +198,7 @@ void CEPollEventsource::addTimer(ITimeoutEventsink *sink) {
                 static_cast<void *>(sink));
     }
     rememberTimer(fd.get(), sink);
-    (void)fd.release();  // owned by its entry from here on
+    (void)fd.release();  // owned by its entry now
 }
 
 void CEPollEventsource::removeTimer(ITimeoutEventsink *sink) {
@@ -322,9 +322,9 @@ int CEPollEventsource::onCommand() {
     return 1;
 }
 
-// An event of a descriptor that nobody registered. It may come from a file that was registered under this number,
-// closed and kept open by somebody's duplicate; then the number may be somebody else's by now. Only what the epoll set
-// knows by this very number is ours to close.
+// An event of a descriptor that is not registered. It may come from a file that was registered under this number,
+// closed, and kept open by a duplicate; then the number may belong to another file by now. Only what the epoll set
+// knows by this number is closed.
 // Quirk Q63.
 void CEPollEventsource::onUnknownDescriptor(int fd) {
     vx::log(DL_ERR, "Unable to find corresponding event-sink for active file descriptor %i - terminating!", fd);

@@ -131,7 +131,7 @@ int replaceThrough(Fd temporaryFd, const char *temporary, const char *path, cons
 // grants, so that the daemons, which are root, are spared the second walk of the path.
 bool isReadable(const char *name) { return ::getuid() == 0 || ::access(name, R_OK) == 0; }
 
-// Collects the bytes of a file as line-wise reading into one buffer does: a piece ends behind its newline or where the
+// Collects the bytes of a file as line-wise reading into one buffer does: a piece ends after its newline or where the
 // buffer ends, and what follows a NUL byte within a piece is lost, its newline included.
 class LineCollector {
 public:
@@ -193,7 +193,7 @@ char *readText(const char *name, char *buf, size_t size) {
     if (!fd.valid()) return buf;
     LineCollector text(buf, size);
     char chunk[chunkSize];
-    // A sparse file of NUL bytes never fills the buffer; it must not keep the reader busy for ever.
+    // A sparse file of NUL bytes never fills the buffer; it must not keep the reader busy without end.
     const uintmax_t most = mostHidden + size;
     for (uintmax_t done = 0; !text.full() && done < most;) {
         const ssize_t got = vx::retryEintr([&] { return ::read(fd.get(), chunk, sizeof chunk); });

@@ -11,7 +11,7 @@
 #include "vxutils/internal/hashtable_filler.h"
 #include "vxutils/internal/text_hash.h"
 
-// The key's text stands behind the entry, in the same block: one allocation and one cache line to an entry.
+// The key's text follows the entry in the same block: one allocation and one cache line to an entry.
 struct INStringHashTable::Entry {
     Entry *next;
     void *value;
@@ -186,7 +186,7 @@ unsigned long longestChain(Entry *const *buckets, unsigned int count) {
 
 }  // namespace
 
-// What is compiled into callers stands in the library as well.
+// What is compiled into callers is exported by the library too.
 [[gnu::used]] static constexpr auto emitted = &INUInt32HashTable::getValueFromKey;
 
 // Quirk Q11.

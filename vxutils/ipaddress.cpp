@@ -41,7 +41,7 @@ bool isContiguous(uint32_t mask) { return (~mask & (~mask + 1)) == 0; }
 
 bool isDigit(char c) { return c >= '0' && c <= '9'; }
 
-// Reads a text from left to right.  It relies on the NUL behind the text, which is neither digit nor separator.
+// Reads a text from left to right.  It relies on the NUL after the text, which is neither digit nor separator.
 class Reader {
 public:
     explicit Reader(const String &text) : begin_(text.c_str()), at_(begin_), end_(begin_ + text.length()) {}
@@ -56,7 +56,7 @@ public:
         return true;
     }
 
-    // A number of at most so many digits and below a limit; "0" is complete by itself.
+    // A number of at most `mostDigits` digits, below `limit`; "0" is complete by itself.
     bool number(long mostDigits, uint32_t limit, uint32_t &value) {
         if (*at_ == '0') {
             ++at_;

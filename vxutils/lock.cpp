@@ -35,8 +35,8 @@ int flockThroughSignals(const Fd &fd, int operation) {
     return vx::retryEintr([&] { return ::flock(fd.get(), operation); });
 }
 
-// The directory may be open to all, so the file may be a stranger's, a link or a FIFO. Whoever can open it for reading
-// can hold its lock for ever: a file that a script made readable is closed to others.
+// The directory may be open to all, so the file may be a stranger's, a link or a FIFO. A process that can open it
+// for reading can hold its lock without end: a file that a script made readable is closed to others.
 Fd openFirewallLock() {
     struct stat status;
     Fd fd = vx::openTrusted(firewallLockPath, O_RDONLY | O_CREAT, firewallLockMode, status);

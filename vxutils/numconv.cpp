@@ -56,7 +56,7 @@ char *printUnsigned(uint32_t value, char *buf, int base) {
     return nullptr;
 }
 
-// Writes a signed number: a minus sign in base 10, elsewhere the bits as they stand.
+// Writes a signed number: a minus sign in base 10, in other bases the bits unchanged.
 template <typename Value>
 char *printSigned(Value value, char *buf, int base) {
     using Bits = std::make_unsigned_t<Value>;
@@ -90,7 +90,7 @@ uint32_t readHexDigits(Bytes at, Bytes end) {
     return value;
 }
 
-// Reads digits and the marker behind them.
+// Reads digits and the marker after them.
 uint32_t readMarked(Bytes at, Bytes end) {
     if (at == end || end[-1] < 'a') return readDigits<10>(at, end);
     --end;

@@ -102,7 +102,7 @@ ProcessEntry *deleteInvalid(ProcessEntry *head, int &count) {
 }
 
 // Finds entries while their list is being updated. List and directory run in the same order but for what came and went,
-// so the entry behind the one found last is nearly always the next one asked for; an index serves the others.
+// so the entry after the one found last is nearly always the next one asked for; an index serves the others.
 class Lookup {
 public:
     explicit Lookup(ProcessEntry *head) : head_(head), expected_(head) {}

@@ -59,7 +59,7 @@ struct Limits {
 };
 constexpr useconds_t pollPause_us = 2000;
 
-// Whoever makes the set may remove it at any time. A stranger's is removed where this process may do that.
+// The maker of the set may remove it at any time. A stranger's is removed where this process may do that.
 bool removeStrangers(int id) {
     semid_ds status{};
     return ::semctl(id, 0, IPC_STAT, &status) == 0 && !vx::isTrustedUser(status.sem_perm.cuid) &&
@@ -129,9 +129,9 @@ bool isOpenToStrangers(const struct stat &status) {
 }
 
 // The temporary file, empty and locked until it is closed. The semaphore may let two writers pass; this lock makes them
-// wait for each other. Whoever waited for a file that has lost its name to a rename, takes the one that has
-// the name now. Strangers cannot open the file before it is the log, so whoever holds the lock is a writer; only one
-// that an ordinary user made, or a program with another mode, is replaced when its lock is held for long.
+// wait for each other. A writer that waited for a file that has lost its name to a rename takes the one that
+// has the name now. Strangers cannot open the file before it is the log, so the holder of the lock is a writer; only
+// one that an ordinary user made, or a program with another mode, is replaced when its lock is held for long.
 Fd openEmptiedTemporary(const Limits &limits) {
     for (;;) {
         struct stat status;

@@ -149,7 +149,7 @@ void fill(storage_entry &entry, const std::string &device, const std::string &pa
 
 uint32_t sortKey(const storage_entry &entry) { return entry.type * 65536 + (entry.index & 0xffff); }
 
-// Behind all entries of the same or a smaller key; looked for from the end, so that equal ones cost nothing.
+// After all entries of the same or a smaller key; looked for from the end, so that equal ones cost nothing.
 void insertSorted(storage_list &list, storage_entry *entry) {
     list_link *at = list.entries.prev;
     while (at != &list.entries && sortKey(*entryOf(at)) > sortKey(*entry)) at = at->prev;

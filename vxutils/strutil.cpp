@@ -111,7 +111,7 @@ char *stripchars(char *s, const char *set) {
     char *const end = kept + std::strlen(kept);
     char *cut = end;
     while (cut != kept && inSet(cut[-1], set)) --cut;
-    if (cut != end) *cut = '\0';  // a text without a trailing run may stand in read-only memory
+    if (cut != end) *cut = '\0';  // a text without a trailing run may be in read-only memory
     return kept;
 }
 

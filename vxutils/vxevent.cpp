@@ -149,7 +149,7 @@ int dispatch_legacy_event(void *socket, const vxevent_record *record) {
 
     zmq_msg_t message;
     if (zmq.zmq_msg_init_data(&message, copy.get(), sizeof *record, freeRecord, nullptr) != 0) return -1;
-    (void)copy.release();  // the message's from here on, freed by whoever is done with it last
+    (void)copy.release();  // owned by the message now, which frees it after its last use
     if (zmq.zmq_msg_send(&message, socket, 0) == static_cast<int>(sizeof *record)) return 0;
     const vx::ErrnoKeeper keeper;
     zmq.zmq_msg_close(&message);

@@ -47,7 +47,7 @@ static_assert(capacityFor(128) == 191 && capacityFor(192) == 255 && capacityFor(
 
 constexpr size_t blockSize(int32_t capacity) { return headerSize + static_cast<size_t>(capacity) + 1; }
 
-// A text that cannot be had ends the process here rather than somewhere behind a null pointer.
+// A text that cannot be had ends the process here instead of later, at a null pointer.
 void require(bool possible) {
     if (!possible) std::abort();
 }
@@ -225,7 +225,7 @@ Word everyByte(char c) { return static_cast<unsigned char>(c) * oneInEveryByte; 
 // The high bit of every byte that is 0; a byte above such a one may have it for nothing.
 Word zeroByte(Word word) { return (word - oneInEveryByte) & ~word & 0x80 * oneInEveryByte; }
 
-// First position in from..last where `s` stands, case ignored.  Its first two bytes are looked for at the places of a
+// First position in from..last where `s` is, case ignored.  Its first two bytes are looked for at the places of a
 // whole word at once: one place after the other (FindIgnoreCase_1k) takes 5 times the instructions on a board.
 long searchIgnoringCase(const String &text, const String &s, long from, long last) {
     constexpr long bytePlaces = sizeof(Word);
@@ -250,7 +250,7 @@ long searchIgnoringCase(const String &text, const String &s, long from, long las
     return -1;
 }
 
-// The last position at or before `start` where `s` stands; a negative start is handed back as it is.
+// The last position at or before `start` where `s` is; a negative start is returned unchanged.
 long searchBackwards(const String &text, const String &s, long start) {
     if (start < 0 || s.length() == 0) return start;
     const char first = s.c_str()[0];
@@ -682,7 +682,7 @@ String &String::internalInsert(long pos, const char *bytes, long count) {
     if (inside < 0) {
         std::memcpy(gap, bytes, n);
     } else {
-        // The inserted bytes are the string's own: those behind the gap have just moved by its width.
+        // The inserted bytes are the string's own: those after the gap have just moved by its width.
         const size_t before = inside < pos ? std::min(n, static_cast<size_t>(pos - inside)) : 0;
         std::memcpy(gap, buffer_->text + inside, before);
         std::memcpy(gap + before, buffer_->text + inside + before + n, n - before);

@@ -51,8 +51,7 @@ inline char *fill(char *to, char with, size_t count) {
     return to + count;
 }
 
-// The window through which the text is seen: so many characters are left out, then so many fit. Once it is full nothing
-// counts any more.
+// Output sink that drops the first `skip` characters, keeps the next `room`, and ignores the rest.
 class Window {
 public:
     Window(char *buffer, size_t skip, size_t room)
@@ -66,7 +65,7 @@ public:
     size_t stored() const { return static_cast<size_t>(at_ - buffer_); }
     size_t produced() const { return skip_ - toSkip_ + stored(); }
 
-    // Characters from here on that could still make a difference.
+    // Number of further characters that could still change the result.
     size_t reach() const {
         if (toSkip_ == 0) return left_;
         return room_ > SIZE_MAX - toSkip_ ? SIZE_MAX : room_ + toSkip_;
@@ -79,8 +78,8 @@ public:
         return std::exchange(at_, at_ + count);
     }
 
-    // Accounts for `count` characters of which none is stored (all left out, or behind a full window); false when they
-    // have to be produced.
+    // Accounts for `count` characters of which none is stored (all dropped, or after the last that fits); false when
+    // they have to be produced.
     bool pass(size_t count) {
         if (toSkip_ == 0) return left_ == 0;
         if (count > toSkip_) return false;
@@ -145,7 +144,7 @@ private:
     const size_t skip_;
 };
 
-// What measuring takes in a window's stead: all characters pass, up to the largest count.
+// Sink that only counts, up to the largest count.
 class Counter {
 public:
     size_t stored() const { return count_; }
@@ -186,7 +185,7 @@ enum Flag : unsigned int {
 };
 constexpr unsigned int allFlags = spaceSign | alternateForm | forceSign | leftJustify | zeroPad;
 
-// What stands between the percent sign and the conversion character. Like Number, it is small enough to be passed in
+// What is between the percent sign and the conversion character. Like Number, it is small enough to be passed in
 // two registers of a 64-bit machine.
 struct Field {
     unsigned int flags = 0;
@@ -199,7 +198,7 @@ struct Field {
 
 enum class Base : unsigned int { decimal, octal, lowerHex, upperHex };
 
-// What stands before the digits: up to two characters, the first in the low byte.
+// The text before the digits: up to two characters, the first in the low byte.
 enum class Prefix : unsigned int {
     none = 0,
     minus = '-',
@@ -224,7 +223,7 @@ inline size_t countDigits(Number number) {
     return vx::countPowerOfTwoDigits(number.value, number.base == Base::octal ? 3 : 4);
 }
 
-// Writes so many digits, zeros in front of the number's own.
+// Writes `count` digits: the number's own after leading zeros.
 template <bool decimal>
 inline void writeDigits(char *to, size_t count, Number number) {
     if constexpr (decimal) {
@@ -250,7 +249,7 @@ inline char *putPrefix(char *to, Prefix prefix) {
 // The parts of an integer field.
 struct Layout {
     size_t digits;  // zeros in front of them included
-    size_t spaces;  // before or behind all
+    size_t spaces;  // before or after everything else
 };
 
 inline Layout arrange(Field field, size_t prefixLength, size_t digits) {
@@ -454,7 +453,7 @@ inline void convert(Out &out, Field field, char conversion, Arguments &args) {
     }
 }
 
-// What stands before the next conversion: between two there is often one character, or none.
+// The text before the next conversion: between two there is often one character, or none.
 template <typename Out>
 inline const char *putLiteral(Out &out, const char *at) {
     if (*at == '%' || *at == '\0') return at;

@@ -31,7 +31,7 @@ using Clock = std::chrono::steady_clock;
 
 constexpr int endingSignals[] = {SIGINT, SIGTERM, SIGHUP};
 
-// The handle's socket file, which a signal must not leave behind.
+// The handle's socket file, which must not be left by a signal.
 char clientSocket[sizeof(configd_handle::client_path)];
 
 void removeSocketAndEnd(int signal) {

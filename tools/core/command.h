@@ -27,7 +27,7 @@ std::vector<std::string> programWords(const Arguments &given);  // ":program"
 struct Option {
     char letter;        // 0 when there is no short form
     const char *name;   // of the long form
-    const char *value;  // what stands for its value in the usage line; null for a switch
+    const char *value;  // placeholder of its value in the usage line; null for a switch
     const char *help;
     Words words = nullptr;
 };

@@ -98,7 +98,7 @@ void appendUnicodeEscape(std::string &out, uint32_t unit) {
     out += text.data();
 }
 
-// JSON text lets the upper control characters stand, and all of UTF-8, which not every terminal is made for.
+// JSON text leaves the upper control characters unchanged, and all of UTF-8, which not every terminal is made for.
 std::string forTerminals(std::string_view json) {
     const bool asciiOnly = onTerminal() && !localeIsUtf8();
     std::string out;

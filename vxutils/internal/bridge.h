@@ -6,7 +6,7 @@
 
 namespace vx {
 
-// The table's fields stand between tabs; empty ones only align the columns.
+// Tabs separate the table's fields; empty ones only align the columns.
 class TabFields {
 public:
     explicit TabFields(std::string_view line) noexcept : rest_(line) {}

@@ -60,7 +60,7 @@ constexpr size_t countPowerOfTwoDigits(Value value, unsigned int bits) {
 
 // The writers fill `count` characters, which the digits of the value must not exceed, and put zeros before the digits.
 
-// Writes what stands before all later pairs: one digit of the pair where there is no room for two, else zeros and both.
+// Writes what comes before all later pairs: one digit of the pair where there is no room for two, else zeros and both.
 inline void writeFirstPair(char *to, size_t count, const char *pair) {
     if (count == 1) {
         *to = pair[1];

@@ -19,12 +19,12 @@ inline constexpr int mostLinks = 40;
 // Whether a file belongs to root or to the user this process acts for.
 bool isOurs(const struct stat &file) noexcept;
 
-// Whether a stranger may have put `entry` into `directory`: everybody may write there, and the entry belongs neither to
-// root, nor to this process's user, nor to the directory's owner. The kernel's protected_symlinks applies the same rule
-// to links in sticky directories.
+// Whether a stranger may have put `entry` into `directory`: every user may write there, and the entry belongs neither
+// to root, nor to this process's user, nor to the directory's owner. The kernel's protected_symlinks applies the same
+// rule to links in sticky directories.
 bool mayBeForeign(const struct stat &directory, const struct stat &entry) noexcept;
 
-// Whether a directory is ours and not open to everybody. Its group, if it may write, counts as trusted by its owner.
+// Whether a directory is ours and not open to every user. Its group, if it may write, counts as trusted by its owner.
 bool isClosed(const struct stat &directory) noexcept;
 
 // Whether root or this process's user has put `entry` into `directory`: the entry is ours, or the directory is closed.

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Owners for what the C library hands out.
+// Owners for what the C library returns.
 #pragma once
 
 #include <dirent.h>

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
-// Fills a table of texts whose entries stand in memory of the filler's own, for tables that are filled once and go as a
-// whole. Its keys are found through find() alone: their buckets follow textHash(), which whoever writes the keys cannot
+// Fills a table of texts whose entries are in memory of the filler's own, for tables that are filled once and go as a
+// whole. Its keys are found through find() alone: their buckets follow textHash(), which the author of the keys cannot
 // foresee, instead of the tables' own hash.
 #pragma once
 
@@ -12,7 +12,7 @@
 namespace vx {
 
 struct TextTableFiller {
-    // Where a key stands or would stand.
+    // Where a key is or would be.
     struct Place {
         INStringHashTable::Entry **link;
         uint32_t hash;

@@ -32,7 +32,7 @@ constexpr size_t simpleSize = ipHeader + icmpHeader;                    // 28
 
 constexpr uint16_t dontFragment = 0x4000;
 
-// How an identifier and a sequence number lie in a message: as on any network, or as they stand in this machine's
+// How an identifier and a sequence number lie in a message: as on any network, or as they are in this machine's
 // memory (the IP-level echo does that, on both its ways).
 enum class Order { network, memory };
 
@@ -190,7 +190,7 @@ struct Message {
     Numbers numbers;
 };
 
-// ICMP message behind an IP header of the length that the header states; nothing when it does not lie within `packet`.
+// ICMP message after an IP header of the length that the header states; nothing when it does not lie within `packet`.
 inline std::optional<Message> messageBehindHeader(Bytes packet) noexcept {
     if (packet.empty()) return std::nullopt;
     const size_t offset = ipHeaderLength(packet[0]);

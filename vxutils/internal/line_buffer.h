@@ -17,7 +17,7 @@ namespace vx {
 class LineBuffer {
 public:
     // The next line with its line feed, or as many bytes of it as `most`; empty at the end of the file and after a read
-    // error. Valid, and to be changed at will, until the next call; the byte behind it may be changed and restored.
+    // error. Valid, and to be changed at will, until the next call; the byte after it may be changed and restored.
     std::span<char> next(int fd, size_t most) {
         for (size_t seen = 0;;) {
             const size_t there = std::min(end_ - begin_, most);
@@ -40,10 +40,10 @@ public:
     // Whether a read error ended the lines.
     bool failed() const { return failed_; }
 
-    // What has been read from the file and not yet been handed out.
+    // What has been read from the file and not yet been returned.
     std::span<const char> unread() const { return {bytes_.data() + begin_, end_ - begin_}; }
 
-    // Goes on with these bytes, at most what unread() gave, and the file behind them.
+    // Goes on with these bytes, at most what unread() gave, and the file after them.
     void restart(std::span<const char> bytes) {
         std::copy(bytes.begin(), bytes.end(), bytes_.begin());
         begin_ = 0;

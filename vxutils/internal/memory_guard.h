@@ -6,7 +6,7 @@
 
 namespace vx {
 
-// Runs a function that may run out of memory behind a C interface: -1 with ENOMEM then.
+// Runs a function that may run out of memory for a C interface: -1 with ENOMEM then.
 template <typename Function>
 int memoryGuarded(Function function) noexcept {
     try {

@@ -2,7 +2,7 @@
 // Shared mutexes in this process's memory: each shared object is mapped once, however many locks use it.
 //
 // A thread keeps the robust mutexes that it holds in a list of addresses. Taken through one mapping and given back
-// through another, a mutex is not found in that list, and on 32-bit machines the C library then searches for ever.
+// through another, a mutex is not found in that list, and on 32-bit machines the C library then searches without end.
 #pragma once
 
 #include <pthread.h>

@@ -35,7 +35,7 @@ struct Answer {
     enum class State {
         found,      // header and payload below are the answer
         none,       // only messages for others
-        cut,        // the same, and bytes behind them that form no whole header
+        cut,        // the same, and bytes after them that form no whole header
         malformed,  // a message claims a length that is impossible
     };
     State state;
@@ -59,7 +59,7 @@ inline Answer findAnswer(Bytes datagram, uint32_t senderPort, uint32_t ourPort, 
 // The error field of an NLMSG_ERROR message; nothing when the message is too short to hold one.
 inline std::optional<int32_t> errorField(Bytes payload) noexcept { return peek<int32_t>(payload); }
 
-// Output interface of a route message's attributes (those behind its rtmsg); nothing when it names none.
+// Output interface of a route message's attributes (those after its rtmsg); nothing when it names none.
 inline std::optional<uint32_t> outputInterface(Bytes attributes) noexcept {
     constexpr size_t knownTypes = 31;
     std::array<Bytes, knownTypes> first{};

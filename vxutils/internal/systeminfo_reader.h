@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// The reader behind systeminfo_init(), for any file.
+// What systeminfo_init() does, for any file.
 #pragma once
 
 #include <vxutils/systeminfo.h>

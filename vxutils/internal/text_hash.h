@@ -15,7 +15,7 @@
 
 namespace vx {
 
-// The process's secret: whoever writes keys cannot choose them so that they collide.
+// The process's secret: an author of keys cannot choose them so that they collide.
 struct TextHashSecret {
     static constexpr size_t blocks = 31;
 
