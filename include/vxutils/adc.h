@@ -24,7 +24,7 @@
  *
  * **Limits.** A converter's text has at most 127 characters. Hardware monitors are looked for as hwmon0 to hwmon9.
  *
- * **Privileges.** Read access to the driver's files below /sys, which every user has on the boards.
+ * **Privileges.** Read access to the driver's files below /sys.
  *
  * **Compatibility.** None.
  */

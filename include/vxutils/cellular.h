@@ -19,7 +19,7 @@
  *
  * **Errors.** Results that say "unknown": -1, 0, an empty text. Nothing is logged.
  *
- * **Limits.** A provider's name is cut to 63 characters. Lines of the tool are read in pieces of 1023 characters.
+ * **Limits.** A provider's name is cut to 63 characters. Lines of the tool end after 1024 characters at the latest.
  *
  * **Privileges.** pdb_find_provider() needs /bin/sh and the provider data base's tool /usr/bin/pdb, executable for the
  * caller.

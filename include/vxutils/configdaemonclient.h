@@ -19,8 +19,7 @@
  *
  * **Blocking.** Each call is one exchange with the daemon and waits up to 10 s for sending and 10 s for the answer.
  *
- * **Errors.** Results, and messages in the system log by configd.h. Nothing is thrown except std::bad_alloc from the
- * constructor.
+ * **Errors.** Results, and messages in the system log by configd.h. Nothing is thrown.
  *
  * **Limits.** Keys have at most 255 characters, values 1023; longer ones are not sent. What is written takes effect
  * with the next commit of any client (configd_done()).

@@ -42,15 +42,15 @@
  * **Limits.** A name is "/" and up to 255 further characters. The kernel's limit on System V semaphores holds for
  * CSemaphore (32000 sets on Linux).
  *
- * **Privileges.** A lock serves the processes of one user: both kinds are made with mode 0600. Other users get EACCES;
- * root may use every lock. What an ordinary user other than the effective one has made under a lock's name is not used:
- * a semaphore is removed and made again where this process may do that (root may) and makes init() fail otherwise; a
- * shared-memory object leaves the lock unusable. So does an object that its group or others may write: a
- * process that can write a mutex can make its users write anywhere in their memory. A CRecursiveSemaphore needs
- * /dev/shm and the file
- * /usr/lib/libvxutils.so.1.0.0, whatever the prefix that the library is installed in. Any file of this name that the
- * user can look up will do, and all users of a lock must see the same one. Without it the constructor writes to the
- * system log, and every call on the object returns -1 at once.
+ * **Privileges.** A lock serves the processes of one user: both kinds are made with mode 0600. Other users cannot open
+ * it (EACCES in the log), and root does not use the locks of ordinary users. What an ordinary user other than the
+ * effective one has made under a lock's name is not used: a semaphore is removed and made again where this process may
+ * do that (root may) and makes init() fail otherwise; a shared-memory object leaves the lock unusable. So does an
+ * object that its group or others may write: a process that can write a mutex can make its users write anywhere in
+ * their memory. A CRecursiveSemaphore needs /dev/shm and the file /usr/lib/libvxutils.so.1.0.0, whatever the prefix
+ * that the library is installed in. Any file of this name that the user can look up will do, and all users of a lock
+ * must see the same one. Without it the constructor writes to the system log, and every call on the object returns -1
+ * at once.
  *
  * **Compatibility.** Behaviour kept on purpose (docs/compatibility.md): Q55 named locks depend on one file name; Q57
  * two failures share one message; Q58 destructors do not unlock.

@@ -27,8 +27,8 @@
  * LOG_WARNING) and give DIO_RANGE.
  *
  * **Privileges.** Read access to the driver's files, and write access to "value" of an output and "frequency" of an
- * input; on the boards, root and the driver's group have it. A line's directory that the caller may not read and search
- * does not count.
+ * input; how the driver sets their modes is the firmware's choice. A line's directory that the caller may not read and
+ * search does not count.
  *
  * **Compatibility.** Behaviour kept on purpose (docs/compatibility.md): Q85 a probe is logged as an error; Q86 an
  * unreadable tree keeps the last count.

@@ -28,8 +28,8 @@
  * **Ownership.** The table owns its entries and key copies, never the values.
  *
  * **Threads, signals, fork.** A table is used by one thread at a time; several threads may read one that none changes.
- * (The class ConfigReader in configreader.h has its own table, which it protects.) Not for signal handlers. A forked
- * child has a copy of its own.
+ * (ConfigReader in configreader.h may be asked by several threads because it gives each of them Strings of its own.)
+ * Not for signal handlers. A forked child has a copy of its own.
  *
  * **Blocking.** Never.
  *

@@ -18,8 +18,8 @@
  *
  * **Ownership.** A plain value. Nothing is allocated except in the Strings that are passed in.
  *
- * **Threads, signals, fork.** An object may be read from several threads as long as none changes it. Functions without
- * String arguments are async-signal-safe.
+ * **Threads, signals, fork.** An object may be read from several threads as long as none changes it. Not for signal
+ * handlers.
  *
  * **Blocking.** Never.
  *

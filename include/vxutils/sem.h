@@ -30,8 +30,8 @@
  *
  * **Limits.** A name is "/" and up to 255 further characters, none of them "/".
  *
- * **Privileges.** A lock serves the processes of one user: it is made with mode 0600, and only its owner and root may
- * use it. What another ordinary user has made under the name is not used (see csemaphore.h). A lock needs /dev/shm and
+ * **Privileges.** A lock serves the processes of one user: it is made with mode 0600, and only its owner may use it.
+ * What another ordinary user has made under the name is not used (see csemaphore.h). A lock needs /dev/shm and
  * the file /usr/lib/libvxutils.so.1.0.0, whatever the prefix that the library is installed in. Without it sem_create()
  * writes to the system log and returns a handle on which everything returns -1 at once.
  *
