@@ -115,14 +115,14 @@ TEST(VxIo, WatchSaysHowItLooksAndPrintsEachChange) {
     Process watch(vxCommand({"io", "watch", "--interval", "10"}));
     EXPECT_THAT(watch.readLine(),
                 MatchesRegex("vx: io watch: the driver tells of no changes: 2 lines are read every 10 ms, "
-                             "which takes [0-9.]* ms \\([0-9.]* % of a processor\\); .*"));
+                             "which takes [0-9.]* ms of processor time \\([0-9.]* %\\); .*"));
     EXPECT_EQ(watch.readLine(), "din1=0");
     EXPECT_EQ(watch.readLine(), "din2=0");
     board.tell("in 2 1");
     EXPECT_EQ(watch.readLine(), "din2=1");
     board.tell("in 2 0");
     EXPECT_EQ(watch.readLine(), "din2=0");
-    watch.signal(SIGINT);
+    watch.signal(SIGTERM);
     EXPECT_EQ(watch.wait(), 0);
 }
 
@@ -135,6 +135,8 @@ TEST(VxIo, WatchPrintsJsonLines) {
     EXPECT_EQ(vx({"io", "set", "1=1"}).status, 0);
     EXPECT_EQ(watch.readLine(), R"({"line":"dout1","value":1})");
     EXPECT_EQ(watch.wait(), 0);
+    EXPECT_EQ(vx({"-q", "io", "watch", "--for", "0.05"}).out, "0\n");
+    EXPECT_THAT(vx({"io", "watch", "1", "--for=0"}).err, HasSubstr(": 1 line is read every 100 ms"));
 }
 
 TEST(VxIo, WatchEndsWithAFailureWhenTheLineGoes) {

@@ -121,8 +121,11 @@ TEST_F(VxEvent, ListenPrintsJsonLinesUntilItIsEnded) {
     const std::string line = listener.readLine();
     EXPECT_EQ(line, R"({"id":1,"param":2,"text":{"escaped":"caf\\0351\n"}})");
     EXPECT_EQ(vxtest::schemaErrors("event-listen", line + "\n"), "");
-    listener.signal(SIGINT);
+    listener.signal(SIGTERM);
     EXPECT_EQ(listener.wait(), 0);
+    const auto result = vx({"event", "listen", "--for", "0.05"});
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.out + result.err, "");
 }
 
 TEST_F(VxEvent, ListenTakesABurstWhole) {

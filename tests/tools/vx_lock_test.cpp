@@ -233,8 +233,11 @@ TEST_F(VxProc, WatchTellsOfStartsAndEnds) {
     one.signal(SIGKILL);
     one.wait();
     EXPECT_EQ(watch.readLine(), "ended " + rest);
-    watch.signal(SIGINT);
+    watch.signal(SIGTERM);
     EXPECT_EQ(watch.wait(), 0);
+    const auto result = vx({"proc", "watch", "/no-such-program", "--for", "0.05"});
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.out + result.err, "");
     Process two({sleeper(), "66"});
     vxtest::eventually([] { return vx({"proc", "count", sleeper()}).out == "1\n"; });
     const std::string line = vx({"-j", "proc", "watch", "--count", "1", sleeper()}).out;

@@ -85,6 +85,20 @@ TEST_F(VxModem, AMissingDaemonIsNamed) {
               "vx: modem signal: card 0: no modem daemon at /var/run/wwanmd0/server: No such file or directory\n");
 }
 
+TEST_F(VxModem, ADaemonThatDiedIsNamed) {
+    { const Modem modem(0); }
+    ASSERT_TRUE(vxtest::exists("/var/run/wwanmd0/server")) << "its socket stays";
+    EXPECT_EQ(vx({"modem", "signal"}).err,
+              "vx: modem signal: card 0: no modem daemon at /var/run/wwanmd0/server: Connection refused\n");
+}
+
+TEST_F(VxModem, AUserWithoutRightsIsTold) {
+    if (!vxtest::hasOtherUsers()) GTEST_SKIP() << "a box made by an ordinary user has no other";
+    const Modem modem(0);
+    EXPECT_EQ(vx({"modem", "signal"}, {.user = 65534}).err,
+              "vx: modem signal: /var/run/wwanmd0/server: Permission denied\n");
+}
+
 TEST_F(VxModem, StateIsPrintedWhateverItIs) {
     EXPECT_EQ(vx({"modem", "state"}).out, "card=0\ndaemon=0\nreset=0\nsuspended=0\n");
     Modem modem(0);

@@ -90,6 +90,9 @@ TEST_P(VxPower, WrongUsage) {
         all.insert(all.end(), words.begin(), words.end());
         EXPECT_EQ(vx(all).status, 2);
     }
+    EXPECT_THAT(vx({name, "--veto", "--status"}).err,
+                HasSubstr(name + ": --veto, --unveto and --status exclude each other\n"));
+    EXPECT_THAT(vx({name, "--veto", "1"}).err, HasSubstr("A, B and --force are for the action itself"));
 }
 
 INSTANTIATE_TEST_SUITE_P(Both, VxPower, testing::Values("reboot", "poweroff"));

@@ -89,8 +89,11 @@ TEST_F(VxSms, WatchPrintsEachMessageOnce) {
     writeFile("/var/spool/sms/new2", "From: +1\n\ntwo");
     fs::rename("/var/spool/sms/new2", spool + "/new2");
     EXPECT_EQ(watch.readLine(), "new2");
-    watch.signal(SIGINT);
+    watch.signal(SIGTERM);
     EXPECT_EQ(watch.wait(), 0);
+    const auto result = vx({"sms", "watch", "--for", "0.05"});
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.out + result.err, "");
     Process json(vxCommand({"-j", "sms", "watch", "--count", "1"}));
     vxtest::waitForWatch(json);
     receive("new3", "three");

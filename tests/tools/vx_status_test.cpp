@@ -354,7 +354,7 @@ TEST_F(VxStatus, WatchEndsAfterItsCountOrTime) {
     }
 }
 
-TEST_F(VxStatus, WatchEndsWhenNobodyReadsIt) {
+TEST_F(VxStatus, WatchEndsWhenItsReaderHasGone) {
     writeFile(tree + "/a", "1");
     const auto result = vxtest::vxScript("vx status watch | head -1; echo ${PIPESTATUS[0]}");
     EXPECT_EQ(result.out, "a=1\n0\n");

@@ -163,6 +163,21 @@ TEST(VxTable, EverySubcommandHasASchemaAndNoneIsLeftOver) {
     EXPECT_EQ(found, expected);
 }
 
+// Runs a shell script while all peers of the virtual gateway run.
+vxtest::VxResult inGateway(const std::string &script) {
+    return vxScript("top=" + source + "\nexport PATH=" + vxtest::built("gateway") +
+                    ":$PATH\npeers=()\n"
+                    "cp " +
+                    vxtest::built("vxutils/libvxutils.so.1.0.0") +
+                    " /usr/lib/\n"
+                    "mkdir -p /var/run/configd /tmp/status /nvstatus /var/lock\n"
+                    "[ -e /etc/fstab ] || : >/etc/fstab\n"
+                    "printf 'PRODUCT=\"QX 310\"\\n' >/etc/default/system-info\n"
+                    "source " +
+                    source + "/demo/gateway.sh\ngateway_up >/dev/null\n" + script +
+                    "kill \"${peers[@]}\"; wait 2>/dev/null\n");
+}
+
 // ---- the program as a file
 
 class VxFile : public testing::Test {
@@ -198,12 +213,16 @@ TEST_F(VxFile, TellsPackagersWhatItLoadsLater) {
     EXPECT_THAT(note, HasSubstr(R"("soname":["libzmq.so.5"])"));
 }
 
-TEST_F(VxFile, StartsWithoutConstructorsOfItsOwn) {
+TEST_F(VxFile, IsSmallAndStartsWithoutConstructorsOfItsOwn) {
 #if defined(__SANITIZE_ADDRESS__)
     GTEST_SKIP() << "the sanitizer registers every global object in a constructor";
 #endif
     const auto cost = vxtest::run({source + "/scripts/loading-cost", vxtest::built("tools/vx")});
     EXPECT_THAT(cost.text, HasSubstr("\nconstructors 1\n")) << "the compiler's own alone";
+    size_t text = 0;
+    size_t data = 0;
+    ASSERT_EQ(std::sscanf(cost.text.c_str(), "text %zu data %zu", &text, &data), 2) << cost.text;
+    EXPECT_LT(text + data, 400000U);
 }
 
 // ---- output
@@ -237,6 +256,67 @@ TEST(VxOutput, ClosedStreamsDoNoHarm) {
     EXPECT_EQ(vxScript("vx status get x >&-; echo $?").out, "1\n");
     EXPECT_EQ(vxScript("vx status get none 2>&-; echo $?").out, "1\n");
     EXPECT_EQ(vxScript("vx status set x 2 <&- >&- 2>&-; echo $?; cat /tmp/status/x").out, "0\n2");
+}
+
+// Each line is a command that prints something.
+constexpr const char *printingCommands = R"(config get wan.sms
+config --file /tmp/x.conf get a
+config --file /tmp/x.conf list
+sysinfo
+status list
+status get x
+status watch --count 1
+log show
+io list
+io get 1
+io watch --count 1
+io count
+adc
+board
+storage
+modem signal
+modem state
+ping -c 1 127.0.0.1
+route 127.0.0.1
+link
+addr 10.0.0.1
+proc count bash
+digest md5 /tmp/x.conf
+reboot --status
+poweroff --status
+doctor
+help
+)";
+
+// Those that only act print with --json.
+constexpr const char *actingCommands = R"(config set a=b
+config commit
+status set x y
+event raise 1 2
+log add 1 x
+io set 1=0
+sms send 1 x
+sms list
+run --detach -- true
+proc alive 1
+)";
+
+TEST(VxOutput, EveryCommandFailsOnAFullDiskAndEndsWithItsPipe) {
+    if (vxtest::emulated()) GTEST_SKIP() << "the gateway's peers are started by a shell, natively";
+    writeFile("/tmp/x.conf", "a=b\n");
+    const auto result = inGateway(
+        "vx status set x 1; vx log add 1 x\n"
+        // Descriptor 6 is a pipe without a reader.
+        "mkfifo /tmp/pipe; exec 5<>/tmp/pipe 6>/tmp/pipe 5<&-\n"
+        "try() {\n"
+        "  [[ $(vx \"$@\" 2>&1 >/dev/full; echo $?) = *': standard output: No space left on device'$'\\n'1 ]] || "
+        "echo \"full: $*\"\n"
+        "  vx -q \"$@\" >&6; [ $? = 141 ] || echo \"pipe: $*\"\n"
+        "}\n"
+        "while read -r line; do try $line; try -j $line; done <<'END'\n" +
+        std::string(printingCommands) + "END\nwhile read -r line; do try -j $line; done <<'END'\n" + actingCommands +
+        "END\n");
+    EXPECT_EQ(result.out, "");
 }
 
 // Runs vx on a terminal of its own and returns what appears there.
@@ -454,16 +534,7 @@ bool fits(const std::string &text, const std::string &expected) {
 // All examples of all pages, one shell after another, in the virtual gateway.
 TEST(VxPages, ExamplesDoWhatThePagesSay) {
     if (vxtest::emulated()) GTEST_SKIP() << "the gateway's peers are started by a shell, natively";
-    std::string script = "top=" + source + "\nexport PATH=" + vxtest::built("gateway") +
-                         ":$PATH\npeers=()\n"
-                         "cp " +
-                         vxtest::built("vxutils/libvxutils.so.1.0.0") +
-                         " /usr/lib/\n"
-                         "mkdir -p /var/run/configd /tmp/status /nvstatus /var/lock\n"
-                         "[ -e /etc/fstab ] || : >/etc/fstab\n"
-                         "printf 'PRODUCT=\"QX 310\"\\n' >/etc/default/system-info\n"
-                         "source " +
-                         source + "/demo/gateway.sh\ngateway_up >/dev/null\n";
+    std::string script;
     std::vector<Example> all;
     for (const fs::path &page : pages()) {
         const auto examples = examplesOf(page);
@@ -473,8 +544,7 @@ TEST(VxPages, ExamplesDoWhatThePagesSay) {
             all.push_back({page.filename().string() + ": " + example.command, example.expected});
         }
     }
-    script += "kill \"${peers[@]}\"; wait 2>/dev/null\n";
-    const auto result = vxScript(script);
+    const auto result = inGateway(script);
     size_t at = 0;
     for (const Example &example : all) {
         const size_t end = result.out.find("\n@", at);

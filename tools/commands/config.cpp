@@ -2,7 +2,6 @@
 // vx config: the configuration daemon's values, and those of configuration files.
 #include <fcntl.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <vxutils/cfread.h>
 #include <vxutils/configd.h>
 
@@ -16,6 +15,7 @@
 #include "core/failure.h"
 #include "core/fd.h"
 #include "core/owned.h"
+#include "core/socket.h"
 
 namespace tool {
 
@@ -111,21 +111,13 @@ public:
     }
 
 private:
-    static bool isRunning() {
-        const Fd fd(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-        sockaddr_un address{};
-        address.sun_family = AF_UNIX;
-        std::strcpy(address.sun_path, daemonSocket);
-        return ::connect(fd.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0;
-    }
-
     static Failure notOpened() {
         if (::access(socketDirectory, W_OK | X_OK) == -1) return systemFailure(socketDirectory);
         return {socketDirectory, "no socket can be made in it; the system log has the reason"};
     }
 
     static Failure noAnswer(std::string_view on, Clock::duration waited) {
-        if (!isRunning()) {
+        if (!answers(daemonSocket, SOCK_DGRAM)) {
             const std::string why = std::strerror(errno);
             return {on, std::string("no configuration daemon at ") + daemonSocket + ": " + why};
         }

@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 #include <unistd.h>
 #include <vxutils/adc.h>
 #include <vxutils/dio.h>
@@ -20,6 +19,7 @@
 #include "commands/commands.h"
 #include "core/failure.h"
 #include "core/fd.h"
+#include "core/socket.h"
 #include "core/zeromq.h"
 
 namespace tool {
@@ -55,14 +55,7 @@ std::function<Finding()> may(const char *path, int mode) {
     return [=] { return permitted(path, mode); };
 }
 
-Finding answersAt(const std::string &path, int type) {
-    const Fd fd(::socket(AF_UNIX, type | SOCK_CLOEXEC, 0));
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    path.copy(address.sun_path, sizeof address.sun_path - 1);
-    const bool connected = ::connect(fd.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0;
-    return connected ? found(path) : fromErrno(path);
-}
+Finding answersAt(const std::string &path, int type) { return answers(path, type) ? found(path) : fromErrno(path); }
 
 // ---- what is looked at
 
@@ -112,8 +105,7 @@ Finding modems() {
     for (int card = 0; card <= 15; ++card) {
         const std::string path = "/var/run/wwanmd" + std::to_string(card) + "/server";
         if (::access(path.c_str(), F_OK) != 0) continue;
-        const Finding one = answersAt(path, SOCK_STREAM | SOCK_NONBLOCK);
-        (one.ok || errno == EAGAIN ? cards : silent) += " " + std::to_string(card);
+        (answers(path, SOCK_STREAM) ? cards : silent) += " " + std::to_string(card);
     }
     if (!silent.empty()) return lacking("no daemon answers for card" + silent);
     return cards.empty() ? lacking("no modem daemon runs") : found("card" + cards);

@@ -2,7 +2,9 @@
 // vx io: digital inputs and outputs of the board.
 #include <vxutils/dio.h>
 
+#include <array>
 #include <chrono>
+#include <ctime>
 
 #include "commands/commands.h"
 #include "core/failure.h"
@@ -115,6 +117,25 @@ int set(const Arguments &arguments, Output &out) {
     return statusDone;
 }
 
+using Cost = std::chrono::duration<double, std::milli>;
+
+// Time that this process has spent on a processor.
+Cost processorTime() {
+    timespec time{};
+    ::clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &time);
+    return std::chrono::seconds(time.tv_sec) + std::chrono::nanoseconds(time.tv_nsec);
+}
+
+std::string howItWatches(size_t lines, milliseconds interval, Cost cost) {
+    std::array<char, 200> text;
+    std::snprintf(text.data(), text.size(),
+                  "the driver tells of no changes: %zu %s read every %lld ms, which takes %.2f ms of processor time "
+                  "(%.1f %%); shorter pulses can be missed",
+                  lines, lines == 1 ? "line is" : "lines are", static_cast<long long>(interval.count()), cost.count(),
+                  100 * cost.count() / static_cast<double>(interval.count()));
+    return text.data();
+}
+
 int watch(const Arguments &arguments, Output &out) {
     const milliseconds interval(arguments.number("interval", defaultInterval, 1, 3600000));
     std::vector<Line> lines = linesOf(arguments);
@@ -123,21 +144,11 @@ int watch(const Arguments &arguments, Output &out) {
     Follow follow(arguments, out);
     std::vector<int64_t> known(lines.size(), -1);
     for (bool first = true;; first = false) {
-        const auto begin = Follow::Clock::now();
+        const Cost before = processorTime();
         std::vector<int64_t> now;
         now.reserve(lines.size());
         for (const Line &line : lines) now.push_back(valueOf(line));
-        const std::chrono::duration<double, std::milli> cost = Follow::Clock::now() - begin;
-        if (first) {
-            std::array<char, 160> text;
-            std::snprintf(
-                text.data(), text.size(),
-                "the driver tells of no changes: %zu lines are read every %lld ms, which takes %.2f ms (%.1f %% of a "
-                "processor); shorter pulses can be missed",
-                lines.size(), static_cast<long long>(interval.count()), cost.count(),
-                100 * cost.count() / static_cast<double>(interval.count()));
-            out.note(text.data());
-        }
+        if (first) out.note(howItWatches(lines.size(), interval, processorTime() - before));
         for (size_t i = 0; i < lines.size(); ++i) {
             if (now[i] != known[i] && !follow.print(recordOf(lines[i], now[i]), form)) return statusDone;
         }

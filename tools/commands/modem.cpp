@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
 // vx modem: the modem daemon of a card.
+#include <sys/socket.h>
 #include <unistd.h>
 #include <vxutils/wwanmd.h>
 
@@ -10,6 +11,7 @@
 #include "commands/commands.h"
 #include "core/failure.h"
 #include "core/owned.h"
+#include "core/socket.h"
 
 namespace tool {
 
@@ -34,11 +36,15 @@ using Handle = Owned<wwanmd_handle, &wwanmd_free>;
 Handle open(int card) { return Handle(wwanmd_init(card, application)); }
 
 Failure cannotConnect(int card) {
+    // The library has waited for the marker's end already.
+    const std::string marker = "/tmp/status/wwanmd/card" + std::to_string(card) + "/reset";
+    if (::access(marker.c_str(), F_OK) == 0) return {nameOf(card), "the card is being reset"};
     const std::string path = "/var/run/wwanmd" + std::to_string(card) + "/server";
-    if (::access(path.c_str(), F_OK) != 0)
+    if (!answers(path, SOCK_STREAM)) {
+        if (errno == EACCES) return systemFailure(path);
         return {nameOf(card), "no modem daemon at " + path + ": " + std::strerror(errno)};
-    if (wwanmd_in_reset(card) == 1) return {nameOf(card), "the card is being reset"};
-    return {nameOf(card), "the modem daemon at " + path + " does not let us in"};
+    }
+    return {nameOf(card), "the modem daemon at " + path + " refuses the connection; the system log has more"};
 }
 
 std::string trimmed(std::string_view text) {

@@ -13,6 +13,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cmath>
 #include <memory>
 #include <thread>
 
@@ -118,12 +119,18 @@ void checkRights() {
     }
 }
 
+// Nothing without a reply; otherwise to the nanosecond, which is what the library measures.
+Value time(bool known, double milliseconds) {
+    return known ? Value(Real{std::round(milliseconds * 1e6) / 1e6, 3}) : Value();
+}
+
 struct Statistics {
     int64_t sent = 0;
     int64_t received = 0;
     double least = 0;
     double most = 0;
     double sum = 0;
+    double squares = 0;
 
     void add(const Answer &answer) {
         ++sent;
@@ -132,15 +139,22 @@ struct Statistics {
         least = received == 1 ? answer.milliseconds : std::min(least, answer.milliseconds);
         most = std::max(most, answer.milliseconds);
         sum += answer.milliseconds;
+        squares += answer.milliseconds * answer.milliseconds;
     }
     Record record(const Probe &probe) const {
-        const auto time = [&](double value) { return received > 0 ? Value(Real{value, 3}) : Value(); };
+        const auto replies = static_cast<double>(std::max<int64_t>(received, 1));
+        const double average = sum / replies;
+        const double deviation = std::sqrt(std::max(squares / replies - average * average, 0.0));
+        const double lost =
+            100 * static_cast<double>(sent - received) / static_cast<double>(std::max<int64_t>(sent, 1));
         return {{"target", probe.target},
                 {"sent", sent},
                 {"received", received},
-                {"min_ms", time(least)},
-                {"avg_ms", time(sum / static_cast<double>(std::max<int64_t>(received, 1)))},
-                {"max_ms", time(most)}};
+                {"loss_percent", Real{std::round(lost * 1e3) / 1e3, 1}},
+                {"min_ms", time(received > 0, least)},
+                {"avg_ms", time(received > 0, average)},
+                {"max_ms", time(received > 0, most)},
+                {"mdev_ms", time(received > 0, deviation)}};
     }
 };
 
@@ -148,7 +162,7 @@ Record recordOf(const Probe &probe, int64_t number, const Answer &answer) {
     return {{"target", probe.target},
             {"seq", number},
             {"reply", answer.came},
-            {"time_ms", answer.came ? Value(Real{answer.milliseconds, 3}) : Value()}};
+            {"time_ms", time(answer.came, answer.milliseconds)}};
 }
 
 int ping(const Arguments &arguments, Output &out) {

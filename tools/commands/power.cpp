@@ -49,8 +49,9 @@ template <const Action &action>
 int perform(const Arguments &arguments, Output &out) {
     const int chosen =
         (arguments.has("veto") ? 1 : 0) + (arguments.has("unveto") ? 1 : 0) + (arguments.has("status") ? 1 : 0);
-    if (chosen > 1 || (chosen == 1 && (arguments.size() > 0 || arguments.has("force"))))
-        throw Usage{"too many arguments"};
+    if (chosen > 1) throw Usage{"--veto, --unveto and --status exclude each other"};
+    if (chosen == 1 && (arguments.size() > 0 || arguments.has("force")))
+        throw Usage{"A, B and --force are for the action itself, not for its veto"};
     if (arguments.has("status")) {
         out.print(Record{{"action", action.name}, {"vetoed", isVetoed(action)}}, Plain::value);
         return statusDone;
