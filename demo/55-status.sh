@@ -11,12 +11,12 @@ background switchd
 until [ -p /tmp/status/switchd/command ]; do sleep 0.01; done
 say "Everybody can read the daemon's state as a file and write to its FIFO."
 show ls -l /tmp/status/switchd
-show cat /tmp/status/switchd/state
-command_switch() { echo "$1" >/tmp/status/switchd/command; sleep 0.1; cat /tmp/status/switchd/state; }
+show vx status get switchd/state
+command_switch() { vx status send switchd/command "$1"$'\n'; sleep 0.1; vx status get switchd/state; }
 show command_switch on
 show command_switch dance
 show command_switch off
 say "At its end the daemon takes its FIFO away; the state stays until the reboot."
-echo quit >/tmp/status/switchd/command
+vx status send switchd/command $'quit\n'
 wait "${peers[0]}"
 show ls /tmp/status/switchd

@@ -38,7 +38,7 @@ until_told() {
 until_lost() {
   local i
   for ((i = 0; i < 750; i++)); do
-    if [[ $(cat /tmp/status/wan/lost-pings) =~ $1 ]]; then return; fi
+    if [[ $(vx status get wan/lost-pings) =~ $1 ]]; then return; fi
     sleep 0.02
   done
   say "(no word of lost pings: $1)"
@@ -56,7 +56,7 @@ now "The cable is pulled:"
 gw wan cut
 until_told "WAN link lost" "out 1 = 0" "id=100 param=0" "sms to" "[SMS tool] +15550100"
 say "The device log has it too, the newest line first:"
-show gw log
+show vx log show
 
 now "The modem's card is being reset, which takes its time:"
 gw modem reset on
@@ -67,7 +67,7 @@ gw input 1 1
 until_told "alarm input raised" "id=101 param=1"
 
 now "The configuration is changed: five pings lost in a row make a lost link from now on, not two."
-gw config set wan.losses 5
+show vx config set wan.losses=5
 kill -HUP "$supervisor"
 until_told "read again"
 
@@ -80,13 +80,32 @@ until_told "alarm input released" "id=101 param=0" "signal" "WAN link up" "out 1
 now "The line behind the gateway swallows two pings; with the new configuration the link stays up:"
 gw wan lose
 until_lost "[2-4]"
-say "      lost in a row: $(cat /tmp/status/wan/lost-pings), link: $(cat /tmp/status/wan/link)"
+say "      lost in a row: $(vx status get wan/lost-pings), link: $(vx status get wan/link)"
 gw wan carry
 until_lost 0
 
+say "A shell script is a daemon's equal. This one has its configuration, its input, its status, its events and its lock from vx:"
+show sed -n '3,$p' "$demo/power_guard"
+now "It is started, and mains power fails: digital input 2 is raised."
+"$demo/power_guard" > >(told_by power_guard) 2>&1 & guard=$!
+peers+=("$guard")
+until_told "[power_guard] power from the mains" "id=102 param=0"
+gw input 2 1
+until_told "[power_guard] power from the battery" "id=102 param=1"
+show vx status get power/source
+now "Another script dies while it holds the lock. Power returns; the guard learns of the death and goes on:"
+vx lock power -- sh -c ': >/tmp/gateway/locked; exec sleep 5' & holder=$!
+until [ -e /tmp/gateway/locked ]; do sleep 0.02; done
+kill -KILL "$holder"
+wait "$holder" 2>/dev/null || :
+gw input 2 0
+until_told "the owner before died" "[power_guard] power from the mains" "id=102 param=0"
+kill "$guard"
+wait "$guard" || :
+
 say "All well again. What is left to be read:"
-show gw status
-show gw log
+show vx status watch --for 0
+show vx log show
 show gw events
 show gw sms
 show gw outputs

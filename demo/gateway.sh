@@ -108,7 +108,8 @@ gateway_up() {
   gateway_scripts
   gateway_board
   gateway_peer config configd --store /var/lib/configd/gateway-store wan.interface=wan0 wan.gateway=192.0.2.1 \
-    wan.target=198.51.100.9 wan.sms=+15550100 wan.card=0 wan.interval_ms=200 wan.losses=2 wan.alarm_input=1 wan.state_output=1
+    wan.target=198.51.100.9 wan.sms=+15550100 wan.card=0 wan.interval_ms=200 wan.losses=2 wan.alarm_input=1 wan.state_output=1 \
+    power.input=2
   gateway_peer modem wwanmd 0
   gateway_peer events eventmanager
   gateway_peer board board
@@ -145,8 +146,8 @@ gw() {
     events) sed -n '/^event/p' "$gateway_dir/events.log" ;;
     sms) cat "$gateway_dir/sms.log" ;;
     power) cat "$gateway_dir/power.log" ;;
-    status) (cd /tmp/status && find . -type f ! -name '.*' | sort | while read -r f; do echo "${f#./}: $(cat "$f")"; done) ;;
-    log) [ ! -e /var/log/qxlog ] || cat /var/log/qxlog ;;
+    status) vx status watch --for 0 ;;
+    log) vx log show ;;
     watch) tail -q -n 0 -f "$gateway_dir"/{board,events,sms,power}.log | grep -v --line-buffered -x 'done' ;;
     *) gateway_help ;;
   esac

@@ -31,12 +31,17 @@ std::string play(const std::string &chapters) {
     return output.text;
 }
 
+bool hasTool() { return vxtest::exists(vxtest::built("tools/vx")); }
+
 TEST(Demo, TellsTheSupervisorsStory) {
+    if (!hasTool()) GTEST_SKIP() << "the chapter uses vx, which is not part of this build";
     const std::string told = play("95-");
-    for (const char *turn : {"WAN link up, 198.51.100.9", "WAN link lost, 198.51.100.9", "sms to +15550100", "in reset",
-                             "alarm input raised", "5 losses make a lost link", "alarm input released",
-                             "event id=101 param=1", "[board] out 1 = 0", "[SMS tool] +15550100 WAN link lost",
-                             ", link: up", "wan/link: up", "wan/modem: signal -67 dBm", "100: ", "ended"}) {
+    for (const char *turn :
+         {"WAN link up, 198.51.100.9", "WAN link lost, 198.51.100.9", "sms to +15550100", "in reset",
+          "alarm input raised", "5 losses make a lost link", "alarm input released", "event id=101 param=1",
+          "[board] out 1 = 0", "[SMS tool] +15550100 WAN link lost", "[power_guard] power from the battery",
+          "event id=102 param=1", "the owner before died while it held the lock", "power/source=mains", ", link: up",
+          "wan/link=up", "wan/modem=signal -67 dBm", "100: ", "ended"}) {
         EXPECT_THAT(told, HasSubstr(turn));
     }
 }
@@ -49,7 +54,15 @@ TEST(Demo, TellsOfTheConfigurationDaemon) {
 }
 
 TEST(Demo, PlaysEveryOtherChapter) {
-    for (const char *chapter : {"00-", "05-", "11-", "20-", "30-", "40-", "50-", "55-", "60-"}) play(chapter);
+    for (const char *chapter : {"00-", "05-", "11-", "20-", "30-", "40-", "50-", "60-"}) play(chapter);
+}
+
+TEST(Demo, CommandsADaemonThroughItsFifo) {
+    if (!hasTool()) GTEST_SKIP() << "the chapter uses vx, which is not part of this build";
+    const std::string told = play("55-");
+    for (const char *turn : {"state is on\n", "\n      on\n", "cannot dance\n", "state is off\n"}) {
+        EXPECT_THAT(told, HasSubstr(turn));
+    }
 }
 
 TEST(Demo, TellsOfTheBoardAndItsModem) {
