@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Configuration files of any content: a main file and, behind the first byte 0xFF, one that it may include. Without
+// Configuration files of any content: a main file and, after the first byte 0xFF, one that it may include. Without
 // includes the entries must be those that a slow reading of the rules gives.
 #include <sys/resource.h>
 #include <syslog.h>

@@ -15,7 +15,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     std::copy_n(data, size, exact.get());
     const netlink::Bytes bytes(exact.get(), size);
 
-    // Ask for the numbers of the first message and for others, so that both roads are walked.
+    // Ask for the numbers of the first message and for others, so that both paths are taken.
     const auto first = netlink::peek<nlmsghdr>(bytes);
     for (const uint32_t off : {0U, 1U}) {
         const uint32_t port = first.has_value() ? first->nlmsg_pid + off : 0;

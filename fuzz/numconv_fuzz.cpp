@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// The number parsers over any text: no undefined arithmetic, no byte behind the 33rd, validators agree with printing
+// The number parsers over any text: no undefined arithmetic, no byte after the 33rd, validators agree with printing
 // back.
 #include <vxutils/numconv.h>
 

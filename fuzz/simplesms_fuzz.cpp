@@ -57,7 +57,7 @@ void check(const std::string &file) {
 
 }  // namespace
 
-// The bytes as a file, and as what stands behind a good beginning, where the words are.
+// The bytes as a file, and as what follows a good beginning, where the words are.
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     if (size > longestFile) return 0;
     const std::string bytes(reinterpret_cast<const char *>(data), size);

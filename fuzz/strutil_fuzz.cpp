@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// The string helpers over any bytes: escape() within its window, the strippers, the validators.
+// The string helpers over any bytes: escape() within its limits, the strippers, the validators.
 #include <vxutils/strutil.h>
 
 #include <cstdint>
@@ -16,7 +16,7 @@ void require(bool condition) {
     if (!condition) std::abort();
 }
 
-// The source has no terminator behind its n bytes, the target no byte behind its size.
+// The source has no terminator after its n bytes, the target no byte after its size.
 void escapeInWindow(const std::vector<char> &source, size_t size) {
     std::vector<char> shown(size);
     require(escape(source.data(), source.size(), shown.data(), size) == shown.data());

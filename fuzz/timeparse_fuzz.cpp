@@ -8,7 +8,7 @@
 
 namespace {
 
-// Six fields, most of them in range, and what the input holds behind them.
+// Six fields, most of them in range, and what the input holds after them.
 std::string nearlyRight(const uint8_t *data, size_t size) {
     char text[64];
     std::snprintf(text, sizeof text,

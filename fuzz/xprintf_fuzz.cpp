@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
-// The formatter: the input is a window and a format. Whatever it says, nothing behind the buffer is touched, and the
-// window shows the piece of the text that it should.
+// The formatter: the input is a slice and a format. Whatever it says, nothing after the buffer is touched, and the
+// result is the slice of the text that it should.
 #include <vxutils/xprintf.h>
 
 #include <algorithm>
@@ -19,7 +19,7 @@
 namespace {
 
 constexpr size_t longestFormat = 200;
-constexpr size_t longestText = 20000;  // longer ones are only looked at through the window
+constexpr size_t longestText = 20000;  // longer ones are only looked at in slices
 
 void require(bool condition) {
     if (!condition) std::abort();

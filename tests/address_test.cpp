@@ -17,7 +17,7 @@ Type *as(void *bytes) {
     return static_cast<Type *>(bytes);
 }
 
-// A record with room for either family, every byte that nobody wrote set to 0xA5.
+// A record with room for either family, every byte that was not written set to 0xA5.
 class Record {
 public:
     Record() { memset(&storage_, 0xA5, sizeof storage_); }
@@ -297,7 +297,7 @@ TEST(Str2Addr4, TouchesFamilyAndAddressOnly) {
     EXPECT_EQ(record.raw().substr(8), before.substr(8));
 }
 
-TEST(Str2Addr4, ReadsNothingBehindTheText) {
+TEST(Str2Addr4, ReadsNothingAfterTheText) {
     for (const std::string text : {"1.2.3.4", "1.2.3", "1.2.3.", "1", ""}) {
         vxtest::GuardedBuffer buffer(text.size() + 1);
         memcpy(buffer.data(), text.c_str(), text.size() + 1);

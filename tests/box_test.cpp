@@ -49,7 +49,7 @@ TEST(Box, HasItsOwnProcessesNetworkAndHostName) {
     ::freeifaddrs(all);
 }
 
-// Restarts are tested in the box; three walls stand between them and the machine.
+// Restarts are tested in the box; three barriers keep them from the machine.
 TEST(Box, CannotRestartTheMachine) {
     // Outside the first process namespace the kernel ends the namespace instead of restarting.
     std::array<char, 64> space{};

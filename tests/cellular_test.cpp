@@ -63,7 +63,7 @@ TEST_F(Provider, IsTheFirstLineThatNamesOne) {
     EXPECT_EQ(calls(), "[-n]\n[26201]\n");
 }
 
-TEST_F(Provider, BeginsWithTheSecondCharacterBehindTheColon) {
+TEST_F(Provider, BeginsWithTheSecondCharacterAfterTheColon) {
     tool("provider:Xname\n");
     EXPECT_STREQ(pdb_find_provider("1"), "name");
     tool("provider:   name\n");
@@ -72,7 +72,7 @@ TEST_F(Provider, BeginsWithTheSecondCharacterBehindTheColon) {
     EXPECT_STREQ(pdb_find_provider("1"), "");
 }
 
-TEST_F(Provider, WithNothingBehindTheColonIsEmpty) {
+TEST_F(Provider, WithNothingAfterTheColonIsEmpty) {
     for (const char *output :
          {"provider: stale text\nprovider:", "provider:\n", "provider:", "provider: \n", "provider: ", "provider:x"}) {
         tool(std::string("longer line than the one that follows: stale\n") + output);

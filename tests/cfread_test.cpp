@@ -660,7 +660,7 @@ char *hugeText(size_t size) {
     return map;
 }
 
-// From here on a large allocation fails; the sanitizer has been told so from the start.
+// After this a large allocation fails; the sanitizer has been told so from the start.
 void limitMemory() {
 #ifndef __SANITIZE_ADDRESS__
     const rlimit memory{256u << 20, 256u << 20};
@@ -727,7 +727,7 @@ TEST_F(CfreadEntry, WithoutMemoryForMoreSlotsTheTableStaysAsItIs) {
     const auto add = [&] { return cfread_set_entry(table.get(), std::to_string(keys).c_str(), "x"); };
     for (; keys < 64; ++keys) ASSERT_NE(add(), nullptr);
     growthRefused = true;
-    while (add() != nullptr) ++keys;  // the room behind the slots may be larger than what the table shows
+    while (add() != nullptr) ++keys;  // the room after the slots may be larger than what the table shows
     EXPECT_EQ(log.take(), error("cfread: unable to add entry '" + std::to_string(keys) + "' in /etc/vx/main.conf"));
     EXPECT_EQ(keys % 64, 0);
     EXPECT_EQ(table->size, keys);
@@ -754,7 +754,7 @@ TEST_F(CfreadEntry, ATableWithoutMemoryForItsPrivatePartIsOnlySlower) {
     EXPECT_EQ(table->size, 192);
     EXPECT_EQ(value(table, "k149"), "149");
     EXPECT_EQ(value(table, "k150"), "(none)");
-    refused = nullptr;  // from here on there is one
+    refused = nullptr;  // now there is one
     EXPECT_EQ(cfread_set_entry(table.get(), "k8", "again")->index, 8);
     expected[8].second = "again";
     EXPECT_EQ(slots(table), expected);
@@ -809,7 +809,7 @@ TEST_F(CfreadCallback, EndsTheCurrentFileOnlyAndThatIsSuccess) {
     EXPECT_EQ(log.take(), Log{});
 }
 
-TEST_F(CfreadCallback, HasSeenWhatStandsBeforeAFailure) {
+TEST_F(CfreadCallback, HasSeenTheEntriesBeforeAFailure) {
     vxtest::writeFile(mainFile, "a=1\ninclude gone\n");
     Seen seen;
     EXPECT_EQ(cfread_parse_with_callback(mainFile, Seen::take, &seen, 0), -1);

@@ -135,7 +135,7 @@ TEST_F(ExecCommand, APathIsNeeded) {
     EXPECT_EQ(_exec_command(1, "", "x", noMore), -1);
 }
 
-TEST_F(ExecCommand, TakesFifteenArgumentsBehindArgumentZero) {
+TEST_F(ExecCommand, TakesFifteenArgumentsAfterArgumentZero) {
     const std::string list = "printf '%s ' \"$0\" \"$@\" >" + path("words");
     EXPECT_EQ(_exec_command(0, "/bin/sh", "sh", "-c", list.c_str(), "3", "4", "5", "6", "7", "8", "9", "10", "11", "12",
                             "13", "14", "15", noMore),

@@ -33,7 +33,7 @@ bool memoryIsShort = false;
 
 }  // namespace
 
-// Stands in the way of the library's own, from which its handles and entries come.
+// Replaces the library's own, from which its handles and entries come.
 void *zalloc(size_t size) { return memoryIsShort ? nullptr : std::calloc(size, 1); }
 
 // What the library hands to the kernel, and a kernel that takes less than all of it, as no datagram socket does.

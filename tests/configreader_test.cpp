@@ -433,7 +433,7 @@ TEST_F(ConfigReaderHelpers, IndexofFindsTheFirst) {
     EXPECT_EQ(reader.indexof(nullptr, 'k'), -1);
 }
 
-// A reader whose operations report their names: calling through the slots of a table in order shows the promised order.
+// A reader whose operations report their names: calling through the slots of a table in order shows their order.
 struct Named : ConfigReader {
     mutable std::string called;
     String text;

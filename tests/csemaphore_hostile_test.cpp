@@ -593,7 +593,7 @@ TEST_F(UnfinishedSet, AHeldSetIsNotTakenForOne) {
     EXPECT_EQ(lock.unlock(), 0);
 }
 
-// A set that was marked for removal, and was freed by its maker after all, is held by whoever removes it.
+// A set that was marked for removal, and was freed by its maker after all, is held by the process that removes it.
 TEST_F(UnfinishedSet, AMarkedSetIsRemovedOnlyWhenItIsFree) {
     const EndsInTime watch;
     const int id = make(24);

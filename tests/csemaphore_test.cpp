@@ -58,7 +58,7 @@ enum class Call {
     consistent
 };
 Call failing = Call::none;
-int failAfter = 0;  // so many calls still succeed
+int failAfter = 0;  // number of calls that still succeed
 
 bool fails(Call call) {
     if (failing != call) return false;
@@ -210,7 +210,7 @@ protected:
         EXPECT_EQ(log.take(), Lines{});
         ::closelog();
     }
-    // A name of a lock that nobody has used yet.
+    // A name of a lock that has not been used yet.
     static std::string fresh() {
         static int number = 0;
         return "/lock" + std::to_string(::getpid()) + "." + std::to_string(++number);
@@ -535,7 +535,7 @@ TEST_F(Recursive, SixteenProcessesAtOnceMakeOneLock) {
     EXPECT_EQ(log.take(), Lines{created(name)});
 }
 
-TEST_F(Recursive, NobodyOpensALockWhileAnotherIsMade) {
+TEST_F(Recursive, NoProcessOpensALockWhileAnotherIsMade) {
     const SharedPage page;
     const std::string name = fresh();
     CSemaphore guard(libraryFile, 1);
@@ -1021,7 +1021,7 @@ TEST_F(OwnerDeath, TheOptionsAreACopy) {
     options.SetConsistentMode(Options::eConsistentAutomatic);
     die(name);
     EXPECT_EQ(lock.lock(), EOWNERDEAD);
-    EXPECT_EQ(lock.makeConsistent(), 0);  // nobody had done it
+    EXPECT_EQ(lock.makeConsistent(), 0);  // it had not been done
     EXPECT_EQ(lock.unlock(), 0);
 }
 

@@ -31,7 +31,7 @@ std::string hex(const unsigned char *bytes, size_t count) {
     return text;
 }
 
-// Everything behind the written bytes stays as it was.
+// Everything after the written bytes stays as it was.
 std::string take(HashContext &context) {
     Bytes out(64, 0xee);
     const unsigned long length = context.getReturnedHashLength();
@@ -322,7 +322,7 @@ TYPED_TEST(EachDigest, TestTellsAWrongDigest) {
     EXPECT_EQ(context.test(), -1);
 }
 
-// The bytes of a context, word by word, behind its virtual table.
+// The bytes of a context, word by word, after its virtual table.
 template <typename Context>
 std::vector<uint32_t> words(const Context &context) {
     std::vector<uint32_t> all((sizeof context - sizeof(void *)) / 4);

@@ -160,7 +160,7 @@ void onASmallStack(std::function<void()> function) {
 
 using TryMkdir = Directories;
 
-TEST_F(TryMkdir, MakesADirectoryThatNobodyMayWrite) {
+TEST_F(TryMkdir, MakesADirectoryThatNoUserMayWrite) {
     vxtest::SyslogCapture log;
     EXPECT_EQ(try_mkdir(path("new").c_str()), 0);
     EXPECT_EQ(modeOf(path("new")), 0555u);

@@ -187,7 +187,7 @@ TEST(DynamicModule, HasNoFactoryWhenTheLibraryHasNone) {
 TEST(DynamicModule, ShowsItsSymbolsToLaterModules) {
     EXPECT_EQ(vxtest::inChild([] {
                   CDynamicModule alone(user);
-                  return alone.load(nullptr) == -1 ? 0 : 1;  // a variable that nobody has cannot wait for its first use
+                  return alone.load(nullptr) == -1 ? 0 : 1;  // a missing variable cannot wait for its first use
               }),
               0);
     CDynamicModule first(full);

@@ -283,7 +283,7 @@ TEST_F(Eventsource, TheDestructorTouchesNeitherSinksNorTimers) {
     EXPECT_EQ(sink.reads + sink.writes, 0);
     EXPECT_NE(::fcntl(sink.getFd(), F_GETFD), -1);
     const auto left = timerDescriptors();
-    ASSERT_EQ(left.size(), 1U);  // promised: a running timer's descriptor stays open
+    ASSERT_EQ(left.size(), 1U);  // Quirk Q67.
     ::close(left[0]);
 }
 
@@ -413,7 +413,7 @@ TEST_F(Eventsource, AReadableAndWritableEventOnlyReads) {
     EXPECT_GE(sink.writes, 1);
 }
 
-TEST_F(Eventsource, AHangUpAloneCallsNobody) {
+TEST_F(Eventsource, AHangUpAloneCallsNoSink) {
     init();
     std::array<int, 2> ends{};
     ASSERT_EQ(::pipe2(ends.data(), O_CLOEXEC), 0);
@@ -776,7 +776,7 @@ TEST_F(Eventsource, ASignalInterruptsTheWaitAndTheLoopGoesOn) {
     ::sigaction(SIGUSR1, &old, nullptr);
 }
 
-TEST_F(Eventsource, TheRestOfABatchBehindTheCommandPipeIsDropped) {
+TEST_F(Eventsource, TheRestOfABatchAfterTheCommandPipeIsDropped) {
     init();
     Sink sink;
     source->addSink(&sink, IFDEventsource::ET_READ);
@@ -944,8 +944,8 @@ protected:
     size_t round = 0;
 };
 
-// By the time the outer loop gets there the number may be somebody's again.
-TEST_F(InnerLoop, AnUnknownDescriptorThatItHasClosedIsNotMetAgain) {
+// By the time the outer loop gets there the number may belong to another file.
+TEST_F(InnerLoop, AnUnknownDescriptorItClosesIsNotReportedAgain) {
     const int unknown = ::eventfd(1, EFD_CLOEXEC);
     epoll_event event{};
     event.events = EPOLLIN;
@@ -967,7 +967,7 @@ TEST_F(InnerLoop, AnUnknownDescriptorThatItHasClosedIsNotMetAgain) {
     EXPECT_EQ(successor->reads, 0);
 }
 
-TEST_F(InnerLoop, WhatItHasServedIsNotServedAgain) {
+TEST_F(InnerLoop, EventsItServesAreNotServedAgainByTheOuterLoop) {
     std::vector<size_t> served;
     starter.whenReadable = [&] {
         starter.clear();
@@ -985,7 +985,7 @@ TEST_F(InnerLoop, WhatItHasServedIsNotServedAgain) {
 }
 
 // A timer's second serving would find nothing to read, and say so in the log.
-TEST_F(InnerLoop, ATimerThatItHasServedIsNotReadAgain) {
+TEST_F(InnerLoop, TimersItServesAreNotReadAgain) {
     Timer timer(1, false);
     source->addTimer(&timer);
     const int timerFd = timerDescriptors().at(0);
@@ -1008,7 +1008,7 @@ TEST_F(InnerLoop, ATimerThatItHasServedIsNotReadAgain) {
     source->removeTimer(&timer);
 }
 
-TEST_F(InnerLoop, WhatIsStillReadyComesWithTheNextWait) {
+TEST_F(InnerLoop, DescriptorsStillReadyAreReportedByTheNextWait) {
     std::vector<size_t> served;
     starter.whenReadable = [&] {
         starter.clear();
@@ -1025,7 +1025,7 @@ TEST_F(InnerLoop, WhatIsStillReadyComesWithTheNextWait) {
     EXPECT_EQ(served, (std::vector<size_t>{2, 3}));
 }
 
-TEST_F(InnerLoop, WhatItHasFetchedButNotServedStaysWithTheOuterOne) {
+TEST_F(InnerLoop, EventsItDoesNotServeStayPendingInTheOuterLoop) {
     std::vector<size_t> served;
     starter.whenReadable = [&] {
         starter.clear();
@@ -1047,7 +1047,7 @@ TEST_F(InnerLoop, WhatItHasFetchedButNotServedStaysWithTheOuterOne) {
     EXPECT_EQ(sink.reads, 1);
 }
 
-TEST_F(InnerLoop, WhatTheInnermostHasServedIsGoneFromAllAroundIt) {
+TEST_F(InnerLoop, EventsTheInnermostLoopServesAreDroppedFromEveryEnclosingBatch) {
     Sink second;
     source->addSink(&second, IFDEventsource::ET_READ);
     second.fire();
@@ -1071,7 +1071,7 @@ TEST_F(InnerLoop, WhatTheInnermostHasServedIsGoneFromAllAroundIt) {
 }
 
 // The command is not read by whom it reaches: it ends every loop, and drops the rest of every batch.
-TEST_F(InnerLoop, ItsCommandIsTheOuterLoopsToo) {
+TEST_F(InnerLoop, TerminatingItTerminatesTheOuterLoop) {
     int command = -1;
     for (const int fd : descriptorsOn("pipe:")) {
         if (watched().count(fd) == 1) command = fd;
@@ -1180,18 +1180,18 @@ protected:
     int rounds = 0;
 };
 
-TEST_F(MaskInTheSameRound, NothingIsDeliveredToASinkThatWantsNothingAnyMore) {
+TEST_F(MaskInTheSameRound, ASinkSetToNoneGetsNoPendingEvent) {
     run(IFDEventsource::ET_READ, {IFDEventsource::ET_NONE});
     EXPECT_EQ(called[other()], 0);
 }
 
-TEST_F(MaskInTheSameRound, OnlyWhatIsStillWantedIsDelivered) {
+TEST_F(MaskInTheSameRound, OnlyEventsStillAskedForAreDelivered) {
     run(IFDEventsource::ET_READWRITE, {IFDEventsource::ET_WRITE});
     EXPECT_EQ(called[other()], 0);
     EXPECT_EQ(writable[other()] >= 1, true);
 }
 
-TEST_F(MaskInTheSameRound, WhatIsWantedAgainComesWithTheNextRound) {
+TEST_F(MaskInTheSameRound, EventsAskedForAgainComeWithTheNextRound) {
     run(IFDEventsource::ET_READ, {IFDEventsource::ET_NONE, IFDEventsource::ET_READ});
     EXPECT_EQ(called[other()], 2);
 }
@@ -1276,7 +1276,7 @@ TEST_F(Eventsource, AReusedNumberDoesNotInheritTheLeftOverEvent) {
     EXPECT_EQ(successor->reads, 0);
 }
 
-TEST_F(Eventsource, AReusedNumberThatIsNobodysSinkIsNotClosedAndTheLoopGoesOn) {
+TEST_F(Eventsource, AReusedNumberWithoutASinkIsNotClosedAndTheLoopContinues) {
     init();
     Sink remover;
     auto removed = std::make_unique<Sink>();
@@ -1356,7 +1356,7 @@ TEST_F(Eventsource, ATimerThatTookARemovedTimersNumberDoesNotFireEarly) {
     source->removeTimer(&successor);
 }
 
-TEST_F(Eventsource, EverybodyMayRemoveEverybody) {
+TEST_F(Eventsource, CallbacksMayRemoveAnySinkAndTimer) {
     init();
     constexpr size_t count = 40;
     std::mt19937 random(20231121);
@@ -1405,7 +1405,7 @@ TEST_F(Eventsource, EverybodyMayRemoveEverybody) {
     EXPECT_EQ(timerDescriptors(), std::vector<int>{});
 }
 
-// --- descriptors nobody registered
+// --- unregistered descriptors
 
 TEST_F(Eventsource, AnUnknownDescriptorIsClosedAndStopsTheLoop) {
     init();

@@ -26,7 +26,7 @@
 // The sanitizer's allocator refuses large blocks, as a machine without memory does.
 extern "C" const char *__asan_default_options() { return "allocator_may_return_null=1:max_allocation_size_mb=64"; }
 
-// Buckets are an array: what is asked for tells their number, also where there is no memory for so many.
+// Buckets are an array: what is asked for tells their number, also where there is not enough memory.
 static size_t arrayAsked;
 static constexpr size_t largestArray = size_t{1} << 26;
 
@@ -57,7 +57,7 @@ std::vector<void *> values(const Table &table) {
     return out;
 }
 
-// Stands between the table and its counted walk, which takes no context.
+// Adapter between the table and its counted walk, which takes no context.
 std::vector<void *> passed;
 
 template <typename Table>
@@ -374,7 +374,7 @@ TEST(INStringHashTable, SizesFollowTheSameRule) {
     }
 }
 
-// Which bucket a key is in, found from outside: marks made of the keys' own hashes stand in every bucket.
+// Which bucket a key is in, found from outside: marks made of the keys' own hashes are in every bucket.
 TEST(INStringHashTable, TheHashChoosesTheBucket) {
     std::mt19937 random(5);
     constexpr uint32_t buckets = 256;

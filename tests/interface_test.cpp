@@ -348,7 +348,7 @@ const std::string table = heading +
                           "br3\t\t8000.02005e100003\tno\t\teth3\n"
                           "\t\t\t\t\t\t\teth4\n";
 
-TEST(BridgeMembers, AreListedEachWithABlankBehind) {
+TEST(BridgeMembers, AreListedEachFollowedByABlank) {
     const vxtest::NoLeaks noLeaks;
     toolPrints(table);
     EXPECT_EQ(membersOf("br3"), (Members{10, "eth3 eth4 "}));

@@ -105,7 +105,7 @@ TEST_F(List, DelInitMakesTheEntryAnEmptyList) {
     EXPECT_EQ(list_empty(&a.link), 1) << "and may be repeated";
 }
 
-TEST_F(List, SpliceInsertsInOrderBehindTheHead) {
+TEST_F(List, SpliceInsertsInOrderAfterTheHead) {
     list_link other = {&other, &other};
     list_add_tail(&a.link, &head);
     list_add_tail(&b.link, &other);

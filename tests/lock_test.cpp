@@ -256,7 +256,7 @@ TEST_F(FirewallLock, AStrangersFileIsRefused) {
     ::unlink(firewallPath.c_str());
 }
 
-// The maker of a file can delay whoever opens it.
+// The maker of a file can delay a process that opens it.
 TEST_F(FirewallLock, AStrangersLeaseDoesNotDelay) {
     if (!vxtest::hasOtherUsers()) GTEST_SKIP() << "a box made by an ordinary user has no other";
     ::unlink(firewallPath.c_str());

@@ -15,7 +15,7 @@ namespace {
 constexpr char untouched = '\x5a';
 constexpr int bases[] = {2, 8, 10, 16};
 
-// What a printing function writes, into a block of exactly the promised 34 bytes; "<null>" when it refuses.
+// What a printing function writes, into a block of exactly 34 bytes, as the header says; "<null>" when it refuses.
 template <typename Print, typename Value>
 std::string printed(Print print, Value value, int base) {
     vxtest::GuardedBuffer guarded(34);
@@ -29,7 +29,7 @@ std::string printed(Print print, Value value, int base) {
     return result;
 }
 
-// So many of a character, and a tail.
+// `count` times a character, and a tail.
 std::string repeated(size_t count, char c, const char *tail) {
     std::string text;
     while (text.size() < count) text += c;
@@ -232,7 +232,7 @@ TEST(ValueOf32, UsesAtMost33Characters) {
     EXPECT_EQ(valueOf32(("-" + repeated(30, '0', "123")).c_str()), -12) << "the sign is one of the 33";
 }
 
-TEST(ValueOf32, ReadsNoByteBehindThe33rd) {
+TEST(ValueOf32, ReadsNoByteAfterThe33rd) {
     vxtest::GuardedBuffer guarded(33);
     std::memset(guarded.data(), '1', guarded.size());
     const auto signedValue = valueOf32(guarded.data());

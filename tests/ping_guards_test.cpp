@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Ping's inner guards: no call from outside gets past the limits in front of them, so that the functions behind are
+// Ping's inner guards: no call from outside gets past the limits in front of them, so that the functions after them are
 // called themselves, from a copy of the source in this program.
 #include "vxutils/ping.cpp"
 
@@ -64,7 +64,7 @@ TEST_F(PingGuards, ALinkLevelEchoNeeds42Bytes) {
                                  {LOG_ERR, "rawping[wan0]: unable to open socket (Too many open files)"}}));
 }
 
-TEST_F(PingGuards, NobodyWaitsOnAClosedSocket) {
+TEST_F(PingGuards, AClosedSocketIsNotWaitedFor) {
     vxtest::Intercept calls;
     calls->recvmsg = [](int, msghdr *, int) -> std::optional<ssize_t> {
         ADD_FAILURE() << "received without a socket";

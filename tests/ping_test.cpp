@@ -137,7 +137,7 @@ struct Watch {
     std::vector<Bytes> sent;
     std::vector<Bytes> sentTo;
     std::vector<long> sleepsNs;
-    bool scripted = false;  // nobody is to be waited for
+    bool scripted = false;  // nothing is to be waited for
 
     explicit Watch(bool skipSleeps = true) {
         calls->sendto = [this](int, const void *data, size_t size, const sockaddr *to,
@@ -1267,7 +1267,7 @@ TEST_F(Ping, FragmentsThatOnlyBeginAreReplies) {
     EXPECT_EQ(rawping("wan0", targetText, gatewayText, 1000), 0);
 }
 
-TEST_F(Ping, AReplyThroughOptionsIsFoundBehindThem) {
+TEST_F(Ping, AReplyThroughOptionsIsFoundAfterThem) {
     ConnectedLog log;
     knowGateway(wan->gateway);
     vxtest::Wan::answers(wan->target, false);
@@ -1336,7 +1336,7 @@ TEST_F(Ping, ALinkLevelReplyIsLookedAtThisClosely) {
     const struct {
         const char *name;
         Change change;
-        std::vector<std::string> lines;  // #s and #i stand for the frame's numbers
+        std::vector<std::string> lines;  // #s and #i are placeholders of the frame's numbers
         bool good;
     } cases[] = {
         {"a good one", [](Bytes &) {}, {"received packet #", "RECEIVED raw reply #"}, true},

@@ -284,7 +284,7 @@ TEST_F(Client, AReplyIsKnownByItsNumbersAlone) {
                 if (given) return vxtest::failing(EAGAIN);
                 given = true;
                 const size_t length = std::min(size, item.bytes.size());
-                // Nothing behind what was received may be read: the rest is what a reply would need.
+                // Nothing after what was received may be read: the rest is what a reply would need.
                 std::memcpy(buffer, packet(0x45, 20, 0, i, s).data(), 28);
                 std::memcpy(buffer, item.bytes.data(), length);
                 return static_cast<ssize_t>(length);
@@ -360,7 +360,7 @@ TEST_F(Client, AReplyOfAnotherHostDoesNotCount) {
 }
 
 // What came in before the kernel was told whom to listen to.
-TEST_F(Client, WhatWasReceivedBeforeTheEchoDoesNotCount) {
+TEST_F(Client, PacketsReceivedBeforeTheEchoAreIgnored) {
     PingClient client;
     {
         Sends sends;

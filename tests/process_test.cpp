@@ -312,7 +312,7 @@ TEST(ProcName, LeavesOutALeadingSh) {
                         {"700008/cmdline", "s"}},
                        [] {
                            EXPECT_STREQ(procname(700005), "");
-                           EXPECT_STREQ(procname(700005) + 1, "-c");  // the buffer goes on behind the two letters
+                           EXPECT_STREQ(procname(700005) + 1, "-c");  // the buffer goes on after the two letters
                            EXPECT_STREQ(procname(700006), "utdown");
                            EXPECT_STREQ(procname(700007), "/bin/sh");
                            EXPECT_STREQ(procname(700008), "s");

@@ -176,7 +176,7 @@ TEST(ProcessControl, AnIncrementalRefreshTakesOneOffForEachDeletedEntry) {
     counted.reset();
     control.refresh(true);
     EXPECT_EQ(control.getNumberOfProcesses(), before - 1);
-    uncounted.reset();  // it never was in the count: from here on the count is one too low
+    uncounted.reset();  // it never was in the count: after this the count is one too low
     control.refresh(true);
     EXPECT_EQ(control.getNumberOfProcesses(), before - 2);
     EXPECT_EQ(entriesOf(control).size(), length - 2);
@@ -291,7 +291,7 @@ TEST(ProcessControl, FollowsProcessesThatComeAndGoInAnyOrder) {
             control.refresh(true);
             EXPECT_THAT(pidsOf(control), testing::UnorderedElementsAreArray(alive));
             EXPECT_EQ(control.getNumberOfProcesses(), static_cast<int>(alive.size()));
-            // those that stayed keep their order, new ones stand behind them
+            // those that stayed keep their order, new ones are after them
             std::vector<int> expected;
             for (const int pid : before) {
                 if (std::find(alive.begin(), alive.end(), pid) != alive.end()) expected.push_back(pid);
@@ -448,7 +448,7 @@ TEST_F(ProcessNames, WithoutPrefixGiveEveryEntry) {
     EXPECT_EQ(control_.getNextProcessEntryByName(nullptr, entries.back()), nullptr);
 }
 
-TEST_F(ProcessNames, AreNotSearchedBehindAnEntryOfAnotherList) {
+TEST_F(ProcessNames, AreNotSearchedAfterAnEntryOfAnotherList) {
     const ProcessEntry stranger(1, "x");
     EXPECT_EQ(control_.getNextProcessEntryByName("x", &stranger), nullptr);
     list({"x"});

@@ -195,7 +195,7 @@ TEST_F(HostileLog, TheTemporaryFileCannotBeOpenedByAStranger) {
     ::rmdir(logFile.c_str());
 }
 
-// Whoever holds the lock of a file that strangers cannot open writes a log.
+// The holder of the lock of a file that strangers cannot open writes a log.
 TEST_F(HostileLog, AnHonestWriterThatHangsIsReportedAndLeftAlone) {
     writeFile(logFile, "old\n");
     const int fd = ::open(temporary.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);

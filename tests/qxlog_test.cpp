@@ -529,7 +529,7 @@ TEST_F(DeviceLog, AWriterWaitsForTheTemporaryFileAndThenTakesANewOne) {
     EXPECT_EQ(readFile(logFile), "2: 2026-11-15 08:40 second\n" + first);
 }
 
-TEST_F(DeviceLog, AWriterKilledAtAnyMomentLeavesAWholeLogAndBlocksNobody) {
+TEST_F(DeviceLog, AWriterKilledAtAnyMomentLeavesAWholeLogAndBlocksNoOtherWriter) {
     for (int round = 0; round < 60; ++round) {
         const pid_t writer = vxtest::startChild([] {
             for (int number = 1;; ++number) {

@@ -349,7 +349,7 @@ TEST_F(Route, TheRequestForAnIpv6AddressIsThis) {
                                        Bytes{0x20, 0x01, 0x0d, 0xb8, 0, 2, 0, 0, 0, 0, 0, 0, 0, 0, 0, 5}));
 }
 
-TEST_F(Route, TheSocketIsMadeAsPromised) {
+TEST_F(Route, TheSocketHasItsTypeAndBufferSizes) {
     vxtest::Intercept calls;
     std::vector<std::string> seen;
     calls->socket = [&](int domain, int type, int protocol) -> std::optional<int> {

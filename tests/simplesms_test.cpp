@@ -27,7 +27,7 @@ bool failClosedir = false;
 bool failFdopen = false;
 bool failNew = false;
 
-// The C library's own function behind one that this program replaces.
+// The C library's own function that this program replaces.
 template <typename Function>
 Function *next(const char *name) {
     return reinterpret_cast<Function *>(::dlsym(RTLD_NEXT, name));
@@ -242,7 +242,7 @@ TEST_F(SimpleSms, WordsAreSplitAtBlanks) {
     const auto sms = incoming("  From:   1   2 3\nReceived:   a   b\tc  d  \n\nx");
     ASSERT_NE(sms, nullptr);
     EXPECT_EQ(sms->getNumber(), "1");
-    EXPECT_EQ(sms->getReceived(), "a b\tc d");  // single blanks between, none behind the last
+    EXPECT_EQ(sms->getReceived(), "a b\tc d");  // single blanks between, none after the last
     EXPECT_TRUE(log.take().empty());
 }
 
@@ -302,7 +302,7 @@ TEST_F(SimpleSms, AnErrorOfBeforeIsNotTakenForTheFiles) {
     EXPECT_THAT(log.take(), ElementsAre(invalid("id", "Success")));
 }
 
-TEST_F(SimpleSms, TheBodyBeginsBehindTheFirstEmptyLine) {
+TEST_F(SimpleSms, TheBodyBeginsAfterTheFirstEmptyLine) {
     const auto sms = incoming("From: 1\n\n\nReceived: a\nFrom: 2\n\nx");
     ASSERT_NE(sms, nullptr);
     EXPECT_EQ(sms->getNumber(), "1");

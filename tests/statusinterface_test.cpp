@@ -548,7 +548,7 @@ TEST_F(StatusFifo, MayBeDeletedByItsObserver) {
     };
     write("/rx", std::string(500, 'y'));
     serve();
-    EXPECT_THAT(seen, ElementsAre(std::string(99, 'y')));  // nothing more arrived, at nobody
+    EXPECT_THAT(seen, ElementsAre(std::string(99, 'y')));  // nothing more arrived anywhere
     EXPECT_EQ(mortal, nullptr);
     EXPECT_FALSE(vxtest::exists(directory_ + "/rx"));
 }

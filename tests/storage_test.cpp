@@ -30,7 +30,7 @@ namespace {
 std::optional<std::vector<struct statfs>> fileSystems;
 }  // namespace
 
-// Stands in the way of the C library's for this program: no file system of a test has a reserve, or blocks in the
+// Replaces the C library's for this program: no file system of a test has a reserve, or blocks in the
 // billions.
 extern "C" int statfs(const char *path, struct statfs *status) noexcept {
     using Function = int(const char *, struct statfs *);
@@ -236,7 +236,7 @@ TEST_F(StorageTest, ADisksFirstPartitionStandsForIt) {
     link("sdb", pci + "usb1/1-1/block/sdb");
     link("sdb2", pci + "usb1/1-1/block/sdb/sdb2");
     EXPECT_THAT(found(), testing::UnorderedElementsAre("sda1(sda) 8/0", "sdb(sdb) 8/0"));
-    // A partition that is no link is skipped, and nothing stands in for it.
+    // A partition that is not a link is skipped and not replaced.
     vxtest::writeFile(block + "sdb1", "");
     EXPECT_THAT(found(), ElementsAre("sda1(sda) 8/0"));
 }
@@ -267,8 +267,8 @@ TEST_F(StorageTest, UsbDisksAreMatchedToPorts) {
     EXPECT_THAT(found(), ElementsAre("sda(sda) 16/0"));  // the first port that fits
     usbName(0, "1-1");                                   // a part of a name is not the name
     EXPECT_THAT(found(), ElementsAre("sda(sda) 16/1"));
-    usbName(0, "sda");  // the last name has no slash behind it
-    usbName(1, "..");   // read as it stands
+    usbName(0, "sda");  // the last name has no slash after it
+    usbName(1, "..");   // read unchanged
     EXPECT_THAT(found(), ElementsAre("sda(sda) 16/1"));
     usbName(1, "\n \n");
     EXPECT_THAT(found(), ElementsAre("sda(sda) 8/0"));

@@ -373,7 +373,7 @@ TEST_F(FilesOfStrangers, SwappingLinksShowsNoSecret) {
     EXPECT_GT(honest, 0);
 }
 
-// The kernel lets an owner hold up everybody who opens his file, for 45 s unless told otherwise.
+// The kernel lets an owner hold up every user who opens his file, for 45 s unless told otherwise.
 TEST_F(FilesOfStrangers, ALeaseIsNotWaitedFor) {
     const std::string leased = theirs + "/leased";
     writeFile(leased, "42");
@@ -750,7 +750,7 @@ TEST_F(StatusTree, ADeviceIsNotAValue) {
               0);
 }
 
-// A directory that everybody may write is the daemon's choice (its umask). What the stranger swaps in is not used.
+// A directory that every user may write to is the daemon's choice (its umask). What the stranger swaps in is not used.
 TEST_F(StatusTree, SwappingDirectoriesLeadsNowhere) {
     makeDir("/tmp/status", 0777);
     constexpr const char *bait = "/tmp/status/bait";

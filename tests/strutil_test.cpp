@@ -237,7 +237,7 @@ TEST(Escape, TakesAtMostNBytesAndStopsAtTheTerminator) {
     EXPECT_EQ(escaped("", 5, 16), "");
 }
 
-TEST(Escape, NeverReadsTheByteBehindTheNth) {
+TEST(Escape, NeverReadsTheByteAfterTheNth) {
     vxtest::GuardedBuffer guarded(4);
     ::memcpy(guarded.data(), "ab\ncd", 4);
     char dst[16];
@@ -256,7 +256,7 @@ TEST(Escape, StopsWhereTheIndexHasReachedSizeMinusTwo) {
     EXPECT_EQ(escaped("a\n\n", 3, 6), "a\\n\\n");
 }
 
-TEST(Escape, NeverWritesBehindTheSize) {
+TEST(Escape, NeverWritesAfterTheSize) {
     for (size_t size = 2; size < 20; ++size) {
         vxtest::GuardedBuffer dst(size);
         for (const char *text :
@@ -394,7 +394,7 @@ TEST(Strnicmp, ComparesNBytes) {
     EXPECT_EQ(strnicmp("ab", "ab", SIZE_MAX), 0);
 }
 
-TEST(Strnicmp, NeverReadsTheByteBehindTheNth) {
+TEST(Strnicmp, NeverReadsTheByteAfterTheNth) {
     vxtest::GuardedBuffer left(3), right(3);
     ::memcpy(left.data(), "abc", 3);
     ::memcpy(right.data(), "ABC", 3);

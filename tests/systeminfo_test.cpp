@@ -89,11 +89,11 @@ TEST_F(Systeminfo, AQuotedValueEndsAtTheNextQuoteOrAtTheLineFeed) {
 
 TEST_F(Systeminfo, CommentsAndLinesWithoutAValueAreSkipped) {
     EXPECT_EQ(pairs("# A=1\n   # B=2\n\n   \nword\nC="), Pairs{});
-    EXPECT_EQ(pairs("C=\nD"), (Pairs{{"C", "\n"}}));  // the line feed is something behind the "="
+    EXPECT_EQ(pairs("C=\nD"), (Pairs{{"C", "\n"}}));  // the line feed is something after the "="
     EXPECT_EQ(pairs("\t# A=1\n"), (Pairs{{"\t# A", "1\n"}}));
 }
 
-TEST_F(Systeminfo, BlanksBeforeANameAreSkippedAndThoseBehindItBelongToIt) {
+TEST_F(Systeminfo, BlanksBeforeANameAreSkippedAndThoseAfterItBelongToIt) {
     EXPECT_EQ(pairs("   A B =\"1\"\n\tC=\"2\"\n=\"3\"\n"), (Pairs{{"A B ", "1"}, {"\tC", "2"}, {"", "3"}}));
 }
 

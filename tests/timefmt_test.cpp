@@ -28,7 +28,7 @@ time_t time(time_t *result) noexcept {
 
 namespace {
 
-// Lets the C library's clock stand at one second.
+// Stops the C library's clock at one second.
 class AtTime {
 public:
     explicit AtTime(time_t t) { pretendedTime = t; }

@@ -196,7 +196,7 @@ TEST_F(Vxevent, WritesOneRecord) {
     EXPECT_EQ(drain(), bytes(0xffffffffU, 0x80000000U, ""));
 }
 
-TEST_F(Vxevent, ARecordWithoutTextIsZeroBehindItsNumbers) {
+TEST_F(Vxevent, ARecordWithoutTextIsZeroAfterItsNumbers) {
     makeFifo();
     EXPECT_EQ(vxevent(1, 2, nullptr), 0);
     EXPECT_EQ(drain(), bytes(1, 2, ""));
@@ -242,7 +242,7 @@ TEST_F(Vxevent, WithoutAReaderItNeitherBlocksNorRaisesSigpipe) {
               }),
               0);
     fifo = ::open(fifoPath.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC);
-    EXPECT_EQ(drain(), "");  // what nobody held open is gone
+    EXPECT_EQ(drain(), "");  // what no process held open is gone
 }
 
 TEST_F(Vxevent, AFullFifoIsWaitedForUntilItIsRead) {
@@ -399,7 +399,7 @@ protected:
         }
         return socket;
     }
-    // Dispatches probes until the sink has one: only then the connection stands.
+    // Dispatches probes until the sink has one: only then the connection is made.
     static void connect(void *source, const std::vector<void *> &sinks) {
         const vxevent_record probe = recordOf(0xfeed, 0, "probe");
         for (void *sink : sinks) {
@@ -472,7 +472,7 @@ TEST_F(Legacy, AnEndpointHasOneSource) {
     EXPECT_EQ(create_legacy_source_with_addr(context, endpoint.c_str()), nullptr);
     void *const other = zmq_ctx_new();
     EXPECT_EQ(create_legacy_source(other), nullptr);
-    zmq_ctx_term(other);  // would hang if a socket had been left behind
+    zmq_ctx_term(other);  // would hang if a socket had been left
 }
 
 TEST_F(Legacy, OtherEndpointsAreSeparate) {
@@ -508,7 +508,7 @@ TEST_F(Legacy, WithoutASubscriptionThereIsNoSink) {
     void *const other = zmq_ctx_new();
     EXPECT_EQ(register_legacy_sink(other), nullptr);
     noSubscription = false;
-    zmq_ctx_term(other);  // would hang if a socket had been left behind
+    zmq_ctx_term(other);  // would hang if a socket had been left
 }
 
 TEST_F(Legacy, WhatCannotBeSentFails) {
@@ -559,7 +559,7 @@ TEST_F(LegacyMemory, ASentRecordIsFreedOnceByWhoeverIsDoneWithItLast) {
 #endif
 }
 
-TEST_F(LegacyMemory, ARecordThatNobodyWantsIsFreedOnce) {
+TEST_F(LegacyMemory, ARecordWithoutSubscribersIsFreedOnce) {
     for (void *socket : sockets) zmq_close(socket);
     sockets.clear();
     void *other = zmq_ctx_new();
@@ -633,7 +633,7 @@ TEST_F(Legacy, TheExamplePrintsWhatIsPublished) {
     const vxevent_record record = recordOf(17, 1, "wan1");
     const vxevent_record end = recordOf(0, 0, "");
     std::atomic<bool> done = false;
-    // Repeated until both have it: a subscriber misses what comes before its connection stands.
+    // Repeated until both have it: a subscriber misses what comes before its connection is made.
     std::thread publisher([&] {
         while (!done) {
             dispatch_legacy_event(source, &record);

@@ -41,7 +41,7 @@ void makeMarkerInTime(std::string_view path) {
 
 }  // namespace
 
-// Stands in the way of the C library's for this program, so that a card's reset can begin between two given looks.
+// Replaces the C library's for this program, so that a card's reset can begin between two given looks.
 extern "C" int access(const char *path, int mode) noexcept {
     makeMarkerInTime(path);
     return ::faccessat(AT_FDCWD, path, mode, 0);
@@ -191,7 +191,7 @@ protected:
     Modem modem;
 };
 
-// The log line of a busy daemon after a wait that began with so many seconds and needed less than one.
+// The log line of a busy daemon after a wait that began with that many seconds and needed less than one.
 auto busyWithin(int seconds) {
     const std::string start = "wwanmd0 is busy, remaining timeout is ";
     return testing::AnyOf(StartsWith(start + std::to_string(seconds - 1) + "."),
@@ -371,7 +371,7 @@ TEST_F(Wwanmd, ASocketThatCannotBeMadeIsReported) {
     EXPECT_THAT(logTexts(), ElementsAre("can't open socket to wwanmd0 (Too many open files)"));
 }
 
-TEST_F(Wwanmd, AnOkYieldsTheTextBehindIt) {
+TEST_F(Wwanmd, AnOkYieldsTheTextAfterIt) {
     const Handle handle = connect();
     ASSERT_NE(handle, nullptr);
     EXPECT_EQ(handle->flags, 1);

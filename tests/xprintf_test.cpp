@@ -250,7 +250,7 @@ void expectLikeModel(int skip, size_t size, const char *fmt, Args... args) {
     for (size_t i = expected.stored.size() + 1; i < size; ++i) ASSERT_EQ(buffer[i], untouched) << context;
 }
 
-// ---- Windows ----
+// ---- Slices ----
 
 TEST(Snxprintf, ShowsAWindowOfTheText) {
     char buffer[8];
@@ -322,7 +322,7 @@ TEST(Snxprintf, PiecesPutTogetherAreTheWholeText) {
     }
 }
 
-TEST(Snxprintf, NeverTouchesAByteBehindTheSize) {
+TEST(Snxprintf, NeverTouchesAByteAfterTheSize) {
     for (size_t size = 1; size <= 48; ++size) {
         vxtest::GuardedBuffer buffer(size);
         for (int skip = 0; skip < 40; skip += 3) {

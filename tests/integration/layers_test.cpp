@@ -119,7 +119,7 @@ TEST(Layers, TheToolStandsOnThePublicInterfaceAlone) {
 
 TEST(Layers, InternalHelpersIncludeNoFamilyAboveTheFoundation) {
     for (const auto &entry : fs::directory_iterator(source / "vxutils/internal")) {
-        // A private header named after a family is that family's own and stands where the family stands.
+        // A private header named after a family is that family's own and is in its layer.
         std::string stem = entry.path().stem();
         int own = 1;
         for (size_t cut = stem.size(); cut != std::string::npos; cut = stem.rfind('_', cut - 1)) {

@@ -26,7 +26,7 @@ protected:
         } while (lines.back() != last);
         return lines;
     }
-    // The reports of a run in the order of the daemon's own lines, and what everybody else must have seen of them.
+    // The reports of a run in the order of the daemon's own lines, and what all others must have seen of them.
     static void expectEverywhere(vxtest::Process &daemon, vxtest::Process &manager,
                                  const std::vector<vxtest::Process *> &subscribers) {
         std::vector<std::string> reports;
@@ -47,7 +47,7 @@ protected:
     vxtest::SyslogCapture log;
 };
 
-TEST_F(LoopDaemon, TakesADeadOwnersLockAndReachesEverybody) {
+TEST_F(LoopDaemon, TakesADeadOwnersLockAndReachesAllSubscribers) {
     if (vxtest::emulated()) GTEST_SKIP() << "user-mode emulation has no robust mutex lists: a death is not seen";
     vxtest::Process manager({vxtest::built("gateway/eventmanager")});
     ASSERT_EQ(manager.readLine(), "ready");
@@ -59,7 +59,7 @@ TEST_F(LoopDaemon, TakesADeadOwnersLockAndReachesEverybody) {
     ASSERT_EQ(second.readLine(), "listener: listening");
     vxtest::Process daemon({vxtest::built("examples/loop_daemon")});
     ASSERT_EQ(daemon.readLine(), "loop: running");
-    // The daemon stands at the lock: time for both subscribers to find it before the first event.
+    // The daemon waits for the lock: time for both subscribers to find it before the first event.
     std::this_thread::sleep_for(std::chrono::seconds(2));
     holder.signal(SIGKILL);
     EXPECT_EQ(holder.wait(), 128 + SIGKILL);

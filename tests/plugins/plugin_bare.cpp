@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// A plug-in without any entry point, but with a function that calls what nobody has: harmless until somebody calls it.
+// A plug-in without any entry point, but with a function that calls a missing function: harmless until it is called.
 extern "C" {
 
 void vxtest_function_that_nobody_has();

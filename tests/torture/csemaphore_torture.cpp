@@ -26,7 +26,7 @@ void systemV(Run &run) {
     CSemaphore lock(keyFile, 7);
     const int made = run([&] { return lock.init(); });
     run.outcome("init", made == 0, made == -1, "CSemaphore::init()");
-    // A set that was made and not initialised is left behind, locked: its maker was told.
+    // A set that was made and not initialised is left, locked: its maker was told.
     if (made == 0) {
         const int locked = run([&] { return lock.lock(); });
         run.outcome("lock", locked == 0, locked == -1, "CSemaphore::lock()");

@@ -155,7 +155,7 @@ void listProcessState(std::vector<std::string> &found) {
     found.push_back(std::string("directory ") + ::getcwd(directory.data(), directory.size()));
 }
 
-// Everything that a call could leave behind, except memory.
+// Everything that a call could leave, except memory.
 std::vector<std::string> inventory(const Scenario &scenario) {
     ::closelog();
     std::vector<std::string> found;

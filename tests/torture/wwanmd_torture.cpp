@@ -39,7 +39,7 @@ void command(Run &run) {
             wwanmd_msg message{};
             std::strcpy(message.data, "status");
             message.len = 6;
-            // A command that finds the daemon silent connects anew, with a handshake.
+            // A command that finds the daemon silent connects again, with a handshake.
             const int result = run([&] { return wwanmd_command(handle, &message); }, 25s);
             run.outcome("wwanmd_command", result == 0, result == -1 || result == -11);
         }
