@@ -52,7 +52,8 @@ public:
     /**
      * Closes the socket of an earlier echo and sends a new one: 28 bytes, with the next sequence number.
      *
-     * @param source      source address, a dotted quad; "0.0.0.0" leaves the choice to the kernel.
+     * @param source      source address, a dotted quad; "0.0.0.0" leaves the choice to the kernel, and a text that
+     *                    cannot be read is sent as 255.255.255.255 (quirk Q78).
      * @param destination host to ping, a dotted quad or a name (first IPv4 address).
      * @return 0 when the packet went out, else 1; the socket, once open, stays open until cleanup().
      *
@@ -67,8 +68,8 @@ public:
      * where it can be seen, on the loopback interface. One call looks at 1024 packets at most, so that a sender who
      * never stops cannot keep it.
      *
-     * @return 0 when the reply was there, 2 when there is nothing (more) to read, 3 on a receive error, also when no
-     * echo was sent.
+     * @return 0 when the reply was there, 2 when there is nothing (more) to read, 3 on a receive error. Without an
+     *         echo: 3 when no socket is open (before the first echo and after cleanup()), else 2.
      */
     virtual int checkPingResponse();
 
