@@ -281,6 +281,34 @@ TEST_F(Trees, ASecretIsNotCopiedIntoAStrangersFile) {
     }
 }
 
+TEST_F(Trees, NothingIsWrittenIntoAStrangersFifo) {
+    static const std::array<std::string, 3> fifos{dir + "/open/fifo", "/tmp/status/daemon/state", "/dev/shm/fifo"};
+    StatusInterface status;
+    ASSERT_TRUE(status.setup(BASEPATH_STATUS, "/daemon"));
+    for (const mode_t mode : {0777, 01777}) {
+        makeDir(dir + "/open", mode);
+        ASSERT_EQ(::chmod("/tmp/status/daemon", mode), 0);
+        const vxtest::Attack reading([] {
+            [[maybe_unused]] static const bool open = [] {
+                for (const std::string &fifo : fifos) {
+                    if (::mkfifo(fifo.c_str(), 0666) == -1 || ::open(fifo.c_str(), O_RDWR | O_CLOEXEC) == -1)
+                        ::_exit(1);
+                }
+                return true;
+            }();
+            ::usleep(1000);
+        });
+        errno = 0;
+        EXPECT_EQ(copy_file((ours + "/file0").c_str(), fifos[0].c_str()), -1);
+        EXPECT_EQ(errno, EACCES);
+        EXPECT_FALSE(status.setStatus("/state", "secret"));
+        EXPECT_EQ(errno, EACCES);
+        EXPECT_EQ(write_file_atomic(fifos[2].c_str(), "secret", 6, 0, 1), -1);
+        EXPECT_EQ(errno, EACCES);
+        for (const std::string &fifo : fifos) ::unlink(fifo.c_str());
+    }
+}
+
 // Where the kernel lets users link what is not theirs (fs.protected_hardlinks = 0).
 TEST_F(Trees, ASecondNameInAnOpenDirectoryIsNotWritten) {
     writeFile(dir + "/new", "new");

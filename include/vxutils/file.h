@@ -20,8 +20,8 @@
  *   to the process's user, nor to the directory's owner;
  * - to write in place through any link but one that belongs to root or to the process's user, or is in a directory of
  *   theirs that not every user may write to;
- * - to write in place, in a directory that every user may write to, a file that belongs neither to root, nor to the
- *   process's user, nor to the directory's owner;
+ * - to write in place, in a directory that every user may write to, a file or FIFO that belongs neither to root, nor to
+ *   the process's user, nor to the directory's owner;
  * - to write in place a file with several names (hard links), unless
  * its directory belongs to root or to the process's user and not every user may write to it.
  *

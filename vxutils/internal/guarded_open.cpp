@@ -127,7 +127,9 @@ Fd openLinked(int directory, const char *path) {
     return {};
 }
 
-// Whether a regular file may be written where it was found.
+bool isDevice(const struct stat &file) { return S_ISCHR(file.st_mode) || S_ISBLK(file.st_mode); }
+
+// Whether a file or FIFO may be written where it was found.
 bool mayBeWritten(int directory, const char *path, const struct stat &file) {
     if (isOurs(file) && file.st_nlink <= 1) return true;
     struct stat place {};
@@ -140,7 +142,7 @@ bool mayBeWritten(int directory, const char *path, const struct stat &file) {
 Target admitted(Target target, int directory, const char *path) {
     if (!target.valid() || target.created) return target;
     if (::fstat(target.file.get(), &target.status) == -1) return {};
-    if (!S_ISREG(target.status.st_mode) || mayBeWritten(directory, path, target.status)) return target;
+    if (isDevice(target.status) || mayBeWritten(directory, path, target.status)) return target;
     return {refused(EACCES)};
 }
 
@@ -266,8 +268,7 @@ Target openTarget(int directory, const char *path, mode_t mode) noexcept {
     Target target = withoutMemoryRefused([&] { return openAnyTarget(directory, path, mode); });
     if (!target.valid()) return target;
     // A device is written as ever; a FIFO must not make the writer wait.
-    const bool isDevice = S_ISCHR(target.status.st_mode) || S_ISBLK(target.status.st_mode);
-    if (!target.created && isDevice) (void)::fcntl(target.file.get(), F_SETFL, 0);
+    if (!target.created && isDevice(target.status)) (void)::fcntl(target.file.get(), F_SETFL, 0);
     errno = before;
     return target;
 }

@@ -59,8 +59,8 @@ struct Target {
 // Opens a file for writing, creates it with `mode` when it is missing, and leaves its content as it is.
 //
 // Never waits: a FIFO without a reader fails with ENXIO, one with a reader stays non-blocking. Refused with EACCES: a
-// link that was not placed by us, an existing file that may be foreign, and a file with a second name in a directory
-// where a stranger may have made that name.
+// link that was not placed by us, an existing file or FIFO that may be foreign, and a file with a second name in a
+// directory where a stranger may have made that name.
 Target openTarget(int directory, const char *path, mode_t mode) noexcept;
 
 // Keeps a FIFO whose reader leaves from ending the process: a write to it fails with EPIPE and raises no SIGPIPE.
