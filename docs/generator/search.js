@@ -16,15 +16,15 @@ function stem(word) {
     return word.length > 4 ? word.replace(/(ings?|ies|es|s|ed)$/, "") : word;
 }
 
-function weightOf(entry, word) {
+function weightOf(entry, word, alone) {
     const [title, kind, , summary, text] = entry;
     const name = title.toLowerCase();
-    if (name === word || name === word + "()") return 120;
-    if (name.split("::").pop() === word) return 100;
+    if (name === word || name === word + "()") return alone ? 120 : 40;
+    if (name.split("::").pop() === word) return alone ? 100 : 38;
     const titleWords = wordsOf(title);
-    if (titleWords.includes(word)) return 40;
-    if (name.startsWith(word)) return 36;
-    if (titleWords.some((w) => stem(w) === stem(word))) return 30;
+    if (titleWords.includes(word)) return 25;
+    if (name.startsWith(word)) return 22;
+    if (titleWords.some((w) => stem(w) === stem(word))) return 19;
     if (name.includes(word)) return 15;
     const summaryWords = wordsOf(summary);
     if (summaryWords.includes(word)) return 14;
@@ -34,21 +34,24 @@ function weightOf(entry, word) {
     return 0;
 }
 
-const PREFERRED = {guide: 7, family: 6, command: 4, function: 3, class: 5, document: 2};
+const PREFERRED = {guide: 20, family: 18, class: 5, function: 3, document: 2};
 
 function find(query) {
     const words = query.toLowerCase().replace(/\(\)/g, "").match(/[a-z0-9_:.]+/g) || [];
     if (words.length === 0) return [];
-    const found = [];
+    const found = [], phrase = query.trim().toLowerCase();
     for (const entry of INDEX) {
         let sum = 0;
         for (const word of words) {
-            let weight = weightOf(entry, word);
-            for (const other of SAME[word] || []) weight = Math.max(weight, 0.8 * weightOf(entry, other));
+            let weight = weightOf(entry, word, words.length === 1);
+            for (const other of SAME[word] || []) weight = Math.max(weight, 0.8 * weightOf(entry, other, false));
             if (weight === 0) { sum = 0; break; }
             sum += weight;
         }
         if (sum === 0) continue;
+        if (entry[0] === query.trim()) sum += 60;
+        else if (entry[0].toLowerCase() === phrase) sum += 50;
+        else if (words.length > 1 && (entry[0] + " " + entry[3]).toLowerCase().includes(phrase)) sum += 40;
         // Few other words in the title: the entry is about what was asked.
         sum += (PREFERRED[entry[1]] || 0) + 10 * words.length / (words.length + wordsOf(entry[0]).length);
         found.push([sum, entry]);

@@ -98,7 +98,8 @@ class Site:
                 parts.append("<dl>" + "".join(f"<dt>{t}</dt><dd>{self.inline(text, near)}</dd>" for t, text in rows) + "</dl>")
         elif "override" in item.declaration:
             parts.append("<p>As the function that it overrides.</p>")
-        if anchor and re.fullmatch(r"[A-Za-z_]\w*", item.name):
+        constructor = item.scope.rsplit("::", 1)[-1] == item.name
+        if anchor and not constructor and re.fullmatch(r"[A-Za-z_]\w*", item.name):
             summary = model.plain(comment.summary or comment.returns) if comment else ""
             self.entries.append([item.qualified, words or "function", f"{self.at}#{name}", summary,
                                  model.plain(comment.text) if comment else ""])
