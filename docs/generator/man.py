@@ -1,4 +1,4 @@
-"""The manual pages of section 3 and vxutils(7), in the macros of man(7).
+"""The manual pages of sections 3 and 7, in the macros of man(7).
 
 One page per family, and for every name that a program can use a page that only names the family's page (.so). The files
 are called NAME.3vx: man finds them in section 3, and they stand beside pages of the same name from other libraries."""
@@ -9,6 +9,7 @@ import textwrap
 
 import comments
 import model
+import pages7
 
 SECTION = "3vx"
 
@@ -245,7 +246,7 @@ def page(name, section, sections):
     return "\n".join(lines) + "\n"
 
 
-def overview(library):
+def overview(library, guide_names):
     """vxutils(7): the text of docs/generator/vxutils.7 with the index of families and their privileges put in."""
     index, privileges = [], []
     for facility, families in model.FACILITIES.items():
@@ -259,7 +260,8 @@ def overview(library):
             if text and not re.match(r"none\b", text, re.I):
                 privileges += [".TP", f".BR {escaped(name)} ({SECTION})", *paragraph(text)]
     text = (model.ROOT / "docs/generator/vxutils.7").read_text()
-    text = text.replace("@DATE@", date()).replace("@VERSION@", model.version())
+    guides = ",\n".join(f".BR {escaped(name)} (7)" for name in guide_names)
+    text = text.replace("@GUIDES@", guides).replace("@DATE@", date()).replace("@VERSION@", model.version())
     return text.replace("@FAMILIES@", "\n".join(index)).replace("@PRIVILEGES@", "\n".join(privileges))
 
 
@@ -277,5 +279,8 @@ def write(library, directory):
             if name != family.name:
                 (man3 / f"{name}.{SECTION}").write_text(f".so man3/{family.name}.{SECTION}\n")
         names |= {family.name, *family.pages}
-    (man7 / "vxutils.7").write_text(overview(library))
-    return names
+    guides = pages7.sources()
+    for name, source in guides.items():
+        (man7 / f"{name}.7").write_text(pages7.page(name, source))
+    (man7 / "vxutils.7").write_text(overview(library, guides))
+    return names | {"vxutils", *guides}

@@ -34,7 +34,7 @@ function weightOf(entry, word, alone) {
     return 0;
 }
 
-const PREFERRED = {guide: 20, family: 18, class: 5, function: 3, document: 2};
+const PREFERRED = {guide: 4, family: 18, class: 5, function: 3, document: 2};
 
 function find(query) {
     const words = query.toLowerCase().replace(/\(\)/g, "").match(/[a-z0-9_:.]+/g) || [];
@@ -49,11 +49,12 @@ function find(query) {
             sum += weight;
         }
         if (sum === 0) continue;
-        if (entry[0] === query.trim()) sum += 60;
+        const at = (entry[0] + " " + entry[3]).toLowerCase().indexOf(phrase);
+        if (entry[0] === query.trim()) sum += 90;
         else if (entry[0].toLowerCase() === phrase) sum += 50;
-        else if (words.length > 1 && (entry[0] + " " + entry[3]).toLowerCase().includes(phrase)) sum += 40;
+        else if (words.length > 1 && at >= 0) sum += 40 - Math.min(20, at / 4);
         // Few other words in the title: the entry is about what was asked.
-        sum += (PREFERRED[entry[1]] || 0) + 10 * words.length / (words.length + wordsOf(entry[0]).length);
+        sum += (PREFERRED[entry[1]] || 0) + 20 * words.length / (words.length + wordsOf(entry[0]).length);
         found.push([sum, entry]);
     }
     return found.sort((a, b) => b[0] - a[0]).slice(0, 30).map((pair) => pair[1]);

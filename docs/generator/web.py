@@ -16,7 +16,7 @@ import model
 
 ASSETS = ("style.css", "search.js")
 PROJECT_PAGES = {"README.md": "readme.html", "CHANGELOG.md": "changelog.html", "CONTRIBUTING.md": "contributing.html",
-                 "SECURITY.md": "reporting.html", "LICENSE": "licence.html"}
+                 "SECURITY.md": "reporting.html", "LICENSE": "licence.html", "packaging/README.md": "packaging.html"}
 
 
 class Page:
