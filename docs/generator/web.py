@@ -139,7 +139,7 @@ class Site:
             group = item.group
             parts.append(self.item(item, 3, seen))
         see = [f'<a href="{name}.html">{name}</a>' for name in self.library.related(family)]
-        see += [f'<a href="{name}.html">{name}(1)</a>' for name in self.library.commands(family)]
+        see += [f'<a href="{name}.1.html">{name}(1)</a>' for name in self.library.commands(family)]
         if see:
             parts.append("<h2>See also</h2><p>" + ", ".join(see) + "</p>")
         self.entries.append([family.name, "family", self.at, family.summary, model.plain(family.comment.text)])
@@ -204,17 +204,17 @@ class Site:
 
     def commands(self):
         for path in sorted((model.ROOT / "tools/man").glob("*.1")):
-            made = subprocess.run(["mandoc", "-T", "html", "-O", "fragment,man=%N.html", str(path)], check=True,
+            made = subprocess.run(["mandoc", "-T", "html", "-O", "fragment,man=%N.%S.html", str(path)], check=True,
                                   capture_output=True, text=True).stdout
             body = re.sub(r'<table class="(?:head|foot)">.*?</table>', "", made, flags=re.S)
             body = re.sub(r"(</?)h1\b", r"\1h2", body)  # the page's title is its main heading
             body = re.sub(r'<a class="permalink" href="#[^"]*">(.*?)</a>', r"\1", body, flags=re.S)
             body = re.sub(r'<a class="Xr" href="([^"]+)">(.*?)</a>',
-                          lambda m: m.group() if (model.ROOT / f"tools/man/{m.group(1)[:-5]}.1").exists() else m.group(2), body)
+                          lambda m: m.group() if (model.ROOT / f"tools/man/{m.group(1)[:-5]}").exists() else m.group(2), body)
             summary = re.search(r"^\.Nd (.*)$", path.read_text(), re.M).group(1)
             title = path.stem.replace("vx-", "vx ")
-            self.pages.append(Page(f"{path.stem}.html", title, f"<h1>{title}</h1>" + body, "command", summary))
-            self.entries.append([title, "command", f"{path.stem}.html", summary,
+            self.pages.append(Page(f"{path.name}.html", title, f"<h1>{title}</h1>" + body, "command", summary))
+            self.entries.append([title, "command", f"{path.name}.html", summary,
                                  html.unescape(re.sub(r"<[^>]+>", " ", body))])
 
     # --- frame ----------------------------------------------------------------------------------------------------------
@@ -306,6 +306,9 @@ class Site:
         self.commands()
         self.examples()
         self.lists()
+        files = [page.file for page in self.pages]
+        if len(set(files)) != len(files):
+            raise model.ModelError("two pages of the site are called " + ", ".join({f for f in files if files.count(f) > 1}))
 
 
 def search_text(text):

@@ -19,7 +19,8 @@ SEARCHES = {
     "DIO_MISSING": "dio.html#DIO_MISSING",
     "CMessageQueue": "messagequeue.html#CMessageQueue",
     "trylock": "csemaphore.html#CRecursiveSemaphore::trylock",
-    "event loop": "guide-loops.html",
+    "event loop": "eventsource.html",
+    "blocking calls": "guide-loops.html",
     "first daemon": "guide-first-daemon.html",
     "test without board": "guide-testing.html",
     "scripts with vx": "guide-scripts.html",
@@ -33,7 +34,7 @@ SEARCHES = {
     "troubleshooting": "troubleshooting.html",
     "security": "security.html",
     "report vulnerability": "reporting.html#reporting-a-vulnerability",
-    "vx lock": "vx-lock.html",
+    "vx lock": "vx-lock.1.html",
     "changelog": "changelog.html",
 }
 
