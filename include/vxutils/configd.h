@@ -68,7 +68,11 @@
  * until it answers. configd_get() and the first configd_fetch() do so once for each key. In an event loop, use a thread
  * of its own (messagequeue.h brings the results back).
  *
- * **Errors.** Results of -1 to -4, NULL or an empty text, and one line in the system log (LOG_ERR).
+ * **Errors.** Results of -1 to -4, NULL or an empty text, and one line in the system log (LOG_ERR). Without the daemon
+ * configd_get(), configd_set() and configd_done() fail at once ("unable to send query to configd") and configd_fetch()
+ * gives empty texts; the same handle works as soon as the daemon runs. configd_fetch() gives an empty text for "no
+ * answer" and for an empty value: configd_get() with NULL, called first, returns 0 only when every value is the
+ * daemon's.
  *
  * **Limits.** Keys have at most 255 characters, values 1023, a query list 512 keys, a request 16381 characters. Keys
  * and values are texts without line feeds; keys hold no "=". The client does not look into them.

@@ -11,6 +11,7 @@
  * String path;
  * path.format("/sys/class/net/%s/mtu", name.c_str());  // c_str(): the compiler refuses a String as an argument
  * if (path.endsWith("mtu")) puts(path.c_str());        // prints /sys/class/net/eth0/mtu
+ * name.format("%lu", (unsigned long)sizeof path);      // not %zu: format() lists the conversions that it understands
  * @endcode
  *
  * **Texts.** A text is any sequence of bytes and is always followed by a NUL; most operations that look into a text

@@ -289,7 +289,11 @@ TEST_F(Install, TheCommandsOfTheReadmeWork) {
     EXPECT_LT(fs::file_size("/usr/lib/libvxutils.so.1.0.0"), 500000U);
     vxtest::writeFile("/tmp/user/main.c", readmeBlocks("c").at(0));
     shell("cd /tmp/user && " + blocks[2]);
-    shell("/tmp/user/main", 1);  // no configuration daemon here
+    shell("rm -rf /var/run/configd && /tmp/user/main", 1);
+    shell("mkdir -p /var/run/configd && /tmp/user/main", 1);  // no daemon: no answer
+    const vxtest::Process daemon({vxtest::built("gateway/configd"), "wan.0.apn=internet", "wan.0.pin="});
+    EXPECT_EQ(shell("until [ -S /var/run/configd/daemon.sock ]; do sleep 0.02; done; /tmp/user/main"),
+              "apn internet, pin \n");
 }
 
 // The packages of the README's first command are those that scripts/setup installs to build the library.
