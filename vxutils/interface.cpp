@@ -100,7 +100,7 @@ std::array<char, displaySize + 1> Display::buffer_;
 // Text of a status file, empty when it cannot be read or a stranger may have made it.
 class StatusText {
 public:
-    explicit StatusText(const char *path) : text_("") {
+    explicit StatusText(const char *path) {
         if (vx::isBelievable(path)) text_ = readfile_r(path, buffer_.data(), buffer_.size());
     }
     StatusText(const StatusText &) = delete;
