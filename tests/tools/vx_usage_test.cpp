@@ -95,7 +95,10 @@ TEST(VxUsage, UnknownNamesSuggestTheNearest) {
 TEST(VxUsage, EveryCommandHasHelpAndRefusesUnknownOptions) {
     const auto verbs = allVerbs();
     EXPECT_GT(verbs.size(), 50U);
+    size_t number = 0;
     for (const std::string &verb : verbs) {
+        // The table is the same on both machines, and each start takes long under the emulator.
+        if (vxtest::emulated() && ++number % 8 != 1) continue;
         auto words = wordsOf(verb);
         words.emplace_back("--help");
         auto result = vx(words);
