@@ -243,7 +243,7 @@ uint32_t cappedLength(unsigned long asked, unsigned long complete) {
 }
 
 // Digests "abc" and says whether the published digest came out.
-int selfTest(HashContext &context, const unsigned char *expected) {
+[[gnu::cold]] int selfTest(HashContext &context, const unsigned char *expected) {
     unsigned char digest[largestDigest] = {};
     context.initialize(0);
     context.hash(testMessage, sizeof testMessage);
