@@ -75,7 +75,8 @@ class Roff(html.parser.HTMLParser):
 def sources():
     """The Markdown files that become pages, by the names of these."""
     pages = {f"vxutils-{path.stem}": path for path in sorted((model.ROOT / "docs/guides").glob("*.md"))}
-    for name, stem in (("troubleshooting", "troubleshooting"), ("security", "security"), ("quirks", "compatibility")):
+    for name, stem in (("troubleshooting", "troubleshooting"), ("security", "security"), ("quirks", "compatibility"),
+                       ("messages", "messages")):
         path = model.ROOT / f"docs/{stem}.md"
         if path.exists():
             pages[f"vxutils-{name}"] = path

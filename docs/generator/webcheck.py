@@ -7,6 +7,7 @@ import subprocess
 import tempfile
 import urllib.parse
 
+import messages
 import model
 
 # What a user would type, and the page that has to come first.
@@ -36,6 +37,9 @@ SEARCHES = {
     "report vulnerability": "reporting.html#reporting-a-vulnerability",
     "vx lock": "vx-lock.1.html",
     "changelog": "changelog.html",
+    "debugging": "guide-debugging.html",
+    "log messages": "messages.html",
+    "no response from configd": "messages.html#configd",
 }
 
 
@@ -133,19 +137,10 @@ def search(directory):
     return findings
 
 
-def log_lines():
-    """Every log line of the troubleshooting page is one that the library writes."""
-    source = "".join(path.read_text() for path in (model.ROOT / "vxutils").rglob("*.cpp"))
-    table = (model.ROOT / "docs/troubleshooting.md").read_text().partition("## Log lines")[2].partition("## ")[0]
-    lines = re.findall(r"^\| `([^`]+)`", table, re.M)
-    return [f"troubleshooting.md: the library does not log \"{line}\"" for line in lines if f'"{line}' not in source
-            and f" {line}" not in source] + ([] if lines else ["troubleshooting.md: no log lines"])
-
-
 def readme(library):
     text = (model.ROOT / "README.md").read_text()
     return [f"README.md: {name}.h is missing in the index by facility" for name in library.families if f"`{name}.h`" not in text]
 
 
 def pages(library, directory):
-    return links(directory) + contrast(directory) + log_lines() + readme(library)
+    return links(directory) + contrast(directory) + messages.check() + readme(library)
