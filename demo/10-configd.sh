@@ -1,4 +1,4 @@
-# The configuration daemon: a tool and a small daemon that live on its values.
+# The configuration daemon: scripts and a small daemon that use its values.
 chapter "Configuration daemon"
 say "A configuration daemon with a store in a file listens at /var/run/configd/daemon.sock."
 mkfifo /tmp/configd.control /tmp/leds.clock
@@ -14,18 +14,19 @@ order() {
   until grep -qx "ok $*" /tmp/configd.log; do sleep 0.01; done
   : >/tmp/configd.log
 }
-say "Two keys, one request each; then three as a list that is fetched once and served from memory:"
-show configd_reader hostname led.count
+say "A script reads values with vx. A daemon in C can fetch a list once and serve it from memory:"
+show vx config get hostname led.count
 show configd_reader --list led.0.color led.1.color no.such.key
-say "A change is echoed byte for byte, then committed. The daemon is busy the first time:"
-order busy 1
-show configd_reader --set hostname=gateway-8
-show configd_reader hostname
+say "A change is confirmed, then committed. The daemon is busy for the next three commits. Without --wait 0, vx asks again for a minute:"
+order busy 3
+show vx config set --wait 0 hostname=gateway-8
+show vx config commit --wait 10
+show vx config get hostname
 
 say "Asked for a key on which the daemon stays silent, a program gets its time back after 10 s; it waits in the background until the end of this demo:"
 order mute slow.key
-printf '  $ configd_reader slow.key &\n'
-configd_reader slow.key >/tmp/slow.out 2>&1 & slow=$!
+printf '  $ vx config get slow.key &\n'
+vx config get slow.key >/tmp/slow.out 2>&1 & slow=$!
 
 say "A small daemon, one round at a time. First with the values above, then with a changed one:"
 led_daemon </tmp/leds.clock >>/tmp/leds.out & peers+=($!)

@@ -124,8 +124,8 @@ Move and change things (each peer's own --help lists all its orders):
   gw wan cut | restore | lose | carry      the cable of the WAN link; the line behind it
   gw modem reset on|off, gw modem busy 2   the modem daemon of card 0 (wwanmd --help)
   gw config set KEY VALUE                  change the configuration (configd --help), then kill -HUP the daemon
-  gw usb in | out                          a USB disk; storage_list shows all storage
-  gw voltage N MILLIVOLTS                  the supply at input 1 or 2; adc_voltage N reads it
+  gw usb in | out                          a USB disk; vx storage shows all storage
+  gw voltage N MILLIVOLTS                  the supply at input 1 or 2; vx adc N reads it
 See what came of it:
   gw status           gw log               the status tree; the device log
   gw events           gw sms               what the event manager and the SMS tool got
