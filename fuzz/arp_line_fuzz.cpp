@@ -3,7 +3,7 @@
 #include <cstdlib>
 #include <string>
 
-#include "vxutils/internal/arp_line.h"
+#include "vxutils/ping_arp_line.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     if (size < 1 || size > 512) return 0;

@@ -3,7 +3,7 @@
 #include <cstdlib>
 #include <string>
 
-#include "vxutils/internal/bridge.h"
+#include "vxutils/interface_bridge.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     if (size > 4096) return 0;

@@ -4,7 +4,7 @@
 #include <cstdio>
 #include <cstdlib>
 
-#include "vxutils/internal/frequency.h"
+#include "vxutils/dio_frequency.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     if (size == 0 || size > 4096) return 0;

@@ -4,7 +4,7 @@
 #include <cstdlib>
 #include <memory>
 
-#include "vxutils/internal/icmp_echo.h"
+#include "vxutils/ping_icmp_echo.h"
 
 namespace echo = vx::echo;
 

@@ -4,7 +4,7 @@
 #include <cstdlib>
 #include <memory>
 
-#include "vxutils/internal/netlink.h"
+#include "vxutils/route_netlink.h"
 
 namespace netlink = vx::netlink;
 

@@ -8,7 +8,7 @@
 #include <cstring>
 #include <string>
 
-#include "vxutils/internal/oem_file.h"
+#include "vxutils/hardware_oem_file.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     if (size < 2 || size > 8192) return 0;

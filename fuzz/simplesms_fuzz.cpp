@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "vxutils/internal/sms_text.h"
+#include "vxutils/simplesms_text.h"
 
 namespace {
 

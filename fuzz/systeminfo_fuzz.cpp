@@ -5,7 +5,7 @@
 #include <cstring>
 
 #include "vxutils/internal/handles.h"
-#include "vxutils/internal/systeminfo_reader.h"
+#include "vxutils/systeminfo_reader.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     if (size == 0 || size > 32768) return 0;

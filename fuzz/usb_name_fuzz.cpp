@@ -5,7 +5,7 @@
 #include <cstdlib>
 #include <string>
 
-#include "vxutils/internal/usb_port.h"
+#include "vxutils/storage_usb_port.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     if (size > 256) return 0;

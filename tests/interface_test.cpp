@@ -16,7 +16,7 @@
 #include "support/process.h"
 #include "support/resources.h"
 #include "support/syslog_capture.h"
-#include "vxutils/internal/bridge.h"
+#include "vxutils/interface_bridge.h"
 
 namespace {
 

@@ -26,9 +26,9 @@
 #include "support/resources.h"
 #include "support/syslog_capture.h"
 #include "support/wan.h"
-#include "vxutils/internal/arp_line.h"
-#include "vxutils/internal/icmp_echo.h"
-#include "vxutils/internal/text_ring.h"
+#include "vxutils/ping_arp_line.h"
+#include "vxutils/ping_icmp_echo.h"
+#include "vxutils/ping_text_ring.h"
 
 namespace {
 

@@ -19,7 +19,7 @@
 #include "support/syslog_capture.h"
 #include "support/wan.h"
 #include "vxutils/internal/fd.h"
-#include "vxutils/internal/icmp_echo.h"
+#include "vxutils/ping_icmp_echo.h"
 
 namespace {
 

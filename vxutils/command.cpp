@@ -19,11 +19,11 @@
 #include <cstring>
 #include <utility>
 
-#include "vxutils/internal/abandoned_segment.h"
+#include "vxutils/command_abandoned_segment.h"
+#include "vxutils/command_prepared_log.h"
 #include "vxutils/internal/errno_keeper.h"
 #include "vxutils/internal/handles.h"
 #include "vxutils/internal/log.h"
-#include "vxutils/internal/prepared_log.h"
 #include "vxutils/internal/retry.h"
 #include "vxutils/internal/shell_output.h"
 #include "vxutils/internal/sleep.h"

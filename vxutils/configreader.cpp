@@ -15,12 +15,12 @@
 #include <string_view>
 #include <utility>
 
+#include "vxutils/configreader_thread_number.h"
 #include "vxutils/internal/fd.h"
 #include "vxutils/internal/hashtable_filler.h"
 #include "vxutils/internal/line_buffer.h"
 #include "vxutils/internal/plain_text.h"
 #include "vxutils/internal/retry.h"
-#include "vxutils/internal/thread_number.h"
 #include "vxutils/internal/visible.h"
 
 namespace {

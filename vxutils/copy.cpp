@@ -15,11 +15,11 @@
 #include <utility>
 #include <vector>
 
+#include "vxutils/file_memory_guard.h"
 #include "vxutils/internal/fd.h"
 #include "vxutils/internal/guarded_open.h"
 #include "vxutils/internal/handles.h"
 #include "vxutils/internal/log.h"
-#include "vxutils/internal/memory_guard.h"
 #include "vxutils/internal/tree_walk.h"
 
 using vx::EntryNames;

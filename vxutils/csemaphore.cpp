@@ -16,9 +16,9 @@
 #include <cstring>
 #include <exception>
 
+#include "vxutils/csemaphore_mutex_mapping.h"
 #include "vxutils/internal/fd.h"
 #include "vxutils/internal/log.h"
-#include "vxutils/internal/mutex_mapping.h"
 #include "vxutils/internal/retry.h"
 #include "vxutils/internal/safe_open.h"
 #include "vxutils/internal/semaphore_set.h"

@@ -17,10 +17,10 @@
 #include <limits>
 #include <string_view>
 
+#include "vxutils/dio_frequency.h"
 #include "vxutils/internal/assertion.h"
 #include "vxutils/internal/errno_keeper.h"
 #include "vxutils/internal/fd.h"
-#include "vxutils/internal/frequency.h"
 #include "vxutils/internal/handles.h"
 #include "vxutils/internal/log.h"
 #include "vxutils/internal/retry.h"

@@ -11,10 +11,10 @@
 #include <cstring>
 #include <string_view>
 
+#include "vxutils/hardware_oem_file.h"
 #include "vxutils/internal/guarded_open.h"
 #include "vxutils/internal/handles.h"
 #include "vxutils/internal/number.h"
-#include "vxutils/internal/oem_file.h"
 
 namespace {
 

@@ -13,7 +13,7 @@
 #include <cstring>
 #include <string_view>
 
-#include "vxutils/internal/bridge.h"
+#include "vxutils/interface_bridge.h"
 #include "vxutils/internal/guarded_open.h"
 #include "vxutils/internal/handles.h"
 #include "vxutils/internal/shell_output.h"

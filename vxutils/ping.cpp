@@ -11,16 +11,16 @@
 #include <cerrno>
 #include <cstdio>
 
-#include "vxutils/internal/arp_line.h"
 #include "vxutils/internal/fd.h"
 #include "vxutils/internal/handles.h"
-#include "vxutils/internal/icmp_echo.h"
 #include "vxutils/internal/ifrequest.h"
 #include "vxutils/internal/log.h"
-#include "vxutils/internal/packet_filter.h"
 #include "vxutils/internal/random.h"
-#include "vxutils/internal/resolve.h"
-#include "vxutils/internal/text_ring.h"
+#include "vxutils/ping_arp_line.h"
+#include "vxutils/ping_icmp_echo.h"
+#include "vxutils/ping_packet_filter.h"
+#include "vxutils/ping_resolve.h"
+#include "vxutils/ping_text_ring.h"
 
 namespace {
 

@@ -8,9 +8,9 @@
 #include <cerrno>
 #include <cstdlib>
 
-#include "vxutils/internal/icmp_echo.h"
-#include "vxutils/internal/packet_filter.h"
-#include "vxutils/internal/resolve.h"
+#include "vxutils/ping_icmp_echo.h"
+#include "vxutils/ping_packet_filter.h"
+#include "vxutils/ping_resolve.h"
 
 namespace {
 

@@ -15,7 +15,7 @@
 
 #include "vxutils/internal/fd.h"
 #include "vxutils/internal/log.h"
-#include "vxutils/internal/netlink.h"
+#include "vxutils/route_netlink.h"
 
 namespace {
 

@@ -22,7 +22,7 @@
 #include "vxutils/internal/fd.h"
 #include "vxutils/internal/handles.h"
 #include "vxutils/internal/log.h"
-#include "vxutils/internal/sms_text.h"
+#include "vxutils/simplesms_text.h"
 
 namespace {
 

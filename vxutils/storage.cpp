@@ -25,7 +25,7 @@
 #include "vxutils/internal/fd.h"
 #include "vxutils/internal/handles.h"
 #include "vxutils/internal/retry.h"
-#include "vxutils/internal/usb_port.h"
+#include "vxutils/storage_usb_port.h"
 
 namespace {
 

@@ -11,7 +11,7 @@
 
 #include "vxutils/internal/handles.h"
 #include "vxutils/internal/number.h"
-#include "vxutils/internal/systeminfo_reader.h"
+#include "vxutils/systeminfo_reader.h"
 
 namespace {
 

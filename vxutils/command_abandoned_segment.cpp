@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-#include "vxutils/internal/abandoned_segment.h"
+#include "vxutils/command_abandoned_segment.h"
 
 #include <fcntl.h>
 #include <sys/ipc.h>

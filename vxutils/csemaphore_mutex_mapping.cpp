@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-#include "vxutils/internal/mutex_mapping.h"
+#include "vxutils/csemaphore_mutex_mapping.h"
 
 #include <linux/futex.h>
 #include <sys/mman.h>

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-#include "vxutils/internal/thread_number.h"
+#include "vxutils/configreader_thread_number.h"
 
 #include <algorithm>
 #include <atomic>

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-#include "vxutils/internal/prepared_log.h"
+#include "vxutils/command_prepared_log.h"
 
 #include <sys/socket.h>
 #include <sys/un.h>

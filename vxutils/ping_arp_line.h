@@ -8,7 +8,7 @@
 #include <optional>
 #include <string_view>
 
-#include "vxutils/internal/icmp_echo.h"
+#include "vxutils/ping_icmp_echo.h"
 
 namespace vx::arp {
 
