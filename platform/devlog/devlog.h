@@ -7,6 +7,8 @@
 #ifndef DEVLOG_H
 #define DEVLOG_H
 
+#define DEVLOG_STANDIN 1 /**< tells this header from the firmware's own */
+
 #ifdef __cplusplus
 extern "C" {
 #endif

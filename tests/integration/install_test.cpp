@@ -151,6 +151,9 @@ TEST_F(Install, WorksInThePrefixOfTheSystem) {
     EXPECT_THAT(shell("pkg-config --libs vxutils"), Not(HasSubstr("-rpath")));
     expectPkgConfigWorks("/usr/lib");
     expectCMakeWorks("/usr");
+    // The installed stand-in is not taken for the platform's own library: uninstalling would take it from the next build.
+    EXPECT_THAT(shell("cmake -G Ninja -DBUILD_TESTING=OFF -S " + source + " -B /tmp/again"),
+                HasSubstr("Logging library: the stand-in of this tree"));
 }
 
 TEST_F(Install, WorksInAnyOtherPrefixAndCanBeMoved) {
@@ -247,6 +250,40 @@ TEST(Configure, NamesThePackagesThatAreMissing) {
     const std::string output = shell("cmake -G Ninja -DBUILD_TESTING=OFF -S " + source + " -B /tmp/missing", 1);
     EXPECT_THAT(output, HasSubstr("apt-get install libevent-dev libzmq3-dev"));
     EXPECT_THAT(output, HasSubstr("scripts/setup build"));
+}
+
+// Every function of the public headers that takes a format, called with what its format does not want.
+TEST(Formats, AreCheckedByTheCompiler) {
+    const std::vector<std::string> calls{
+        R"(String().format("%s", 1);)",
+        R"(String().concatf("%s", String("x"));)",
+        R"(configd_add_query(nullptr, "%s", 1);)",
+        R"(configd_fetch(nullptr, "%s", 1);)",
+        R"(mem_stream_printf(nullptr, "%s", 1);)",
+        R"(strformat("%s", 1);)",
+        R"(snxprintf(nullptr, 0, 0, "%s", 1);)",
+        R"(strlenf("%s", 1);)",
+        R"(vsnxprintf(nullptr, 0, 0, "%Y", list);)",
+        R"(vstrlenf("%Y", list);)",
+    };
+    std::string program =
+        "#include <vxutils/configd.h>\n#include <vxutils/memstream.h>\n#include <vxutils/strutil.h>\n"
+        "#include <vxutils/vxstring.h>\n#include <vxutils/xprintf.h>\nvoid misuse(va_list list) {\n(void)list;\n";
+    const auto line = std::count(program.begin(), program.end(), '\n') + 1;
+    for (const auto &call : calls) program += call + "\n";
+    vxtest::writeFile("/tmp/formats.cpp", program + "}\n");
+    const std::string output = shell("c++ -std=c++11 -Wall -fsyntax-only -I" + source + "/include /tmp/formats.cpp");
+    for (size_t i = 0; i < calls.size(); ++i) {
+        EXPECT_THAT(output, testing::ContainsRegex(":" + std::to_string(line + static_cast<long>(i)) +
+                                                   ":[0-9]+: warning: .*\\[-Wformat="))
+            << calls[i];
+    }
+    std::istringstream declared(shell("cat " + source +
+                                      "/include/vxutils/*.h | tr '\\n' ' ' | grep -oE "
+                                      "'[a-z_]+\\([^();]*const char \\*(fmt|format)[,)]' | cut -d'(' -f1"));
+    size_t count = 0;
+    for (std::string name; declared >> name; ++count) EXPECT_THAT(program, HasSubstr(name + "(")) << "not tried here";
+    EXPECT_EQ(count, calls.size());
 }
 
 // The code blocks of a language in the README.
