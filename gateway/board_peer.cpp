@@ -25,6 +25,8 @@
 #include <string_view>
 #include <vector>
 
+#include "gateway/control.h"
+
 namespace {
 
 constexpr const char *help =
@@ -154,7 +156,6 @@ private:
     void readFile(const fuse_in_header &header, const fuse_read_in &in);
     void readDirectory(const fuse_in_header &header, const fuse_read_in &in) const;
 
-    bool readControl();
     void control(const std::string &line);
 
     unsigned int inputs_;
@@ -163,7 +164,7 @@ private:
     std::map<unsigned int, Line> outputLines_;
     std::map<std::string, Oddity> oddities_;
     int fuse_ = -1;
-    std::string controlled_;
+    ControlInput input_;
     std::vector<char> buffer_ = std::vector<char>(bufferSize);
 };
 
@@ -455,26 +456,15 @@ void Board::control(const std::string &line) {
     std::puts("done");
 }
 
-bool Board::readControl() {
-    std::array<char, 4096> piece;
-    const ssize_t got = ::read(0, piece.data(), piece.size());
-    if (got <= 0) return false;
-    controlled_.append(piece.data(), static_cast<size_t>(got));
-    for (size_t end = controlled_.find('\n'); end != std::string::npos; end = controlled_.find('\n')) {
-        const std::string line = controlled_.substr(0, end);
-        controlled_.erase(0, end + 1);
-        control(line);
-    }
-    return true;
-}
-
 void Board::run() {
     std::puts("ready");
     for (;;) {
         std::array<pollfd, 2> waiting{{{fuse_, POLLIN, 0}, {0, POLLIN, 0}}};
         if (::poll(waiting.data(), waiting.size(), -1) == -1) continue;
         if (waiting[0].revents != 0 && !serve()) return;
-        if (waiting[1].revents != 0 && !readControl()) break;
+        if (waiting[1].revents != 0 && !input_.read([this](const std::string &line) { control(line); })) {
+            break;
+        }
     }
     ::umount2(tree, MNT_DETACH);
 }

@@ -24,6 +24,8 @@
 #include <string>
 #include <vector>
 
+#include "gateway/control.h"
+
 namespace {
 
 constexpr const char *usage =
@@ -187,7 +189,7 @@ public:
 
     // Serves until SIGTERM or SIGINT, or the end of its input.
     void run() {
-        std::string input;
+        ControlInput input;
         while (terminated == 0) {
             std::array<pollfd, 2> waiting{{{0, POLLIN, 0}, {mode_ == Mode::deaf ? -1 : fd_, POLLIN, 0}}};
             const auto left = timeToNextAnswer();
@@ -305,18 +307,9 @@ private:
     }
 
     // False at end of file.
-    bool readCommands(std::string &input) {
-        std::array<char, 4096> piece;
-        const ssize_t got = ::read(0, piece.data(), piece.size());
-        if (got == -1 && errno == EINTR) return true;
-        if (got <= 0) return false;
-        input.append(piece.data(), static_cast<size_t>(got));
-        for (size_t newline = input.find('\n'); newline != std::string::npos; newline = input.find('\n')) {
-            const std::string line = input.substr(0, newline);
-            input.erase(0, newline + 1);
-            std::cout << (obey(line) ? "ok " : "what? ") << line << std::endl;
-        }
-        return true;
+    bool readCommands(ControlInput &input) {
+        return input.read(
+            [this](const std::string &line) { std::cout << (obey(line) ? "ok " : "what? ") << line << std::endl; });
     }
 
     bool obey(const std::string &line) {

@@ -29,6 +29,8 @@
 #include <string_view>
 #include <vector>
 
+#include "gateway/control.h"
+
 namespace {
 
 constexpr const char *help =
@@ -168,7 +170,6 @@ private:
     static bool sendTimed(Client &client);
     bool sendDue(Client &client);
     void drop(Client &client);
-    bool readControl();
     void control(std::string_view line);
     void becomeDeaf();
     void hearAgain();
@@ -179,7 +180,7 @@ private:
     int listener_ = -1;
     std::list<Client> clients_;
     std::vector<int> fillers_;  // own connections that fill the queue of waiting ones
-    std::string input_;
+    ControlInput input_;
     Manner manner_;
 };
 
@@ -412,20 +413,6 @@ void Daemon::control(std::string_view line) {
     std::puts("done");
 }
 
-// Takes what the steering side wrote; false at its end.
-bool Daemon::readControl() {
-    std::array<char, 16384> buffer;
-    const ssize_t got = ::read(0, buffer.data(), buffer.size());
-    if (got <= 0) return false;
-    input_.append(buffer.data(), static_cast<size_t>(got));
-    for (size_t end = input_.find('\n'); end != std::string::npos; end = input_.find('\n')) {
-        const std::string line = input_.substr(0, end);
-        input_.erase(0, end + 1);
-        control(line);
-    }
-    return true;
-}
-
 void Daemon::run() {
     std::puts("ready");
     for (;;) {
@@ -444,7 +431,9 @@ void Daemon::run() {
             if (waiting[next++].revents != 0) read(client);
         }
         if (waiting[1].revents != 0) accept();
-        if (waiting[0].revents != 0 && !readControl()) return;
+        if (waiting[0].revents != 0 && !input_.read([this](const std::string &line) { control(line); })) {
+            return;
+        }
     }
 }
 
