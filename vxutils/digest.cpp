@@ -242,6 +242,28 @@ uint32_t cappedLength(unsigned long asked, unsigned long complete) {
     return static_cast<uint32_t>(asked >= 1 && asked <= complete ? asked : complete);
 }
 
+// What both digests do alike, over the members of either.
+
+template <size_t words>
+void begin(uint32_t (&state)[words], const uint32_t (&initial)[words], uint32_t &countLow, uint32_t &countHigh) {
+    std::copy(initial, initial + words, state);
+    countLow = countHigh = 0;
+}
+
+template <size_t words>
+void forget(uint32_t (&state)[words], uint32_t &countLow, uint32_t &countHigh, unsigned char (&buffer)[blockSize]) {
+    std::fill(state, state + words, 0);
+    countLow = countHigh = 0;
+    std::memset(buffer, 0, blockSize);
+}
+
+template <typename Context>
+void writeShortened(Context &context, unsigned long length, unsigned char *out) {
+    unsigned char digest[largestDigest];
+    context.Context::getCompleteHash(digest);
+    std::memcpy(out, digest, length);
+}
+
 // Digests "abc" and says whether the published digest came out.
 [[gnu::cold]] int selfTest(HashContext &context, const unsigned char *expected) {
     unsigned char digest[largestDigest] = {};
@@ -269,15 +291,12 @@ Md5HashContext::~Md5HashContext() = default;
 
 int Md5HashContext::initialize(unsigned long returnedLength) {
     returnedLength_ = cappedLength(returnedLength, md5Length);
-    std::copy(md5Initial, md5Initial + 4, state_);
-    countLow_ = countHigh_ = 0;
+    begin(state_, md5Initial, countLow_, countHigh_);
     return 0;
 }
 
 void Md5HashContext::destroy() {
-    std::fill(state_, state_ + 4, 0);
-    countLow_ = countHigh_ = 0;
-    std::memset(buffer_, 0, sizeof buffer_);
+    forget(state_, countLow_, countHigh_, buffer_);
     returnedLength_ = static_cast<uint32_t>(getCompleteHashLength());
 }
 
@@ -308,9 +327,7 @@ void Md5HashContext::finish() {
 
 void Md5HashContext::getHash(unsigned char *out) {
     if (returnedLength_ == md5Length) return Md5HashContext::getCompleteHash(out);
-    unsigned char digest[md5Length];
-    Md5HashContext::getCompleteHash(digest);
-    std::memcpy(out, digest, returnedLength_);
+    writeShortened(*this, returnedLength_, out);
 }
 
 unsigned long Md5HashContext::getCompleteHashLength() const { return md5Length; }
@@ -328,15 +345,12 @@ Sha1HashContext::~Sha1HashContext() = default;
 
 int Sha1HashContext::initialize(unsigned long returnedLength) {
     returnedLength_ = cappedLength(returnedLength, sha1Length);
-    std::copy(sha1Initial, sha1Initial + 5, state_);
-    countLow_ = countHigh_ = 0;
+    begin(state_, sha1Initial, countLow_, countHigh_);
     return 0;
 }
 
 void Sha1HashContext::destroy() {
-    std::fill(state_, state_ + 5, 0);
-    countLow_ = countHigh_ = 0;
-    std::memset(buffer_, 0, sizeof buffer_);
+    forget(state_, countLow_, countHigh_, buffer_);
     returnedLength_ = static_cast<uint32_t>(getCompleteHashLength());
 }
 
@@ -367,9 +381,7 @@ void Sha1HashContext::finish() {
 
 void Sha1HashContext::getHash(unsigned char *out) {
     if (returnedLength_ == sha1Length) return Sha1HashContext::getCompleteHash(out);
-    unsigned char digest[sha1Length];
-    Sha1HashContext::getCompleteHash(digest);
-    std::memcpy(out, digest, returnedLength_);
+    writeShortened(*this, returnedLength_, out);
 }
 
 unsigned long Sha1HashContext::getCompleteHashLength() const { return sha1Length; }
