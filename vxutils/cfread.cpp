@@ -112,7 +112,7 @@ char *copyTo(char *memory, std::string_view text) {
 char *copyText(std::string_view text) { return copyTo(static_cast<char *>(std::malloc(text.size() + 1)), text); }
 
 // What strtol() gives on the target, whose long has 32 bits and whose two saturated results count as no number.
-int numberOf(std::string_view value) {
+int integerValue(std::string_view value) {
     if (value == "true") return 1;
     if (value == "false") return 0;
     if (value.empty()) return -1;
@@ -133,7 +133,7 @@ cfread_entry *pooledEntry(Index &index, std::string_view key, std::string_view v
     char *memory = takeFromPool(index, sizeof(cfread_entry) + key.size() + 1 + value.size() + 1);
     if (memory == nullptr) return nullptr;
     char *texts = memory + sizeof(cfread_entry);
-    return new (memory) cfread_entry{0, copyTo(texts, key), copyTo(texts + key.size() + 1, value), numberOf(value)};
+    return new (memory) cfread_entry{0, copyTo(texts, key), copyTo(texts + key.size() + 1, value), integerValue(value)};
 }
 
 // ---- finding entries
@@ -298,7 +298,7 @@ cfread_entry *setEntry(cfread_table &table, std::string_view key, std::string_vi
         (void)takeOut(table, 0).release();
         return notAdded(table, key.data());
     }
-    entry->ival = numberOf(value);
+    entry->ival = integerValue(value);
     if (index != nullptr) index->separate = true;
     putInto(table, slot, entry.get(), hash);
     return entry.release();

@@ -145,22 +145,22 @@ const Value *find(const INStringHashTable *table, String const &key) {
     return table != nullptr ? static_cast<const ValueTable *>(table)->find(key.c_str()) : nullptr;
 }
 
-bool isBlank(char c) { return static_cast<unsigned char>(c) <= ' '; }
+bool isBlankOrControl(char c) { return static_cast<unsigned char>(c) <= ' '; }
 
 // Removes blanks and control characters in place and returns the length of the rest. Quirk Q39: the character after a
 // removed first one stays, whatever it is.
 size_t removeBlanks(char *key, char *end) {
-    while (end > key + 2 && isBlank(end[-1])) --end;
+    while (end > key + 2 && isBlankOrControl(end[-1])) --end;
     if (vx::allPlain<' ' + 1>(key, static_cast<size_t>(end - key))) {
         *end = '\0';
         return static_cast<size_t>(end - key);
     }
     const char *from = key;
     char *to = key;
-    if (from < end && isBlank(*from)) ++from;
+    if (from < end && isBlankOrControl(*from)) ++from;
     if (from < end) *to++ = *from++;
     for (; from < end; ++from) {
-        if (!isBlank(*from)) *to++ = *from;
+        if (!isBlankOrControl(*from)) *to++ = *from;
     }
     *to = '\0';
     return static_cast<size_t>(to - key);
@@ -175,15 +175,15 @@ void addLine(ValueTable &table, char *line, char *end) {
         if (end < equals) return;
     }
     char *value = equals + 1;
-    while (value < end && isBlank(*value)) ++value;
-    while (end > value && isBlank(end[-1])) --end;
+    while (value < end && isBlankOrControl(*value)) ++value;
+    while (end > value && isBlankOrControl(end[-1])) --end;
     const char behind = std::exchange(*end, '\0');
     const size_t keyLength = removeBlanks(line, equals);
     (void)table.add({line, keyLength}, {value, static_cast<size_t>(end - value)});
     *end = behind;
 }
 
-long numberOf(const char *value) {
+long switchOrNumber(const char *value) {
     if (stricmp(value, "on") == 0) return 1;
     if (stricmp(value, "off") == 0) return 0;
     return valueOf32(value);
@@ -232,7 +232,7 @@ String const &ConfigReader::getValue(String const &key, String const &defaultVal
 
 long ConfigReader::getValueAsInt(String const &key, long defaultValue) const {
     const Value *value = find(table_, key);
-    return value != nullptr ? numberOf(value->text()) : defaultValue;
+    return value != nullptr ? switchOrNumber(value->text()) : defaultValue;
 }
 
 String const &ConfigReader::getIndexedValue(String const &key, unsigned long index, String const &defaultValue) const {

@@ -19,6 +19,7 @@
 
 #include "vxutils/dio_frequency.h"
 #include "vxutils/internal/assertion.h"
+#include "vxutils/internal/digits.h"
 #include "vxutils/internal/errno_keeper.h"
 #include "vxutils/internal/fd.h"
 #include "vxutils/internal/handles.h"
@@ -44,19 +45,30 @@ static_assert(firstLine == DIORWNUMBER_MIN && lastLine == DIORWNUMBER_MAX && las
 unsigned int inputs = 0;
 unsigned int outputs = 0;
 
+bool inRange(unsigned int line) {
+    if (line >= firstLine && line <= lastLine) return true;
+    vx::log(LOG_WARNING, "DIO number out of range (%u > %u)", line, lastLine);
+    return false;
+}
+
 // Path of one of a line's files, put together by hand: reading a line costs hardly more than the three system calls.
 class LinePath {
 public:
-    LinePath(std::string_view prefix, unsigned int line, std::string_view file) {
+    LinePath() = default;
+    LinePath(const LinePath &) = delete;
+    LinePath &operator=(const LinePath &) = delete;
+
+    // False, with a message, when there cannot be such a line.
+    bool set(std::string_view prefix, unsigned int line, std::string_view file) {
+        if (!inRange(line)) return false;
         append(tree);
         append(prefix);
         if (line >= 10) *end_++ = static_cast<char>('0' + line / 10);
         *end_++ = static_cast<char>('0' + line % 10);
         append(file);
         *end_ = '\0';
+        return true;
     }
-    LinePath(const LinePath &) = delete;
-    LinePath &operator=(const LinePath &) = delete;
 
     [[nodiscard]] const char *c_str() const { return text_.data(); }
 
@@ -71,12 +83,6 @@ private:
 };
 static_assert(std::string_view(tree).size() + outputPrefix.size() + 2 + frequencyFile.size() < 48);
 
-bool inRange(unsigned int line) {
-    if (line >= firstLine && line <= lastLine) return true;
-    vx::log(LOG_WARNING, "DIO number out of range (%u > %u)", line, lastLine);
-    return false;
-}
-
 int nullOutput() {
     errno = EINVAL;
     return DIO_SYSTEM;
@@ -84,30 +90,57 @@ int nullOutput() {
 
 int openFailure() { return errno == ENOENT ? DIO_MISSING : DIO_SYSTEM; }
 
-// Opens a line's file; a failure is logged and its result code put into `result`.
-vx::Fd openFile(const LinePath &path, int flags, int &result) {
-    vx::Fd fd(vx::retryEintr([&] { return ::open(path.c_str(), flags | O_CLOEXEC); }));
-    if (fd.valid()) return fd;
-    vx::log(LOG_ERR, "Can't open(%s) - (%s)", path.c_str(), std::strerror(errno));
-    result = openFailure();
-    return fd;
-}
+// One of a line's files. All failures are logged.
+class LineFile {
+public:
+    LineFile() = default;
+    LineFile(const LineFile &) = delete;
+    LineFile &operator=(const LineFile &) = delete;
 
-void closeFile(vx::Fd &fd, const LinePath &path) {
-    const vx::ErrnoKeeper keeper;
-    if (fd.close() == -1) vx::log(LOG_ERR, "Can't close(%s) - (%s)", path.c_str(), std::strerror(errno));
-}
+    // Closes the file; a failure of that changes neither the caller's result nor errno.
+    ~LineFile() {
+        const vx::ErrnoKeeper keeper;
+        if (fd_.valid() && fd_.close() == -1)
+            vx::log(LOG_ERR, "Can't close(%s) - (%s)", path_.c_str(), std::strerror(errno));
+    }
 
-// Writes a text in one piece: true when all of it was taken; else logged, with errno 0 for a short write.
-bool writeText(const vx::Fd &fd, const LinePath &path, std::string_view text) {
-    errno = 0;
-    const ssize_t written = vx::retryEintr([&] { return ::write(fd.get(), text.data(), text.size()); });
-    if (written == static_cast<ssize_t>(text.size())) return true;
-    vx::log(LOG_ERR, "Can't write to \"%s\" - (%s)", path.c_str(), std::strerror(errno));
-    return false;
-}
+    // Returns DIO_OK, DIO_RANGE, DIO_MISSING or DIO_SYSTEM.
+    int open(std::string_view prefix, unsigned int line, std::string_view file, int flags) {
+        if (!path_.set(prefix, line, file)) return DIO_RANGE;
+        fd_ = vx::Fd(vx::retryEintr([&] { return ::open(path_.c_str(), flags | O_CLOEXEC); }));
+        if (fd_.valid()) return DIO_OK;
+        vx::log(LOG_ERR, "Can't open(%s) - (%s)", path_.c_str(), std::strerror(errno));
+        return openFailure();
+    }
 
-bool isDigit(char c) { return c >= '0' && c <= '9'; }
+    int readValue(unsigned char &on) {
+        char value = 0;
+        errno = 0;
+        if (vx::retryEintr([&] { return ::read(fd_.get(), &value, 1); }) != 1) {
+            vx::log(LOG_ERR, "Can't read from \"%s\" - (%s)", path_.c_str(), std::strerror(errno));
+            return DIO_SYSTEM;
+        }
+        if (value != '0' && value != '1') {
+            vx::log(LOG_ERR, "Lexical error on input from \"%s\"", path_.c_str());
+            return DIO_LEXICAL;
+        }
+        on = value == '1' ? 1 : 0;
+        return DIO_OK;
+    }
+
+    // Writes a text in one piece: true when all of it was taken; errno is 0 after a short write.
+    bool write(std::string_view text) {
+        errno = 0;
+        const ssize_t written = vx::retryEintr([&] { return ::write(fd_.get(), text.data(), text.size()); });
+        if (written == static_cast<ssize_t>(text.size())) return true;
+        vx::log(LOG_ERR, "Can't write to \"%s\" - (%s)", path_.c_str(), std::strerror(errno));
+        return false;
+    }
+
+private:
+    LinePath path_;
+    vx::Fd fd_;
+};
 
 // Whether a directory entry is a line: the prefix, one or two digits, and a directory that can be read and searched.
 bool dio_isDioDirent(const dirent *entry, std::string_view prefix) {
@@ -115,7 +148,8 @@ bool dio_isDioDirent(const dirent *entry, std::string_view prefix) {
     const std::string_view name = entry->d_name;
     if (!name.starts_with(prefix)) return false;
     const std::string_view digits = name.substr(prefix.size());
-    if (digits.empty() || digits.size() > 2 || !isDigit(digits.front()) || !isDigit(digits.back())) return false;
+    if (digits.empty() || digits.size() > 2 || !vx::isDigit(digits.front()) || !vx::isDigit(digits.back()))
+        return false;
 
     std::array<char, entryPathSize> path;
     const int length = std::snprintf(path.data(), path.size(), entryPath, entry->d_name);
@@ -150,25 +184,9 @@ void countAll() {
 
 int dio_value(std::string_view prefix, unsigned int line, unsigned char *on) {
     if (on == nullptr) return nullOutput();
-    if (!inRange(line)) return DIO_RANGE;
-    const LinePath path(prefix, line, valueFile);
-    int result = DIO_OK;
-    vx::Fd fd = openFile(path, O_RDONLY, result);
-    if (!fd.valid()) return result;
-
-    char value = 0;
-    errno = 0;
-    if (vx::retryEintr([&] { return ::read(fd.get(), &value, 1); }) != 1) {
-        vx::log(LOG_ERR, "Can't read from \"%s\" - (%s)", path.c_str(), std::strerror(errno));
-        result = DIO_SYSTEM;
-    } else if (value == '0' || value == '1') {
-        *on = value == '1' ? 1 : 0;
-    } else {
-        vx::log(LOG_ERR, "Lexical error on input from \"%s\"", path.c_str());
-        result = DIO_LEXICAL;
-    }
-    closeFile(fd, path);
-    return result;
+    LineFile file;
+    const int opened = file.open(prefix, line, valueFile, O_RDONLY);
+    return opened == DIO_OK ? file.readValue(*on) : opened;
 }
 
 // What a machine with 32-bit longs makes of a number: too large a one is the largest, a negative one wraps.
@@ -255,23 +273,17 @@ int dio_roValue(unsigned int dio, unsigned char *on) { return dio_value(inputPre
 int dio_rwValue(int dio, unsigned char *on) { return dio_value(outputPrefix, static_cast<unsigned int>(dio), on); }
 
 int dio_setValue(int dio, unsigned int value) {
-    const auto line = static_cast<unsigned int>(dio);
-    if (!inRange(line)) return DIO_RANGE;
-    const LinePath path(outputPrefix, line, valueFile);
-    int result = DIO_OK;
-    vx::Fd fd = openFile(path, O_WRONLY, result);
-    if (!fd.valid()) return result;
+    LineFile file;
+    const int opened = file.open(outputPrefix, static_cast<unsigned int>(dio), valueFile, O_WRONLY);
+    if (opened != DIO_OK) return opened;
     const auto character = static_cast<char>('0' + value);
-    if (!writeText(fd, path, {&character, 1})) result = DIO_SYSTEM;
-    closeFile(fd, path);
-    return result;
+    return file.write({&character, 1}) ? DIO_OK : DIO_SYSTEM;
 }
 
 int dio_frequency(int dio, dio_frequency_record *record) {
     if (record == nullptr) return nullOutput();
-    const auto line = static_cast<unsigned int>(dio);
-    if (!inRange(line)) return DIO_RANGE;
-    const LinePath path(inputPrefix, line, frequencyFile);
+    LinePath path;
+    if (!path.set(inputPrefix, static_cast<unsigned int>(dio), frequencyFile)) return DIO_RANGE;
     vx::FilePtr file(std::fopen(path.c_str(), "re"));
     if (!file) {
         vx::log(LOG_ERR, "Can't fopen(%s) - (%s)", path.c_str(), std::strerror(errno));
@@ -287,31 +299,19 @@ int dio_frequency(int dio, dio_frequency_record *record) {
 
 int dio_frequencyActive(int dio, unsigned char *active) {
     if (active == nullptr) return nullOutput();
-    const auto line = static_cast<unsigned int>(dio);
-    if (!inRange(line)) return DIO_RANGE;
-    const LinePath path(inputPrefix, line, frequencyFile);
-    int result = DIO_OK;
-    vx::Fd fd = openFile(path, O_WRONLY, result);
-    if (!fd.valid()) return result;
-    if (writeText(fd, path, "-1")) {
-        *active = 0;
-    } else {
-        result = probeFailure(active);
-    }
-    closeFile(fd, path);
-    return result;
+    LineFile file;
+    const int opened = file.open(inputPrefix, static_cast<unsigned int>(dio), frequencyFile, O_WRONLY);
+    if (opened != DIO_OK) return opened;
+    if (!file.write("-1")) return probeFailure(active);
+    *active = 0;
+    return DIO_OK;
 }
 
 int dio_setFrequencyActive(int dio, unsigned int on) {
-    const auto line = static_cast<unsigned int>(dio);
-    if (!inRange(line)) return DIO_RANGE;
-    const LinePath path(inputPrefix, line, frequencyFile);
-    int result = DIO_OK;
-    vx::Fd fd = openFile(path, O_WRONLY, result);
-    if (!fd.valid()) return result;
-    if (!writeText(fd, path, on != 0 ? "1" : "0")) result = switchFailure(on);
-    closeFile(fd, path);
-    return result;
+    LineFile file;
+    const int opened = file.open(inputPrefix, static_cast<unsigned int>(dio), frequencyFile, O_WRONLY);
+    if (opened != DIO_OK) return opened;
+    return file.write(on != 0 ? "1" : "0") ? DIO_OK : switchFailure(on);
 }
 
 }  // extern "C"

@@ -39,8 +39,6 @@ uint32_t leadingOnes(uint32_t mask) { return static_cast<uint32_t>(std::countl_o
 // Whether all one bits come before all zero bits: the inverted mask is a power of two less 1.
 bool isContiguous(uint32_t mask) { return (~mask & (~mask + 1)) == 0; }
 
-bool isDigit(char c) { return c >= '0' && c <= '9'; }
-
 // Reads a text from left to right.  It relies on the NUL after the text, which is neither digit nor separator.
 class Reader {
 public:
@@ -65,7 +63,8 @@ public:
         }
         uint32_t read = 0;
         const char *digit = at_;
-        while (isDigit(*digit) && digit < at_ + mostDigits) read = read * 10 + static_cast<uint32_t>(*digit++ - '0');
+        while (vx::isDigit(*digit) && digit < at_ + mostDigits)
+            read = read * 10 + static_cast<uint32_t>(*digit++ - '0');
         if (digit == at_ || read >= limit) return false;
         at_ = digit;
         value = read;

@@ -36,7 +36,7 @@ bool beginsWith(const char *name, const char *prefix) {
 }
 
 // A number too large for a process has no directory either.
-int numberOf(const char *digits) {
+int pidOf(const char *digits) {
     int number = -1;
     std::from_chars(digits, digits + strlen(digits), number);
     return number;
@@ -192,7 +192,7 @@ void ProcessControl::refresh(bool incremental) {
     const RefreshScope scope(this, &lookup);
     while (const dirent *found = ::readdir(directory.get())) {
         if (found->d_type != DT_DIR || !isNumeric(found->d_name)) continue;
-        const int pid = numberOf(found->d_name);
+        const int pid = pidOf(found->d_name);
         if (ProcessEntry *known = incremental ? getProcessEntryByPid(pid) : nullptr) {
             known->setValid(true);
             continue;

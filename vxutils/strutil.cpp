@@ -8,6 +8,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "vxutils/internal/digits.h"
+
 namespace {
 
 constexpr char whiteSpace[] = " \t\r\n";
@@ -17,8 +19,6 @@ char formatted[formatLimit + 1];
 
 constexpr long long firstYear = 1999;
 constexpr long long lastYear = 2035;
-
-constexpr bool isDigit(char c) { return c >= '0' && c <= '9'; }
 
 // strchr alone would find the terminator in every set.
 bool inSet(char c, const char *set) { return c != '\0' && std::strchr(set, c) != nullptr; }
@@ -95,7 +95,7 @@ char *strtoupper(char *s) {
 int is_number(const char *s) {
     if (s == nullptr) return 0;
     for (; *s != '\0'; ++s) {
-        if (!isDigit(*s) && *s != '+' && *s != '-') return 0;
+        if (!vx::isDigit(*s) && *s != '+' && *s != '-') return 0;
     }
     return 1;
 }
@@ -154,7 +154,7 @@ int e164Number(const char *s) {
     if (s == nullptr) return -1;
     for (; *s != '\0'; ++s) {
         const bool letter = *s >= 'A' && *s <= 'Z';
-        if (!letter && !isDigit(*s) && *s != '*' && *s != '#' && *s != '?') return -1;
+        if (!letter && !vx::isDigit(*s) && *s != '*' && *s != '#' && *s != '?') return -1;
     }
     return 0;
 }

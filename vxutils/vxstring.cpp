@@ -137,7 +137,7 @@ StringBuffer *newPiece(const char *s, long start, long count) {
     return newText(s + begin, end - begin);
 }
 
-bool isBlank(char c) { return c == ' ' || (c >= '\t' && c <= '\r'); }
+bool isWhitespace(char c) { return c == ' ' || (c >= '\t' && c <= '\r'); }
 
 char lowered(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c + ('a' - 'A')) : c; }
 
@@ -621,8 +621,8 @@ void String::replace(char from, char to) {
 void String::trim() {
     long begin = 0;
     long end = length();
-    while (begin < end && isBlank(c_str()[begin])) ++begin;
-    while (end > begin && isBlank(c_str()[end - 1])) --end;
+    while (begin < end && isWhitespace(c_str()[begin])) ++begin;
+    while (end > begin && isWhitespace(c_str()[end - 1])) --end;
     if (begin == end) {
         takeEmpty();
     } else if (end - begin < length()) {

@@ -376,8 +376,6 @@ inline int readDigits(const char *&at) {
     return static_cast<int>(number);
 }
 
-constexpr bool isDigit(char c) { return c >= '0' && c <= '9'; }
-
 inline unsigned int readFlags(const char *&at) {
     unsigned int flags = 0;
     for (; *at >= firstFlag && *at <= lastFlag; ++at) {
@@ -412,7 +410,7 @@ inline void readPrecision(const char *&at, Field &field, Arguments &args) {
 
 [[gnu::always_inline]] inline Field readField(const char *&at, Arguments &args) {
     Field field;
-    if (*at == '0' && isDigit(at[1]) && at[2] > '9') {  // as in "%02d": times, dates, hexadecimal numbers
+    if (*at == '0' && vx::isDigit(at[1]) && at[2] > '9') {  // as in "%02d": times, dates, hexadecimal numbers
         field.flags = zeroPad;
         field.width = static_cast<unsigned int>(at[1] - '0');
         at += 2;

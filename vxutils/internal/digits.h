@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Digits of unsigned numbers: how many there are, and writing them two at a time.
+// Decimal digits, and unsigned numbers as digits: how many there are, and writing them two at a time.
 #pragma once
 
 #include <array>
@@ -11,6 +11,9 @@
 #include <type_traits>
 
 namespace vx {
+
+// Whatever the locale.
+constexpr bool isDigit(char c) { return c >= '0' && c <= '9'; }
 
 // Every two-digit number of a base, one after the other.
 template <size_t base>
