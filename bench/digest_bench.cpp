@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// The digests beside OpenSSL's scalar code: its vector code is switched off, since no board has the like.
+// The digests beside OpenSSL's scalar code: its vector code is switched off, since no board has such instructions.
 #define OPENSSL_SUPPRESS_DEPRECATED
 #include <benchmark/benchmark.h>
 #include <openssl/hmac.h>
@@ -150,7 +150,7 @@ BENCHMARK(hmacSha1Nettle)->Name("HmacSha1_64/nettle");
 }  // namespace
 
 // OpenSSL looks at its capability mask when it is loaded, so the program starts itself once more with it set.  An
-// emulated program cannot start itself: whoever counts it sets the mask.
+// emulated program cannot start itself: the counting script sets the mask.
 int main(int argc, char **argv) {
 #ifdef __arm__
     constexpr char kMask[] = "OPENSSL_armcap";

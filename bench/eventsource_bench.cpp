@@ -61,7 +61,7 @@ class Step {
 public:
     Step(benchmark::State &state, Descriptors &fds) : state_(state), fds_(fds) {}
 
-    // To be called before the loop is entered.
+    // Call this before entering the loop.
     bool start() {
         refill();
         return state_.KeepRunning();
@@ -86,7 +86,7 @@ private:
     uint64_t left_ = 0;
 };
 
-// --- one descriptor event, with so many registered
+// --- one descriptor event, by the number of registered descriptors
 
 class StepSink : public IFDEventsink {
 public:
@@ -187,7 +187,7 @@ BENCHMARK(descriptorLibevent)->Name("DescriptorEvent/libevent")->DESCRIPTOR_COUN
 BENCHMARK(descriptorLibuv)->Name("DescriptorEvent/libuv")->DESCRIPTOR_COUNTS;
 BENCHMARK(descriptorBare)->Name("DescriptorEvent/epoll")->DESCRIPTOR_COUNTS;
 
-// --- adding and removing a sink, among so many
+// --- adding and removing a sink, by the number of registered sinks
 
 class IdleSink : public IFDEventsink {
 public:
@@ -304,11 +304,11 @@ constexpr auto period = std::chrono::milliseconds(periodMs);
 constexpr auto margin = std::chrono::microseconds(300);
 
 // Measures the rounds in which all timers are due, once each. Arming a thousand takes a good part of the period, and
-// they expire spread as they were armed: a round begins right behind the last of them, so that none expires meanwhile.
+// they expire spread as they were armed: a round begins right after the last of them, so that none expires during it.
 class Bracket {
 public:
     explicit Bracket(benchmark::State &state) : state_(state) {}
-    // To be called when the last timer has been armed.
+    // Call this after arming the last timer.
     void allAreArmed() { begin_ = Clock::now() + margin; }
     // False when there is nothing more to measure.
     bool operator()() {

@@ -47,7 +47,7 @@ bool haveLink() {
     return link.made();
 }
 
-// Runs a program and reads the milliseconds behind `before` out of what it prints.  Seconds, negative without any.
+// Runs a program and reads the milliseconds after `before` from its output. Returns seconds, or a negative number if there are none.
 double timeOf(const std::string &command, const std::string &before) {
     std::this_thread::sleep_for(std::chrono::milliseconds(30));
     FILE *pipe = popen(command.c_str(), "re");

@@ -12,7 +12,7 @@ namespace {
 
 constexpr const char *fifoPath = "/tmp/status/event-manager/throw";
 
-// Nobody reads: what is written goes with the last descriptor, so the FIFO never fills.
+// There is no reader: the data is discarded with the last descriptor, so the FIFO never fills.
 void provideFifo() {
     std::filesystem::create_directories("/tmp/status/event-manager");
     ::mkfifo(fifoPath, 0600);

@@ -45,7 +45,7 @@ volatile unsigned int address = 0xc0a80164;
 volatile unsigned long bytes = 1234567890;
 volatile int negative = -17;
 
-// The arguments stand in brackets; those of fmt follow its own format.
+// The arguments are in brackets; those of fmt follow its own format.
 #define ARGUMENTS(...) __VA_ARGS__
 #define CASE(name, format, fmtFormat, arguments)                                                                   \
     {                                                                                                              \

@@ -9,7 +9,7 @@ if(NOT BUILD_SHARED_LIBS)
   list(FILTER VXUTILS_CXX_RUNTIME INCLUDE REGEX "^(stdc\\+\\+|c\\+\\+)$")
 endif()
 
-# Stops the configuration where something is missing; setup is what scripts/setup is to be called with.
+# Stops the configuration where something is missing; `setup` is the argument for scripts/setup.
 function(vxutils_require_found setup)
   if(VXUTILS_MISSING)
     list(REMOVE_DUPLICATES VXUTILS_MISSING)

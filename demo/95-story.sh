@@ -34,7 +34,7 @@ until_told() {
     say "(no word of \"$words\")"
   done
 }
-# Waits until the supervisor has lost so many pings in a row.
+# Waits until the supervisor has lost this many pings in a row.
 until_lost() {
   local i
   for ((i = 0; i < 750; i++)); do
@@ -62,7 +62,7 @@ now "The modem's card is being reset, which takes its time:"
 gw modem reset on
 until_told "in reset"
 
-now "Somebody opens the cabinet: digital input 1 is raised."
+now "The cabinet is opened: digital input 1 is raised."
 gw input 1 1
 until_told "alarm input raised" "id=101 param=1"
 

@@ -79,7 +79,7 @@ int main(int argc, char **argv) {
     const ConfigDaemonClient config;
     const IpAddress interface(setting(config, file, "orders.address"));
     if (!interface.isIfaceType()) {
-        fprintf(stderr, "class_daemon: orders.address is no address of an interface\n");
+        fprintf(stderr, "class_daemon: orders.address is not the address of an interface\n");
         return 1;
     }
     String network;

@@ -25,7 +25,7 @@ int main(int argc, char **argv) {
     }
     IpAddress ip;
     if (ip.setIpAddrAsString(argv[1]) != 0) {
-        fprintf(stderr, "%s is no address\n", argv[1]);
+        fprintf(stderr, "%s is not an address\n", argv[1]);
         return 1;
     }
     String text;

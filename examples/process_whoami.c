@@ -11,7 +11,7 @@ int main(int argc, char **argv) {
     if (get_caller(caller, sizeof caller) == 0) {
         printf("called by %s\n", caller);
     } else {
-        printf("called by nobody that can be told\n");
+        printf("the caller is not known\n");
     }
 
     const int pid = argc > 1 ? (int)strtol(argv[1], NULL, 10) : (int)getpid();

@@ -43,7 +43,7 @@ constexpr const char *help =
     "  ok TEXT             answer commands with \"OK\" and TEXT\n"
     "  error TEXT          answer commands with \"ERROR\" and TEXT\n"
     "  raw TEXT            answer commands with TEXT alone\n"
-    "  fill N              answer commands with \"OK\" and so many letters that the answer has N bytes\n"
+    "  fill N              answer commands with \"OK\" and letters, N bytes in all\n"
     "  echo                answer commands with \"OK\", a blank and the command\n"
     "  on COMMAND = TEXT   answer this command with TEXT alone, whatever the others get\n"
     "  busy N TEXT         before each answer, answer N times \"BUSY\" and TEXT\n"
@@ -62,7 +62,7 @@ constexpr const char *help =
     "  reset on|off        set or remove the marker of a card in reset\n"
     "  suspend on|off      set or remove the marker of a suspended card\n"
     "  normal              answer everything with \"OK\" again, at once and whole\n"
-    "  sync                nothing: its \"done\" comes behind all events before it\n"
+    "  sync                nothing: its \"done\" comes after all earlier events\n"
     "  die                 end at once and leave the socket behind\n"
     "It ends with the end of its standard input and then takes its socket and markers away.\n";
 

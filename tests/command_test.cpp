@@ -126,7 +126,7 @@ TEST_F(ExecCommand, ReturnsTheExitCode) {
 TEST_F(ExecCommand, AProgramThatCannotBeStartedExitsWithTheErrorNumber) {
     EXPECT_EQ(_exec_command(0, "/none", "none", noMore), ENOENT);
     EXPECT_EQ(_exec_command(0, "/", "none", noMore), EACCES);
-    EXPECT_EQ(_exec_command(0, "sh", "sh", noMore), ENOENT) << "a path is no name to search for";
+    EXPECT_EQ(_exec_command(0, "sh", "sh", noMore), ENOENT) << "a path is not a name to search for";
 }
 
 TEST_F(ExecCommand, APathIsNeeded) {

@@ -144,7 +144,7 @@ void expectClosed(const configd_handle *handle) {
     EXPECT_FALSE(vxtest::exists(clientPath(handle)));
 }
 
-// Fills the queue of the daemon's socket; to be called while it does not read.
+// Fills the queue of the daemon's socket. Call it while the daemon does not read.
 void fillQueue() {
     const int fd = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     sockaddr_un address{};

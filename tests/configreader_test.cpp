@@ -411,7 +411,7 @@ TEST_F(ConfigReaderHelpers, StrcpystripCopiesAPartWithoutItsBlanks) {
     EXPECT_EQ(strip("a    ", 5), "a");
     EXPECT_EQ(strip("     ", 0), "");
     EXPECT_EQ(strip("     ", 1), "(false)before");
-    EXPECT_EQ(strip("\ta", 2), "\ta");  // a tab is no blank
+    EXPECT_EQ(strip("\ta", 2), "\ta");  // a tab is not a blank
     EXPECT_EQ(strip("a\t", 2), "a\t");
     EXPECT_EQ(strip("abcdefg", 7), "abcdefg");
     EXPECT_EQ(strip("abcdefgh", 8), "(false)before");

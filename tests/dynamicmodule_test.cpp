@@ -143,7 +143,7 @@ TEST(DynamicModule, LoadsAfterAFailureOnceTheLibraryIsThere) {
     std::string diary;
     CDynamicModule module(path);
     EXPECT_EQ(module.load(nullptr), -1);
-    vxtest::writeFile(path, "this is no library");
+    vxtest::writeFile(path, "not a library");
     EXPECT_EQ(module.load(nullptr), -1);
     EXPECT_THAT(module.lastError(), testing::HasSubstr(path));
     vxtest::writeFile(path, vxtest::readFile(full));

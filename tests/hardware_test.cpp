@@ -182,7 +182,7 @@ TEST_F(Hardware, PoeNeedsGeneration18AndVariant0) {
     sysinfo("bd/1/prod_variant", "0\n");
     EXPECT_EQ(inNewProcess(has_poe), 1);
     sysinfo("bd/1/prod_variant", "text\n");
-    EXPECT_EQ(inNewProcess(has_poe), 1);  // a text that is no number reads as 0
+    EXPECT_EQ(inNewProcess(has_poe), 1);  // a text that is not a number reads as 0
     sysinfo("bd/1/prod_variant", "1\n");
     EXPECT_EQ(inNewProcess(has_poe), 0);
     sysinfo("bd/1/prod_variant", "0\n");

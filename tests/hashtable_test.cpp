@@ -128,7 +128,7 @@ TEST(INUInt32HashTable, RemovesFromTheBeginningMiddleAndEndOfAChain) {
             EXPECT_EQ(table.getValueFromKey(key, &value), key != victim) << key;
         }
         table.addEntry(25, slot(25));
-        EXPECT_EQ(values(table).back(), slot(25)) << "new entries stand at the end";
+        EXPECT_EQ(values(table).back(), slot(25)) << "new entries are at the end";
         EXPECT_EQ(table.getLongestChain(), 3UL);
     }
 }
@@ -251,7 +251,7 @@ TEST(INUInt32HashTable, GetFirstNPointersStopsAtN) {
         const size_t copied = std::min<size_t>(n, 6);
         EXPECT_EQ(table.getFirstNPointers(n, out.data()), copied);
         EXPECT_TRUE(std::equal(all.begin(), all.begin() + static_cast<long>(copied), out.begin()));
-        EXPECT_EQ(out[copied], slot(99)) << "nothing behind";
+        EXPECT_EQ(out[copied], slot(99)) << "nothing after the copied pointers";
     }
     EXPECT_EQ(table.getFirstNPointers(0, nullptr), 0UL);
 }

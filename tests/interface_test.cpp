@@ -357,7 +357,7 @@ TEST(BridgeMembers, AreListedEachFollowedByABlank) {
     EXPECT_EQ(membersOf("br2"), (Members{0, ""}));
     EXPECT_EQ(membersOf("br"), (Members{0, ""}));
     EXPECT_EQ(membersOf("br22"), (Members{0, ""}));
-    EXPECT_EQ(membersOf("bridge name"), (Members{0, ""})) << "the heading is no bridge";
+    EXPECT_EQ(membersOf("bridge name"), (Members{0, ""})) << "the heading is not a bridge";
 }
 
 TEST(BridgeMembers, ContinuationLinesOfLaterBridgesAreListedToo) {
@@ -442,14 +442,14 @@ TEST(BridgeMembers, OddTables) {
         EXPECT_EQ(membersOf("br0"), members) << text;
     }
     toolPrints("bridge\tid\tno\teth0\n");
-    EXPECT_EQ(membersOf("bridge"), (Members{5, "eth0 "})) << "the heading has a blank behind the word";
+    EXPECT_EQ(membersOf("bridge"), (Members{5, "eth0 "})) << "the heading has a blank after the word";
 }
 
 TEST(BridgeMembers, LinesAreReadInPiecesOf1023Characters) {
     const std::string filler(1023 - 11, 'x');
     toolPrints("br0\tid\tno\t\t" + filler + "\tbehind\n");
     EXPECT_EQ(membersOf("br0", 4096), (Members{1012 + 1 + 7, filler + " behind "}))
-        << "the piece behind begins with a tab and so continues";
+        << "the next piece begins with a tab and so continues";
     toolPrints("br0\tid\tno\t" + std::string(100000, 'y') + "\n");
     EXPECT_EQ(membersOf("br0", 4096), (Members{1013 + 1, std::string(1013, 'y') + " "}));
 }

@@ -41,7 +41,7 @@ TEST(MemStreamPrintf, ATextThatJustFitsFillsTheStreamWithoutBeingCut) {
     mem_stream stream = {buffer, sizeof buffer};
     EXPECT_EQ(mem_stream_printf(&stream, "%d", 123), 0);
     EXPECT_EQ(stream.buf_size, 1U);
-    EXPECT_EQ(mem_stream_printf(&stream, "%s", ""), 0) << "nothing is no character too many";
+    EXPECT_EQ(mem_stream_printf(&stream, "%s", ""), 0) << "an empty text always fits";
     EXPECT_EQ(mem_stream_printf(&stream, "4"), 1);
     EXPECT_STREQ(buffer, "123");
 }

@@ -226,7 +226,7 @@ TEST(ValueOf32, UsesAtMost33Characters) {
     EXPECT_EQ(valueOf32(repeated(30, '0', "123").c_str()), 123);
     EXPECT_EQ(valueOf32(repeated(30, '0', "1234").c_str()), 123);
     EXPECT_EQ(valueOf32(repeated(30, '0', "12h").c_str()), 0x12) << "the marker is the 33rd character";
-    EXPECT_EQ(valueOf32(repeated(30, '0', "123h").c_str()), 123) << "a marker behind is cut off";
+    EXPECT_EQ(valueOf32(repeated(30, '0', "123h").c_str()), 123) << "a marker after the limit is cut off";
     EXPECT_EQ(valueOf32(repeated(30, '0', "1bh").c_str()), 0x1b);
     EXPECT_EQ(valueOf32(repeated(30, '0', "10bh").c_str()), 2) << "what is left may end in a marker";
     EXPECT_EQ(valueOf32(("-" + repeated(30, '0', "123")).c_str()), -12) << "the sign is one of the 33";

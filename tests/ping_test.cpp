@@ -701,7 +701,7 @@ TEST_F(Ping, WithoutAGatewayTheEchoGoesAtIpLevel) {
     EXPECT_EQ(lines.at(1),
               (LogLine{LOG_DEBUG, "gateway none (source C000020A, mask FFFFFF00, dest C0000201, is_ptp 0)"}));
     EXPECT_EQ(lines.at(2), (LogLine{LOG_DEBUG, ipWay + gatewayText}));
-    EXPECT_EQ(rawping("wan0", "wan-target", "", 0), -1) << "nobody on the link answers for the target";
+    EXPECT_EQ(rawping("wan0", "wan-target", "", 0), -1) << "no host on the link answers for the target";
     lines = log.take();
     EXPECT_EQ(lines.at(1), (LogLine{LOG_DEBUG, "gateway  (source C000020A, mask FFFFFF00, dest C6336409, is_ptp 0)"}));
     EXPECT_EQ(lines.at(2), (LogLine{LOG_DEBUG, ipWay + "wan-target"}));
@@ -780,7 +780,7 @@ TEST_F(Ping, AnInterfaceNameThatIsGoneMeanwhileCountsAsPointToPoint) {
     char interface[] = "wan0";
     Watch watch;
     watch.receiveFromScript();
-    // The caller's text is emptied while the interface is examined: by the last question, it is no name any more.
+    // The caller's text is emptied while the interface is examined: by the last question, it is not a name any more.
     watch.calls->ioctl = [&](int, unsigned long request, void *) -> std::optional<int> {
         if (request == SIOCGIFHWADDR) interface[0] = '\0';
         EXPECT_NE(request, static_cast<unsigned long>(SIOCGIFFLAGS)) << "nothing to ask about";
@@ -1139,7 +1139,7 @@ TEST_F(Ping, TheLinkLevelEchoIsTheseBytes) {
         EXPECT_EQ(hex(watch.sent[0]), hex(expected));
         const auto frame = wire->nextIcmp();
         ASSERT_TRUE(frame.has_value());
-        EXPECT_EQ(hex(frame->bytes), hex(expected)) << "nobody rewrites a frame";
+        EXPECT_EQ(hex(frame->bytes), hex(expected)) << "the kernel does not rewrite a frame";
 
         sockaddr_ll to{};
         ASSERT_EQ(watch.sentTo[0].size(), sizeof to);
@@ -1366,7 +1366,7 @@ TEST_F(Ping, ALinkLevelReplyIsLookedAtThisClosely) {
         {"a request", [](Bytes &f) { f[34] = 8; }, {"received packet #", "not an ICMP REPLY message"}, false},
         {"another sequence number", [](Bytes &f) { f[41] = 2; }, {"received packet #", "RECEIVED raw reply #"}, false},
         {"another identifier", [](Bytes &f) { f[38] ^= 1; }, {"received packet #", "RECEIVED raw reply #"}, false},
-        {"a header that is no header: read as one of 20 bytes",
+        {"a header length below 20: read as 20 bytes",
          [](Bytes &f) { f[14] = 0x40; },
          {"received packet #", "RECEIVED raw reply #"},
          true},

@@ -330,7 +330,7 @@ TEST_F(DeviceLog, ASemaphoreThatOnlyOpensIsUsedAsItIs) {
     EXPECT_EQ(asOther(append), (Reported{-1, "semget" + denied + "lock sem" + denied}));
     EXPECT_EQ(asOther(qxlog_clear), (Reported{-1, "semget" + denied + "semop" + denied}));
     EXPECT_EQ(asOther(readLog), (Reported{-1, "semget" + denied + "semop" + denied}));
-    EXPECT_EQ(semaphoreValue(), 0) << "nobody set it";
+    EXPECT_EQ(semaphoreValue(), 0) << "it was not set";
 }
 
 TEST_F(DeviceLog, ASemaphoreThatCannotBeSetIsReported) {

@@ -40,7 +40,7 @@ void *operator new(size_t size) {
     throw std::bad_alloc();
 }
 void *operator new(size_t size, const std::nothrow_t &) noexcept { return allocate(size); }
-// Not inlined: where the compiler sees free() it misses the malloc() behind operator new.
+// Not inlined: where the compiler sees free() it misses the malloc() in operator new.
 __attribute__((noinline)) void operator delete(void *memory) noexcept { std::free(memory); }
 __attribute__((noinline)) void operator delete(void *memory, size_t) noexcept { std::free(memory); }
 __attribute__((noinline)) void operator delete(void *memory, const std::nothrow_t &) noexcept { std::free(memory); }

@@ -26,7 +26,7 @@
 #include "support/short_memory.h"
 
 namespace {
-// What every file system is said to be; empty: it cannot be looked at. None: as it is.
+// The answer to statfs() for every file system; an empty list makes the call fail. Without a value the kernel answers.
 std::optional<std::vector<struct statfs>> fileSystems;
 }  // namespace
 

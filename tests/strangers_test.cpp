@@ -272,7 +272,7 @@ TEST_F(Trees, ASecretIsNotCopiedIntoAStrangersFile) {
         EXPECT_EQ(copy_file((ours + "/file0").c_str(), (dir + "/open/copy").c_str()), -1);
         EXPECT_EQ(errno, EACCES);
         EXPECT_EQ(readFile(dir + "/open/copy"), "mine");
-        // Nor through root's own link to it: /etc/resolv.conf and the like.
+        // Nor through root's own link to it: /etc/resolv.conf, for example.
         ASSERT_EQ(::symlink("open/copy", (dir + "/link").c_str()), 0);
         EXPECT_EQ(copy_file((ours + "/file0").c_str(), (dir + "/link").c_str()), -1);
         EXPECT_EQ(readFile(dir + "/open/copy"), "mine");
@@ -345,7 +345,7 @@ TEST_F(FilesOfStrangers, TheDirectWriteFollowsNoLinkOfTheirs) {
         EXPECT_EQ(log.take(), (std::vector<LogLine>{{LOG_ERR, "Unable to open file (" + target +
                                                                   ") for writing - errno=13(Permission denied)"}}));
         ::unlink(target.c_str());
-        // Root's own link is followed as ever.
+        // Root's own link is followed.
         ASSERT_EQ(::symlink(victim.c_str(), target.c_str()), 0);
         EXPECT_EQ(write_file_atomic(target.c_str(), "secret", 6, 0, 1), 0);
         (void)log.take();

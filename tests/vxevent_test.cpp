@@ -238,7 +238,7 @@ TEST_F(Vxevent, WithoutAReaderItNeitherBlocksNorRaisesSigpipe) {
     ASSERT_EQ(::mkfifo(fifoPath.c_str(), 0600), 0);
     EXPECT_EQ(vxtest::inChild([] {
                   ::signal(SIGPIPE, SIG_DFL);
-                  return vxevent(1, 2, "nobody") == 0 && vxevent(1, 2, "nobody") == 0 ? 0 : 1;
+                  return vxevent(1, 2, "unread") == 0 && vxevent(1, 2, "unread") == 0 ? 0 : 1;
               }),
               0);
     fifo = ::open(fifoPath.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC);
@@ -357,7 +357,7 @@ TEST_F(Vxevent, ReachesTheEventManager) {
 
     manager.send("away\n");
     ASSERT_EQ(manager.readLine(), "away");
-    EXPECT_EQ(vxevent(22, 0, "to nobody"), 0);
+    EXPECT_EQ(vxevent(22, 0, "without a reader"), 0);
     manager.send("make\ncount\nnonsense\nquit\n");
     EXPECT_EQ(manager.readLine(), "make");
     EXPECT_EQ(manager.readLine(), "count 4");
@@ -410,7 +410,7 @@ protected:
             }));
         }
     }
-    // The next event that is no probe.
+    // The next event that is not a probe.
     static std::string receive(void *sink) {
         for (;;) {
             std::array<char, 256> got;
@@ -460,7 +460,7 @@ TEST_F(Legacy, TheRecordIsCopied) {
 
 TEST_F(Legacy, WithoutSubscribersAnEventIsDropped) {
     void *const source = keep(create_legacy_source(context));
-    const vxevent_record record = recordOf(1, 2, "nobody");
+    const vxevent_record record = recordOf(1, 2, "unread");
     EXPECT_EQ(dispatch_legacy_event(source, &record), 0);
 }
 

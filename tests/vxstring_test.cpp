@@ -389,7 +389,7 @@ TEST(StringCompare, NulsInsideCountForEqualsButEndTheTextForTheOperators) {
     EXPECT_EQ(text(one), std::string("AB\0CD", 5));
     one.replace('\0', '-');
     EXPECT_EQ(text(one), "AB-CD");
-    EXPECT_EQ(one.c_str()[5], '\0') << "the terminator is no part of the text";
+    EXPECT_EQ(one.c_str()[5], '\0') << "the terminator is not part of the text";
     String blanks;
     blanks.concat(" \0x ", 4);
     blanks.trim();

@@ -231,7 +231,7 @@ std::string whole(const char *fmt, Args... args) {
     const int stored = snxprintf(buffer.data(), 0, buffer.size(), fmt, args...);
     const std::string text(buffer.data());
     EXPECT_EQ(static_cast<size_t>(stored), text.size());
-    EXPECT_EQ(buffer[text.size() + 1], untouched) << "written behind the terminator";
+    EXPECT_EQ(buffer[text.size() + 1], untouched) << "written after the terminator";
     EXPECT_EQ(static_cast<size_t>(strlenf(fmt, args...)), text.size()) << fmt;
     return text;
 }
@@ -499,7 +499,7 @@ TEST(Xprintf, LaysOutIntegers) {
     EXPECT_EQ(whole("[%7.4d]", -42), "[  -0042]");
     EXPECT_EQ(whole("[%-7.4d]", -42), "[-0042  ]");
     EXPECT_EQ(whole("[%7.1d]", 42), "[     42]");
-    EXPECT_EQ(whole("[%#.4o]", 8U), "[00010]") << "the prefix is no digit";
+    EXPECT_EQ(whole("[%#.4o]", 8U), "[00010]") << "the prefix is not a digit";
     EXPECT_EQ(whole("[%2d]", 12345), "[12345]");
     EXPECT_EQ(whole("[%02d]", 12345), "[12345]");
     EXPECT_EQ(whole("%-05d", 7), "7    ");
@@ -565,7 +565,7 @@ TEST(Xprintf, UnknownConversionsPrintThemselves) {
     EXPECT_EQ(whole("%.*f|%d", 5, 7), "f|7");
     EXPECT_EQ(whole("%5%|%-05l%"), "%|%");
     EXPECT_EQ(whole("%!|%\x80|%'d"), "!|\x80|'d");
-    EXPECT_EQ(whole("%.-5d"), "-5d") << "the precision ends at the sign, which is no conversion";
+    EXPECT_EQ(whole("%.-5d"), "-5d") << "the precision ends at the sign, which is not a conversion";
     EXPECT_EQ(whole("%/5d"), "/5d");
 }
 

@@ -71,7 +71,7 @@ int get_parent_pid(int pid) {
     for (int i = 1; i < parentField && field != nullptr; ++i) field = strtok_r(nullptr, " ", &rest);
     if (field == nullptr) return -1;
     const long long parent = strtoll(field, nullptr, 10);
-    return parent >= INT_MIN && parent <= INT_MAX ? static_cast<int>(parent) : 0;  // 0 as for a word that is no number
+    return parent >= INT_MIN && parent <= INT_MAX ? static_cast<int>(parent) : 0;  // 0 as for no number
 }
 
 int get_caller(char *dst, size_t n) {

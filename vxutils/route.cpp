@@ -169,7 +169,7 @@ int receiveAnswer(const RouteQuery &query, std::span<uint8_t> buffer, Answer &an
     }
 }
 
-// An error message never carries a route: the zero of an acknowledgement is no success here.
+// An error message never carries a route: the zero of an acknowledgement is not success here.
 int refuseError(const Answer &answer) {
     if (answer.header.nlmsg_type != NLMSG_ERROR) return 0;
     const auto error = vx::netlink::errorField(answer.payload);

@@ -62,7 +62,7 @@ storage_entry *entryOf(list_link *link) { return static_cast<storage_entry *>(st
 
 std::string blockPath(std::string_view name) { return std::string(blockDirectory).append("/").append(name); }
 
-// Target of a link of any length; none when it is no link.
+// Target of a link of any length; no value when it is not a link.
 std::optional<std::string> linkTarget(const std::string &path) {
     for (std::string target(256, '\0');; target.resize(target.size() * 2)) {
         const ssize_t length = ::readlink(path.c_str(), target.data(), target.size());

@@ -1,3 +1,3 @@
-# The whole gateway behind the prompt and behind programs of the user's own.
+# The whole gateway, for the prompt and for the user's own programs.
 source "$demo/gateway.sh"
 gateway_up

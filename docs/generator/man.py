@@ -1,7 +1,7 @@
 """The manual pages of sections 3 and 7, in the macros of man(7).
 
 One page per family, and for every name that a program can use a page that only names the family's page (.so). The files
-are called NAME.3vx: man finds them in section 3, and they stand beside pages of the same name from other libraries."""
+are called NAME.3vx: man finds them in section 3, beside pages of the same name from other libraries."""
 import datetime
 import os
 import re

@@ -130,7 +130,7 @@ VXUTILS_API cfread_entry *cfread_set_entry(cfread_table *table, const char *key,
  * @param cb_empty not 0 (in its low 8 bits): also call for lines without key or without value, with these 8 bits as the
  *                 callback's last argument
  * @return 0, also when the callback ended the reading; -1 on a NULL callback or any failure, which comes after the
- *         callback has seen what stands before it
+ *         callback has seen what comes before it
  */
 VXUTILS_API int cfread_parse_with_callback(const char *file, cfread_callback callback, void *arg, int cb_empty);
 

@@ -210,7 +210,7 @@ public:
 
     /**
      * Closes what init() opened. Timers that still run are forgotten, their descriptors stay open: remove them first.
-     * Not to be called from a callback of this source.
+     * Do not call it from a callback of this source.
      */
     ~CEPollEventsource() override;
 
@@ -218,7 +218,7 @@ public:
     CEPollEventsource &operator=(const CEPollEventsource &) = delete;
 
     /**
-     * Opens the epoll set and the pipe of terminate(), all of it closed on exec. To be called once, before anything
+     * Opens the epoll set and the pipe of terminate(), all of it closed on exec. Call it once, before anything
      * else; again only after a failure.
      * @return 0, or -1 with the reason in the system log
      */

@@ -239,9 +239,9 @@ VXUTILS_API int empty_directory(const char *path);
  * /proc, copy as empty ones, and what the kernel moves at once (2 GiB) is the most.
  *
  * A file copied onto itself, by whatever path, link or hard link, is left as it is: that is success. Only regular files
- * and block devices can be copied: a FIFO, a directory and the like fail with "Sendfile error: Invalid argument (22)"
- * before anything is made or emptied. A FIFO in the place of @p dst takes what fits, if it has a reader;
- * one whose reader leaves meanwhile fails with EPIPE and without SIGPIPE.
+ * and block devices can be copied: other files, a FIFO or a directory for example, fail with
+ * "Sendfile error: Invalid argument (22)" before anything is made or emptied. A FIFO in the place of @p dst
+ * takes what fits, if it has a reader; one whose reader leaves during the copy fails with EPIPE and without SIGPIPE.
  *
  * @param src file to copy
  * @param dst file to write

@@ -115,7 +115,7 @@ public:
     CMessageQueue &operator=(const CMessageQueue &) = delete;
 
     /**
-     * Opens the wake-up pipe, closed on exec, and registers with the event source. To be called once, on the loop's
+     * Opens the wake-up pipe, closed on exec, and registers with the event source. Call it once, on the loop's
      * thread.
      * @return 0, or -1 with the reason in the system log
      */

@@ -15,7 +15,7 @@ static_assert(
     sizeof(time_t) == 8,
     "libvxutils needs 64-bit times: compile with -D_TIME_BITS=64 -D_FILE_OFFSET_BITS=64 (pkg-config gives both)");
 #else
-/** Negative size, hence an error, where time_t is narrow: compile with -D_TIME_BITS=64 -D_FILE_OFFSET_BITS=64. */
+/** Negative size, which is an error, where time_t is narrow: compile with -D_TIME_BITS=64 -D_FILE_OFFSET_BITS=64. */
 typedef char vxutils_needs_64_bit_time_t_set_D_TIME_BITS_64_and_D_FILE_OFFSET_BITS_64[sizeof(time_t) == 8 ? 1 : -1];
 #endif
 

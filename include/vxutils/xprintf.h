@@ -45,7 +45,7 @@
  * **Blocking.** Never. The work grows with what is stored: padding and texts outside the slice are passed over in one
  * step.
  *
- * **Errors.** None: every format gives a text. NULL buffers, a size of 0 and a negative skip store nothing.
+ * **Errors.** There are none: every format gives a text. NULL buffers, a size of 0 and a negative skip store nothing.
  *
  * **Limits.** Lengths are counted up to 4294967294 characters.
  *

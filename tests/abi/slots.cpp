@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 // The position of every virtual operation, held by the compiler: programs in the field call them by position. A pointer
-// to a member is no constant expression that could be taken apart, but the optimiser folds one; what it cannot prove
+// to a member is not a constant expression that could be taken apart, but the optimiser folds one; what it cannot prove
 // right leaves a call that does not compile.
 #include <cstddef>
 #include <cstdint>

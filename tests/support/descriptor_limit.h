@@ -17,7 +17,7 @@ public:
         ::getrlimit(RLIMIT_NOFILE, &saved_);
         std::vector<int> room;
         int highest = -1;
-        // The lowest free numbers are handed out first: the limit is the number behind the last one allowed.
+        // The lowest free numbers are handed out first: the limit is the number after the last one allowed.
         for (size_t i = 0; i <= more; ++i) {
             room.push_back(::open("/", O_PATH | O_CLOEXEC));  // not every box may open /dev/null
             highest = std::max(highest, room.back());

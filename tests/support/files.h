@@ -11,7 +11,7 @@ void writeFile(const std::string &path, const std::string &text);  // makes the 
 std::string readFile(const std::string &path);                     // "" when it cannot be read
 bool exists(const std::string &path);                              // of the entry itself, links not followed
 
-// So many of one character. Compilers warn wrongly about std::string(300, 'x') + "tail".
+// `count` times the character. Compilers warn wrongly about std::string(300, 'x') + "tail".
 std::string repeated(size_t count, char c);
 
 }  // namespace vxtest

@@ -3,7 +3,7 @@
 // before the kernel rewrites them, answers that no honest peer gives, errors in the middle of a conversation.
 //
 // Include in one source of a test program: the calls below then pass through it on their way from the library to the
-// kernel. With no hook and no fault source set they behave as ever. torture/calls.cpp adds the remaining fallible calls
+// kernel. Without a hook or a fault source they go to the kernel. torture/calls.cpp adds the remaining fallible calls
 // of the library to these.
 #pragma once
 

@@ -53,7 +53,7 @@ private:
     char *text_;
 };
 
-// A block of `size` bytes that ends right at an unreadable page (and begins behind one when size is a page multiple).
+// A block of `size` bytes that ends right at an unreadable page (and begins after one when size is a page multiple).
 class GuardedBuffer {
 public:
     explicit GuardedBuffer(size_t size);

@@ -12,15 +12,15 @@
 
 namespace vxtest {
 
-// This thread's C++ objects: any number, or so many more.
+// How many more C++ objects this thread can allocate once objectsRunOut is set.
 inline thread_local bool objectsRunOut = false;
 inline thread_local int objectsLeft = 0;
 
-// Records of this size from calloc(); 0: any number of all sizes.
+// How many more records of this size calloc() gives; size 0: no limit for any size.
 inline size_t scarceRecord = 0;
 inline int recordsLeft = 0;
 
-// Not as a plain call, since malloc() with memset() behind it is made one calloc() by compilers: this one.
+// Not a plain call: compilers turn malloc() and memset() into calloc(), which is this function itself.
 inline void *(*volatile plainMemory)(size_t) = std::malloc;
 
 }  // namespace vxtest

@@ -162,7 +162,7 @@ TEST_F(VxEvent, PublishWithoutASubscriberIsAFailure) {
     EXPECT_EQ(result.err, "vx: event publish: tcp://127.0.0.1:47011: no subscriber came\n");
 }
 
-// A file of that name that is not a library stands for a machine without it.
+// A file of that name that is not a library has the effect of a missing library.
 TEST_F(VxEvent, WithoutZeroMqItSaysWhatIsMissing) {
     vxtest::writeFile("/tmp/empty/libzmq.so.5", "");
     const vxtest::VxSetting setting{.environment = {{"LD_LIBRARY_PATH", "/tmp/empty"}}};

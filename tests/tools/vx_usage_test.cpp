@@ -446,7 +446,7 @@ TEST_F(VxCompletion, WorksInBash) {
     EXPECT_EQ(vxScript("source " + source + "/tools/completion/vx.bash; complete -p vx").out, "complete -F _vx vx\n");
 }
 
-// A real line editor on a terminal of its own: what stands on the line after the tab key is run.
+// A real line editor on a terminal of its own: the line is run as the tab key has left it.
 TEST_F(VxCompletion, WorksInZsh) {
     if (vxtest::emulated() || !vxtest::exists("/usr/bin/zsh")) GTEST_SKIP() << "no zsh for this machine";
     writeFile("/tmp/complete.zsh",

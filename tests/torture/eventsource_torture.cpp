@@ -137,7 +137,7 @@ void queue(Run &run) {
 }  // namespace
 
 int main(int argc, char **argv) {
-    // timerfd_settime fails for values that are no time only; the descriptor that then stays open is documented.
+    // timerfd_settime fails only for values that are not a time; the descriptor that then stays open is documented.
     return torture::torment(
         argc, argv,
         {{"eventsource: loop", loop, {"/tmp/torture"}, {"timerfd_settime"}}, {"messagequeue: queue", queue}});

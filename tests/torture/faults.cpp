@@ -478,7 +478,7 @@ int chosenError(const Fault &fault, size_t number, std::initializer_list<int> er
         return listed ? fault.error : *errors.begin();
     }
     if (!fault.persistent || fault.call == 0 || number < fault.call) return 0;
-    // An interruption that never ends is no fault of a machine: calls are repeated after it for as long as it takes.
+    // EINTR without end is not a fault that machines have: the library repeats a call for as long as it gets EINTR.
     for (const int error : errors) {
         if (error != EINTR) return error;
     }

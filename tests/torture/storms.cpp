@@ -631,7 +631,7 @@ void statusDaemons(Report &report, size_t rounds) {
     }
 }
 
-// Whoever starts a program in the background is killed; the next one can start one.
+// Kills the process that starts a program in the background; the next process can start one.
 void backgroundStarts(Report &report, size_t rounds) {
     for (size_t i = 0; i < rounds; ++i) {
         report.round();
@@ -695,7 +695,7 @@ int main(int argc, char **argv) {
     for (const std::string &name : names) {
         const auto isNamed = [&](const Storm &storm) { return name == storm.name; };
         if (std::any_of(std::begin(storms), std::end(storms), isNamed)) continue;
-        std::fprintf(stderr, "storms: there is no storm '%s'\n", name.c_str());
+        std::fprintf(stderr, "storms: unknown storm '%s'\n", name.c_str());
         return 2;
     }
     size_t findings = 0;

@@ -19,7 +19,7 @@ public:
 
     Follow(const Arguments &arguments, Output &out);
 
-    // Waits until the descriptor (-1: none) is readable, or so long (none: for ever), or following is over.
+    // Waits until the descriptor (-1: no descriptor) is readable, `longest` has passed (no value: no limit), or following is over.
     Event wait(int fd, std::optional<milliseconds> longest = std::nullopt);
     // Prints one line. False when it was the last.
     bool print(const Record &record, Plain form);

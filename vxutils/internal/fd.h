@@ -39,7 +39,7 @@ public:
     // Closes and reports what close() said; for files whose last write error only shows there.
     [[nodiscard]] int close() noexcept { return ::close(release()); }
 
-    bool operator!() const = delete;  // a descriptor is no truth value: ask valid()
+    bool operator!() const = delete;  // a descriptor is not a truth value: ask valid()
 
 private:
     int fd_ = -1;

@@ -267,7 +267,7 @@ Target openTarget(int directory, const char *path, mode_t mode) noexcept {
     const int before = errno;
     Target target = withoutMemoryRefused([&] { return openAnyTarget(directory, path, mode); });
     if (!target.valid()) return target;
-    // A device is written as ever; a FIFO must not make the writer wait.
+    // A device is written with blocking calls; a FIFO must not make the writer wait.
     if (!target.created && isDevice(target.status)) (void)::fcntl(target.file.get(), F_SETFL, 0);
     errno = before;
     return target;
