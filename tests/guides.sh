@@ -7,4 +7,4 @@ trap 'rm -rf "$stage"' EXIT
 cmake --install "$1" --prefix "$stage/usr" >"$stage/install.log" || { cat "$stage/install.log"; exit 1; }
 cp "$top/tests/guides.py" "$stage"
 cp -r "$top/docs/guides" "$stage"
-"$top/scripts/demo" --build "$1" --with-directory --run "$stage/guides.py" /program/guides/{debugging,first-daemon,locks,loops,porting,reporting,scripts,testing,upgrading}.md
+"$top/scripts/demo" --build "$1" --with-directory --run "$stage/guides.py" /program/guides/{costs,debugging,first-daemon,locks,loops,porting,reporting,scripts,testing,upgrading}.md

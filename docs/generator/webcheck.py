@@ -38,6 +38,9 @@ SEARCHES = {
     "vx lock": "vx-lock.1.html",
     "changelog": "changelog.html",
     "debugging": "guide-debugging.html",
+    "porting": "guide-porting.html",
+    "upgrading": "guide-upgrading.html",
+    "system calls": "guide-costs.html",
     "log messages": "messages.html",
     "no response from configd": "messages.html#configd",
 }
