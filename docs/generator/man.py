@@ -52,6 +52,7 @@ def inline(text):
 
 def filled(roff):
     """Text in lines of less than 80 characters, none of which begins with a control character."""
+    roff = re.sub(r"[^\x00-\x7f]", lambda m: f"\\[u{ord(m.group()):04X}]", roff)  # mandoc counts them so
     lines = textwrap.wrap(roff, 78, break_long_words=False, break_on_hyphens=False)
     return ["\\&" + line if line[0] in ".'" else line for line in lines]
 
