@@ -8,8 +8,8 @@ STRING = r'"(?:[^"\\]|\\.)*"'
 LITERAL = re.compile(rf"(?:{STRING}|\s|PRI\w+)+")
 CONSTANT = re.compile(rf"constexpr const char \*(\w+) =\s*((?:{STRING}\s*)+);")
 LEVELS = {"DL_ERR": "err", "DL_ERROR": "err", "DL_INFO": "info"}
-OF_OTHERS = {"copy": "file", "directory": "file", "late_library": "other libraries", "abandoned_segment": "command",
-             "status_path": "statusinterface"}  # sources whose messages users know under another name
+OF_OTHERS = {"copy": "file", "directory": "file", "late_library": "other libraries",
+             "status_path": "statusinterface"}  # sources of messages under another heading
 FRAME = {"log.h", "log.cpp", "prepared_log.h", "prepared_log.cpp", "assertion.h"}  # what the others log with
 
 # Functions of one source that log the text that they are given: how the texts are found in it.
@@ -73,15 +73,19 @@ def of_source(path):
 
 
 def of_library():
-    """The messages by family."""
-    families, findings = {}, []
+    """The messages by the heading under which the page has them."""
+    headings, findings = {}, []
+    families = {path.stem for path in (model.ROOT / "include/vxutils").glob("*.h")}
     for path in sorted((model.ROOT / "vxutils").rglob("*.[ch]*")):
         if path.suffix in (".cpp", ".h") and path.name not in FRAME:
             found, wrong = of_source(path)
             findings += wrong
             if found:
-                families.setdefault(OF_OTHERS.get(path.stem, path.stem), set()).update(found)
-    return families, findings
+                heading = OF_OTHERS.get(path.stem, path.stem)
+                if heading not in families:  # helpers are called after the family that they belong to
+                    heading = next((f for f in families if heading.startswith(f + "_")), heading)
+                headings.setdefault(heading, set()).update(found)
+    return headings, findings
 
 
 def of_page():
