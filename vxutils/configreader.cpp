@@ -25,7 +25,7 @@
 
 namespace {
 
-constexpr size_t lineMax = 1022;
+constexpr size_t lineMax = 1022;     // Quirk Q95.
 constexpr size_t firstBlock = 4000;  // of the values' memory; each is twice as large as the one before it
 constexpr size_t largestBlock = 128000;
 constexpr const char *noFileMessage = "cfg: Error in config file %s, line %ld:\n";

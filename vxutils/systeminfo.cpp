@@ -16,7 +16,7 @@
 namespace {
 
 constexpr const char *path = "/etc/default/system-info";
-constexpr int lineSize = 1023;  // 1022 characters and a NUL
+constexpr int lineSize = 1023;  // 1022 characters and a NUL; quirk Q95
 
 using Table = std::unique_ptr<systeminfo_table, vx::Release<&systeminfo_free>>;
 

@@ -33,7 +33,7 @@
  * **Privileges.** Read access to the file.
  *
  * **Compatibility.** Behaviour kept on purpose (docs/compatibility.md): Q39 the second of two leading blanks stays in
- * the key.
+ * the key; Q95 the rest of a long line is a line of its own.
  */
 #ifndef VXUTILS_CONFIGREADER_H
 #define VXUTILS_CONFIGREADER_H

@@ -30,7 +30,8 @@
  *
  * **Privileges.** Read access to the file.
  *
- * **Compatibility.** Behaviour kept on purpose (docs/compatibility.md): Q38 unquoted values keep their line feed.
+ * **Compatibility.** Behaviour kept on purpose (docs/compatibility.md): Q38 unquoted values keep their line feed;
+ * Q95 the rest of a long line is a line of its own.
  */
 #ifndef VXUTILS_SYSTEMINFO_H
 #define VXUTILS_SYSTEMINFO_H
