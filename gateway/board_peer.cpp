@@ -26,6 +26,7 @@
 #include <vector>
 
 #include "gateway/control.h"
+#include "gateway/proc_cover.h"
 
 namespace {
 
@@ -51,15 +52,14 @@ constexpr const char *help =
     "  normal              forget text, gone, refuse and unclosable\n"
     "It ends with the end of its standard input.\n"
     "\n"
-    "--prepare makes /proc, /sys/devices, /sys/bus and /sys/class/block writable directories (what the real /proc\n"
-    "and /sys/devices hold stays reachable through links; of the processes those up to 8192), so that a board's\n"
-    "identity, storage and converters can be laid out as plain files.\n";
+    "--prepare makes /proc/sysinfo, /sys/devices, /sys/bus and /sys/class/block writable directories, so that a\n"
+    "board's identity, storage and converters can be laid out as plain files. What the real /proc and /sys/devices\n"
+    "hold stays reachable through links.\n";
 
 constexpr const char *devices = "/sys/devices";
 constexpr const char *tree = "/sys/devices/vantorix";
 constexpr size_t bufferSize = 65536;
 constexpr unsigned int mostLines = 200;
-constexpr int processLinks = 8192;
 
 [[noreturn]] void fail(const std::string &what) {
     std::fprintf(stderr, "board: %s: %s\n", what.c_str(), std::strerror(errno));
@@ -90,12 +90,11 @@ std::vector<std::string> namesIn(const std::string &directory) {
 }
 
 // The kernel's own directory moves aside; one in memory takes its place and links to each of its entries.
-void makeWritable(const std::string &path, const std::string &aside, const std::vector<std::string> &alsoLinked = {}) {
+void makeWritable(const std::string &path, const std::string &aside) {
     if (exists(aside)) return;
     if (::mkdir(aside.c_str(), 0555) == -1) fail(aside);
     if (::mount(path.c_str(), aside.c_str(), nullptr, MS_BIND | MS_REC, nullptr) == -1) fail("bind " + path);
-    std::vector<std::string> names = namesIn(aside);
-    names.insert(names.end(), alsoLinked.begin(), alsoLinked.end());
+    const std::vector<std::string> names = namesIn(aside);
     mountTmpfs(path);
     for (const std::string &name : names) {
         const std::string entry = "/" + name;
@@ -469,16 +468,8 @@ void Board::run() {
     ::umount2(tree, MNT_DETACH);
 }
 
-// Processes that are still to come have their links as well: a box counts them from 1.
-void makeProcWritable() {
-    std::vector<std::string> processes;
-    for (int pid = 1; pid <= processLinks; ++pid) processes.push_back(std::to_string(pid));
-    makeWritable("/proc", "/.proc", processes);
-    ::mkdir("/proc/sysinfo", 0755);
-}
-
 void prepare() {
-    makeProcWritable();
+    if (!coverProc()) fail("/proc");
     makeDevicesWritable();
     for (const char *path : {"/sys/bus", "/sys/class/block"}) mountTmpfs(path);
 }

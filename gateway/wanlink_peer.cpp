@@ -13,6 +13,7 @@
 #include <poll.h>
 #include <sched.h>
 #include <sys/ioctl.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <array>
@@ -27,6 +28,7 @@
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <thread>
 #include <vector>
 
 namespace {
@@ -173,14 +175,33 @@ private:
     std::multimap<Clock::time_point, Packet> onTheWay_;
 };
 
+bool hasCarrier() {
+    const Descriptor socket(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0), "socket");
+    ifreq request{};
+    std::strcpy(request.ifr_name, "wan0");
+    if (::ioctl(socket.get(), SIOCGIFFLAGS, &request) == -1) fail("flags of wan0");
+    return (request.ifr_flags & IFF_RUNNING) != 0;
+}
+
+// The kernel tells of a change at the other end later, after up to a second.
+void waitForCarrier(bool wanted) {
+    const auto end = Clock::now() + std::chrono::seconds(10);
+    while (hasCarrier() != wanted) {
+        if (Clock::now() > end) throw std::runtime_error("wan0 does not notice its cable");
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+}
+
 bool obey(const std::string &order, Line &line) {
     std::istringstream words(order);
     std::string word;
     words >> word;
     if (word == "cut") {
         ip("-n wan-gateway link set gw0 down");
+        waitForCarrier(false);
     } else if (word == "restore") {
         ip("-n wan-gateway link set gw0 up");
+        waitForCarrier(true);
     } else if (word == "lose" || word == "carry") {
         line.lose(word == "lose");
     } else if (word == "delay") {
@@ -222,6 +243,7 @@ void run(std::chrono::milliseconds delay) {
     const Descriptor one(lineEnd("wan-gateway"), "line");
     const Descriptor other(lineEnd("wan-target"), "line");
     configureHosts();
+    waitForCarrier(true);
     Line line(one.get(), other.get(), delay);
     std::puts("ready");
     std::string pending;

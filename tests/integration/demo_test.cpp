@@ -158,6 +158,22 @@ TEST(Demo, GivesAProgramEveryPeer) {
         EXPECT_THAT(output.text, HasSubstr(part));
 }
 
+// The board's stand-in covers /proc.
+TEST(Demo, AProgramSeesTheProcessesOfTheGateway) {
+    if (!hasTool()) GTEST_SKIP() << "vx is not part of this build";
+    const auto output =
+        demo({"--run", "bash", "-c",
+              "sleep 3018 & vx proc find --names 'sleep 3018' | grep -qx \"$! sleep 3018\" && echo found; "
+              "kill $!; wait $!; vx proc count 'sleep 3018'; vx proc alive $! || echo ended; "
+              "vx proc count 'wwanmd 0'; "
+              "readlink /proc/self; cat /proc/self/comm; mkdir /proc/sysinfo/x && rmdir /proc/sysinfo/x"});
+    EXPECT_EQ(output.status, 0) << output.text;
+    EXPECT_THAT(output.text, HasSubstr("found\n"));
+    EXPECT_THAT(output.text, HasSubstr("\n0\n"));
+    EXPECT_THAT(output.text, HasSubstr("ended\n1\n"));
+    EXPECT_THAT(output.text, HasSubstr("/.proc/self\ncat\n"));
+}
+
 TEST(Demo, AShellSteersTheGateway) {
     vxtest::Process shell(demoCommand({"--shell"}));
     shell.send(

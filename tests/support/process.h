@@ -29,7 +29,8 @@ public:
     pid_t pid() const { return pid_; }
     void send(const std::string &text);            // to its standard input
     void closeInput();                             // end of file on its standard input
-    std::string readLine(int timeout_ms = 10000);  // one line without its newline; throws when none comes
+    // One line without its newline. Throws when the process ends without one, or hangs for so long.
+    std::string readLine(int timeout_ms = 60000);
     bool hasOutput() const;                        // whether a read would not wait
     std::string readAll();                         // everything up to the end of its output
     void signal(int number) const;
