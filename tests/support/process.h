@@ -27,12 +27,12 @@ public:
     Process &operator=(const Process &) = delete;
 
     pid_t pid() const { return pid_; }
-    void send(const std::string &text);            // to its standard input
-    void closeInput();                             // end of file on its standard input
+    void send(const std::string &text);  // to its standard input
+    void closeInput();                   // end of file on its standard input
     // One line without its newline. Throws when the process ends without one, or hangs for so long.
     std::string readLine(int timeout_ms = 60000);
-    bool hasOutput() const;                        // whether a read would not wait
-    std::string readAll();                         // everything up to the end of its output
+    bool hasOutput() const;  // whether a read would not wait
+    std::string readAll();   // everything up to the end of its output
     void signal(int number) const;
     int wait();  // exit status, 128 + signal number when a signal ended it
 

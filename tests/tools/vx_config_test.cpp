@@ -238,6 +238,14 @@ TEST_F(VxConfig, AKeyThatAFileDoesNotHaveIsAFailure) {
     EXPECT_EQ(result.err, "vx: config get: b: not in /tmp/conf/one.conf\n");
 }
 
+TEST_F(VxConfig, ADirectoryIsNotAFile) {
+    const auto result = vx({"config", "--file", "/tmp", "list"});
+    EXPECT_EQ(result.status, 1);
+    EXPECT_EQ(result.err, "vx: config list: /tmp: Is a directory\n");
+    // A pipe is read like a file.
+    EXPECT_EQ(vxtest::vxScript("vx config --file <(echo a=1) get a").out, "1\n");
+}
+
 TEST_F(VxConfig, FilesThatCannotBeReadAreFailures) {
     EXPECT_EQ(vx({"config", "--file", "/tmp/none", "list"}).err,
               "vx: config list: /tmp/none: No such file or directory\n");

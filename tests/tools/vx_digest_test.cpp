@@ -71,6 +71,33 @@ TEST_F(VxDigest, TellsWhatDoesNotMatch) {
     EXPECT_EQ(inDirectory("sed 's/^[^ ]*/\\U&/' list | vx digest sha1 -c - | tail -1").out, "empty: OK\n");
 }
 
+TEST_F(VxDigest, ChecksTheTaggedFormToo) {
+    EXPECT_EQ(inDirectory("md5sum --tag abc empty | vx digest md5 -c").out, "abc: OK\nempty: OK\n");
+    EXPECT_EQ(inDirectory("sha1sum --tag abc | vx digest sha1 -c").out, "abc: OK\n");
+    EXPECT_EQ(inDirectory("touch $'line\\nfeed' 'a) = b'; md5sum --tag $'line\\nfeed' 'a) = b' | vx digest md5 -c").out,
+              "line\\0012feed: OK\na) = b: OK\n");
+    EXPECT_EQ(inDirectory("sha1sum --tag abc | vx digest md5 -c").status, 1);
+    for (const char *line : {"MD5 (", "MD5 () = ", "MD5 (abc) = 12", ") = MD5 (", "MD5 (abc"}) {
+        const auto result = vx({"digest", "md5", "-c"}, {.input = std::string(line) + "\n", .directory = directory});
+        EXPECT_EQ(result.err, "vx: digest md5: -: holds no digests of this kind\n") << line;
+    }
+}
+
+TEST_F(VxDigest, TellsOfLinesThatAreLeftOut) {
+    const auto result = inDirectory("{ echo '# list'; md5sum abc; echo; } | vx digest md5 -c");
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.out, "abc: OK\n");
+    EXPECT_EQ(result.err, "vx: digest md5: -: left out 2 lines that are not digests of this kind\n");
+}
+
+// A secret need not be on the disk, nor a list.
+TEST_F(VxDigest, TakesKeysAndListsFromPipes) {
+    writeFile(directory + "/key", "Jefe");
+    EXPECT_EQ(inDirectory("vx digest hmac-md5 --key-file <(printf Jefe) abc").out,
+              inDirectory("vx digest hmac-md5 --key-file key abc").out);
+    EXPECT_EQ(inDirectory("vx digest md5 -c <(md5sum abc)").out, "abc: OK\n");
+}
+
 TEST_F(VxDigest, HmacTakesItsKeyFromAFile) {
     // RFC 2202, cases 2 and 6.
     writeFile(directory + "/key", "Jefe");

@@ -122,10 +122,17 @@ TEST_F(VxLock, FirewallTakesThePacketFiltersLock) {
     const auto result = vx({"lock", "--firewall", "--wait", "0.2", "--", "echo", "never"});
     EXPECT_EQ(result.status, 124);
     EXPECT_EQ(result.err, "vx: lock: packet filter: locked by another\n");
+    EXPECT_EQ(vx({"lock", "--firewall", "--wait", "0", "--", "true"}).status, 124);
+    EXPECT_EQ(vx({"lock", "--firewall", "--try", "--", "true"}).status, 124);
     Process waiter(vxCommand({"lock", "--firewall", "--", "echo", "mine"}));
     firewall_unlock(held);
     EXPECT_EQ(waiter.readLine(), "mine");
     EXPECT_EQ(vx({"lock", "--wait", "1", "--firewall", "--", "sh", "-c", "exit 9"}).status, 9);
+    // A free lock is to be had without any waiting.
+    for (int i = 0; i < 5; ++i) {
+        EXPECT_EQ(vx({"lock", "--wait", "0", "--firewall", "--", "true"}).status, 0);
+        EXPECT_EQ(vx({"lock", "--try", "--firewall", "--", "true"}).status, 0);
+    }
 }
 
 TEST_F(VxLock, WrongUsage) {
@@ -138,7 +145,6 @@ TEST_F(VxLock, WrongUsage) {
                               {"", "--", "true"},
                               {std::string(255, 'n'), "--", "true"},
                               {"--firewall", "a", "--", "true"},
-                              {"--firewall", "--try", "--", "true"},
                               {"a", "b", "--", "true"},
                               {"--wait", "x", "a", "--", "true"}}) {
         std::vector<std::string> all{"lock"};

@@ -141,6 +141,13 @@ TEST(VxPing, BadArgumentsAndMissingRightsAreNamed) {
 
 // ---- route
 
+TEST(VxPing, AGatewayIsAnAddress) {
+    const auto result = vx({"ping", "-c", "1", "-I", "lo", "-g", "x", "127.0.0.1"});
+    EXPECT_EQ(result.status, 2);
+    EXPECT_EQ(result.out, "");
+    EXPECT_THAT(result.err, testing::StartsWith("vx: ping: --gateway: 'x' is not an IPv4 address\n"));
+}
+
 TEST(VxRoute, NamesTheInterface) {
     theWan();
     EXPECT_EQ(vx({"route", "192.0.2.99"}).out, "wan0\n");
@@ -224,6 +231,13 @@ TEST(VxAddr, ContainsIsTheExitStatus) {
     EXPECT_EQ(vx({"addr", "192.168.1.77/24", "--contains", "192.168.2.1"}).err,
               "vx: addr: 192.168.2.1: not in 192.168.1.0/24\n");
     EXPECT_EQ(vx({"addr", "192.168.1.77/24", "--contains", "::1"}).status, 1);
+}
+
+TEST(VxAddr, AZeroBeforeThePrefixLengthIsRefused) {
+    EXPECT_EQ(vx({"addr", "10.0.0.1/0"}).status, 0);
+    for (const char *text : {"10.0.0.1/08", "10.0.0.1/00", "10.0.0.1/0x8", "10.0.0.1/-0"}) {
+        EXPECT_EQ(vx({"addr", text}).status, 1) << text;
+    }
 }
 
 TEST(VxAddr, WhatIsNoAddressIsRefused) {

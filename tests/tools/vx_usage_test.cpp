@@ -148,6 +148,16 @@ TEST(VxUsage, MessagesAreOneLineWhateverTheName) {
     EXPECT_EQ(result.err, "vx: status get: a\\0012\\0033[31m\\0377: No such file or directory\n");
 }
 
+TEST(VxUsage, AnEmptyNameIsShownInTheMessage) {
+    for (const char *command : {"route", "link", "storage", "addr", "ping -c 1", "ping -c 1 -I", "digest md5",
+                                "config list --file", "lock x --", "run --"}) {
+        auto words = wordsOf(command);
+        words.emplace_back();
+        if (words.size() == 5) words.emplace_back("127.0.0.1");  // after -I
+        EXPECT_THAT(vx(words).err, HasSubstr(": '': ")) << command;
+    }
+}
+
 // ---- the table of commands
 
 TEST(VxTable, HelpIsValidJson) { vxJson("help", {"help"}); }

@@ -48,7 +48,8 @@ void setWord(sockaddr_in6 &record, uint32_t word) {
 Network networkOf(const std::string &text) {
     Network network;
     const size_t slash = text.find('/');
-    if (str2addr(text.substr(0, slash).c_str(), network.addressRecord()) != 0) throw Failure(text, "is not an address");
+    if (str2addr(text.substr(0, slash).c_str(), network.addressRecord()) != 0)
+        throw Failure(named(text), "is not an address");
     const int longest = network.isV4() ? 32 : 128;
     if (slash == std::string::npos) {
         cidr2netmask(longest, network.maskRecord(), network.family());
@@ -56,7 +57,8 @@ Network networkOf(const std::string &text) {
     }
     const std::string rest = text.substr(slash + 1);
     const auto prefix = wholeNumber(rest, 0, longest);
-    if (prefix && rest.find('x') == std::string::npos) {
+    // Neither hexadecimal nor with zeros that could mean octal.
+    if (prefix && rest == std::to_string(*prefix)) {
         cidr2netmask(static_cast<int>(*prefix), network.maskRecord(), network.family());
     } else if (str2addr(rest.c_str(), network.maskRecord()) != 0 ||
                network.maskRecord()->sa_family != network.family() || netmask2cidr(network.maskRecord()) < 0) {

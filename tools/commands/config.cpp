@@ -2,6 +2,7 @@
 // vx config: the configuration daemon's values, and those of configuration files.
 #include <fcntl.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <vxutils/cfread.h>
 #include <vxutils/configd.h>
 
@@ -155,7 +156,11 @@ configd_entry entryOf(const std::string &word) {
 using Table = Owned<cfread_table, &cfread_close>;
 
 Table openFile(const char *path) {
-    if (!Fd(::open(path, O_RDONLY | O_CLOEXEC)).valid()) throw systemFailure(path);
+    const Fd fd(::open(path, O_RDONLY | O_CLOEXEC));
+    struct stat status {};
+    if (!fd.valid() || ::fstat(fd.get(), &status) != 0) throw systemFailure(path);
+    // The library reads a directory as an empty file.
+    if (S_ISDIR(status.st_mode)) throw systemFailure(path, EISDIR);
     Table table(cfread_open(path));
     if (!table) throw Failure(path, "cannot be read with all its includes; the system log has file and line");
     return table;

@@ -19,6 +19,9 @@ namespace {
 enum class Algorithm { md5, sha1, hmacMd5, hmacSha1 };
 
 constexpr size_t longestDigest = 20;
+// In hexadecimal digits.
+constexpr size_t md5Length = 32;
+constexpr size_t sha1Length = 40;
 
 // A digest, keyed or not.
 class Digest {
@@ -101,10 +104,21 @@ std::string nameFrom(std::string_view shown) {
     return name;
 }
 
+// Turns "MD5 (name) = digest", which md5sum --tag writes, into "digest  name"; empty for what is not such a line.
+std::string fromTagged(std::string_view line, std::string_view tag) {
+    constexpr std::string_view middle = ") = ";
+    const size_t end = line.rfind(middle);
+    if (line.substr(0, tag.size()) != tag || end == std::string_view::npos || end < tag.size()) return {};
+    return std::string(line.substr(end + middle.size())) + "  " +
+           std::string(line.substr(tag.size(), end - tag.size()));
+}
+
 // Nothing for a line that is not a digest of this length and a name.
 std::optional<Expected> expectedFrom(std::string_view line, size_t length) {
     const bool escapes = !line.empty() && line[0] == '\\';
     if (escapes) line.remove_prefix(1);
+    const std::string turned = fromTagged(line, length == md5Length ? "MD5 (" : "SHA1 (");
+    if (!turned.empty()) line = turned;
     const bool complete =
         line.size() > length + 2 && line[length] == ' ' && (line[length + 1] == ' ' || line[length + 1] == '*');
     if (!complete || line.substr(0, length).find_first_not_of("0123456789abcdefABCDEF") != std::string_view::npos)
@@ -124,17 +138,21 @@ bool same(std::string_view a, std::string_view b) {
 
 int check(const std::vector<std::string> &lists, Algorithm algorithm, const std::optional<std::string> &key,
           Output &out) {
-    const size_t length = algorithm == Algorithm::md5 || algorithm == Algorithm::hmacMd5 ? 32 : 40;
+    const size_t length = algorithm == Algorithm::md5 || algorithm == Algorithm::hmacMd5 ? md5Length : sha1Length;
     std::vector<Record> records;
     int64_t bad = 0;
     for (const std::string &list : lists) {
-        const std::string text = list == "-" ? readInput() : readFile(list, list);
+        const std::string text = list == "-" ? readInput() : readStream(list);
         size_t found = 0;
+        size_t misformed = 0;
         for (size_t at = 0; at < text.size();) {
             const size_t end = std::min(text.find('\n', at), text.size());
             const auto expected = expectedFrom(std::string_view(text).substr(at, end - at), length);
             at = end + 1;
-            if (!expected) continue;
+            if (!expected) {
+                ++misformed;
+                continue;
+            }
             ++found;
             try {
                 const bool matches = same(digestOf(expected->name, algorithm, key), expected->digest);
@@ -147,6 +165,8 @@ int check(const std::vector<std::string> &lists, Algorithm algorithm, const std:
             }
         }
         if (found == 0) throw Failure(list, "holds no digests of this kind");
+        if (misformed > 0)
+            out.note(list + ": left out " + std::to_string(misformed) + " lines that are not digests of this kind");
     }
     if (out.json()) {
         out.print(records, Plain::row);
@@ -169,7 +189,7 @@ int digest(const Arguments &arguments, Output &out) {
     if (keyed != arguments.has("key-file"))
         throw Usage{keyed ? "--key-file is missing" : "--key-file is for hmac-md5 and hmac-sha1"};
     std::optional<std::string> key;
-    if (keyed) key = readFile(arguments.text("key-file"), arguments.text("key-file"));
+    if (keyed) key = readStream(arguments.text("key-file"));
     std::vector<std::string> files = arguments.words();
     if (files.empty()) files.emplace_back("-");
     if (arguments.has("check")) return check(files, algorithm, key, out);

@@ -1,9 +1,12 @@
 // SPDX-License-Identifier: MIT
 // vx lock: runs a command while a lock between processes is held.
+#include <fcntl.h>
+#include <sys/file.h>
 #include <unistd.h>
 #include <vxutils/lock.h>
 #include <vxutils/sem.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <condition_variable>
@@ -13,6 +16,7 @@
 
 #include "commands/commands.h"
 #include "core/failure.h"
+#include "core/fd.h"
 #include "core/owned.h"
 #include "core/spawn.h"
 
@@ -24,6 +28,8 @@ using Clock = std::chrono::steady_clock;
 constexpr size_t longestName = 254;  // and the slash before it
 constexpr milliseconds firstPause{1};
 constexpr milliseconds longestPause{50};
+constexpr milliseconds takingTime{1000};
+constexpr const char *firewallLockPath = "/var/lock/iptables_flock_file";
 
 Failure notFree(std::string_view name) { return {name, "locked by another", statusTimedOut}; }
 
@@ -73,8 +79,16 @@ struct Waiting {
     firewall_lock_handle *handle = nullptr;
 };
 
+// Whether a process has it at this moment; not so where this user cannot look.
+bool firewallIsLocked() {
+    const Fd fd(::open(firewallLockPath, O_RDONLY | O_CLOEXEC | O_NOCTTY));
+    return fd.valid() && ::flock(fd.get(), LOCK_EX | LOCK_NB) == -1 && errno == EWOULDBLOCK;
+}
+
 firewall_lock_handle *lockFirewall(std::optional<milliseconds> longest) {
     if (!longest) return firewall_lock();
+    // A lock that is free is to be had, however short the time, for the thread takes some.
+    if (!firewallIsLocked()) longest = std::max(*longest, takingTime);
     // The library waits without limit; a thread that waits in vain ends with the process.
     const auto waiting = std::make_shared<Waiting>();
     std::thread([waiting] {
@@ -110,7 +124,6 @@ int lock(const Arguments &arguments, Output &out) {
     if (arguments.has("try")) longest = milliseconds(0);
     if (arguments.has("firewall")) {
         if (arguments.size() > 0) throw Usage{"NAME and --firewall exclude each other"};
-        if (arguments.has("try")) throw Usage{"--try and --firewall exclude each other; --wait is possible"};
         findProgram(arguments.command()[0]);
         const FirewallLock held(longest);
         return runProgram(arguments.command());

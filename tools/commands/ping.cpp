@@ -74,7 +74,7 @@ Addresses resolve(const std::string &target) {
     wanted.ai_family = AF_INET;
     addrinfo *found = nullptr;
     const int error = ::getaddrinfo(target.c_str(), nullptr, &wanted, &found);
-    if (error != 0) throw Failure(target, ::gai_strerror(error));
+    if (error != 0) throw Failure(named(target), ::gai_strerror(error));
     return Addresses(found);
 }
 
@@ -92,7 +92,7 @@ std::string interfaceFor(const Arguments &arguments, const std::string &target) 
 Probe probeFrom(const Arguments &arguments) {
     Probe probe{};
     probe.target = arguments[0];
-    probe.gateway = arguments.text("gateway");
+    probe.gateway = checkedAddress("gateway", arguments.text("gateway"));
     probe.source = checkedAddress("source", arguments.text("source"));
     probe.timeout = static_cast<unsigned int>(arguments.number("timeout", defaultTime, shortestTime, longestTime));
     probe.size = static_cast<int>(arguments.number("size", smallestSize, smallestSize, largestSize));

@@ -20,7 +20,7 @@ int route(const Arguments &arguments, Output &out) {
     const std::string &target = arguments[0];
     addrinfo *found = nullptr;
     const int error = ::getaddrinfo(target.c_str(), nullptr, nullptr, &found);
-    if (error != 0) throw Failure(target, ::gai_strerror(error));
+    if (error != 0) throw Failure(named(target), ::gai_strerror(error));
     const Owned<addrinfo, &::freeaddrinfo> address(found);
     std::array<char, IF_NAMESIZE> interface {};
     if (route_get_interface(found, interface.data()) != 0) throw systemFailure(target);

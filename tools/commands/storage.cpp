@@ -69,7 +69,7 @@ int storage(const Arguments &arguments, Output &out) {
         out.print(device, Plain::fields);
         return statusDone;
     }
-    throw Failure(arguments[0], "no such storage device");
+    throw Failure(named(arguments[0]), "no such storage device");
 }
 static_assert(offsetof(storage_entry, list) == 0, "a link is its entry");
 

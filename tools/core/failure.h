@@ -30,8 +30,11 @@ struct Failure {
     int status;
 };
 
+// What the user named, for a message about it.
+inline std::string named(std::string_view name) { return name.empty() ? "''" : std::string(name); }
+
 // A system call on `on` failed; errno says why.
-inline Failure systemFailure(std::string_view on, int error = errno) { return {on, std::strerror(error)}; }
+inline Failure systemFailure(std::string_view on, int error = errno) { return {named(on), std::strerror(error)}; }
 
 // The command line cannot be understood: the reason and the usage line go to standard error.
 struct Usage {

@@ -126,6 +126,12 @@ std::string readFile(const std::string &path, std::string_view name) {
 
 std::string readInput() { return readAll(STDIN_FILENO, "standard input"); }
 
+std::string readStream(const std::string &path) {
+    const Fd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY));
+    if (!fd.valid()) throw systemFailure(path);
+    return readAll(fd.get(), path);
+}
+
 void replaceFile(const std::string &path, std::string_view name, std::string_view bytes, bool lasting) {
     struct stat status {};
     bool there = ::lstat(path.c_str(), &status) == 0;

@@ -13,6 +13,9 @@ std::string readFile(const std::string &path, std::string_view name);
 // Everything up to the end of standard input.
 std::string readInput();
 
+// Everything up to the end of a file of any kind; waits for the writers of a pipe. Throws Failure about the path.
+std::string readStream(const std::string &path);
+
 // Replaces or makes a file in one step: readers see the old content or the new one, and a write that fails leaves the
 // old one. A file that is there keeps its mode and, where the user may, its owner; a new one gets 0644 less the umask.
 // A link is followed. Anything else of that name is refused. With `lasting` the content is on the medium afterwards.

@@ -23,7 +23,7 @@ constexpr milliseconds killTime{5000};
 constexpr const char *defaultPath = "/usr/local/bin:/usr/bin:/bin";
 
 Failure cannotRun(const std::string &name, int error) {
-    return {name, std::strerror(error), error == ENOENT ? statusNotFound : statusNotExecutable};
+    return {named(name), std::strerror(error), error == ENOENT ? statusNotFound : statusNotExecutable};
 }
 
 // The signals that are waited for, held back from construction on; a program that is started gets the mask from before.
