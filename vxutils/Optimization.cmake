@@ -31,6 +31,10 @@ vxutils_optimize("-O3;-fno-tree-slp-vectorize;${few_copies}" digest.cpp)
 # Inline members of the class face are exported as well, for callers that were compiled without optimization.
 set_property(SOURCE vxstring.cpp csemaphore.cpp ipaddress.cpp APPEND PROPERTY
   COMPILE_OPTIONS "$<$<CXX_COMPILER_ID:GNU>:-fkeep-inline-functions>")
+if(BUILD_SHARED_LIBS AND NOT VXUTILS_FUZZERS AND NOT CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+  message(WARNING "${CMAKE_CXX_COMPILER_ID} has no -fkeep-inline-functions: this shared library lacks inline members that "
+    "shipped programs may call. Programs that are compiled anew work; build what boards get with GCC.")
+endif()
 
 if(NOT VXUTILS_SANITIZE)
   # Guards of the stack cost 10 % of the text where every function has one whose variable is passed by address. Bytes from

@@ -186,6 +186,15 @@ TEST_F(Install, InstalledAgainItIsTheSameAndUninstallingLeavesNothing) {
                 HasSubstr("Nothing was installed from this build tree"));
 }
 
+TEST_F(Install, AllUsersCanReadItWhateverTheUmaskIs) {
+    for (const std::string mask : {"077", "000"}) {
+        const std::string prefix = "/srv/umask " + mask;
+        shell("umask " + mask + " && cmake --install " + build + " --prefix " + quoted(prefix));
+        EXPECT_EQ(shell("find " + quoted(prefix) + " ! -type l \\( ! -perm -444 -o -perm /022 \\)"), "");
+        EXPECT_EQ(shell("find " + quoted(prefix) + " -type d ! -perm 755"), "");
+    }
+}
+
 // A parent project that takes the source tree in: the library alone is built, and no setting of the parent is changed.
 // It is configured and one file of it compiled; the library itself is not built a second time.
 std::string parentProject(const std::string &statement, const std::string &options) {
@@ -218,9 +227,13 @@ TEST(PartOfAProject, ByFetchContentItIsTheSharedLibraryAlone) {
 }
 
 TEST(PartOfAProject, BySubdirectoryItCanBeAStaticLibrary) {
-    const std::string cache = parentProject("add_subdirectory(" + source + " vxutils)", "-DBUILD_SHARED_LIBS=OFF");
+    const std::string cache =
+        parentProject("set(CMAKE_UNITY_BUILD ON)\nadd_subdirectory(" + source + " vxutils)\nset(CMAKE_UNITY_BUILD OFF)",
+                      "-DBUILD_SHARED_LIBS=OFF");
     EXPECT_THAT(cache, HasSubstr("BUILD_SHARED_LIBS:UNINITIALIZED=OFF\n"));
-    EXPECT_THAT(shell("ninja -C /tmp/parent/build -t targets all"), HasSubstr("libvxutils.a: "));
+    const std::string targets = shell("ninja -C /tmp/parent/build -t targets all");
+    EXPECT_THAT(targets, HasSubstr("libvxutils.a: "));
+    EXPECT_THAT(targets, Not(HasSubstr("unity_"))) << "each source is compiled alone";
     EXPECT_THAT(cache, Not(HasSubstr("libvxutils.so")));
 }
 
@@ -305,7 +318,7 @@ TEST_F(Install, TheCommandsOfTheReadmeWork) {
           ",upperdir=/tmp/upper,workdir=/tmp/work /tmp/clone && rm -rf /tmp/clone/build/release");
     const auto blocks = readmeBlocks("sh");
     ASSERT_EQ(blocks.size(), 3U);
-    EXPECT_EQ(blocks[1], "scripts/demo\nscripts/test\n") << "has tests of its own; is what runs them";
+    EXPECT_EQ(blocks[1], "scripts/demo\nscripts/test --quick\n") << "is run by scripts/fresh";
     std::istringstream commands(blocks[0]);
     std::vector<std::string> known{"apt-get install", "cmake --preset release", "cmake --build --preset release",
                                    "cmake --install build/release --strip"};
