@@ -4,7 +4,6 @@
 #include <algorithm>
 #include <array>
 #include <climits>
-#include <cstdio>
 #include <cstring>
 #include <limits>
 #include <type_traits>
@@ -14,8 +13,7 @@
 namespace {
 
 constexpr size_t longestText = 33;  // characters of a radix text: 32 binary digits and the marker
-constexpr size_t longestIpText = 16;
-constexpr size_t wordChars = 10;  // the prefix and eight digits
+constexpr size_t wordChars = 10;    // the prefix and eight digits
 
 enum class Base { binary = 2, octal = 8, decimal = 10, hexadecimal = 16 };
 
@@ -123,6 +121,8 @@ int32_t readSigned(const char *text) {
     return static_cast<int32_t>(negative ? 0 - size : size);
 }
 
+bool isDigit(char c) { return c >= '0' && c <= '9'; }
+
 // Reads a text that is exactly what printing a number of the type in base 10 gives; false for any other.
 template <typename Value>
 bool readCanonical(const char *text, Value *value) {
@@ -133,7 +133,7 @@ bool readCanonical(const char *text, Value *value) {
     const uint64_t largest = static_cast<uint64_t>(std::numeric_limits<Value>::max()) + (negative ? 1 : 0);
     uint64_t size = 0;
     for (; *text != '\0'; ++text) {
-        if (*text < '0' || *text > '9') return false;
+        if (!isDigit(*text)) return false;
         size = size * 10 + static_cast<unsigned int>(*text - '0');
         if (size > largest) return false;
     }
@@ -170,17 +170,20 @@ unsigned int nbrOfCharsInOneLine(unsigned int byteCount) {
 // Reads a part of an address as sscanf() reads "%lu" where long has 32 bits: after blanks and a sign, saturating. False
 // when there is no digit.
 bool readPart(const char *&text, uint32_t &value) {
-    constexpr uint64_t tooLarge = uint64_t{UINT32_MAX} + 1;
-    if (text == nullptr) return false;
-    text += std::strspn(text, " \t\n\v\f\r");
-    const bool negative = *text == '-';
-    if (negative || *text == '+') ++text;
-    if (*text < '0' || *text > '9') return false;
-    uint64_t size = 0;
-    for (; *text >= '0' && *text <= '9'; ++text) {
-        size = std::min(size * 10 + static_cast<unsigned int>(*text - '0'), tooLarge);
+    bool negative = false;
+    if (!isDigit(*text)) {
+        text += std::strspn(text, " \t\n\v\f\r");
+        negative = *text == '-';
+        if (negative || *text == '+') ++text;
+        if (!isDigit(*text)) return false;
     }
-    value = size == tooLarge ? UINT32_MAX : static_cast<uint32_t>(negative ? 0 - size : size);
+    uint32_t size = 0;
+    bool tooLarge = false;
+    for (; isDigit(*text); ++text) {
+        const auto digit = static_cast<uint32_t>(*text - '0');
+        tooLarge |= __builtin_mul_overflow(size, 10U, &size) || __builtin_add_overflow(size, digit, &size);
+    }
+    value = tooLarge ? UINT32_MAX : negative ? 0 - size : size;
     return true;
 }
 
@@ -281,6 +284,7 @@ uint32_t nextHigherPowerOf2(uint32_t v) {
 
 // Quirk Q16.
 int convIPStr2IPUl(const char *text, uint32_t *out) {
+    if (text == nullptr) return -1;
     uint32_t number = 0;
     for (int part = 0; part < 4; ++part) {
         if (part > 0 && *text++ != '.') return -1;
@@ -293,8 +297,6 @@ int convIPStr2IPUl(const char *text, uint32_t *out) {
 }
 
 int convIPUL2IPStr(uint32_t value, char *out) {
-    (void)std::snprintf(out, longestIpText, "%d.%d.%d.%d", static_cast<int>(value >> 24),
-                        static_cast<int>(value >> 16 & 0xff), static_cast<int>(value >> 8 & 0xff),
-                        static_cast<int>(value & 0xff));
+    *vx::writeQuad(out, value) = '\0';
     return 0;
 }
