@@ -105,11 +105,15 @@ TEST_F(VxEvent, AUserWithoutRightsIsTold) {
 
 // ---- legacy events
 
+// Listeners load ZeroMQ, which takes long on a slow machine; publishers go on as soon as one is there.
+constexpr const char *longEnough = "60";
+constexpr int longEnough_ms = 60000;
+
 TEST_F(VxEvent, PublishReachesAListener) {
     Process listener(vxCommand({"event", "listen", "--count", "2"}));
-    EXPECT_EQ(vx({"event", "publish", "7", "8", "two words"}).status, 0);
+    EXPECT_EQ(vx({"event", "publish", "--wait", longEnough, "7", "8", "two words"}).status, 0);
     EXPECT_EQ(listener.readLine(), "7 8 two words");
-    vxJson("event-publish", {"event", "publish", "0", "4294967295"});
+    vxJson("event-publish", {"event", "publish", "--wait", longEnough, "0", "4294967295"});
     EXPECT_EQ(listener.readLine(), "0 4294967295 ");
     EXPECT_EQ(listener.wait(), 0);
 }
@@ -117,7 +121,7 @@ TEST_F(VxEvent, PublishReachesAListener) {
 TEST_F(VxEvent, ListenPrintsJsonLinesUntilItIsEnded) {
     const std::string endpoint = "ipc:///tmp/events";
     Process listener(vxCommand({"-j", "event", "listen", "--endpoint", endpoint}));
-    ASSERT_EQ(vx({"event", "publish", "1", "2", "caf\xe9\n", "--endpoint", endpoint}).status, 0);
+    ASSERT_EQ(vx({"event", "publish", "--wait", longEnough, "1", "2", "caf\xe9\n", "--endpoint", endpoint}).status, 0);
     const std::string line = listener.readLine();
     EXPECT_EQ(line, R"({"id":1,"param":2,"text":{"escaped":"caf\\0351\n"}})");
     EXPECT_EQ(vxtest::schemaErrors("event-listen", line + "\n"), "");
@@ -134,10 +138,12 @@ TEST_F(VxEvent, ListenTakesABurstWhole) {
     Process listener(vxCommand({"event", "listen", "--endpoint", "ipc:///tmp/burst"}));
     vxevent_record record{0, 0, "x"};
     // The first ones are lost until the subscription is there.
-    EXPECT_TRUE(vxtest::eventually([&] {
-        dispatch_legacy_event(source, &record);
-        return listener.hasOutput();
-    }));
+    EXPECT_TRUE(vxtest::eventually(
+        [&] {
+            dispatch_legacy_event(source, &record);
+            return listener.hasOutput();
+        },
+        longEnough_ms));
     for (record.id = 1; record.id <= 500; ++record.id) dispatch_legacy_event(source, &record);
     zmq_send(source, "short", 5, 0);
     record.id = 501;

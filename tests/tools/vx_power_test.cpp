@@ -137,6 +137,25 @@ TEST(VxDoctor, IsContentWithAGatewayThatHasEverything) {
     EXPECT_THAT(result.out, Not(HasSubstr("missing ")));
     EXPECT_EQ(vx({"event", "raise", "1", "2"}).status, 0);
     EXPECT_EQ(vx({"config", "set", "a=1"}).status, 0);
+    for (const auto &[path, line] : std::vector<std::pair<std::string, std::string>>{
+             {"/dev/log", "missing log system log: /dev/log: "},
+             {"/var/run/configd", "missing config directory: /var/run/configd: "},
+             {"/var/run/configd/daemon.sock", "missing config daemon: /var/run/configd/daemon.sock: "},
+             {"/etc/default/system-info", "missing sysinfo file: /etc/default/system-info: "},
+             {"/tmp/status", "missing status writing: /tmp/status: "},
+             {"/nvstatus", "missing status reading --nv: /nvstatus: "},
+             {"/tmp/status/event-manager/throw", "missing event FIFO: /tmp/status/event-manager/throw: "},
+             {"/etc/fstab", "missing log key file: /etc/fstab: "},
+             {"/usr/lib/libvxutils.so.1.0.0", "missing lock library file: /usr/lib/libvxutils.so.1.0.0: "},
+             {"/usr/local/sbin/system-reboot", "missing reboot script: /usr/local/sbin/system-reboot: "},
+             {"/usr/local/sbin/system-poweroff", "missing poweroff script: /usr/local/sbin/system-poweroff: "}}) {
+        fs::rename(path, path + ".away");
+        const auto without = vx({"doctor"});
+        fs::rename(path + ".away", path);
+        EXPECT_EQ(without.status, 1) << path;
+        EXPECT_THAT(without.out, HasSubstr(line + "No such file or directory; ")) << path;
+    }
+    EXPECT_EQ(vx({"doctor"}).status, 0) << "all is back";
     EXPECT_EQ(vx({"doctor", "config", "event"}).status, 1) << "no publisher";
 
     if (!vxtest::hasOtherUsers()) return;

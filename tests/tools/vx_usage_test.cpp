@@ -430,8 +430,8 @@ TEST_F(VxCompletion, KnowsCommandsOptionsAndLiveValues) {
 }
 
 // What bash would offer for the last of these words, as it splits them; sorted, as bash shows it.
-std::string inBash(const std::string &words, const std::string &current) {
-    const std::string script = "source " + source + "/tools/completion/vx.bash\nCOMP_WORDS=(" + words +
+std::string inBash(const std::string &words, const std::string &current, const std::string &setting = "") {
+    const std::string script = setting + "source " + source + "/tools/completion/vx.bash\nCOMP_WORDS=(" + words +
                                "); COMP_CWORD=$((${#COMP_WORDS[@]} - 1))\n_vx vx " + current +
                                " x; printf '<%s>\\n' \"${COMPREPLY[@]}\" | LC_ALL=C sort | tr -d '\\n'";
     const auto result = vxScript(script);
@@ -447,6 +447,12 @@ TEST_F(VxCompletion, WorksInBash) {
     const vxtest::Board board(1, 2);
     EXPECT_EQ(inBash("vx io set dout1", "dout1"), "<dout1=0><dout1=1>");
     EXPECT_EQ(inBash("vx io set dout2 =", "=") + inBash("vx io set dout2 = 1", "1"), "<0><1><1>");
+    writeFile("/tmp/status/usb:1/a", "");
+    writeFile("/tmp/status/usb:1/b:c", "");
+    EXPECT_EQ(inBash("vx status get usb :", ":"), "<1/a><1/b:c>");
+    EXPECT_EQ(inBash("vx status get usb : 1/b : c", "c"), "<c>");
+    EXPECT_EQ(inBash("vx status get usb:1/b", "usb:1/b", "COMP_WORDBREAKS=' ';"), "<usb:1/b:c>") << "not split";
+    EXPECT_EQ(inBash("vx io set dout2=", "dout2=", "COMP_WORDBREAKS=' ';"), "<dout2=0><dout2=1>");
     writeFile("/tmp/complete/file one", "");
     EXPECT_EQ(vxScript("cd /tmp/complete; source " + source +
                        "/tools/completion/vx.bash; COMP_WORDS=(vx digest md5 fi); COMP_CWORD=3\n"

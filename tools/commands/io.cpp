@@ -74,7 +74,11 @@ std::vector<Line> allLines(bool outputsToo) {
     std::vector<Line> lines;
     for (unsigned int i = 1; i <= inputs; ++i) lines.push_back({false, i});
     for (unsigned int i = 1; outputsToo && i <= outputs; ++i) lines.push_back({true, i});
-    if (inputs + outputs == 0) throw Failure(tree, "the board has no inputs and outputs");
+    if (inputs + outputs == 0) {
+        // The library takes a directory that cannot be read for an empty one.
+        if (::access(tree, R_OK) != 0) throw systemFailure(tree);
+        throw Failure(tree, "the board has no inputs and outputs");
+    }
     return lines;
 }
 
