@@ -12,6 +12,7 @@ import subprocess
 import markdown
 
 import comments
+import figures
 import model
 
 ASSETS = ("style.css", "search.js")
@@ -62,7 +63,7 @@ class Site:
             head, *body = comments.table_rows(block.text)
             rows = ["".join(f"<th scope=col>{self.inline(cell, near)}</th>" for cell in head)]
             rows += ["".join(f"<td>{self.inline(cell, near)}</td>" for cell in row) for row in body]
-            return "<div class=wide><table>" + "".join(f"<tr>{row}</tr>" for row in rows) + "</table></div>"
+            return "<div class=wide tabindex=0><table>" + "".join(f"<tr>{row}</tr>" for row in rows) + "</table></div>"
         tag = "li" if block.kind == "item" else "p"
         return f"<{tag}>{self.inline(block.text, near)}</{tag}>"
 
@@ -152,10 +153,10 @@ class Site:
         if source.suffix != ".md":
             text = "# Licence\n\n" + "".join(f"    {line}\n" for line in text.split("\n"))
         converter = markdown.Markdown(extensions=["tables", "fenced_code", "toc", "sane_lists"])
-        body = converter.convert(text)
+        body = figures.put_in(converter.convert(text))
         body = re.sub(r'href="([^"]+)"', lambda m: f'href="{self.address(source, m.group(1))}"', body)
         body = re.sub(r"(?<!\">)<code>([A-Za-z_][\w:]*(?:\(\))?)</code>", self.linked_code, body)
-        body = body.replace("<table>", "<div class=wide><table>").replace("</table>", "</table></div>")
+        body = body.replace("<table>", "<div class=wide tabindex=0><table>").replace("</table>", "</table></div>")
         body = body.replace("<pre>", '<pre tabindex="0">')
         title = html.unescape(re.sub(r"<[^>]+>", "", re.search(r"<h1[^>]*>(.*?)</h1>", body, re.S).group(1)))
         self.pages.append(Page(file, title, body, kind))
@@ -208,6 +209,7 @@ class Site:
                                   capture_output=True, text=True).stdout
             body = re.sub(r'<table class="(?:head|foot)">.*?</table>', "", made, flags=re.S)
             body = re.sub(r"(</?)h1\b", r"\1h2", body)  # the page's title is its main heading
+            body = body.replace("<pre>", '<pre tabindex="0">')
             body = re.sub(r'<a class="permalink" href="#[^"]*">(.*?)</a>', r"\1", body, flags=re.S)
             body = re.sub(r'<a class="Xr" href="([^"]+)">(.*?)</a>',
                           lambda m: m.group() if (model.ROOT / f"tools/man/{m.group(1)[:-5]}").exists() else m.group(2), body)

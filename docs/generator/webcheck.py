@@ -41,6 +41,9 @@ SEARCHES = {
     "porting": "guide-porting.html",
     "upgrading": "guide-upgrading.html",
     "system calls": "guide-costs.html",
+    "benchmarks": "benchmarks.html",
+    "abi": "abi.html",
+    "quirks": "compatibility.html",
     "log messages": "messages.html",
     "no response from configd": "messages.html#configd",
 }
@@ -109,7 +112,7 @@ def luminance(colour):
 def contrast(directory):
     """Text needs a contrast of 4.5:1 on every ground that it can have (WCAG 2.1, level AA), light and dark."""
     findings = []
-    schemes = re.findall(r":root \{[^}]*--back[^}]*\}", (directory / "style.css").read_text())
+    schemes = re.findall(r"(?<!print {\n    ):root \{[^}]*--back[^}]*\}", (directory / "style.css").read_text())
     if len(schemes) != 2:
         findings.append(f"style.css: {len(schemes)} colour schemes instead of a light and a dark one")
     for scheme in schemes:

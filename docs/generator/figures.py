@@ -1,0 +1,91 @@
+"""Tables and plots of the site from recorded runs: docs/figures/NAME.json."""
+import html
+import json
+import math
+import re
+
+import model
+
+MARKER = re.compile(r"<!-- figures: (\w+) -->")
+WIDTH, ROW, LABELS, MOST = 640, 22, 250, 16  # of a plot: pixels, and the largest ratio that it shows
+
+
+def load(name):
+    path = model.ROOT / f"docs/figures/{name}.json"
+    return json.loads(path.read_text()) if path.exists() else None
+
+
+def table(head, rows, caption):
+    cells = ["".join(f"<th scope=col>{html.escape(cell)}</th>" for cell in head)]
+    cells += ["<th scope=row>" + "</th>".join([html.escape(row[0]), "".join(f"<td>{html.escape(c)}</td>" for c in row[1:])])
+              for row in rows]
+    return (f"<div class=wide tabindex=0><table><caption>{html.escape(caption)}</caption>" + "".join(f"<tr>{row}</tr>" for row in cells)
+            + "</table></div>")
+
+
+def duration(nanoseconds):
+    for unit, size in (("s", 1e9), ("ms", 1e6), ("us", 1e3)):
+        if nanoseconds >= size:
+            return f"{nanoseconds / size:.3g} {unit}"
+    return f"{nanoseconds:.3g} ns"
+
+
+def plot(rows, title):
+    """Bars of ratios on a logarithmic scale; left of the line of 1 the library is the faster one."""
+    height = ROW * len(rows) + 30
+    span = WIDTH - LABELS - 60
+    middle = LABELS + span / 2
+
+    def place(ratio):
+        bounded = min(max(ratio, 1 / MOST), MOST)
+        return middle + span / 2 * math.log(bounded) / math.log(MOST)
+
+    parts = [f'<svg class=plot role=img aria-label="{html.escape(title)}: the table below has the numbers" '
+             f'viewBox="0 0 {WIDTH} {height}" xmlns="http://www.w3.org/2000/svg">']
+    for ratio in (1 / 4, 1, 4):
+        x = place(ratio)
+        parts.append(f'<line class=grid x1="{x:.1f}" x2="{x:.1f}" y1="18" y2="{height - 8}"/>'
+                     f'<text class=scale x="{x:.1f}" y="12" text-anchor="middle">{ratio:g}</text>')
+    for row, (label, ratio) in enumerate(rows):
+        y = 22 + row * ROW
+        left, right = sorted((middle, place(ratio)))
+        parts.append(f'<text x="{LABELS - 8}" y="{y + 14}" text-anchor="end">{html.escape(label)}</text>'
+                     f'<rect class={"better" if ratio <= 1 else "worse"} x="{left:.1f}" y="{y + 3}" '
+                     f'width="{max(right - left, 1):.1f}" height="{ROW - 8}"/>'
+                     f'<text x="{WIDTH - 4}" y="{y + 14}" text-anchor="end">{ratio:.2f}</text>')
+    return "".join(parts) + "</svg>"
+
+
+def benchmarks(recorded):
+    parts = []
+    for family, run in recorded.items():
+        machine = run["machine"]
+        rows, bars = [], []
+        for case, costs in run["cases"].items():
+            others = {name: cost for name, cost in costs.items() if name != "ours"}
+            rows.append((case, duration(costs["ours"]), ", ".join(
+                f"{name} {duration(cost)} ({costs['ours'] / cost:.2f})" for name, cost in others.items()) or "-"))
+            bars += [(f"{case}, {name}", costs["ours"] / cost) for name, cost in others.items()]
+        parts.append(f'<h3 id="benchmark-{family}">{family}</h3><p>Measured on {run["date"]}: '
+                     f'{html.escape(machine["processor"])}, {machine["processors"]} processors, Linux '
+                     f'{html.escape(machine["kernel"])}, {html.escape(machine["compiler"])}; '
+                     f'{machine["load"]:g} programs wanted to run.</p>')
+        if bars:
+            parts.append(plot(bars, f"{family}: time of the library divided by that of others"))
+        parts.append(table(("case", "library", "others (ratio)"), rows, f"{family}: medians of five runs"))
+    return "\n".join(parts)
+
+
+def tests(recorded):
+    rows = [(name, str(passed), str(failed)) for name, (passed, failed) in recorded["families"].items()]
+    return (f"<p>Recorded on {recorded['date']}: {recorded['passed']} cases passed, {recorded['failed']} failed.</p>"
+            + table(("test program", "passed", "failed"), rows, "Test cases of the development build"))
+
+
+def put_in(text):
+    """Replaces each marker <!-- figures: NAME --> by the figures of that recorded run."""
+    def made(match):
+        recorded = load(match.group(1))
+        return {"benchmarks": benchmarks, "tests": tests}[match.group(1)](recorded) if recorded else "<p>Nothing is recorded.</p>"
+
+    return MARKER.sub(made, text)
