@@ -36,7 +36,7 @@
 VXUTILS_BEGIN_DECLS
 
 /**
- * Reads a converter.
+ * Read a converter.
  * @param raw_path    file with the converter's number; NULL gives -1
  * @param scale_path  file with the factor; NULL for a factor of 1
  * @param value       receives number × factor, or 0 on failure; NULL gives -1
@@ -48,7 +48,7 @@ VXUTILS_API int adc_read(const char *raw_path, const char *scale_path, float *va
 VXUTILS_API int qxalpha_adc_supported(void);
 
 /**
- * Reads a converter of the first board type: factor 30.379 and the converter's own scale file.
+ * Read a converter of the first board type: factor 30.379 and the converter's own scale file.
  * @param path   file with the converter's number; NULL gives -1
  * @param value  receives the voltage, or 0 on failure; NULL gives -1
  * @return as adc_read()
@@ -56,7 +56,7 @@ VXUTILS_API int qxalpha_adc_supported(void);
 VXUTILS_API int qxalpha_adc_read(const char *path, float *value);
 
 /**
- * Reads a converter of the second board type: factor 28.561.
+ * Read a converter of the second board type: factor 28.561.
  * @param path   file with the converter's number; NULL gives -1
  * @param value  receives the voltage, or 0 on failure; NULL gives -1
  * @return as adc_read()
@@ -64,7 +64,7 @@ VXUTILS_API int qxalpha_adc_read(const char *path, float *value);
 VXUTILS_API int qxbeta_adc_read(const char *path, float *value);
 
 /**
- * Reads a converter of the third board type.
+ * Read a converter of the third board type.
  * @param path    file with the converter's number; NULL gives -1
  * @param value   receives the number × @p factor, or 0 on failure; NULL gives -1
  * @param factor  factor of the input
@@ -73,7 +73,7 @@ VXUTILS_API int qxbeta_adc_read(const char *path, float *value);
 VXUTILS_API int qxgamma_adc_read(const char *path, float *value, float factor);
 
 /**
- * Finds the hardware monitor's file of an input of the fourth board type, among hwmon0 to hwmon9. What is in its place
+ * Find the hardware monitor's file of an input of the fourth board type, among hwmon0 to hwmon9. What is in its place
  * and is not a regular file is logged (LOG_ERR), as is finding nothing.
  * @param input  1 or 2
  * @return the path, in the input's static buffer until its next call; empty when there is none; NULL for another input

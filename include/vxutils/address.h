@@ -54,7 +54,7 @@ struct route_record {
 typedef struct route_record route_record;
 
 /**
- * Compares two address records.
+ * Compare two address records.
  * @param a,b records, either may be NULL.
  * @return 0 when they hold the same address of the same family, when both have the same family without addresses, or
  * when both are NULL; 1 otherwise.
@@ -62,14 +62,14 @@ typedef struct route_record route_record;
 VXUTILS_API int addr_differs(const struct sockaddr *a, const struct sockaddr *b);
 
 /**
- * Compares the three addresses of two routes; nothing outside the slots is read.
+ * Compare the three addresses of two routes; nothing outside the slots is read.
  * @param a,b records, either may be NULL.
  * @return 0 when all three are equal or both pointers are NULL, 1 otherwise.
  */
 VXUTILS_API int route_differs(const struct route_record *a, const struct route_record *b);
 
 /**
- * Prints an address as inet_ntop() does.
+ * Print an address as inet_ntop() does.
  * @param buf room for the text: 16 bytes (INET_ADDRSTRLEN) for IPv4, 46 (INET6_ADDRSTRLEN) for IPv6.
  * @param addr address record; one without an address gives the empty text.
  * @return @p buf, NULL when a pointer is NULL.
@@ -77,7 +77,7 @@ VXUTILS_API int route_differs(const struct route_record *a, const struct route_r
 VXUTILS_API char *addr2str(char *buf, const struct sockaddr *addr);
 
 /**
- * Prints an address and its netmask as "10.0.0.1/255.0.0.0".
+ * Print an address and its netmask as "10.0.0.1/255.0.0.0".
  * @param dst room for the two texts, the slash and the terminator: 32 bytes for IPv4, 92 for IPv6.
  * @param addr,mask address and netmask record.
  * @return @p dst, NULL when a pointer is NULL.
@@ -85,7 +85,7 @@ VXUTILS_API char *addr2str(char *buf, const struct sockaddr *addr);
 VXUTILS_API char *net2str(char *dst, const struct sockaddr *addr, const struct sockaddr *mask);
 
 /**
- * Reads an IPv4 address: four decimal numbers from 0 to 255 without leading zeros, nothing before or after them.
+ * Read an IPv4 address: four decimal numbers from 0 to 255 without leading zeros, nothing before or after them.
  * @param text NUL-terminated text.
  * @param addr record to fill. The family is stored even when the text is refused; the address is left as it was then.
  * @return 0, or -1 when the text is not an IPv4 address or a pointer is NULL (nothing is stored then).
@@ -93,7 +93,7 @@ VXUTILS_API char *net2str(char *dst, const struct sockaddr *addr, const struct s
 VXUTILS_API int str2addr4(const char *text, struct sockaddr *addr);
 
 /**
- * Reads an IPv6 address in any notation of RFC 4291, without a scope.
+ * Read an IPv6 address in any notation of RFC 4291, without a scope.
  * @param text NUL-terminated text.
  * @param addr record of the size of a @c sockaddr_in6. The family is stored even when the text is refused.
  * @return 0, or -1 when the text is not an IPv6 address or a pointer is NULL (nothing is stored then).
@@ -109,7 +109,7 @@ VXUTILS_API int str2addr6(const char *text, struct sockaddr *addr);
 VXUTILS_API int str2addr(const char *text, struct sockaddr *addr);
 
 /**
- * Turns a host's address into its network's.
+ * Turn a host's address into its network's.
  * @param addr address record, changed in place.
  * @param mask netmask record of the same family.
  * @return 1, or 0 when a pointer is NULL, the families differ or have no addresses; nothing is changed then.
@@ -125,7 +125,7 @@ VXUTILS_API int strip_host_part_from_network_address(struct sockaddr *addr, cons
 VXUTILS_API int netmask2cidr(const struct sockaddr *mask);
 
 /**
- * Prints the network of an address as "192.168.1.0/24".
+ * Print the network of an address as "192.168.1.0/24".
  * @param dst room for 93 bytes.
  * @param addr address record, left as it is.
  * @param mask netmask record of the same family.
@@ -135,7 +135,7 @@ VXUTILS_API int netmask2cidr(const struct sockaddr *mask);
 VXUTILS_API char *net2cidr(char *dst, const struct sockaddr *addr, const struct sockaddr *mask);
 
 /**
- * Makes the netmask of a prefix length.
+ * Make the netmask of a prefix length.
  * @param prefix 0 to 32 (AF_INET) or 128 (AF_INET6).
  * @param mask record to fill, of the size that the family needs.
  * @param family AF_INET or AF_INET6.
@@ -144,7 +144,7 @@ VXUTILS_API char *net2cidr(char *dst, const struct sockaddr *addr, const struct 
 VXUTILS_API int cidr2netmask(int prefix, struct sockaddr *mask, int family);
 
 /**
- * Tells link-local IPv6 addresses: those in fe80::/10, and also those in ff80::/10, which daemons rely on being told
+ * Tell link-local IPv6 addresses: those in fe80::/10, and also those in ff80::/10, which daemons rely on being told
  * the same. The family is not looked at.
  * @param addr record of the size of a @c sockaddr_in6.
  * @return 1 for link-local addresses, 0 for others and for NULL.

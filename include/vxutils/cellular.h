@@ -41,7 +41,7 @@ VXUTILS_BEGIN_DECLS
 VXUTILS_API int get_generation(const char *technology);
 
 /**
- * Tells the family of a modem module from the start of its name, in lower case. The first family that fits counts, in
+ * Tell the family of a modem module from the start of its name, in lower case. The first family that fits counts, in
  * the order of the modem daemon's table; so "mc509..." is of the family of "mc...".
  *
  * @param module  name of the module, or NULL
@@ -50,7 +50,7 @@ VXUTILS_API int get_generation(const char *technology);
 VXUTILS_API int card2family(const char *module);
 
 /**
- * Asks the provider data base ("/usr/bin/pdb") for the provider of a network. Blocks until that tool is done.
+ * Ask the provider data base ("/usr/bin/pdb") for the provider of a network. Blocks until that tool is done.
  *
  * The text becomes part of a command: it may hold letters, digits, blanks, dots, dashes, underscores and plus signs,
  * and no word of it may begin with a dash, which would make it an option of the tool. Any other text is not passed on

@@ -87,7 +87,7 @@ typedef struct cfread_table {
 } cfread_table;
 
 /**
- * Reads a file and what it includes into a new table.
+ * Read a file and what it includes into a new table.
  * @param file name of the file; kept in the table and shown in messages of cfread_set_entry(), so it should live as
  * long.
  * @return the table, to be released with cfread_close(); NULL on any failure, of which nothing is kept.
@@ -95,13 +95,13 @@ typedef struct cfread_table {
 VXUTILS_API cfread_table *cfread_open(const char *file);
 
 /**
- * Frees the table with all its entries. NULL is accepted.
+ * Free the table with all its entries. NULL is accepted.
  * @param table  the table, or NULL
  */
 VXUTILS_API void cfread_close(cfread_table *table);
 
 /**
- * Looks for a key, letter by letter. Takes the same time in small and large tables.
+ * Look for a key, letter by letter. Takes the same time in small and large tables.
  * @param table table to search
  * @param key   key to look for
  * @return its entry, valid until the key is set again or the table closed; NULL when there is none, for NULL and for
@@ -110,7 +110,7 @@ VXUTILS_API void cfread_close(cfread_table *table);
 VXUTILS_API cfread_entry *cfread_find_entry(const cfread_table *table, const char *key);
 
 /**
- * Puts an entry into the table, in place of the one with the same key if there is one. The new entry takes the lowest
+ * Put an entry into the table, in place of the one with the same key if there is one. The new entry takes the lowest
  * free slot; when there is none, the table grows by 64 slots. Both texts are copied; they may be those of the entry
  * that is replaced.
  * @param table table to change
@@ -123,7 +123,7 @@ VXUTILS_API cfread_entry *cfread_find_entry(const cfread_table *table, const cha
 VXUTILS_API cfread_entry *cfread_set_entry(cfread_table *table, const char *key, const char *value);
 
 /**
- * Reads a file and what it includes and hands each entry to a callback; nothing is stored.
+ * Read a file and what it includes and hand each entry to a callback; nothing is stored.
  * @param file     name of the file
  * @param callback called for each entry, in order
  * @param arg      handed to the callback

@@ -46,7 +46,7 @@
 VXUTILS_BEGIN_DECLS
 
 /**
- * Runs a program, found by its path alone.
+ * Run a program, found by its path alone.
  *
  * Modes 0 and 2 wait for its end; it keeps the caller's standard streams. Mode 1 detaches it: its own session, standard
  * streams on /dev/null, no child of the caller. Any other mode waits, and the program starts without open descriptors.
@@ -71,7 +71,7 @@ VXUTILS_BEGIN_DECLS
 VXUTILS_API int _exec_command(int mode, const char *path, const char *arg0, ...);
 
 /**
- * Runs a command line with /bin/sh.
+ * Run a command line with /bin/sh.
  *
  * @param command    text for "sh -c"; for NULL the shell complains and ends with its own exit code
  * @param background 0 waits, in mode 0 of _exec_command(); non-zero detaches
@@ -80,7 +80,7 @@ VXUTILS_API int _exec_command(int mode, const char *path, const char *arg0, ...)
 VXUTILS_API int run_command(const char *command, int background);
 
 /**
- * Runs a command line with /bin/sh and collects its standard output. Waits until it ends.
+ * Run a command line with /bin/sh and collect its standard output. Waits until it ends.
  *
  * @param command text for "sh -c"
  * @param out     receives the output, at most @p size - 2 characters, terminated; a NUL byte hides the rest of its line
@@ -93,7 +93,7 @@ VXUTILS_API int run_command(const char *command, int background);
 VXUTILS_API int eval_command(const char *command, char *out, size_t size);
 
 /**
- * Splits a line into arguments at blanks, tabs and newlines. Quotes (" or ') at the start of an argument keep them
+ * Split a line into arguments at blanks, tabs and newlines. Quotes (" or ') at the start of an argument keep them
  * together up to the same quote, which ends the argument at once. Elsewhere a quote is ordinary, and so is a backslash
  * everywhere.
  *
@@ -106,14 +106,14 @@ VXUTILS_API int eval_command(const char *command, char *out, size_t size);
 VXUTILS_API int makeargv(const char *line, char ***argv, int *argc);
 
 /**
- * Releases what makeargv() made.
+ * Release what makeargv() made.
  *
  * @param argv the array, all 255 slots valid or NULL; NULL is ignored
  */
 VXUTILS_API void freeargv(char **argv);
 
 /**
- * Restarts the device, unless /nvstatus/skip-reboot is there ("skipping reboot", LOG_ERR). Starts
+ * Restart the device, unless /nvstatus/skip-reboot is there ("skipping reboot", LOG_ERR). Starts
  * /usr/local/sbin/system-reboot with the two numbers, detached, and returns after 100 ms; without that script the
  * kernel restarts at once, nothing written back.
  *
@@ -123,7 +123,7 @@ VXUTILS_API void freeargv(char **argv);
 VXUTILS_API void system_reboot(int a, int b);
 
 /**
- * Switches the device off, as system_reboot() restarts it: /nvstatus/skip-poweroff, "skipping poweroff",
+ * Switch the device off, as system_reboot() restarts it: /nvstatus/skip-poweroff, "skipping poweroff",
  * /usr/local/sbin/system-poweroff.
  *
  * @param a first argument of the script

@@ -124,19 +124,19 @@ typedef struct configd_handle {
 } configd_handle;
 
 /**
- * Makes a handle and connects it. The daemon need not run yet; the directory /var/run/configd must exist.
+ * Make a handle and connect it. The daemon need not run yet; the directory /var/run/configd must exist.
  * @return the handle, to be released with configd_close(); NULL when memory, socket or bind failed (logged).
  */
 VXUTILS_API configd_handle *configd_open(void);
 
 /**
- * Disconnects, empties the query list and frees the handle. NULL is accepted.
+ * Disconnect, empty the query list and free the handle. NULL is accepted.
  * @param handle  from configd_open(), or NULL
  */
 VXUTILS_API void configd_close(configd_handle *handle);
 
 /**
- * Adds a key to the query list; a key that is already there is left as it is. Its value is empty until the list is
+ * Add a key to the query list; a key that is already there is left as it is. Its value is empty until the list is
  * fetched; a key added after the fetch stays empty until the next configd_clear(). Does not contact the daemon.
  * @param format printf format of the key, which is cut to 254 characters.
  * @param handle  the connection
@@ -155,7 +155,7 @@ VXUTILS_API int configd_add_query(configd_handle *handle, const char *format, ..
 VXUTILS_API const char *configd_fetch(configd_handle *handle, const char *format, ...) VXUTILS_PRINTF(2, 3);
 
 /**
- * Reads values from the daemon, one exchange per key, in order.
+ * Read values from the daemon, one exchange per key, in order.
  * @param entries array ended by a record with an empty key, whose values are filled in; NULL reads the query list (and
  *        leaves `fetched` alone).
  * @param handle  the connection
@@ -165,7 +165,7 @@ VXUTILS_API const char *configd_fetch(configd_handle *handle, const char *format
 VXUTILS_API int configd_get(configd_handle *handle, configd_entry *entries);
 
 /**
- * Writes values in one request, which the daemon confirms by echoing it. All together, key, "=", value and line feed of
+ * Write values in one request, which the daemon confirms by echoing it. All together, key, "=", value and line feed of
  * every record must not exceed 16381 characters.
  * @param entries array ended by a record with an empty key; must hold at least one key.
  * @param handle  the connection
@@ -176,7 +176,7 @@ VXUTILS_API int configd_get(configd_handle *handle, configd_entry *entries);
 VXUTILS_API int configd_set(configd_handle *handle, const configd_entry *entries);
 
 /**
- * Ends a change: asks the daemon to put into effect what was written. Does not retry.
+ * End a change: ask the daemon to put into effect what was written. Does not retry.
  * @param handle  the connection
  * @return 0 when the daemon is "Ready", 1 when it is "Busy" (ask again later); -1 for a NULL handle, -2 when the
  * request could not be sent, -3 for an answer without any byte, -4 for another answer or none in time. After -2, -3 and
@@ -185,7 +185,7 @@ VXUTILS_API int configd_set(configd_handle *handle, const configd_entry *entries
 VXUTILS_API int configd_done(configd_handle *handle);
 
 /**
- * Empties the query list, so that keys can be added and fetched again. NULL is accepted.
+ * Empty the query list, so that keys can be added and fetched again. NULL is accepted.
  * @param handle  the connection, or NULL
  */
 VXUTILS_API void configd_clear(configd_handle *handle);
@@ -197,7 +197,7 @@ VXUTILS_API void configd_clear(configd_handle *handle);
  */
 
 /**
- * Sends one datagram to the daemon, whose socket alone can send to the handle's from then on. Waits up to 10 s while
+ * Send one datagram to the daemon, whose socket alone can send to the handle's from then on. Waits up to 10 s while
  * the daemon's queue is full. Answers of a daemon that has been restarted since they came are lost.
  * @param handle  the connection
  * @param data    bytes to send
@@ -207,7 +207,7 @@ VXUTILS_API void configd_clear(configd_handle *handle);
 VXUTILS_API int configd_send(configd_handle *handle, const char *data, int length);
 
 /**
- * Receives one datagram, waiting up to 10 s for it. When one came, the whole buffer was zeroed first and the text is
+ * Receive one datagram, waiting up to 10 s for it. When one came, the whole buffer was zeroed first and the text is
  * NUL-terminated; when none came, the buffer is left as it is.
  * @param size bytes of the buffer; at most size - 1 are received, what a longer datagram holds beyond them is lost.
  * @param handle  the connection
@@ -218,7 +218,7 @@ VXUTILS_API int configd_send(configd_handle *handle, const char *data, int lengt
 VXUTILS_API int configd_recv(configd_handle *handle, char *data, int size);
 
 /**
- * Reads the value of one record's key. On failure the record is unchanged and the handle is not reconnected; when no
+ * Read the value of one record's key. On failure the record is unchanged and the handle is not reconnected; when no
  * proper answer came, its socket receives nothing any more, and the next request connects again.
  * @param handle  the connection
  * @param entry   record with a key; receives the value
@@ -227,8 +227,8 @@ VXUTILS_API int configd_recv(configd_handle *handle, char *data, int size);
 VXUTILS_API int configd_prepare_get(configd_handle *handle, configd_entry *entry);
 
 /**
- * Connects, after disconnecting a connected handle: makes a socket file
- * "/var/run/configd/client.PID.ADDRESS_OF_HANDLE", accessible to everyone, and replaces one that an earlier process
+ * Connect, after disconnecting a connected handle: make a socket file
+ * "/var/run/configd/client.PID.ADDRESS_OF_HANDLE", accessible to everyone, and replace one that an earlier process
  * with the same id has left.
  * @param handle  the connection, or a caller's own record (see there)
  * @return 0, or -1 for NULL or when socket or bind failed (logged); the handle is closed then.
@@ -236,7 +236,7 @@ VXUTILS_API int configd_prepare_get(configd_handle *handle, configd_entry *entry
 VXUTILS_API int __configd_open(configd_handle *handle);
 
 /**
- * Disconnects: closes the socket, except that a descriptor numbered 1 is left open, removes its file and empties both
+ * Disconnect: close the socket, except that a descriptor numbered 1 is left open, remove its file and empty both
  * paths. NULL is accepted.
  * @param handle  the connection, or NULL
  */

@@ -38,13 +38,13 @@
 /** Client of the configuration daemon for single values. */
 class VXUTILS_API ConfigDaemonClient {
 public:
-    /** Connects; a client that could not fails in every call. */
+    /** Connect; a client that could not fails in every call. */
     ConfigDaemonClient();
     /** Disconnects. */
     virtual ~ConfigDaemonClient();
 
     /**
-     * Writes a value.
+     * Write a value.
      *
      * @param key   at most 255 characters, not empty
      * @param value at most 1023 characters
@@ -53,7 +53,7 @@ public:
     virtual bool setValue(String const &key, String const &value) const;
 
     /**
-     * Writes a number.
+     * Write a number.
      * @param key    key, at most 255 characters, not empty
      * @param value  value to write
      * @return whether the daemon confirmed it
@@ -61,7 +61,7 @@ public:
     virtual bool setValueAsInt(String const &key, long value) const;
 
     /**
-     * Writes the value of one of several keys.
+     * Write the value of one of several keys.
      *
      * @param key   pattern with one conversion for an unsigned long, "%lu"; at most 255 characters, as the key it gives
      * @param index the number that goes there
@@ -71,7 +71,7 @@ public:
     virtual bool setIndexedValue(String const &key, unsigned long index, String const &value) const;
 
     /**
-     * Writes the number of one of several keys, as in setIndexedValue().
+     * Write the number of one of several keys, as in setIndexedValue().
      * @param key    key, or pattern with one "%lu"; at most 255 characters, not empty
      * @param index  number for the pattern
      * @param value  value to write
@@ -80,7 +80,7 @@ public:
     virtual bool setIndexedValueAsInt(String const &key, unsigned long index, long value) const;
 
     /**
-     * Reads a value.
+     * Read a value.
      *
      * @param value receives it; left unchanged when there is no answer, when the key is empty or has more than 255
      * characters
@@ -90,7 +90,7 @@ public:
     virtual String &getValue(String const &key, String &value) const;
 
     /**
-     * Reads a number, as atoi() makes it of the value; one that is out of range gives the nearest int.
+     * Read a number, as atoi() makes it of the value; one that is out of range gives the nearest int.
      * @param key    key, at most 255 characters
      * @param value  receives the number
      * @return @p value, which is left unchanged as in getValue()

@@ -48,11 +48,11 @@ class VXUTILS_API ConfigReader {
 public:
     /** An empty reader: every question gives its default. */
     ConfigReader();
-    /** Frees all values. */
+    /** Free all values. */
     virtual ~ConfigReader();
 
     /**
-     * Reads a file in place of what was read before, after a call of cleanup().
+     * Read a file in place of what was read before, after a call of cleanup().
      *
      * @param fileName  name of the file
      * @param tableSize number of buckets to begin with, about the number of keys
@@ -62,7 +62,7 @@ public:
      */
     virtual bool initialize(String const &fileName, unsigned long tableSize);
 
-    /** Forgets all values; references to them end. */
+    /** Forget all values; references to them end. */
     virtual void cleanup();
 
     /**
@@ -102,7 +102,7 @@ public:
     virtual long getIndexedValueAsInt(String const &key, unsigned long index, long defaultValue) const;
 
     /**
-     * Adds a value, once initialize() has been called.
+     * Add a value, once initialize() has been called.
      * @param key    key
      * @param value  its value
      * @return true; false when the key has a value already, which a line on standard output tells, or when there is no
@@ -111,7 +111,7 @@ public:
     bool add(String const &key, String const &value);
 
     /**
-     * Copies a part of a text without the blanks around it.
+     * Copy a part of a text without the blanks around it.
      *
      * @param dst     receives the text and its NUL
      * @param dstSize bytes of @p dst

@@ -75,7 +75,7 @@ class CRecursiveSemaphore;
 class VXUTILS_API CSemaphore {
 public:
     /**
-     * Stores which semaphore is meant; nothing is opened.
+     * Store which semaphore is meant; nothing is opened.
      * @param pathname an existing file; it is looked at, never opened
      * @param projectID tells several locks of one file apart; its low 8 bits count and must not all be 0
      *
@@ -87,7 +87,7 @@ public:
     virtual ~CSemaphore();
 
     /**
-     * Finds the semaphore, or makes it, free and for this user only.
+     * Find the semaphore, or make it, free and for this user only.
      *
      * A semaphore that has never been operated on is not used: its maker gets a second to make it free, then it is
      * replaced. No two processes are let in by that at once. A semaphore that another ordinary user made is replaced at
@@ -97,13 +97,13 @@ public:
     int init();
 
     /**
-     * Takes the lock, waiting without limit; signals do not end the wait.
+     * Take the lock, waiting without limit; signals do not end the wait.
      * @return 0, or -1 with the reason in the system log
      */
     int lock();
 
     /**
-     * Gives the lock back.
+     * Give the lock back.
      * @return 0, or -1 with the reason in the system log
      */
     int unlock();
@@ -141,7 +141,7 @@ public:
          */
         void SetConsistentMode(eConsistentMode mode);
         /**
-         * Tells the mode.
+         * Tell the mode.
          * @return eConsistentAutomatic or eConsistentManual
          */
         eConsistentMode GetConsistentMode() const;
@@ -151,7 +151,7 @@ public:
     };
 
     /**
-     * Opens or creates the lock of this name, with default options.
+     * Open or create the lock of this name, with default options.
      * @param name as for @c shm_open(): "/" and up to 255 further characters, none of them "/"
      *
      * Waits while another process creates a lock of any name, for 15 s at most. A failure is logged and leaves the
@@ -168,7 +168,7 @@ public:
     CRecursiveSemaphore(const std::string &name, const CSemaphoreOptions &options);
 
     /**
-     * Leaves the lock as it is: locked when it was locked. Another object of the same name can give it back, and the
+     * Leave the lock as it is: locked when it was locked. Another object of the same name can give it back, and the
      * death of its owner is seen by others.
      */
     virtual ~CRecursiveSemaphore();
@@ -177,7 +177,7 @@ public:
     CRecursiveSemaphore &operator=(const CRecursiveSemaphore &) = delete;
 
     /**
-     * Takes the lock, waiting without limit. The owner may lock again and must unlock as often.
+     * Take the lock, waiting without limit. The owner may lock again and must unlock as often.
      * @retval 0 locked
      * @retval EOWNERDEAD locked too; the owner before died while holding it. In manual mode makeConsistent() must be
      *         called before unlock(), or the lock is lost for all processes for good
@@ -194,14 +194,14 @@ public:
     int trylock();
 
     /**
-     * Gives back one lock() of this name by this thread: 0, -1 for an unusable object, or an error number (@c EPERM:
+     * Give back one lock() of this name by this thread: 0, -1 for an unusable object, or an error number (@c EPERM:
      * not the owner).
      * @return 0, -1 or an error number
      */
     int unlock();
 
     /**
-     * Declares what the lock protects to be in order again, after EOWNERDEAD: 0, -1 for an unusable object, or an error
+     * Declare what the lock protects to be in order again, after EOWNERDEAD: 0, -1 for an unusable object, or an error
      * number (@c EINVAL: nothing to repair).
      * @return 0, -1 or an error number
      */

@@ -49,17 +49,17 @@ public:
     virtual ~HashContext();
 
     /**
-     * Begins a message.
+     * Begin a message.
      * @param returnedLength bytes that getHash() is to write; 0 or more than the complete length means all.
      * @return 0.
      */
     virtual int initialize(unsigned long returnedLength) = 0;
 
-    /** Forgets the message: state, count and buffer become zero, the returned length the complete one. */
+    /** Forget the message: state, count and buffer become zero, the returned length the complete one. */
     virtual void destroy() = 0;
 
     /**
-     * Takes the next piece of the message.
+     * Take the next piece of the message.
      * @param data   not changed; any alignment; may be NULL when @p length is 0.
      * @param length of the piece; 0 does nothing.
      */
@@ -68,17 +68,17 @@ public:
     /** @return the bytes that getHash() writes. */
     virtual unsigned long getReturnedHashLength() const = 0;
 
-    /** Ends the message. @param out gets getReturnedHashLength() bytes of the digest, the first ones. */
+    /** End the message. @param out gets getReturnedHashLength() bytes of the digest, the first ones. */
     virtual void getHash(unsigned char *out) = 0;
 
     /** @return the length of the whole digest. */
     virtual unsigned long getCompleteHashLength() const = 0;
 
-    /** Ends the message. @param out gets the whole digest. */
+    /** End the message. @param out gets the whole digest. */
     virtual void getCompleteHash(unsigned char *out) = 0;
 
     /**
-     * Digests "abc" and begins a new message.
+     * Digest "abc" and begin a new message.
      * @return 0 when the published digest came out, else -1.
      */
     virtual int test() = 0;
@@ -141,28 +141,28 @@ class VXUTILS_API AuthenticationContext {
 public:
     virtual ~AuthenticationContext();
     /**
-     * Sets the key and begins a message.
+     * Set the key and begin a message.
      * @param key             the key
      * @param keyLength       bytes of the key
      * @param returnedLength  bytes that getHash() is to write; 0 or more than the complete length means all
      * @return 0, or another value when the context cannot be used
      */
     virtual int initialize(const unsigned char *key, unsigned long keyLength, unsigned long returnedLength) = 0;
-    /** Forgets the key. */
+    /** Forget the key. */
     virtual void destroy() = 0;
     /**
-     * Begins the next message with the same key.
+     * Begin the next message with the same key.
      * @return as initialize()
      */
     virtual int reset() = 0;
     /**
-     * Takes the next piece of the message.
+     * Take the next piece of the message.
      * @param data    not changed; any alignment
      * @param length  bytes of the piece; 0 has no effect
      */
     virtual void hash(const unsigned char *data, unsigned long length) = 0;
     /**
-     * Ends the message and writes its digest.
+     * End the message and write its digest.
      * @param out  receives getReturnedHashLength() bytes
      */
     virtual void getHash(unsigned char *out) = 0;
@@ -180,11 +180,11 @@ public:
      *              by no other code meanwhile.
      */
     explicit HmacContext(HashContext *inner);
-    /** Runs destroy(). */
+    /** Run destroy(). */
     ~HmacContext() override;
 
     /**
-     * Sets the key and begins a message.
+     * Set the key and begin a message.
      * @param key            at most 64 bytes are used as they are, a longer key by its digest.
      * @param keyLength      bytes of the key; with 0 the key may be NULL.
      * @param returnedLength bytes that getHash() is to write; 0 means the complete digest, as does more than that.
@@ -192,17 +192,17 @@ public:
      */
     int initialize(const unsigned char *key, unsigned long keyLength, unsigned long returnedLength) override;
 
-    /** Wipes the key and forgets the inner context; afterwards nothing but the destructor may be called. */
+    /** Wipe the key and forget the inner context; afterwards nothing but the destructor may be called. */
     void destroy() override;
 
-    /** Begins the next message with the same key. @return what the inner context's `initialize` returns. */
+    /** Begin the next message with the same key. @return what the inner context's `initialize` returns. */
     int reset() override;
 
-    /** Takes the next piece of the message, as HashContext::hash. */
+    /** Take the next piece of the message, as HashContext::hash. */
     void hash(const unsigned char *data, unsigned long length) override;
 
     /**
-     * Ends the message; reset() before the next one.
+     * End the message; reset() before the next one.
      * @param out gets the returned length asked for, at most the complete length.
      */
     void getHash(unsigned char *out) override;

@@ -61,7 +61,7 @@ struct dio_frequency_record {
 typedef struct dio_frequency_record dio_frequency_record; /**< the record's short name */
 
 /**
- * Counts all lines: readable directories "din" and "dout" followed by one or two digits.
+ * Count all lines: readable directories "din" and "dout" followed by one or two digits.
  *
  * A missing tree counts as 0. A tree that cannot be read is logged ("Can't scandir(/sys/devices/vantorix/) - (%s)") and
  * leaves the number of the last count; errno is unchanged then.
@@ -72,21 +72,21 @@ typedef struct dio_frequency_record dio_frequency_record; /**< the record's shor
 VXUTILS_API int dio_count(unsigned int *n);
 
 /**
- * Counts the inputs, as dio_count() does.
+ * Count the inputs, as dio_count() does.
  * @param n  receives their number; NULL gives DIO_SYSTEM
  * @return DIO_OK or DIO_SYSTEM
  */
 VXUTILS_API int dio_roCount(unsigned int *n);
 
 /**
- * Counts the outputs, as dio_count() does.
+ * Count the outputs, as dio_count() does.
  * @param n  receives their number; NULL gives DIO_SYSTEM
  * @return DIO_OK or DIO_SYSTEM
  */
 VXUTILS_API int dio_rwCount(unsigned int *n);
 
 /**
- * Reads an input.
+ * Read an input.
  * @param dio  number of the input
  * @param on   receives 0 or 1; NULL gives DIO_SYSTEM
  * @return DIO_OK, DIO_RANGE, DIO_MISSING, DIO_LEXICAL (neither '0' nor '1') or DIO_SYSTEM (also for an empty file)
@@ -94,7 +94,7 @@ VXUTILS_API int dio_rwCount(unsigned int *n);
 VXUTILS_API int dio_roValue(unsigned int dio, unsigned char *on);
 
 /**
- * Reads an output back.
+ * Read an output back.
  * @param dio  number of the output
  * @param on   receives 0 or 1; NULL gives DIO_SYSTEM
  * @return as dio_roValue()
@@ -102,7 +102,7 @@ VXUTILS_API int dio_roValue(unsigned int dio, unsigned char *on);
 VXUTILS_API int dio_rwValue(int dio, unsigned char *on);
 
 /**
- * Sets an output: writes the one character '0' + @p value.
+ * Set an output: write the one character '0' + @p value.
  * @param dio    number of the output
  * @param value  0 or 1; above 9 some other character is written
  * @return DIO_OK, DIO_RANGE, DIO_MISSING or DIO_SYSTEM
@@ -110,7 +110,7 @@ VXUTILS_API int dio_rwValue(int dio, unsigned char *on);
 VXUTILS_API int dio_setValue(int dio, unsigned int value);
 
 /**
- * Reads an input's pulse counter.
+ * Read an input's pulse counter.
  * @param dio     number of the input
  * @param record  receives the numbers on DIO_OK; NULL gives DIO_SYSTEM
  * @return DIO_OK; DIO_INACTIVE when the first two numbers are 0; DIO_LEXICAL for fewer than three numbers; DIO_RANGE,
@@ -119,7 +119,7 @@ VXUTILS_API int dio_setValue(int dio, unsigned int value);
 VXUTILS_API int dio_frequency(int dio, dio_frequency_record *record);
 
 /**
- * Tells whether an input counts pulses, by a probe that the driver refuses (EEXIST) while it does. That refusal is
+ * Tell whether an input counts pulses, by a probe that the driver refuses (EEXIST) while it does. That refusal is
  * logged like an error.
  * @param dio     number of the input
  * @param active  receives 0 or 1 on DIO_OK; NULL gives DIO_SYSTEM
@@ -128,7 +128,7 @@ VXUTILS_API int dio_frequency(int dio, dio_frequency_record *record);
 VXUTILS_API int dio_frequencyActive(int dio, unsigned char *active);
 
 /**
- * Starts or stops an input's pulse counting.
+ * Start or stop an input's pulse counting.
  * @param dio  number of the input
  * @param on   0 stops, anything else starts
  * @return DIO_OK; DIO_ACTIVE when it was to be started and ran; DIO_INACTIVE when it was to be stopped and did not run;

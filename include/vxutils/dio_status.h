@@ -63,28 +63,28 @@ struct dio_status {
 typedef struct dio_status dio_status; /**< the record's short name */
 
 /**
- * Reads all inputs, then all outputs.
+ * Read all inputs, then all outputs.
  * @param status  the record; must not be NULL
  * @return DIO_OK, or the first other result; the outputs are not read when reading the inputs failed
  */
 VXUTILS_API int dio_getStatus(dio_status *status);
 
 /**
- * Counts and reads the inputs. Bits of lines that the board does not have are left unchanged.
+ * Count and read the inputs. Bits of lines that the board does not have are left unchanged.
  * @param status  a record's half for inputs; must not be NULL
  * @return DIO_OK, or the result of the first line that cannot be read; the lines before it are in the record then
  */
 VXUTILS_API int dio_getStatusIn(dio_status_half *status);
 
 /**
- * Counts and reads back the outputs, as dio_getStatusIn() does.
+ * Count and read back the outputs, as dio_getStatusIn() does.
  * @param status  a record's half for outputs; must not be NULL
  * @return as dio_getStatusIn()
  */
 VXUTILS_API int dio_getStatusOut(dio_status_half *status);
 
 /**
- * Sets the outputs 1 to count as the record says.
+ * Set the outputs 1 to count as the record says.
  * @param status  a record's half for outputs, count at most 99; must not be NULL
  * @return DIO_OK, also for a count of 0; or the result of the first output that cannot be set, after which none is
  */
@@ -105,7 +105,7 @@ VXUTILS_API int dio_getInValueFromStatus(const dio_status_half *status, unsigned
 VXUTILS_API int dio_getOutValueFromStatus(const dio_status_half *status, unsigned int dio);
 
 /**
- * Changes an input's bit in the record.
+ * Change an input's bit in the record.
  * @param status  half for inputs; must not be NULL
  * @param dio     number of the input, 1 to count and at most 99
  * @param value   0 clears, anything else sets
@@ -113,7 +113,7 @@ VXUTILS_API int dio_getOutValueFromStatus(const dio_status_half *status, unsigne
 VXUTILS_API void dio_setInValueInStatus(dio_status_half *status, unsigned int dio, unsigned int value);
 
 /**
- * Changes an output's bit in the record; dio_setStatusOut() applies it.
+ * Change an output's bit in the record; dio_setStatusOut() applies it.
  * @param status  half for outputs; must not be NULL
  * @param dio     number of the output, 1 to count and at most 99
  * @param value   0 clears, anything else sets

@@ -49,20 +49,20 @@
 class VXUTILS_API CDynamicModule {
 public:
     /**
-     * Loads nothing yet.
+     * Load nothing yet.
      * @param libPath path of the library, as dlopen() takes it; copied.
      */
     CDynamicModule(const std::string &libPath);
 
-    /** Calls the plug-in's @c dynamic_module_done, if it has one, and closes the library. Never throws. */
+    /** Call the plug-in's @c dynamic_module_done, if it has one, and close the library. Never throws. */
     virtual ~CDynamicModule();
 
     CDynamicModule(const CDynamicModule &) = delete;
     CDynamicModule &operator=(const CDynamicModule &) = delete;
 
     /**
-     * Opens the library, with its symbols resolved on first use and visible to libraries that are loaded later, and
-     * calls its @c dynamic_module_init if it has one.
+     * Open the library, with its symbols resolved on first use and visible to libraries that are loaded later, and
+     * call its @c dynamic_module_init if it has one.
      * @param arg handed to @c dynamic_module_init as it is.
      * @return 0 when the library was opened; -1 when it could not be or is open already.
      */
@@ -75,7 +75,7 @@ public:
     const char *lastError() const;
 
     /**
-     * Asks the plug-in for its class factory, on each call.
+     * Ask the plug-in for its class factory, on each call.
      * @return whatever the plug-in returns; null when it is not loaded or has no @c getClassFactory.
      */
     void *getClassFactory() const;

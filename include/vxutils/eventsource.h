@@ -141,20 +141,20 @@ public:
     };
 
     /**
-     * Registers @p sink under its descriptor.
+     * Register @p sink under its descriptor.
      * @param sink  not NULL
      * @param type  what the sink is called for
      */
     virtual void addSink(IFDEventsink *sink, event_type type) = 0;
 
     /**
-     * Ends the registration of @p sink 's descriptor; does not close it.
+     * End the registration of @p sink 's descriptor, which stays open.
      * @param sink  not NULL
      */
     virtual void removeSink(IFDEventsink *sink) = 0;
 
     /**
-     * Changes what @p sink is called for.
+     * Change what @p sink is called for.
      * @param sink  not NULL
      * @param type  what the sink is called for
      */
@@ -167,7 +167,7 @@ public:
      */
     virtual event_type getEventMask(IFDEventsink *sink) = 0;
 
-    /** Asks the loop to end. */
+    /** Ask the loop to end. */
     virtual void terminate() = 0;
 
     virtual ~IFDEventsource();
@@ -177,13 +177,13 @@ public:
 class VXUTILS_API ITimeoutEventsource {
 public:
     /**
-     * Starts a timer for @p sink.
+     * Start a timer for @p sink.
      * @param sink  not NULL
      */
     virtual void addTimer(ITimeoutEventsink *sink) = 0;
 
     /**
-     * Ends one timer of @p sink.
+     * End one timer of @p sink.
      * @param sink  not NULL
      */
     virtual void removeTimer(ITimeoutEventsink *sink) = 0;
@@ -205,11 +205,11 @@ public:
  */
 class VXUTILS_API CEPollEventsource : public IFDEventsource, public ITimeoutEventsource {
 public:
-    /** Opens nothing. @throws std::bad_alloc */
+    /** Open nothing. @throws std::bad_alloc */
     CEPollEventsource();
 
     /**
-     * Closes what init() opened. Timers that still run are forgotten, their descriptors stay open: remove them first.
+     * Close what init() opened. Timers that still run are forgotten, their descriptors stay open: remove them first.
      * Do not call it from a callback of this source.
      */
     ~CEPollEventsource() override;
@@ -218,28 +218,28 @@ public:
     CEPollEventsource &operator=(const CEPollEventsource &) = delete;
 
     /**
-     * Opens the epoll set and the pipe of terminate(), all of it closed on exec. Call it once, before anything
+     * Open the epoll set and the pipe of terminate(), all of it closed on exec. Call it once, before anything
      * else; again only after a failure.
      * @return 0, or -1 with the reason in the system log
      */
     int init();
 
     /**
-     * Registers @p sink for @p type. Ignored when its descriptor is registered already, even by another sink. When the
+     * Register @p sink for @p type. Ignored when its descriptor is registered already, even by another sink. When the
      * kernel refuses the descriptor (regular files, closed ones) that is logged and the sink still counts as
      * registered.
      */
     void addSink(IFDEventsink *sink, event_type type) override;
 
     /**
-     * Ends the registration under @p sink 's descriptor; no effect if there is none. The descriptor may be closed
+     * End the registration under @p sink 's descriptor; no effect if there is none. The descriptor may be closed
      * already (that is logged). After this the sink is not called any more, not even for an event that was already
      * fetched.
      */
     void removeSink(IFDEventsink *sink) override;
 
     /**
-     * Changes what @p sink is called for. No effect when it is not registered, or (without a system call) when @p type
+     * Change what @p sink is called for. No effect when it is not registered, or (without a system call) when @p type
      * is what was set last. This also holds for an event that was already fetched: the sink is not called for anything
      * that @p type does not ask for. The kernel reports what is still ready when it is asked for again.
      */
@@ -249,26 +249,26 @@ public:
     event_type getEventMask(IFDEventsink *sink) override;
 
     /**
-     * Makes evtLoop() return 0, now or when it is called. From any thread, from callbacks, from signal handlers; does
+     * Make evtLoop() return 0, now or when it is called. From any thread, from callbacks, from signal handlers; does
      * not block. Events fetched before may still be served.
      */
     void terminate() override;
 
     /**
-     * Starts a timer on the monotonic clock with the period that @p sink names. A sink may have several, which are
+     * Start a timer on the monotonic clock with the period that @p sink names. A sink may have several, which are
      * not independent (see "Several timers of one sink"). To change a running timer's period remove it and add it
      * again.
      */
     void addTimer(ITimeoutEventsink *sink) override;
 
-    /** Ends one timer of @p sink, the one with the lowest descriptor. No effect if the sink has no timer. Quirk Q65. */
+    /** End one timer of @p sink, the one with the lowest descriptor. No effect if the sink has no timer. Quirk Q65. */
     void removeTimer(ITimeoutEventsink *sink) override;
 
     /** True while @p sink has a timer; a one-shot timer that fired is gone. */
     bool activeTimer(ITimeoutEventsink *sink) override;
 
     /**
-     * Waits for events and serves them in the order in which the kernel reports them, until terminate(). Blocks without
+     * Wait for events and serve them in the order in which the kernel reports them, until terminate(). Blocks without
      * limit when nothing happens. A callback may run the loop again: what the inner loop serves is not served a second
      * time by the outer one, and terminate() ends both.
      * @return 0 after terminate(), at once when the source was terminated before; -1 when waiting became impossible, at

@@ -81,7 +81,7 @@ struct file_line {
 typedef struct file_line file_line;
 
 /**
- * Appends the lines of a regular file to a list.
+ * Append the lines of a regular file to a list.
  *
  * Lines end at CR or LF, which are not stored; what is between a CR and its LF is lost. A physical line is read in
  * pieces of at most 1023 characters, each an entry of its own: a line of exactly 1023 characters is followed by an
@@ -98,7 +98,7 @@ typedef struct file_line file_line;
 VXUTILS_API int read_file_lines(const char *path, struct list_link *lines);
 
 /**
- * Removes a file that is there: for flag files that are to be noticed once.
+ * Remove a file that is there: for flag files that are to be noticed once.
  *
  * @param name file
  * @return 0 if the file was readable by the real user (it is then unlinked, whatever comes of that), -1 otherwise and
@@ -107,7 +107,7 @@ VXUTILS_API int read_file_lines(const char *path, struct list_link *lines);
 VXUTILS_API int dropfile(const char *name);
 
 /**
- * Replaces the content of a file in one step: a temporary file beside it ("PATH_XXXXXX", mode 0600) is written and
+ * Replace the content of a file in one step: a temporary file beside it ("PATH_XXXXXX", mode 0600) is written and
  * renamed onto it, so that readers see the old content or the new one. The new file has the mode of the temporary one,
  * 0600.
  *
@@ -132,7 +132,7 @@ VXUTILS_API int write_file_atomic(const char *path, const void *buf, size_t len,
                                   unsigned char allow_fallback);
 
 /**
- * Writes a status file: the text and a newline with write_file_atomic(), direct writes allowed. The empty text removes
+ * Write a status file: the text and a newline with write_file_atomic(), direct writes allowed. The empty text removes
  * the file instead, and a file that is not there counts as removed.
  *
  * @param name file
@@ -142,7 +142,7 @@ VXUTILS_API int write_file_atomic(const char *path, const void *buf, size_t len,
 VXUTILS_API int writefile(const char *name, const char *text);
 
 /**
- * Reads a small text file into the caller's buffer, white space cut off both ends. What cannot be read, as the real
+ * Read a small text file into the caller's buffer, white space cut off both ends. What cannot be read, as the real
  * user, is the empty text; so is everything but a regular file: a FIFO, a device, a directory. A link to a device does
  * not open the device. A NUL byte hides the rest of its line; reading ends after 1 MiB that yields no text.
  *
@@ -163,7 +163,7 @@ VXUTILS_API char *readfile_r(const char *name, char *buf, size_t size);
 VXUTILS_API char *readfile(const char *name);
 
 /**
- * Reads a file that holds an IPv4 or IPv6 address as text.
+ * Read a file that holds an IPv4 or IPv6 address as text.
  *
  * @param name file
  * @param addr record to fill, as str2addr() does (address.h); its first 16 bytes are cleared before. Room for a
@@ -173,7 +173,7 @@ VXUTILS_API char *readfile(const char *name);
 VXUTILS_API int readaddress(const char *name, struct sockaddr *addr);
 
 /**
- * Makes one directory, readable and searchable for all users and writable for none (mode 0555). One that exists, or a
+ * Make one directory, readable and searchable for all users and writable for none (mode 0555). One that exists, or a
  * symbolic link of that name wherever it points, is success and left as it is. The mode is set on the directory that
  * was made; when something else has taken its place by then, that is a failing chmod.
  *
@@ -183,7 +183,7 @@ VXUTILS_API int readaddress(const char *name, struct sockaddr *addr);
 VXUTILS_API int try_mkdir(const char *path);
 
 /**
- * Makes a directory and the missing ones above it, each with try_mkdir(). One trailing slash is ignored. Below the
+ * Make a directory and the missing ones above it, each with try_mkdir(). One trailing slash is ignored. Below the
  * first directory that it makes it goes on in that directory, whatever the path leads to by then.
  *
  * @param path directory to make; not changed. "." and "/" are there already.
@@ -192,7 +192,7 @@ VXUTILS_API int try_mkdir(const char *path);
 VXUTILS_API int create_directory(char *path);
 
 /**
- * Removes a regular file, and nothing else: no link, directory or device.
+ * Remove a regular file, and nothing else: no link, directory or device.
  *
  * @param name file; one that is not there counts as removed, NULL too
  * @return 0; -1 when it is not a regular file or cannot be removed
@@ -200,7 +200,7 @@ VXUTILS_API int create_directory(char *path);
 VXUTILS_API int delete_regular_file(const char *name);
 
 /**
- * Removes a directory with everything in it, or a file, or a symbolic link. Links are removed and never followed, also
+ * Remove a directory with everything in it, or a file, or a symbolic link. Links are removed and never followed, also
  * when @p path is one, with or without a slash at its end. A tree may be of any depth, with paths longer than the
  * kernel takes.
  *
@@ -213,7 +213,7 @@ VXUTILS_API int delete_regular_file(const char *name);
 VXUTILS_API int delete_directory(const char *path);
 
 /**
- * Empties a directory as delete_directory() does, and keeps it.
+ * Empty a directory as delete_directory() does, and keep it.
  *
  * @param path directory, or a link to one. The link has to belong to root or to the process's user, or to lie in a
  * directory of theirs that not every user may write to. Anything else is left unchanged, NULL and "" too.
@@ -222,7 +222,7 @@ VXUTILS_API int delete_directory(const char *path);
 VXUTILS_API int delete_directory_contents(const char *path);
 
 /**
- * Tells whether a directory has no entries.
+ * Tell whether a directory has no entries.
  *
  * @param path directory
  * @return 1 when it is empty or cannot be read, 0 when it has entries, -1 for NULL and ""
@@ -230,7 +230,7 @@ VXUTILS_API int delete_directory_contents(const char *path);
 VXUTILS_API int empty_directory(const char *path);
 
 /**
- * Copies a file's content and, for a new file, its mode less the umask; the set-user-id bit only from a file of the
+ * Copy a file's content and, for a new file, its mode less the umask; the set-user-id bit only from a file of the
  * process's own user, the set-group-id bit only from one of its group. Links are followed, also in the place of @p dst
  * (there with the limits above). The directory of @p dst is made when it is missing, with create_directory(); one that
  * is a symbolic link is refused.
@@ -250,7 +250,7 @@ VXUTILS_API int empty_directory(const char *path);
 VXUTILS_API int copy_file(const char *src, const char *dst);
 
 /**
- * Copies a directory tree of any depth. The destination directories are made with mode 0755; files are copied with
+ * Copy a directory tree of any depth. The destination directories are made with mode 0755; files are copied with
  * copy_file(), and links as the files that they point to. Stops at the first failure; what was copied stays.
  *
  * What copy_file() cannot copy is such a failure: a FIFO, as status trees hold them, a socket, a character device, a
@@ -265,7 +265,7 @@ VXUTILS_API int copy_file(const char *src, const char *dst);
 VXUTILS_API int copy_directory(const char *src, const char *dst);
 
 /**
- * Makes an empty file with a new name and mode 0600; the caller removes it.
+ * Make an empty file with a new name and mode 0600; the caller removes it.
  *
  * When that fails, whatever has the name of the pattern is removed: a pattern must not be the name of a file in use.
  *

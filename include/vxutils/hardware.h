@@ -40,7 +40,7 @@ VXUTILS_BEGIN_DECLS
 VXUTILS_API int qxhw(void);
 
 /**
- * Looks up a value in "/etc/oem/oem.conf". The first line that begins with the key, directly followed by '=', counts;
+ * Look up a value in "/etc/oem/oem.conf". The first line that begins with the key, directly followed by '=', counts;
  * blanks after the '=' are skipped. Lines end after 1024 characters at the latest.
  *
  * @param key  the key; NULL finds nothing
@@ -50,7 +50,7 @@ VXUTILS_API int qxhw(void);
 VXUTILS_API const char *oem(const char *key);
 
 /**
- * Names the product. With a readable "/etc/oem/oem.conf": its value of "ProductType.QX" and the board's product name
+ * Name the product. With a readable "/etc/oem/oem.conf": its value of "ProductType.QX" and the board's product name
  * (the key cut to 30 characters), or else of "ProductType". Without the file: "QX" and the product name, which is in
  * "/proc/sysinfo/bd/0/prod_name".
  *

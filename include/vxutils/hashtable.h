@@ -64,7 +64,7 @@ enum HashFunctionType {
 class VXUTILS_API INUInt32HashTable {
 public:
     /**
-     * Makes an empty table.
+     * Make an empty table.
      *
      * @param size number of buckets wanted; the smallest power of two that is not below it is taken, 2 at least
      * @throws std::bad_array_new_length when that would be 0x1FFFFFFF buckets or more
@@ -75,7 +75,7 @@ public:
     INUInt32HashTable &operator=(const INUInt32HashTable &) = delete;
 
     /**
-     * Stores a value under a key, after those already stored under it.
+     * Store a value under a key, after those already stored under it.
      * @param key    key
      * @param value  any pointer, NULL included
      * @return true
@@ -83,7 +83,7 @@ public:
     bool addEntry(unsigned long key, void *value);
 
     /**
-     * Finds the oldest value of a key. Compiled into the caller, since a call takes longer than the search.
+     * Find the oldest value of a key. Compiled into the caller, since a call takes longer than the search.
      *
      * @param key   key
      * @param value receives the value; left unchanged when there is none
@@ -99,17 +99,17 @@ public:
     }
 
     /**
-     * Removes the oldest entry of a key.
+     * Remove the oldest entry of a key.
      * @param key  key
      * @return whether there was one
      */
     bool removeEntry(unsigned long key);
 
-    /** Removes all entries. */
+    /** Remove all entries. */
     void removeAllEntries();
 
     /**
-     * Copies values, bucket after bucket and oldest first within one.
+     * Copy values, bucket after bucket and oldest first within one.
      *
      * @param n   most values to copy
      * @param out receives them; room for @p n pointers
@@ -118,7 +118,7 @@ public:
     unsigned long getFirstNPointers(unsigned long n, void **out) const;
 
     /**
-     * Calls a function for every value, in the order of getFirstNPointers(). It may free the value, not change the
+     * Call a function for every value, in the order of getFirstNPointers(). It may free the value, not change the
      * table.
      * @param fn  called with each value
      */
@@ -152,7 +152,7 @@ private:
 class VXUTILS_API INStringHashTable {
 public:
     /**
-     * Makes an empty table.
+     * Make an empty table.
      *
      * @param size number of buckets wanted; the smallest power of two that is not below it is taken, 2 at least
      * @throws std::bad_array_new_length when that would be 0x1FFFFFFF buckets or more
@@ -163,7 +163,7 @@ public:
     INStringHashTable &operator=(const INStringHashTable &) = delete;
 
     /**
-     * Stores a value under a copy of a key, after those already stored under it.
+     * Store a value under a copy of a key, after those already stored under it.
      * @param key    key
      * @param value  any pointer, NULL included
      * @return true; false for a NULL key
@@ -171,7 +171,7 @@ public:
     bool addEntry(const char *key, void *value);
 
     /**
-     * Finds the oldest value of a key.
+     * Find the oldest value of a key.
      *
      * @param key   key; NULL is never found
      * @param value receives the value; left unchanged when there is none
@@ -180,17 +180,17 @@ public:
     bool getValueFromKey(const char *key, void **value) const;
 
     /**
-     * Removes the oldest entry of a key.
+     * Remove the oldest entry of a key.
      * @param key  key
      * @return whether there was one; false for a NULL key
      */
     bool removeEntry(const char *key);
 
-    /** Removes all entries. */
+    /** Remove all entries. */
     void removeAllEntries();
 
     /**
-     * Copies values, bucket after bucket and oldest first within one.
+     * Copy values, bucket after bucket and oldest first within one.
      *
      * @param n   most values to copy
      * @param out receives them; room for @p n pointers
@@ -199,7 +199,7 @@ public:
     unsigned long getFirstNPointers(unsigned long n, void **out) const;
 
     /**
-     * Calls a function for every value, in the order of getFirstNPointers(). It may free the value, not change the
+     * Call a function for every value, in the order of getFirstNPointers(). It may free the value, not change the
      * table.
      * @param fn  called with each value
      */

@@ -68,7 +68,7 @@ VXUTILS_API const char *interfaceize(const char *name);
 VXUTILS_API int wanlink_is_up(void);
 
 /**
- * Counts the enabled WAN links: entries of "/tmp/status/link-manager" whose name begins with "wanlink" and whose file
+ * Count the enabled WAN links: entries of "/tmp/status/link-manager" whose name begins with "wanlink" and whose file
  * "state" holds a text that does not begin with "disabled".
  *
  * @return their number; 0 when the directory is missing.
@@ -76,7 +76,7 @@ VXUTILS_API int wanlink_is_up(void);
 VXUTILS_API int wanlink_count(void);
 
 /**
- * Lists the members of a bridge, each followed by one blank, as "/usr/sbin/brctl show" names them. Members of bridges
+ * List the members of a bridge, each followed by one blank, as "/usr/sbin/brctl show" names them. Members of bridges
  * that the tool lists after the wanted one are appended as well, except the first of each.
  *
  * @param bridge bridge's interface name.

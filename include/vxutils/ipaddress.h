@@ -72,7 +72,7 @@ public:
      */
     IpAddress(unsigned long address, unsigned long mask);
 
-    /** Makes the object empty. */
+    /** Make the object empty. */
     void init();
 
     /** @return an empty object that lives until the process exits. */
@@ -107,7 +107,7 @@ public:
     /** @copydoc getV4IpAddrAsBinaryUInt32(unsigned long &) const */
     VXUTILS_API unsigned long getV4IpAddrAsBinaryUInt32() const { return address_[0]; }
     /**
-     * Sets the address and the type; the mask stays.
+     * Set the address and the type; the mask stays.
      * @param address  the address, in host order
      * @return 0.
      */
@@ -129,7 +129,7 @@ public:
     /** @copydoc getV4NetMaskAsBinaryUInt32(unsigned long &) const */
     VXUTILS_API unsigned long getV4NetMaskAsBinaryUInt32() const { return netmask_[0]; }
     /**
-     * Sets the mask and the type; the address stays.
+     * Set the mask and the type; the address stays.
      * @param mask  the mask, in host order
      * @return 0, or -1 for a mask that is not valid.
      */
@@ -143,7 +143,7 @@ public:
     /** @copydoc getNetMaskSize(unsigned long &) const */
     unsigned long getNetMaskSize() const;
     /**
-     * Sets the mask by its prefix length.
+     * Set the mask by its prefix length.
      * @param size  prefix length, 0 to 32
      * @return 0; -1 for more than 32 and unless the type is IPv4.
      */
@@ -154,14 +154,14 @@ public:
     }
 
     /**
-     * Takes an address "a.b.c.d", which leaves the mask, or "a.b.c.d/n", which sets it.
+     * Take an address "a.b.c.d", which leaves the mask, or "a.b.c.d/n", which sets it.
      * @param text  the text
      * @return 0, or -1 for any other text.
      */
     int setIpAddrAsString(const String &text);
 
     /**
-     * Takes a mask "a.b.c.d", its one bits before its zero bits; the address stays.
+     * Take a mask "a.b.c.d", its one bits before its zero bits; the address stays.
      * @param text  the text
      * @return 0, or -1.
      */
@@ -266,7 +266,7 @@ public:
      * @{ */
 
     /**
-     * Writes nothing.
+     * Write nothing.
      * @param address  returned as it is
      * @return @p address
      */
@@ -274,25 +274,25 @@ public:
     /** @copydoc getV6IpAddrAsBinaryString() */
     unsigned char *getV6NetAddrAsBinaryString(unsigned char *address) const;
     /**
-     * Writes nothing.
+     * Write nothing.
      * @param mask  returned as it is
      * @return @p mask
      */
     unsigned char *getV6NetMaskAsBinaryString(unsigned char *mask) const;
     /**
-     * Changes nothing.
+     * Change nothing.
      * @param address  ignored
      * @return -1
      */
     int setV6IpAddrAsBinaryString(const unsigned char *address);
     /**
-     * Changes nothing.
+     * Change nothing.
      * @param mask  ignored
      * @return -1
      */
     int setV6NetMaskAsBinaryString(const unsigned char *mask);
     /**
-     * Checks nothing.
+     * Check nothing.
      * @param mask  ignored
      * @param size  ignored
      * @return false

@@ -35,14 +35,14 @@
 /** Reads and sets what the classic interface requests offer. */
 class VXUTILS_API IpInterfaceStatus {
 public:
-    /** Opens nothing. */
+    /** Open nothing. */
     IpInterfaceStatus();
     /**
      * The same as a new object.
      * @param other  ignored
      */
     IpInterfaceStatus(const IpInterfaceStatus &other);
-    /** Changes nothing. @return the object. */
+    /** Change nothing. @return the object. */
     IpInterfaceStatus &operator=(const IpInterfaceStatus &other);
     virtual ~IpInterfaceStatus();
 
@@ -61,7 +61,7 @@ public:
     int isInterfaceUp(const char *name) const;
 
     /**
-     * Sets or clears the flags up and running.
+     * Set or clear the flags up and running.
      * @param up 1 sets both, any other value clears both.
      * @param name  interface's name
      * @return 1 on success, 0 on failure.
@@ -69,7 +69,7 @@ public:
     int setInterfaceUp(const char *name, int up) const;
 
     /**
-     * Sets the transmit queue's length in packets.
+     * Set the transmit queue's length in packets.
      * @param name     interface's name
      * @param packets  number of packets, 0 or more
      * @return 1 on success, 0 on failure.
@@ -84,7 +84,7 @@ public:
     unsigned int getIpV4Address(const char *name) const;
 
     /**
-     * Sets the IPv4 address, in host order; the kernel picks the netmask of its class.
+     * Set the IPv4 address, in host order; the kernel picks the netmask of its class.
      * @param name     interface's name
      * @param address  address, in host order
      * @return 1 or 0.
@@ -99,7 +99,7 @@ public:
     unsigned int getIpV4Mask(const char *name) const;
 
     /**
-     * Sets the IPv4 netmask, in host order, of an interface that has an address.
+     * Set the IPv4 netmask, in host order, of an interface that has an address.
      * @param name  interface's name
      * @param mask  netmask, in host order
      * @return 1 or 0.

@@ -49,7 +49,7 @@ struct list_link {
 typedef struct list_link list_link;
 
 /**
- * Links an entry between two neighbours.
+ * Link an entry between two neighbours.
  *
  * @param entry entry that is in no list
  * @param prev  link that will precede it
@@ -58,7 +58,7 @@ typedef struct list_link list_link;
 VXUTILS_API void __list_add(list_link *entry, list_link *prev, list_link *next);
 
 /**
- * Inserts an entry right after @p head: the last one added is the first one met.
+ * Insert an entry right after @p head: the last one added is the first one met.
  *
  * @param entry entry that is in no list
  * @param head  head of the list, or the member to insert after
@@ -66,7 +66,7 @@ VXUTILS_API void __list_add(list_link *entry, list_link *prev, list_link *next);
 VXUTILS_API void list_add(list_link *entry, list_link *head);
 
 /**
- * Inserts an entry right before @p head: the first one added is the first one met.
+ * Insert an entry right before @p head: the first one added is the first one met.
  *
  * @param entry entry that is in no list
  * @param head  head of the list, or the member to insert before
@@ -74,7 +74,7 @@ VXUTILS_API void list_add(list_link *entry, list_link *head);
 VXUTILS_API void list_add_tail(list_link *entry, list_link *head);
 
 /**
- * Makes two links neighbours, dropping whatever was between them.
+ * Make two links neighbours, dropping whatever was between them.
  *
  * @param prev link that will precede @p next
  * @param next link that will follow @p prev
@@ -82,21 +82,21 @@ VXUTILS_API void list_add_tail(list_link *entry, list_link *head);
 VXUTILS_API void __list_del(list_link *prev, list_link *next);
 
 /**
- * Takes an entry out of its list. Its own pointers stay as they were, stale.
+ * Take an entry out of its list. Its own pointers stay as they were, stale.
  *
  * @param entry member of a list
  */
 VXUTILS_API void list_del(list_link *entry);
 
 /**
- * Takes an entry out of its list and makes it an empty list of its own.
+ * Take an entry out of its list and make it an empty list of its own.
  *
  * @param entry member of a list
  */
 VXUTILS_API void list_del_init(list_link *entry);
 
 /**
- * Tells whether a list has no members.
+ * Tell whether a list has no members.
  *
  * @param head head of the list
  * @return 1 or 0
@@ -104,7 +104,7 @@ VXUTILS_API void list_del_init(list_link *entry);
 VXUTILS_API int list_empty(const list_link *head);
 
 /**
- * Moves all members of a list, in order, right after the head of another.
+ * Move all members of a list, in order, right after the head of another.
  *
  * @param list head of the list to take the members from; it still points at them afterwards and must be made empty
  *             (pointed at itself) before it is used again

@@ -51,7 +51,7 @@ struct firewall_lock_handle;
 typedef struct firewall_lock_handle firewall_lock_handle;
 
 /**
- * Takes a directory lock: makes the directory, which only one process can.
+ * Take a directory lock: make the directory, which only one process can.
  *
  * Each failure, whatever its reason, is followed by one second of sleep, the last one too.
  *
@@ -62,7 +62,7 @@ typedef struct firewall_lock_handle firewall_lock_handle;
 VXUTILS_API int acquire_lock(const char *path, int tries);
 
 /**
- * Gives a directory lock back, no matter which process took it: removes what has that name, if it is readable and,
+ * Give a directory lock back, no matter which process took it: remove what has that name, if it is readable and,
  * when a directory, empty.
  *
  * @param path directory of the lock; NULL is ignored
@@ -71,7 +71,7 @@ VXUTILS_API int acquire_lock(const char *path, int tries);
 VXUTILS_API int release_lock(const char *path);
 
 /**
- * Takes the packet-filter lock, an advisory lock on /var/lock/iptables_flock_file, and waits until it is free.
+ * Take the packet-filter lock, an advisory lock on /var/lock/iptables_flock_file, and wait until it is free.
  *
  * The file is made with mode 0600, and an existing one gets that mode: a process that can open the file can hold its
  * lock. A process that opened the file before can still hold it, and is waited for: a firmware makes the file at boot
@@ -83,7 +83,7 @@ VXUTILS_API int release_lock(const char *path);
 VXUTILS_API firewall_lock_handle *firewall_lock(void);
 
 /**
- * Gives the packet-filter lock back and releases its handle.
+ * Give the packet-filter lock back and release its handle.
  *
  * @param handle what firewall_lock() returned; NULL is ignored
  * @return 0

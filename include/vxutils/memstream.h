@@ -47,7 +47,7 @@ struct mem_stream {
 typedef struct mem_stream mem_stream;
 
 /**
- * Appends formatted text, as the C library's vsnprintf() writes it.
+ * Append formatted text, as the C library's vsnprintf() writes it.
  *
  * @param stream stream
  * @param format printf format
@@ -56,7 +56,7 @@ typedef struct mem_stream mem_stream;
 VXUTILS_API int mem_stream_printf(mem_stream *stream, const char *format, ...) VXUTILS_PRINTF(2, 3);
 
 /**
- * Appends a text.
+ * Append a text.
  *
  * @param stream stream
  * @param str    text, not inside the free part of the buffer
@@ -65,7 +65,7 @@ VXUTILS_API int mem_stream_printf(mem_stream *stream, const char *format, ...) V
 VXUTILS_API int mem_stream_puts(mem_stream *stream, const char *str);
 
 /**
- * Tells whether another character fits.
+ * Tell whether another character fits.
  *
  * @param stream stream
  * @return 1 or 0

@@ -102,27 +102,27 @@ public:
 class VXUTILS_API CMessageQueue : public IFDEventsink {
 public:
     /**
-     * Opens nothing yet. Neither pointer may be null in a queue that is to deliver.
+     * Open nothing yet. Neither pointer may be null in a queue that is to deliver.
      * @param consumer  receives the messages
      * @param source    event loop that the queue registers with
      */
     CMessageQueue(IMQEventsink *consumer, IFDEventsource *source);
 
-    /** Leaves the event source. Messages not delivered are dropped, their payloads not touched. */
+    /** Leave the event source. Messages not delivered are dropped, their payloads not touched. */
     ~CMessageQueue() override;
 
     CMessageQueue(const CMessageQueue &) = delete;
     CMessageQueue &operator=(const CMessageQueue &) = delete;
 
     /**
-     * Opens the wake-up pipe, closed on exec, and registers with the event source. Call it once, on the loop's
+     * Open the wake-up pipe, closed on exec, and register with the event source. Call it once, on the loop's
      * thread.
      * @return 0, or -1 with the reason in the system log
      */
     int init();
 
     /**
-     * Queues a copy of @p message after all earlier ones. Does not wait for the loop: blocks only while another thread
+     * Queue a copy of @p message after all earlier ones. Does not wait for the loop: blocks only while another thread
      * is inside the queue or between lock() and unlock().
      * @param message  the message
      * @return 0, or -1 when nothing was queued (no init()); the reason is in the system log
@@ -130,7 +130,7 @@ public:
      */
     int send(const CQMsg &message);
 
-    /** Delivers one message. For the event source. */
+    /** Deliver one message. For the event source. */
     void onReadable() override;
 
     /** Does nothing. */
@@ -140,12 +140,12 @@ public:
     int getFd() const override;
 
     /**
-     * Keeps all other threads out of the queue until unlock(). The owner may lock again, and must unlock as often.
+     * Keep all other threads out of the queue until unlock(). The owner may lock again, and must unlock as often.
      * @throws std::system_error with the error number of a lock that could not be taken
      */
     void lock();
 
-    /** Gives back one lock(). */
+    /** Give back one lock(). */
     void unlock();
 
 private:

@@ -47,7 +47,7 @@ VXUTILS_BEGIN_DECLS
 VXUTILS_API extern const char binToHexLut[256][3];
 
 /**
- * Writes a signed number as radix text.
+ * Write a signed number as radix text.
  *
  * @param value number; a negative one is refused in bases 8 and 16, and its text in base 2 is unspecified
  * @param buf   receives the text; 34 bytes hold any
@@ -57,7 +57,7 @@ VXUTILS_API extern const char binToHexLut[256][3];
 VXUTILS_API char *i32toa(int32_t value, char *buf, int base);
 
 /**
- * Writes an unsigned number as radix text.
+ * Write an unsigned number as radix text.
  *
  * @param value number
  * @param buf   receives the text; 34 bytes hold any
@@ -86,7 +86,7 @@ VXUTILS_API char *i16toa(int16_t value, char *buf, int base);
 VXUTILS_API char *u_i16toa(uint16_t value, char *buf, int base);
 
 /**
- * Reads a radix text, without any check.
+ * Read a radix text, without any check.
  *
  * At most 33 characters are used. A leading minus sign makes the number negative. A last byte from @c a upward is a
  * marker and dropped: @c b reads the rest as base 2, @c o as base 8, @c h and @c x as base 16, any other one as base
@@ -120,7 +120,7 @@ VXUTILS_API int16_t valueOf16(const char *text);
 VXUTILS_API uint16_t u_valueOf16(const char *text);
 
 /**
- * Reads a number and checks that the text is its canonical decimal form: no plus sign, blank, leading zero or marker,
+ * Read a number and check that the text is its canonical decimal form: no plus sign, blank, leading zero or marker,
  * and within the range of the type. "-0" is not canonical.
  *
  * @param err  set to 0 when the text is canonical, to -1 otherwise; may be NULL
@@ -154,7 +154,7 @@ VXUTILS_API uint32_t u_validValueOf32(int *err, const char *text);
 VXUTILS_API uint16_t u_validValueOf16(int *err, const char *text);
 
 /**
- * Checks that a text is the canonical decimal form of a number within a range.
+ * Check that a text is the canonical decimal form of a number within a range.
  *
  * @param err  set to 0 or -1; NULL does nothing at all
  * @param text text
@@ -191,7 +191,7 @@ VXUTILS_API void u_validRangeValueOf32(int *err, const char *text, uint32_t min,
 VXUTILS_API void u_validRangeValueOf16(int *err, const char *text, uint16_t min, uint16_t max);
 
 /**
- * Writes the four bytes of a word, least significant first on every machine, as @c 0x and eight lower-case digits:
+ * Write the four bytes of a word, least significant first on every machine, as @c 0x and eight lower-case digits:
  * 0x12345678 becomes "0x78563412".
  *
  * @param value word
@@ -201,7 +201,7 @@ VXUTILS_API void u_validRangeValueOf16(int *err, const char *text, uint16_t min,
 VXUTILS_API char *convBinToHex(uint32_t value, char *buf);
 
 /**
- * Dumps words as lines of hexadecimal: each word as convBinToHex() writes it and a space, a line feed after every
+ * Dump words as lines of hexadecimal: each word as convBinToHex() writes it and a space, a line feed after every
  * @p lineBytes bytes and another one at the end.
  *
  * @param words     words to dump, all bytes of the last one included
@@ -229,7 +229,7 @@ VXUTILS_API unsigned int nbrOfChars_forDataChunk2String(unsigned int byteCount, 
 VXUTILS_API uint32_t nextHigherPowerOf2(uint32_t v);
 
 /**
- * Reads a dotted IPv4 address into a number, most significant part first ("192.168.1.1" is 0xC0A80101). The parts are
+ * Read a dotted IPv4 address into a number, most significant part first ("192.168.1.1" is 0xC0A80101). The parts are
  * not checked: one above 255 spills over into its neighbour, one beyond 32 bits counts as the largest number of 32
  * bits. Blanks and a sign may come before each part. What follows the fourth part is not looked at.
  *
@@ -240,7 +240,7 @@ VXUTILS_API uint32_t nextHigherPowerOf2(uint32_t v);
 VXUTILS_API int convIPStr2IPUl(const char *text, uint32_t *out);
 
 /**
- * Writes a number as a dotted IPv4 address.
+ * Write a number as a dotted IPv4 address.
  *
  * @param value number, most significant byte first in the text
  * @param out   receives the text: 16 bytes

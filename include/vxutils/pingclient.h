@@ -41,7 +41,7 @@
 /** Sends one echo at a time and looks for its reply. */
 class VXUTILS_API PingClient {
 public:
-    /** Opens nothing; chooses identifier and sequence number. */
+    /** Open nothing; choose identifier and sequence number. */
     PingClient();
     PingClient(const PingClient &) = delete;
     PingClient &operator=(const PingClient &) = delete;
@@ -50,7 +50,7 @@ public:
     virtual ~PingClient();
 
     /**
-     * Closes the socket of an earlier echo and sends a new one: 28 bytes, with the next sequence number.
+     * Close the socket of an earlier echo and send a new one: 28 bytes, with the next sequence number.
      *
      * @param source      source address, a dotted quad; "0.0.0.0" leaves the choice to the kernel, and a text that
      *                    cannot be read is sent as 255.255.255.255 (quirk Q78).
@@ -62,7 +62,7 @@ public:
     virtual int sendSimplePing(const String &source, const String &destination);
 
     /**
-     * Looks through the ICMP packets that have come in since the last look. A packet counts as the reply when it comes
+     * Look through the ICMP packets that have come in since the last look. A packet counts as the reply when it comes
      * from the destination's address (from any address when the destination is a multicast group or 0.0.0.0) and
      * carries the echo's identifier and sequence number; its type is not looked at, so that the echo itself counts
      * where it can be seen, on the loopback interface. One call looks at 1024 packets at most, so that a sender who
@@ -73,7 +73,7 @@ public:
      */
     virtual int checkPingResponse();
 
-    /** Closes the socket, if open. */
+    /** Close the socket, if open. */
     virtual void cleanup();
 
     /**

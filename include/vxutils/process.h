@@ -37,7 +37,7 @@
 VXUTILS_BEGIN_DECLS
 
 /**
- * Tells whether a process exists; one that has ended and was not waited for still does.
+ * Tell whether a process exists; one that has ended and was not waited for still does.
  * @param pid process id.
  * @return 1 when "/proc/PID" is readable, else 0.
  */

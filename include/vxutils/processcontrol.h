@@ -64,13 +64,13 @@ public:
     virtual ProcessEntry *getNext() const;
 
     /**
-     * Sets the entry that follows, which stays another's property; null for none.
+     * Set the entry that follows, which stays another's property; null for none.
      * @param next  the entry that follows, or null
      */
     virtual void setNext(ProcessEntry *next);
 
     /**
-     * Says whether the process was there at the last refresh.
+     * Say whether the process was there at the last refresh.
      * @param valid  whether the process was there
      */
     virtual void setValid(bool valid);
@@ -97,14 +97,14 @@ public:
     /** An empty list. */
     ProcessControl();
 
-    /** Calls cleanup(). */
+    /** Call cleanup(). */
     virtual ~ProcessControl();
 
     ProcessControl(const ProcessControl &) = delete;
     ProcessControl &operator=(const ProcessControl &) = delete;
 
     /**
-     * Reads the process table.
+     * Read the process table.
      *
      * Without @p incremental the list is made again. With it, entries of processes that are still there stay as they
      * are (their names are not read again), those of ended ones are deleted and new ones are appended. Each deleted
@@ -117,7 +117,7 @@ public:
     virtual void refresh(bool incremental);
 
     /**
-     * Finds entries by the beginning of their names, one after the other.
+     * Find entries by the beginning of their names, one after the other.
      * @param prefix what the name begins with; null for any name.
      * @param after the entry after which to go on; null to start with the first one.
      * @return the next such entry; null when there is none or @p after is not in the list.
@@ -125,14 +125,14 @@ public:
     virtual ProcessEntry *getNextProcessEntryByName(const char *prefix, const ProcessEntry *after) const;
 
     /**
-     * Counts the entries whose names begin with @p prefix, those that do not count otherwise included.
+     * Count the entries whose names begin with @p prefix, those that do not count otherwise included.
      * @param prefix what the name begins with; null for any name.
      * @return their number.
      */
     virtual int getNumberOfProcessesByName(const char *prefix) const;
 
     /**
-     * Finds a process by its number.
+     * Find a process by its number.
      * @param pid  process id
      * @return the first entry with this number, or null.
      */
@@ -141,7 +141,7 @@ public:
     /** @return the count: processes with a command line that were found, less the entries deleted since. */
     virtual int getNumberOfProcesses() const;
 
-    /** Deletes all entries and sets the count to 0. */
+    /** Delete all entries and set the count to 0. */
     virtual void cleanup();
 
     /**

@@ -43,7 +43,7 @@
 VXUTILS_BEGIN_DECLS
 
 /**
- * Adds an entry as the first line, "NUMBER: YYYY-MM-DD HH:MM MESSAGE", in local time.
+ * Add an entry as the first line, "NUMBER: YYYY-MM-DD HH:MM MESSAGE", in local time.
  *
  * An old log that exists but cannot be opened or read is left as it is: the call fails with the report "open".
  * A failure after the semaphore was taken leaves it taken, and the temporary file in place, for the next call to put
@@ -58,7 +58,7 @@ VXUTILS_BEGIN_DECLS
 VXUTILS_API int qxlog(int number, const char *message);
 
 /**
- * Empties the log, or makes an empty one.
+ * Empty the log, or make an empty one.
  *
  * Readers that hold the log for long are not waited for.
  *
@@ -67,7 +67,7 @@ VXUTILS_API int qxlog(int number, const char *message);
 VXUTILS_API int qxlog_clear(void);
 
 /**
- * Reads the log.
+ * Read the log.
  *
  * @param buf  receives at most @p size - 2 characters of whole log text, the rest of its @p size bytes zero; the empty
  *             text when there is no log

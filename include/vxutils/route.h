@@ -48,7 +48,7 @@ VXUTILS_BEGIN_DECLS
 struct addrinfo;
 
 /**
- * Asks the kernel by which interface a packet to an address would leave.
+ * Ask the kernel by which interface a packet to an address would leave.
  *
  * @param target address as @c getaddrinfo gives it; only @c ai_family and @c ai_addr are read, @c ai_next is not
  * followed.

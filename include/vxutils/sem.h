@@ -52,7 +52,7 @@ typedef struct sem_handle sem_handle;
 typedef struct sem_options sem_options;
 
 /**
- * Makes options, set to automatic repair.
+ * Make options, set to automatic repair.
  * @return options to be freed by semopts_release(), or null when memory is short
  */
 VXUTILS_API sem_options *sem_options_create(void);
@@ -71,13 +71,13 @@ VXUTILS_API void semopt_set_consistent_mode_automatic(sem_options *options);
 VXUTILS_API void semopt_set_consistent_mode_manual(sem_options *options);
 
 /**
- * Frees options. Handles made with them are not affected. Null is ignored.
+ * Free options. Handles made with them are not affected. Null is ignored.
  * @param options  the options, or NULL
  */
 VXUTILS_API void semopts_release(sem_options *options);
 
 /**
- * Opens or creates the lock of this name.
+ * Open or create the lock of this name.
  * @param name as for @c shm_open(): "/" and up to 255 further characters, none of them "/". Not null: the C++ standard
  *        library's @c std::logic_error would come out of the call
  * @param options copied; null means default options
@@ -96,7 +96,7 @@ VXUTILS_API sem_handle *sem_create_with_options(const char *name, const sem_opti
 VXUTILS_API sem_handle *sem_create(const char *name);
 
 /**
- * Takes the lock, waiting without limit. The owner may lock again and must unlock as often.
+ * Take the lock, waiting without limit. The owner may lock again and must unlock as often.
  * @param handle  from sem_create(); NULL gives -1
  * @retval 0 locked
  * @retval EOWNERDEAD locked too; the owner before died while holding it
@@ -106,7 +106,7 @@ VXUTILS_API sem_handle *sem_create(const char *name);
 VXUTILS_API int sem_lock(sem_handle *handle);
 
 /**
- * Gives back one sem_lock(): 0, -1 as there, or an error number (@c EPERM: not the owner).
+ * Give back one sem_lock(): 0, -1 as there, or an error number (@c EPERM: not the owner).
  * @param handle  from sem_create(); NULL gives -1
  * @return 0, -1 or an error number
  */
@@ -120,7 +120,7 @@ VXUTILS_API int sem_unlock(sem_handle *handle);
 VXUTILS_API int sem_trylock(sem_handle *handle);
 
 /**
- * Frees a handle. The lock stays as it is, locked when it was locked; another handle can unlock it. Null is ignored.
+ * Free a handle. The lock stays as it is, locked when it was locked; another handle can unlock it. Null is ignored.
  * @param handle  from sem_create(), or NULL
  */
 VXUTILS_API void sem_release(sem_handle *handle);

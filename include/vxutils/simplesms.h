@@ -57,7 +57,7 @@ public:
     CSimpleSMS(const std::string &number, const std::string &text);
 
     /**
-     * Hands the message to the sending tool and waits for that to end. On success the tool owns the file it was given,
+     * Hand the message to the sending tool and wait for that to end. On success the tool owns the file it was given,
      * "/tmp/outgoing-sms." and six characters.
      * @return 0 when the tool accepted the message; -1 when it did not, the file could not be written, or the number
      *         holds a line break
@@ -74,13 +74,13 @@ public:
     const std::string &getText() const;
 
     /**
-     * Lists the incoming messages, in the directory's order.
+     * List the incoming messages, in the directory's order.
      * @param ids  receives one more pair per message: status-change time of its file (seconds since 1970), and its id
      */
     static void RetrieveIncomingIds(std::vector<std::pair<long long, std::string>> &ids);
 
     /**
-     * Reads an incoming message.
+     * Read an incoming message.
      * @param id  its id
      * @return the message, for delete; null when there is none, or its file has no empty line or no text (logged,
      *         LOG_DEBUG)
@@ -88,7 +88,7 @@ public:
     static CSimpleSMS *getIncomingSMSById(const std::string &id);
 
     /**
-     * Deletes an incoming message.
+     * Delete an incoming message.
      * @param id  its id
      * @return 0, or -1 with errno set
      */

@@ -94,14 +94,14 @@ public:
     /** No directory yet: names are paths until setup(). */
     StatusInterface();
 
-    /** Calls cleanup(). */
+    /** Call cleanup(). */
     virtual ~StatusInterface();
 
     StatusInterface(const StatusInterface &) = delete;
     StatusInterface &operator=(const StatusInterface &) = delete;
 
     /**
-     * Chooses the directory and makes it and its missing parents, mode 0777 less the process's umask.
+     * Choose the directory and make it and its missing parents, mode 0777 less the process's umask.
      * @param basePath tree.
      * @param name daemon's name, beginning with "/"; may name a directory further down.
      * @return true; false, with the reason in the system log, when @p basePath is none of the three (there is no
@@ -110,7 +110,7 @@ public:
     bool setup(BasePath basePath, const String &name);
 
     /**
-     * Writes a status file, mode 0644 less the umask when it is new. The file is emptied and written in place: who
+     * Write a status file, mode 0644 less the umask when it is new. The file is emptied and written in place: who
      * reads it at that moment may find it empty. What a stranger may have put in its place is refused, as the functions
      * of file.h do that write a file in place. A FIFO that has a reader takes the value as a message, if there is room;
      * a reader that leaves meanwhile makes the call fail (EPIPE) and raises no SIGPIPE.
@@ -121,7 +121,7 @@ public:
     bool setStatus(const String &name, const String &value);
 
     /**
-     * Reads a status file.
+     * Read a status file.
      * @param name file name.
      * @param value set to the contents as they are, NULs and newlines included; empty when the result is false.
      * @return true when the file was opened; a read error counts as its end. False for a FIFO or a device, and for more
@@ -130,7 +130,7 @@ public:
     bool getStatus(const String &name, String &value) const;
 
     /**
-     * Replaces a link, or whatever file has its name.
+     * Replace a link, or whatever file has its name.
      * @param name name of the link.
      * @param target what it points to; empty to have no link any more.
      * @return true when the link was made or none was wanted; false on an unsafe path in any case.
@@ -138,7 +138,7 @@ public:
     bool setLink(const String &name, const String &target);
 
     /**
-     * Makes a FIFO, mode 0666 less the umask, in place of whatever file has its name, and has its data delivered. Users
+     * Make a FIFO, mode 0666 less the umask, in place of whatever file has its name, and has its data delivered. Users
      * who may write to it can send anything, and users who may read from it can take messages away: set the umask so.
      * @param name name of the FIFO.
      * @param observer receives the data; it must outlive the FIFO. Null throws the data away.
@@ -150,12 +150,12 @@ public:
     unsigned long setupIpcRxFifo(const String &name, StatusFifoObserver *observer);
 
     /**
-     * Ends a FIFO and removes its file.
+     * End a FIFO and remove its file.
      * @param id identifier; one that is not among this object's is ignored.
      */
     void deleteIpcRxFifo(unsigned long id);
 
-    /** Ends every FIFO and removes their files, the newest first. */
+    /** End every FIFO and remove their files, the newest first. */
     void cleanup();
 
     /**

@@ -65,7 +65,7 @@ struct storage_list {
 typedef struct storage_list storage_list; /**< the record's short name */
 
 /**
- * Finds the storage devices.
+ * Find the storage devices.
  *
  * @param mask  types that are wanted, 0 for all (then taken as 255)
  * @return the list, possibly empty; the caller empties it with old_free_storage() and frees the head with free(). NULL
@@ -74,7 +74,7 @@ typedef struct storage_list storage_list; /**< the record's short name */
 VXUTILS_API storage_list *old_get_storage(unsigned int mask);
 
 /**
- * Finds a device in a list.
+ * Find a device in a list.
  * @param list   from old_get_storage(); NULL finds nothing
  * @param type   type bit
  * @param index  index
@@ -83,7 +83,7 @@ VXUTILS_API storage_list *old_get_storage(unsigned int mask);
 VXUTILS_API storage_entry *old_get_storage_device(const storage_list *list, uint32_t type, uint32_t index);
 
 /**
- * Frees all entries. The head stays, empty, with the caller.
+ * Free all entries. The head stays, empty, with the caller.
  * @param list  from old_get_storage(), or NULL
  */
 VXUTILS_API void old_free_storage(storage_list *list);

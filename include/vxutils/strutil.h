@@ -74,7 +74,7 @@ VXUTILS_STRLCPY_API size_t strlcpy(char *__restrict dst, const char *__restrict 
                                    size_t size) VXUTILS_STRLCPY_NOTHROW;
 
 /**
- * Turns a text into lower case in place, by the program's locale.
+ * Turn a text into lower case in place, by the program's locale.
  *
  * @param s text to change, or NULL
  * @return @p s
@@ -82,7 +82,7 @@ VXUTILS_STRLCPY_API size_t strlcpy(char *__restrict dst, const char *__restrict 
 VXUTILS_API char *strtolower(char *s);
 
 /**
- * Turns a text into upper case in place, by the program's locale.
+ * Turn a text into upper case in place, by the program's locale.
  *
  * @param s text to change, or NULL
  * @return @p s
@@ -90,7 +90,7 @@ VXUTILS_API char *strtolower(char *s);
 VXUTILS_API char *strtoupper(char *s);
 
 /**
- * Tells whether a text is made of decimal digits and signs only.
+ * Tell whether a text is made of decimal digits and signs only.
  *
  * Signs may be anywhere and repeat, and the empty text counts as a number: this is a test of the characters used,
  * not of a number's form (numconv.h has that).
@@ -101,7 +101,7 @@ VXUTILS_API char *strtoupper(char *s);
 VXUTILS_API int is_number(const char *s);
 
 /**
- * Passes over leading characters of a set.
+ * Pass over leading characters of a set.
  *
  * @param s   text, or NULL
  * @param set characters to pass over; NULL or empty passes over none
@@ -110,7 +110,7 @@ VXUTILS_API int is_number(const char *s);
 VXUTILS_API char *skipchars(const char *s, const char *set);
 
 /**
- * Cuts the characters of a set off both ends, in place.
+ * Cut the characters of a set off both ends, in place.
  *
  * @param s   text; a terminator is written over the first byte of a trailing run, if there is one
  * @param set characters to cut off
@@ -119,7 +119,7 @@ VXUTILS_API char *skipchars(const char *s, const char *set);
 VXUTILS_API char *stripchars(char *s, const char *set);
 
 /**
- * Cuts spaces, tabs, carriage returns and line feeds off both ends, in place.
+ * Cut spaces, tabs, carriage returns and line feeds off both ends, in place.
  *
  * @param s text
  * @return the first character kept, inside @p s; NULL when @p s is NULL
@@ -127,7 +127,7 @@ VXUTILS_API char *stripchars(char *s, const char *set);
 VXUTILS_API char *stripwhite(char *s);
 
 /**
- * Formats into a static buffer with the C library's vsnprintf(): for a log line or a path that is used at once.
+ * Format into a static buffer with the C library's vsnprintf(): for a log line or a path that is used at once.
  *
  * Not reentrant, not for several threads: all callers of the process share one buffer.
  *
@@ -137,7 +137,7 @@ VXUTILS_API char *stripwhite(char *s);
 VXUTILS_API const char *strformat(const char *fmt, ...) VXUTILS_PRINTF(1, 2);
 
 /**
- * Copies a text with its control characters made visible.
+ * Copy a text with its control characters made visible.
  *
  * TAB, LF and CR become @c \\t, @c \\n and @c \\r (two characters each), every other byte below 0x20 becomes a caret
  * and the byte + 0x40 (0x1B is @c ^[). All other bytes, 0x7F and those from 0x80 on included, stay as they are.
@@ -152,14 +152,14 @@ VXUTILS_API const char *strformat(const char *fmt, ...) VXUTILS_PRINTF(1, 2);
 VXUTILS_API char *escape(const char *src, size_t n, char *dst, size_t size);
 
 /**
- * Reverses the bytes of a text in place.
+ * Reverse the bytes of a text in place.
  *
  * @param s text, or NULL
  */
 VXUTILS_API void reverse(char *s);
 
 /**
- * Checks the characters of a telephone number as it is dialled: digits, @c *, @c #, @c ? and upper-case letters.
+ * Check the characters of a telephone number as it is dialled: digits, @c *, @c #, @c ? and upper-case letters.
  *
  * @param s text; the empty one passes
  * @return 0 when all characters are allowed, -1 otherwise (also for a leading plus sign) or when @p s is NULL
@@ -167,7 +167,7 @@ VXUTILS_API void reverse(char *s);
 VXUTILS_API int e164Number(const char *s);
 
 /**
- * Checks a text of the form "2020-12-31T23:59:59".
+ * Check a text of the form "2020-12-31T23:59:59".
  *
  * Years run from 1999 to 2035, months from 1 to 12, days from 1 to 31 in every month. Hour, minute and second have
  * upper bounds only (23, 59, 59): a negative one passes. The numbers are read as the C library's sscanf() reads a "%d":
@@ -180,7 +180,7 @@ VXUTILS_API int e164Number(const char *s);
 VXUTILS_API int validateTimeString(const char *s);
 
 /**
- * Checks a time "23:59:59", with upper bounds only, as validateTimeString() does.
+ * Check a time "23:59:59", with upper bounds only, as validateTimeString() does.
  *
  * @param s text
  * @return 0 when it passes, -1 when it does not or is NULL
@@ -188,7 +188,7 @@ VXUTILS_API int validateTimeString(const char *s);
 VXUTILS_API int validateTime(const char *s);
 
 /**
- * Checks a date "2020-12-31", with the ranges of validateTimeString().
+ * Check a date "2020-12-31", with the ranges of validateTimeString().
  *
  * @param s text
  * @return 0 when it passes, -1 when it does not or is NULL
@@ -196,7 +196,7 @@ VXUTILS_API int validateTime(const char *s);
 VXUTILS_API int validateDate(const char *s);
 
 /**
- * Compares two texts as unsigned bytes, with A to Z taken as a to z.
+ * Compare two texts as unsigned bytes, with A to Z taken as a to z.
  *
  * @param a text
  * @param b text
@@ -205,7 +205,7 @@ VXUTILS_API int validateDate(const char *s);
 VXUTILS_API int stricmp(const char *a, const char *b);
 
 /**
- * Compares at most @p n bytes of two texts as stricmp() does; no byte after the n-th is read.
+ * Compare at most @p n bytes of two texts as stricmp() does; no byte after the n-th is read.
  *
  * @param a text
  * @param b text

@@ -53,7 +53,7 @@ typedef struct systeminfo_table {
 } systeminfo_table;
 
 /**
- * Reads the file.
+ * Read the file.
  * @return the table, to be released with systeminfo_free(); NULL when the file cannot be opened, holds more than 256
  *         variables, or memory is short.
  */
@@ -77,7 +77,7 @@ VXUTILS_API const char *systeminfo_getvar(const systeminfo_table *table, const c
 VXUTILS_API int systeminfo_getint(const systeminfo_table *table, const char *name);
 
 /**
- * Frees the table. NULL is accepted.
+ * Free the table. NULL is accepted.
  * @param table  from systeminfo_init(), or NULL
  */
 VXUTILS_API void systeminfo_free(systeminfo_table *table);

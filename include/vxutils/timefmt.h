@@ -52,7 +52,7 @@ VXUTILS_API long jiffy(void);
 VXUTILS_API const char *timeformat(const time_t *t);
 
 /**
- * Reads a time stamp with a two-digit year ("24-02-29 23:59:59": 69 to 99 mean 1969 to 1999, 00 to 68 mean 2000 to
+ * Read a time stamp with a two-digit year ("24-02-29 23:59:59": 69 to 99 mean 1969 to 1999, 00 to 68 mean 2000 to
  * 2068) or, failing that, a four-digit one. What follows the seconds is ignored. Daylight saving time is taken to be
  * off.
  *

@@ -57,7 +57,7 @@ typedef struct vxevent_record {
 extern VXUTILS_API devlog_level *DL_MQCONTENTS;
 
 /**
- * Raises an event: hands one record to the event manager's FIFO "/tmp/status/event-manager/throw".
+ * Raise an event: hand one record to the event manager's FIFO "/tmp/status/event-manager/throw".
  * @param id which event
  * @param param its parameter
  * @param text cut after 127 bytes; null means none
@@ -71,7 +71,7 @@ extern VXUTILS_API devlog_level *DL_MQCONTENTS;
 VXUTILS_API int vxevent(unsigned int id, unsigned int param, const char *text);
 
 /**
- * Makes the socket that publishes events.
+ * Make the socket that publishes events.
  * @param zmq_context a ZeroMQ context
  * @param endpoint where to publish, "tcp://127.0.0.1:47012"; one source per endpoint, in whatever process
  * @return a socket to be closed by @c zmq_close(), or null: endpoint in use, null or not understood, no context
@@ -86,7 +86,7 @@ VXUTILS_API void *create_legacy_source_with_addr(void *zmq_context, const char *
 VXUTILS_API void *create_legacy_source(void *zmq_context);
 
 /**
- * Makes a socket that receives all events of an endpoint, from the time when the connection is made. The source may
+ * Make a socket that receives all events of an endpoint, from the time when the connection is made. The source may
  * come later; ZeroMQ keeps trying.
  * @param zmq_context  a ZeroMQ context
  * @param endpoint     where the source publishes
@@ -102,7 +102,7 @@ VXUTILS_API void *register_legacy_sink_with_addr(void *zmq_context, const char *
 VXUTILS_API void *register_legacy_sink(void *zmq_context);
 
 /**
- * Publishes one event to every subscriber connected.
+ * Publish one event to every subscriber connected.
  * @param socket from create_legacy_source()
  * @param record copied
  * @return 0, or -1 when it is null or could not be handed to ZeroMQ. Without subscribers the event is dropped, with

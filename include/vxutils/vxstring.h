@@ -72,7 +72,7 @@ public:
     String();
 
     /**
-     * Shares the other's block.
+     * Share the other's block.
      * @param other  the other String
      */
     VXUTILS_API String(const String &other) : buffer_(other.buffer_) { ++buffer_->refCount; }
@@ -106,10 +106,10 @@ public:
      */
     String(const char *s, long start, long count);
 
-    /** Gives the block back; the last of its Strings frees it. */
+    /** Give the block back; the last of its Strings frees it. */
     VXUTILS_API ~String() { release(buffer_); }
 
-    /** Shares the other's block; nothing when both are the same object. */
+    /** Share the other's block; nothing when both are the same object. */
     String &operator=(const String &other);
 
     /** One character, always in a new block of capacity 7; NUL gives the shared empty buffer. */
@@ -230,7 +230,7 @@ public:
     bool endsWith(const String &suffix) const;
 
     /**
-     * Compares @p count bytes of this text from @p offset on with those of @p other from @p otherOffset on.
+     * Compare @p count bytes of this text from @p offset on with those of @p other from @p otherOffset on.
      * @param ignoreCase   true to ignore the case of A to Z
      * @param offset       position in this text
      * @param other        the other String
@@ -251,7 +251,7 @@ public:
     bool regionMatches(long offset, const String &other, long otherOffset, long count) const;
 
     /**
-     * Copies the bytes from @p begin up to, not including, @p end; both are brought into the text first.
+     * Copy the bytes from @p begin up to, not including, @p end; both are brought into the text first.
      * @param dst gets the bytes without a NUL; NULL copies nothing.
      * @param begin  position of the first byte
      * @param end    position after the last byte
@@ -381,23 +381,23 @@ public:
      * @{ */
 
     /**
-     * Appends @p s.
+     * Append @p s.
      * @param s  the text
      * @return this String
      */
     String &concat(const String &s);
     /**
-     * Appends @p count bytes of @p bytes, NULs included; nothing for NULL or a count below 1.
+     * Append @p count bytes of @p bytes, NULs included; nothing for NULL or a count below 1.
      * @param bytes  bytes to append
      * @param count  number of bytes
      * @return this String
      */
     String &concat(const char *bytes, long count);
-    /** Appends @p s. */
+    /** Append @p s. */
     String &operator+=(const String &s);
-    /** Appends @p s; nothing for NULL. */
+    /** Append @p s; nothing for NULL. */
     String &operator+=(const char *s);
-    /** Appends @p c; nothing for NUL. */
+    /** Append @p c; nothing for NUL. */
     VXUTILS_API String &operator+=(char c) {
         if (buffer_->refCount > 1 || buffer_->length >= buffer_->capacity || c == '\0') return concatCharacter(c);
         char *end = buffer_->text + buffer_->length++;
@@ -407,7 +407,7 @@ public:
     }
 
     /**
-     * Replaces the text by a formatted one. The compiler checks the arguments as it does for printf, and the same rule
+     * Replace the text by a formatted one. The compiler checks the arguments as it does for printf, and the same rule
      * holds here: a String is passed as `text.c_str()`.
      *
      * The length is that of strlenf() (xprintf.h), the bytes are those of the system's `vsnprintf`. Both understand the
@@ -420,20 +420,20 @@ public:
      */
     String &format(const char *fmt, ...) VXUTILS_PRINTF(2, 3);
     /**
-     * Appends a formatted text, as format() writes it.
+     * Append a formatted text, as format() writes it.
      * @param fmt  format, as in format()
      * @return this String
      */
     String &concatf(const char *fmt, ...) VXUTILS_PRINTF(2, 3);
 
     /**
-     * Cuts everything from @p start on; a negative @p start counts as 0.
+     * Cut everything from @p start on; a negative @p start counts as 0.
      * @param start  position of the first byte
      * @return this String
      */
     String &deleteRegion(long start);
     /**
-     * Cuts the bytes from @p start up to, not including, @p end.
+     * Cut the bytes from @p start up to, not including, @p end.
      * @param start  position of the first byte
      * @param end    position after the last byte
      * @return this String
@@ -441,28 +441,28 @@ public:
     String &deleteRegion(long start, long end);
 
     /**
-     * Makes `a`..`z` upper case.
+     * Make `a`..`z` upper case.
      * @return this String
      */
     String &toUpperCase();
     /**
-     * Makes `A`..`Z` lower case.
+     * Make `A`..`Z` lower case.
      * @return this String
      */
     String &toLowerCase();
 
     /**
-     * Replaces every byte @p from by @p to; nothing when @p to is NUL.
+     * Replace every byte @p from by @p to; nothing when @p to is NUL.
      * @param from  byte to replace
      * @param to    byte to put there
      */
     void replace(char from, char to);
 
-    /** Cuts blanks (space, TAB, LF, VT, FF, CR) at both ends; nothing left gives the shared empty buffer. */
+    /** Cut blanks (space, TAB, LF, VT, FF, CR) at both ends; nothing left gives the shared empty buffer. */
     void trim();
 
     /**
-     * Inserts @p s before @p pos, the length appends; nothing for a position outside of the text.
+     * Insert @p s before @p pos, the length appends; nothing for a position outside of the text.
      * @param pos  position, 0 to the length
      * @param s    the text
      * @return this String

@@ -111,7 +111,7 @@ struct wwanmd_msg {
 typedef struct wwanmd_msg wwanmd_msg; /**< the record's short name */
 
 /**
- * Connects to a card's daemon and introduces the caller.
+ * Connect to a card's daemon and introduce the caller.
  *
  * Opens the system log under the application's name (LOG_PID | LOG_NDELAY, LOG_USER): the library keeps a copy of the
  * name for that, so @p app may be temporary.
@@ -123,13 +123,13 @@ typedef struct wwanmd_msg wwanmd_msg; /**< the record's short name */
 VXUTILS_API wwanmd_handle *wwanmd_init(int card, const char *app);
 
 /**
- * Closes a connection and frees its handle.
+ * Close a connection and free its handle.
  * @param handle  from wwanmd_init(), or NULL
  */
 VXUTILS_API void wwanmd_free(wwanmd_handle *handle);
 
 /**
- * Sends a command and waits for its answer; opens the connection first when it is closed. The card's reset is looked
+ * Send a command and wait for its answer; open the connection first when it is closed. The card's reset is looked
  * for before sending and again before receiving.
  *
  * @param handle   the connection; NULL gives -1
@@ -139,7 +139,7 @@ VXUTILS_API void wwanmd_free(wwanmd_handle *handle);
 VXUTILS_API int wwanmd_command(wwanmd_handle *handle, wwanmd_msg *message);
 
 /**
- * Connects again and introduces the application. An existing connection is closed first.
+ * Connect again and introduce the application. An existing connection is closed first.
  *
  * @param handle  the connection; NULL gives -1
  * @return 0; -1 when the daemon cannot be reached or refuses the handshake; -11 while the card is in reset. The
@@ -148,13 +148,13 @@ VXUTILS_API int wwanmd_command(wwanmd_handle *handle, wwanmd_msg *message);
 VXUTILS_API int wwanmd_open(wwanmd_handle *handle);
 
 /**
- * Closes the connection; the handle stays, and the next command connects again.
+ * Close the connection; the handle stays, and the next command connects again.
  * @param handle  the connection, open or closed, or NULL
  */
 VXUTILS_API void wwanmd_close(wwanmd_handle *handle);
 
 /**
- * Sends a command. A newline is appended where the text does not end in one; a length of 0 or below sends the newline
+ * Send a command. A newline is appended where the text does not end in one; a length of 0 or below sends the newline
  * alone. Commands start at least 300 ms after the connection's last send or (re)connection.
  *
  * @param handle   the connection; NULL gives -1
@@ -164,7 +164,7 @@ VXUTILS_API void wwanmd_close(wwanmd_handle *handle);
 VXUTILS_API int wwanmd_send(wwanmd_handle *handle, wwanmd_msg *message);
 
 /**
- * Waits for the answer to the command sent last, through at most 21 answers of which all but the last are "BUSY".
+ * Wait for the answer to the command sent last, through at most 21 answers of which all but the last are "BUSY".
  *
  * @param handle   the connection; NULL gives -1
  * @param message  receives the answer; its time-out counts. NULL gives -1
@@ -174,7 +174,7 @@ VXUTILS_API int wwanmd_send(wwanmd_handle *handle, wwanmd_msg *message);
 VXUTILS_API int wwanmd_recv(wwanmd_handle *handle, wwanmd_msg *message);
 
 /**
- * Tells whether a card is being reset: whether its marker stays for 5 s. A marker that goes away meanwhile gives the
+ * Tell whether a card is being reset: whether its marker stays for 5 s. A marker that goes away meanwhile gives the
  * card one more second.
  *
  * @param card  card number
@@ -183,7 +183,7 @@ VXUTILS_API int wwanmd_recv(wwanmd_handle *handle, wwanmd_msg *message);
 VXUTILS_API int wwanmd_in_reset(int card);
 
 /**
- * Tells whether a card is suspended. Does not block.
+ * Tell whether a card is suspended. Does not block.
  *
  * @param card  card number
  * @return 1 suspended, 0 not, -1 for an invalid number; errno is unchanged

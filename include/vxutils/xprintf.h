@@ -63,7 +63,7 @@
 VXUTILS_BEGIN_DECLS
 
 /**
- * Formats into @p buf, leaving out the first @p skip characters of the text.
+ * Format into @p buf, leaving out the first @p skip characters of the text.
  *
  * @param buf  receives at most @p size - 1 characters and a terminator; no byte after @p size is touched
  * @param skip number of leading characters to leave out
