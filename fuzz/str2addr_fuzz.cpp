@@ -4,6 +4,7 @@
 #include <netinet/in.h>
 #include <vxutils/address.h>
 
+#include <cstddef>
 #include <cstdlib>
 #include <cstring>
 #include <string>
@@ -20,9 +21,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     unsigned char expected[16] = {};
     if (taken != (inet_pton(family, text.c_str(), expected) == 1) || record->sa_family != family) std::abort();
     if (!taken) return 0;
-    const void *address = family == AF_INET
-                              ? static_cast<const void *>(&reinterpret_cast<sockaddr_in *>(record)->sin_addr)
-                              : &room.sin6_addr;
+    const size_t offset = family == AF_INET ? offsetof(sockaddr_in, sin_addr) : offsetof(sockaddr_in6, sin6_addr);
+    const auto *const address = reinterpret_cast<const char *>(&room) + offset;
     if (std::memcmp(address, expected, family == AF_INET ? 4 : 16) != 0) std::abort();
 
     char ours[INET6_ADDRSTRLEN];

@@ -1,0 +1,67 @@
+// SPDX-License-Identifier: MIT
+// What the machine shows to a parser: files, commands and peers whose content is the input of a fuzz target. The calls are
+// answered in stage.cpp, as long as a target has something on stage.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace stage {
+
+// Files below this prefix have this content; an empty prefix leaves all files alone.
+struct Files {
+    std::string prefix;
+    std::string_view content;
+};
+inline Files files;
+
+// Output of every command that popen() starts, and what pclose() returns for it.
+struct Command {
+    std::string_view output;
+    int status = 0;
+};
+inline std::optional<Command> command;
+
+// Pauses of the library return at once.
+inline bool noPauses = false;
+
+// The lines of /proc/mounts; the target of every link below /sys/class/block, whose names are in this directory.
+struct Disks {
+    std::string_view mounts;
+    std::string link;
+    std::string directory;
+};
+inline std::optional<Disks> disks;
+
+// A socket's peer on a thread of its own: answers each request with what `answer` returns, and hangs up for nothing.
+// Made once, and there until the process ends.
+void startDatagramPeer(const char *path, std::function<std::string(std::string_view request)> answer);
+void startStreamPeer(const char *path, std::function<std::optional<std::string>(std::string_view request)> answer);
+
+// Pieces of an input, separated by the byte 0xFF.
+class Pieces {
+public:
+    explicit Pieces(std::string_view text) : rest_(text) {}
+    std::string_view next() {
+        const std::string_view piece = rest_.substr(0, rest_.find('\xff'));
+        rest_.remove_prefix(piece.size() < rest_.size() ? piece.size() + 1 : rest_.size());
+        return piece;
+    }
+    [[nodiscard]] bool empty() const { return rest_.empty(); }
+
+private:
+    std::string_view rest_;
+};
+
+inline std::string_view text(const uint8_t *data, size_t size) { return {reinterpret_cast<const char *>(data), size}; }
+
+void check(bool holds);  // aborts when it does not
+
+// Writes a file below /dev/shm that is removed at the end, and returns its path.
+const std::string &file(std::string_view content);
+
+}  // namespace stage
