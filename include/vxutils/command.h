@@ -115,7 +115,7 @@ VXUTILS_API void freeargv(char **argv);
 /**
  * Restart the device, unless /nvstatus/skip-reboot is there ("skipping reboot", LOG_ERR). Starts
  * /usr/local/sbin/system-reboot with the two numbers, detached, and returns after 100 ms; without that script the
- * kernel restarts at once, nothing written back.
+ * kernel restarts at once, nothing written back. If the kernel refuses, the call returns and nothing is logged.
  *
  * @param a first argument of the script
  * @param b second argument of the script

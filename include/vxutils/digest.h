@@ -29,7 +29,7 @@
  *
  * **Blocking.** Never.
  *
- * **Errors.** There are none; nothing is logged or thrown. Lengths that make no sense are taken as the complete length.
+ * **Errors.** None, and no messages. Without initialize() a digest is not defined. Impossible lengths mean all.
  *
  * **Limits.** All lengths are bytes. MD5 counts the message's bits modulo 2^64, as RFC 1321 says.
  *

@@ -18,8 +18,8 @@
  *
  * **Ownership.** A plain value. Nothing is allocated except in the Strings that are passed in.
  *
- * **Threads, signals, fork.** An object may be read from several threads as long as none changes it. Not for signal
- * handlers.
+ * **Threads, signals, fork.** An object may be read from several threads as long as none changes it; the static
+ * functions keep no state and may be called from any thread. Not for signal handlers.
  *
  * **Blocking.** Never.
  *

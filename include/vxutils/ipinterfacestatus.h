@@ -38,7 +38,7 @@ public:
     /** Open nothing. */
     IpInterfaceStatus();
     /**
-     * The same as a new object.
+     * Makes an object as the default constructor does.
      * @param other  ignored
      */
     IpInterfaceStatus(const IpInterfaceStatus &other);

@@ -73,7 +73,7 @@ struct CQMsg {
      */
     CQMsg(int messageCode, void *payload) : code(messageCode), data(payload) {}
     /**
-     * A message.
+     * A message without payload: data is null.
      * @param messageCode  what the message says
      */
     CQMsg(int messageCode) : code(messageCode), data(nullptr) {}

@@ -215,7 +215,7 @@ VXUTILS_API void dataChunk2String(const uint32_t *words, char *out, unsigned int
  * Room in bytes, terminator included, that dataChunk2String() needs at most.
  *
  * @param byteCount number of bytes to dump
- * @param lineBytes bytes to a line: a multiple of 4, or 0 for a single line
+ * @param lineBytes bytes to a line: a multiple of 4, or 0 for a single line; for another number the room may be short
  * @return the number of bytes; the largest unsigned number when it is more than that
  */
 VXUTILS_API unsigned int nbrOfChars_forDataChunk2String(unsigned int byteCount, unsigned int lineBytes);

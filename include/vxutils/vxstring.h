@@ -120,19 +120,19 @@ public:
     String &operator=(const char *s);
 
     /**
-     * The same as String(char).
+     * Makes a text as String(char).
      * @param c  the character
      * @return the new String
      */
     static String stringOf(char c);
     /**
-     * The same as String(const char *).
+     * Makes a text as String(const char *).
      * @param s  the text
      * @return the new String
      */
     static String stringOf(const char *s);
     /**
-     * The same as String(const char *, long, long).
+     * Makes a text as String(const char *, long, long).
      * @param s      the text
      * @param start  position of the first byte
      * @param count  number of bytes
@@ -241,7 +241,7 @@ public:
      */
     bool regionMatches(bool ignoreCase, long offset, const String &other, long otherOffset, long count) const;
     /**
-     * The same with the case looked at.
+     * Compares regions, with the case looked at.
      * @param offset       position in this text
      * @param other        the other String
      * @param otherOffset  position in @p other
@@ -321,13 +321,13 @@ public:
      */
     long indexOf(const String &s, long from) const;
     /**
-     * The same as indexOf(const String &), case ignored.
+     * Searches as indexOf(const String &), case ignored.
      * @param s  text to look for
      * @return the position, or -1
      */
     long indexOfIgnoreCase(const String &s) const;
     /**
-     * The same as indexOf(const String &, long), case ignored.
+     * Searches as indexOf(const String &, long), case ignored.
      * @param s     text to look for
      * @param from  position to start at
      * @return the position, or -1
@@ -361,13 +361,13 @@ public:
      */
     long lastIndexOf(const String &s, long from) const;
     /**
-     * The same as lastIndexOf(const String &), case ignored.
+     * Searches as lastIndexOf(const String &), case ignored.
      * @param s  text to look for
      * @return the position, or a negative number
      */
     long lastIndexOfIgnoreCase(const String &s) const;
     /**
-     * The same as lastIndexOf(const String &, long), case ignored.
+     * Searches as lastIndexOf(const String &, long), case ignored.
      * @param s     text to look for
      * @param from  position to start at
      * @return the position, or a negative number
@@ -469,14 +469,14 @@ public:
      */
     String &insert(long pos, const String &s);
     /**
-     * The same; nothing for NULL.
+     * Inserts a C text; nothing for NULL.
      * @param pos  position, 0 to the length
      * @param s    the text
      * @return this String
      */
     String &insert(long pos, const char *s);
     /**
-     * The same with one character; nothing for NUL.
+     * Inserts one character; nothing for NUL.
      * @param pos  position, 0 to the length
      * @param c    the character
      * @return this String
