@@ -36,7 +36,11 @@ using vxtest::vxJson;
 using vxtest::vxScript;
 using vxtest::writeFile;
 
-const std::string source = VXTEST_SOURCE_DIR;
+// The source tree; the environment variable VXTEST_SOURCE_DIR names another place where its files lie (a board).
+const std::string source = [] {
+    const char *given = std::getenv("VXTEST_SOURCE_DIR");
+    return std::string(given != nullptr ? given : VXTEST_SOURCE_DIR);
+}();
 
 std::vector<std::string> linesOf(const std::string &text) {
     std::vector<std::string> lines;
