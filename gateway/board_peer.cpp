@@ -31,11 +31,11 @@
 namespace {
 
 constexpr const char *help =
-    "usage: board [--inputs N] [--outputs N]    serves /sys/devices/vantorix\n"
+    "usage: board [--inputs N] [--outputs N] [--group GID]    serves /sys/devices/vantorix\n"
     "       board --prepare                     makes room for a board's files, then ends\n"
-    "Stand-in for the board driver: inputs din1... and outputs dout1... (4 and 2 unless told otherwise). Runs in a "
-    "box\n"
-    "only, since it covers /sys/devices.\n"
+    "Stand-in for the board driver: inputs din1... and outputs dout1... (4 and 2 unless told otherwise). Files that "
+    "can be\n"
+    "written to belong to the group, which may write as well. Runs in a box only, since it covers /sys/devices.\n"
     "\n"
     "It prints \"ready\", then what programs do to the board:\n"
     "  out N = C           output N was set to the character C\n"
@@ -128,7 +128,8 @@ struct Oddity {
 
 class Board {
 public:
-    Board(unsigned int inputs, unsigned int outputs) : inputs_(inputs), outputs_(outputs) {}
+    Board(unsigned int inputs, unsigned int outputs, unsigned int group)
+        : inputs_(inputs), outputs_(outputs), group_(group) {}
 
     void mountTree();
     void run();
@@ -159,6 +160,7 @@ private:
 
     unsigned int inputs_;
     unsigned int outputs_;
+    unsigned int group_;
     std::map<unsigned int, Line> inputLines_;
     std::map<unsigned int, Line> outputLines_;
     std::map<std::string, Oddity> oddities_;
@@ -219,7 +221,9 @@ fuse_attr Board::attributes(uint64_t node) const {
     attr.ino = node;
     attr.nlink = 1;
     attr.blksize = 4096;
-    attr.mode = isDirectory(node) ? S_IFDIR | 0755 : S_IFREG | 0644;
+    const bool changeable = node >> kindShift == outputValue || node >> kindShift == frequency;
+    attr.mode = isDirectory(node) ? S_IFDIR | 0755 : changeable ? S_IFREG | 0664 : S_IFREG | 0644;
+    attr.gid = changeable ? group_ : 0;
     if (!isDirectory(node)) attr.size = 4096;  // as files of the kernel's own trees show
     return attr;
 }
@@ -484,6 +488,7 @@ unsigned int countArgument(const char *text) {
 int main(int argc, char **argv) {
     unsigned int inputs = 4;
     unsigned int outputs = 2;
+    unsigned int group = 0;
     bool prepareOnly = false;
     for (int i = 1; i < argc; ++i) {
         const std::string_view option = argv[i];
@@ -491,6 +496,8 @@ int main(int argc, char **argv) {
             prepareOnly = true;
         } else if (option == "--inputs" && i + 1 < argc) {
             inputs = countArgument(argv[++i]);
+        } else if (option == "--group" && i + 1 < argc) {
+            group = static_cast<unsigned int>(std::strtoul(argv[++i], nullptr, 10));
         } else if (option == "--outputs" && i + 1 < argc) {
             outputs = countArgument(argv[++i]);
         } else {
@@ -508,7 +515,7 @@ int main(int argc, char **argv) {
         return 0;
     }
     std::signal(SIGPIPE, SIG_IGN);
-    Board board(inputs, outputs);
+    Board board(inputs, outputs, group);
     board.mountTree();
     board.run();
     return 0;

@@ -49,7 +49,8 @@ Commands, one a line on standard input, each confirmed by "ok COMMAND":
   busy [N]           answers the next N (default: all) commits with "Busy"
   deaf               does not read its socket
   restart            closes its socket, forgets what was not committed, starts again
-  die                ends at once and leaves its socket file behind
+  pieces N           sends an answer as datagrams of N bytes
+  die [N]            ends at the Nth request from now (without N: at once) and leaves its socket file behind
   set KEY VALUE      changes a value and commits
   get KEY            prints KEY=VALUE
   requests           prints the number of requests received
@@ -63,12 +64,12 @@ constexpr size_t unlimited = SIZE_MAX;
 
 volatile std::sig_atomic_t terminated = 0;
 
-enum class Mode { normal, silent, late, times, shorter, longer, wrong, empty, raw, deaf };
+enum class Mode { normal, silent, late, times, shorter, longer, wrong, empty, raw, pieces, deaf };
 
 const std::map<std::string, Mode> modes = {{"normal", Mode::normal}, {"silent", Mode::silent}, {"late", Mode::late},
                                            {"times", Mode::times},   {"short", Mode::shorter}, {"long", Mode::longer},
                                            {"wrong", Mode::wrong},   {"empty", Mode::empty},   {"raw", Mode::raw},
-                                           {"deaf", Mode::deaf}};
+                                           {"pieces", Mode::pieces}, {"deaf", Mode::deaf}};
 
 [[noreturn]] void fail(const std::string &what) {
     std::cerr << "configd: " << what << ": " << std::strerror(errno) << '\n';
@@ -217,9 +218,13 @@ private:
             const Answer answer = std::move(answers_.front());
             answers_.erase(answers_.begin());
             if (trace_) std::cout << "answer \"" << printable(answer.text) << '"' << std::endl;
-            // The client may be gone, or may not take more: its own time-out is its own matter.
-            ::sendto(fd_, answer.text.data(), answer.text.size(), MSG_DONTWAIT,
-                     reinterpret_cast<const sockaddr *>(&answer.client), answer.length);
+            const size_t piece =
+                mode_ == Mode::pieces && pieceSize_ > 0 ? pieceSize_ : std::max<size_t>(answer.text.size(), 1);
+            for (size_t at = 0; at == 0 || at < answer.text.size(); at += piece) {
+                // The client may be gone, or may not take more: its own time-out is its own matter.
+                ::sendto(fd_, answer.text.data() + at, std::min(piece, answer.text.size() - at), MSG_DONTWAIT,
+                         reinterpret_cast<const sockaddr *>(&answer.client), answer.length);
+            }
         }
     }
 
@@ -232,6 +237,7 @@ private:
                                        reinterpret_cast<sockaddr *>(&answer.client), &answer.length);
         if (got < 0) return false;
         ++requests_;
+        if (requestsToDeath_ > 0 && --requestsToDeath_ == 0) ::_exit(0);
         const std::string request(buffer.data(), static_cast<size_t>(got));
         if (trace_) std::cout << "request \"" << printable(request) << '"' << std::endl;
         const bool muted = !mute_.empty() && request.substr(0, request.find('\n')) == "?" + mute_;
@@ -325,6 +331,7 @@ private:
             if (mode_ == Mode::normal) busy_ = 0;
             if (mode_ == Mode::late) delay_ms_ = std::strtol(rest.c_str(), nullptr, 10);
             if (mode_ == Mode::times) readTimes(rest);
+            if (mode_ == Mode::pieces) pieceSize_ = std::strtoul(rest.c_str(), nullptr, 10);
             if (mode_ == Mode::raw) raw_ = unescape(rest);
             return true;
         }
@@ -334,6 +341,8 @@ private:
             busy_ = rest.empty() ? unlimited : std::strtoul(rest.c_str(), nullptr, 10);
         } else if (name == "restart") {
             restart();
+        } else if (name == "die" && !rest.empty()) {
+            requestsToDeath_ = std::strtoul(rest.c_str(), nullptr, 10);
         } else if (name == "die") {
             std::cout << "ok die" << std::endl;
             ::_exit(0);
@@ -369,6 +378,8 @@ private:
     long delay_ms_ = 0;
     std::vector<std::vector<long>> times_;
     size_t timesUsed_ = 0;
+    size_t pieceSize_ = 0;
+    size_t requestsToDeath_ = 0;  // 0: lives on
     std::string raw_;
     std::string mute_;
     size_t busy_ = 0;

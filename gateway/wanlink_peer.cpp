@@ -34,18 +34,22 @@
 namespace {
 
 constexpr const char *help =
-    "usage: wanlink [--delay MS]\n"
+    "usage: wanlink [--delay MS] [--lan]\n"
     "A WAN link: interface wan0 (192.0.2.10/24) here, a gateway host (192.0.2.1) at its other end, and behind that,\n"
     "at the far end of a line, a target (198.51.100.9). No route to the target is set here. Needs root and \"ip\".\n"
     "The hosts are the network namespaces wan-gateway and wan-target (ip netns exec wan-target ...).\n"
     "\n"
     "  --delay MS       time that the line takes, each way (default 0)\n"
+    "  --lan            a LAN as well: interface eth0 (192.168.1.1/24) here, a host (192.168.1.100) on it, the "
+    "network\n"
+    "                   namespace lan-host; and the default route through the gateway host\n"
     "\n"
     "It prints \"ready\". Lines on standard input steer it; each is confirmed with \"ok\" and the line:\n"
     "  cut              pull the cable: wan0 loses its carrier\n"
     "  restore          plug it in again\n"
     "  lose             the line loses every packet: the gateway answers, the target does not\n"
     "  carry            the line carries packets again\n"
+    "  loss PERCENT     the line loses this share of the packets, spread evenly: with 50 every other one\n"
     "  delay MS         change the time that the line takes, each way\n"
     "  route            set a route to the target through the gateway\n"
     "  noroute          remove it\n"
@@ -63,9 +67,20 @@ void ip(const std::string &arguments) {
     if (std::system(("ip " + arguments).c_str()) != 0) throw std::runtime_error("failed: ip " + arguments);
 }
 
+// Several commands by one process, in the network namespace of a host or here.
+void ipBatch(const std::string &host, const std::string &commands) {
+    FILE *const batch = ::popen(("ip " + (host.empty() ? "" : "-n " + host) + " -batch -").c_str(), "w");
+    if (batch == nullptr) fail("ip");
+    std::fputs(commands.c_str(), batch);
+    if (::pclose(batch) != 0) throw std::runtime_error("failed: ip " + host + "\n" + commands);
+}
+
 void removeEverything() {
-    for (const char *command : {"ip link del wan0", "ip netns del wan-gateway", "ip netns del wan-target"}) {
-        if (std::system((std::string(command) + " 2>/dev/null").c_str()) == -1) std::perror(command);
+    for (const char *name : {"wan0", "eth0"}) {
+        if (::if_nametoindex(name) != 0) ip(std::string("link del ") + name);
+    }
+    for (const char *host : {"wan-gateway", "wan-target", "lan-host"}) {
+        if (::access((std::string("/run/netns/") + host).c_str(), F_OK) == 0) ip(std::string("netns del ") + host);
     }
 }
 
@@ -86,42 +101,62 @@ private:
 
 int openPath(const std::string &path) { return ::open(path.c_str(), O_RDONLY | O_CLOEXEC); }
 
+// While it lives, this process is in the network namespace of a host.
+class InHost {
+public:
+    explicit InHost(const std::string &host) : here_(openPath("/proc/self/ns/net"), "own namespace") {
+        const Descriptor there(openPath("/run/netns/" + host), host);
+        if (::setns(there.get(), CLONE_NEWNET) == -1) fail("enter " + host);
+    }
+    ~InHost() {
+        if (::setns(here_.get(), CLONE_NEWNET) == -1) std::abort();
+    }
+    InHost(const InHost &) = delete;
+    InHost &operator=(const InHost &) = delete;
+
+private:
+    Descriptor here_;
+};
+
 // One end of the line: a tunnel interface in another namespace. Its descriptor works from here.
 int lineEnd(const std::string &host) {
-    const Descriptor here(openPath("/proc/self/ns/net"), "own namespace");
-    const Descriptor there(openPath("/run/netns/" + host), host);
-    if (::setns(there.get(), CLONE_NEWNET) == -1) fail("enter " + host);
+    const InHost inside(host);
     const int tunnel = ::open("/dev/net/tun", O_RDWR | O_CLOEXEC | O_NONBLOCK);
     ifreq request{};
     std::strcpy(request.ifr_name, "line0");
     request.ifr_flags = IFF_TUN | IFF_NO_PI;
-    const bool made = tunnel != -1 && ::ioctl(tunnel, TUNSETIFF, &request) != -1;
-    const int error = errno;
-    if (::setns(here.get(), CLONE_NEWNET) == -1) fail("leave " + host);
-    errno = error;
-    if (!made) fail("tunnel of " + host);
+    if (tunnel == -1 || ::ioctl(tunnel, TUNSETIFF, &request) == -1) fail("tunnel of " + host);
     return tunnel;
 }
 
+void forwardPackets(const std::string &host) {
+    const InHost inside(host);
+    const Descriptor setting(::open("/proc/sys/net/ipv4/ip_forward", O_WRONLY | O_CLOEXEC), "forwarding");
+    if (::write(setting.get(), "1", 1) != 1) fail("forwarding");
+}
+
 void makeHosts() {
-    for (const char *host : {"wan-gateway", "wan-target"}) {
-        ip(std::string("netns add ") + host);
-        ip(std::string("-n ") + host + " link set lo up");
-    }
-    ip("link add wan0 type veth peer name gw0 netns wan-gateway");
+    ipBatch("",
+            "netns add wan-gateway\n"
+            "netns add wan-target\n"
+            "link add wan0 type veth peer name gw0 netns wan-gateway\n"
+            "addr add 192.0.2.10/24 dev wan0\n"
+            "link set wan0 up\n");
 }
 
 void configureHosts() {
-    ip("addr add 192.0.2.10/24 dev wan0");
-    ip("link set wan0 up");
-    ip("-n wan-gateway addr add 192.0.2.1/24 dev gw0");
-    ip("-n wan-gateway link set gw0 up");
-    ip("-n wan-gateway addr add 198.51.100.1/24 dev line0");
-    ip("-n wan-gateway link set line0 up");
-    ip("netns exec wan-gateway sh -c 'echo 1 >/proc/sys/net/ipv4/ip_forward'");
-    ip("-n wan-target addr add 198.51.100.9/24 dev line0");
-    ip("-n wan-target link set line0 up");
-    ip("-n wan-target route add default dev line0");
+    ipBatch("wan-gateway",
+            "link set lo up\n"
+            "addr add 192.0.2.1/24 dev gw0\n"
+            "link set gw0 up\n"
+            "addr add 198.51.100.1/24 dev line0\n"
+            "link set line0 up\n");
+    forwardPackets("wan-gateway");
+    ipBatch("wan-target",
+            "link set lo up\n"
+            "addr add 198.51.100.9/24 dev line0\n"
+            "link set line0 up\n"
+            "route add default dev line0\n");
 }
 
 // Carries packets both ways, each `delay` later than it came.
@@ -130,13 +165,17 @@ public:
     Line(int one, int other, std::chrono::milliseconds delay) : ends_{one, other}, delay_(delay) {}
 
     void setDelay(std::chrono::milliseconds delay) { delay_ = delay; }
-    void lose(bool all) { lose_ = all; }
+    void lose(unsigned int percent) { lossPercent_ = percent; }
 
     void take(size_t end) {
         Bytes packet(65536);
         ssize_t got;
         while ((got = ::read(ends_[end], packet.data(), packet.size())) > 0) {
-            if (lose_) continue;
+            lossSum_ += lossPercent_;
+            if (lossSum_ >= 100) {
+                lossSum_ -= 100;
+                continue;
+            }
             onTheWay_.emplace(Clock::now() + delay_,
                               Packet{ends_[1 - end], Bytes(packet.begin(), packet.begin() + got)});
         }
@@ -170,7 +209,8 @@ private:
     };
     std::array<int, 2> ends_;
     std::chrono::milliseconds delay_;
-    bool lose_ = false;
+    unsigned int lossPercent_ = 0;
+    unsigned int lossSum_ = 0;
     unsigned long lost_ = 0;
     std::multimap<Clock::time_point, Packet> onTheWay_;
 };
@@ -203,7 +243,11 @@ bool obey(const std::string &order, Line &line) {
         ip("-n wan-gateway link set gw0 up");
         waitForCarrier(true);
     } else if (word == "lose" || word == "carry") {
-        line.lose(word == "lose");
+        line.lose(word == "lose" ? 100 : 0);
+    } else if (word == "loss") {
+        unsigned int percent = 101;
+        if (!(words >> percent) || percent > 100) return false;
+        line.lose(percent);
     } else if (word == "delay") {
         long ms = -1;
         if (!(words >> ms) || ms < 0) return false;
@@ -238,12 +282,27 @@ bool readOrders(std::string &pending, Line &line) {
     return true;
 }
 
-void run(std::chrono::milliseconds delay) {
+void makeLan() {
+    ipBatch("",
+            "netns add lan-host\n"
+            "link add eth0 type veth peer name eth0 netns lan-host\n"
+            "addr add 192.168.1.1/24 dev eth0\n"
+            "link set eth0 up\n"
+            "route add default via 192.0.2.1 dev wan0\n");
+    ipBatch("lan-host",
+            "link set lo up\n"
+            "addr add 192.168.1.100/24 dev eth0\n"
+            "link set eth0 up\n"
+            "route add default via 192.168.1.1\n");
+}
+
+void run(std::chrono::milliseconds delay, bool lan) {
     makeHosts();
     const Descriptor one(lineEnd("wan-gateway"), "line");
     const Descriptor other(lineEnd("wan-target"), "line");
     configureHosts();
     waitForCarrier(true);
+    if (lan) makeLan();
     Line line(one.get(), other.get(), delay);
     std::puts("ready");
     std::string pending;
@@ -263,10 +322,13 @@ void run(std::chrono::milliseconds delay) {
 
 int main(int argc, char **argv) {
     std::chrono::milliseconds delay{0};
+    bool lan = false;
     for (int next = 1; next < argc; ++next) {
         const std::string_view option = argv[next];
         if (option == "--delay" && next + 1 < argc) {
             delay = std::chrono::milliseconds(std::strtol(argv[++next], nullptr, 10));
+        } else if (option == "--lan") {
+            lan = true;
         } else {
             std::fputs(help, option == "--help" ? stdout : stderr);
             return option == "--help" ? 0 : 2;
@@ -280,7 +342,7 @@ int main(int argc, char **argv) {
     int status = 0;
     removeEverything();  // what a killed one has left
     try {
-        run(delay);
+        run(delay, lan);
     } catch (const std::exception &problem) {
         std::fprintf(stderr, "wanlink: %s\n", problem.what());
         status = 1;
