@@ -138,8 +138,8 @@ public:
         }
         began_ = Clock::now();
         if (!options_.scenario.empty()) {
-            player_.emplace(gateway_,
-                            readScenario(fs::path(options_.scenario).filename(), readText(options_.scenario)));
+            player_.emplace(gateway_, readScenario(fs::path(options_.scenario).filename(), readText(options_.scenario)),
+                            !options_.program.empty());
         }
         if (!options_.program.empty()) startProgram();
         while (!over_) step();

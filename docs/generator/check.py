@@ -57,7 +57,7 @@ def references(directory, pages):
     """References to pages of this library, of vx and of the programs that its pages name."""
     findings = []
     known = {"syslog(3)", "pkg-config(1)"}
-    known |= {f"{p.name.removesuffix('.1')}(1)" for p in (model.ROOT / "tools/man").glob("*.1")}
+    known |= {f"{p.name.removesuffix('.1')}(1)" for p in model.command_pages()}
     known |= {re.sub(r"\.(3vx|7)$", r"(\1)", p.name) for p in directory.glob("man?/*")}
     for page in pages:
         for name, section in re.findall(r"^\.BR (\S+) \(([1-8]\w*)\)", page.read_text(), re.M):

@@ -74,6 +74,11 @@ class Family:
         return [name for name, item in self.pages.items() if not item.scope]
 
 
+def command_pages():
+    """The manual pages of the programs: vx, vxgateway, gw."""
+    return sorted([*(ROOT / "tools/man").glob("*.1"), *(ROOT / "gateway/man").glob("*.1")], key=lambda path: path.name)
+
+
 class Library:
     def __init__(self):
         self.families = {h.family: Family(h) for h in headers.read_all(ROOT / "include/vxutils") if h.family not in HELPERS}

@@ -204,7 +204,8 @@ class Site:
             self.entries.append([path.name, "example", file, summary, text])
 
     def commands(self):
-        for path in sorted((model.ROOT / "tools/man").glob("*.1")):
+        names = {path.name for path in model.command_pages()}
+        for path in model.command_pages():
             made = subprocess.run(["mandoc", "-T", "html", "-O", "fragment,man=%N.%S.html", str(path)], check=True,
                                   capture_output=True, text=True).stdout
             body = re.sub(r'<table class="(?:head|foot)">.*?</table>', "", made, flags=re.S)
@@ -212,7 +213,7 @@ class Site:
             body = body.replace("<pre>", '<pre tabindex="0">')
             body = re.sub(r'<a class="permalink" href="#[^"]*">(.*?)</a>', r"\1", body, flags=re.S)
             body = re.sub(r'<a class="Xr" href="([^"]+)">(.*?)</a>',
-                          lambda m: m.group() if (model.ROOT / f"tools/man/{m.group(1)[:-5]}").exists() else m.group(2), body)
+                          lambda m: m.group() if m.group(1)[:-5] in names else m.group(2), body)
             summary = re.search(r"^\.Nd (.*)$", path.read_text(), re.M).group(1)
             title = path.stem.replace("vx-", "vx ")
             self.pages.append(Page(f"{path.name}.html", title, f"<h1>{title}</h1>" + body, "command", summary))

@@ -206,6 +206,10 @@ void layOutBoard(const std::string &programs) {
     }
 }
 
+void clearBoard() {
+    for (const char *place : {"/tmp/status", "/var/log"}) ::umount2(place, MNT_DETACH);
+}
+
 bool diskPresent(const std::string &name) {
     const Disk &disk = diskOf(name);
     return disk.device[0] == '\0' || fs::is_symlink(blockDirectory + disk.device);

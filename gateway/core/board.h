@@ -29,6 +29,9 @@ void installLibrary(const std::string &directory);
 // Lays everything out, as after a start of the board: nothing is left of what ran before.
 void layOutBoard(const std::string &programs);
 
+// Takes away what was mounted where programs keep files, for who goes on in the same box.
+void clearBoard();
+
 bool diskPresent(const std::string &name);
 void putDisk(const std::string &name, bool present);
 void fillDisk(const std::string &name, bool full);

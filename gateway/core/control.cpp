@@ -102,11 +102,10 @@ void Control::read(const Shared &client) {
 }
 
 void Control::obey(const Shared &client, Words words) {
+    client->json = words.size() > 1 && words.back() == "--json" &&
+                   groupOf(Words(words.begin(), words.end() - 1)) == Group::query;
+    if (client->json) words.pop_back();
     const Group group = groupOf(words);
-    if (group == Group::query && words.back() == "--json") {
-        client->json = true;
-        words.pop_back();
-    }
     if (group == Group::wait) return wait(client, std::move(words));
     if (const auto problem = check(group, words)) return refuse(*client, problem->message, 2);
     if (words[0] == "watch") {

@@ -175,6 +175,7 @@ void Gateway::stop() {
         one->ended();
     }
     ::unlink("/dev/log");
+    clearBoard();
 }
 
 // ---- what happens
@@ -384,7 +385,7 @@ Outcome Gateway::performPeer(const Words &words) {
         openToUsers();
         return {true, ""};
     }
-    if (!one->running()) return {false, words[1] + " does not run"};
+    if (!one->running()) return {words[0] == "kill", words[1] + " does not run"};  // killed or dead is the same
     if (words[0] == "kill") {
         one->kill();
     } else {

@@ -146,8 +146,12 @@ long long microseconds(double seconds) { return static_cast<long long>(seconds *
 
 Scenario readScenario(const std::string &name, const std::string &text) { return Reader(name).read(text); }
 
-Player::Player(Gateway &gateway, Scenario scenario)
-    : gateway_(gateway), scenario_(std::move(scenario)), origin_us_(gateway.now_us()), lastOrder_us_(origin_us_) {
+Player::Player(Gateway &gateway, Scenario scenario, bool withProgram)
+    : gateway_(gateway),
+      scenario_(std::move(scenario)),
+      withProgram_(withProgram),
+      origin_us_(gateway.now_us()),
+      lastOrder_us_(origin_us_) {
     gateway_.scenario = scenario_.name;
 }
 
@@ -155,6 +159,10 @@ bool Player::next() {
     while (!ordered_ && failure_.empty()) {
         const Step *const step = present();
         if (step == nullptr) break;
+        if (!withProgram_ && !step->words.empty() && step->words[0] == "program") {
+            ++at_;
+            continue;
+        }
         if (step->kind == Step::Kind::at) {
             if (sinceOrigin_us() < microseconds(step->seconds)) return true;
             lastOrder_us_ = gateway_.now_us();

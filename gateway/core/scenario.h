@@ -40,7 +40,8 @@ Scenario readScenario(const std::string &name, const std::string &text);
 // Plays a scenario: next() does what is due.
 class Player {
 public:
-    Player(Gateway &gateway, Scenario scenario);
+    // Without a program, what concerns it is left out.
+    Player(Gateway &gateway, Scenario scenario, bool withProgram);
 
     // False when the scenario is over.
     bool next();
@@ -55,6 +56,7 @@ private:
 
     Gateway &gateway_;
     Scenario scenario_;
+    bool withProgram_;
     size_t at_ = 0;
     long long origin_us_;
     long long lastOrder_us_;

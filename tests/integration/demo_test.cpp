@@ -183,7 +183,7 @@ TEST(Demo, AShellSteersTheGateway) {
     const std::string told = shell.readAll();
     EXPECT_EQ(shell.wait(), 3);
     for (const char *part : {"move a digital input", "the cable of the WAN link", "the status tree", "what the event",
-                             "inputs: 0 1 0 0", "supply 2: 24.00 V", "unknown: dance\nrefused", "event id=8 param=1"})
+                             "inputs: 0 1 0 0", "supply 2: 24.00 V", "unknown word 'dance'", "event id=8 param=1"})
         EXPECT_THAT(told, HasSubstr(part));
     EXPECT_THAT(told, Not(HasSubstr("USB disk on")));
 }

@@ -1,0 +1,442 @@
+// SPDX-License-Identifier: MIT
+// The virtual gateway as a product: vxgateway with its options, every order of gw with good and bad words, scenarios, and
+// that nothing of a gateway remains.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <map>
+#include <set>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "gateway/core/forms.h"
+#include "gateway/core/json.h"
+#include "gateway/core/record.h"
+#include "gateway/core/scenario.h"
+#include "support/files.h"
+#include "support/process.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::Not;
+using vxgateway::Group;
+using vxgateway::Words;
+
+vxtest::Output vxgateway_(std::vector<std::string> arguments) {
+    arguments.insert(arguments.begin(), vxtest::built("gateway/vxgateway"));
+    return vxtest::run(arguments);
+}
+
+// Runs a shell script in a gateway; each line "check STATUS COMMAND..." of it is one expectation.
+vxtest::Output inGateway(const std::string &script, std::vector<std::string> options = {}) {
+    const std::string check =
+        "check() { expected=$1; shift; \"$@\"; got=$?; [ $got = $expected ] || { echo \"FAILED: $*: $got\"; "
+        "failures=1; }; }\nfailures=0\n";
+    options.insert(options.begin(), "run");
+    options.insert(options.end(), {"--", "bash", "-c", check + script + "\nexit $failures"});
+    return vxgateway_(options);
+}
+
+// ---- the program vxgateway
+
+TEST(VxGateway, PassesTheStatusAndTheStreamsThrough) {
+    vxtest::Process process(
+        {vxtest::built("gateway/vxgateway"), "run", "--", "sh", "-c", "cat; printf 'a\\0b'; exit 7"});
+    process.send("in\n");
+    process.closeInput();
+    EXPECT_EQ(process.readAll(), std::string("in\na\0b", 6));
+    EXPECT_EQ(process.wait(), 7);
+    EXPECT_EQ(vxgateway_({"run", "--net", "none", "sh", "-c", "kill -SEGV $$"}).status, 139);
+    EXPECT_EQ(vxgateway_({"run", "--net", "none", "--", "/nowhere/program"}).status, 127);
+    EXPECT_EQ(vxgateway_({"run", "--net", "none", "--", "/etc/passwd"}).status, 126);
+}
+
+TEST(VxGateway, RefusesWrongUsage) {
+    for (const std::vector<std::string> &arguments :
+         std::vector<std::vector<std::string>>{{},
+                                               {"dance"},
+                                               {"run"},
+                                               {"run", "--frob", "true"},
+                                               {"run", "--net", "some", "true"},
+                                               {"run", "--timeout", "0", "true"},
+                                               {"run", "--timeout", "x", "true"},
+                                               {"run", "--timeout"},
+                                               {"run", "--share", "/nowhere", "true"},
+                                               {"run", "--user", "nosuchuser", "true"},
+                                               {"run", "--junit", "/nowhere/file", "true"},
+                                               {"shell", "program"},
+                                               {"play"},
+                                               {"play", "no-such-scenario"},
+                                               {"list", "everything"}}) {
+        const auto output = vxgateway_(arguments);
+        EXPECT_EQ(output.status, 2) << testing::PrintToString(arguments);
+        EXPECT_THAT(output.text, HasSubstr("vxgateway: ")) << testing::PrintToString(arguments);
+    }
+    EXPECT_THAT(vxgateway_({"--help"}).text, HasSubstr("usage: vxgateway run"));
+    EXPECT_THAT(vxgateway_({"list"}).text, HasSubstr("/sys/devices/vantorix"));
+}
+
+TEST(VxGateway, EndsAProgramWhoseTimeIsOver) {
+    EXPECT_EQ(vxgateway_({"run", "--net", "none", "--timeout", "0.1", "--", "sleep", "100"}).status, 124);
+}
+
+TEST(VxGateway, KeepsLogsRecordAndStatusAndWritesAReport) {
+    vxtest::makeDirs("/tmp/kept");
+    vxtest::writeFile("/tmp/kept/mine", "precious");
+    const auto output = inGateway(
+        "mkdir /tmp/status/x; echo up >/tmp/status/x/link; logger -t tester -p user.err 'a <text>'\n"
+        "gw wait log 'a <text>'; exit 3",
+        {"--net", "none", "--keep", "/tmp/kept", "--junit", "/tmp/kept.xml"});
+    EXPECT_EQ(output.status, 3) << output.text;
+    EXPECT_EQ(vxtest::readFile("/tmp/kept/status/x/link"), "up\n");
+    EXPECT_EQ(vxtest::readFile("/tmp/kept/mine"), "precious");
+    EXPECT_THAT(vxtest::readFile("/tmp/kept/syslog.log"), HasSubstr("err tester: a <text>"));
+    EXPECT_THAT(vxtest::readFile("/tmp/kept/config.log"), HasSubstr("ready"));
+    EXPECT_THAT(vxtest::readFile("/tmp/kept/record.json"), HasSubstr("\"identity\":\"tester\""));
+    const std::string report = vxtest::readFile("/tmp/kept.xml");
+    EXPECT_THAT(report, HasSubstr("<failure message=\"exit status 3\"/>"));
+    EXPECT_THAT(report, HasSubstr("err tester: a &#60;text&#62;"));
+}
+
+TEST(VxGateway, RunsAProgramAsAnOrdinaryUser) {
+    if (!vxtest::hasOtherUsers()) GTEST_SKIP() << "no other user can be had in this user namespace";
+    const auto output = inGateway(
+        "check 0 test \"$(id -un)\" = nobody\n"
+        "check 0 mkdir /tmp/status/mine /nvstatus/mine\n"
+        "check 0 sh -c 'echo 1 >/sys/devices/vantorix/dout1/value'\n"
+        "check 2 sh -c '{ echo 1 >/sys/devices/vantorix/din1/value; } 2>/dev/null'\n"
+        "check 2 sh -c '{ : >/proc/sysinfo/mine; } 2>/dev/null'\n"
+        "check 0 gw wait output 1 1\n"
+        "check 0 gw usb out\n"
+        "check 0 test \"$(gw config get wan.losses)\" = wan.losses=2\n",
+        {"--user", "nobody"});
+    EXPECT_EQ(output.status, 0) << output.text;
+}
+
+TEST(VxGateway, HasTheNetworkThatItIsToldTo) {
+    const auto none = inGateway("check 1 test -e /sys/class/net/wan0; check 1 gw wan cut", {"--net", "none"});
+    EXPECT_EQ(none.status, 0) << none.text;
+    const auto full = inGateway(
+        "check 0 ping -c 1 -W 5 192.168.1.100 >/dev/null\n"
+        "check 0 ping -c 1 -W 5 198.51.100.9 >/dev/null\n",
+        {"--net", "full"});
+    EXPECT_EQ(full.status, 0) << full.text;
+}
+
+// ---- gw
+
+TEST(Gw, ObeysEveryOrder) {
+    // One example for each form, run in this order.
+    const std::vector<std::string> orders{"input 2 1",
+                                          "pulse 1 3",
+                                          "voltage 1 9000",
+                                          "converter 700",
+                                          "usb out",
+                                          "usb in",
+                                          "sd out",
+                                          "disk fill data",
+                                          "disk free data",
+                                          "wan cut",
+                                          "wan restore",
+                                          "wan lose",
+                                          "wan carry",
+                                          "wan loss 30",
+                                          "wan delay 5",
+                                          "wan route",
+                                          "wan noroute",
+                                          "modem signal -80",
+                                          "modem reset on",
+                                          "modem suspend off",
+                                          "modem ok text",
+                                          "modem fill 10",
+                                          "modem echo",
+                                          "modem on signal = OK -67 dBm",
+                                          "modem busy 2",
+                                          "modem busyfor 10 text",
+                                          "modem late 5",
+                                          "modem times 1,2 3",
+                                          "modem pieces 2",
+                                          "modem handshake ok",
+                                          "modem stale text",
+                                          "modem normal",
+                                          "config set wan.losses 5",
+                                          "config late 5",
+                                          "config times 0,1",
+                                          "config raw text",
+                                          "config pieces 2",
+                                          "config mute wan.card",
+                                          "config mute",
+                                          "config busy 1",
+                                          "config trace on",
+                                          "config normal",
+                                          "board text din1/value 7",
+                                          "board gone dout1/value",
+                                          "board refuse dout1/value 5",
+                                          "board frequency 1 1 2 3",
+                                          "board in 3 1",
+                                          "board pulse 3 1",
+                                          "board normal",
+                                          "board inputs 6",
+                                          "input 6 1",
+                                          "manager hold",
+                                          "manager resume",
+                                          "sms receive +123 hello there",
+                                          "config die",
+                                          "start config",
+                                          "stop modem",
+                                          "start modem",
+                                          "kill events",
+                                          "start events",
+                                          "config die 1",
+                                          "program signal CONT",
+                                          "program descriptors 50",
+                                          "program memory 4096",
+                                          "note a text"};
+    std::string script;
+    std::set<std::string> heads;
+    for (const std::string &order : orders) {
+        script += "check 0 gw " + order + "\n";
+        const Words words = vxgateway::split(order);
+        EXPECT_EQ(vxgateway::groupOf(words), Group::order) << order;
+        heads.insert(words[0]);
+    }
+    for (const auto &form : vxgateway::forms()) {
+        std::istringstream head{std::string(form.syntax.substr(0, form.syntax.find(' ')))};
+        for (std::string word; form.group == Group::order && std::getline(head, word, '|');)
+            EXPECT_EQ(heads.count(word), 1U) << word;
+    }
+    script +=
+        "check 0 test \"$(cat /sys/devices/vantorix/din6/value)\" = 1\n"
+        "check 0 test \"$(cat /var/spool/sms/incoming/* | tail -1)\" = 'hello there'\n"
+        "check 1 test -e /sys/class/block/mmcblk1p1\n"
+        "check 0 test \"$(ulimit -n)\" = 50\n";
+    const auto output = inGateway(script);
+    EXPECT_EQ(output.status, 0) << output.text;
+    EXPECT_EQ(output.text, "");
+}
+
+TEST(Gw, RefusesNonsenseBeforeAnythingIsDone) {
+    const auto output = inGateway(
+        "check 2 gw frob\n"
+        "check 2 gw input 9 1\n"
+        "check 2 gw input 0 1\n"
+        "check 2 gw input 1 2\n"
+        "check 2 gw input 1\n"
+        "check 2 gw input 1 1 1\n"
+        "check 2 gw input x 1\n"
+        "check 2 gw usb\n"
+        "check 2 gw usb sideways\n"
+        "check 2 gw voltage 3 1\n"
+        "check 2 gw wan loss 101\n"
+        "check 2 gw wan delay -1\n"
+        "check 2 gw config\n"
+        "check 2 gw config set ../x 1\n"
+        "check 2 gw config times 1,x\n"
+        "check 2 gw modem on signal\n"
+        "check 2 gw modem dance\n"
+        "check 2 gw note $'two\\nlines'\n"
+        "check 2 gw wait\n"
+        "check 2 gw wait status\n"
+        "check 2 gw wait log '('\n"
+        "check 2 gw wait output 1 1 --for x\n"
+        "check 2 gw start nothing\n"
+        "check 2 gw events --xml\n"
+        "check 1 gw status no/such\n"
+        "check 1 gw start config\n"
+        "check 1 gw stop wan\n"
+        "check 1 gw wait output 1 1 --for 0\n",
+        {"--net", "none"});
+    EXPECT_EQ(output.status, 0) << output.text;
+    for (const char *part : {"gw: unknown word 'frob'", "gw: the board has 4 inputs, not 9",
+                             "gw: LEVEL is a whole number from 0 to 1, not '2'", "gw: missing: LEVEL",
+                             "gw: not a regular expression", "gw: not in time: output 1 1"}) {
+        EXPECT_THAT(output.text, HasSubstr(part));
+    }
+}
+
+TEST(Gw, IsRefusedByAPeerThatDoesNotAnswer) {
+    const auto output =
+        inGateway("pkill -STOP -x wwanmd\ncheck 1 gw modem late 1\npkill -CONT -x wwanmd\ncheck 0 gw modem late 0\n",
+                  {"--net", "none"});
+    EXPECT_EQ(output.status, 0) << output.text;
+    EXPECT_EQ(output.text, "gw: modem does not answer\n");
+}
+
+TEST(Gw, ShowsWhatProgramsDidAsTextAndAsJson) {
+    const auto output = inGateway(
+        "mkdir /tmp/status/x; printf up >/tmp/status/x/link; echo 1 >/sys/devices/vantorix/dout2/value\n"
+        "logger -t tester -p daemon.warning -i 'said \"so\"'; gw input 3 1\n"
+        "printf 'To: +1\\n\\nhello\\n' >/tmp/sms; /usr/local/sbin/send-sms /tmp/sms; /usr/local/sbin/system-reboot "
+        "now\n"
+        "check 0 test ! -e /tmp/sms\n"
+        "for i in status 'status x/link' events log devlog sms power inputs outputs 'config list' 'config get "
+        "wan.card' "
+        "'config requests' 'manager count' peers record now show; do\n"
+        "  check 0 gw $i >/tmp/text\n"
+        "  check 0 gw $i --json >/tmp/json\n"
+        "  check 0 python3 -c 'import json; json.load(open(\"/tmp/json\"))'\n"
+        "done\n"
+        "gw status; gw outputs; gw sms; gw power; gw config get wan.card --json\n"
+        "gw log --json | python3 -c 'import json, sys; e = json.load(sys.stdin)[0]; print(e[\"priority\"], "
+        "e[\"facility\"], "
+        "e[\"identity\"], e[\"pid\"] > 0, e[\"text\"])'\n"
+        "gw outputs --json | python3 -c 'import json, sys; print(json.load(sys.stdin)[\"levels\"])'\n"
+        "gw show --json | python3 -c 'import json, sys; o = json.load(sys.stdin); print(o[\"inputs\"], "
+        "o[\"wan\"][\"present\"], "
+        "o[\"status\"], len(o[\"peers\"]))'\n",
+        {"--net", "none"});
+    EXPECT_EQ(output.status, 0) << output.text;
+    EXPECT_EQ(
+        output.text,
+        "x/link=up\nout 2 = 1\n+1 hello\nsystem-reboot now\n\"0\"\nwarning daemon tester True said \"so\"\n[0, 1]\n"
+        "[0, 0, 1, 0] False {'x/link': 'up'} 4\n");
+}
+
+TEST(Gw, WaitsForEachKindOfConditionWithoutSleeping) {
+    const auto output = inGateway(
+        "gw wait status x/link up & a=$!; gw wait output 1 1 & b=$!; gw wait log 'line [0-9]+' & c=$!\n"
+        "before=$(gw now)\n"
+        "mkdir /tmp/status/x; printf up >/tmp/status/x/link; echo 1 >/sys/devices/vantorix/dout1/value; logger 'line "
+        "7'\n"
+        "check 0 wait $a; check 0 wait $b; check 0 wait $c\n"
+        "check 0 gw wait log 'line 7' --since $before\n"
+        "check 0 gw wait log 'line 7'\n"
+        "check 1 gw wait log 'line 7' --since $(gw now) --for 0 2>/dev/null\n"
+        "vxevent 7 1 hi\n"
+        "check 0 gw wait event 7\ncheck 0 gw wait event 7 1\ncheck 1 gw wait event 7 2 --for 0 2>/dev/null\n"
+        "check 0 gw wait program running\n",
+        {"--net", "none", "--path", vxtest::built("examples")});
+    EXPECT_EQ(output.status, 0) << output.text;
+}
+
+TEST(Gw, HasEveryFormInItsManualPage) {
+    const std::string page = vxtest::readFile(VXTEST_SOURCE_DIR "/gateway/man/gw.1");
+    for (const auto &form : vxgateway::forms()) {
+        if (form.group == Group::internal || form.group == Group::wait) continue;
+        EXPECT_THAT(page, HasSubstr(".It Li \"" + std::string(form.syntax) + "\"\n"));
+    }
+}
+
+// ---- scenarios
+
+TEST(Scenario, ErrorsNameLineAndColumn) {
+    const auto problems = [](const std::string &text) -> std::string {
+        try {
+            vxgateway::readScenario("s", text);
+        } catch (const std::exception &problem) {
+            return problem.what();
+        }
+        return "";
+    };
+    EXPECT_EQ(
+        problems(
+            "question why\nat 0 wan cut\nwhen status a up within 2\nexpect log x|y\nrepeat 2\nat 0.1 usb out\nend\n"),
+        "");
+    EXPECT_EQ(problems("at 0 wan cut\n"), "s:1:1: missing: question");
+    EXPECT_EQ(problems("question why\nat 0 wan  cult\n"),
+              "s:2:11: unknown word 'cult', expected cut, restore, lose, carry, loss, delay, route or noroute");
+    EXPECT_EQ(problems("question why\n  dance\n"),
+              "s:2:3: unknown word 'dance', expected question, at, when, expect, repeat or end");
+    EXPECT_EQ(problems("question why\nat 1 input 1\n"), "s:2:13: missing: LEVEL");
+    EXPECT_EQ(problems("question why\nat x input 1 1\n"), "s:2:4: SECONDS is seconds from 0 to 86400, not 'x'");
+    EXPECT_EQ(problems("question why\nat 2 usb in\nat 1 usb out\n"), "s:3:4: earlier than the line before it");
+    EXPECT_EQ(problems("question why\nend\nrepeat 0\nrepeat 2\n"),
+              "s:2:1: \"end\" without \"repeat\"\ns:3:8: COUNT is a whole number from 1 to 1000\ns:4:1: \"repeat\" "
+              "without \"end\"");
+    EXPECT_EQ(problems("question why\nexpect log ( within 3\n"),
+              "s:2:12: not a regular expression: Unmatched ( or \\(");
+    EXPECT_EQ(problems("question why\nwhen status a up within never\n"),
+              "s:2:25: SECONDS is seconds from 0 to 86400, not 'never'");
+}
+
+TEST(Scenario, SaysWhatDidNotCome) {
+    vxtest::writeFile("/tmp/s.scenario", "question why\nat 0 input 1 1\nexpect output 1 1 within 0.05\n");
+    const auto output = vxgateway_({"play", "--net", "none", "/tmp/s.scenario", "--", "sleep", "100"});
+    EXPECT_EQ(output.status, 1);
+    EXPECT_EQ(output.text, "vxgateway: s.scenario:3: output 1 1: not within 50 ms\n");
+}
+
+TEST(Scenario, TimesCountFromAConditionAndRoundsRepeat) {
+    vxtest::writeFile(
+        "/tmp/s.scenario",
+        "question why\nwhen status go yes\nat 0.02 input 1 1\nrepeat 3\nat 0.01 note round\nend\nat 0.01 input 1 0\n"
+        "expect status go over\nexpect program ended\n");
+    vxtest::writeFile(
+        "/tmp/program",
+        "#!/bin/sh\nprintf yes >/tmp/status/go\nuntil [ $(cat /sys/devices/vantorix/din1/value) = 1 ]; do :; done\n"
+        "until [ $(cat /sys/devices/vantorix/din1/value) = 0 ]; do :; done\nprintf over >/tmp/status/go\n"
+        "gw record | grep -c ' note: round'\n");
+    ::chmod("/tmp/program", 0755);
+    const auto output = vxgateway_({"play", "--net", "none", "/tmp/s.scenario", "/tmp/program"});
+    EXPECT_EQ(output.text, "3\n");
+    EXPECT_EQ(output.status, 0);
+}
+
+TEST(Scenario, TheCatalogueIsWithoutErrorsAndAsksQuestions) {
+    size_t count = 0;
+    std::istringstream lines(vxgateway_({"list", "scenarios"}).text);
+    for (std::string line; std::getline(lines, line); ++count) {
+        EXPECT_THAT(line, testing::EndsWith("?"));
+        const std::string name = line.substr(0, line.find(' '));
+        EXPECT_NO_THROW(vxgateway::readScenario(
+            name, vxtest::readFile(VXTEST_SOURCE_DIR "/gateway/scenarios/" + name + ".scenario")))
+            << name;
+    }
+    EXPECT_GE(count, 10U);
+}
+
+// ---- nothing remains
+
+std::map<std::string, std::string> machine() {
+    std::map<std::string, std::string> found;
+    for (const char *link : {"mnt", "net", "pid", "user"})
+        found[link] = fs::read_symlink(std::string("/proc/self/ns/") + link);
+    found["mounts"] = vxtest::readFile("/proc/self/mounts");
+    for (const char *directory : {"/tmp", "/run", "/dev/shm", "/var/run", "/var/tmp"}) {
+        for (const auto &entry : fs::directory_iterator(directory))
+            found[directory] += entry.path().filename().string() + " ";
+    }
+    for (const auto &entry : fs::directory_iterator("/proc")) {
+        const std::string name = entry.path().filename();
+        if (name.find_first_not_of("0123456789") == std::string::npos) found["processes"] += name + " ";
+    }
+    return found;
+}
+
+TEST(VxGateway, LeavesNoProcessMountNamespaceOrFile) {
+    const auto before = machine();
+    for (int i = 0; i < 3; ++i) EXPECT_EQ(vxgateway_({"run", "--", "gw", "show"}).status, 0);
+    EXPECT_EQ(machine(), before);
+}
+
+// ---- JSON and log lines
+
+TEST(GatewayText, JsonIsValidWhateverTheBytes) {
+    EXPECT_EQ(vxgateway::jsonString("a\"\\\n\x7f"), R"("a\"\\\u000a\u007f")");
+    EXPECT_EQ(vxgateway::jsonString("\xc3\xa4\xe2\x82\xac"), "\"\xc3\xa4\xe2\x82\xac\"");
+    EXPECT_EQ(vxgateway::jsonString("\xff\xc0\x80\xed\xa0\x80\xe2\x82"),
+              R"("\u00ff\u00c0\u0080\u00ed\u00a0\u0080\u00e2\u0082")");
+}
+
+TEST(GatewayText, LogLinesAreTakenApart) {
+    const auto fields = [](std::string_view datagram) {
+        std::vector<std::string> values;
+        for (const auto &field : vxgateway::logEntry(datagram).fields) values.push_back(field.value);
+        return values;
+    };
+    EXPECT_THAT(fields("<11>Nov 21 02:03:04 me[12]: a: b\n"), ElementsAre("err", "user", "me", "12", "a: b"));
+    EXPECT_THAT(fields("<30>Nov 21 02:03:04 me: text"), ElementsAre("info", "daemon", "me", "null", "text"));
+    EXPECT_THAT(fields("no priority"), ElementsAre("notice", "user", "", "null", "no priority"));
+    EXPECT_THAT(fields("<999>"), ElementsAre("debug", "auth", "", "null", ""));
+    EXPECT_THAT(fields(""), ElementsAre("notice", "user", "", "null", ""));
+}
+
+}  // namespace
