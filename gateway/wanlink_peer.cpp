@@ -135,13 +135,14 @@ void forwardPackets(const std::string &host) {
     if (::write(setting.get(), "1", 1) != 1) fail("forwarding");
 }
 
+// The kernel shows changes of a carrier at once only where the interface's number differs from that of its other end; else
+// up to a second later.
 void makeHosts() {
     ipBatch("",
             "netns add wan-gateway\n"
             "netns add wan-target\n"
-            "link add wan0 type veth peer name gw0 netns wan-gateway\n"
-            "addr add 192.0.2.10/24 dev wan0\n"
-            "link set wan0 up\n");
+            "link add wan0 index 77 type veth peer name gw0 netns wan-gateway\n"
+            "addr add 192.0.2.10/24 dev wan0\n");
 }
 
 void configureHosts() {
@@ -157,6 +158,7 @@ void configureHosts() {
             "addr add 198.51.100.9/24 dev line0\n"
             "link set line0 up\n"
             "route add default dev line0\n");
+    ip("link set wan0 up");
 }
 
 // Carries packets both ways, each `delay` later than it came.
@@ -285,7 +287,7 @@ bool readOrders(std::string &pending, Line &line) {
 void makeLan() {
     ipBatch("",
             "netns add lan-host\n"
-            "link add eth0 type veth peer name eth0 netns lan-host\n"
+            "link add eth0 index 78 type veth peer name eth0 netns lan-host\n"
             "addr add 192.168.1.1/24 dev eth0\n"
             "link set eth0 up\n"
             "route add default via 192.0.2.1 dev wan0\n");

@@ -109,7 +109,7 @@ TEST(VxGateway, KeepsLogsRecordAndStatusAndWritesAReport) {
 TEST(VxGateway, RunsAProgramAsAnOrdinaryUser) {
     if (!vxtest::hasOtherUsers()) GTEST_SKIP() << "no other user can be had in this user namespace";
     const auto output = inGateway(
-        "check 0 test \"$(id -un)\" = nobody\n"
+        "check 0 test \"$(id -un)\" = games\n"
         "check 0 mkdir /tmp/status/mine /nvstatus/mine\n"
         "check 0 sh -c 'echo 1 >/sys/devices/vantorix/dout1/value'\n"
         "check 2 sh -c '{ echo 1 >/sys/devices/vantorix/din1/value; } 2>/dev/null'\n"
@@ -117,7 +117,7 @@ TEST(VxGateway, RunsAProgramAsAnOrdinaryUser) {
         "check 0 gw wait output 1 1\n"
         "check 0 gw usb out\n"
         "check 0 test \"$(gw config get wan.losses)\" = wan.losses=2\n",
-        {"--user", "nobody"});
+        {"--user", "games"});
     EXPECT_EQ(output.status, 0) << output.text;
 }
 
