@@ -102,8 +102,8 @@ void Control::read(const Shared &client) {
 }
 
 void Control::obey(const Shared &client, Words words) {
-    client->json = words.size() > 1 && words.back() == "--json" &&
-                   groupOf(Words(words.begin(), words.end() - 1)) == Group::query;
+    client->json =
+        words.size() > 1 && words.back() == "--json" && groupOf(Words(words.begin(), words.end() - 1)) == Group::query;
     if (client->json) words.pop_back();
     const Group group = groupOf(words);
     if (group == Group::wait) return wait(client, std::move(words));
