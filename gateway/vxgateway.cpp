@@ -91,6 +91,8 @@ std::string scenarioDirectory() {
     return fs::weakly_canonical(ownDirectory() + (inBuildTree() ? "/scenarios" : "/" VXGATEWAY_SCENARIOS)).string();
 }
 
+std::string pytestDirectory() { return fs::weakly_canonical(ownDirectory() + "/" VXGATEWAY_PYTEST).string(); }
+
 // The box shows these as they are on the machine.
 bool isSystem(const std::string &path) {
     for (const char *directory : {"/usr/", "/bin/", "/sbin/", "/lib/", "/lib32/", "/lib64/", "/libx32/"}) {
@@ -298,6 +300,12 @@ int run(Options options) {
     if (!inBuildTree() && !isSystem(ownDirectory() + "/")) {
         options.path.push_back(ownDirectory());
         show(options, ownDirectory());
+    }
+    // The plugin for pytest works in a gateway only, so it is found there only.
+    if (fs::is_directory(pytestDirectory())) {
+        show(options, pytestDirectory());
+        const char *const others = std::getenv("PYTHONPATH");
+        ::setenv("PYTHONPATH", (pytestDirectory() + (others == nullptr ? "" : std::string(":") + others)).c_str(), 1);
     }
     std::string path = "/gateway/bin";
     for (const std::string &directory : options.path) path += ":" + directory;
