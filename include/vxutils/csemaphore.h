@@ -161,7 +161,7 @@ public:
     explicit CRecursiveSemaphore(const std::string &name);
 
     /**
-     * Finds or makes the lock with @p options, of which a copy is kept.
+     * Find or make the lock with @p options, of which a copy is kept.
      * @param name     as above
      * @param options  how the lock behaves; copied
      */

@@ -38,7 +38,7 @@ public:
     /** Open nothing. */
     IpInterfaceStatus();
     /**
-     * Makes an object as the default constructor does.
+     * Make an object as the default constructor does.
      * @param other  ignored
      */
     IpInterfaceStatus(const IpInterfaceStatus &other);

@@ -89,7 +89,7 @@ VXUTILS_API void semopts_release(sem_options *options);
 VXUTILS_API sem_handle *sem_create_with_options(const char *name, const sem_options *options);
 
 /**
- * Opens or creates the lock with default options; a null @p name throws as there.
+ * Open or create the lock with default options; a null @p name throws as there.
  * @param name  as for sem_create_with_options()
  * @return as sem_create_with_options()
  */

@@ -79,7 +79,7 @@ VXUTILS_API int vxevent(unsigned int id, unsigned int param, const char *text);
 VXUTILS_API void *create_legacy_source_with_addr(void *zmq_context, const char *endpoint);
 
 /**
- * Uses the gateway's endpoint "tcp://127.0.0.1:47011".
+ * Use the gateway's endpoint "tcp://127.0.0.1:47011".
  * @param zmq_context  a ZeroMQ context
  * @return as create_legacy_source_with_addr()
  */
@@ -95,7 +95,7 @@ VXUTILS_API void *create_legacy_source(void *zmq_context);
 VXUTILS_API void *register_legacy_sink_with_addr(void *zmq_context, const char *endpoint);
 
 /**
- * Uses the gateway's endpoint "tcp://127.0.0.1:47011".
+ * Use the gateway's endpoint "tcp://127.0.0.1:47011".
  * @param zmq_context  a ZeroMQ context
  * @return as register_legacy_sink_with_addr()
  */

@@ -120,19 +120,19 @@ public:
     String &operator=(const char *s);
 
     /**
-     * Makes a text as String(char).
+     * Make a text as String(char).
      * @param c  the character
      * @return the new String
      */
     static String stringOf(char c);
     /**
-     * Makes a text as String(const char *).
+     * Make a text as String(const char *).
      * @param s  the text
      * @return the new String
      */
     static String stringOf(const char *s);
     /**
-     * Makes a text as String(const char *, long, long).
+     * Make a text as String(const char *, long, long).
      * @param s      the text
      * @param start  position of the first byte
      * @param count  number of bytes
@@ -241,7 +241,7 @@ public:
      */
     bool regionMatches(bool ignoreCase, long offset, const String &other, long otherOffset, long count) const;
     /**
-     * Compares regions, with the case looked at.
+     * Compare regions, with the case looked at.
      * @param offset       position in this text
      * @param other        the other String
      * @param otherOffset  position in @p other
@@ -321,13 +321,13 @@ public:
      */
     long indexOf(const String &s, long from) const;
     /**
-     * Searches as indexOf(const String &), case ignored.
+     * Search as indexOf(const String &), case ignored.
      * @param s  text to look for
      * @return the position, or -1
      */
     long indexOfIgnoreCase(const String &s) const;
     /**
-     * Searches as indexOf(const String &, long), case ignored.
+     * Search as indexOf(const String &, long), case ignored.
      * @param s     text to look for
      * @param from  position to start at
      * @return the position, or -1
@@ -361,13 +361,13 @@ public:
      */
     long lastIndexOf(const String &s, long from) const;
     /**
-     * Searches as lastIndexOf(const String &), case ignored.
+     * Search as lastIndexOf(const String &), case ignored.
      * @param s  text to look for
      * @return the position, or a negative number
      */
     long lastIndexOfIgnoreCase(const String &s) const;
     /**
-     * Searches as lastIndexOf(const String &, long), case ignored.
+     * Search as lastIndexOf(const String &, long), case ignored.
      * @param s     text to look for
      * @param from  position to start at
      * @return the position, or a negative number
@@ -469,14 +469,14 @@ public:
      */
     String &insert(long pos, const String &s);
     /**
-     * Inserts a C text; nothing for NULL.
+     * Insert a C text; nothing for NULL.
      * @param pos  position, 0 to the length
      * @param s    the text
      * @return this String
      */
     String &insert(long pos, const char *s);
     /**
-     * Inserts one character; nothing for NUL.
+     * Insert one character; nothing for NUL.
      * @param pos  position, 0 to the length
      * @param c    the character
      * @return this String
