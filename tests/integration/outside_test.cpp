@@ -223,7 +223,7 @@ TEST_F(Outside, AnOrdinaryUsersProgramRunsAndTouchesNothing) {
 TEST_F(Outside, TheGatewayHasTheLibraryWhereProgramsLookForIt) {
     const auto output = demo({"--run", "sh", "-c",
                               "ls /usr/lib/libvxutils.so.1 /usr/lib/libvxutils.so.1.0.0; "
-                              "ldd /gateway/examples/led_daemon | sed -n 's/.*=> \\(.*libvxutils[^ ]*\\).*/\\1/p'"});
+                              "ldd \"$(command -v led_daemon)\" | sed -n 's/.*=> \\(.*libvxutils[^ ]*\\).*/\\1/p'"});
     EXPECT_THAT(output.text, testing::MatchesRegex("/usr/lib/libvxutils.so.1\n/usr/lib/libvxutils.so.1.0.0\n"
                                                    "(/usr)?/lib/libvxutils.so.1\n"));
 }
