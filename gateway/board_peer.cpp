@@ -26,6 +26,7 @@
 #include <vector>
 
 #include "gateway/control.h"
+#include "gateway/fuse_server.h"
 #include "gateway/proc_cover.h"
 
 namespace {
@@ -281,19 +282,12 @@ void Board::mountTree() {
             if (::mkdir(tree, 0755) == -1) fail(tree);
         }
     }
-    fuse_ = ::open("/dev/fuse", O_RDWR | O_CLOEXEC);
+    fuse_ = fuse::mount("board", tree);
     if (fuse_ == -1) fail("/dev/fuse");
-    const std::string options =
-        "fd=" + std::to_string(fuse_) + ",rootmode=40755,user_id=0,group_id=0,allow_other,default_permissions";
-    if (::mount("board", tree, "fuse", MS_NOSUID | MS_NODEV, options.c_str()) == -1) fail("mount");
 }
 
 void Board::reply(uint64_t unique, int error, const void *data, size_t size) const {
-    std::vector<char> answer(sizeof(fuse_out_header) + size);
-    const fuse_out_header header{static_cast<uint32_t>(answer.size()), -error, unique};
-    std::memcpy(answer.data(), &header, sizeof header);
-    if (size > 0) std::memcpy(answer.data() + sizeof header, data, size);
-    (void)!::write(fuse_, answer.data(), answer.size());
+    fuse::reply(fuse_, unique, error, data, size);
 }
 
 void Board::lookup(const fuse_in_header &header, const char *name) {
@@ -324,18 +318,8 @@ void Board::readDirectory(const fuse_in_header &header, const fuse_read_in &in) 
     std::vector<char> list;
     const std::vector<std::string> names = children(header.nodeid);
     for (size_t i = static_cast<size_t>(in.offset); i < names.size(); ++i) {
-        const std::string &name = names[i];
-        const size_t length = FUSE_DIRENT_ALIGN(FUSE_NAME_OFFSET + name.size());
-        if (list.size() + length > in.size) break;
-        fuse_dirent entry{};
-        entry.ino = i + 1;
-        entry.off = i + 1;
-        entry.namelen = static_cast<uint32_t>(name.size());
-        entry.type = header.nodeid == FUSE_ROOT_ID || name[0] == '.' ? S_IFDIR >> 12 : S_IFREG >> 12;
-        const size_t at = list.size();
-        list.resize(at + length);
-        std::memcpy(list.data() + at, &entry, FUSE_NAME_OFFSET);
-        std::memcpy(list.data() + at + FUSE_NAME_OFFSET, name.data(), name.size());
+        const bool directory = header.nodeid == FUSE_ROOT_ID || names[i][0] == '.';
+        if (!fuse::append(list, in.size, i, i + 1, directory ? DT_DIR : DT_REG, names[i])) break;
     }
     reply(header.unique, 0, list.data(), list.size());
 }
@@ -351,14 +335,9 @@ bool Board::serve() {
     std::memcpy(&read, body, sizeof read);
 
     switch (header.opcode) {
-        case FUSE_INIT: {
-            fuse_init_out out{};
-            out.major = FUSE_KERNEL_VERSION;
-            out.minor = 31;
-            out.max_write = 4096;
-            reply(header.unique, 0, &out, sizeof out);
+        case FUSE_INIT:
+            fuse::replyInit(fuse_, header.unique);
             break;
-        }
         case FUSE_LOOKUP:
             lookup(header, body);
             break;

@@ -83,7 +83,7 @@ constexpr const char *banner =
     R"(You are inside the gateway; 'exit' leaves it and nothing of it remains. Peers and examples are on the PATH.
 Move and change things ("gw help" lists all orders):
   gw input N 0|1                           move a digital input; gw outputs shows what was set
-  gw wan cut | restore | lose | carry      the cable of the WAN link; the line behind it
+  gw wan cut | restore | lose | carry      the cable of the WAN link; the quality of its line
   gw modem reset on|off, gw modem busy 2   the modem daemon of card 0
   gw config set KEY VALUE                  change the configuration, then kill -HUP the daemon
   gw usb in | out, gw voltage 1 11000      a USB disk; a supply voltage in millivolts

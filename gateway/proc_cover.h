@@ -23,6 +23,8 @@
 #include <system_error>
 #include <vector>
 
+#include "gateway/fuse_server.h"
+
 class ProcCover {
 public:
     static constexpr const char *aside = "/.proc";
@@ -87,11 +89,7 @@ private:
     }
 
     void reply(uint64_t unique, int error, const void *data = nullptr, size_t size = 0) const {
-        std::vector<char> message(sizeof(fuse_out_header) + size);
-        const fuse_out_header header{static_cast<uint32_t>(message.size()), -error, unique};
-        std::memcpy(message.data(), &header, sizeof header);
-        if (size > 0) std::memcpy(message.data() + sizeof header, data, size);
-        (void)!::write(fuse_, message.data(), message.size());
+        fuse::reply(fuse_, unique, error, data, size);
     }
 
     void replyEntry(const fuse_in_header &header, uint64_t node) const {
@@ -134,17 +132,7 @@ private:
         const std::vector<Entry> &list = lists_[in.fh];
         std::vector<char> out;
         for (size_t i = static_cast<size_t>(in.offset); i < list.size(); ++i) {
-            const size_t length = FUSE_DIRENT_ALIGN(FUSE_NAME_OFFSET + list[i].name.size());
-            const size_t at = out.size();
-            if (at + length > in.size) break;
-            fuse_dirent entry{};
-            entry.ino = list[i].number;
-            entry.off = i + 1;
-            entry.namelen = static_cast<uint32_t>(list[i].name.size());
-            entry.type = list[i].type;
-            out.resize(at + length);
-            std::memcpy(out.data() + at, &entry, FUSE_NAME_OFFSET);
-            std::memcpy(out.data() + at + FUSE_NAME_OFFSET, list[i].name.data(), list[i].name.size());
+            if (!fuse::append(out, in.size, i, list[i].number, list[i].type, list[i].name)) break;
         }
         reply(header.unique, 0, out.data(), out.size());
     }
@@ -160,13 +148,8 @@ private:
         fuse_in_header header{};
         std::memcpy(&header, buffer_.data(), sizeof header);
         switch (header.opcode) {
-            case FUSE_INIT: {
-                fuse_init_out out{};
-                out.major = FUSE_KERNEL_VERSION;
-                out.minor = 31;
-                out.max_write = 4096;
-                return reply(header.unique, 0, &out, sizeof out);
-            }
+            case FUSE_INIT:
+                return fuse::replyInit(fuse_, header.unique);
             case FUSE_LOOKUP:
                 return replyEntry(header, nodeOf(buffer_.data() + sizeof header));
             case FUSE_MKDIR:
@@ -213,22 +196,19 @@ private:
 inline bool coverProc() {
     if (::mkdir(ProcCover::aside, 0555) == -1) return errno == EEXIST;  // covered already
     if (::mount("/proc", ProcCover::aside, nullptr, MS_BIND | MS_REC, nullptr) == -1) return false;
-    const int fuse = ::open("/dev/fuse", O_RDWR | O_CLOEXEC);
-    if (fuse == -1) return false;
-    const std::string options =
-        "fd=" + std::to_string(fuse) + ",rootmode=40755,user_id=0,group_id=0,allow_other,default_permissions";
-    if (::mount("proc", "/proc", "fuse", MS_NOSUID | MS_NODEV, options.c_str()) == -1) return false;
+    const int connection = fuse::mount("proc", "/proc");
+    if (connection == -1) return false;
     const pid_t server = ::fork();
     if (server == -1) return false;
     if (server == 0) {
         // Of what is open only the connection is kept: callers wait for the end of this program's output.
         ::setsid();
-        const int kept = ::dup2(fuse, STDERR_FILENO + 1);
+        const int kept = ::dup2(connection, STDERR_FILENO + 1);
         for (int fd = ::open("/dev/null", O_RDWR | O_CLOEXEC), i = 0; i <= STDERR_FILENO; ++i) ::dup2(fd, i);
         ::close_range(static_cast<unsigned int>(kept) + 1, ~0U, 0);
         ProcCover(kept).serve();
         ::_exit(0);
     }
-    ::close(fuse);
+    ::close(connection);
     return ::mkdir(ProcCover::addedTarget, 0755) == 0;
 }

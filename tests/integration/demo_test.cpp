@@ -165,7 +165,7 @@ TEST(Demo, AProgramSeesTheProcessesOfTheGateway) {
         demo({"--run", "bash", "-c",
               "sleep 3018 & vx proc find --names 'sleep 3018' | grep -qx \"$! sleep 3018\" && echo found; "
               "kill $!; wait $!; vx proc count 'sleep 3018'; vx proc alive $! || echo ended; "
-              "vx proc count 'wwanmd 0'; "
+              "vx proc count '/gateway/bin/wwanmd 0'; "
               "readlink /proc/self; cat /proc/self/comm; mkdir /proc/sysinfo/x && rmdir /proc/sysinfo/x"});
     EXPECT_EQ(output.status, 0) << output.text;
     EXPECT_THAT(output.text, HasSubstr("found\n"));
