@@ -11,6 +11,7 @@
 #include "support/configd.h"
 #include "support/emulation.h"
 #include "support/files.h"
+#include "support/process.h"
 #include "support/syslog_capture.h"
 #include "support/vx.h"
 
@@ -76,6 +77,14 @@ TEST_P(VxPower, WithoutTheScriptNothingHappensUnlessForced) {
     EXPECT_THAT(result.err, HasSubstr(script + ": No such file or directory; with --force"));
     fs::remove_all("/nvstatus");
     EXPECT_THAT(vx({name, "--veto"}).err, HasSubstr(marker + ": No such file or directory"));
+}
+
+TEST_P(VxPower, SaysWhenTheKernelRefuses) {
+    if (!vxtest::hasOtherUsers()) GTEST_SKIP() << "a box made by an ordinary user has no other";
+    const auto result = vx({name, "--force"}, {.user = 65534});
+    EXPECT_EQ(result.status, 1);
+    EXPECT_EQ(result.out, "");
+    EXPECT_EQ(result.err, "vx: " + name + ": kernel: Operation not permitted\n");
 }
 
 TEST_P(VxPower, WrongUsage) {

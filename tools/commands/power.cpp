@@ -38,11 +38,13 @@ void start(const Action &action, const Arguments &arguments) {
     const int b = number(1);
     if (isVetoed(action))
         throw Failure(action.marker, std::string("vetoes the ") + action.name + "; --unveto removes it");
-    if (::access(action.script, X_OK) != 0 && !arguments.has("force")) {
+    const bool byKernel = ::access(action.script, X_OK) != 0;
+    if (byKernel && !arguments.has("force")) {
         throw Failure(action.script, std::string(std::strerror(errno)) +
                                          "; with --force the kernel acts at once, nothing written back");
     }
     action.start(a, b);
+    if (byKernel) throw systemFailure("kernel");  // which does not return from what it grants
 }
 
 template <const Action &action>
