@@ -26,11 +26,11 @@ vxutils_find(boost boost/token_iterator.hpp "" libboost-dev)
 vxutils_require_found(build)
 
 # The stand-in that an earlier installation of this library left on the machine does not count: uninstalling that one would
-# take it away from this one.
+# take it away from this one. What was found may be gone when the build is configured again.
 find_path(VXUTILS_devlog_INCLUDE_DIR devlog.h)
 find_library(VXUTILS_devlog_LIBRARY devlog)
 set(VXUTILS_DEVLOG_STANDIN ON)
-if(VXUTILS_devlog_INCLUDE_DIR AND VXUTILS_devlog_LIBRARY)
+if(EXISTS "${VXUTILS_devlog_INCLUDE_DIR}/devlog.h" AND EXISTS "${VXUTILS_devlog_LIBRARY}")
   file(STRINGS "${VXUTILS_devlog_INCLUDE_DIR}/devlog.h" standin REGEX "^#define DEVLOG_STANDIN ")
   if(NOT standin)
     set(VXUTILS_DEVLOG_STANDIN OFF)
