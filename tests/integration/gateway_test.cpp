@@ -197,9 +197,9 @@ TEST(Gw, ObeysEveryOrder) {
                                           "start events",
                                           "config die 1",
                                           "program signal CONT",
+                                          "note a text",
                                           "program descriptors 50",
-                                          "program memory 4096",
-                                          "note a text"};
+                                          "program memory 4096"};  // the last: sanitized programs no longer start then
     std::string script;
     std::set<std::string> heads;
     for (const std::string &order : orders) {
