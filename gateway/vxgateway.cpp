@@ -227,7 +227,7 @@ std::string place(Options &options, const std::string &name) {
     }
     if (!fs::exists(path)) refuse(notFound, name + ": not found");
     if (!isFile(path)) refuse(cannotRun, name + ": not a program that can be run");
-    const std::string real = fs::canonical(path);
+    std::string real = fs::canonical(path);
     for (const std::string &seen : {fs::absolute(path).lexically_normal().string(), real}) {
         if (isSystem(seen)) return seen;
     }

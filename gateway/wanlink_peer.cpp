@@ -217,21 +217,28 @@ private:
     std::multimap<Clock::time_point, Packet> onTheWay_;
 };
 
-bool hasCarrier() {
+bool hasCarrier(const char *interface) {
     const Descriptor socket(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0), "socket");
     ifreq request{};
-    std::strcpy(request.ifr_name, "wan0");
-    if (::ioctl(socket.get(), SIOCGIFFLAGS, &request) == -1) fail("flags of wan0");
+    std::strcpy(request.ifr_name, interface);
+    if (::ioctl(socket.get(), SIOCGIFFLAGS, &request) == -1) fail(std::string("flags of ") + interface);
     return (request.ifr_flags & IFF_RUNNING) != 0;
 }
 
 // The kernel tells of a change at the other end later, after up to a second.
-void waitForCarrier(bool wanted) {
+void waitForCarrier(const char *interface, bool wanted) {
     const auto end = Clock::now() + std::chrono::seconds(10);
-    while (hasCarrier() != wanted) {
-        if (Clock::now() > end) throw std::runtime_error("wan0 does not notice its cable");
+    while (hasCarrier(interface) != wanted) {
+        if (Clock::now() > end) throw std::runtime_error(std::string(interface) + " does not notice its cable");
         std::this_thread::sleep_for(std::chrono::milliseconds(2));
     }
+}
+
+// Until both ends have noticed, packets of the one that has not are thrown away.
+void waitForLink() {
+    waitForCarrier("wan0", true);
+    const InHost inside("wan-gateway");
+    waitForCarrier("gw0", true);
 }
 
 bool obey(const std::string &order, Line &line) {
@@ -240,10 +247,10 @@ bool obey(const std::string &order, Line &line) {
     words >> word;
     if (word == "cut") {
         ip("-n wan-gateway link set gw0 down");
-        waitForCarrier(false);
+        waitForCarrier("wan0", false);
     } else if (word == "restore") {
         ip("-n wan-gateway link set gw0 up");
-        waitForCarrier(true);
+        waitForLink();
     } else if (word == "lose" || word == "carry") {
         line.lose(word == "lose" ? 100 : 0);
     } else if (word == "loss") {
@@ -303,7 +310,7 @@ void run(std::chrono::milliseconds delay, bool lan) {
     const Descriptor one(lineEnd("wan-gateway"), "line");
     const Descriptor other(lineEnd("wan-target"), "line");
     configureHosts();
-    waitForCarrier(true);
+    waitForLink();
     if (lan) makeLan();
     Line line(one.get(), other.get(), delay);
     std::puts("ready");
@@ -317,6 +324,18 @@ void run(std::chrono::milliseconds delay, bool lan) {
         }
         line.deliver();
         if (waiting[0].revents != 0 && !readOrders(pending, line)) return;
+    }
+}
+
+// Whether a step came to its end; says why not.
+template <typename Step>
+bool succeeds(Step step) {
+    try {
+        step();
+        return true;
+    } catch (const std::exception &problem) {
+        std::fprintf(stderr, "wanlink: %s\n", problem.what());
+        return false;
     }
 }
 
@@ -341,14 +360,10 @@ int main(int argc, char **argv) {
     action.sa_handler = [](int) { stopped = 1; };
     ::sigaction(SIGTERM, &action, nullptr);
     ::sigaction(SIGINT, &action, nullptr);
-    int status = 0;
-    removeEverything();  // what a killed one has left
-    try {
+    const bool ran = succeeds([&] {
+        removeEverything();  // what a killed one has left
         run(delay, lan);
-    } catch (const std::exception &problem) {
-        std::fprintf(stderr, "wanlink: %s\n", problem.what());
-        status = 1;
-    }
-    removeEverything();
-    return status;
+    });
+    const bool removed = succeeds(removeEverything);
+    return ran && removed ? 0 : 1;
 }

@@ -61,6 +61,7 @@ void run(const std::vector<std::string> &command) {
     if (pid == -1) fail("fork");
     if (pid == 0) {
         std::vector<char *> arguments;
+        arguments.reserve(command.size() + 1);
         for (const std::string &word : command) arguments.push_back(const_cast<char *>(word.c_str()));
         arguments.push_back(nullptr);
         ::execv(arguments[0], arguments.data());

@@ -229,8 +229,9 @@ std::optional<Problem> check(Group group, const Words &words, size_t first) {
         if (still.empty()) {
             const std::string words_expected = expected(left, at);
             if (words_expected.empty()) return Problem{first + at, "nothing can follow here: '" + word + "'"};
-            if (!wanted.empty()) return Problem{first + at, wanted + ", not '" + word + "'"};
-            return Problem{first + at, "unknown word '" + word + "', expected " + words_expected};
+            if (!wanted.empty()) return Problem{first + at, wanted.append(", not '").append(word).append("'")};
+            return Problem{first + at,
+                           std::string("unknown word '").append(word).append("', expected ").append(words_expected)};
         }
         left = std::move(still);
     }

@@ -13,6 +13,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <charconv>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
@@ -48,6 +49,21 @@ constexpr std::array signalNames{SignalName{"HUP", SIGHUP},   SignalName{"INT", 
 std::string withoutNewline(std::string text) {
     if (!text.empty() && text.back() == '\n') text.pop_back();
     return text;
+}
+
+// Take a part off the front of a line that a peer printed; false when something else stands there.
+bool takeText(std::string_view &rest, std::string_view text) {
+    if (rest.substr(0, text.size()) != text) return false;
+    rest.remove_prefix(text.size());
+    return true;
+}
+
+template <typename Number>
+bool takeNumber(std::string_view &rest, Number &number) {
+    const auto [end, error] = std::from_chars(rest.data(), rest.data() + rest.size(), number);
+    if (error != std::errc()) return false;
+    rest.remove_prefix(static_cast<size_t>(end - rest.data()));
+    return true;
 }
 
 // Only regular files are values; FIFOs take commands.
@@ -204,25 +220,23 @@ void Gateway::readLog() {
 // A peer tells what programs did to it.
 void Gateway::hear(const std::string &name, const std::string &line) {
     Entry entry{0, name, line, {}};
+    std::string_view rest = line;
     unsigned long long id = 0;
     unsigned long long param = 0;
-    long long output = 0;
-    char level = '0';
-    std::array<char, 4> word{};
-    int textAt = 0;
-    if (name == "events" &&
-        std::sscanf(line.c_str(), "event id=%llu param=%llu text=\"%n", &id, &param, &textAt) == 2 && textAt > 0) {
+    long long number = 0;
+    if (name == "events" && takeText(rest, "event id=") && takeNumber(rest, id) && takeText(rest, " param=") &&
+        takeNumber(rest, param) && takeText(rest, " text=\"")) {
         entry.kind = "event";
-        std::string text = line.substr(static_cast<size_t>(textAt));
-        text = text.substr(0, text.rfind('"'));
+        const std::string text(rest.substr(0, rest.rfind('"')));
         entry.fields = {{"id", std::to_string(id), true}, {"param", std::to_string(param), true}, {"text", text}};
-    } else if (name == "board" && std::sscanf(line.c_str(), "out %lld = %c", &output, &level) == 2) {
+    } else if (name == "board" && takeText(rest, "out ") && takeNumber(rest, number) && takeText(rest, " = ") &&
+               !rest.empty()) {
         entry.kind = "output";
-        outputs_[output] = level;
-        entry.fields = {{"output", std::to_string(output), true}, {"level", std::string(1, level)}};
-    } else if (name == "board" && std::sscanf(line.c_str(), "counting %lld %3s", &output, word.data()) == 2) {
+        outputs_[number] = rest[0];
+        entry.fields = {{"output", std::to_string(number), true}, {"level", std::string(1, rest[0])}};
+    } else if (name == "board" && takeText(rest, "counting ") && takeNumber(rest, number) && takeText(rest, " ")) {
         entry.kind = "counting";
-        entry.fields = {{"input", std::to_string(output), true}, {"state", word.data()}};
+        entry.fields = {{"input", std::to_string(number), true}, {"state", std::string(rest)}};
     } else {
         entry.fields = {{"text", line}};
     }

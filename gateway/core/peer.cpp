@@ -34,6 +34,7 @@ std::array<Descriptor, 2> makePipe() {
     ::sigprocmask(SIG_SETMASK, &none, nullptr);
     for (const int signal : {SIGINT, SIGQUIT, SIGPIPE}) std::signal(signal, SIG_DFL);
     std::vector<char *> arguments;
+    arguments.reserve(command.size() + 1);
     for (const std::string &word : command) arguments.push_back(const_cast<char *>(word.c_str()));
     arguments.push_back(nullptr);
     ::execv(arguments[0], arguments.data());
