@@ -12,7 +12,7 @@ namespace {
 
 constexpr const char *fifoPath = "/tmp/status/event-manager/throw";
 
-// There is no reader: the data is discarded with the last descriptor, so the FIFO never fills.
+// Nothing reads the FIFO. The kernel drops its data when the last descriptor is closed, so it never fills.
 void provideFifo() {
     std::filesystem::create_directories("/tmp/status/event-manager");
     ::mkfifo(fifoPath, 0600);

@@ -25,7 +25,7 @@ constexpr std::array numberTypes{
     NumberType{"PARAM", 0, 4294967295}, NumberType{"MIB", 1, 65536},         NumberType{"TIME", 0, 4102444800},
 };
 
-// A word that stands for itself or one of several.
+// One fixed word, or a choice of several.
 bool isLiteral(std::string_view token) {
     return token[0] != '[' && std::strchr("ABCDEFGHIJKLMNOPQRSTUVWXYZ", token[0]) == nullptr;
 }

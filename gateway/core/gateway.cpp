@@ -51,7 +51,7 @@ std::string withoutNewline(std::string text) {
     return text;
 }
 
-// Take a part off the front of a line that a peer printed; false when something else stands there.
+// Remove a part from the front of a line that a peer printed; false when the line begins with something else.
 bool takeText(std::string_view &rest, std::string_view text) {
     if (rest.substr(0, text.size()) != text) return false;
     rest.remove_prefix(text.size());
