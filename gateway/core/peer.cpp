@@ -80,8 +80,9 @@ void Peer::ended() {
     output_.close();
     while (!pending_.empty()) {
         Pending &order = pending_.front();
-        order.answer = name_ + " has ended";
-        finish(startsWith(order.text, "die"));
+        const bool meant = startsWith(order.text, "die");
+        if (!meant) order.answer = name_ + " has ended";
+        finish(meant);
     }
 }
 
@@ -119,6 +120,7 @@ void Peer::take(const std::string &line) {
     }
     if (!pending_.empty()) {
         Pending &order = pending_.front();
+        if (line == "ok die") return;  // obeyed when it has ended: it can be started again then
         if (line == "ok " + order.text || line == "done" || line == order.text) return finish(!order.refused);
         if (line == "cannot " + order.text || line == "what? " + order.text) {
             order.answer = line;

@@ -127,7 +127,9 @@ TEST(InterfaceNames, TheExampleShowsNamesBridgesAndLinks) {
 
 TEST(IpInterfaceStatusSet, TheExampleSetsAnInterface) {
     vxtest::ip("link add eth0 type veth peer name eth0peer");
-    vxtest::ip("link set eth0peer up");
+    for (const char *end : {"eth0", "eth0peer"}) vxtest::ip(std::string("link set ") + end + " up");
+    ASSERT_TRUE(
+        vxtest::eventually([] { return vxtest::ip("link show dev eth0").find("state UP") != std::string::npos; }));
     const auto output = run({built("examples/ipinterfacestatus_set"), "eth0", "10.1.2.3", "20"});
     EXPECT_EQ(output.status, 0);
     EXPECT_EQ(output.text, "eth0: 10.1.2.3, netmask 255.255.240.0, running\n");

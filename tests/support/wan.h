@@ -3,6 +3,7 @@
 #pragma once
 
 #include "support/netns.h"
+#include "support/process.h"
 
 namespace vxtest {
 
@@ -21,6 +22,11 @@ struct Wan {
         target.ip("route add default via 198.51.100.1");
         gateway.setting("ipv4/ip_forward", "1");
     }
+
+    // The kernel takes a host's end of a cable away some time after the host has gone; this end takes it along at once.
+    ~Wan() { run({"ip", "link", "del", "wan0"}); }
+    Wan(const Wan &) = delete;
+    Wan &operator=(const Wan &) = delete;
 
     // Kernel of a host answers echoes, or leaves them to the test.
     static void answers(const NetHost &host, bool yes) { host.setting("ipv4/icmp_echo_ignore_all", yes ? "0" : "1"); }
