@@ -13,16 +13,17 @@
 
 #include "support/files.h"
 #include "support/syslog_capture.h"
-#include "vxutils/internal/handles.h"
+#include "vxutils/internal/visible.h"
 
-// The helper's memory comes through here.
-namespace std {
-inline bool memoryRunsOut = false;
-inline void *helpersMalloc(size_t size) { return memoryRunsOut ? nullptr : std::malloc(size); }
-}  // namespace std
-#define malloc helpersMalloc
-#include "vxutils/internal/visible.cpp"
-#undef malloc
+namespace {
+
+bool memoryRunsOut = false;
+
+}  // namespace
+
+// This program is linked with VisibleText's source and --wrap=malloc: its calls of malloc() come here.
+extern "C" void *__real_malloc(size_t size);
+extern "C" void *__wrap_malloc(size_t size) { return memoryRunsOut ? nullptr : __real_malloc(size); }
 
 namespace {
 
@@ -132,12 +133,12 @@ TEST(VisibleText, TextsOfAnyLengthAreShownWhole) {
 }
 
 TEST(VisibleText, WithoutMemoryTheEndIsMissing) {
-    std::memoryRunsOut = true;
+    memoryRunsOut = true;
     const std::string few = visible(std::string(127, '\n'));
     const std::string many = visible(std::string(1000, '\n'));
     const std::string longRun = visible(std::string(1000, 'a') + "\n\n");
     const std::string cutBeforeEscape = visible(std::string(509, 'a') + "\nb");
-    std::memoryRunsOut = false;
+    memoryRunsOut = false;
     EXPECT_EQ(unescaped(few), std::string(127, '\n'));  // needs none
     EXPECT_EQ(unescaped(many), std::string(127, '\n'));
     EXPECT_EQ(longRun, std::string(511, 'a'));

@@ -15,6 +15,7 @@
 #include "vxutils/internal/handles.h"
 #include "vxutils/internal/ifrequest.h"
 #include "vxutils/internal/log.h"
+#include "vxutils/internal/message_header.h"
 #include "vxutils/internal/random.h"
 #include "vxutils/ping_arp_line.h"
 #include "vxutils/ping_icmp_echo.h"
@@ -30,6 +31,8 @@ constexpr unsigned int shortestTimeout = 500;
 constexpr unsigned int longestTimeout = 10000;
 constexpr int smallestBuffer = 48;
 constexpr int largestBuffer = 1450;
+static_assert(smallestBuffer >= static_cast<int>(std::max(echo::ipMinimum, echo::linkMinimum)),
+              "the smallest buffer holds an echo of either kind, so that the senders need not ask");
 constexpr long waitMarginUs = 300000;
 constexpr long waitStepUs = 300000;
 constexpr int mostPackets = 1024;
@@ -144,9 +147,7 @@ timespec arrivalTime(msghdr &message, clockid_t clock, const timespec &sent) {
 ssize_t receivePacket(int fd, std::span<uint8_t> buffer, clockid_t clock, const timespec &sent, timespec &received) {
     alignas(cmsghdr) std::array<char, 128> control;
     iovec part{buffer.data(), buffer.size()};
-    msghdr message{};
-    message.msg_iov = &part;
-    message.msg_iovlen = 1;
+    msghdr message = vx::messageHeader(part);
     message.msg_control = control.data();
     message.msg_controllen = control.size();
     const ssize_t got = recvmsg(fd, &message, MSG_DONTWAIT);
@@ -259,20 +260,11 @@ int openIpSocket(EchoContext &context) {
 // count as travel time (32 us instead of 25 us over one hop between namespaces). Nothing depends on the outcome.
 void rehearse(int fd, std::span<uint8_t> packet, sockaddr_in host) {
     iovec part{packet.data(), packet.size()};
-    msghdr message{};
-    message.msg_name = &host;
-    message.msg_namelen = sizeof host;
-    message.msg_iov = &part;
-    message.msg_iovlen = 1;
+    const msghdr message = vx::messageHeader(part, host);
     (void)sendmsg(fd, &message, lookOnly);
 }
 
 int sendIp(EchoContext &context, uint32_t address) {
-    if (context.bufferSize < static_cast<int>(echo::ipMinimum)) {
-        vx::log(LOG_ERR, "rawping[%s]: ip buffer too short (%d < %zu)", context.interface, context.bufferSize,
-                echo::ipMinimum);
-        return -1;
-    }
     PacketBuffer buffer;
     const auto packet = std::span(buffer).first(static_cast<size_t>(context.bufferSize));
     ++context.numbers.sequence;
@@ -329,10 +321,6 @@ bool isIpReply(const EchoContext &context, uint32_t address, echo::Bytes packet)
 }
 
 int waitForIpReply(EchoContext &context, uint32_t address) {
-    if (!context.ipSocket.valid()) {
-        vx::log(LOG_ERR, "rawping[%s]: socket is not connected", context.interface);
-        return -1;
-    }
     PacketBuffer buffer;
     const auto room = std::span(buffer).first(static_cast<size_t>(context.bufferSize));
     switch (waitForReply(context, context.ipSocket.get(), room, CLOCK_REALTIME,
@@ -394,11 +382,6 @@ int openPacketSocket(EchoContext &context, const uint32_t *mark) {
 }
 
 int sendLink(EchoContext &context, const uint32_t *mark) {
-    if (context.bufferSize < static_cast<int>(echo::linkMinimum)) {
-        vx::log(LOG_ERR, "rawping[%s]: raw buffer too short (%d < %zu)", context.interface, context.bufferSize,
-                echo::linkMinimum);
-        return -1;
-    }
     PacketBuffer buffer;
     const auto frame = std::span(buffer).first(static_cast<size_t>(context.bufferSize));
     ++context.numbers.sequence;
@@ -465,10 +448,6 @@ bool isLinkReply(const EchoContext &context, echo::Bytes frame) {
 }
 
 int waitForLinkReply(EchoContext &context) {
-    if (!context.packetSocket.valid()) {
-        vx::log(LOG_ERR, "rawping[%s]: socket is not connected", context.interface);
-        return -1;
-    }
     PacketBuffer buffer;
     const auto room = std::span(buffer).first(static_cast<size_t>(context.bufferSize));
     switch (waitForReply(context, context.packetSocket.get(), room, CLOCK_MONOTONIC,
@@ -618,28 +597,28 @@ int setUp(EchoContext &context) {
 
 // ---- which way ----
 
-// 1, 0, or -1 without a name.
-int pointToPoint(const char *interface) {
+// False when the kernel does not say, true without a name: the caller's text may have been emptied since set-up.
+bool isPointToPoint(const char *interface) {
     if (empty(interface)) {
         vx::log(LOG_ERR, "no interface provided");
-        return -1;
+        return true;
     }
     const vx::Fd socket(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     if (!socket.valid()) {
         vx::log(LOG_ERR, "unable to create socket");
-        return 0;
+        return false;
     }
     ifreq answer = vx::interfaceRequest(interface);
     if (ioctl(socket.get(), SIOCGIFFLAGS, &answer) == -1) {
         vx::log(LOG_ERR, "unable to get flags for %s", interface);
-        return 0;
+        return false;
     }
-    return (answer.ifr_flags & (IFF_POINTOPOINT | IFF_NOARP)) != 0 ? 1 : 0;
+    return (answer.ifr_flags & (IFF_POINTOPOINT | IFF_NOARP)) != 0;
 }
 
 // Can, and must, the target be reached through the gateway's hardware address?
 bool needsGateway(const EchoContext &context) {
-    const bool isPtp = pointToPoint(context.interface) != 0;  // without a name, too
+    const bool isPtp = isPointToPoint(context.interface);
     vx::log(LOG_DEBUG, "gateway %s (source %08X, mask %08X, dest %08X, is_ptp %d)",
             context.gateway == nullptr ? "none" : context.gateway, context.sourceAddress, context.netmask,
             context.targetAddress, isPtp ? 1 : 0);

@@ -15,6 +15,7 @@
 
 #include "vxutils/internal/fd.h"
 #include "vxutils/internal/log.h"
+#include "vxutils/internal/message_header.h"
 #include "vxutils/route_netlink.h"
 
 namespace {
@@ -33,13 +34,13 @@ constexpr const char *cannotOpen = "rtq: unable to open netlink socket";
 constexpr const char *cannotSetSize = "rtq: unable to set buffer size";
 constexpr const char *cannotBind = "rtq: unable to bind netlink socket";
 constexpr const char *invalidSocket = "rtq: invalid netlink socket";
-constexpr const char *tooLong = "rtq: maxlen exceeded";
 constexpr const char *cannotSend = "rtq: unable to query netlink";
 constexpr const char *noRoute = "rtq: no route received";
 constexpr const char *invalidAnswer = "rtq: invalid answer";
 constexpr const char *noInterface = "rtq: no dest interface found";
 
 static_assert(routeHeader == 28 && sizeof(sockaddr_nl) == 12);
+static_assert(routeHeader + RTA_SPACE(sizeof(in6_addr)) <= requestSize, "a question for the longest address fits");
 
 struct RouteQuery {
     vx::Fd socket;
@@ -100,10 +101,9 @@ int openSocket(RouteQuery &query) {
     return 0;
 }
 
-int buildRequest(RouteQuery &query) {
+void buildRequest(RouteQuery &query) {
     const size_t attributeLength = sizeof(rtattr) + query.addressLength;
     query.requestLength = routeHeader + RTA_ALIGN(attributeLength);
-    if (query.requestLength > query.request.size()) return fail(tooLong);
 
     nlmsghdr header{};
     header.nlmsg_len = static_cast<uint32_t>(query.requestLength);
@@ -122,18 +122,13 @@ int buildRequest(RouteQuery &query) {
     std::memcpy(out + sizeof header, &route, sizeof route);
     std::memcpy(out + routeHeader, &attribute, sizeof attribute);
     std::memcpy(out + routeHeader + sizeof attribute, query.address.data(), query.addressLength);
-    return 0;
 }
 
 int sendRequest(RouteQuery &query) {
     sockaddr_nl kernel{};
     kernel.nl_family = AF_NETLINK;
     iovec part{query.request.data(), query.requestLength};
-    msghdr message{};
-    message.msg_name = &kernel;
-    message.msg_namelen = sizeof kernel;
-    message.msg_iov = &part;
-    message.msg_iovlen = 1;
+    const msghdr message = vx::messageHeader(part, kernel);
     return sendmsg(query.socket.get(), &message, 0) == -1 ? fail(cannotSend) : 0;
 }
 
@@ -143,11 +138,7 @@ int receiveAnswer(const RouteQuery &query, std::span<uint8_t> buffer, Answer &an
     for (;;) {
         sockaddr_nl sender{};
         iovec part{buffer.data(), buffer.size()};
-        msghdr message{};
-        message.msg_name = &sender;
-        message.msg_namelen = sizeof sender;
-        message.msg_iov = &part;
-        message.msg_iovlen = 1;
+        msghdr message = vx::messageHeader(part, sender);
         const ssize_t got = recvmsg(query.socket.get(), &message, 0);
         if (got == -1 && (errno == EAGAIN || errno == EINTR)) continue;
         if (got <= 0 || message.msg_namelen != sizeof sender) return failQuery();
@@ -214,6 +205,6 @@ int route_get_interface(const addrinfo *target, char *name) {
     if (!takeAddress(*query, *target)) return -1;
     if (openSocket(*query) == -1) return -1;
     vx::log(LOG_DEBUG, "looking up route for %s", query->text.data());
-    if (buildRequest(*query) == -1) return -1;
+    buildRequest(*query);
     return exchange(*query, name);
 }
