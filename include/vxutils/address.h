@@ -101,7 +101,7 @@ VXUTILS_API int str2addr4(const char *text, struct sockaddr *addr);
 VXUTILS_API int str2addr6(const char *text, struct sockaddr *addr);
 
 /**
- * str2addr6() for a text that holds a colon anywhere, str2addr4() for all others.
+ * Read an address of either family: as str2addr6() when the text holds a colon anywhere, else as str2addr4().
  * @param text NUL-terminated text.
  * @param addr record of the size that the text's family needs.
  * @return 0, or -1 when the text is not an address of its family or a pointer is NULL (nothing is stored then).
@@ -117,7 +117,7 @@ VXUTILS_API int str2addr(const char *text, struct sockaddr *addr);
 VXUTILS_API int strip_host_part_from_network_address(struct sockaddr *addr, const struct sockaddr *mask);
 
 /**
- * Prefix length of a netmask.
+ * Tell the prefix length of a netmask.
  * @param mask netmask record.
  * @return 0 to 32 (IPv4) or 128 (IPv6); -1 when the set bits are not one run from the top, the record holds no mask or
  *         @p mask is NULL.

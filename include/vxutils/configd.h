@@ -145,8 +145,8 @@ VXUTILS_API void configd_close(configd_handle *handle);
 VXUTILS_API int configd_add_query(configd_handle *handle, const char *format, ...) VXUTILS_PRINTF(2, 3);
 
 /**
- * Value of a key of the query list. The first call fetches the whole list from the daemon, in the order the keys were
- * added; if that fails, the next call tries again. Later calls do not contact the daemon.
+ * Return the value of a key of the query list. The first call fetches the whole list from the daemon, in the order the
+ * keys were added; if that fails, the next call tries again. Later calls do not contact the daemon.
  * @param format printf format of the key, which is cut to 254 characters.
  * @param handle  the connection
  * @return the value, valid until configd_clear() or configd_close(); an empty text for NULL arguments, a failed fetch

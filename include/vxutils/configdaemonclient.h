@@ -40,7 +40,7 @@ class VXUTILS_API ConfigDaemonClient {
 public:
     /** Connect; a client that could not fails in every call. */
     ConfigDaemonClient();
-    /** Disconnects. */
+    /** Disconnect. */
     virtual ~ConfigDaemonClient();
 
     /**
@@ -98,7 +98,7 @@ public:
     virtual long getValueAsInt(String const &key, long &value) const;
 
     /**
-     * getValue() of one of several keys, as in setIndexedValue().
+     * Read a value as getValue() does, of one of several keys, as in setIndexedValue().
      * @param key    key, or pattern with one "%lu"; at most 255 characters, not empty
      * @param index  number for the pattern
      * @param value  receives the value; unchanged as in getValue()
@@ -107,7 +107,7 @@ public:
     virtual String &getIndexedValue(String const &key, unsigned long index, String &value) const;
 
     /**
-     * getValueAsInt() of one of several keys, as in setIndexedValue().
+     * Read a value as getValueAsInt() does, of one of several keys, as in setIndexedValue().
      * @param key    key, or pattern with one "%lu"; at most 255 characters, not empty
      * @param index  number for the pattern
      * @param value  receives the number; unchanged as in getValue()

@@ -46,7 +46,7 @@ class INStringHashTable;
 /** Reader of a configuration file; see the page for the syntax. */
 class VXUTILS_API ConfigReader {
 public:
-    /** An empty reader: every question gives its default. */
+    /** Make an empty reader: every question gives its default. */
     ConfigReader();
     /** Free all values. */
     virtual ~ConfigReader();
@@ -74,7 +74,7 @@ public:
     virtual String const &getValue(String const &key, String const &defaultValue) const;
 
     /**
-     * Value of a key as a number.
+     * Tell the value of a key as a number.
      * @param key           key
      * @param defaultValue  result when there is no value
      * @return 1 for "on" and 0 for "off" in any case of letters, otherwise what valueOf32() (numconv.h) makes of the
@@ -83,7 +83,7 @@ public:
     virtual long getValueAsInt(String const &key, long defaultValue) const;
 
     /**
-     * getValue() of one of several keys.
+     * Tell a value as getValue() does, of one of several keys.
      *
      * @param key   pattern with one conversion for an unsigned long, "%lu"
      * @param index the number that goes there
@@ -93,7 +93,7 @@ public:
     virtual String const &getIndexedValue(String const &key, unsigned long index, String const &defaultValue) const;
 
     /**
-     * getValueAsInt() of one of several keys, as in getIndexedValue().
+     * Tell a value as getValueAsInt() does, of one of several keys, as in getIndexedValue().
      * @param key           key; in the indexed functions a pattern with one "%lu"
      * @param index         number for the pattern
      * @param defaultValue  result when there is no value

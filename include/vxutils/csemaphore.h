@@ -83,7 +83,7 @@ public:
      */
     CSemaphore(const std::string &pathname, int projectID);
 
-    /** The semaphore stays in the system, locked or not. */
+    /** Leave the semaphore in the system, locked or not. */
     virtual ~CSemaphore();
 
     /**
@@ -132,11 +132,11 @@ public:
             eConsistentManual = 1,    /**< the caller does, by makeConsistent() */
         };
 
-        /** Automatic. */
+        /** Choose the automatic mode. */
         CSemaphoreOptions();
 
         /**
-         * Any value but eConsistentAutomatic means manual.
+         * Choose the mode; any value but eConsistentAutomatic means manual.
          * @param mode  the mode
          */
         void SetConsistentMode(eConsistentMode mode);
@@ -188,22 +188,20 @@ public:
     int lock();
 
     /**
-     * The same without waiting: @c EBUSY when another thread has it.
-     * @return as lock(), or EBUSY
+     * Take the lock if it can be had without waiting.
+     * @return as lock(); @c EBUSY when another thread has it
      */
     int trylock();
 
     /**
-     * Give back one lock() of this name by this thread: 0, -1 for an unusable object, or an error number (@c EPERM:
-     * not the owner).
-     * @return 0, -1 or an error number
+     * Give back one lock() of this name by this thread.
+     * @return 0; -1 for an unusable object; @c EPERM when another thread, or none, has the lock
      */
     int unlock();
 
     /**
-     * Declare what the lock protects to be in order again, after EOWNERDEAD: 0, -1 for an unusable object, or an error
-     * number (@c EINVAL: nothing to repair).
-     * @return 0, -1 or an error number
+     * Declare what the lock protects to be in order again, after EOWNERDEAD.
+     * @return 0; -1 for an unusable object; @c EINVAL when there is nothing to repair
      */
     int makeConsistent();
 

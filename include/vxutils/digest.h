@@ -87,7 +87,7 @@ public:
 /** MD5: 16 bytes. */
 class VXUTILS_API Md5HashContext : public HashContext {
 public:
-    /** An empty context; initialize() it before use. */
+    /** Make an empty context; initialize() it before use. */
     Md5HashContext();
     ~Md5HashContext() override;
 
@@ -113,7 +113,7 @@ private:
 /** SHA-1: 20 bytes. */
 class VXUTILS_API Sha1HashContext : public HashContext {
 public:
-    /** An empty context; initialize() it before use. */
+    /** Make an empty context; initialize() it before use. */
     Sha1HashContext();
     ~Sha1HashContext() override;
 

@@ -69,7 +69,7 @@ public:
     int load(void *arg);
 
     /**
-     * What the dynamic loader complained about last on this thread, as dlerror() tells it: asking takes the text away.
+     * Tell what the dynamic loader complained about last on this thread, as dlerror() does: asking takes the text away.
      * @return the text, valid until the loader's next call; null when there is nothing to tell.
      */
     const char *lastError() const;

@@ -83,16 +83,16 @@ struct epoll_event;
 class VXUTILS_API IFDEventsink {
 public:
     /**
-     * The descriptor can be read, or its peer has gone and reading shows that. Called again on the next round as long
-     * as this stays true. May add and remove any sink and timer, itself included.
+     * Handle a readable descriptor: it can be read, or its peer has gone and reading shows that. Called again on the
+     * next round as long as this stays true. May add and remove any sink and timer, itself included.
      */
     virtual void onReadable() = 0;
 
-    /** The descriptor can be written and is not readable at the same time. Otherwise as onReadable(). */
+    /** Handle a descriptor that can be written and is not readable at the same time. Otherwise as onReadable(). */
     virtual void onWritable() = 0;
 
     /**
-     * The descriptor to watch. Registrations are found by this number: it must be the same from addSink() to
+     * Tell the descriptor to watch. Registrations are found by this number: it must be the same from addSink() to
      * removeSink().
      * @return the descriptor
      */
@@ -105,7 +105,7 @@ public:
 class VXUTILS_API ITimeoutEventsink {
 public:
     /**
-     * The time has come.
+     * Handle an expiration.
      * @param expirations how many periods have passed since the last call: more than 1 when callbacks were late. The
      *        count's low 32 bits.
      *
@@ -114,14 +114,14 @@ public:
     virtual void onTimeout(unsigned int expirations) = 0;
 
     /**
-     * Milliseconds from addTimer() to the first call and, unless one-shot, from each call to the next. Asked once per
-     * addTimer(). 0 makes a timer that never fires, a negative value one that is refused.
+     * Tell the milliseconds from addTimer() to the first call and, unless one-shot, from each call to the next. Asked
+     * once per addTimer(). 0 makes a timer that never fires, a negative value one that is refused.
      * @return milliseconds
      */
     virtual int getTimeoutMs() = 0;
 
     /**
-     * True for a timer that fires once. Asked by addTimer() and before each onTimeout().
+     * Tell whether the timer fires once. Asked by addTimer() and before each onTimeout().
      * @return true for a timer that fires once
      */
     virtual bool isOneShot() = 0;
@@ -161,7 +161,7 @@ public:
     virtual void modifyEventMask(IFDEventsink *sink, event_type type) = 0;
 
     /**
-     * See CEPollEventsource::getEventMask().
+     * Tell the events of a sink, where a source keeps them; CEPollEventsource does not.
      * @param sink  not NULL
      * @return ET_NONE
      */
@@ -189,7 +189,7 @@ public:
     virtual void removeTimer(ITimeoutEventsink *sink) = 0;
 
     /**
-     * True while @p sink has a timer.
+     * Tell whether @p sink has a timer.
      * @param sink  not NULL
      * @return whether there is one
      */
@@ -245,7 +245,7 @@ public:
      */
     void modifyEventMask(IFDEventsink *sink, event_type type) override;
 
-    /** Always ET_NONE, whatever the sink is registered for: who needs to know its mask keeps a record of it. */
+    /** Return ET_NONE, whatever the sink is registered for. A caller that needs a sink's mask keeps its own record. */
     event_type getEventMask(IFDEventsink *sink) override;
 
     /**
@@ -264,7 +264,7 @@ public:
     /** End one timer of @p sink, the one with the lowest descriptor. No effect if the sink has no timer. Quirk Q65. */
     void removeTimer(ITimeoutEventsink *sink) override;
 
-    /** True while @p sink has a timer; a one-shot timer that fired is gone. */
+    /** Tell whether @p sink has a timer; a one-shot timer that fired is gone. */
     bool activeTimer(ITimeoutEventsink *sink) override;
 
     /**

@@ -155,7 +155,7 @@ VXUTILS_API int writefile(const char *name, const char *text);
 VXUTILS_API char *readfile_r(const char *name, char *buf, size_t size);
 
 /**
- * readfile_r() into a static buffer of 1024 bytes.
+ * Read a file as readfile_r() does, into a static buffer of 1024 bytes.
  *
  * @param name file; NULL reads as empty
  * @return the text, which may be changed, inside the buffer; valid until the next call of readfile() or readaddress()

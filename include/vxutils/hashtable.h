@@ -125,13 +125,13 @@ public:
     void passAllPointers(void (*fn)(void *)) const;
 
     /**
-     * Number of entries, counted one by one.
+     * Count the entries, one by one.
      * @return the number of entries
      */
     unsigned long getNumberOfKeys() const;
 
     /**
-     * Number of entries in the fullest bucket.
+     * Count the entries in the fullest bucket.
      * @return the number of entries
      */
     unsigned long getLongestChain() const;
@@ -206,13 +206,13 @@ public:
     void passAllPointers(void (*fn)(void *)) const;
 
     /**
-     * Number of entries, counted one by one.
+     * Count the entries, one by one.
      * @return the number of entries
      */
     unsigned long getNumberOfKeys() const;
 
     /**
-     * Number of entries in the fullest bucket.
+     * Count the entries in the fullest bucket.
      * @return the number of entries
      */
     unsigned long getLongestChain() const;

@@ -38,7 +38,7 @@
 VXUTILS_BEGIN_DECLS
 
 /**
- * Name shown to users for a kernel interface.
+ * Tell the name that users see for a kernel interface.
  *
  * The kernel's name is a prefix, a number n and, after a '-', a sub-number s. Numbers are decimal and of at most six
  * digits, the prefix of at most 14 characters; characters beyond that, and any after the number, are ignored.
@@ -64,7 +64,7 @@ VXUTILS_BEGIN_DECLS
  */
 VXUTILS_API const char *interfaceize(const char *name);
 
-/** Is a WAN link up? @return 1 when "/tmp/status/link-manager/hotlink" is readable, else 0. */
+/** Tell whether a WAN link is up. @return 1 when "/tmp/status/link-manager/hotlink" is readable, else 0. */
 VXUTILS_API int wanlink_is_up(void);
 
 /**

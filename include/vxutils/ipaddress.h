@@ -49,24 +49,25 @@ public:
     /** @name Construction
      * @{ */
 
-    /** An empty object. */
+    /** Make an empty object. */
     IpAddress();
 
     /**
-     * Of a text as setIpAddrAsString() takes it; empty when it is refused.
+     * Read a text as setIpAddrAsString() does; the object is empty when it is refused.
      * @param text  address, with or without a prefix length
      */
     IpAddress(const String &text);
 
     /**
-     * Of an address and a mask as setIpAddrAsString() and setNetMaskAsString() take them; empty when one is refused.
+     * Read an address and a mask as setIpAddrAsString() and setNetMaskAsString() do; the object is empty when one is
+     * refused.
      * @param ip    address
      * @param mask  mask
      */
     IpAddress(const String &ip, const String &mask);
 
     /**
-     * Of two numbers; empty, and without the address too, when the mask is not valid.
+     * Take two numbers; the object is empty, and without the address too, when the mask is not valid.
      * @param address  the address, in host order
      * @param mask     mask
      */
@@ -185,78 +186,79 @@ public:
     bool isEmpty() const;
 
     /**
-     * 0.0.0.0 to 127.255.255.255
+     * Tell whether the address is in 0.0.0.0 to 127.255.255.255.
      * @return whether this is such an address
      */
     VXUTILS_API bool isV4ClassA() const { return isV4() && address_[0] >> 31 == 0; }
     /**
-     * 128.0.0.0 to 191.255.255.255
+     * Tell whether the address is in 128.0.0.0 to 191.255.255.255.
      * @return whether this is such an address
      */
     VXUTILS_API bool isV4ClassB() const { return isV4() && address_[0] >> 30 == 2; }
     /**
-     * 192.0.0.0 to 223.255.255.255
+     * Tell whether the address is in 192.0.0.0 to 223.255.255.255.
      * @return whether this is such an address
      */
     VXUTILS_API bool isV4ClassC() const { return isV4() && address_[0] >> 29 == 6; }
     /**
-     * 224.0.0.0 to 239.255.255.255, multicast
+     * Tell whether the address is in 224.0.0.0 to 239.255.255.255, multicast.
      * @return whether this is such an address
      */
     VXUTILS_API bool isV4ClassD() const { return isV4() && address_[0] >> 28 == 14; }
     /**
-     * from 240.0.0.0 on
+     * Tell whether the address is 240.0.0.0 or above.
      * @return whether this is such an address
      */
     VXUTILS_API bool isV4ClassE() const { return isV4() && address_[0] >> 28 == 15; }
     /**
-     * below 224.0.0.0
+     * Tell whether the address is below 224.0.0.0.
      * @return whether this is such an address
      */
     VXUTILS_API bool isV4ClassABC() const { return isV4() && address_[0] >> 29 != 7; }
     /**
-     * 127.x.x.x
+     * Tell whether the address is in 127.x.x.x.
      * @return whether this is such an address
      */
     VXUTILS_API bool isLoopback() const { return isV4() && address_[0] >> 24 == 127; }
     /**
-     * 224.0.0.x
+     * Tell whether the address is in 224.0.0.x.
      * @return whether this is such an address
      */
     bool isLocalGroup() const;
 
     /**
-     * A single host: class A, B or C, first byte not 0, mask 255.255.255.255.
+     * Tell whether this is a single host: class A, B or C, first byte not 0, mask 255.255.255.255.
      * @return whether this is such an address
      */
     bool isHostType() const;
     /**
-     * The default gateway: 0.0.0.0 with mask 0.0.0.0.
+     * Tell whether this is the default gateway: 0.0.0.0 with mask 0.0.0.0.
      * @return whether this is such an address
      */
     bool isDefGwType() const;
     /**
-     * The limited broadcast, 255.255.255.255; the mask is not looked at.
+     * Tell whether this is the limited broadcast, 255.255.255.255; the mask is not looked at.
      * @return whether this is such an address
      */
     bool isLimBcType() const;
     /**
-     * A network, its host part all zeros, with a prefix of 2 to 30 bits; or the default gateway.
+     * Tell whether this is a network, its host part all zeros, with a prefix of 2 to 30 bits; or the default gateway.
      * @return whether this is such an address
      */
     bool isNetType() const;
     /**
-     * A host within a network, its host part neither all zeros nor all ones, with a prefix of 2 to 30 bits.
+     * Tell whether this is a host within a network, its host part neither all zeros nor all ones, with a prefix of 2 to
+     * 30 bits.
      * @return whether this is such an address
      */
     bool isIfaceType() const;
     /**
-     * A network's broadcast, its host part all ones, with a prefix of 2 to 30 bits.
+     * Tell whether this is a network's broadcast, its host part all ones, with a prefix of 2 to 30 bits.
      * @return whether this is such an address
      */
     bool isDirBcType() const;
     /**
-     * A host, network, interface, limited or directed broadcast.
+     * Tell whether this is a host, network, interface, limited or directed broadcast.
      * @return whether this is such an address
      */
     bool isValidAddress() const;
@@ -306,7 +308,7 @@ public:
      * @{ */
 
     /**
-     * One decimal octet: "0", or one to three digits without a leading zero, below 256.
+     * Read one decimal octet: "0", or one to three digits without a leading zero, below 256.
      * @param text   text to look at
      * @param pos    position; moved on success
      * @param value  receives the number
@@ -314,7 +316,7 @@ public:
      */
     static bool s_getV4IpAddrTokenOfString(const String &text, long &pos, unsigned long &value);
     /**
-     * One prefix length: "0", or one or two digits without a leading zero, below 33.
+     * Read one prefix length: "0", or one or two digits without a leading zero, below 33.
      * @param text   text to look at
      * @param pos    position; moved on success
      * @param value  receives the number
@@ -322,7 +324,7 @@ public:
      */
     static bool s_getV4NetMaskSizeOfString(const String &text, long &pos, unsigned long &value);
     /**
-     * The character @p ch.
+     * Read the character @p ch.
      * @param text  text to look at
      * @param pos   position; moved on success
      * @param ch    character
@@ -330,7 +332,7 @@ public:
      */
     static bool s_getCharOfString(const String &text, long &pos, char ch);
     /**
-     * The end of the text: a position at or after its length.
+     * Tell whether the text ends: a position at or after its length.
      * @param text  text to look at
      * @param pos   position
      * @return whether the text ends there

@@ -47,14 +47,14 @@ public:
     virtual ~IpInterfaceStatus();
 
     /**
-     * Does any interface's name contain this text?
+     * Tell whether any interface's name contains this text.
      * @param name  text to look for in the names
      * @return 1 or 0; "eth" finds eth0, and "" any interface.
      */
     int isInterfaceAvailable(const char *name) const;
 
     /**
-     * Is the interface up and running, that is with its carrier?
+     * Tell whether the interface is up and running, that is with its carrier.
      * @param name  interface's name
      * @return 1 or 0; 0 also when there is none.
      */
@@ -77,7 +77,7 @@ public:
     int setTxQueueLen(const char *name, unsigned int packets);
 
     /**
-     * First IPv4 address in host order.
+     * Tell the first IPv4 address, in host order.
      * @param name  interface's name
      * @return 0 when there is no such interface or it has no address.
      */
@@ -92,7 +92,7 @@ public:
     int setIpV4Address(const char *name, unsigned int address);
 
     /**
-     * IPv4 netmask in host order.
+     * Tell the IPv4 netmask, in host order.
      * @param name  interface's name
      * @return 0 when there is no such interface or it has no address.
      */
@@ -107,8 +107,8 @@ public:
     int setIpV4Mask(const char *name, unsigned int mask);
 
     /**
-     * Is a WAN link in use? A status tree that a stranger may have made does not count (statusinterface.h); a FIFO is
-     * not waited for and does not count either.
+     * Tell whether a WAN link is in use. A status tree that a stranger may have made does not count
+     * (statusinterface.h); a FIFO is not waited for and does not count either.
      * @return 1 when "/tmp/status/link-manager/hotlink/interface" opens for reading, else 0.
      */
     int haveNetworkConnectivity();

@@ -73,7 +73,7 @@ VXUTILS_API int mem_stream_puts(mem_stream *stream, const char *str);
 VXUTILS_API int mem_stream_free_space_left(const mem_stream *stream);
 
 /**
- * Number of characters written, without the terminator.
+ * Tell the number of characters written, without the terminator.
  *
  * @param stream        stream
  * @param orig_buf_size total size of the buffer in bytes, as the caller set it up
@@ -82,7 +82,7 @@ VXUTILS_API int mem_stream_free_space_left(const mem_stream *stream);
 VXUTILS_API size_t mem_stream_get_num_chars_written(const mem_stream *stream, size_t orig_buf_size);
 
 /**
- * Number of bytes written, terminator included.
+ * Tell the number of bytes written, terminator included.
  *
  * @param stream        stream
  * @param orig_buf_size total size of the buffer in bytes, as the caller set it up

@@ -67,13 +67,13 @@ struct CQMsg {
     void *data; /**< payload or null; whose it is, sender and consumer agree */
 
     /**
-     * A message.
+     * Make a message.
      * @param messageCode  what the message says
      * @param payload      pointer to hand over
      */
     CQMsg(int messageCode, void *payload) : code(messageCode), data(payload) {}
     /**
-     * A message without payload: data is null.
+     * Make a message without payload: data is null.
      * @param messageCode  what the message says
      */
     CQMsg(int messageCode) : code(messageCode), data(nullptr) {}
@@ -83,14 +83,15 @@ struct CQMsg {
 class VXUTILS_API IMQEventsink {
 public:
     /**
-     * One message. @p message is valid during the call.
+     * Handle one message. @p message is valid during the call.
      * @param queue    the queue that calls
      * @param message  the message
      */
     virtual void onMessage(CMessageQueue *queue, const CQMsg &message) = 0;
 
     /**
-     * The queue was called as readable and its wake-up pipe could not be read; the reason is in the system log.
+     * Handle a wake-up pipe that could not be read when the queue was called as readable; the reason is in the system
+     * log.
      * @param queue  the queue that calls
      */
     virtual void onQueueError(CMessageQueue *queue) = 0;
@@ -133,10 +134,10 @@ public:
     /** Deliver one message. For the event source. */
     void onReadable() override;
 
-    /** Does nothing. */
+    /** Do nothing. */
     void onWritable() override;
 
-    /** The wake-up pipe's read end, -1 before init(). */
+    /** Tell the wake-up pipe's read end, -1 before init(). */
     int getFd() const override;
 
     /**

@@ -67,8 +67,8 @@ VXUTILS_API char *i32toa(int32_t value, char *buf, int base);
 VXUTILS_API char *u_i32toa(uint32_t value, char *buf, int base);
 
 /**
- * i32toa() for 16 bits. Nothing but the base is refused: the text of a negative number in bases 2, 8 and 16 is
- * unspecified.
+ * Write a signed number of 16 bits, as i32toa(). Nothing but the base is refused: the text of a negative number in
+ * bases 2, 8 and 16 is unspecified.
  * @param value  number
  * @param buf    receives the text; 34 bytes hold any
  * @param base   2, 8, 10 or 16
@@ -77,7 +77,7 @@ VXUTILS_API char *u_i32toa(uint32_t value, char *buf, int base);
 VXUTILS_API char *i16toa(int16_t value, char *buf, int base);
 
 /**
- * u_i32toa() for 16 bits.
+ * Write an unsigned number of 16 bits, as u_i32toa().
  * @param value  number
  * @param buf    receives the text; 34 bytes hold any
  * @param base   2, 8, 10 or 16
@@ -99,21 +99,21 @@ VXUTILS_API char *u_i16toa(uint16_t value, char *buf, int base);
 VXUTILS_API int32_t valueOf32(const char *text);
 
 /**
- * valueOf32() for unsigned numbers: a minus sign has no meaning and is read as if it were a digit.
+ * Read an unsigned number, as valueOf32(): a minus sign has no meaning and is read as if it were a digit.
  * @param text  text; NULL reads as 0
  * @return the number
  */
 VXUTILS_API uint32_t u_valueOf32(const char *text);
 
 /**
- * valueOf32() narrowed to its low 16 bits.
+ * Read a number as valueOf32() and narrow it to its low 16 bits.
  * @param text  text; NULL reads as 0
  * @return the number
  */
 VXUTILS_API int16_t valueOf16(const char *text);
 
 /**
- * u_valueOf32() narrowed to its low 16 bits.
+ * Read a number as u_valueOf32() and narrow it to its low 16 bits.
  * @param text  text; NULL reads as 0
  * @return the number
  */
@@ -130,7 +130,7 @@ VXUTILS_API uint16_t u_valueOf16(const char *text);
 VXUTILS_API int32_t validValueOf32(int *err, const char *text);
 
 /**
- * validValueOf32() for 16 bits: what valueOf16() reads, and whether the text is its canonical form.
+ * Read a number as valueOf16() and check, as validValueOf32(), that the text is its canonical form.
  * @param err   set to 0 or -1; may be NULL
  * @param text  text; NULL reads as 0
  * @return the number
@@ -138,7 +138,7 @@ VXUTILS_API int32_t validValueOf32(int *err, const char *text);
 VXUTILS_API int16_t validValueOf16(int *err, const char *text);
 
 /**
- * validValueOf32() for unsigned numbers: what u_valueOf32() reads.
+ * Read a number as u_valueOf32() and check, as validValueOf32(), that the text is its canonical form.
  * @param err   set to 0 or -1; may be NULL
  * @param text  text; NULL reads as 0
  * @return the number
@@ -146,7 +146,7 @@ VXUTILS_API int16_t validValueOf16(int *err, const char *text);
 VXUTILS_API uint32_t u_validValueOf32(int *err, const char *text);
 
 /**
- * validValueOf32() for unsigned numbers of 16 bits: what u_valueOf16() reads.
+ * Read a number as u_valueOf16() and check, as validValueOf32(), that the text is its canonical form.
  * @param err   set to 0 or -1; may be NULL
  * @param text  text; NULL reads as 0
  * @return the number
@@ -164,7 +164,7 @@ VXUTILS_API uint16_t u_validValueOf16(int *err, const char *text);
 VXUTILS_API void validRangeValueOf32(int *err, const char *text, int32_t min, int32_t max);
 
 /**
- * validRangeValueOf32() for 16 bits.
+ * Check a text as validRangeValueOf32(), for numbers of 16 bits.
  * @param err   set to 0 or -1; NULL has no effect
  * @param text  text; NULL reads as 0
  * @param min   smallest number accepted
@@ -173,7 +173,7 @@ VXUTILS_API void validRangeValueOf32(int *err, const char *text, int32_t min, in
 VXUTILS_API void validRangeValueOf16(int *err, const char *text, int16_t min, int16_t max);
 
 /**
- * validRangeValueOf32() for unsigned numbers.
+ * Check a text as validRangeValueOf32(), for unsigned numbers.
  * @param err   set to 0 or -1; NULL has no effect
  * @param text  text; NULL reads as 0
  * @param min   smallest number accepted
@@ -182,7 +182,7 @@ VXUTILS_API void validRangeValueOf16(int *err, const char *text, int16_t min, in
 VXUTILS_API void u_validRangeValueOf32(int *err, const char *text, uint32_t min, uint32_t max);
 
 /**
- * validRangeValueOf32() for unsigned numbers of 16 bits.
+ * Check a text as validRangeValueOf32(), for unsigned numbers of 16 bits.
  * @param err   set to 0 or -1; NULL has no effect
  * @param text  text; NULL reads as 0
  * @param min   smallest number accepted
@@ -212,7 +212,7 @@ VXUTILS_API char *convBinToHex(uint32_t value, char *buf);
 VXUTILS_API void dataChunk2String(const uint32_t *words, char *out, unsigned int byteCount, unsigned int lineBytes);
 
 /**
- * Room in bytes, terminator included, that dataChunk2String() needs at most.
+ * Tell the room in bytes, terminator included, that dataChunk2String() needs at most.
  *
  * @param byteCount number of bytes to dump
  * @param lineBytes bytes to a line: a multiple of 4, or 0 for a single line; for another number the room may be short
@@ -221,7 +221,7 @@ VXUTILS_API void dataChunk2String(const uint32_t *words, char *out, unsigned int
 VXUTILS_API unsigned int nbrOfChars_forDataChunk2String(unsigned int byteCount, unsigned int lineBytes);
 
 /**
- * The smallest power of two that is not below a number.
+ * Find the smallest power of two that is not below a number.
  *
  * @param v number
  * @return 1 for 0; 0 when @p v is above 2^31

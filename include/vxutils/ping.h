@@ -50,8 +50,8 @@ VXUTILS_BEGIN_DECLS
 struct timespec;
 
 /**
- * Plain echo: an ICMP message of 64 bytes with identifier 0 and sequence number 1, on a raw ICMP socket bound to the
- * interface. RFC 792.
+ * Send a plain echo and wait for its reply: an ICMP message of 64 bytes with identifier 0 and sequence number 1, on a
+ * raw ICMP socket bound to the interface. RFC 792.
  *
  * @param interface  interface to send and receive on.
  * @param target     host to ping.
@@ -62,7 +62,7 @@ struct timespec;
 VXUTILS_API int icmpping(const char *interface, const char *target, unsigned int timeout_ms);
 
 /**
- * __rawping() with neither source nor netmask, 48 bytes, no round-trip time and no mark.
+ * Ping as __rawping() with neither source nor netmask, 48 bytes, no round-trip time and no mark.
  * @param interface   interface to send and receive on
  * @param target      host to ping
  * @param gateway     host to go through; NULL or empty for none
@@ -72,7 +72,7 @@ VXUTILS_API int icmpping(const char *interface, const char *target, unsigned int
 VXUTILS_API int rawping(const char *interface, const char *target, const char *gateway, unsigned int timeout_ms);
 
 /**
- * Echo at link level through a gateway, or else at IP level.
+ * Send an echo at link level through a gateway, or else at IP level, and wait for its reply.
  *
  * The link level is used when a gateway is given, the target lies outside the interface's subnet, the interface is not
  * point-to-point (neither @c IFF_POINTOPOINT nor @c IFF_NOARP), and the gateway's hardware address is known: its text

@@ -46,7 +46,7 @@ public:
     PingClient(const PingClient &) = delete;
     PingClient &operator=(const PingClient &) = delete;
 
-    /** cleanup() */
+    /** Call cleanup(). */
     virtual ~PingClient();
 
     /**
@@ -77,7 +77,7 @@ public:
     virtual void cleanup();
 
     /**
-     * Internet checksum (RFC 1071), in the byte order of the data.
+     * Compute the Internet checksum (RFC 1071), in the byte order of the data.
      *
      * @param data   bytes to sum up; an odd last byte is added unchanged.
      * @param length number of bytes; 0 or less sums up nothing.

@@ -44,16 +44,16 @@ VXUTILS_BEGIN_DECLS
 VXUTILS_API int pid_alive(int pid);
 
 /**
- * Parent of a process: the fourth word of "/proc/PID/stat". A program whose name holds a blank moves the words, so that
- * another word, or 0, comes back: known and left so.
+ * Tell the parent of a process: the fourth word of "/proc/PID/stat". A program whose name holds a blank moves the
+ * words, so that another word, or 0, comes back: known and left so.
  * @param pid process id.
  * @return the parent's process id; -1 when there is no such process or word.
  */
 VXUTILS_API int get_parent_pid(int pid);
 
 /**
- * Name of the program that started this one. Shells named "sh" are skipped, because a daemon that starts a program with
- * a shell's help is what the caller wants to know.
+ * Tell the name of the program that started this one. Shells named "sh" are skipped, because a daemon that starts a
+ * program with a shell's help is what the caller wants to know.
  *
  * At most three processes are looked at, from the parent upwards. Where the way ends in a process whose own parent is
  * init (or cannot be told), the result is that process's number, as "pid815".
@@ -65,7 +65,7 @@ VXUTILS_API int get_parent_pid(int pid);
 VXUTILS_API int get_caller(char *dst, size_t n);
 
 /**
- * First word of a process's command line, which is the path of its program.
+ * Tell the first word of a process's command line, which is the path of its program.
  *
  * When the command line begins with "sh" the text after these two letters is returned: nothing for a plain "sh",
  * "utdown" for "shutdown". Callers that look for what a shell was called with know of it.

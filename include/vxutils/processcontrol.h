@@ -44,7 +44,7 @@
 class VXUTILS_API ProcessEntry {
 public:
     /**
-     * A valid entry without successor.
+     * Make a valid entry without successor.
      * @param pid process id.
      * @param name NUL-terminated name, copied; NULL counts as empty.
      */
@@ -94,7 +94,7 @@ private:
  */
 class VXUTILS_API ProcessControl {
 public:
-    /** An empty list. */
+    /** Make an empty list. */
     ProcessControl();
 
     /** Call cleanup(). */

@@ -58,14 +58,14 @@ typedef struct sem_options sem_options;
 VXUTILS_API sem_options *sem_options_create(void);
 
 /**
- * A lock whose owner died is repaired by the next one that takes it. Null is ignored.
+ * Choose that a lock whose owner died is repaired by the next one that takes it. Null is ignored.
  * @param options  the options, or NULL
  */
 VXUTILS_API void semopt_set_consistent_mode_automatic(sem_options *options);
 
 /**
- * A lock whose owner died is lost for good once the next owner unlocks it: later attempts return @c ENOTRECOVERABLE.
- * Null is ignored.
+ * Choose that a lock whose owner died is lost for good once the next owner unlocks it: later attempts return @c
+ * ENOTRECOVERABLE. Null is ignored.
  * @param options  the options, or NULL
  */
 VXUTILS_API void semopt_set_consistent_mode_manual(sem_options *options);
@@ -106,16 +106,16 @@ VXUTILS_API sem_handle *sem_create(const char *name);
 VXUTILS_API int sem_lock(sem_handle *handle);
 
 /**
- * Give back one sem_lock(): 0, -1 as there, or an error number (@c EPERM: not the owner).
+ * Give back one sem_lock().
  * @param handle  from sem_create(); NULL gives -1
- * @return 0, -1 or an error number
+ * @return 0; -1 as sem_lock(); @c EPERM when another thread, or none, has the lock
  */
 VXUTILS_API int sem_unlock(sem_handle *handle);
 
 /**
- * sem_lock() without waiting: @c EBUSY when another thread has it.
+ * Take the lock if it can be had without waiting.
  * @param handle  from sem_create(); NULL gives -1
- * @return as sem_lock(), or EBUSY
+ * @return as sem_lock(); @c EBUSY when another thread has it
  */
 VXUTILS_API int sem_trylock(sem_handle *handle);
 

@@ -46,11 +46,11 @@
 /** A short message: a value that is copied and kept like any other. */
 class VXUTILS_API CSimpleSMS {
 public:
-    /** An empty message. */
+    /** Make an empty message. */
     CSimpleSMS();
 
     /**
-     * An outgoing message.
+     * Make an outgoing message.
      * @param number  recipient
      * @param text    body; a NUL byte ends it
      */

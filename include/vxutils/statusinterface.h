@@ -77,8 +77,8 @@ public:
     virtual ~StatusFifoObserver();
 
     /**
-     * Called with the next piece of the data. Where a message ends is not kept: one may come in several pieces, several
-     * may come in one. Deleting the FIFO from here is allowed, and making it again: nothing more of the old one arrives
+     * Handle the next piece of the data. Where a message ends is not kept: one may come in several pieces, several may
+     * come in one. Deleting the FIFO from here is allowed, and making it again: nothing more of the old one arrives
      * then, and its event has left the base when deleteIpcRxFifo() returns, so that a descriptor which is opened next
      * and gets the same number can be watched at once.
      * @param bev the FIFO's identifier, as a pointer.
@@ -91,7 +91,7 @@ public:
 /** One daemon's directory in a status tree. */
 class VXUTILS_API StatusInterface {
 public:
-    /** No directory yet: names are paths until setup(). */
+    /** Choose no directory yet: names are paths until setup(). */
     StatusInterface();
 
     /** Call cleanup(). */
@@ -159,7 +159,7 @@ public:
     void cleanup();
 
     /**
-     * What libevent calls when a FIFO has data: hands it to the observer in pieces of at most 99 bytes.
+     * Hand what a FIFO has received to the observer, called by libevent, in pieces of at most 99 bytes.
      * @param bev the FIFO's buffered event.
      * @param observer its StatusFifoObserver.
      */

@@ -55,7 +55,7 @@
 VXUTILS_BEGIN_DECLS
 
 /**
- * Zero-filled memory.
+ * Allocate zero-filled memory.
  *
  * @param size size in bytes
  * @return a block of @p size zero bytes, to be released with free(); NULL when there is no memory
@@ -63,7 +63,7 @@ VXUTILS_BEGIN_DECLS
 VXUTILS_API void *zalloc(size_t size);
 
 /**
- * Bounded copy: at most @p size - 1 characters and always a terminator.
+ * Copy a text into a buffer: at most @p size - 1 characters and always a terminator.
  *
  * @param dst  receives the text, @p size bytes; must not overlap @p src
  * @param src  text to copy

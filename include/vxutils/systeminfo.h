@@ -60,7 +60,7 @@ typedef struct systeminfo_table {
 VXUTILS_API systeminfo_table *systeminfo_init(void);
 
 /**
- * Value of a variable.
+ * Tell the value of a variable.
  * @param table  from systeminfo_init(), or NULL
  * @param name   name of the variable; NULL finds nothing
  * @return the value, valid as long as the table; "" when there is none, also for NULL. Never NULL.
@@ -68,7 +68,7 @@ VXUTILS_API systeminfo_table *systeminfo_init(void);
 VXUTILS_API const char *systeminfo_getvar(const systeminfo_table *table, const char *name);
 
 /**
- * Value of a variable as a number.
+ * Tell the value of a variable as a number.
  * @param table  from systeminfo_init(), or NULL
  * @param name   name of the variable; NULL finds nothing
  * @return what atoi() makes of the value, the nearest int when it is out of range; -1 when there is none or it is

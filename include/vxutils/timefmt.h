@@ -39,13 +39,13 @@
 VXUTILS_BEGIN_DECLS
 
 /**
- * System uptime.
+ * Tell the system's uptime.
  * @return whole seconds since the system was started.
  */
 VXUTILS_API long jiffy(void);
 
 /**
- * Time stamp in local time, as in "2024-02-29 23:59:59".
+ * Write a time stamp in local time, as in "2024-02-29 23:59:59".
  * @param t seconds since 1970 (UTC); NULL means now.
  * @return static text, valid until the next call; "1970-01-01 00:00:00" for a time whose year no calendar record holds.
  */
@@ -65,7 +65,7 @@ VXUTILS_API const char *timeformat(const time_t *t);
 VXUTILS_API time_t timeparse(const char *text);
 
 /**
- * Difference of two times with tv_nsec between 0 and 999999999.
+ * Compute the difference of two times with tv_nsec between 0 and 999999999.
  * @param start  earlier time
  * @param end    later time
  * @return @p end minus @p start; a negative difference has negative seconds and, as everywhere, nanoseconds that count
@@ -74,7 +74,7 @@ VXUTILS_API time_t timeparse(const char *text);
 VXUTILS_API struct timespec diffts(struct timespec start, struct timespec end);
 
 /**
- * Microseconds from @p start to @p end.
+ * Compute the microseconds from @p start to @p end.
  * @param start  earlier time
  * @param end    later time
  * @return the difference, negative when @p end is the earlier one; nanoseconds are cut toward zero.
@@ -82,30 +82,30 @@ VXUTILS_API struct timespec diffts(struct timespec start, struct timespec end);
 VXUTILS_API int64_t uselapsed(struct timespec start, struct timespec end);
 
 /**
- * A short id: the time in its high half, random() in its low half. Neither half is ever 0xFFFF. Seeding random() is up
- * to the program; an unseeded one gives the same low halves after every start.
+ * Make a short id: the time in its high half, random() in its low half. Neither half is ever 0xFFFF. Seeding random()
+ * is up to the program; an unseeded one gives the same low halves after every start.
  * @return the id.
  */
 VXUTILS_API uint32_t mkid(void);
 
 /**
- * A size with its unit, "B", "KB", "MB", "GB" or "TB", each 1024 of the one before: at most four digits before a unit
- * below "TB".
+ * Write a size with its unit, "B", "KB", "MB", "GB" or "TB", each 1024 of the one before: at most four digits before a
+ * unit below "TB".
  * @param bytes a count of bytes; negative ones are printed in bytes.
  * @return static text, valid until the next call, as "9999 B" or "100 MB".
  */
 VXUTILS_API const char *format_size(int64_t bytes);
 
 /**
- * A transfer rate in "Kbit/s", "Mbit/s", "Gbit/s" or "Tbit/s" (each 1024 of the one before) with one decimal.
+ * Write a transfer rate in "Kbit/s", "Mbit/s", "Gbit/s" or "Tbit/s" (each 1024 of the one before) with one decimal.
  * @param bytes_per_second a rate in bytes per second. Negative ones give some text that means nothing.
  * @return static text, valid until the next call, as "7.8 Kbit/s".
  */
 VXUTILS_API const char *format_rate(int64_t bytes_per_second);
 
 /**
- * Raw text between the first "<tag>" of a document and the first "</tag>" after it. Attributes, nesting and entities
- * are unknown to it, and white space stays.
+ * Find the raw text between the first "<tag>" of a document and the first "</tag>" after it. Attributes, nesting and
+ * entities are unknown to it, and white space stays.
  * @param document NUL-terminated text. It must not be this function's own previous result, which is cleared first.
  * @param tag name of the element, without brackets.
  * @return static text of at most 1023 characters less the closing tag, valid until the next call and free to be changed

@@ -68,7 +68,7 @@ public:
     /** @name Construction and assignment
      * @{ */
 
-    /** The shared empty buffer. */
+    /** Share the empty buffer. */
     String();
 
     /**
@@ -78,27 +78,27 @@ public:
     VXUTILS_API String(const String &other) : buffer_(other.buffer_) { ++buffer_->refCount; }
 
     /**
-     * One character, in a block of capacity 7; NUL gives the shared empty buffer.
+     * Hold one character, in a block of capacity 7; NUL gives the shared empty buffer.
      * @param c  the character
      */
     String(char c);
 
     /**
-     * A copy of @p s; NULL or an empty text gives the shared empty buffer.
+     * Copy @p s; NULL or an empty text gives the shared empty buffer.
      * @param s  the text
      */
     String(const char *s);
 
     /**
-     * A copy of @p s in a block made for at least @p capacity bytes, so that it can grow without moving.
-     * An empty @p s gets a block as well; only NULL gives the shared empty buffer.
+     * Copy @p s into a block made for at least @p capacity bytes, so that it can grow without moving. An empty @p s
+     * gets a block as well; only NULL gives the shared empty buffer.
      * @param s         the text
      * @param capacity  bytes that have to fit
      */
     String(const char *s, long capacity);
 
     /**
-     * A piece of @p s: @p count bytes from @p start on, or as many as there are.
+     * Copy a piece of @p s: @p count bytes from @p start on, or as many as there are.
      * @param s     NULL gives the shared empty buffer.
      * @param start where the piece begins; a negative value counts as 0, one after the end as the end.
      * @param count most bytes to copy, which are not reduced by a negative @p start.
@@ -112,7 +112,7 @@ public:
     /** Share the other's block; nothing when both are the same object. */
     String &operator=(const String &other);
 
-    /** One character, always in a new block of capacity 7; NUL gives the shared empty buffer. */
+    /** Hold one character, always in a new block of capacity 7; NUL gives the shared empty buffer. */
     String &operator=(char c);
 
     /** A copy of @p s, in place where the own block is unshared and large enough; NULL gives the shared empty buffer.
@@ -140,25 +140,25 @@ public:
      */
     static String stringOf(const char *s, long start, long count);
     /**
-     * The number in decimal.
+     * Write the number in decimal.
      * @param number  the number
      * @return the new String
      */
     static String stringOf(long number);
     /**
-     * The number in decimal.
+     * Write the number in decimal.
      * @param number  the number
      * @return the new String
      */
     static String stringOf(unsigned long number);
     /**
-     * The address as the system's `printf` shows it with `%p`.
+     * Write the address as the system's `printf` shows it with `%p`.
      * @param pointer  the address
      * @return the new String
      */
     static String stringOf(void *pointer);
     /**
-     * "true" or "false".
+     * Write "true" or "false".
      * @param value  the value
      * @return the new String
      */
@@ -178,14 +178,14 @@ public:
     const char *c_str() const { return buffer_->text; }
 
     /**
-     * Order of two texts, seen from the argument: positive when @p other sorts after this text, 0 when they are equal,
+     * Compare two texts, seen from the argument: positive when @p other sorts after this text, 0 when they are equal,
      * negative when it sorts before it (`strcmp(other, this)`).
      * @param other  the other String
      * @return the order
      */
     int compareTo(const String &other) const;
     /**
-     * The same with `stricmp`: -1, 0 or 1.
+     * Compare two texts with `stricmp`, as compareTo().
      * @param other  the other String
      * @return -1, 0 or 1
      */
@@ -268,7 +268,7 @@ public:
     const String &operator*() const;
 
     /**
-     * The number at the beginning of the text as `sscanf` reads it with `%i`: decimal, octal after "0", hexadecimal
+     * Read the number at the beginning of the text as `sscanf` does with `%i`: decimal, octal after "0", hexadecimal
      * after "0x".
      * @return the nearest int when the number is out of range; -1 when there is no number.
      */
@@ -281,8 +281,8 @@ public:
     String substring(long begin) const;
 
     /**
-     * The piece from @p begin up to, not including, @p end.  A negative @p begin starts at 0 without shortening the
-     * piece: `substring(-2, 3)` gives the first five bytes.
+     * Copy the piece from @p begin up to, not including, @p end.  A negative @p begin starts at 0 without shortening
+     * the piece: `substring(-2, 3)` gives the first five bytes.
      * @param begin  position of the first byte
      * @param end    position after the last byte
      * @return the piece; empty unless @p begin is below @p end and below the length.
@@ -295,26 +295,26 @@ public:
      * @{ */
 
     /**
-     * First @p c; none for NUL.
+     * Find the first @p c; none for NUL.
      * @param c  character to look for
      * @return the position, or -1
      */
     long indexOf(char c) const;
     /**
-     * First @p c at or after @p from; a negative @p from counts as 0.
+     * Find the first @p c at or after @p from; a negative @p from counts as 0.
      * @param c     character to look for
      * @param from  position to start at
      * @return the position, or -1
      */
     long indexOf(char c, long from) const;
     /**
-     * First place where @p s is; an empty @p s is at 0.
+     * Find the first place where @p s is; an empty @p s is at 0.
      * @param s  text to look for
      * @return the position, or -1
      */
     long indexOf(const String &s) const;
     /**
-     * First place at or after @p from where @p s is; a negative @p from counts as 0.
+     * Find the first place at or after @p from where @p s is; a negative @p from counts as 0.
      * @param s     text to look for
      * @param from  position to start at
      * @return the position, or -1
@@ -335,26 +335,26 @@ public:
     long indexOfIgnoreCase(const String &s, long from) const;
 
     /**
-     * Last @p c.
+     * Find the last @p c.
      * @param c  character to look for
      * @return the position, or a negative number
      */
     long lastIndexOf(char c) const;
     /**
-     * Last @p c at or before @p from; none for a negative @p from.
+     * Find the last @p c at or before @p from; none for a negative @p from.
      * @param c     character to look for
      * @param from  position to start at
      * @return the position, or a negative number
      */
     long lastIndexOf(char c, long from) const;
     /**
-     * Last place where @p s is; an empty @p s is at the end.
+     * Find the last place where @p s is; an empty @p s is at the end.
      * @param s  text to look for
      * @return for an @p s longer than the text the difference of the lengths: negative, and not always -1.
      */
     long lastIndexOf(const String &s) const;
     /**
-     * Last place at or before @p from; none for a negative @p from; a longer @p s as above.
+     * Find the last place at or before @p from; none for a negative @p from; a longer @p s as above.
      * @param s     text to look for
      * @param from  position to start at
      * @return the position, or a negative number

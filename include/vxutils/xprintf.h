@@ -76,7 +76,7 @@ VXUTILS_BEGIN_DECLS
 VXUTILS_API int vsnxprintf(char *buf, int skip, size_t size, const char *fmt, va_list ap) VXUTILS_PRINTF(4, 0);
 
 /**
- * vsnxprintf() with the arguments in place.
+ * Format as vsnxprintf(), with the arguments in place.
  * @param buf   receives the text
  * @param skip  number of leading characters to leave out
  * @param size  size of @p buf in bytes
@@ -86,7 +86,7 @@ VXUTILS_API int vsnxprintf(char *buf, int skip, size_t size, const char *fmt, va
 VXUTILS_API int snxprintf(char *buf, int skip, size_t size, const char *fmt, ...) VXUTILS_PRINTF(4, 5);
 
 /**
- * Length of the whole formatted text.
+ * Measure the whole formatted text.
  *
  * @param fmt format; NULL counts as empty
  * @param ap  arguments; indeterminate afterwards
@@ -95,7 +95,7 @@ VXUTILS_API int snxprintf(char *buf, int skip, size_t size, const char *fmt, ...
 VXUTILS_API int vstrlenf(const char *fmt, va_list ap) VXUTILS_PRINTF(1, 0);
 
 /**
- * vstrlenf() with the arguments in place.
+ * Measure as vstrlenf(), with the arguments in place.
  * @param fmt  format; NULL counts as empty
  * @return as vstrlenf()
  */
