@@ -55,7 +55,7 @@ bool addressesDiffer(const sockaddr *a, const sockaddr *b, size_t size6) {
     }
 }
 
-// Four numbers below 256 and three points. No leading zeros: to some readers they mean base eight.
+// Reads four numbers below 256 and three points. No leading zeros: to some readers they mean base eight.
 bool parse4(const char *text, std::array<unsigned char, 4> &address) {
     const auto *next = reinterpret_cast<const unsigned char *>(text);
     for (size_t i = 0;; ++i) {

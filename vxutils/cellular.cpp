@@ -41,8 +41,8 @@ constexpr size_t providerLineLength = 1024;
 
 char provider[64];
 
-// What may become part of a command; not by the locale's notion of a letter. A word that begins with a dash would be
-// an option of the tool.
+// Tells what may become part of a command; not by the locale's notion of a letter. A word that begins with a dash would
+// be an option of the tool.
 bool isNetworkText(std::string_view text) {
     constexpr std::string_view allowed = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789 .-_+";
     if (text.find_first_not_of(allowed) != std::string_view::npos) return false;

@@ -88,7 +88,7 @@ bool inPool(const Index *index, const cfread_entry *entry) {
     return false;
 }
 
-// Null when there is no memory.
+// Returns null when there is no memory.
 char *takeFromPool(Index &index, size_t size) {
     size = (size + alignof(cfread_entry) - 1) / alignof(cfread_entry) * alignof(cfread_entry);
     if (index.pool == nullptr || index.pool->size - index.poolUsed < size) {
@@ -111,7 +111,7 @@ char *copyTo(char *memory, std::string_view text) {
 
 char *copyText(std::string_view text) { return copyTo(static_cast<char *>(std::malloc(text.size() + 1)), text); }
 
-// What strtol() gives on the target, whose long has 32 bits and whose two saturated results count as no number.
+// Returns what strtol() gives on the target, whose long has 32 bits and whose two saturated results count as no number.
 int integerValue(std::string_view value) {
     if (value == "true") return 1;
     if (value == "false") return 0;
@@ -128,7 +128,7 @@ int integerValue(std::string_view value) {
     return number >= saturated ? -1 : static_cast<int>(number);
 }
 
-// An entry and its texts, side by side; they must be short, as those of a file are. Null when there is no memory.
+// Makes an entry and its texts, side by side; they must be short, as those of a file are. Null when there is no memory.
 cfread_entry *pooledEntry(Index &index, std::string_view key, std::string_view value) {
     char *memory = takeFromPool(index, sizeof(cfread_entry) + key.size() + 1 + value.size() + 1);
     if (memory == nullptr) return nullptr;
@@ -167,7 +167,7 @@ void renewCells(cfread_table &table, Index &index) {
     }
 }
 
-// The table's private part, with room for one entry more; null when there is no memory for it.
+// Returns the table's private part, with room for one entry more; null when there is no memory for it.
 Index *privatePart(cfread_table &table) {
     if (table.index == nullptr) {
         table.index = static_cast<Index *>(zalloc(sizeof(Index)));
@@ -186,7 +186,7 @@ bool slotHolds(const cfread_table &table, int slot, const char *key) {
     return slot < table.size && table.entries[slot] != nullptr && std::strcmp(table.entries[slot]->key, key) == 0;
 }
 
-// The cell of the key's slot, null when there is none. Only in a searchable table.
+// Returns the cell of the key's slot, null when there is none. Only in a searchable table.
 Cell *findCell(const cfread_table &table, const char *key, uint32_t hash) {
     const Index &index = *table.index;
     for (uint32_t at = hash;; ++at) {
@@ -196,7 +196,7 @@ Cell *findCell(const cfread_table &table, const char *key, uint32_t hash) {
     }
 }
 
-// Slot of a key, -1 when there is none.
+// Returns the slot of a key, -1 when there is none.
 int findSlot(const cfread_table &table, const char *key, uint32_t hash) {
     if (searchable(table)) {
         const Cell *cell = findCell(table, key, hash);
@@ -223,7 +223,7 @@ EntryPtr takeOut(cfread_table &table, int slot) {
     return EntryPtr(inPool(table.index, entry) ? nullptr : entry);
 }
 
-// 64 more slots, all free. The memory grows in larger steps, so that the cost of an entry does not depend on their
+// Adds 64 slots, all free. The memory grows in larger steps, so that the cost of an entry does not depend on their
 // number.
 bool growSlots(cfread_table &table) {
     const int size = static_cast<int>(static_cast<unsigned int>(table.size) + slotStep);
@@ -246,7 +246,7 @@ bool growSlots(cfread_table &table) {
     return true;
 }
 
-// The lowest free slot; -1 when there is none and no memory for more.
+// Returns the lowest free slot; -1 when there is none and no memory for more.
 int freeSlot(cfread_table &table) {
     int slot = table.index != nullptr ? table.index->lowestFree : 0;
     while (slot < table.size && table.entries[slot] != nullptr) ++slot;
@@ -326,8 +326,8 @@ struct Parts {
     std::string_view value;
 };
 
-// Key and value of an ordinary line, without bytes above 127, NUL or carriage return, NUL-terminated in place; an empty
-// value for any line that is not ordinary, which Reader::parseEntry() takes apart byte by byte.
+// Returns key and value of an ordinary line, without bytes above 127, NUL or carriage return, NUL-terminated in place;
+// an empty value for any line that is not ordinary, which Reader::parseEntry() takes apart byte by byte.
 // Quirk Q36.
 Parts plainParts(std::span<char> line) {
     char *newline = line.data() + line.size() - 1;
@@ -372,7 +372,7 @@ public:
     Reader(const Reader &) = delete;
     Reader &operator=(const Reader &) = delete;
 
-    // 0, or -1 when something failed; that has been logged then.
+    // Returns 0, or -1 when something failed; that has been logged then.
     int read(const char *file) {
         if (file == nullptr || *file == '\0') {
             vx::log(LOG_ERR, "cfread: no config file given");
@@ -393,7 +393,8 @@ public:
     }
 
 private:
-    // The failures, logged when all files are closed: the system log may need a descriptor when there is none left.
+    // Keeps the failures, which are logged when all files are closed: the system log may need a descriptor when there
+    // is none left.
     bool cannotOpen(const char *name) {
         closeAll();
         vx::log(LOG_ERR, "cfread: unable to open %s", name);
@@ -474,7 +475,7 @@ private:
         return enter(opened, std::move(path));
     }
 
-    // Path of an included file, null when a part of it is too long or there is no memory.
+    // Returns the path of an included file, null when a part of it is too long or there is no memory.
     vx::MallocText pathOf(const char *name) const {
         const size_t length = std::strlen(name);
         if (*name == '/') return vx::MallocText(length > pathMax ? nullptr : ::strdup(name));

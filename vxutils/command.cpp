@@ -128,7 +128,7 @@ private:
     int *record_ = nullptr;
 };
 
-// False when there are too many. Words of an exec vector are never written to, whatever its type says.
+// Returns false when there are too many. Words of an exec vector are never written to, whatever its type says.
 bool collectArguments(Arguments &arguments, const char *arg0, va_list words) {
     arguments[0] = const_cast<char *>(arg0);
     if (arg0 == nullptr) return true;
@@ -236,7 +236,7 @@ public:
           argumentSize_(std::strlen(line) + 1),
           arguments_(static_cast<char **>(std::calloc(mostArguments, sizeof(char *)))) {}
 
-    // False for an unterminated quote, too many arguments, or lack of memory.
+    // Returns false for an unterminated quote, too many arguments, or lack of memory.
     bool split() {
         if (!arguments_) return false;
         for (const char *at = line_; *at != '\0'; ++at) {

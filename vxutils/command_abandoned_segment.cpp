@@ -34,7 +34,7 @@ struct Segment {
     long long made_s;  // wall-clock time
 };
 
-// From the kernel's table, which shows the segments of other users, too.
+// Looks into the kernel's table, which shows the segments of other users, too.
 std::optional<Segment> findSegment(key_t key) {
     const Fd table(retryEintr([] { return ::open(segmentTable, O_RDONLY | O_CLOEXEC); }));
     LineBuffer lines;

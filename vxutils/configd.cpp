@@ -66,7 +66,7 @@ static_assert(offsetof(Query, entry) == 0 && offsetof(configd_entry, list) == 0)
 
 configd_entry *entryOf(list_link *link) { return reinterpret_cast<configd_entry *>(link); }
 
-// The first link of the list, null when there is none; a caller's own zeroed handle counts as empty.
+// Returns the first link of the list, null when there is none; a caller's own zeroed handle counts as empty.
 list_link *firstLink(configd_handle *handle) {
     list_link *first = handle->queries.next;
     return first == &handle->queries ? nullptr : first;
@@ -95,8 +95,8 @@ Place findQuery(configd_handle *handle, std::string_view key, uint32_t hash) {
 
 using Key = std::array<char, queryKeySize>;
 
-// What the format yields, cut to what fits into the room; empty when that cannot be a key. Most keys are plain texts,
-// and a cached value is read often: a format without conversions is not copied.
+// Writes what the format yields, cut to what fits into the room; empty when that cannot be a key. Most keys are plain
+// texts, and a cached value is read often: a format without conversions is not copied.
 __attribute__((format(printf, 2, 0))) std::string_view makeKey(Key &room, const char *format, va_list args) {
     const std::string_view plain = format;
     if (plain.find('%') == std::string_view::npos) return plain.substr(0, room.size() - 1);
@@ -128,7 +128,7 @@ sockaddr_un addressOf(const char *path) {
     return address;
 }
 
-// Whether one was there.
+// Tells whether one was there.
 bool removeSocketFile(const char *path) {
     if (::access(path, R_OK) == -1) return false;
     ::unlink(path);
@@ -169,8 +169,8 @@ void distrust(const configd_handle *handle) {
 // The daemon has been seen to answer more than once: each answer uses up the name it came to.
 std::atomic<bool> answersAreRepeated{false};
 
-// Number of a name that no socket had before. Odd, unlike the address of a handle; they rise with the clock, so that a
-// later process with the same id does not repeat them.
+// Returns the number of a name that no socket had before. Odd, unlike the address of a handle; they rise with the
+// clock, so that a later process with the same id does not repeat them.
 uint64_t nextNumber() {
     static std::atomic<uint64_t> latestNumber{0};
     const auto now = static_cast<uint64_t>(Clock::now().time_since_epoch().count());
@@ -297,8 +297,8 @@ bool isEmpty(int fd) {
     return vx::retryEintr([&] { return ::recv(fd, &byte, sizeof byte, MSG_DONTWAIT | MSG_PEEK); }) == -1;
 }
 
-// Whether an answer of the daemon was among what waited in the connected socket, which is empty afterwards, unless a
-// daemon sends without end.
+// Tells whether an answer of the daemon was among what waited in the connected socket, which is empty afterwards,
+// unless a daemon sends without end.
 bool discardAnswers(int fd) {
     bool found = false;
     for (int discarded = 0; discarded < mostDiscarded; ++discarded) {
@@ -343,7 +343,7 @@ ssize_t sendAfter(Prepare prepare, configd_handle *handle, const char *data, int
     return send();
 }
 
-// False (and logged) when the request did not get out whole.
+// Returns false (and logs) when the request did not get out whole.
 bool sendRequest(configd_handle *handle, const char *request, int length) {
     if (sendAfter(prepareExchange, handle, request, length) >= length) return true;
     vx::log(LOG_ERR, "unable to send query to configd");
@@ -361,7 +361,7 @@ int gaveUp(configd_handle *handle, int result) {
     return reconnected(handle, result);
 }
 
-// Text of a record's field, which a caller may have filled to its last byte.
+// Returns the text of a record's field, which a caller may have filled to its last byte.
 template <size_t size>
 std::string_view fieldText(const char (&field)[size]) {
     return {field, ::strnlen(field, size)};
@@ -401,7 +401,7 @@ int getQueries(configd_handle *handle) {
     return 0;
 }
 
-// Memory for a handle, best where none was whose name is not to be used again.
+// Returns memory for a handle, best where none was whose name is not to be used again.
 configd_handle *newHandle() {
     auto *handle = static_cast<configd_handle *>(zalloc(sizeof(configd_handle)));
     if (handle == nullptr || !isListed(handle)) return handle;

@@ -98,7 +98,7 @@ public:
         return static_cast<const Value *>(Filler::valueAt(place));
     }
 
-    // False, with the message, when the key is there.
+    // Returns false, with the message, when the key is there.
     bool add(std::string_view key, std::string_view text) {
         const Filler::Place place = Filler::find(*this, key.data(), key.size());
         if (Filler::taken(place)) {

@@ -6,8 +6,8 @@
 
 namespace vx {
 
-// The lowest number that no other thread that is alive has. The first call of a thread throws std::bad_alloc without
-// memory. What a thread did before its end happened before what the next thread of its number does.
+// Returns the lowest number that no other thread that is alive has. The first call of a thread throws std::bad_alloc
+// without memory. What a thread did before its end happened before what the next thread of its number does.
 size_t threadNumber();
 
 // An object that one thread uses without locking and another one may give up.

@@ -40,7 +40,7 @@ struct Name {
     const char *shown;
 };
 
-// The directory that is to hold a file: there, or made.
+// Makes the directory that is to hold a file, where it is missing.
 int ensureFolderOf(const char *file) {
     const MallocText copy(strdup(file));
     if (!copy) return -1;
@@ -79,8 +79,8 @@ int cannotOpenTarget(const char *shown) {
     return -1;
 }
 
-// The mode of a copy. A copy belongs to the user who makes it: another user's program must not become one that runs
-// with this user's rights.
+// Returns the mode of a copy. A copy belongs to the user who makes it: another user's program must not become one that
+// runs with this user's rights.
 mode_t modeOfCopy(const struct stat &source) {
     const mode_t foreign =
         (source.st_uid != ::geteuid() ? S_ISUID : 0U) | (source.st_gid != ::getegid() ? S_ISGID : 0U);
@@ -125,7 +125,7 @@ Fd openCopy(int directory, const char *name) {
     return Fd(::openat(directory, name, O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
 }
 
-// Whether a directory lies in a tree, or is its top.
+// Tells whether a directory lies in a tree, or is its top.
 bool isInside(Fd directory, const struct stat &top) {
     struct stat status {};
     if (::fstat(directory.get(), &status) == -1) return false;
@@ -204,7 +204,7 @@ bool TreeCopy::copyFile(const char *name) {
     return from.valid() && transfer(from, status, {to_.here().get(), name, dst_.c_str()}) == 0;
 }
 
-// Whether a copy would lie in the tree that it is a copy of, and so have no end.
+// Tells whether a copy would lie in the tree that it is a copy of, and so have no end.
 bool hasNoEnd(const vx::LastComponent &dst, const struct stat &source) {
     constexpr int flags = O_PATH | O_DIRECTORY | O_CLOEXEC;
     Fd copy(::openat(dst.directory(), dst.name(), flags | O_NOFOLLOW));

@@ -73,7 +73,7 @@ int tryLock(pthread_mutex_t *mutex) {
     return result == ETIMEDOUT ? EBUSY : result;
 }
 
-// What a killed creator leaves: an object that is too short, or zeros where no mutex has any.
+// Recognises what a killed creator leaves: an object that is too short, or zeros where no mutex has any.
 bool unfinished(const vx::Fd &fd) {
     std::array<char, sharedSize> content{};
     const ssize_t got = ::pread(fd.get(), content.data(), content.size(), 0);
@@ -82,9 +82,10 @@ bool unfinished(const vx::Fd &fd) {
            std::all_of(content.begin(), content.end(), [](char byte) { return byte == 0; });
 }
 
-// The shared object, made where it is missing; `status` receives its status and `create` whether its mutex is still to
-// be made. A process that can write the object can make its users write anywhere in their memory, and one that can
-// shorten it can end them: a stranger's object is refused. O_NONBLOCK keeps a stranger's lease from delaying the call.
+// Opens the shared object, made where it is missing; `status` receives its status and `create` whether its mutex is
+// still to be made. A process that can write the object can make its users write anywhere in their memory, and one that
+// can shorten it can end them: a stranger's object is refused. O_NONBLOCK keeps a stranger's lease from delaying the
+// call.
 vx::Fd openShared(const std::string &name, struct stat &status, bool &create) {
     vx::Fd fd(::shm_open(name.c_str(), O_RDWR | O_NONBLOCK, 0));
     create = !fd.valid() && errno == ENOENT;

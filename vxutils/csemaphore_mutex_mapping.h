@@ -10,8 +10,8 @@
 
 namespace vx {
 
-// The mutex at the start of the object open as `fd`, whose status is `status`; null with errno set when it cannot be
-// mapped. Throws std::bad_alloc. Every result is given back by one releaseMutex().
+// Returns the mutex at the start of the object open as `fd`, whose status is `status`; null with errno set when it
+// cannot be mapped. Throws std::bad_alloc. Every result is given back by one releaseMutex().
 pthread_mutex_t *mapMutex(int fd, const struct stat &status);
 
 // The last release unmaps the object, unless a thread of this process still holds the mutex: then it stays, so that the

@@ -105,7 +105,7 @@ void takeEnd(State &state, unsigned char (&buffer)[blockSize], size_t buffered, 
     wipe(buffer);
 }
 
-// The same two words as bytes.
+// Returns the same two words as bytes.
 std::array<unsigned char, countSize> countBytes(uint32_t first, uint32_t second) {
     std::array<unsigned char, countSize> bytes;
     storeWord(bytes.data(), first);
@@ -136,7 +136,7 @@ constexpr uint32_t md5Sines[64] = {  // the integer part of 2^32 * |sin(i + 1)|
     0xf4292244, 0x432aff97, 0xab9423a7, 0xfc93a039, 0x655b59c3, 0x8f0ccc92, 0xffeff47d, 0x85845dd1,
     0x6fa87e4f, 0xfe2ce6e0, 0xa3014314, 0x4e0811a1, 0xf7537e82, 0xbd3af235, 0x2ad7d2bb, 0xeb86d391};
 
-// One of the 64 steps.  The four words change their roles from step to step.  Everything that does not need b, the
+// Does one of the 64 steps. The four words change their roles from step to step. Everything that does not need b, the
 // result of the step before, is added first, because the steps wait for one another there.
 template <size_t i>
 [[gnu::always_inline]] inline void md5Step(uint32_t (&words)[4], const unsigned char *block) {
@@ -182,7 +182,7 @@ void md5TransformAll(uint32_t (&state)[4], const unsigned char *blocks, size_t c
 constexpr uint32_t sha1Initial[5] = {0x67452301, 0xefcdab89, 0x98badcfe, 0x10325476, 0xc3d2e1f0};
 constexpr uint32_t sha1Constants[4] = {0x5a827999, 0x6ed9eba1, 0x8f1bbcdc, 0xca62c1d6};
 
-// One of the 80 steps; the schedule keeps the last 16 message words.
+// Does one of the 80 steps; the schedule keeps the last 16 message words.
 template <size_t i>
 [[gnu::always_inline]] inline void sha1Step(uint32_t (&words)[5], uint32_t (&schedule)[16],
                                             const unsigned char *block) {
@@ -237,7 +237,7 @@ void sha1TransformAll(uint32_t (&state)[5], const unsigned char *blocks, size_t 
     wipe(schedule);
 }
 
-// The length that getHash() is to write: what is asked for, where there is so much.
+// Returns the length that getHash() is to write: what is asked for, where there is so much.
 uint32_t cappedLength(unsigned long asked, unsigned long complete) {
     return static_cast<uint32_t>(asked >= 1 && asked <= complete ? asked : complete);
 }

@@ -58,7 +58,7 @@ public:
     LinePath(const LinePath &) = delete;
     LinePath &operator=(const LinePath &) = delete;
 
-    // False, with a message, when there cannot be such a line.
+    // Returns false, with a message, when there cannot be such a line.
     bool set(std::string_view prefix, unsigned int line, std::string_view file) {
         if (!inRange(line)) return false;
         append(tree);
@@ -142,7 +142,8 @@ private:
     vx::Fd fd_;
 };
 
-// Whether a directory entry is a line: the prefix, one or two digits, and a directory that can be read and searched.
+// Tells whether a directory entry is a line: the prefix, one or two digits, and a directory that can be read and
+// searched.
 bool dio_isDioDirent(const dirent *entry, std::string_view prefix) {
     VX_ASSERT(entry != nullptr, "entry != NULL", source);
     const std::string_view name = entry->d_name;
@@ -189,7 +190,7 @@ int dio_value(std::string_view prefix, unsigned int line, unsigned char *on) {
     return opened == DIO_OK ? file.readValue(*on) : opened;
 }
 
-// What a machine with 32-bit longs makes of a number: too large a one is the largest, a negative one wraps.
+// Returns what a machine with 32-bit longs makes of a number: too large a one is the largest, a negative one wraps.
 uint32_t to32Bits(unsigned long number) {
     constexpr unsigned long largest = std::numeric_limits<uint32_t>::max();
     const bool negative = -number <= largest;
@@ -213,14 +214,14 @@ int readFrequency(FILE *file, const LinePath &path, dio_frequency_record *record
     return DIO_OK;
 }
 
-// Result of a refused "1" or "0".
+// Returns the result of a refused "1" or "0".
 int switchFailure(unsigned int on) {
     if (errno == EEXIST && on != 0) return DIO_ACTIVE;
     if (errno == ENOENT && on == 0) return DIO_INACTIVE;
     return DIO_SYSTEM;
 }
 
-// Result of a refused probe.
+// Returns the result of a refused probe.
 // Quirk Q85.
 int probeFailure(unsigned char *active) {
     if (errno == 0) return DIO_SYSTEM;  // a short write

@@ -13,8 +13,8 @@ struct Frequency {
     int64_t second;
 };
 
-// Outcome of reading the three numbers: their count, or EOF when the file ended or failed before the first.
-// `frequency` is written for three numbers only.
+// Reads the three numbers. Returns their count, or EOF when the file ended or failed before the first. `frequency` is
+// written for three numbers only.
 int scanFrequency(FILE *file, Frequency &frequency);
 
 }  // namespace vx

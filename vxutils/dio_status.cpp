@@ -22,7 +22,7 @@ struct IndexMask {
     uint8_t mask;
 };
 
-// None for lines 97 to 99, whose bits would lie in the neighbouring half.
+// Returns nothing for lines 97 to 99, whose bits would lie in the neighbouring half.
 // Quirk Q87.
 std::optional<IndexMask> bitOf(unsigned int dio) {
     const size_t index = (dio - 1) / 8;

@@ -37,7 +37,7 @@ int cannotMake(const char *shown) {
     return -1;
 }
 
-// Whether what is in a directory's place will do.
+// Tells whether what is in a directory's place will do.
 // Quirk Q23.
 int acceptExisting(int directory, const char *name, const char *shown) {
     struct stat status;
@@ -65,7 +65,7 @@ int makeDirectory(int directory, const char *name, const char *shown, Fd &made) 
     return errno == EEXIST ? acceptExisting(directory, name, shown) : cannotMake(shown);
 }
 
-// The same in a directory that this call has made, which `above` is open for. Goes on to the directory itself.
+// Does the same in a directory that this call has made, which `above` is open for. Goes on to the directory itself.
 int makeBelow(Fd &above, const char *name, const char *shown) {
     if (*name == '\0') return 0;
     Fd made;

@@ -318,7 +318,7 @@ int CEPollEventsource::onCommand() {
     return 1;
 }
 
-// An event of a descriptor that is not registered. It may come from a file that was registered under this number,
+// Drops an event of a descriptor that is not registered. It may come from a file that was registered under this number,
 // closed, and kept open by a duplicate; then the number may belong to another file by now. Only what the epoll set
 // knows by this number is closed.
 // Quirk Q63.
@@ -378,7 +378,8 @@ void CEPollEventsource::forgetTimer(TimerMap::iterator timer) {
 
 // Looks at one descriptor after the other: three instructions each. An index by sink would have to be kept in step, and
 // with fewer than 120 descriptors that costs more than it saves (380 of 1180 instructions of addTimer() and
-// removeTimer() on the board). Quirk Q65.
+// removeTimer() on the board).
+// Quirk Q65.
 int CEPollEventsource::lowestTimerOf(const ITimeoutEventsink *sink) const {
     const std::vector<Watched> &low = tables().byNumber;
     const auto found = std::find_if(low.begin(), low.end(), [=](const Watched &one) { return one.timer == sink; });

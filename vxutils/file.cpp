@@ -68,7 +68,7 @@ MallocText temporaryName(const char *path) {
     return name;
 }
 
-// One write and no more: the kernel's attributes take each as a command. A short one counts as failed.
+// Writes once and no more: the kernel's attributes take each as a command. A short one counts as failed.
 bool writeWhole(const Fd &fd, const void *data, size_t size) {
     const ssize_t written = ::write(fd.get(), data, size);
     return written >= 0 && static_cast<size_t>(written) == size;
@@ -207,7 +207,7 @@ char *readText(const char *name, char *buf, size_t size) {
     return stripwhite(buf);
 }
 
-// Up to the first line end or NUL byte; null without memory.
+// Copies up to the first line end or NUL byte; null without memory.
 char *copyOfLine(std::span<const char> line) {
     const size_t length = line.back() == '\n' ? line.size() - 1 : line.size();
     const void *end = std::memchr(line.data(), '\r', length);

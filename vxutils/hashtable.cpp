@@ -27,7 +27,7 @@ namespace {
 constexpr uint64_t fewestBuckets = 2;
 constexpr uint64_t tooManyBuckets = 0x1FFFFFFF;
 
-// The smallest power of two that is not below the request.
+// Returns the smallest power of two that is not below the request.
 unsigned int bucketCount(uint64_t requested) {
     uint64_t count = fewestBuckets;
     while (count < requested && count < tooManyBuckets) count *= 2;
@@ -35,7 +35,7 @@ unsigned int bucketCount(uint64_t requested) {
     return static_cast<unsigned int>(count);
 }
 
-// Eight bytes as a number whose low end is the first of them.
+// Reads eight bytes as a number whose low end is the first of them.
 uint64_t eightBytes(const char *from) {
     uint64_t bytes;
     std::memcpy(&bytes, from, sizeof bytes);
@@ -43,7 +43,7 @@ uint64_t eightBytes(const char *from) {
     return bytes;
 }
 
-// Up to eight bytes, at the high end of a number.
+// Reads up to eight bytes, at the high end of a number.
 uint64_t fewBytes(const char *from, size_t count) {
     uint64_t bytes = 0;
     for (size_t i = 0; i < count; ++i)

@@ -11,7 +11,7 @@ class TabFields {
 public:
     explicit TabFields(std::string_view line) noexcept : rest_(line) {}
 
-    // Next field that holds more than white space, stripped; empty when there is none.
+    // Returns the next field that holds more than white space, stripped; empty when there is none.
     std::string_view next() noexcept {
         while (!rest_.empty()) {
             const size_t tab = rest_.find('\t');
@@ -38,7 +38,7 @@ class BridgeTable {
 public:
     explicit BridgeTable(std::string_view bridge) noexcept : bridge_(bridge) {}
 
-    // Member that this line adds to the list; empty when it adds none.
+    // Returns the member that this line adds to the list; empty when it adds none.
     std::string_view member(std::string_view line) noexcept {
         if (line.starts_with("bridge ")) return {};  // heading
         TabFields fields(line);

@@ -54,7 +54,7 @@ public:
         return true;
     }
 
-    // A number of at most `mostDigits` digits, below `limit`; "0" is complete by itself.
+    // Reads a number of at most `mostDigits` digits, below `limit`; "0" is complete by itself.
     bool number(long mostDigits, uint32_t limit, uint32_t &value) {
         if (*at_ == '0') {
             ++at_;

@@ -17,7 +17,7 @@ namespace {
 constexpr const char *connectedInterface = "/tmp/status/link-manager/hotlink/interface";
 constexpr short upAndRunning = IFF_UP | IFF_RUNNING;
 
-// One request on a socket of its own.
+// Makes one request on a socket of its own.
 bool ask(unsigned long request, ifreq &interface) {
     const vx::Fd socket(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     return socket.valid() && ioctl(socket.get(), request, &interface) == 0;

@@ -45,14 +45,14 @@ void addUnsignalled(std::deque<CQMsg> &messages) {
     }
 }
 
-// False when every message has its byte.
+// Returns false when every message has its byte.
 bool takeUnsignalled(std::deque<CQMsg> &messages) {
     if (!anyUnsignalled(messages)) return false;
     if (--messages.front().code == 0) messages.pop_front();
     return true;
 }
 
-// False when there is none.
+// Returns false when there is none.
 bool takeOldest(std::deque<CQMsg> &messages, CQMsg &oldest) {
     const size_t at = anyUnsignalled(messages) ? 1 : 0;
     if (messages.size() <= at) return false;

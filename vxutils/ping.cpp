@@ -121,7 +121,7 @@ timespec now(clockid_t clock) {
 
 bool earlier(const timespec &left, const timespec &right) { return uselapsed(left, right) > 0; }
 
-// The kernel's note, on its own clock: CLOCK_REALTIME.
+// Finds the kernel's note, on its own clock: CLOCK_REALTIME.
 bool arrivalNote(msghdr &message, timespec &note) {
     for (cmsghdr *part = CMSG_FIRSTHDR(&message); part != nullptr; part = CMSG_NXTHDR(&message, part)) {
         if (part->cmsg_level != SOL_SOCKET || part->cmsg_type != SCM_TIMESTAMPNS) continue;
@@ -132,8 +132,8 @@ bool arrivalNote(msghdr &message, timespec &note) {
     return false;
 }
 
-// When the packet just received came in, on `clock`.  A note that would lie before the sending or in the future (the
-// wall clock was set meanwhile) is not believed.
+// Tells when the packet just received came in, on `clock`. A note that would lie before the sending or in the future
+// (the wall clock was set meanwhile) is not believed.
 timespec arrivalTime(msghdr &message, clockid_t clock, const timespec &sent) {
     const timespec present = now(clock);
     timespec note{};
@@ -288,7 +288,7 @@ int sendIp(EchoContext &context, uint32_t address) {
     return 0;
 }
 
-// The last look at a reply that carries our numbers. What other hosts send for the target does not count.
+// Takes the last look at a reply that carries our numbers. What other hosts send for the target does not count.
 bool isFromTarget(const EchoContext &context, uint32_t target, uint32_t sender) {
     if (echo::mayAnswer(target, sender)) return true;
     vx::log(LOG_DEBUG, "rawping[%s]: not from target (%s != %s)", context.interface, addressText(sender),
@@ -597,7 +597,8 @@ int setUp(EchoContext &context) {
 
 // ---- which way ----
 
-// False when the kernel does not say, true without a name: the caller's text may have been emptied since set-up.
+// Returns false when the kernel does not say, true without a name: the caller's text may have been emptied since
+// set-up.
 bool isPointToPoint(const char *interface) {
     if (empty(interface)) {
         vx::log(LOG_ERR, "no interface provided");
@@ -616,7 +617,7 @@ bool isPointToPoint(const char *interface) {
     return (answer.ifr_flags & (IFF_POINTOPOINT | IFF_NOARP)) != 0;
 }
 
-// Can, and must, the target be reached through the gateway's hardware address?
+// Tells whether the target can, and must, be reached through the gateway's hardware address.
 bool needsGateway(const EchoContext &context) {
     const bool isPtp = isPointToPoint(context.interface);
     vx::log(LOG_DEBUG, "gateway %s (source %08X, mask %08X, dest %08X, is_ptp %d)",
@@ -641,8 +642,8 @@ bool findInArpTable(EchoContext &context) {
     return false;
 }
 
-// The gateway's hardware address, looked up by the kernel where it is not known yet: an echo to the gateway does that,
-// whether it is answered or not.
+// Finds the gateway's hardware address, looked up by the kernel where it is not known yet: an echo to the gateway does
+// that, whether it is answered or not.
 bool findGatewayHardware(EchoContext &context) {
     if (findInArpTable(context)) return true;
     vx::log(LOG_DEBUG, "rawping[%s]: can't resolve HW address for %s -> send query", context.interface,

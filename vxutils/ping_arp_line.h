@@ -23,7 +23,7 @@ inline std::string_view nextWord(std::string_view &line) noexcept {
     return word;
 }
 
-// "0x2", "02" and "2" alike; whatever follows the digits is ignored, no digits are 0.
+// Reads "0x2", "02" and "2" alike; whatever follows the digits is ignored, no digits are 0.
 inline unsigned int flags(std::string_view word) noexcept {
     int base = 10;
     if (word.starts_with("0x") || word.starts_with("0X")) {
@@ -37,7 +37,7 @@ inline unsigned int flags(std::string_view word) noexcept {
     return value;
 }
 
-// Six hexadecimal bytes with colons between them, and nothing else.
+// Reads six hexadecimal bytes with colons between them, and nothing else.
 inline std::optional<echo::MacAddress> hardwareAddress(std::string_view word) noexcept {
     echo::MacAddress address{};
     for (uint8_t &byte : address) {
@@ -53,7 +53,8 @@ inline std::optional<echo::MacAddress> hardwareAddress(std::string_view word) no
     return word.empty() ? std::optional(address) : std::nullopt;
 }
 
-// The hardware address that a line gives for a host; nothing when the line is another host's or not complete yet.
+// Returns the hardware address that a line gives for a host; nothing when the line is another host's or not complete
+// yet.
 inline std::optional<echo::MacAddress> lookUp(std::string_view line, std::string_view host) noexcept {
     constexpr unsigned int complete = 0x2;
     if (!line.starts_with(host) || !line.substr(host.size()).starts_with(' ')) return std::nullopt;

@@ -74,7 +74,7 @@ inline uint16_t getNumber(const uint8_t *at, Order order) noexcept {
     return order == Order::network ? ntohs(value) : value;
 }
 
-// Internet checksum (RFC 1071) in memory order: store it with memcpy.
+// Computes the Internet checksum (RFC 1071) in memory order: store it with memcpy.
 inline uint16_t internetChecksum(const void *data, size_t length) noexcept {
     const auto *at = static_cast<const uint8_t *>(data);
     uint64_t sum = 0;
@@ -99,7 +99,7 @@ struct IpFields {
     uint32_t target;
 };
 
-// 20 bytes, the checksum left zero.
+// Writes 20 bytes, the checksum left zero.
 inline void putIpHeader(uint8_t *at, const IpFields &fields) noexcept {
     at[0] = 0x45;
     at[1] = 0;
@@ -113,7 +113,7 @@ inline void putIpHeader(uint8_t *at, const IpFields &fields) noexcept {
     put32(at + 16, fields.target);
 }
 
-// 8 bytes, the checksum left zero.
+// Writes 8 bytes, the checksum left zero.
 inline void putEchoHeader(uint8_t *at, Numbers numbers, Order order) noexcept {
     at[0] = ICMP_ECHO;
     at[1] = 0;
@@ -122,7 +122,7 @@ inline void putEchoHeader(uint8_t *at, Numbers numbers, Order order) noexcept {
     putNumber(at + 6, numbers.sequence, order);
 }
 
-// ICMP message alone: the kernel writes the IP header.
+// Makes an ICMP message alone: the kernel writes the IP header.
 inline std::array<uint8_t, plainSize> plainRequest(Numbers numbers) noexcept {
     std::array<uint8_t, plainSize> message{};
     putEchoHeader(message.data(), numbers, Order::network);
@@ -135,7 +135,7 @@ struct LinkEnds {
     MacAddress source;
 };
 
-// Whole Ethernet frame filling `frame`, which has at least linkMinimum bytes.
+// Fills `frame` with a whole Ethernet frame; it has at least linkMinimum bytes.
 inline void linkRequest(std::span<uint8_t> frame, const LinkEnds &ends, uint32_t source, uint32_t target,
                         Numbers numbers) noexcept {
     std::fill(frame.begin(), frame.end(), uint8_t{0});
@@ -150,7 +150,7 @@ inline void linkRequest(std::span<uint8_t> frame, const LinkEnds &ends, uint32_t
     putChecksum(icmp + 2, {icmp, icmpHeader});  // the rest is zero and adds nothing
 }
 
-// IP packet filling `packet`, which has at least ipMinimum bytes.  Its header says 48 bytes however many there are.
+// Fills `packet` with an IP packet; it has at least ipMinimum bytes. Its header says 48 bytes however many there are.
 inline void ipRequest(std::span<uint8_t> packet, uint32_t source, uint32_t target, Numbers numbers) noexcept {
     std::fill(packet.begin(), packet.end(), uint8_t{0});
     uint8_t *ip = packet.data();
@@ -161,7 +161,7 @@ inline void ipRequest(std::span<uint8_t> packet, uint32_t source, uint32_t targe
     putChecksum(icmp + 2, {icmp, ipMinimum - ipHeader});
 }
 
-// The smallest echo, both checksums left to the caller.
+// Makes the smallest echo, both checksums left to the caller.
 inline void simpleRequest(std::span<uint8_t, simpleSize> packet, uint32_t source, uint32_t target,
                           Numbers numbers) noexcept {
     putIpHeader(packet.data(), {simpleSize, 0, 128, source, target});
@@ -176,7 +176,7 @@ inline size_t ipHeaderLength(uint8_t first) noexcept { return static_cast<size_t
 // Where an IP header holds the address of the packet's sender.
 constexpr size_t senderAt = 12;
 
-// Sender of an IP packet, 0 when the packet is too short for a header.
+// Returns the sender of an IP packet, 0 when the packet is too short for a header.
 inline uint32_t senderOf(Bytes packet) noexcept { return packet.size() < ipHeader ? 0 : get32(&packet[senderAt]); }
 
 // Whether replies to an echo that went to `target` come from that address: a group's members answer with their own
@@ -190,7 +190,8 @@ struct Message {
     Numbers numbers;
 };
 
-// ICMP message after an IP header of the length that the header states; nothing when it does not lie within `packet`.
+// Reads the ICMP message after an IP header of the length that the header states; nothing when it does not lie within
+// `packet`.
 inline std::optional<Message> messageBehindHeader(Bytes packet) noexcept {
     if (packet.empty()) return std::nullopt;
     const size_t offset = ipHeaderLength(packet[0]);
@@ -199,7 +200,7 @@ inline std::optional<Message> messageBehindHeader(Bytes packet) noexcept {
     return Message{icmp[0], {getNumber(icmp + 4, Order::network), getNumber(icmp + 6, Order::network)}};
 }
 
-// Packet that answers a plain request; nothing when it is too short for one.
+// Reads a packet that answers a plain request; nothing when it is too short for one.
 inline std::optional<Message> plainReply(Bytes packet) noexcept {
     return packet.size() < plainReplyMinimum ? std::nullopt : messageBehindHeader(packet);
 }
@@ -210,14 +211,14 @@ struct LinkReply {
     Message message;
 };
 
-// Bytes that a frame must have to be read: its IP header may carry options.  A header that claims to be shorter than
-// any header is read as one of 20 bytes.
+// Returns the bytes that a frame must have to be read: its IP header may carry options. A header that claims to be
+// shorter than any header is read as one of 20 bytes.
 inline size_t linkReplyNeed(Bytes frame) noexcept {
     if (frame.size() < linkMinimum) return linkMinimum;
     return ethernetHeader + std::max(ipHeader, ipHeaderLength(frame[ethernetHeader])) + icmpHeader;
 }
 
-// Frame that answers a link-level request; it has at least linkReplyNeed() bytes, or nothing is read.
+// Reads a frame that answers a link-level request; it has at least linkReplyNeed() bytes, or nothing is read.
 inline std::optional<LinkReply> linkReply(Bytes frame) noexcept {
     const size_t need = linkReplyNeed(frame);
     if (frame.size() < need) return std::nullopt;
@@ -235,7 +236,8 @@ struct IpReply {
     Message message;
 };
 
-// Packet that answers an IP-level request; nothing when it is too short for one.  Its header is taken to have 20 bytes.
+// Reads a packet that answers an IP-level request; nothing when it is too short for one. Its header is taken to have 20
+// bytes.
 inline std::optional<IpReply> ipReply(Bytes packet) noexcept {
     if (packet.size() < ipMinimum) return std::nullopt;
     const uint8_t *icmp = packet.data() + ipHeader;

@@ -13,7 +13,8 @@
 
 namespace vx {
 
-// First IPv4 address of a host, in host order; nothing when there is none.  Keeps apart what several threads ask.
+// Returns the first IPv4 address of a host, in host order; nothing when there is none. Keeps apart what several threads
+// ask.
 inline std::optional<uint32_t> resolveHost(const char *name) noexcept {
     constexpr size_t firstSize = 1024;
     constexpr size_t largestSize = 65536;

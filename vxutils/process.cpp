@@ -46,7 +46,7 @@ bool readProcFile(const char *path, char *text, size_t size) {
     return true;
 }
 
-// The same for the first line only, without its newline.
+// Does the same for the first line only, without its newline.
 bool readFirstLine(const char *path, char (&line)[lineSize]) {
     if (!readProcFile(path, line, sizeof line)) return false;
     line[strcspn(line, "\n")] = '\0';

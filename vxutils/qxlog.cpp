@@ -66,7 +66,7 @@ bool removeStrangers(int id) {
            ::semctl(id, 0, IPC_RMID) == 0;
 }
 
-// The semaphore of the log, set to free; -1 after a report.
+// Returns the semaphore of the log, set to free; -1 after a report.
 // Quirk Q91.
 int getSemaphore(const Limits &limits) {
     const key_t key = ::ftok(keyPath, keyProject);
@@ -128,8 +128,8 @@ bool isOpenToStrangers(const struct stat &status) {
     return (status.st_mode & S_IRWXO) != 0 || !vx::isTrustedUser(status.st_uid);
 }
 
-// The temporary file, empty and locked until it is closed. The semaphore may let two writers pass; this lock makes them
-// wait for each other. A writer that waited for a file that has lost its name to a rename takes the one that
+// Opens the temporary file, empty and locked until it is closed. The semaphore may let two writers pass; this lock
+// makes them wait for each other. A writer that waited for a file that has lost its name to a rename takes the one that
 // has the name now. Strangers cannot open the file before it is the log, so the holder of the lock is a writer; only
 // one that an ordinary user made, or a program with another mode, is replaced when its lock is held for long.
 Fd openEmptiedTemporary(const Limits &limits) {
@@ -157,8 +157,8 @@ FilePtr toStream(Fd fd, const char *mode) {
     return file;
 }
 
-// The log for reading, with a lock that keeps qxlog_clear() from cutting it off in the middle of a line. A lock that a
-// stranger holds is passed over.
+// Opens the log for reading, with a lock that keeps qxlog_clear() from cutting it off in the middle of a line. A lock
+// that a stranger holds is passed over.
 FilePtr openLog(const Limits &limits) {
     for (;;) {
         struct stat status;
@@ -168,7 +168,7 @@ FilePtr openLog(const Limits &limits) {
     }
 }
 
-// The same for emptying it.
+// Does the same for emptying it.
 void emptyLog(const Limits &limits) {
     for (;;) {
         struct stat status;
@@ -180,14 +180,15 @@ void emptyLog(const Limits &limits) {
     }
 }
 
-// One line, or piece of a line, without its newline.
+// Reads one line, or piece of a line, without its newline.
 bool readLine(FILE *file, char (&line)[lineSize]) {
     if (std::fgets(line, sizeof line, file) == nullptr) return false;
     line[std::strcspn(line, "\n")] = '\0';
     return true;
 }
 
-// False with errno set when there is an old log that cannot be read. What is not a regular file holds no entries.
+// Returns false with errno set when there is an old log that cannot be read. What is not a regular file holds no
+// entries.
 bool copyOldLines(FILE *to, const Limits &limits) {
     const FilePtr log = openLog(limits);
     if (!log) return errno == ENOENT || errno == EISDIR || errno == EINVAL;

@@ -43,7 +43,7 @@ struct Answer {
     Bytes payload{};
 };
 
-// First message for port `ourPort` with number `sequence`; only the kernel, port 0, can answer.
+// Finds the first message for port `ourPort` with number `sequence`; only the kernel, port 0, can answer.
 inline Answer findAnswer(Bytes datagram, uint32_t senderPort, uint32_t ourPort, uint32_t sequence) noexcept {
     while (const auto header = peek<nlmsghdr>(datagram)) {
         const size_t length = header->nlmsg_len;
@@ -56,10 +56,10 @@ inline Answer findAnswer(Bytes datagram, uint32_t senderPort, uint32_t ourPort, 
     return {datagram.empty() ? Answer::State::none : Answer::State::cut};
 }
 
-// The error field of an NLMSG_ERROR message; nothing when the message is too short to hold one.
+// Returns the error field of an NLMSG_ERROR message; nothing when the message is too short to hold one.
 inline std::optional<int32_t> errorField(Bytes payload) noexcept { return peek<int32_t>(payload); }
 
-// Output interface of a route message's attributes (those after its rtmsg); nothing when it names none.
+// Finds the output interface of a route message's attributes (those after its rtmsg); nothing when it names none.
 inline std::optional<uint32_t> outputInterface(Bytes attributes) noexcept {
     constexpr size_t knownTypes = 31;
     std::array<Bytes, knownTypes> first{};

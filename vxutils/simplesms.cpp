@@ -33,7 +33,7 @@ constexpr const char *headerEnd = "\n\n";
 constexpr const char *senderWord = "From:";
 constexpr const char *receivedWord = "Received:";
 
-// The pieces of a text between the separator's characters, empty ones left out.
+// Returns the pieces of a text between the separator's characters, empty ones left out.
 std::vector<std::string> split(const std::string &text, const char *separator) {
     const boost::char_separator<char> between(separator);
     auto piece = boost::make_token_iterator<std::string>(text.begin(), text.end(), between);

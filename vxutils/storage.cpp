@@ -62,7 +62,7 @@ storage_entry *entryOf(list_link *link) { return static_cast<storage_entry *>(st
 
 std::string blockPath(std::string_view name) { return std::string(blockDirectory).append("/").append(name); }
 
-// Target of a link of any length; no value when it is not a link.
+// Returns the target of a link of any length; no value when it is not a link.
 std::optional<std::string> linkTarget(const std::string &path) {
     for (std::string target(256, '\0');; target.resize(target.size() * 2)) {
         const ssize_t length = ::readlink(path.c_str(), target.data(), target.size());
@@ -105,7 +105,7 @@ struct CloseMounts {
     void operator()(FILE *file) const noexcept { ::endmntent(file); }
 };
 
-// Where a device node is mounted first; empty when it is not.
+// Tells where a device node is mounted first; empty when it is not.
 std::string mountPointOf(const std::string &node) {
     const std::unique_ptr<FILE, CloseMounts> mounts(::setmntent(mountsFile, "re"));
     if (!mounts) return {};
@@ -149,7 +149,7 @@ void fill(storage_entry &entry, const std::string &device, const std::string &pa
 
 uint32_t sortKey(const storage_entry &entry) { return entry.type * 65536 + (entry.index & 0xffff); }
 
-// After all entries of the same or a smaller key; looked for from the end, so that equal ones cost nothing.
+// Inserts after all entries of the same or a smaller key; looked for from the end, so that equal ones cost nothing.
 void insertSorted(storage_list &list, storage_entry *entry) {
     list_link *at = list.entries.prev;
     while (at != &list.entries && sortKey(*entryOf(at)) > sortKey(*entry)) at = at->prev;

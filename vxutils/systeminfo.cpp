@@ -29,7 +29,7 @@ char *unquote(char *value) {
     return value;
 }
 
-// False when there is no room or no memory for another pair.
+// Returns false when there is no room or no memory for another pair.
 bool addPair(systeminfo_table &table, const char *name, const char *value) {
     if (static_cast<size_t>(table.count) == std::size(table.vars)) return false;
     systeminfo_var &var = table.vars[table.count];
@@ -40,7 +40,7 @@ bool addPair(systeminfo_table &table, const char *name, const char *value) {
     return true;
 }
 
-// False when the line holds a pair that cannot be kept.
+// Returns false when the line holds a pair that cannot be kept.
 bool readLine(systeminfo_table &table, char *line) {
     char *name = line + std::strspn(line, " ");
     char *equals = std::strchr(name, '=');

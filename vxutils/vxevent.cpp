@@ -76,8 +76,8 @@ ZmqSocket openSocket(const ZeroMq &zmq, void *context, int type) {
 // The event manager may be late; while it hangs, those who raise events must go on.
 constexpr auto longestWait = std::chrono::seconds(1);
 
-// For reading too: opening only to write fails without a reader, and writing without one would raise SIGPIPE. Neither
-// the open nor a write waits, and nothing but a FIFO is written to: a link would lead into another file.
+// Opens it for reading too: opening only to write fails without a reader, and writing without one would raise SIGPIPE.
+// Neither the open nor a write waits, and nothing but a FIFO is written to: a link would lead into another file.
 vx::Fd openEventFifo() {
     vx::Fd fifo(::open(eventFifo, O_RDWR | O_NONBLOCK | O_NOFOLLOW | O_NOCTTY | O_CLOEXEC));
     struct stat status {};

@@ -36,7 +36,7 @@ constexpr size_t maxLength = INT32_MAX;
 constexpr int32_t oneCharCapacity = 7;
 constexpr size_t numberText = 32;  // room for a printed number or address
 
-// The largest length that the block for a text of `length` bytes holds.
+// Returns the largest length that the block for a text of `length` bytes holds.
 constexpr int32_t capacityFor(size_t length) {
     constexpr size_t smallLimit = 128;
     const size_t room = length < smallLimit ? ((length + 8) & ~size_t{15}) + 8 : ((length - 64) & ~size_t{63}) + 128;
@@ -47,7 +47,7 @@ static_assert(capacityFor(128) == 191 && capacityFor(192) == 255 && capacityFor(
 
 constexpr size_t blockSize(int32_t capacity) { return headerSize + static_cast<size_t>(capacity) + 1; }
 
-// A text that cannot be had ends the process here instead of later, at a null pointer.
+// Ends the process when there is no memory for a text: here, not later at a null pointer.
 void require(bool possible) {
     if (!possible) std::abort();
 }
@@ -57,7 +57,7 @@ void setLength(StringBuffer *block, long length) {
     block->text[length] = '\0';
 }
 
-// A block of one owner, its text still to be written.
+// Returns a block of one owner, its text still to be written.
 StringBuffer *allocate(int32_t capacity) {
     auto *block = static_cast<StringBuffer *>(std::malloc(blockSize(capacity)));
     require(block != nullptr);
@@ -118,7 +118,8 @@ StringBuffer *resize(StringBuffer *block, size_t length) {
     return moved;
 }
 
-// Where `bytes` lie inside the block's text, so that they are found again after the block has moved; -1 when outside.
+// Tells where `bytes` lie inside the block's text, so that they are found again after the block has moved; -1 when
+// outside.
 ptrdiff_t offsetInside(const StringBuffer *block, const char *bytes) {
     const auto text = reinterpret_cast<uintptr_t>(block->text);
     const auto place = reinterpret_cast<uintptr_t>(bytes);
@@ -126,7 +127,7 @@ ptrdiff_t offsetInside(const StringBuffer *block, const char *bytes) {
     return static_cast<ptrdiff_t>(place - text);
 }
 
-// The piece that String(s, start, count) takes.  Looks no further into `s` than the piece reaches.
+// Makes the piece that String(s, start, count) takes. Looks no further into `s` than the piece reaches.
 StringBuffer *newPiece(const char *s, long start, long count) {
     if (s == nullptr || count <= 0) return shareEmpty();
     const size_t begin = start > 0 ? static_cast<size_t>(start) : 0;
@@ -149,8 +150,8 @@ const char *findByte(const char *at, const char *end, char c) {
     return static_cast<const char *>(std::memchr(at, c, static_cast<size_t>(end - at)));
 }
 
-// The position of what was found in a text; -1 when there is a NUL between `from`, where the search began, and there:
-// the C library does not look any further.
+// Returns the position of what was found in a text; -1 when there is a NUL between `from`, where the search began, and
+// there: the C library does not look any further.
 long positionOf(const char *found, const String &text, long from) {
     if (found == nullptr || findByte(text.c_str() + from, found, '\0') != nullptr) return -1;
     return found - text.c_str();
@@ -165,8 +166,8 @@ long searchCharacter(const String &text, char c, long from) {
     return positionOf(findByte(text.c_str() + from, text.c_str() + text.length(), c), text, from);
 }
 
-// First place at or after `from` where `s`, up to its first NUL, begins.  strstr takes over where the first character
-// is too frequent, because its time does not depend on that.
+// Finds the first place at or after `from` where `s`, up to its first NUL, begins. strstr takes over where the first
+// character is too frequent, because its time does not depend on that.
 long searchText(const String &text, const String &s, long from) {
     constexpr int mostAttempts = 8;
     const char *at = text.c_str() + from;
@@ -190,8 +191,8 @@ Word wordAt(const char *text) {
     return word;
 }
 
-// Whether two words are the same but for the case of letters: where they differ in the case bit alone and the byte is a
-// letter.
+// Tells whether two words are the same but for the case of letters: where they differ in the case bit alone and the
+// byte is a letter.
 bool sameWordIgnoringCase(Word a, Word b) {
     constexpr Word caseBits = 0x20 * oneInEveryByte, highBits = 0x80 * oneInEveryByte;
     const Word difference = a ^ b;
@@ -205,7 +206,7 @@ bool sameWordIgnoringCase(Word a, Word b) {
     return (difference << 2 & ~letters) == 0;
 }
 
-// What strnicmp finds equal, for two texts of at least `count` bytes.  By words, because texts of 256 bytes in
+// Tells what strnicmp finds equal, for two texts of at least `count` bytes. By words, because texts of 256 bytes in
 // different case (EqualIgnoreCase_256) take bytes 4 times the instructions on a board.
 bool sameIgnoringCase(const char *a, const char *b, size_t count) {
     const char *const begin = a;
@@ -225,8 +226,8 @@ Word everyByte(char c) { return static_cast<unsigned char>(c) * oneInEveryByte; 
 // The high bit of every byte that is 0; a byte above such a one may have it for nothing.
 Word zeroByte(Word word) { return (word - oneInEveryByte) & ~word & 0x80 * oneInEveryByte; }
 
-// First position in from..last where `s` is, case ignored.  Its first two bytes are looked for at the places of a
-// whole word at once: one place after the other (FindIgnoreCase_1k) takes 5 times the instructions on a board.
+// Finds the first position in from..last where `s` is, case ignored. Its first two bytes are looked for at the places
+// of a whole word at once: one place after the other (FindIgnoreCase_1k) takes 5 times the instructions on a board.
 long searchIgnoringCase(const String &text, const String &s, long from, long last) {
     constexpr long bytePlaces = sizeof(Word);
     if (from > last) return -1;
@@ -250,7 +251,7 @@ long searchIgnoringCase(const String &text, const String &s, long from, long las
     return -1;
 }
 
-// The last position at or before `start` where `s` is; a negative start is returned unchanged.
+// Finds the last position at or before `start` where `s` is; a negative start is returned unchanged.
 long searchBackwards(const String &text, const String &s, long start) {
     if (start < 0 || s.length() == 0) return start;
     const char first = s.c_str()[0];
@@ -266,7 +267,7 @@ long searchBackwards(const String &text, const String &s, long start) {
     return -1;
 }
 
-// The same, case ignored.
+// Does the same, case ignored.
 long searchBackwardsIgnoringCase(const String &text, const String &s, long start) {
     if (start < 0 || s.length() == 0) return start;
     const char first = lowered(s.c_str()[0]);
@@ -277,8 +278,8 @@ long searchBackwardsIgnoringCase(const String &text, const String &s, long start
     return -1;
 }
 
-// Whether the two formatters measure this format alike whatever its arguments: it has only %s and plain numbers, with
-// neither precision nor sign nor prefix.
+// Tells whether the two formatters measure this format alike whatever its arguments: it has only %s and plain numbers,
+// with neither precision nor sign nor prefix.
 bool isPlainFormat(const char *fmt) {
     constexpr int mostDigits = 4;  // of a width
     for (;;) {
@@ -317,7 +318,8 @@ public:
     [[nodiscard]] const char *text() const { return text_; }
 
 private:
-    // The usual case without a measuring pass: a text that fits at once, whose length both formatters agree upon.
+    // Handles the usual case without a measuring pass: a text that fits at once, whose length both formatters agree
+    // upon.
     bool writeShort(const char *fmt, va_list args) {
         va_list again;
         va_copy(again, args);
@@ -711,7 +713,7 @@ void String::take(StringBuffer *block) {
 
 void String::takeEmpty() { take(shareEmpty()); }
 
-// A block of its own, of the same capacity, for a change that keeps the length.
+// Makes a block of its own, of the same capacity, for a change that keeps the length.
 void String::makePrivate() {
     if (buffer_->refCount < 2) return;
     StringBuffer *copy = allocate(buffer_->capacity);
@@ -760,7 +762,7 @@ String operator+(char left, const String &right) {
     return sum;
 }
 
-// A sum in the left operand's own block, which gets the size that a new block would have.
+// Makes the sum in the left operand's own block, which gets the size that a new block would have.
 String String::sum(String &left, const char *right, long count) {
     if (count <= 0) return left;
     const size_t length = sizeOf(left) + static_cast<size_t>(count);

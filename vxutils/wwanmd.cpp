@@ -105,9 +105,9 @@ const char *findName(const Name *from, const Name *end, const char *name) {
     return nullptr;
 }
 
-// The same text in memory that lasts: openlog() keeps the pointer it is given. Each name is kept once and never freed,
-// because another thread may be logging with it at any time. Takes no lock, which a child of fork() might find taken
-// for ever. Throws std::bad_alloc.
+// Returns the same text in memory that lasts: openlog() keeps the pointer it is given. Each name is kept once and never
+// freed, because another thread may be logging with it at any time. Takes no lock, which a child of fork() might find
+// taken for ever. Throws std::bad_alloc.
 // Quirk Q84.
 const char *lastingName(const char *name) {
     const Name *first = names;
@@ -163,7 +163,7 @@ int connectTo(int fd, const sockaddr_un &address, socklen_t size) {
     }
 }
 
-// A connected, non-blocking socket; none when the daemon cannot be reached, which is logged.
+// Returns a connected, non-blocking socket; none when the daemon cannot be reached, which is logged.
 vx::Fd connectToDaemon(int card) {
     errno = 0;
     vx::Fd fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
@@ -189,7 +189,7 @@ vx::Fd connectToDaemon(int card) {
 int sendMessage(wwanmd_handle *handle, wwanmd_msg *message, Part part);
 int receiveMessage(wwanmd_handle *handle, wwanmd_msg *message, Part part);
 
-// One command and its answer, as one piece: SIGPIPE stays ignored from the send to the end of the receive.
+// Exchanges one command and its answer, as one piece: SIGPIPE stays ignored from the send to the end of the receive.
 int exchange(wwanmd_handle *handle, wwanmd_msg *message, Part part) {
     if (sendMessage(handle, message, part) != 0) return -1;
     if (receiveMessage(handle, message, part) == 0) return 0;

@@ -28,7 +28,7 @@ public:
     size_t stored() const { return static_cast<size_t>(at_ - buffer_); }
     size_t produced() const { return skip_ - toSkip_ + stored(); }
 
-    // Number of further characters that could still change the result.
+    // Counts the further characters that could still change the result.
     size_t reach() const {
         if (toSkip_ == 0) return left_;
         return room_ > SIZE_MAX - toSkip_ ? SIZE_MAX : room_ + toSkip_;
@@ -91,7 +91,7 @@ private:
         if (toSkip_ == 0) left_ = room_;
     }
 
-    // The part of the next `count` characters that the window shows.
+    // Returns the part of the next `count` characters that the window shows.
     Part cut(size_t count) {
         const size_t begin = std::min(count, toSkip_);
         if (begin != 0) leaveOut(begin);
@@ -227,7 +227,7 @@ inline Layout arrange(Field field, size_t prefixLength, size_t digits) {
     return {digits, field.width > body ? field.width - body : 0};
 }
 
-// A field that the window cuts.
+// Writes a field that the window cuts.
 template <bool decimal, typename Out>
 [[gnu::noinline]] void putIntegerPartly(Out &out, Field field, Number number) {
     char prefix[mostPrefix];
@@ -262,7 +262,7 @@ template <bool decimal, typename Out>
     writeDigits<decimal>(place, layout.digits, number);
 }
 
-// Length of a text as far as it matters: up to the precision, what the window can show and what the width needs.
+// Measures a text as far as it matters: up to the precision, what the window can show and what the width needs.
 template <typename Out>
 inline size_t usedLength(const Out &out, Field field, const char *text) {
     size_t most = std::max(out.reach(), size_t{field.width});
@@ -288,7 +288,7 @@ template <typename Out>
     std::memcpy(out.take(length), text, length);
 }
 
-// A byte as a text of one character; the byte 0 is an empty text.
+// Writes a byte as a text of one character; the byte 0 is an empty text.
 template <typename Out>
 [[gnu::noinline]] void putCharacter(Out &out, Field field, char character) {
     const bool empty = character == '\0' || field.precision == 0;
@@ -332,7 +332,7 @@ inline Number nextPointer(Arguments &args) {
     return {reinterpret_cast<uintptr_t>(va_arg(args.list, void *)), Prefix::lowerHex, Base::lowerHex};
 }
 
-// A run of digits, in wrapping arithmetic: overflow is not checked, but it is harmless.
+// Reads a run of digits, in wrapping arithmetic: overflow is not checked, but it is harmless.
 inline int readDigits(const char *&at) {
     unsigned int number = 0;
     for (; *at >= '0' && *at <= '9'; ++at) number = number * 10 + static_cast<unsigned int>(*at - '0');
@@ -414,7 +414,7 @@ inline void convert(Out &out, Field field, char conversion, Arguments &args) {
     }
 }
 
-// The text before the next conversion: between two there is often one character, or none.
+// Writes the text before the next conversion: between two there is often one character, or none.
 template <typename Out>
 inline const char *putLiteral(Out &out, const char *at) {
     if (*at == '%' || *at == '\0') return at;

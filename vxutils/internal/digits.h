@@ -15,7 +15,7 @@ namespace vx {
 // Whatever the locale.
 constexpr bool isDigit(char c) { return c >= '0' && c <= '9'; }
 
-// Every two-digit number of a base, one after the other.
+// Makes every two-digit number of a base, one after the other.
 template <size_t base>
 constexpr std::array<char, 2 * base * base> makeDigitPairs(const char *digits) {
     std::array<char, 2 * base * base> pairs{};
@@ -42,7 +42,7 @@ constexpr auto makePowersOfTen() {
 inline constexpr auto powersOfTen32 = makePowersOfTen<uint32_t>();
 inline constexpr auto powersOfTen64 = makePowersOfTen<uint64_t>();
 
-// Number of decimal digits, 1 for 0. 1233/4096 is log10(2), just precise enough for 64 bits.
+// Counts the decimal digits, 1 for 0. 1233/4096 is log10(2), just precise enough for 64 bits.
 template <typename Value>
 constexpr size_t countDecimalDigits(Value value) {
     static_assert(std::is_unsigned_v<Value>);
@@ -55,7 +55,7 @@ constexpr size_t countDecimalDigits(Value value) {
     }
 }
 
-// Number of digits in base 2^bits, 1 for 0.
+// Counts the digits in base 2^bits, 1 for 0.
 template <typename Value>
 constexpr size_t countPowerOfTwoDigits(Value value, unsigned int bits) {
     return (static_cast<size_t>(std::bit_width(static_cast<Value>(value | 1))) + bits - 1) / bits;
@@ -98,7 +98,7 @@ inline void writeHex(char *to, size_t count, Value value, const std::array<char,
     writeFirstPair(to, count, &pairs[static_cast<size_t>(value) * 2]);
 }
 
-// Base 2^bits, below base 16.
+// Writes in base 2^bits, below base 16.
 template <typename Value>
 inline void writePowerOfTwo(char *to, size_t count, Value value, unsigned int bits) {
     const auto mask = static_cast<Value>((Value{1} << bits) - 1);
@@ -109,7 +109,8 @@ inline void writePowerOfTwo(char *to, size_t count, Value value, unsigned int bi
     std::memset(to, '0', count);
 }
 
-// An IPv4 address in host order as a dotted quad, without a terminator. Returns the end, at most 15 characters on.
+// Writes an IPv4 address in host order as a dotted quad, without a terminator. Returns the end, at most 15 characters
+// on.
 inline char *writeQuad(char *to, uint32_t address) {
     for (int shift = 24;; shift -= 8) {
         const uint32_t octet = address >> shift & 0xff;

@@ -47,7 +47,7 @@ Target openOrCreate(int directory, const char *path, mode_t mode) noexcept {
     return {refused(EACCES)};
 }
 
-// The directory part of a path, as openat() takes it.
+// Returns the directory part of a path, as openat() takes it.
 std::string parentOf(const std::string &path) {
     const size_t slash = path.find_last_of('/');
     return slash == std::string::npos ? "." : path.substr(0, slash + 1);
@@ -129,7 +129,7 @@ Fd openLinked(int directory, const char *path) {
 
 bool isDevice(const struct stat &file) { return S_ISCHR(file.st_mode) || S_ISBLK(file.st_mode); }
 
-// Whether a file or FIFO may be written where it was found.
+// Tells whether a file or FIFO may be written where it was found.
 bool mayBeWritten(int directory, const char *path, const struct stat &file) {
     if (isOurs(file) && file.st_nlink <= 1) return true;
     struct stat place {};
@@ -177,8 +177,8 @@ Fd openLinkedDirectory(int directory, const char *path) {
     }
 }
 
-// Whether a directory may be the one just made. Where only we can have replaced it, it is; elsewhere it has to look
-// like it: ours, without a right that it was not made with, and empty.
+// Tells whether a directory may be the one just made. Where only we can have replaced it, it is; elsewhere it has to
+// look like it: ours, without a right that it was not made with, and empty.
 bool isTheOneMade(int directory, const std::string &path, const Fd &made, mode_t creationMode) {
     struct stat place {};
     if (::fstatat(directory, parentOf(path).c_str(), &place, 0) == -1) return false;

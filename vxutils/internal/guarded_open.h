@@ -16,26 +16,28 @@ namespace vx {
 // Links in one path; the kernel's own limit.
 inline constexpr int mostLinks = 40;
 
-// Whether a file belongs to root or to the user this process acts for.
+// Tells whether a file belongs to root or to the user this process acts for.
 bool isOurs(const struct stat &file) noexcept;
 
-// Whether a stranger may have put `entry` into `directory`: every user may write there, and the entry belongs neither
-// to root, nor to this process's user, nor to the directory's owner. The kernel's protected_symlinks applies the same
-// rule to links in sticky directories.
+// Tells whether a stranger may have put `entry` into `directory`: every user may write there, and the entry belongs
+// neither to root, nor to this process's user, nor to the directory's owner. The kernel's protected_symlinks applies
+// the same rule to links in sticky directories.
 bool mayBeForeign(const struct stat &directory, const struct stat &entry) noexcept;
 
-// Whether a directory is ours and not open to every user. Its group, if it may write, counts as trusted by its owner.
+// Tells whether a directory is ours and not open to every user. Its group, if it may write, counts as trusted by its
+// owner.
 bool isClosed(const struct stat &directory) noexcept;
 
-// Whether root or this process's user has put `entry` into `directory`: the entry is ours, or the directory is closed.
+// Tells whether root or this process's user has put `entry` into `directory`: the entry is ours, or the directory is
+// closed.
 bool isPlacedByUs(const struct stat &directory, const struct stat &entry) noexcept;
 
-// Whether a file may be believed: no stranger may have put it there, nor a directory or link that its path leads
+// Tells whether a file may be believed: no stranger may have put it there, nor a directory or link that its path leads
 // through. What lies in the root directory is the system's own and is taken as it is. False for what does not exist.
 bool isBelievable(const char *path) noexcept;
 
-// Whether an open link (O_PATH) is one of the kernel's in /proc. Its text may be no path; only the kernel can follow
-// it.
+// Tells whether an open link (O_PATH) is one of the kernel's in /proc. Its text may be no path; only the kernel can
+// follow it.
 bool isKernelLink(const Fd &link) noexcept;
 
 // Opens a file for reading without waiting for anything: the writer of a FIFO, the end of a lease. Links are followed
@@ -43,8 +45,8 @@ bool isKernelLink(const Fd &link) noexcept;
 // refused with ENXIO, because opening it makes its driver act.
 Fd openToRead(int directory, const char *path) noexcept;
 
-// The same for files that hold a value: what is neither a regular file nor a directory is refused with ENXIO. `status`
-// receives the file's status.
+// Opens, in the same way, a file that holds a value: what is neither a regular file nor a directory is refused with
+// ENXIO. `status` receives the file's status.
 Fd openValue(int directory, const char *path, struct stat &status) noexcept;
 
 // A file opened for writing.
@@ -87,7 +89,7 @@ Fd openDirectory(int directory, const char *path) noexcept;
 // it is another one by now.
 Fd openMadeDirectory(int directory, const char *path, mode_t creationMode, mode_t mode) noexcept;
 
-// A path without the slashes at its end, which would make the kernel follow a link in its last place.
+// Returns a path without the slashes at its end, which would make the kernel follow a link in its last place.
 std::string withoutSlashes(const char *path);
 
 }  // namespace vx

@@ -26,7 +26,7 @@ struct TextTableFiller {
     // Whether find() found the key: of several entries the oldest.
     static bool taken(const Place &place) { return *place.link != nullptr; }
 
-    // The entry's value, null when there is none.
+    // Returns the entry's value, null when there is none.
     static void *valueAt(const Place &place);
 
     // Makes the entry in `memory`, which is aligned for it, at a place that is not taken.

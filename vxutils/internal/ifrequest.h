@@ -10,14 +10,14 @@
 
 namespace vx {
 
-// A zeroed request for an interface; of the name 15 characters are used, as many as a kernel's name can have.
+// Makes a zeroed request for an interface; of the name 15 characters are used, as many as a kernel's name can have.
 inline ifreq interfaceRequest(const char *name) noexcept {
     ifreq request{};
     std::memcpy(request.ifr_name, name, strnlen(name, IF_NAMESIZE - 1));
     return request;
 }
 
-// The IPv4 address that the kernel put into a request, in host order.
+// Returns the IPv4 address that the kernel put into a request, in host order.
 inline uint32_t requestedAddress(const ifreq &request) noexcept {
     sockaddr_in address{};
     std::memcpy(&address, &request.ifr_addr, sizeof address);

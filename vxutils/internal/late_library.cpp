@@ -18,7 +18,8 @@ LateLibrary::LateLibrary(const char *const *sonames, size_t count) : wanted_(son
     for (size_t i = 0; i < count && handle_ == nullptr; ++i) handle_ = ::dlopen(sonames[i], RTLD_NOW | RTLD_NOLOAD);
 }
 
-// The default scope first: what a program puts before the library's own functions is used, as if it had been linked.
+// Looks into the default scope first: what a program puts before the library's own functions is used, as if it had been
+// linked.
 void *LateLibrary::address(const char *name) {
     if (void *const found = ::dlsym(RTLD_DEFAULT, name)) return found;
     if (handle_ == nullptr && !loadTried_) handle_ = ::dlopen(wanted_, RTLD_NOW);

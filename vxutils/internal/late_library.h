@@ -38,8 +38,8 @@ private:
 template <typename Calls>
 class LateCalls {
 public:
-    // The functions; null members where the library cannot be had, which is logged the first time. Each caller gets a
-    // copy: no thread waits for another, and a child of fork() waits for no thread.
+    // Returns the functions; null members where the library cannot be had, which is logged the first time. Each caller
+    // gets a copy: no thread waits for another, and a child of fork() waits for no thread.
     Calls get() noexcept {
         if (state_.load(std::memory_order_acquire) == State::found) return calls_;
         LateLibrary library(Calls::sonames);

@@ -16,8 +16,9 @@ namespace vx {
 
 class LineBuffer {
 public:
-    // The next line with its line feed, or as many bytes of it as `most`; empty at the end of the file and after a read
-    // error. Valid, and to be changed at will, until the next call; the byte after it may be changed and restored.
+    // Returns the next line with its line feed, or as many bytes of it as `most`; empty at the end of the file and
+    // after a read error. Valid, and to be changed at will, until the next call; the byte after it may be changed and
+    // restored.
     std::span<char> next(int fd, size_t most) {
         for (size_t seen = 0;;) {
             const size_t there = std::min(end_ - begin_, most);

@@ -12,7 +12,7 @@ namespace vx {
 // Writes one message with a fixed syslog priority (LOG_ERR, ...); errno is left as it was found.
 void log(int priority, const char *format, ...) __attribute__((cold, format(printf, 2, 3)));
 
-// The same with a level of the platform's logging library (DL_ERR, DL_ERROR, DL_INFO, ...).
+// Does the same with a level of the platform's logging library (DL_ERR, DL_ERROR, DL_INFO, ...).
 void log(const devlog_level *level, const char *format, ...) __attribute__((cold, format(printf, 2, 3)));
 
 }  // namespace vx

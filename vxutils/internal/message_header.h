@@ -7,7 +7,7 @@
 
 namespace vx {
 
-// Header of a message whose bytes lie in one place. It refers to `part`, which must live as long as it.
+// Makes the header of a message whose bytes lie in one place. It refers to `part`, which must live as long as it.
 inline msghdr messageHeader(iovec &part) noexcept {
     msghdr header{};
     header.msg_iov = &part;
@@ -15,7 +15,7 @@ inline msghdr messageHeader(iovec &part) noexcept {
     return header;
 }
 
-// The same with the address of the receiver, or room for the sender's. It refers to `peer`, too.
+// Makes one that also has the address of the receiver, or room for the sender's. It refers to `peer`, too.
 template <typename Address>
 msghdr messageHeader(iovec &part, Address &peer) noexcept {
     msghdr header = messageHeader(part);

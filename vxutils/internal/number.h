@@ -8,8 +8,8 @@
 
 namespace vx {
 
-// The number itself, or the nearest one that an int can be. The C library's readers of int give that where long has 32
-// bits; where it is wider they cut bits off.
+// Returns the number itself, or the nearest one that an int can be. The C library's readers of int give that where long
+// has 32 bits; where it is wider they cut bits off.
 constexpr int nearestInt(long long number) {
     constexpr long long least = std::numeric_limits<int>::min();
     constexpr long long most = std::numeric_limits<int>::max();

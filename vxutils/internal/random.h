@@ -11,7 +11,7 @@
 
 namespace vx {
 
-// From the kernel, without waiting. Early at boot, while the kernel has none, from the clock and the place of the
+// Asks the kernel, without waiting. Early at boot, while the kernel has none, from the clock and the place of the
 // stack.
 inline uint64_t randomBits() noexcept {
     const ErrnoKeeper keeper;

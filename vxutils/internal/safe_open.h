@@ -20,13 +20,13 @@ inline bool onlyOwnerMayWrite(const struct stat &status) noexcept {
     return (status.st_mode & (S_IWGRP | S_IWOTH)) == 0;
 }
 
-// A regular file that neither a stranger nor a group can change, now or later.
+// Tells whether this is a regular file that neither a stranger nor a group can change, now or later.
 inline bool isSafe(const struct stat &status) noexcept {
     return S_ISREG(status.st_mode) && isTrustedUser(status.st_uid) && onlyOwnerMayWrite(status);
 }
 
-// open() of a regular file and nothing else. A link is not followed (ELOOP), a FIFO or a lease that its maker holds
-// makes the call fail instead of wait, and what is not a regular file is refused (EISDIR, EINVAL). Not for O_TRUNC: the
+// Opens a regular file and nothing else. A link is not followed (ELOOP), a FIFO or a lease that its maker holds makes
+// the call fail instead of wait, and what is not a regular file is refused (EISDIR, EINVAL). Not for O_TRUNC: the
 // kernel would truncate before the file is looked at; call ftruncate() afterwards. `status` receives the file's status.
 inline Fd openRegular(const char *path, int flags, mode_t mode, struct stat &status) noexcept {
     Fd fd(::open(path, flags | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, mode));
@@ -36,7 +36,7 @@ inline Fd openRegular(const char *path, int flags, mode_t mode, struct stat &sta
     return Fd();
 }
 
-// The same for a file that must belong to a trusted user; EPERM for a stranger's.
+// Opens such a file that must belong to a trusted user; EPERM for a stranger's.
 inline Fd openTrusted(const char *path, int flags, mode_t mode, struct stat &status) noexcept {
     Fd fd = openRegular(path, flags, mode, status);
     if (!fd.valid() || isTrustedUser(status.st_uid)) return fd;
@@ -44,7 +44,7 @@ inline Fd openTrusted(const char *path, int flags, mode_t mode, struct stat &sta
     return Fd();
 }
 
-// The same for a file that, besides, only its owner may write (EPERM otherwise).
+// Opens such a file that, besides, only its owner may write (EPERM otherwise).
 inline Fd openSafe(const char *path, int flags, mode_t mode, struct stat &status) noexcept {
     Fd fd = openTrusted(path, flags, mode, status);
     if (!fd.valid() || onlyOwnerMayWrite(status)) return fd;

@@ -21,18 +21,18 @@ enum class SemaphoreProblem {
     strangers,     // an ordinary user other than this one made the set, and it cannot be removed
 };
 
-// The id of a set that a trusted user made and that has been free once; -1 with errno and `problem` set. A set that
-// has never been operated on is given a second and then replaced, a stranger's is replaced at once. Two processes that
-// obtain a set of one key never hold different ones at the same time.
+// Returns the id of a set that a trusted user made and that has been free once; -1 with errno and `problem` set. A set
+// that has never been operated on is given a second and then replaced, a stranger's is replaced at once. Two processes
+// that obtain a set of one key never hold different ones at the same time.
 int obtainSemaphore(key_t key, SemaphoreDeadline deadline, SemaphoreProblem &problem);
 
 // Adds `by` to semaphore 0: one semop() with these flags.
 int changeSemaphore(int id, short by, short flags);
 
-// The same, waiting until the deadline at most; -1 with EAGAIN after it. Signals do not end the wait.
+// Does the same, waiting until the deadline at most; -1 with EAGAIN after it. Signals do not end the wait.
 int changeSemaphoreBefore(int id, short by, short flags, SemaphoreDeadline deadline);
 
-// Whether the set has been removed. Keeps errno.
+// Tells whether the set has been removed. Keeps errno.
 bool isSemaphoreGone(int id);
 
 }  // namespace vx

@@ -20,7 +20,7 @@ public:
 
     [[nodiscard]] bool running() const { return stream_ != nullptr; }
 
-    // The next line up to its first NUL byte, at most `most` bytes of it; nothing at the end of the output.
+    // Returns the next line up to its first NUL byte, at most `most` bytes of it; nothing at the end of the output.
     std::optional<std::string_view> nextLine(size_t most) {
         const auto line = lines_.next(::fileno(stream_.get()), most);
         if (line.empty()) return std::nullopt;

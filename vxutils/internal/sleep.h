@@ -8,7 +8,7 @@
 
 namespace vx {
 
-// For times up to some minutes, which int holds in seconds on every machine.
+// Sleeps for times up to some minutes, which int holds in seconds on every machine.
 inline void sleepUs(int64_t us) noexcept {
     constexpr int64_t usPerSecond = 1000000;
     timespec rest{static_cast<int>(us / usPerSecond), static_cast<int>(us % usPerSecond * 1000)};

@@ -30,7 +30,7 @@ bool forComponents(std::string_view path, Each each) {
     return true;
 }
 
-// Whether no stranger can exchange a directory's entry for another one.
+// Tells whether no stranger can exchange a directory's entry for another one.
 bool isFirmlyIn(const struct stat &directory, const struct stat &entry) {
     if (isClosed(directory)) return true;
     return isOurs(directory) && (directory.st_mode & S_ISVTX) != 0 && isOurs(entry);
@@ -111,8 +111,8 @@ StatusPath::StatusPath(const char *path, Use use) : walk_(use, *path == '/'), na
     if (walk_.isUnsafe()) walk_.logUnsafe(path);
 }
 
-// Whether the path may be used as it is: it leads through directories only, no links, and each of them stays what it
-// is. So it is with every tree that was made with care, and a look at each directory costs less than to open it.
+// Tells whether the path may be used as it is: it leads through directories only, no links, and each of them stays what
+// it is. So it is with every tree that was made with care, and a look at each directory costs less than to open it.
 bool StatusPath::isFirm() {
     if (name_.empty() || name_.front() != '/' || name_.back() == '/') return false;
     bool first = true;

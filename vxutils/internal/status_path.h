@@ -23,7 +23,8 @@ public:
     // Goes on to a subdirectory; false with errno when that fails or is unsafe.
     bool enter(std::string_view component);
 
-    // The directory reached, for the functions ending in "at", together with nameOf() of what is looked for in it.
+    // Returns the directory reached, for the functions ending in "at", together with nameOf() of what is looked for in
+    // it.
     [[nodiscard]] int directory() const;
     [[nodiscard]] std::string nameOf(std::string_view component) const;
     [[nodiscard]] const struct stat &status() const { return status_; }

@@ -38,7 +38,7 @@ inline const TextHashSecret &textHashSecret() noexcept {
     return secret;
 }
 
-// Up to eight bytes as a number, a different one for each text of that length.
+// Reads up to eight bytes as a number, a different one for each text of that length.
 inline uint64_t shortBlock(const char *text, size_t length) noexcept {
     if (length >= sizeof(uint32_t)) {
         uint32_t first;

@@ -16,8 +16,8 @@ constexpr bool isHexDigit(unsigned char c) {
     return (c >= '0' && c <= '9') || (c >= 'A' && c <= 'F') || (c >= 'a' && c <= 'f');
 }
 
-// Length of the UTF-8 character of several bytes that begins here, 0 when none does. Those of the control characters
-// U+0080 to U+009F do not count, nor do forms that are longer than necessary.
+// Returns the length of the UTF-8 character of several bytes that begins here, 0 when none does. Those of the control
+// characters U+0080 to U+009F do not count, nor do forms that are longer than necessary.
 size_t wideCharacter(Bytes at, Bytes end) {
     const unsigned char first = *at;
     if (first < 0xC2 || first > 0xF4) return 0;
