@@ -6,24 +6,14 @@
 
 #include <cstdlib>
 #include <cstring>
-#include <mutex>
 
 #include "fuzz/stage.h"
 
 namespace {
 
-std::mutex mutex;
-std::optional<stage::Pieces> answers;
+stage::Answers answers;
 
-std::string answer(std::string_view) {
-    const std::lock_guard lock(mutex);
-    return std::string(answers->next());
-}
-
-void play(std::string_view input) {
-    const std::lock_guard lock(mutex);
-    answers.emplace(input);
-}
+std::string answer(std::string_view) { return answers.next().value_or(""); }
 
 }  // namespace
 
@@ -35,7 +25,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         return true;
     }();
     stage::check(started);
-    play(stage::text(data, size));
+    answers.play(stage::text(data, size));
     configd_handle *const handle = configd_open();
     stage::check(handle != nullptr);
     configd_add_query(handle, "wan.%d.apn", 0);

@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -55,6 +56,26 @@ public:
 
 private:
     std::string_view rest_;
+};
+
+// What a peer answers: the pieces of the input that is played, one after the other. The target's thread plays, the
+// peer's thread takes.
+class Answers {
+public:
+    void play(std::string_view input) {
+        const std::lock_guard lock(mutex_);
+        pieces_ = Pieces(input);
+    }
+    // Nothing when they are used up.
+    std::optional<std::string> next() {
+        const std::lock_guard lock(mutex_);
+        if (pieces_.empty()) return std::nullopt;
+        return std::string(pieces_.next());
+    }
+
+private:
+    std::mutex mutex_;
+    Pieces pieces_{{}};
 };
 
 inline std::string_view text(const uint8_t *data, size_t size) { return {reinterpret_cast<const char *>(data), size}; }

@@ -7,27 +7,17 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
-#include <mutex>
 
 #include "fuzz/stage.h"
 
 namespace {
 
-std::mutex mutex;
-std::optional<stage::Pieces> answers;
+stage::Answers answers;
 
-// Nothing would be waited for until the time-out ends.
+// The library would wait for an empty answer until its time-out ends: it is not sent.
 std::optional<std::string> answer(std::string_view) {
-    const std::lock_guard lock(mutex);
-    if (answers->empty()) return std::nullopt;
-    std::string piece(answers->next());
-    if (piece.empty()) return std::nullopt;
-    return piece;
-}
-
-void play(std::string_view input) {
-    const std::lock_guard lock(mutex);
-    answers.emplace(input);
+    auto piece = answers.next();
+    return piece.has_value() && piece->empty() ? std::nullopt : piece;
 }
 
 }  // namespace
@@ -44,7 +34,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     const std::string input = "OK\xff" + std::string(stage::text(data, size));  // of the handshake
     // A busy modem is waited for by the clock.
     if (input.find("BUSY") != std::string::npos) return 0;
-    play(input);
+    answers.play(input);
     stage::noPauses = true;
     wwanmd_handle *const handle = wwanmd_init(0, "fuzz");
     stage::check(handle != nullptr);

@@ -60,15 +60,6 @@ using vxtest::LogLine;
 using Log = std::vector<LogLine>;
 using Pairs = std::vector<std::pair<std::string, std::string>>;
 
-static_assert(offsetof(cfread_entry, key) == sizeof(char *) && offsetof(cfread_entry, value) == 2 * sizeof(char *) &&
-              offsetof(cfread_entry, ival) == 3 * sizeof(char *));
-static_assert(offsetof(cfread_table, size) == 4 && offsetof(cfread_table, entries) == 8 &&
-              offsetof(cfread_table, file) == 8 + sizeof(char *) &&
-              offsetof(cfread_table, reserved) == 8 + 2 * sizeof(char *) &&
-              offsetof(cfread_table, callback) == 8 + 3 * sizeof(char *) &&
-              offsetof(cfread_table, cb_arg) == 8 + 4 * sizeof(char *) &&
-              offsetof(cfread_table, cb_empty) == 8 + 5 * sizeof(char *));
-
 using Table = std::unique_ptr<cfread_table, decltype(&cfread_close)>;
 
 constexpr const char *mainFile = "/etc/vx/main.conf";

@@ -92,12 +92,6 @@ constexpr const char *daemonSocket = "/var/run/configd/daemon.sock";
 
 static_assert(CONFIGD_KEY_LEN == 256 && CONFIGD_VALUE_LEN == 1024 && CONFIGD_MAX_QUERIES == 512 &&
               CONFIGD_MSG_LEN == 16384);
-static_assert(offsetof(configd_entry, key) == sizeof(list_link) &&
-              offsetof(configd_entry, value) == sizeof(list_link) + 256 &&
-              sizeof(configd_entry) == sizeof(list_link) + 1280);
-static_assert(offsetof(configd_handle, client_path) == 4 && offsetof(configd_handle, server_path) == 260 &&
-              offsetof(configd_handle, count) == 516 && offsetof(configd_handle, queries) == 520 &&
-              offsetof(configd_handle, fetched) == 520 + sizeof(list_link));
 
 using Handle = std::unique_ptr<configd_handle, decltype(&configd_close)>;
 Handle openHandle() { return Handle(configd_open(), &configd_close); }

@@ -21,8 +21,6 @@ using vxtest::LogLine;
 using Lines = std::vector<std::string>;
 using Log = std::vector<LogLine>;
 
-static_assert(sizeof(ConfigDaemonClient) == 2 * sizeof(void *), "the virtual table's pointer and the handle's");
-
 String text(size_t length, char c) { return String(std::string(length, c).c_str()); }
 
 class ConfigDaemonClientTest : public testing::Test {

@@ -28,8 +28,6 @@ struct Opened {
 };
 template struct Opened<&ConfigReader::table_>;
 
-static_assert(sizeof(ConfigReader) == 2 * sizeof(void *), "the virtual table's pointer and the table's");
-
 constexpr const char *path = "/etc/vx/reader.conf";
 
 class ConfigReaderTest : public testing::Test {

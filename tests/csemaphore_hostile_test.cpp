@@ -2,12 +2,12 @@
 // Locks whose objects were made first by others: by a stranger, or by a process that died or stopped half-way.
 #include <vxutils/csemaphore.h>
 
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <pthread.h>
 #include <sys/file.h>
 #include <sys/ipc.h>
 #include <sys/mman.h>
+#include <sys/resource.h>
 #include <sys/sem.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -29,73 +29,37 @@
 #include <utility>
 #include <vector>
 
+#include "support/call_hooks.h"
+#include "support/csemaphore.h"
 #include "support/files.h"
 #include "support/process.h"
 #include "support/resources.h"
 #include "support/syslog_capture.h"
 #include "support/text.h"
 
+VXTEST_HOOK(int, semop, (int id, sembuf *operations, size_t count), (id, operations, count))
+
 namespace {
 
-// Where a process of a race is held up.
-struct Delays {
-    bool on = false;
-    int beforeFreeing_us = 0;  // once, between making a set and its first operation
-    bool dies = false;         // there, instead
-    int between_us = 0;        // at most, before every other call
-    std::mt19937 random;
-};
-Delays delays;
-
-// Called once before the semctl() of this command.
-struct Hook {
-    int command = -1;
-    std::function<void()> call;
-};
-Hook hook;
-
-void holdUp(int atMost_us) {
-    if (delays.on && atMost_us > 0) {
-        ::usleep(static_cast<useconds_t>(delays.random() % static_cast<unsigned int>(atMost_us)));
-    }
-}
-
-template <typename Function>
-Function real(const char *name) {
-    return reinterpret_cast<Function>(::dlsym(RTLD_NEXT, name));
-}
+std::function<void(int command)> beforeSemctl;
 
 constexpr const char *semctlName = sizeof(long) == 4 ? "__semctl64" : "semctl";
 
 }  // namespace
-
-extern "C" int semop(int id, sembuf *operations, size_t count) noexcept {
-    const bool frees = operations[0].sem_op == 1 && operations[0].sem_flg == 0;
-    if (delays.on && frees) {
-        if (delays.dies) ::raise(SIGKILL);
-        ::usleep(static_cast<useconds_t>(std::exchange(delays.beforeFreeing_us, 0)));
-    }
-    holdUp(delays.between_us);
-    static const auto next = real<int (*)(int, sembuf *, size_t)>("semop");
-    return next(id, operations, count);
-}
 
 extern "C" int semctl(int id, int number, int command, ...) noexcept {
     va_list arguments;
     va_start(arguments, command);
     void *const argument = va_arg(arguments, void *);
     va_end(arguments);
-    holdUp(delays.between_us);
-    if (command == hook.command) {
-        hook.command = -1;
-        hook.call();
-    }
-    static const auto next = real<int (*)(int, int, int, ...)>(semctlName);
+    if (beforeSemctl) beforeSemctl(command);
+    static const auto next = vxtest::nextCall<int (*)(int, int, int, ...)>(semctlName);
     return next(id, number, command, argument);
 }
 
 namespace {
 
+using vxtest::libraryFile;
 using vxtest::textf;
 
 using Clock = std::chrono::steady_clock;
@@ -104,7 +68,6 @@ using Lines = std::vector<vxtest::LogLine>;
 constexpr uid_t user = 12345;
 constexpr unsigned int hangs_s = 60;
 constexpr size_t mutexSize = sizeof(pthread_mutex_t);
-const std::string libraryFile = "/usr/lib/libvxutils.so.1.0.0";
 
 // Kills its process, and waits for it, in the end.
 class Child {
@@ -140,33 +103,17 @@ public:
     EndsInTime &operator=(const EndsInTime &) = delete;
 };
 
-class Hostile : public testing::Test {
+class Hostile : public vxtest::SemaphoreTest {
 protected:
-    Hostile() {
-        ::openlog("csemaphore_hostile_test", LOG_NDELAY, LOG_USER);
-        if (!vxtest::exists(libraryFile)) vxtest::writeFile(libraryFile, "the library's own file");
-        removeSet(libraryFile, 1);
-    }
-    ~Hostile() override {
-        EXPECT_EQ(log.take(), Lines{});
-        ::closelog();
-    }
+    Hostile() { removeSet(libraryFile, 1); }
     void SetUp() override {
         if (!vxtest::hasOtherUsers()) GTEST_SKIP() << "a box made by an ordinary user has no other";
     }
-    static std::string fresh() {
-        static int number = 0;
-        return "/hostile" + std::to_string(::getpid()) + "." + std::to_string(++number);
-    }
-    static std::string object(const std::string &name) { return "/dev/shm" + name; }
     static int setOf(const std::string &path, int project) { return ::semget(::ftok(path.c_str(), project), 1, 0); }
     static int guardSet() { return setOf(libraryFile, 1); }
     static void removeSet(const std::string &path, int project) {
         const int id = setOf(path, project);
         if (id != -1) ::semctl(id, 0, IPC_RMID);
-    }
-    static vxtest::LogLine created(const std::string &name) {
-        return {LOG_DEBUG, "created recursive semaphore \"" + name + "\""};
     }
     static vxtest::LogLine refused(const std::string &name, uid_t owner, unsigned int mode) {
         return {LOG_ERR, textf("recursive-semaphore: refusing shared memory \"%s\" - owner=%u, mode=%o", name.c_str(),
@@ -193,8 +140,6 @@ protected:
         EXPECT_EQ(lock.lock(), 0);
         EXPECT_EQ(lock.unlock(), 0);
     }
-
-    vxtest::SyslogCapture log;
 };
 
 semid_ds statusOf(int id) {
@@ -251,6 +196,10 @@ TEST_F(StrangersObject, IsRefusedWhateverItHoldsAndStaysAsItIs) {
 TEST_F(StrangersObject, WithoutEndIsRefused) {
     const std::string name = fresh();
     ASSERT_EQ(asStranger([&] {
+                  rlimit sizes{};
+                  ::getrlimit(RLIMIT_FSIZE, &sizes);
+                  sizes.rlim_cur = sizes.rlim_max;
+                  ::setrlimit(RLIMIT_FSIZE, &sizes);
                   vxtest::writeFile(object(name), "");
                   return ::truncate(object(name).c_str(), off_t{1} << 40);
               }),
@@ -647,8 +596,9 @@ TEST_F(UnfinishedSet, ThatIsFreedWhileItIsReplacedLetsOneInAtATime) {
         auto *const inside = static_cast<std::atomic<int> *>(
             ::mmap(nullptr, sizeof(std::atomic<int>), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
         pid_t other = -1;
-        hook.command = moment;
-        hook.call = [&] {
+        beforeSemctl = [&](int command) {
+            if (command != moment || other != -1) return;
+            other = 0;  // once
             sembuf free{0, 1, 0};
             EXPECT_EQ(::semop(id, &free, 1), 0);
             other = vxtest::startChild([&] {
@@ -666,12 +616,32 @@ TEST_F(UnfinishedSet, ThatIsFreedWhileItIsReplacedLetsOneInAtATime) {
         EXPECT_EQ(lock.lock(), 0);
         EXPECT_EQ(*inside, 2);
         EXPECT_EQ(lock.unlock(), 0);
+        beforeSemctl = nullptr;
         EXPECT_NE(setOf("/etc/hostname", 26), id);
-        ASSERT_NE(other, -1);
+        ASSERT_GT(other, 0);
         EXPECT_EQ(vxtest::waitChild(other), 0);
         ::munmap(inside, sizeof *inside);
     }
 }
+
+// Where a process of a race is held up.
+struct Delays {
+    int beforeFreeing_us = 0;  // once, between making a set and its first operation
+    bool dies = false;         // there, instead
+    int between_us = 0;        // at most, before every other call
+    std::mt19937 random;
+
+    void beforeCall() {
+        if (between_us > 0) ::usleep(static_cast<useconds_t>(random() % static_cast<unsigned int>(between_us)));
+    }
+    void beforeOperation(const sembuf &operation) {
+        if (operation.sem_op == 1 && operation.sem_flg == 0) {
+            if (dies) ::raise(SIGKILL);
+            ::usleep(static_cast<useconds_t>(std::exchange(beforeFreeing_us, 0)));
+        }
+        beforeCall();
+    }
+};
 
 struct Race {
     std::atomic<int> inside;
@@ -694,7 +664,7 @@ protected:
     ~HealingRace() override { ::munmap(races_, sets * sizeof(Race)); }
     void SetUp() override {}
 
-    static void use(int project, Race &race) {
+    static void use(int project, Race &race, std::mt19937 &random) {
         for (int i = 0; i < 10; ++i) {
             CSemaphore lock("/etc/hostname", project);
             if (lock.init() != 0) {
@@ -706,7 +676,7 @@ protected:
                 if (lock.lock() != 0) break;
                 if (++race.inside != 1) ++race.twoInside;
                 ++race.entered;
-                ::usleep(delays.random() % 20000);
+                ::usleep(random() % 20000);
                 --race.inside;
                 (void)lock.unlock();
             }
@@ -726,14 +696,19 @@ TEST_F(HealingRace, NeverLetsTwoProcessesIn) {
         removeSet("/etc/hostname", project);
         for (int process = 0; process < processes; ++process) {
             children.push_back(vxtest::startChild([=, this] {
+                Delays delays;
                 delays.random.seed(seed + static_cast<unsigned int>(set * processes + process));
-                delays.on = true;
                 // The others give it a second from when they find the set.
                 if (process % 2 == 0) delays.beforeFreeing_us = 990000 + static_cast<int>(delays.random() % 25000);
                 delays.dies = process % 2 == 0 && set % 4 == 0;
                 constexpr std::array<int, 3> fastAndSlow{0, 3000, 15000};
                 delays.between_us = fastAndSlow[delays.random() % fastAndSlow.size()];
-                use(project, races_[set]);
+                vxtest::hooks::semop = [&delays](int, const sembuf *operations, size_t) -> std::optional<int> {
+                    delays.beforeOperation(*operations);
+                    return std::nullopt;
+                };
+                beforeSemctl = [&delays](int) { delays.beforeCall(); };
+                use(project, races_[set], delays.random);
                 return 0;
             }));
         }

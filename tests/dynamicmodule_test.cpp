@@ -12,7 +12,6 @@
 #include "support/process.h"
 #include "support/resources.h"
 #include "support/syslog_capture.h"
-#include "support/vtable.h"
 
 namespace {
 
@@ -259,11 +258,6 @@ TEST(DynamicModule, LeavesNoDescriptorOpen) {
         EXPECT_EQ(missing.load(nullptr), -1);
     }
 }
-
-TEST(DynamicModule, HasNoVirtualOperationButItsDestructor) { EXPECT_EQ(vxtest::slotsOf<CDynamicModule>(), 2U); }
-
-// The layout that programs in the field were compiled with: the table of virtual operations, the handle, the path.
-static_assert(sizeof(CDynamicModule) == 2 * sizeof(void *) + sizeof(std::string));
 
 TEST(DynamicModuleExample, GreetsThroughAPlugIn) {
     const std::string program = vxtest::built("examples/dynamicmodule_host");

@@ -37,12 +37,7 @@ using vxtest::errorLevel;
 using vxtest::kernel;
 using vxtest::Sink, vxtest::Timer;
 using vxtest::watched, vxtest::descriptorsOn, vxtest::timerDescriptors, vxtest::epollDescriptor;
-
-class Eventsource : public vxtest::LoopTest {
-protected:
-    Eventsource() { kernel = {}; }
-    ~Eventsource() override { kernel = {}; }
-};
+using Eventsource = vxtest::LoopCallsTest;
 
 TEST_F(Eventsource, InitFailsWithoutADescriptorForTheEpollSet) {
     const vxtest::DescriptorLimit none(0);

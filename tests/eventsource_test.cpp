@@ -27,7 +27,6 @@
 #include "support/resources.h"
 #include "support/syslog_capture.h"
 #include "support/text.h"
-#include "support/vtable.h"
 
 namespace {
 
@@ -505,33 +504,6 @@ TEST_F(Eventsource, SinksMayBeGoneBeforeTheSource) {
 }
 
 // --- the interfaces as programs in the field are linked to them
-
-TEST_F(Eventsource, SlotsStandInTheirOrder) {
-    using vxtest::slotOf;
-    EXPECT_EQ(slotOf(&IFDEventsource::addSink), 0U);
-    EXPECT_EQ(slotOf(&IFDEventsource::removeSink), 1U);
-    EXPECT_EQ(slotOf(&IFDEventsource::modifyEventMask), 2U);
-    EXPECT_EQ(slotOf(&IFDEventsource::getEventMask), 3U);
-    EXPECT_EQ(slotOf(&IFDEventsource::terminate), 4U);  // 5 and 6 are the destructors
-    EXPECT_EQ(slotOf(&ITimeoutEventsource::addTimer), 0U);
-    EXPECT_EQ(slotOf(&ITimeoutEventsource::removeTimer), 1U);
-    EXPECT_EQ(slotOf(&ITimeoutEventsource::activeTimer), 2U);
-    EXPECT_EQ(slotOf(&IFDEventsink::onReadable), 0U);
-    EXPECT_EQ(slotOf(&IFDEventsink::onWritable), 1U);
-    EXPECT_EQ(slotOf(&IFDEventsink::getFd), 2U);
-    EXPECT_EQ(slotOf(&ITimeoutEventsink::onTimeout), 0U);
-    EXPECT_EQ(slotOf(&ITimeoutEventsink::getTimeoutMs), 1U);
-    EXPECT_EQ(slotOf(&ITimeoutEventsink::isOneShot), 2U);
-    EXPECT_EQ(slotOf(&CEPollEventsource::addSink), 0U);
-    EXPECT_EQ(slotOf(&CEPollEventsource::addTimer), 7U);
-    EXPECT_EQ(slotOf(&CEPollEventsource::removeTimer), 8U);
-    EXPECT_EQ(slotOf(&CEPollEventsource::activeTimer), 9U);
-    EXPECT_EQ(vxtest::slotsOf<IFDEventsource>(), 7U);
-    EXPECT_EQ(vxtest::slotsOf<ITimeoutEventsource>(), 5U);
-    EXPECT_EQ(vxtest::slotsOf<IFDEventsink>(), 5U);
-    EXPECT_EQ(vxtest::slotsOf<ITimeoutEventsink>(), 5U);
-    EXPECT_EQ(vxtest::slotsOf<CEPollEventsource>(), 10U);
-}
 
 TEST_F(Eventsource, EventTypesHaveTheirNumbers) {
     EXPECT_EQ(IFDEventsource::ET_NONE, 0);

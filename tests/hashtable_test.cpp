@@ -41,8 +41,6 @@ static constexpr size_t largestArray = size_t{1} << 26;
 
 namespace {
 
-static_assert(sizeof(INUInt32HashTable) == sizeof(void *) + 2 * sizeof(unsigned int));
-static_assert(sizeof(INStringHashTable) == sizeof(void *) + 2 * sizeof(unsigned int));
 static_assert(!std::is_polymorphic_v<INUInt32HashTable> && !std::is_polymorphic_v<INStringHashTable>);
 static_assert(!std::is_copy_constructible_v<INUInt32HashTable> && !std::is_copy_assignable_v<INStringHashTable>);
 

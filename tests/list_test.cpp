@@ -10,9 +10,6 @@
 
 namespace {
 
-static_assert(offsetof(list_link, next) == 0 && offsetof(list_link, prev) == sizeof(void *));
-static_assert(sizeof(list_link) == 2 * sizeof(void *));
-
 struct Record {
     list_link link;
     char name;

@@ -10,9 +10,6 @@
 
 namespace {
 
-static_assert(offsetof(mem_stream, buf) == 0 && offsetof(mem_stream, buf_size) == sizeof(void *));
-static_assert(sizeof(mem_stream) == 2 * sizeof(void *));
-
 // What the C library's assertion handler prints.
 std::string assertion(const std::string &function, const std::string &expression) {
     return "vxutils/memstream:[0-9]+: " + function + ": Assertion `" + expression + "' failed";

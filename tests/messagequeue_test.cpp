@@ -24,7 +24,6 @@
 #include "support/process.h"
 #include "support/resources.h"
 #include "support/syslog_capture.h"
-#include "support/vtable.h"
 
 namespace {
 
@@ -145,17 +144,6 @@ TEST_F(Messagequeue, AMessageHasACodeAndAPayload) {
     EXPECT_EQ(CQMsg(7).data, nullptr);
     EXPECT_EQ(CQMsg(-1, &payload).code, -1);
     EXPECT_EQ(CQMsg(-1, &payload).data, &payload);
-}
-
-TEST_F(Messagequeue, SlotsStandInTheirOrder) {
-    using vxtest::slotOf;
-    EXPECT_EQ(slotOf(&IMQEventsink::onMessage), 0U);
-    EXPECT_EQ(slotOf(&IMQEventsink::onQueueError), 1U);
-    EXPECT_EQ(slotOf(&CMessageQueue::onReadable), 0U);
-    EXPECT_EQ(slotOf(&CMessageQueue::onWritable), 1U);
-    EXPECT_EQ(slotOf(&CMessageQueue::getFd), 2U);
-    EXPECT_EQ(vxtest::slotsOf<IMQEventsink>(), 4U);
-    EXPECT_EQ(vxtest::slotsOf<CMessageQueue>(), 5U);
 }
 
 TEST_F(Messagequeue, TheConstructorCarriesOnWithoutARecursiveMutex) {

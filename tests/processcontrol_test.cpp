@@ -531,10 +531,6 @@ TEST(ProcessControl, TwoListsOfOneThreadDoNotMeet) {
     EXPECT_EQ(pidsOf(outer.inner), pidsOf(outer));
 }
 
-// The layout that programs in the field were compiled with.
-static_assert(sizeof(ProcessEntry) == (sizeof(void *) == 8 ? 40 : 20));
-static_assert(sizeof(ProcessControl) == (sizeof(void *) == 8 ? 24 : 12));
-
 // ------------------------------------------------------------------------------------------------- example
 
 TEST(ProcessControlExample, ReportsWhatCameAndWent) {

@@ -25,7 +25,6 @@ extern "C" {
 #include "support/process.h"
 #include "support/resources.h"
 #include "support/syslog_capture.h"
-#include "support/vtable.h"
 
 namespace {
 
@@ -701,16 +700,6 @@ TEST_F(Status, AFifoNeedsACurrentEventBase) {
     EXPECT_EQ(status_.setupIpcRxFifo("/rx", &recorder), 0U);
     EXPECT_TRUE(isFifo(directory_ + "/rx"));  // left in place
 }
-
-// Programs in the field implement the observer: their table has the two destructors first.
-TEST(StatusTables, TheObserverIsCalledThroughItsThirdSlot) {
-    EXPECT_EQ(vxtest::slotOf(&StatusFifoObserver::fifoDataReceived), 2U);
-    EXPECT_EQ(vxtest::slotsOf<StatusFifoObserver>(), 3U);
-    EXPECT_EQ(vxtest::slotsOf<StatusInterface>(), 2U);
-}
-
-// The layout that programs in the field were compiled with: the table of virtual operations, path and list.
-static_assert(sizeof(StatusInterface) == 3 * sizeof(void *));
 
 // -------------------------------------------------------------------------------------------------- example
 

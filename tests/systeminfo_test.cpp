@@ -30,9 +30,6 @@ extern "C" char *strdup(const char *text) noexcept {
 
 namespace {
 
-static_assert(offsetof(systeminfo_table, vars) == sizeof(char *));
-static_assert(sizeof(systeminfo_table) == sizeof(char *) + 256 * 2 * sizeof(char *));
-
 constexpr const char *path = "/etc/default/system-info";
 
 using Table = std::unique_ptr<systeminfo_table, decltype(&systeminfo_free)>;

@@ -35,11 +35,6 @@ namespace {
 const std::string fifoPath = "/tmp/status/event-manager/throw";
 const std::string endpoint = "tcp://127.0.0.1:47011";
 
-static_assert(sizeof(vxevent_record) == 136);
-static_assert(offsetof(vxevent_record, id) == 0 && sizeof(vxevent_record::id) == 4);
-static_assert(offsetof(vxevent_record, param) == 4 && sizeof(vxevent_record::param) == 4);
-static_assert(offsetof(vxevent_record, text) == 8 && sizeof(vxevent_record::text) == 128);
-
 // Memory and messages on their way from the library to those who provide them. What the library hands to ZeroMQ is
 // known by its size.
 std::atomic<bool> noMemory = false;

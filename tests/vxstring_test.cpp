@@ -843,11 +843,7 @@ TEST(StringChange, TheMeasuredLengthHoldsForFormatsOfEveryShape) {
         const auto write = [&](auto argument) {
             measured = strlenf(fmt.c_str(), argument);
             expected.assign(static_cast<size_t>(measured), '\0');
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wformat-nonliteral"
-#pragma GCC diagnostic ignored "-Wformat-overflow"
             std::snprintf(expected.data(), expected.size() + 1, fmt.c_str(), argument);
-#pragma GCC diagnostic pop
             s.format(fmt.c_str(), argument);
             t.concatf(fmt.c_str(), argument);
         };

@@ -88,10 +88,6 @@ using testing::StartsWith;
 using vxtest::LogLine;
 
 static_assert(sizeof(wwanmd_handle::last_io.tv_sec) == 8);
-static_assert(offsetof(wwanmd_handle, app) == 4 && offsetof(wwanmd_handle, fd) == 20 &&
-              offsetof(wwanmd_handle, flags) == 24 && offsetof(wwanmd_handle, failures) == 28 &&
-              offsetof(wwanmd_handle, busy_count) == 32 && offsetof(wwanmd_handle, last_io) == 40);
-static_assert(offsetof(wwanmd_msg, len) == 8192 && offsetof(wwanmd_msg, timeout) == 8196 && sizeof(wwanmd_msg) == 8204);
 
 struct Event {
     long long us;

@@ -363,10 +363,6 @@ TEST(XprintfModel, AgreesOnEveryWindowOfALogLine) {
     }
 }
 
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wformat-nonliteral"
-#pragma GCC diagnostic ignored "-Wformat-overflow"
-#pragma GCC diagnostic ignored "-Wformat-security"
 // The C library agrees wherever both have the conversion (but for a zero value with precision 0).
 template <typename... Args>
 void expectLikeLibc(const char *fmt, Args... args) {
@@ -390,6 +386,5 @@ TEST(XprintfModel, AgreesWithTheCLibraryOnWhatDaemonsPrint) {
         for (const char *value : {"", "a", "abcdef", "a longer text than the field"}) expectLikeLibc(field, value);
     }
 }
-#pragma GCC diagnostic pop
 
 }  // namespace

@@ -4,7 +4,6 @@
 #pragma once
 
 #include <devlog.h>
-#include <dlfcn.h>
 #include <sys/epoll.h>
 #include <sys/timerfd.h>
 #include <syslog.h>
@@ -12,6 +11,9 @@
 #include <cerrno>
 #include <functional>
 #include <optional>
+
+#include "support/call_hooks.h"
+#include "support/loop.h"
 
 namespace vxtest {
 
@@ -27,10 +29,12 @@ struct LoopCalls {
 };
 inline LoopCalls kernel;
 
-template <typename Function>
-Function nextCall(const char *name) {
-    return reinterpret_cast<Function>(::dlsym(RTLD_NEXT, name));
-}
+// A loop whose calls are not hooked before and after a test.
+class LoopCallsTest : public LoopTest {
+protected:
+    LoopCallsTest() { kernel = {}; }
+    ~LoopCallsTest() override { kernel = {}; }
+};
 
 }  // namespace vxtest
 
