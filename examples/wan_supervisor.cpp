@@ -3,7 +3,7 @@
 //
 // The loop thread decides; what may block (pings, the modem daemon, the SMS tool) runs in worker threads that hand
 // their results to the loop through a message queue. Configuration comes from the configuration daemon, is read at
-// start and again on SIGHUP: the one wait of the loop thread, of 10 s at the most. What is known is in the status
+// start and again on SIGHUP; the loop asks for it and goes on until each answer is there. What is known is in the status
 // tree under "wan". A change of the link and of the alarm input is told to the event manager and the device log, a lost
 // link also by SMS; a digital output shows whether the link is up. SIGTERM ends it.
 #include <signal.h>
@@ -22,6 +22,7 @@
 #include <vxutils/vxevent.h>
 #include <vxutils/wwanmd.h>
 
+#include <array>
 #include <chrono>
 #include <condition_variable>
 #include <cstdarg>
@@ -32,6 +33,7 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
 
@@ -65,39 +67,101 @@ struct Settings {
     int stateOutput = 1;
 };
 
-// Keeps what is there for every key that the daemon does not know or that it cannot be asked for.
-void readSettings(Settings &settings) {
-    configd_handle *config = configd_open();
-    if (config == nullptr) return tell("no configuration daemon");
-    struct Text {
-        const char *key;
-        std::string &value;
-    };
-    struct Number {
-        const char *key;
-        int &value;
-    };
-    const Text texts[] = {{"wan.interface", settings.interface},
-                          {"wan.gateway", settings.gateway},
-                          {"wan.target", settings.target},
-                          {"wan.sms", settings.smsNumber}};
-    const Number numbers[] = {{"wan.card", settings.card},
-                              {"wan.interval_ms", settings.interval_ms},
-                              {"wan.losses", settings.losses},
-                              {"wan.alarm_input", settings.alarmInput},
-                              {"wan.state_output", settings.stateOutput}};
-    for (const Text &text : texts) configd_add_query(config, "%s", text.key);
-    for (const Number &number : numbers) configd_add_query(config, "%s", number.key);
-    for (const Text &text : texts) {
-        const char *value = configd_fetch(config, "%s", text.key);
-        if (value[0] != '\0') text.value = value;
+// Reads the settings from the configuration daemon without waiting for it: one request after the other, each answer when
+// the loop sees it. configd_get() would wait up to 10 s for an answer that never comes, and SIGTERM with it. What the
+// daemon does not know keeps its value. As long as it does not answer, it is asked again.
+class SettingsReader : public IFDEventsink, public ITimeoutEventsink {
+public:
+    // `done` is called with true when everything was read, with false once when the daemon does not answer.
+    SettingsReader(CEPollEventsource &loop, std::function<void(bool)> done) : loop_(loop), done_(std::move(done)) {}
+    ~SettingsReader() override { close(); }
+    SettingsReader(const SettingsReader &) = delete;
+    SettingsReader &operator=(const SettingsReader &) = delete;
+
+    void read() {
+        complained_ = false;
+        if (!loop_.activeTimer(this)) loop_.addTimer(this);
+        begin();
     }
-    for (const Number &number : numbers) {
-        const char *value = configd_fetch(config, "%s", number.key);
-        if (value[0] != '\0' && is_number(value) != 0) number.value = static_cast<int>(std::strtol(value, nullptr, 10));
+    const Settings &settings() const { return settings_; }
+
+    int getFd() const override { return config_->fd; }
+    void onWritable() override {}
+    void onReadable() override {
+        std::array<char, CONFIGD_MSG_LEN> answer{};
+        const int length = configd_recv(config_, answer.data(), static_cast<int>(answer.size()));
+        if (length < 2) return;
+        waits_ = false;
+        put(std::string(answer.data(), static_cast<size_t>(length) - 2));  // without newline and NUL
+        if (++key_ < keys.size()) return ask();
+        loop_.removeTimer(this);
+        close();
+        done_(true);
     }
-    configd_close(config);
-}
+
+    // Twice a second while there is something to read. After 2 s without an answer the request or the daemon is lost.
+    int getTimeoutMs() override { return 500; }
+    bool isOneShot() override { return false; }
+    void onTimeout(unsigned int expirations) override {
+        constexpr unsigned int patience = 4;
+        ticks_ += expirations;
+        if (waits_ && ticks_ < patience) return;
+        if (!complained_) done_(false);
+        complained_ = true;
+        begin();
+    }
+
+private:
+    static constexpr std::array keys{"wan.interface",   "wan.gateway", "wan.target",      "wan.sms",         "wan.card",
+                                     "wan.interval_ms", "wan.losses",  "wan.alarm_input", "wan.state_output"};
+
+    // With a new socket, so that late answers to earlier requests are not taken for those to the next.
+    void begin() {
+        close();
+        key_ = 0;
+        ticks_ = 0;
+        config_ = configd_open();
+        if (config_ == nullptr) return;
+        loop_.addSink(this, IFDEventsource::ET_READ);
+        ask();
+    }
+
+    void ask() {
+        const std::string request = std::string("?") + keys[key_] + "\n";
+        const int length = static_cast<int>(request.size()) + 1;
+        ticks_ = 0;
+        waits_ = configd_send(config_, request.c_str(), length) == length;
+    }
+
+    void put(const std::string &value) {
+        const std::array<std::string *, 4> texts{&settings_.interface, &settings_.gateway, &settings_.target,
+                                                 &settings_.smsNumber};
+        const std::array<int *, 5> numbers{&settings_.card, &settings_.interval_ms, &settings_.losses,
+                                           &settings_.alarmInput, &settings_.stateOutput};
+        if (value.empty()) return;
+        if (key_ < texts.size()) {
+            *texts[key_] = value;
+        } else if (is_number(value.c_str()) != 0) {
+            *numbers[key_ - texts.size()] = static_cast<int>(std::strtol(value.c_str(), nullptr, 10));
+        }
+    }
+
+    void close() {
+        if (config_ != nullptr && config_->fd != -1) loop_.removeSink(this);
+        configd_close(config_);
+        config_ = nullptr;
+        waits_ = false;
+    }
+
+    CEPollEventsource &loop_;
+    std::function<void(bool)> done_;
+    Settings settings_;
+    configd_handle *config_ = nullptr;
+    size_t key_ = 0;
+    unsigned int ticks_ = 0;  // since the last request
+    bool waits_ = false;      // for an answer
+    bool complained_ = false;
+};
 
 // A value that the loop and a worker both know.
 template <typename T>
@@ -251,21 +315,16 @@ public:
     int run() {
         if (signals_ == -1 || loop_.init() != 0 || queue_.init() != 0) return 1;
         status_.setup(BASEPATH_STATUS, "/wan");
-        configure();
         status_.setStatus("/link", "unknown");
         status_.setStatus("/alarm", "off");
         showLosses();
 
         loop_.addSink(this, IFDEventsource::ET_READ);
         loop_.addTimer(this);
-        {
-            Modem modem;
-            const Worker pings([this] { return watchLink(); });
-            const Worker polls([this, &modem] { return watchModem(modem); });
-            tell("watching %s by %s on %s", settings_.target.c_str(), settings_.gateway.c_str(),
-                 settings_.interface.c_str());
-            loop_.evtLoop();
-        }
+        reader_.read();
+        loop_.evtLoop();
+        pings_.reset();
+        polls_.reset();
         dio_setValue(settings_.stateOutput, 0);
         status_.setStatus("/link", "unwatched");
         tell("ended");
@@ -281,8 +340,8 @@ public:
         return std::chrono::milliseconds(settings.interval_ms);
     }
 
-    std::chrono::milliseconds watchModem(Modem &modem) {
-        report_.set(modem.askForSignal(shared_.get().card));
+    std::chrono::milliseconds watchModem() {
+        report_.set(modemDaemon_.askForSignal(shared_.get().card));
         queue_.send(CQMsg(MESSAGE_MODEM));
         return std::chrono::milliseconds(500);
     }
@@ -317,15 +376,22 @@ public:
         signalfd_siginfo got{};
         if (::read(signals_, &got, sizeof got) != sizeof got) return;
         if (got.ssi_signo != SIGHUP) return loop_.terminate();
-        configure();
-        tell("configuration read again: target %s, %d losses make a lost link", settings_.target.c_str(),
-             settings_.losses);
+        reader_.read();
     }
 
 private:
-    void configure() {
-        readSettings(settings_);
+    void onSettings(bool complete) {
+        if (!complete) return tell("the configuration daemon does not answer");
+        settings_ = reader_.settings();
         shared_.set(settings_);
+        if (pings_) {
+            return tell("configuration read again: target %s, %d losses make a lost link", settings_.target.c_str(),
+                        settings_.losses);
+        }
+        pings_.emplace([this] { return watchLink(); });
+        polls_.emplace([this] { return watchModem(); });
+        tell("watching %s by %s on %s", settings_.target.c_str(), settings_.gateway.c_str(),
+             settings_.interface.c_str());
     }
 
     void onPing(bool reply) {
@@ -373,11 +439,15 @@ private:
     CEPollEventsource loop_;
     CMessageQueue queue_{this, &loop_};
     StatusInterface status_;
+    SettingsReader reader_{loop_, [this](bool complete) { onSettings(complete); }};
     Settings settings_;  // the loop's own
     Shared<Settings> shared_;
     Shared<double> roundTrip_;
     Shared<ModemReport> report_;
     Outbox outbox_;
+    Modem modemDaemon_;
+    std::optional<Worker> pings_;
+    std::optional<Worker> polls_;
     std::string modem_;
     int signals_;
     int lost_ = 0;

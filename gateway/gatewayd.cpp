@@ -5,7 +5,7 @@
 //   gatewayd --serve [--echo-log PREFIX]   serves until SIGTERM; prints "ready" once everything runs
 //   gatewayd --install-library             installs the library of /gateway/lib under the names it has on a board
 //   gatewayd [--net none|wan|full] [--user NAME] [--timeout S] [--keep] [--report FD] [--shell]
-//            [--scenario FILE] [--] [PROGRAM ARGUMENT...]
+//            [--scenario FILE] [--replay NAME [--tolerance S]] [--] [PROGRAM ARGUMENT...]
 #include <grp.h>
 #include <pwd.h>
 #include <sys/signalfd.h>
@@ -13,8 +13,10 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
+#include <climits>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -26,6 +28,8 @@
 #include "gateway/core/board.h"
 #include "gateway/core/control.h"
 #include "gateway/core/junit.h"
+#include "gateway/core/replay.h"
+#include "gateway/tap.h"
 
 namespace {
 
@@ -48,6 +52,8 @@ struct Options {
     double timeout_s = 0;  // 0: none
     int report = -1;
     std::string scenario;
+    std::string replay;
+    double tolerance_s = Replay::defaultTolerance_s;
     std::vector<char *> program;
 };
 
@@ -67,6 +73,8 @@ Options parse(int argc, char **argv) {
         if (option == "--timeout") options.timeout_s = std::strtod(argument().c_str(), nullptr);
         if (option == "--report") options.report = static_cast<int>(std::strtol(argument().c_str(), nullptr, 10));
         if (option == "--scenario") options.scenario = argument();
+        if (option == "--replay") options.replay = argument();
+        if (option == "--tolerance") options.tolerance_s = std::strtod(argument().c_str(), nullptr);
         if (option == "--net") {
             const std::string net = argument();
             options.net = net == "none" ? Net::none : net == "full" ? Net::full : Net::wan;
@@ -130,7 +138,13 @@ public:
     int run() {
         holdSignals();
         if (fs::is_directory(libraryDirectory) && !options_.serve) installLibrary(libraryDirectory);
+        if (!options_.replay.empty()) {
+            replay_.emplace(options_.replay, readRecording(options_.replay, readText("/gateway/recording")),
+                            options_.tolerance_s);
+        }
+        gateway_.replaysDaemons = replay_.has_value();
         gateway_.start();
+        if (replay_) replay_->listen();
         control_.listen();
         if (options_.serve) {
             std::puts("ready");
@@ -163,7 +177,10 @@ private:
     void startProgram() {
         program_ = ::fork();
         if (program_ == -1) throw std::runtime_error(std::string("fork: ") + std::strerror(errno));
-        if (program_ != 0) return gateway_.programStarted(program_);
+        if (program_ != 0) {
+            if (replay_) replay_->programStarted(program_);
+            return gateway_.programStarted(program_);
+        }
         for (const int signal : {SIGINT, SIGQUIT, SIGPIPE}) std::signal(signal, SIG_DFL);
         ::sigprocmask(SIG_SETMASK, &before_, nullptr);
         if (options_.report != -1) ::close(options_.report);
@@ -173,6 +190,10 @@ private:
         if (options_.shell) {
             std::fputs(banner, stdout);
             std::fflush(stdout);
+        }
+        if (replay_) {
+            ::setenv("LD_PRELOAD", (ownDirectory() + "/libvxtap.so").c_str(), 1);
+            ::setenv(tapVariable, (std::string("replay ") + Replay::socketPath).c_str(), 1);
         }
         ::execvp(options_.program[0], options_.program.data());
         const int status = errno == ENOENT ? notFound : cannotRun;
@@ -189,11 +210,16 @@ private:
         }
         control_.addTo(waiting);
         const bool watches = player_ || control_.waits();  // status files do not announce themselves
-        ::poll(waiting.data(), waiting.size(), watches ? 5 : busy || options_.timeout_s > 0 || killing_ ? 20 : -1);
+        if (replay_) replay_->addTo(waiting);
+        int patience_ms = watches ? 5 : busy || options_.timeout_s > 0 || killing_ ? 20 : -1;
+        if (replay_) patience_ms = std::min(replay_->patience_ms(), patience_ms == -1 ? INT_MAX : patience_ms);
+        ::poll(waiting.data(), waiting.size(), patience_ms);
         // What programs told before they were seen to end comes first.
         gateway_.readLog();
         for (Peer *peer : gateway_.peers()) peer->read();
+        if (replay_) replay_->serve();
         readSignals();
+        watchReplay();
         gateway_.giveUp();
         control_.serve();
         play();
@@ -217,9 +243,18 @@ private:
     void programEnded(int status) {
         gateway_.programEnded();
         program_ = -1;
+        if (replay_) return replayEnded(WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status));
         const bool asked = ending_ && (status == 0 || (WIFSIGNALED(status) && WTERMSIG(status) == SIGTERM));
         if (status_ == 0 && !asked) status_ = WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
         over_ = !player_ || ending_;
+    }
+
+    // A program that did what it did has succeeded, whatever its status was.
+    void replayEnded(int status) {
+        replay_->serve();
+        replay_->programEnded(status);
+        watchReplay();
+        over_ = true;
     }
 
     void play() {
@@ -233,6 +268,17 @@ private:
             over_ = true;
         else
             endProgram();
+    }
+
+    void watchReplay() {
+        if (!replay_ || ending_ || over_) return;
+        if (!replay_->difference().empty()) {
+            std::fprintf(stderr, "%s\n", replay_->difference().c_str());
+            status_ = failed;
+            over_ = true;
+        } else if (replay_->over() && program_ != -1) {
+            endProgram();
+        }
     }
 
     void endProgram() {
@@ -288,6 +334,7 @@ private:
     Descriptor signals_;
     sigset_t before_{};
     std::optional<Player> player_;
+    std::optional<Replay> replay_;
     pid_t program_ = -1;
     Clock::time_point began_;
     std::optional<Clock::time_point> killing_;

@@ -20,6 +20,7 @@
 #include <vector>
 
 #include "gateway/core/junit.h"
+#include "gateway/core/recorder.h"
 #include "gateway/core/scenario.h"
 
 namespace {
@@ -31,6 +32,8 @@ constexpr const char *usage =
     "usage: vxgateway run [OPTION]... [--] PROGRAM [ARGUMENT]...\n"
     "       vxgateway shell [OPTION]...\n"
     "       vxgateway play [OPTION]... SCENARIO [[--] PROGRAM [ARGUMENT]...]\n"
+    "       vxgateway record [-o FILE] [--mask PATTERN]... [--] PROGRAM [ARGUMENT]...\n"
+    "       vxgateway replay [OPTION]... FILE [--] PROGRAM [ARGUMENT]...\n"
     "       vxgateway list [scenarios]\n"
     "       vxgateway --help | --version\n"
     "Runs a program in a virtual gateway: a throwaway system with the daemons, the board and the WAN link of a "
@@ -46,6 +49,7 @@ constexpr const char *usage =
     "directory\n"
     "  --timeout SECONDS      the program is ended after this time, with status 124\n"
     "  --junit FILE           the result is written to this file\n"
+    "  --tolerance SECONDS    replay: time within which independent actions may change places, 0.25 by default\n"
     "\n"
     "Ends with the program's own status (128 + signal number when a signal ended it), 124 when its time was over, 125 "
     "when\n"
@@ -71,6 +75,7 @@ struct Options {
     bool withDirectory = false;
     std::string junit;
     std::string scenario;
+    std::string recording;
     Arguments program;
 };
 
@@ -134,6 +139,19 @@ std::string scenarioFile(const std::string &name) {
     return fs::canonical(path);
 }
 
+std::string recordingFile(const std::string &name) {
+    std::ifstream file(name);
+    if (!file) refuse(wrongUsage, name + ": " + std::strerror(errno));
+    const std::string text{std::istreambuf_iterator<char>(file), {}};
+    try {
+        vxgateway::readRecording(name, text);
+    } catch (const std::exception &problem) {
+        std::fprintf(stderr, "%s\n", problem.what());
+        std::exit(wrongUsage);
+    }
+    return fs::canonical(name);
+}
+
 void takeOption(Options &options, const std::string &option, const std::string &value) {
     if (option == "--user") {
         if (::getpwnam(value.c_str()) == nullptr) refuse(wrongUsage, "--user: no such user: " + value);
@@ -159,14 +177,17 @@ void takeOption(Options &options, const std::string &option, const std::string &
         const auto time = vxgateway::seconds(value);
         if (!time || *time == 0) wrong("--timeout takes seconds above 0 and up to 86400, not '" + value + "'");
         options.inside.insert(options.inside.end(), {option, value});
+    } else if (option == "--tolerance") {
+        if (!vxgateway::seconds(value)) wrong("--tolerance takes seconds up to 86400, not '" + value + "'");
+        options.inside.insert(options.inside.end(), {option, value});
     } else {
         options.junit = value;
     }
 }
 
 Options parse(const Arguments &arguments) {
-    constexpr const char *withValue[] = {"--user", "--share", "--show",    "--path",
-                                         "--net",  "--keep",  "--timeout", "--junit"};
+    constexpr const char *withValue[] = {"--user", "--share",   "--show",  "--path",     "--net",
+                                         "--keep", "--timeout", "--junit", "--tolerance"};
     Options options;
     options.command = arguments[0];
     size_t next = 1;
@@ -190,9 +211,15 @@ Options parse(const Arguments &arguments) {
         options.scenario = arguments[next++];
         takeOptions();
     }
+    if (options.command == "replay") {
+        if (next == arguments.size()) wrong("replay needs a recording");
+        options.recording = arguments[next++];
+        takeOptions();
+    }
     options.program.assign(arguments.begin() + static_cast<std::ptrdiff_t>(std::min(next, arguments.size())),
                            arguments.end());
-    if (options.command == "run" && options.program.empty()) wrong("run needs a program");
+    if ((options.command == "run" || options.command == "replay") && options.program.empty())
+        wrong(options.command + " needs a program");
     if (options.command == "shell" && !options.program.empty()) wrong("shell runs no program: " + options.program[0]);
     return options;
 }
@@ -290,6 +317,10 @@ int run(Options options) {
         options.inside.insert(options.inside.end(),
                               {"--scenario", "/gateway/" + options.scenario.substr(options.scenario.rfind('/') + 1)});
     }
+    if (!options.recording.empty()) {
+        options.box.insert(options.box.end(), {"--show", recordingFile(options.recording), "/gateway/recording"});
+        options.inside.insert(options.inside.end(), {"--replay", options.recording});
+    }
     int report = -1;
     if (!options.junit.empty()) {
         report = ::open(options.junit.c_str(), O_CREAT | O_TRUNC | O_RDWR, 0644);
@@ -328,6 +359,26 @@ int run(Options options) {
         vxgateway::writeReport(report, {name, 0, "the gateway ended early, status " + std::to_string(status)}, {});
     }
     return status;
+}
+
+int record(const Arguments &arguments) {
+    vxgateway::Recording wanted;
+    wanted.tap = partsDirectory() + "/libvxtap.so";
+    wanted.file = "recording.vxr";
+    size_t next = 1;
+    while (next < arguments.size() && arguments[next].rfind('-', 0) == 0) {
+        const std::string &option = arguments[next++];
+        if (option == "--") break;
+        if (option != "-o" && option != "--mask" && option != "--tap") wrong("unknown option " + option);
+        if (next == arguments.size() || arguments[next].empty()) wrong(option + " needs a value");
+        const std::string &value = arguments[next++];
+        if (option == "-o") wanted.file = value;
+        if (option == "--mask") wanted.masks.push_back(value);
+        if (option == "--tap") wanted.tap = existing(option, value, false);
+    }
+    wanted.program.assign(arguments.begin() + static_cast<std::ptrdiff_t>(next), arguments.end());
+    if (wanted.program.empty()) wrong("record needs a program");
+    return vxgateway::record(wanted);
 }
 
 int list(const Arguments &arguments) {
@@ -377,7 +428,9 @@ int main(int argc, char **argv) {
     }
     try {
         if (command == "list") return list(arguments);
-        if (command == "run" || command == "shell" || command == "play") return run(parse(arguments));
+        if (command == "record") return record(arguments);
+        if (command == "run" || command == "shell" || command == "play" || command == "replay")
+            return run(parse(arguments));
     } catch (const std::exception &problem) {
         refuse(noGateway, problem.what());
     }

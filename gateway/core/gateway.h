@@ -44,8 +44,9 @@ public:
     bool programRuns() const override { return program_ > 0; }
     const Record &record() const override { return record_; }
 
-    std::string scenario;  // name of the one that is being played
-    std::string echoLog;   // prefix of the system log's lines on standard error; empty: none there
+    bool replaysDaemons = false;  // the configuration and modem daemons are played by a replay
+    std::string scenario;         // name of the one that is being played
+    std::string echoLog;          // prefix of the system log's lines on standard error; empty: none there
 
 private:
     void openLog();
