@@ -24,18 +24,16 @@ std::vector<std::string> catalogue() {
 class Scenarios : public testing::TestWithParam<std::string> {};
 
 TEST_P(Scenarios, AreLivedThroughByTheExampleDaemons) {
-    struct Play {
-        std::string daemon;
-        vxtest::Process process;
-    };
-    std::list<Play> plays;
-    for (const std::string daemon : {"examples/wan_supervisor", "examples/statusinterface_daemon", "tests/alarmd"}) {
-        const std::string built = vxtest::built(daemon);
-        plays.push_back({daemon, vxtest::Process({vxtest::built("gateway/vxgateway"), "play", GetParam(), "--", built})});
+    std::list<vxtest::Process> plays;
+    const auto daemons = {"examples/wan_supervisor", "examples/statusinterface_daemon", "tests/alarmd"};
+    for (const char *daemon : daemons) {
+        plays.emplace_back(std::vector<std::string>{vxtest::built("gateway/vxgateway"), "play", GetParam(), "--",
+                                                    vxtest::built(daemon)});
     }
-    for (Play &play : plays) {
-        const std::string said = play.process.readAll();
-        EXPECT_EQ(play.process.wait(), 0) << play.daemon << "\n" << said;
+    for (const char *daemon : daemons) {
+        const std::string said = plays.front().readAll();
+        EXPECT_EQ(plays.front().wait(), 0) << daemon << "\n" << said;
+        plays.pop_front();
     }
 }
 
