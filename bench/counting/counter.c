@@ -28,8 +28,9 @@ void qemu_plugin_register_vcpu_syscall_cb(plugin_id id, system_called callback);
 EXPORTED int qemu_plugin_version = 1;
 EXPORTED int qemu_plugin_install(plugin_id id, const struct qemu_info_t *info, int argc, char **argv);
 
-static uint64_t instructions, instructions_at_begin;
-static uint64_t calls, calls_at_begin;
+/* What ran since the start, and how much of it lies outside the counted parts of the present case. */
+static uint64_t instructions, instructions_outside;
+static uint64_t calls, calls_outside;
 
 static void on_block(plugin_id id, struct qemu_plugin_tb *block) {
     (void)id;
@@ -41,12 +42,24 @@ static void on_system_call(plugin_id id, unsigned int cpu, int64_t number, uint6
     (void)id, (void)cpu, (void)number, (void)a3, (void)a4, (void)a5, (void)a6, (void)a7, (void)a8;
     if (a1 != VXCOUNT_MAGIC) {
         ++calls;
-    } else if (a2 == VXCOUNT_BEGIN) {
-        instructions_at_begin = instructions;
-        calls_at_begin = calls;
-    } else {
-        dprintf(STDOUT_FILENO, "%llu %llu\n", (unsigned long long)(instructions - instructions_at_begin),
-                (unsigned long long)(calls - calls_at_begin));
+        return;
+    }
+    switch (a2) {
+        case VXCOUNT_BEGIN:
+            instructions_outside = instructions;
+            calls_outside = calls;
+            break;
+        case VXCOUNT_PAUSE:
+            instructions_outside -= instructions;
+            calls_outside -= calls;
+            break;
+        case VXCOUNT_RESUME:
+            instructions_outside += instructions;
+            calls_outside += calls;
+            break;
+        default:
+            dprintf(STDOUT_FILENO, "%llu %llu\n", (unsigned long long)(instructions - instructions_outside),
+                    (unsigned long long)(calls - calls_outside));
     }
 }
 

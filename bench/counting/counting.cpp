@@ -62,6 +62,9 @@ void State::SkipWithError(const char *message) {
     ::dprintf(STDOUT_FILENO, "# %s: %s\n", name_.c_str(), message);
 }
 
+void State::PauseTiming() { mark(VXCOUNT_PAUSE); }
+void State::ResumeTiming() { mark(VXCOUNT_RESUME); }
+
 Case::Case(std::string name, std::function<void(State &)> function)
     : name_(std::move(name)), function_(std::move(function)) {}
 

@@ -68,6 +68,10 @@ public:
     uint64_t iterations() const { return counted_; }
     void SkipWithError(const char *message);
 
+    // What runs between these two is not counted.
+    void PauseTiming();
+    void ResumeTiming();
+
     void SetBytesProcessed(int64_t) {}
     void SetItemsProcessed(int64_t) {}
     void SetComplexityN(int64_t) {}
