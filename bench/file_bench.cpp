@@ -8,6 +8,7 @@
 #include <vxutils/file.h>
 #include <vxutils/list.h>
 
+#include <cctype>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -55,35 +56,46 @@ void WriteFileAtomic_syscalls(benchmark::State &state) {
     }
 }
 
-const std::string &value() {
-    static const std::string name = [] {
+// A value of one line, and one that nearly fills the buffer of readfile().
+const std::string &value(size_t size) {
+    static const auto made = [](const std::string &text) {
         std::string file = newFile();
-        std::ofstream(file) << "42\n";
+        std::ofstream(file) << text << '\n';
         return file;
-    }();
-    return name;
+    };
+    static const std::string small = made("42"), large = made(std::string(899, 'x'));
+    return size == 900 ? large : small;
 }
 
+template <size_t size>
 void Readfile_ours(benchmark::State &state) {
-    const std::string name = value();
+    const std::string name = value(size);
     for (auto _ : state) benchmark::DoNotOptimize(readfile(name.c_str()));
 }
 
+// The buffer is cleared first and the blanks around the text are cut off, as readfile() promises; `checked` looks at
+// the file's type before it is read, so that a FIFO or a device cannot hold the caller.
+template <size_t size, bool checked>
 void Readfile_syscalls(benchmark::State &state) {
-    const std::string name = value();
+    const std::string name = value(size);
     static char buffer[1024];
     for (auto _ : state) {
+        std::memset(buffer, 0, sizeof buffer);
         if (::access(name.c_str(), R_OK) == -1) std::abort();
         const int fd = ::open(name.c_str(), O_RDONLY | O_CLOEXEC);
-        const ssize_t got = ::read(fd, buffer, sizeof buffer - 1);
+        struct stat status {};
+        if (checked && (::fstat(fd, &status) == -1 || !S_ISREG(status.st_mode))) std::abort();
+        ssize_t got = ::read(fd, buffer, sizeof buffer - 1);
+        while (got > 0 && std::isspace(static_cast<unsigned char>(buffer[got - 1])) != 0) --got;
         buffer[got] = '\0';
         ::close(fd);
         benchmark::DoNotOptimize(buffer);
     }
 }
 
+template <size_t size>
 void Readfile_ifstream(benchmark::State &state) {
-    const std::string name = value();
+    const std::string name = value(size);
     for (auto _ : state) {
         std::ifstream file(name);
         std::string text;
@@ -205,8 +217,13 @@ BENCHMARK(CopyFile_bare)->Name("CopyFile_1k/bare_sendfile");
 
 BENCHMARK(WriteFileAtomic_ours)->Name("WriteFileAtomic/ours");
 BENCHMARK(WriteFileAtomic_syscalls)->Name("WriteFileAtomic/syscalls");
-BENCHMARK(Readfile_ours)->Name("Readfile/ours");
-BENCHMARK(Readfile_syscalls)->Name("Readfile/syscalls");
-BENCHMARK(Readfile_ifstream)->Name("Readfile/ifstream");
+BENCHMARK(Readfile_ours<3>)->Name("Readfile/ours");
+BENCHMARK((Readfile_syscalls<3, false>))->Name("Readfile/syscalls");
+BENCHMARK((Readfile_syscalls<3, true>))->Name("Readfile/syscalls_checked");
+BENCHMARK(Readfile_ifstream<3>)->Name("Readfile/ifstream");
+BENCHMARK(Readfile_ours<900>)->Name("Readfile_900/ours");
+BENCHMARK((Readfile_syscalls<900, false>))->Name("Readfile_900/syscalls");
+BENCHMARK((Readfile_syscalls<900, true>))->Name("Readfile_900/syscalls_checked");
+BENCHMARK(Readfile_ifstream<900>)->Name("Readfile_900/ifstream");
 
 }  // namespace

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 // The hash tables beside std::unordered_map and absl's flat map, at load factor 1; and with 2,048 buckets for 65,536
-// numbers, which is what a caller gets who chose too few.
+// entries, which is what a caller gets who chose too few: the order of the entries follows from the number of buckets, so
+// that the table cannot grow.
 #include <benchmark/benchmark.h>
 #include <vxutils/hashtable.h>
 
@@ -148,6 +149,33 @@ void findManyOurs(benchmark::State &state) {
 BENCHMARK(findManyOurs<true>)->Name("HitManyNumbers/ours")->Arg(fewBuckets)->Arg(manyKeys);
 BENCHMARK(findManyOurs<false>)->Name("MissManyNumbers/ours")->Arg(fewBuckets)->Arg(manyKeys);
 
+// The same with texts, of which every sixteenth is looked for.
+
+void fillManyTextsOurs(benchmark::State &state) {
+    const auto keys = texts(manyKeys);
+    for (auto _ : state) {
+        INStringHashTable table(static_cast<size_t>(state.range(0)));
+        for (const std::string &key : keys) table.addEntry(key.c_str(), nullptr);
+        benchmark::DoNotOptimize(table);
+    }
+}
+BENCHMARK(fillManyTextsOurs)->Name("FillManyTexts/ours")->Arg(fewBuckets)->Arg(manyKeys);
+
+template <bool there>
+void findManyTextsOurs(benchmark::State &state) {
+    const auto keys = texts(2 * manyKeys);
+    INStringHashTable table(static_cast<size_t>(state.range(0)));
+    for (size_t i = 0; i < manyKeys; ++i) table.addEntry(keys[i].c_str(), nullptr);
+    for (auto _ : state) {
+        for (size_t i = 0; i < manyKeys; i += 16) {
+            void *value;
+            benchmark::DoNotOptimize(table.getValueFromKey(keys[there ? i : i + manyKeys].c_str(), &value));
+        }
+    }
+}
+BENCHMARK(findManyTextsOurs<true>)->Name("HitManyTexts/ours")->Arg(fewBuckets)->Arg(manyKeys);
+BENCHMARK(findManyTextsOurs<false>)->Name("MissManyTexts/ours")->Arg(fewBuckets)->Arg(manyKeys);
+
 void walkOurs(benchmark::State &state) {
     const auto keys = numbers(static_cast<size_t>(state.range(0)));
     INUInt32HashTable table(keys.size(), HASH_LOW_BITS);
@@ -182,6 +210,32 @@ void findManyFlat(benchmark::State &state) {
 }
 BENCHMARK(findManyFlat<true>)->Name("HitManyNumbers/absl")->Arg(fewBuckets)->Arg(manyKeys);
 BENCHMARK(findManyFlat<false>)->Name("MissManyNumbers/absl")->Arg(fewBuckets)->Arg(manyKeys);
+
+using FlatTextMap = absl::flat_hash_map<std::string, void *>;
+
+void fillManyTextsFlat(benchmark::State &state) {
+    const auto keys = texts(manyKeys);
+    for (auto _ : state) {
+        FlatTextMap map;
+        for (const std::string &key : keys) map.emplace(key.c_str(), nullptr);
+        benchmark::DoNotOptimize(map);
+    }
+}
+BENCHMARK(fillManyTextsFlat)->Name("FillManyTexts/absl")->Arg(fewBuckets)->Arg(manyKeys);
+
+template <bool there>
+void findManyTextsFlat(benchmark::State &state) {
+    const auto keys = texts(2 * manyKeys);
+    FlatTextMap map;
+    for (size_t i = 0; i < manyKeys; ++i) map.emplace(keys[i], nullptr);
+    for (auto _ : state) {
+        for (size_t i = 0; i < manyKeys; i += 16) {
+            benchmark::DoNotOptimize(map.find(keys[there ? i : i + manyKeys].c_str()));
+        }
+    }
+}
+BENCHMARK(findManyTextsFlat<true>)->Name("HitManyTexts/absl")->Arg(fewBuckets)->Arg(manyKeys);
+BENCHMARK(findManyTextsFlat<false>)->Name("MissManyTexts/absl")->Arg(fewBuckets)->Arg(manyKeys);
 
 void walkFlat(benchmark::State &state) {
     const auto keys = numbers(static_cast<size_t>(state.range(0)));

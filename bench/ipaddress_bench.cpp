@@ -89,6 +89,26 @@ void classifyByHand(benchmark::State &state) {
 }
 BENCHMARK(classifyByHand)->Name("Classify/by_hand");
 
+// Each question is asked of an object that may hold no address, and the object lies in memory.
+void classifyTyped(benchmark::State &state) {
+    struct Typed {
+        uint32_t type;
+        uint32_t address;
+    } addresses[4];
+    for (size_t i = 0; i < 4; ++i) addresses[i] = {1, static_cast<uint32_t>(kAddresses[i])};
+    benchmark::DoNotOptimize(addresses);
+    for (auto _ : state) {
+        for (const Typed &one : addresses) {
+            benchmark::DoNotOptimize(one.type == 1 && IN_CLASSA(one.address));
+            benchmark::DoNotOptimize(one.type == 1 && IN_CLASSB(one.address));
+            benchmark::DoNotOptimize(one.type == 1 && IN_CLASSC(one.address));
+            benchmark::DoNotOptimize(one.type == 1 && IN_CLASSD(one.address));
+            benchmark::DoNotOptimize(one.type == 1 && one.address >> 24 == IN_LOOPBACKNET);
+        }
+    }
+}
+BENCHMARK(classifyTyped)->Name("Classify/by_hand_typed");
+
 void prefixToMask(benchmark::State &state) {
     IpAddress address;
     address.setV4IpAddrAsBinaryUInt32(kAddresses[0]);
