@@ -56,23 +56,42 @@ def plot(rows, title):
     return "".join(parts) + "</svg>"
 
 
+def measured(family, cases, cost, caption):
+    """Plot and table of one run; cases has for each case the costs by implementation, which cost() writes out."""
+    rows, bars = [], []
+    for case, costs in cases.items():
+        ours = costs["ours"]
+        ratios = {name: first(ours) / first(other) for name, other in costs.items() if name != "ours"}
+        rows.append((case, cost(ours), ", ".join(f"{name} {cost(costs[name])} ({ratio:.2f})" for name, ratio in ratios.items()) or "-"))
+        bars += [(f"{case}, {name}", ratio) for name, ratio in ratios.items()]
+    title = f"{family}: {caption}"
+    return (plot(bars, f"{title} of the library divided by those of others") if bars else "") + table(
+        ("case", "library", "others (ratio)"), rows, title)
+
+
+def first(cost):
+    return cost[0] if isinstance(cost, list) else cost
+
+
+def counted(cost):
+    instructions, calls = cost
+    return f"{instructions:,.0f}" + (f" + {calls:,.3g} calls" if calls else "")
+
+
 def benchmarks(recorded):
     parts = []
     for family, run in recorded.items():
-        machine = run["machine"]
-        rows, bars = [], []
-        for case, costs in run["cases"].items():
-            others = {name: cost for name, cost in costs.items() if name != "ours"}
-            rows.append((case, duration(costs["ours"]), ", ".join(
-                f"{name} {duration(cost)} ({costs['ours'] / cost:.2f})" for name, cost in others.items()) or "-"))
-            bars += [(f"{case}, {name}", costs["ours"] / cost) for name, cost in others.items()]
-        parts.append(f'<h3 id="benchmark-{family}">{family}</h3><p>Measured on {run["date"]}: '
-                     f'{html.escape(machine["processor"])}, {machine["processors"]} processors, Linux '
-                     f'{html.escape(machine["kernel"])}, {html.escape(machine["compiler"])}; '
-                     f'{machine["load"]:g} programs wanted to run.</p>')
-        if bars:
-            parts.append(plot(bars, f"{family}: time of the library divided by that of others"))
-        parts.append(table(("case", "library", "others (ratio)"), rows, f"{family}: medians of five runs"))
+        parts.append(f'<h3 id="benchmark-{family}">{family}</h3>')
+        if "board" in run:
+            board = run["board"]
+            parts.append(f'<p>Counted on {board["date"]}: {html.escape(board["emulator"])}, {html.escape(board["compiler"])}.</p>'
+                         + measured(family, board["cases"], counted, "instructions of the 32-bit Arm build"))
+        if "cases" in run:
+            machine = run["machine"]
+            parts.append(f'<p>Measured on {run["date"]}: {html.escape(machine["processor"])}, {machine["processors"]} processors, '
+                         f'Linux {html.escape(machine["kernel"])}, {html.escape(machine["compiler"])}; '
+                         f'{machine["load"]:g} programs wanted to run.</p>'
+                         + measured(family, run["cases"], duration, "times, medians of five runs"))
     return "\n".join(parts)
 
 
