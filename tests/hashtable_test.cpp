@@ -20,6 +20,7 @@
 #include <vector>
 
 #include "support/emulation.h"
+#include "support/model.h"
 #include "support/process.h"
 #include "vxutils/internal/text_hash.h"
 
@@ -272,11 +273,12 @@ TEST(INUInt32HashTable, TheWalkMayFreeWhatItIsGiven) {
     EXPECT_EQ(table.getNumberOfKeys(), 50UL) << "the entries stay";
 }
 
-TEST(INUInt32HashTable, AgreesWithAModelOverManySteps) {
-    std::mt19937 random(11);
+TEST(INUInt32HashTableModel, AgreesOverRandomOperations) {
+    vxtest::ModelSteps steps("tables", 50000);
+    std::mt19937 &random = steps.random();
     INUInt32HashTable table(32, HASH_LOW_BITS);
     std::multimap<uint32_t, void *> model;  // equal keys in order of insertion
-    for (int step = 0; step < 50000; ++step) {
+    while (steps.next()) {
         const uint32_t key = random() % 64 * (random() % 2 == 0 ? 1 : 0x01000000);
         if (random() % 2 == 0) {
             void *const value = slot(random() % 1000);
@@ -294,7 +296,7 @@ TEST(INUInt32HashTable, AgreesWithAModelOverManySteps) {
         void *value = nullptr;
         ASSERT_EQ(table.getValueFromKey(asked, &value), known);
         ASSERT_EQ(value, known ? found->second : nullptr);
-        if (step % 1000 == 0) {
+        if (steps.left() % 1000 == 0) {
             ASSERT_EQ(table.getNumberOfKeys(), model.size());
             table.removeAllEntries();
             model.clear();

@@ -4,9 +4,10 @@
 #include <cstddef>
 #include <deque>
 #include <iterator>
-#include <random>
 #include <string>
 #include <vector>
+
+#include "support/model.h"
 
 namespace {
 
@@ -131,19 +132,21 @@ TEST_F(List, SpliceOfAnEmptyListChangesNothing) {
     EXPECT_EQ(list_empty(&both), 1);
 }
 
-TEST_F(List, AgreesWithAModelOverManySteps) {
-    std::mt19937 random(7);
+using ListModel = List;
+
+TEST_F(ListModel, AgreesOverRandomOperations) {
+    vxtest::ModelSteps steps("lists", 20000);
     std::vector<Record> records(26);
     std::deque<char> expected;
     for (size_t i = 0; i < records.size(); ++i) records[i].name = static_cast<char>('a' + i);
     std::vector<bool> in(records.size());
-    for (int step = 0; step < 20000; ++step) {
-        const size_t i = random() % records.size();
+    while (steps.next()) {
+        const size_t i = steps.below(records.size());
         Record &one = records[i];
         if (in[i]) {
-            (step & 1) != 0 ? list_del(&one.link) : list_del_init(&one.link);
+            steps.oneIn(2) ? list_del(&one.link) : list_del_init(&one.link);
             expected.erase(std::find(expected.begin(), expected.end(), one.name));
-        } else if (random() % 2 == 0) {
+        } else if (steps.oneIn(2)) {
             list_add(&one.link, &head);
             expected.push_front(one.name);
         } else {
@@ -151,7 +154,7 @@ TEST_F(List, AgreesWithAModelOverManySteps) {
             expected.push_back(one.name);
         }
         in[i] = !in[i];
-        ASSERT_EQ(names(head), std::string(expected.begin(), expected.end())) << step;
+        ASSERT_EQ(names(head), std::string(expected.begin(), expected.end())) << steps.left() << " steps were left";
         ASSERT_EQ(list_empty(&head), expected.empty() ? 1 : 0);
     }
 }

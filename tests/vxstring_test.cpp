@@ -14,6 +14,7 @@
 #include <thread>
 #include <vector>
 
+#include "support/model.h"
 #include "support/process.h"
 #include "support/resources.h"
 #include "support/string_model.h"
@@ -1005,13 +1006,12 @@ TEST(StringLimit, ATextThatCannotBeHadEndsTheProcess) {
 
 // Everything together
 
-TEST(StringModel, AgreesOverHundredsOfThousandsOfRandomOperations) {
-    constexpr int kSteps = 300000;
-    std::mt19937 random(20240229);
-    vxtest::StringModelRun run([&](size_t limit) { return random() % limit; });
-    for (int i = 0; i < kSteps; ++i) {
+TEST(StringModel, AgreesOverRandomOperations) {
+    vxtest::ModelSteps steps("strings", 300000);
+    vxtest::StringModelRun run([&](size_t limit) { return steps.below(limit); });
+    while (steps.next()) {
         const std::string difference = run.step();
-        ASSERT_EQ(difference, "") << "step " << i;
+        ASSERT_EQ(difference, "") << steps.left() << " steps were left";
     }
 }
 
