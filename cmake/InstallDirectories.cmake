@@ -4,8 +4,8 @@
 set(installed_directories "${CMAKE_INSTALL_BINDIR}" "${CMAKE_INSTALL_INCLUDEDIR}/vxutils" "${CMAKE_INSTALL_LIBDIR}/pkgconfig"
   "${CMAKE_INSTALL_LIBDIR}/cmake/vxutils" "${CMAKE_INSTALL_DATADIR}/bash-completion/completions"
   "${CMAKE_INSTALL_DATADIR}/zsh/vendor-completions" "${CMAKE_INSTALL_DATADIR}/vxutils/schemas" "${CMAKE_INSTALL_DATADIR}/vxutils/scenarios"
-  "${CMAKE_INSTALL_DATADIR}/vxutils/pytest" "${CMAKE_INSTALL_LIBEXECDIR}/vxutils-gateway" "${CMAKE_INSTALL_DOCDIR}"
-  "${CMAKE_INSTALL_MANDIR}/man1" "${CMAKE_INSTALL_MANDIR}/man3" "${CMAKE_INSTALL_MANDIR}/man7")
+  "${CMAKE_INSTALL_DATADIR}/vxutils/panel" "${CMAKE_INSTALL_DATADIR}/vxutils/pytest" "${CMAKE_INSTALL_LIBEXECDIR}/vxutils-gateway"
+  "${CMAKE_INSTALL_DOCDIR}" "${CMAKE_INSTALL_MANDIR}/man1" "${CMAKE_INSTALL_MANDIR}/man3" "${CMAKE_INSTALL_MANDIR}/man7")
 install(CODE "
   set(missing_directories \"\")
   foreach(directory IN ITEMS ${installed_directories})

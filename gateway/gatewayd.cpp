@@ -5,7 +5,11 @@
 //   gatewayd --serve [--echo-log PREFIX]   serves until SIGTERM; prints "ready" once everything runs
 //   gatewayd --install-library             installs the library of /gateway/lib under the names it has on a board
 //   gatewayd [--net none|wan|full] [--user NAME] [--timeout S] [--keep] [--report FD] [--shell]
-//            [--scenario FILE] [--replay NAME [--tolerance S]] [--] [PROGRAM ARGUMENT...]
+//            [--scenario FILE] [--replay NAME [--tolerance S]] [--panel FD] [--leash FD] [--] [PROGRAM ARGUMENT...]
+//
+// --panel serves the front panel on a socket that listens; the gateway then goes on without the program until the other end
+// of the pipe of --leash is closed.
+#include <fcntl.h>
 #include <grp.h>
 #include <pwd.h>
 #include <sys/signalfd.h>
@@ -37,6 +41,7 @@ namespace fs = std::filesystem;
 using namespace vxgateway;
 
 constexpr const char *libraryDirectory = "/gateway/lib";
+constexpr const char *pageDirectory = "/gateway/panel";
 constexpr std::chrono::seconds graceToEnd{5};  // after SIGTERM
 
 enum ExitStatus { failed = 1, timedOut = 124, noGateway = 125, cannotRun = 126, notFound = 127 };
@@ -51,6 +56,8 @@ struct Options {
     std::string user;
     double timeout_s = 0;  // 0: none
     int report = -1;
+    int panel = -1;
+    int leash = -1;
     std::string scenario;
     std::string replay;
     double tolerance_s = Replay::defaultTolerance_s;
@@ -71,7 +78,10 @@ Options parse(int argc, char **argv) {
         if (option == "--echo-log") options.echoLog = argument();
         if (option == "--user") options.user = argument();
         if (option == "--timeout") options.timeout_s = std::strtod(argument().c_str(), nullptr);
-        if (option == "--report") options.report = static_cast<int>(std::strtol(argument().c_str(), nullptr, 10));
+        for (const auto &[name, fd] : {std::pair("--report", &options.report), std::pair("--panel", &options.panel),
+                                       std::pair("--leash", &options.leash)}) {
+            if (option == name) *fd = static_cast<int>(std::strtol(argument().c_str(), nullptr, 10));
+        }
         if (option == "--scenario") options.scenario = argument();
         if (option == "--replay") options.replay = argument();
         if (option == "--tolerance") options.tolerance_s = std::strtod(argument().c_str(), nullptr);
@@ -137,6 +147,7 @@ public:
 
     int run() {
         holdSignals();
+        for (const int ours : {options_.panel, options_.leash}) ::fcntl(ours, F_SETFD, FD_CLOEXEC);
         if (fs::is_directory(libraryDirectory) && !options_.serve) installLibrary(libraryDirectory);
         if (!options_.replay.empty()) {
             replay_.emplace(options_.replay, readRecording(options_.replay, readText("/gateway/recording")),
@@ -150,6 +161,7 @@ public:
             std::puts("ready");
             std::fflush(stdout);
         }
+        if (options_.panel != -1) startPanel();
         began_ = Clock::now();
         if (!options_.scenario.empty()) {
             player_.emplace(gateway_, readScenario(fs::path(options_.scenario).filename(), readText(options_.scenario)),
@@ -201,8 +213,22 @@ private:
         ::_exit(status);
     }
 
+    void startPanel() {
+        panel_ = ::fork();
+        if (panel_ == -1) throw std::runtime_error(std::string("fork: ") + std::strerror(errno));
+        if (panel_ != 0) return;
+        ::sigprocmask(SIG_SETMASK, &before_, nullptr);
+        ::fcntl(options_.panel, F_SETFD, 0);
+        const std::string program = ownDirectory() + "/panel";
+        const std::string fd = std::to_string(options_.panel);
+        ::execl(program.c_str(), program.c_str(), fd.c_str(), pageDirectory, nullptr);
+        std::fprintf(stderr, "vxgateway: %s: %s\n", program.c_str(), std::strerror(errno));
+        ::_exit(noGateway);
+    }
+
     void step() {
-        std::vector<pollfd> waiting{{signals_.get(), POLLIN, 0}, {gateway_.logSocket(), POLLIN, 0}};
+        std::vector<pollfd> waiting{
+            {signals_.get(), POLLIN, 0}, {gateway_.logSocket(), POLLIN, 0}, {options_.leash, POLLIN, 0}};
         bool busy = false;
         for (const Peer *peer : gateway_.peers()) {
             waiting.push_back({peer->output(), POLLIN, 0});
@@ -214,6 +240,7 @@ private:
         int patience_ms = watches ? 5 : busy || options_.timeout_s > 0 || killing_ ? 20 : -1;
         if (replay_) patience_ms = std::min(replay_->patience_ms(), patience_ms == -1 ? INT_MAX : patience_ms);
         ::poll(waiting.data(), waiting.size(), patience_ms);
+        if (waiting[2].revents != 0) over_ = true;
         // What programs told before they were seen to end comes first.
         gateway_.readLog();
         for (Peer *peer : gateway_.peers()) peer->read();
@@ -235,6 +262,8 @@ private:
         for (pid_t pid; (pid = ::waitpid(-1, &status, WNOHANG)) > 0;) {
             if (pid == program_)
                 programEnded(status);
+            else if (pid == panel_)
+                panelEnded();
             else
                 gateway_.childEnded(pid, status);
         }
@@ -246,7 +275,13 @@ private:
         if (replay_) return replayEnded(WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status));
         const bool asked = ending_ && (status == 0 || (WIFSIGNALED(status) && WTERMSIG(status) == SIGTERM));
         if (status_ == 0 && !asked) status_ = WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
-        over_ = !player_ || ending_;
+        over_ = (!player_ && options_.panel == -1) || ending_;
+    }
+
+    void panelEnded() {
+        std::fputs("vxgateway: the panel has ended\n", stderr);
+        status_ = failed;
+        over_ = true;
     }
 
     // A program that did what it did has succeeded, whatever its status was.
@@ -336,6 +371,7 @@ private:
     std::optional<Player> player_;
     std::optional<Replay> replay_;
     pid_t program_ = -1;
+    pid_t panel_ = -1;
     Clock::time_point began_;
     std::optional<Clock::time_point> killing_;
     bool ending_ = false;

@@ -1,17 +1,12 @@
 // SPDX-License-Identifier: MIT
 // gw: says an order to the gateway that it runs in, shows its answer.
-#include <sys/socket.h>
-#include <sys/un.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <string>
-#include <vector>
 
-#include "gateway/core/board.h"
+#include "gateway/core/client.h"
 #include "gateway/core/forms.h"
 
 namespace {
@@ -48,30 +43,16 @@ int fail(const char *what, int status) {
     return status;
 }
 
-int connectToGateway() {
-    const int fd = ::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    std::strcpy(address.sun_path, vxgateway::controlSocket);
-    if (fd == -1 || ::connect(fd, reinterpret_cast<sockaddr *>(&address), sizeof address) == -1) return -1;
-    return fd;
-}
-
 int showAnswer(int fd) {
-    std::vector<char> packet(65536);
-    for (;;) {
-        const ssize_t got = ::recv(fd, packet.data(), packet.size(), 0);
-        if (got == -1 && errno == EINTR) continue;
-        if (got < 2) {
-            std::fputs("gw: the gateway has ended\n", stderr);
-            return cannot;
-        }
-        if (packet[0] == 'x') return std::fflush(stdout) == 0 ? packet[1] : fail("standard output", cannot);
-        FILE *const stream = packet[0] == 'o' ? stdout : stderr;
-        (void)std::fwrite(packet.data() + 1, 1, static_cast<size_t>(got) - 1, stream);
+    while (const auto packet = vxgateway::receivePacket(fd)) {
+        if (packet->kind == 'x') return std::fflush(stdout) == 0 ? packet->text[0] : fail("standard output", cannot);
+        FILE *const stream = packet->kind == 'o' ? stdout : stderr;
+        (void)std::fwrite(packet->text.data(), 1, packet->text.size(), stream);
         std::fflush(stream);
         if (std::ferror(stream) != 0) return fail("standard output", cannot);
     }
+    std::fputs("gw: the gateway has ended\n", stderr);
+    return cannot;
 }
 
 }  // namespace
@@ -79,14 +60,13 @@ int showAnswer(int fd) {
 int main(int argc, char **argv) {
     const vxgateway::Words words(argv + 1, argv + argc);
     if (words.empty() || words[0] == "help" || words[0] == "--help") return help();
-    std::string request;
-    for (const std::string &word : words) request += word + '\0';
-    if (request.size() > 32768) {
-        std::fputs("gw: more than 32768 bytes of words\n", stderr);
+    const std::string request = vxgateway::requestOf(words);
+    if (request.size() > vxgateway::mostRequest) {
+        std::fprintf(stderr, "gw: more than %zu bytes of words\n", vxgateway::mostRequest);
         return wrongUsage;
     }
-    const int fd = connectToGateway();
-    if (fd == -1) {
+    const vxgateway::Descriptor gateway = vxgateway::connectToGateway();
+    if (gateway.get() == -1) {
         // Nonsense is told from what only fails here.
         const auto group = vxgateway::groupOf(words);
         const auto problem = group == vxgateway::Group::order ? vxgateway::check(group, words) : std::nullopt;
@@ -94,6 +74,6 @@ int main(int argc, char **argv) {
         std::fprintf(stderr, "gw: %s\n", problem->message.c_str());
         return wrongUsage;
     }
-    if (::send(fd, request.data(), request.size(), MSG_NOSIGNAL) == -1) return fail("the gateway", cannot);
-    return showAnswer(fd);
+    if (!vxgateway::sendRequest(gateway.get(), request)) return fail("the gateway", cannot);
+    return showAnswer(gateway.get());
 }

@@ -1,15 +1,19 @@
 // SPDX-License-Identifier: MIT
 // vxgateway: runs a program in a virtual gateway. Makes the box, in which gatewayd does the rest.
+#include <arpa/inet.h>
 #include <fcntl.h>
 #include <pwd.h>
 #include <sys/prctl.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <csignal>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -34,6 +38,7 @@ constexpr const char *usage =
     "       vxgateway play [OPTION]... SCENARIO [[--] PROGRAM [ARGUMENT]...]\n"
     "       vxgateway record [-o FILE] [--mask PATTERN]... [--] PROGRAM [ARGUMENT]...\n"
     "       vxgateway replay [OPTION]... FILE [--] PROGRAM [ARGUMENT]...\n"
+    "       vxgateway panel [OPTION]... [--port N] [[--] PROGRAM [ARGUMENT]...]\n"
     "       vxgateway list [scenarios]\n"
     "       vxgateway --help | --version\n"
     "Runs a program in a virtual gateway: a throwaway system with the daemons, the board and the WAN link of a "
@@ -50,6 +55,7 @@ constexpr const char *usage =
     "  --timeout SECONDS      the program is ended after this time, with status 124\n"
     "  --junit FILE           the result is written to this file\n"
     "  --tolerance SECONDS    replay: time within which independent actions may change places, 0.25 by default\n"
+    "  --port N               the panel's port on this machine; 0 (default) takes a free one\n"
     "\n"
     "Ends with the program's own status (128 + signal number when a signal ended it), 124 when its time was over, 125 "
     "when\n"
@@ -76,6 +82,7 @@ struct Options {
     std::string junit;
     std::string scenario;
     std::string recording;
+    uint16_t port = 0;
     Arguments program;
 };
 
@@ -96,6 +103,10 @@ std::string scenarioDirectory() {
     return fs::weakly_canonical(ownDirectory() + (inBuildTree() ? "/scenarios" : "/" VXGATEWAY_SCENARIOS)).string();
 }
 
+std::string panelDirectory() {
+    return inBuildTree() ? ownDirectory() + "/page"
+                         : fs::weakly_canonical(ownDirectory() + "/" VXGATEWAY_PANEL).string();
+}
 std::string pytestDirectory() { return fs::weakly_canonical(ownDirectory() + "/" VXGATEWAY_PYTEST).string(); }
 
 // The box shows these as they are on the machine.
@@ -180,6 +191,10 @@ void takeOption(Options &options, const std::string &option, const std::string &
     } else if (option == "--tolerance") {
         if (!vxgateway::seconds(value)) wrong("--tolerance takes seconds up to 86400, not '" + value + "'");
         options.inside.insert(options.inside.end(), {option, value});
+    } else if (option == "--port") {
+        const auto port = vxgateway::number(value, 0, 65535);
+        if (!port) wrong("--port takes a number from 0 to 65535, not '" + value + "'");
+        options.port = static_cast<uint16_t>(*port);
     } else {
         options.junit = value;
     }
@@ -199,8 +214,8 @@ Options parse(const Arguments &arguments) {
                 options.withDirectory = true;
                 continue;
             }
-            if (std::find(std::begin(withValue), std::end(withValue), option) == std::end(withValue))
-                wrong("unknown option " + option);
+            const bool known = std::find(std::begin(withValue), std::end(withValue), option) != std::end(withValue);
+            if (!known && !(option == "--port" && options.command == "panel")) wrong("unknown option " + option);
             if (next == arguments.size() || arguments[next].empty()) wrong(option + " needs a value");
             takeOption(options, option, arguments[next++]);
         }
@@ -270,9 +285,48 @@ std::string place(Options &options, const std::string &name) {
     return "/program/" + file;
 }
 
+// ---- the panel
+
+// A socket on the loopback of the machine, not the one of the box.
+int listenForPanel(uint16_t port) {
+    const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+    const int on = 1;
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(port);
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    if (fd == -1 || ::setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) == -1 ||
+        ::bind(fd, reinterpret_cast<sockaddr *>(&address), sizeof address) == -1 || ::listen(fd, 16) == -1) {
+        refuse(noGateway, "port " + std::to_string(port) + ": " + std::strerror(errno));
+    }
+    return fd;
+}
+
+volatile int leash = -1;  // what holds the gateway of a panel: closing it ends the gateway in its own way
+
+void preparePanel(Options &options) {
+    if (!fs::exists(partsDirectory() + "/panel"))
+        refuse(noGateway, "built without the panel, which needs cpp-httplib (Debian package libcpp-httplib-dev)");
+    std::array<int, 2> ends{};
+    if (::pipe(ends.data()) == -1) refuse(noGateway, std::string("pipe: ") + std::strerror(errno));
+    ::fcntl(ends[1], F_SETFD, FD_CLOEXEC);
+    leash = ends[1];
+    options.box.insert(options.box.end(), {"--show", panelDirectory(), "/gateway/panel"});
+    options.inside.insert(options.inside.end(), {"--panel", std::to_string(listenForPanel(options.port)), "--leash",
+                                                 std::to_string(ends[0])});
+}
+
 // ---- the run
 
 volatile pid_t box = -1;
+
+// Ends the gateway of a panel, at once if that takes long or is asked for again.
+void endPanel(int) {
+    if (leash == -1 && box > 0) ::kill(box, SIGTERM);
+    ::close(leash);
+    leash = -1;
+    ::alarm(5);
+}
 
 int runBox(const Arguments &command) {
     std::vector<char *> words;
@@ -294,6 +348,9 @@ int runBox(const Arguments &command) {
         std::signal(signal, [](int which) {
             if (box > 0) ::kill(box, which);
         });
+    }
+    if (leash != -1) {
+        for (const int signal : {SIGINT, SIGTERM, SIGHUP, SIGALRM}) std::signal(signal, endPanel);
     }
     int status = 0;
     while (::waitpid(box, &status, 0) == -1) {
@@ -321,6 +378,7 @@ int run(Options options) {
         options.box.insert(options.box.end(), {"--show", recordingFile(options.recording), "/gateway/recording"});
         options.inside.insert(options.inside.end(), {"--replay", options.recording});
     }
+    if (options.command == "panel") preparePanel(options);
     int report = -1;
     if (!options.junit.empty()) {
         report = ::open(options.junit.c_str(), O_CREAT | O_TRUNC | O_RDWR, 0644);
@@ -429,7 +487,7 @@ int main(int argc, char **argv) {
     try {
         if (command == "list") return list(arguments);
         if (command == "record") return record(arguments);
-        if (command == "run" || command == "shell" || command == "play" || command == "replay")
+        if (command == "run" || command == "shell" || command == "play" || command == "replay" || command == "panel")
             return run(parse(arguments));
     } catch (const std::exception &problem) {
         refuse(noGateway, problem.what());

@@ -110,7 +110,9 @@ void Control::obey(const Shared &client, Words words) {
     if (const auto problem = check(group, words)) return refuse(*client, problem->message, 2);
     if (words[0] == "watch") {
         client->watching = true;
-        client->seen = gateway_.record().end();
+        const Record &record = gateway_.record();
+        const size_t last = words.size() == 3 ? std::stoul(words[2]) : 0;
+        client->seen = std::max(record.first(), record.end() - std::min(last, record.end()));
         return;
     }
     // The client may be gone when a peer has obeyed.
@@ -151,7 +153,7 @@ void Control::proceed(Client &client) {
         }
         if (client.over) client.condition.reset();
     }
-    while (client.watching && client.seen < gateway_.record().end()) {
+    while (client.watching && client.seen < gateway_.record().end() && client.packets.size() < mostPackets / 2) {
         const Entry *const entry = gateway_.record().at(client.seen++);
         if (entry == nullptr) continue;
         print(client, 'o', (client.json ? entry->json() : entry->kind + ": " + entry->line) + "\n");

@@ -184,6 +184,7 @@ const std::vector<Form> &forms() {
         {Group::query, "record", "everything noted since the start, with times"},
         {Group::query, "now", "seconds since the gateway's start, for wait --since"},
         {Group::query, "watch", "prints the record as it grows, until it is ended"},
+        {Group::query, "watch last COUNT", "the same, after its newest entries"},
         {Group::wait, "wait", "waits for a condition: wait CONDITION [--for S] [--since TIME]"},
         {Group::condition, "status NAME TEXT", "the status value is this text"},
         {Group::condition, "event ID [PARAM]", "the event manager got this event"},
