@@ -16,6 +16,17 @@
 #include <utility>
 #include <vector>
 
+// The least that a list can do: an entry's number, then its successor, both by a virtual call. It has external linkage, or
+// the compiler would know that no class is derived from it and call neither.
+struct Link {
+    Link(int number, Link *after) : pid(number), next(after) {}
+    virtual ~Link() = default;
+    virtual int getPid() const { return pid; }
+    virtual Link *getNext() const { return next; }
+    int pid;
+    Link *next;
+};
+
 namespace {
 
 class Sleepers {
@@ -116,16 +127,6 @@ void findByPidMap(benchmark::State &state) {
         for (const pid_t pid : sleepers.pids()) benchmark::DoNotOptimize(processes.find(pid));
     }
 }
-
-// The least that a list can do: an entry's number, then its successor, both by a virtual call.
-struct Link {
-    Link(int number, Link *after) : pid(number), next(after) {}
-    virtual ~Link() = default;
-    virtual int getPid() const { return pid; }
-    virtual Link *getNext() const { return next; }
-    int pid;
-    Link *next;
-};
 
 void findByPidList(benchmark::State &state) {
     const Sleepers sleepers(static_cast<size_t>(state.range(0)));
