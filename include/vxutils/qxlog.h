@@ -21,7 +21,11 @@
  * longer than 1 s in all: after that it goes on without. A writer that holds the temporary file for 0.8 s makes qxlog()
  * fail.
  *
- * **Errors.** Results of -1, reported with perror() on standard error.
+ * **Errors.** Results of -1, reported with perror() on standard error unless an argument was wrong. errno afterwards
+ * does not tell the reason. Nothing goes to the system log.
+ *
+ * **Power failures.** An entry is in the file when qxlog() returns, but not necessarily on the disk: the library does
+ * not flush it, and a power failure can lose the latest entries.
  *
  * **Limits.** The file keeps the new entry and 32 older lines. Lines have at most 1023 characters. qxlog_read() needs a
  * buffer of more than 256 bytes.
@@ -69,8 +73,8 @@ VXUTILS_API int qxlog_clear(void);
 /**
  * Read the log.
  *
- * @param buf  receives at most @p size - 2 characters of whole log text, the rest of its @p size bytes zero; the empty
- *             text when there is no log
+ * @param buf  receives the log, newest entry first, cut after @p size - 2 characters (if need be within a line; the
+ *             result does not tell), the rest of its @p size bytes zero; the empty text when there is no log
  * @param size size of @p buf in bytes, more than 256
  * @return 0; -1 for a NULL or too small @p buf and when the semaphore fails (reported)
  */

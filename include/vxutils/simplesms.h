@@ -19,7 +19,9 @@
  * send() hands over belongs to the tool.
  *
  * **Threads, signals, fork.** A message belongs to one thread at a time. getIncomingSMSById() uses the buffer of
- * readfile() (file.h): one thread at a time. Not for signal handlers.
+ * readfile() (file.h): one thread at a time. send() starts a child process and waits for it. In a program that ignores
+ * SIGCHLD, or waits for any child elsewhere, the tool's exit code is lost and counts as 0, as with run_command()
+ * (command.h). Not for signal handlers.
  *
  * **Blocking.** send() waits until the tool has ended, without a limit. The others take as long as the file system.
  *
@@ -58,7 +60,7 @@ public:
 
     /**
      * Hand the message to the sending tool and wait for that to end. On success the tool owns the file it was given,
-     * "/tmp/outgoing-sms." and six characters.
+     * "/tmp/outgoing-sms." and six characters, with mode 0600. The file is removed when the result is -1.
      * @return 0 when the tool accepted the message; -1 when it did not, the file could not be written, or the number
      *         holds a line break
      */
@@ -74,7 +76,8 @@ public:
     const std::string &getText() const;
 
     /**
-     * List the incoming messages, in the directory's order.
+     * List the incoming messages, in the directory's order. Only regular files are messages. A spool directory that is
+     * missing or cannot be read has none; a file system that does not tell the types of its entries shows none.
      * @param ids  receives one more pair per message: status-change time of its file (seconds since 1970), and its id
      */
     static void RetrieveIncomingIds(std::vector<std::pair<long long, std::string>> &ids);
@@ -83,7 +86,7 @@ public:
      * Read an incoming message.
      * @param id  its id
      * @return the message, for delete; null when there is none, or its file has no empty line or no text (logged,
-     *         LOG_DEBUG)
+     *         LOG_DEBUG), or memory is short (LOG_ERR)
      */
     static CSimpleSMS *getIncomingSMSById(const std::string &id);
 

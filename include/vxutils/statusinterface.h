@@ -110,10 +110,10 @@ public:
     bool setup(BasePath basePath, const String &name);
 
     /**
-     * Write a status file, mode 0644 less the umask when it is new. The file is emptied and written in place: who
-     * reads it at that moment may find it empty. What a stranger may have put in its place is refused, as the functions
-     * of file.h do that write a file in place. A FIFO that has a reader takes the value as a message, if there is room;
-     * a reader that leaves meanwhile makes the call fail (EPIPE) and raises no SIGPIPE.
+     * Write a status file, mode 0644 less the umask when it is new. The file is emptied and written in place: a program
+     * that reads it at that moment may find it empty. What a stranger may have put in its place is refused, as the
+     * functions of file.h do that write a file in place. A FIFO that has a reader takes the value as a message, if
+     * there is room; a reader that leaves meanwhile makes the call fail (EPIPE) and raises no SIGPIPE.
      * @param name file name.
      * @param value contents, with NULs if there are any; no newline is added.
      * @return true when the file was opened and took every byte.
@@ -138,7 +138,7 @@ public:
     bool setLink(const String &name, const String &target);
 
     /**
-     * Make a FIFO, mode 0666 less the umask, in place of whatever file has its name, and has its data delivered. Users
+     * Make a FIFO, mode 0666 less the umask, in place of whatever file has its name, and have its data delivered. Users
      * who may write to it can send anything, and users who may read from it can take messages away: set the umask so.
      * @param name name of the FIFO.
      * @param observer receives the data; it must outlive the FIFO. Null throws the data away.

@@ -14,7 +14,9 @@
  * **Receiving.** Subscribers read one message of sizeof(vxevent_record) bytes for each event from the socket that
  * register_legacy_sink() gives them, with ZeroMQ's own receiving functions.
  *
- * **Ownership.** Sockets belong to the caller, who closes them with `zmq_close()`. Records are copied.
+ * **Ownership.** Sockets belong to the caller, who closes them with `zmq_close()`. Records are copied. The context is
+ * the caller's too: `zmq_ctx_term()` can wait without a limit for records that a connected subscriber has not taken,
+ * unless the caller set the source's option `ZMQ_LINGER`.
  *
  * **Threads, signals, fork.** vxevent() from any thread, and any number of processes at once; it may be called from a
  * signal handler. A ZeroMQ socket by one thread at a time. A child of fork() must not use its parent's ZeroMQ sockets.
@@ -22,11 +24,13 @@
  * **Blocking.** vxevent() for at most 1 s, and only while the FIFO is full. The ZeroMQ functions do not wait for
  * subscribers.
  *
- * **Errors.** Results of -1 or NULL with errno. ZeroMQ is not loaded before the first call of a function that uses it,
+ * **Errors.** Results of -1 or NULL. errno tells the reason, except for a null record or endpoint and where ZeroMQ
+ * cannot be loaded. ZeroMQ is not loaded before the first call of a function that uses it,
  * and is that of the caller where the process has one. Where it cannot be loaded, these functions fail, and the first
  * failure is written to the system log. Nothing else is logged.
  *
- * **Limits.** A text has at most 127 bytes. The FIFO holds some 480 records.
+ * **Limits.** A text has at most 127 bytes. The FIFO holds some 480 records. A source keeps some 1000 records for each
+ * subscriber that does not read (ZeroMQ's high-water mark) and drops further ones for it.
  *
  * **Privileges.** Read and write access to "/tmp/status/event-manager/throw". The endpoint is on the loopback
  * interface: every local user can connect to it.
