@@ -1,7 +1,9 @@
 # Number of boxes over which a family's test cases are spread; families that are not named run in one.
 set(vxutils_shards_configd_answers 6)
 set(vxutils_shards_configd_faults 6)
-set(vxutils_shards_wwanmd 12)
+set(vxutils_shards_wwanmd 3)
+set(vxutils_shards_wwanmd_faults 5)
+set(vxutils_shards_wwanmd_timeouts 6)
 set(vxutils_shards_ping 2)
 set(vxutils_shards_ping_packets 3)
 set(vxutils_shards_wanlink 3)

@@ -1,0 +1,433 @@
+// SPDX-License-Identifier: MIT
+// The modem daemon's client where the system refuses a step, the daemon stalls, hangs up or refuses the handshake.
+#include <vxutils/wwanmd.h>
+
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/time.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <deque>
+#include <fstream>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <thread>
+#include <vector>
+
+#include "support/files.h"
+#include "support/interruptions.h"
+#include "support/process.h"
+#include "support/resources.h"
+#include "support/short_memory.h"
+#include "support/syslog_capture.h"
+#include "support/wwanmd.h"
+
+namespace {
+
+// Looks for the reset marker that see it as it is; the next one makes it. Negative: none makes it.
+int looksBeforeReset = -1;
+
+void makeMarkerInTime(std::string_view path) {
+    if (looksBeforeReset < 0 || !path.ends_with("/reset")) return;
+    if (looksBeforeReset-- == 0) vxtest::writeFile(std::string(path), "");
+}
+
+}  // namespace
+
+// Replaces the C library's for this program, so that a card's reset can begin between two given looks.
+extern "C" int access(const char *path, int mode) noexcept {
+    makeMarkerInTime(path);
+    return ::faccessat(AT_FDCWD, path, mode, 0);
+}
+
+namespace {
+// This thread's waits and its receives fail with EPIPE: what no local stream socket does.
+thread_local bool waitsBreak = false;
+thread_local bool receivesBreak = false;
+}  // namespace
+
+namespace {
+// This thread cannot take locks of the POSIX library.
+thread_local bool locksFail = false;
+}  // namespace
+
+extern "C" int pthread_mutex_lock(pthread_mutex_t *mutex) noexcept {
+    if (locksFail) return EAGAIN;
+    static const auto next = reinterpret_cast<int (*)(pthread_mutex_t *)>(::dlsym(RTLD_NEXT, "pthread_mutex_lock"));
+    return next(mutex);
+}
+
+extern "C" int poll(pollfd *waiting, nfds_t count, int timeout) {
+    if (waitsBreak) {
+        errno = EPIPE;
+        return -1;
+    }
+    return static_cast<int>(::syscall(SYS_poll, waiting, count, timeout));
+}
+
+extern "C" ssize_t recv(int fd, void *data, size_t size, int flags) {
+    if (receivesBreak) {
+        errno = EPIPE;
+        return -1;
+    }
+    return ::syscall(SYS_recvfrom, fd, data, size, flags, nullptr, nullptr);
+}
+
+namespace {
+
+using namespace vxtest::wwanmd;
+
+using std::chrono::milliseconds;
+using testing::ElementsAre;
+using testing::StartsWith;
+using vxtest::LogLine;
+
+using WwanmdFaults = WwanmdTest;
+
+// ---- no handle
+
+TEST_F(WwanmdFaults, ASocketThatCannotBeMadeIsReported) {
+    rlimit old{};
+    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &old), 0);
+    wwanmd_handle handle{};
+    handle.fd = -1;
+    ::syslog(LOG_DEBUG, "opens the log's own socket");
+    log.take();
+    const int next = ::dup(0);
+    ::close(next);
+    const rlimit none{static_cast<rlim_t>(next), old.rlim_max};
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &none), 0);
+    const int result = wwanmd_open(&handle);
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &old), 0);
+    EXPECT_EQ(result, -1);
+    EXPECT_EQ(handle.fd, -1);
+    EXPECT_THAT(logTexts(), ElementsAre("can't open socket to wwanmd0 (Too many open files)"));
+}
+
+TEST_F(WwanmdFaults, WithoutMemoryThereIsNoHandle) {
+    ::syslog(LOG_DEBUG, "opens the log's own socket");
+    log.take();
+    const vxtest::NoLeaks leaks;
+    vxtest::objectsRunOut = true;  // for the copy of the name
+    const wwanmd_handle *handle = wwanmd_init(0, "memoryless");
+    vxtest::objectsRunOut = false;
+    EXPECT_EQ(handle, nullptr);
+    EXPECT_THAT(logTexts(), ElementsAre("no mem for wwanmd connection"));
+    EXPECT_TRUE(modem.happened().empty());
+}
+
+TEST_F(WwanmdFaults, WithoutMemoryForTheRecordThereIsNoHandleEither) {
+    connect();  // the name is kept from now on
+    modem.events();
+    log.take();
+    const vxtest::NoLeaks leaks;
+    vxtest::scarceRecord = sizeof(wwanmd_handle);
+    const wwanmd_handle *handle = wwanmd_init(0, "tester");
+    vxtest::scarceRecord = 0;
+    EXPECT_EQ(handle, nullptr);
+    EXPECT_THAT(logTexts(), ElementsAre("no mem for wwanmd connection"));
+    EXPECT_TRUE(modem.happened().empty());
+    EXPECT_NE(connect(), nullptr);
+}
+
+TEST_F(WwanmdFaults, ConnectsWhereLocksFail) {
+    locksFail = true;
+    const Handle handle(wwanmd_init(0, "lockless"));
+    locksFail = false;
+    ASSERT_NE(handle, nullptr);
+    EXPECT_THAT(modem.happened(), ElementsAre("connected", "command init lockless"));
+}
+
+// ---- failures are counted
+
+TEST_F(WwanmdFaults, FourFailedReceivesReconnect) {
+    const Handle handle = connect();
+    for (int i = 1; i <= 3; ++i) {
+        modem.tell("stale nonsense");
+        Message message;
+        EXPECT_EQ(wwanmd_recv(handle.get(), &message), -1);
+        EXPECT_EQ(handle->failures, i);
+    }
+    EXPECT_TRUE(modem.happened().empty());
+    modem.tell("stale nonsense");
+    log.take();
+    Message message;
+    EXPECT_EQ(wwanmd_recv(handle.get(), &message), -1);
+    EXPECT_EQ(handle->failures, 0);
+    EXPECT_THAT(logTexts(),
+                ElementsAre("invalid response received from wwanmd0", "receiving from wwanmd0 failed (4 failures)"));
+    EXPECT_THAT(modem.happened(), testing::UnorderedElementsAre("closed", "connected", "command init tester"));
+}
+
+TEST_F(WwanmdFaults, AnOkForgetsEarlierFailures) {
+    const Handle handle = connect();
+    handle->failures = 3;
+    handle->busy_count = 16;
+    modem.tell("stale OK");
+    Message message;
+    EXPECT_EQ(wwanmd_recv(handle.get(), &message), 0);
+    EXPECT_EQ(handle->failures, 0);
+    EXPECT_EQ(handle->busy_count, 0);
+}
+
+TEST_F(WwanmdFaults, AnAttemptToConnectStartsTheCountsAnewWhateverItComesTo) {
+    wwanmd_handle handle{};
+    handle.card = 1;
+    handle.fd = -1;
+    handle.failures = 3;
+    handle.busy_count = 16;
+    EXPECT_EQ(wwanmd_open(&handle), -1);
+    EXPECT_EQ(handle.failures, 0);
+    EXPECT_EQ(handle.busy_count, 0);
+    EXPECT_NE(handle.last_io.tv_sec + handle.last_io.tv_nsec, 0);
+}
+
+TEST_F(WwanmdFaults, ErrorsAloneNeverReconnectAsEverySendStartsTheCountAnew) {
+    const Handle handle = connect();
+    modem.tell("error");
+    for (int i = 0; i < 8; ++i) {
+        Message message("signal");
+        EXPECT_EQ(command(handle, message), -1);
+        EXPECT_EQ(handle->failures, 1);
+    }
+    EXPECT_EQ(modem.happened(), std::vector<std::string>(8, "command signal"));
+}
+
+// ---- a daemon that stalls, hangs up or refuses
+
+TEST_F(WwanmdFaults, AStalledDaemonIsReconnectedToAtOnce) {
+    const Handle handle = connect();
+    modem.tell("hangup");
+    Message message("signal");
+    EXPECT_EQ(command(handle, message), -1);
+    EXPECT_THAT(logTexts(), ElementsAre("could not send 7 bytes to wwanmd0 (Broken pipe)", "faced stalled wwanmd0",
+                                        "sending to wwanmd0 failed (4 failures)"));
+    EXPECT_EQ(handle->failures, 0);
+    EXPECT_THAT(modem.happened(), ElementsAre("closed", "connected", "command init tester"));
+    Message next("signal");
+    EXPECT_EQ(command(handle, next), 0);
+}
+
+TEST_F(WwanmdFaults, ABrokenPipeWhileWaitingToSendIsAStalledDaemon) {
+    const Handle handle = connect();
+    Message message("signal");
+    handle->last_io = {};
+    waitsBreak = true;
+    const int result = wwanmd_send(handle.get(), &message);
+    waitsBreak = false;
+    EXPECT_EQ(result, -1);
+    const auto lines = logTexts();
+    ASSERT_GE(lines.size(), 2U);
+    EXPECT_EQ(lines[0], "faced stalled wwanmd0");
+    EXPECT_EQ(lines[1], "sending to wwanmd0 failed (4 failures)");
+    EXPECT_THAT(modem.happened(), testing::IsSupersetOf({"closed", "connected"}));  // at once
+}
+
+TEST_F(WwanmdFaults, ABrokenPipeWhileReceivingIsAStalledDaemon) {
+    const Handle handle = connect();
+    modem.tell("stale OK");
+    waitReadable(handle);
+    Message message;
+    receivesBreak = true;
+    const int result = wwanmd_recv(handle.get(), &message);
+    receivesBreak = false;
+    EXPECT_EQ(result, -1);
+    const auto lines = logTexts();
+    ASSERT_GE(lines.size(), 3U);
+    EXPECT_EQ(lines[0], "couldn't read from wwanmd0 (Broken pipe)");
+    EXPECT_EQ(lines[1], "faced stalled wwanmd0");
+    EXPECT_EQ(lines[2], "receiving from wwanmd0 failed (4 failures)");
+    EXPECT_THAT(modem.happened(), testing::IsSupersetOf({"closed", "connected"}));
+}
+
+TEST_F(WwanmdFaults, ADaemonThatHangsUpInsteadOfAnsweringCountsAsOneFailure) {
+    const Handle handle = connect();
+    modem.tell("silent");
+    EXPECT_EQ(wwanmd_send(handle.get(), std::make_unique<Message>("signal").get()), 0);
+    modem.tell("hangup");
+    Message message;
+    EXPECT_EQ(wwanmd_recv(handle.get(), &message), -1);
+    EXPECT_EQ(handle->failures, 1);
+    EXPECT_THAT(logTexts(),
+                ElementsAre("couldn't read from wwanmd0 (Success)", "receiving from wwanmd0 failed (1 failures)"));
+}
+
+TEST_F(WwanmdFaults, ALeftoverErrnoIsNotTakenForAStalledDaemon) {
+    const Handle handle = connect();
+    modem.tell("silent");
+    Message message("signal");
+    errno = EPIPE;
+    EXPECT_EQ(command(handle, message), -1);
+    EXPECT_EQ(handle->failures, 1);
+    EXPECT_THAT(logTexts(), ElementsAre("recv from wwanmd0 timed out", "receiving from wwanmd0 failed (1 failures)",
+                                        "command failed"));
+}
+
+TEST_F(WwanmdFaults, ADaemonThatReadsNothingMakesSendingTimeOut) {
+    const Handle handle = connect();
+    modem.tell("clog");
+    const Message filler(std::string(8190, 'f'));
+    while (handle->failures == 0) {
+        handle->last_io = {};
+        Message message = filler;
+        errno = EPIPE;
+        const Stopwatch watch;
+        if (wwanmd_send(handle.get(), &message) == 0) continue;
+        EXPECT_GE(watch.elapsed(), milliseconds(5000));
+    }
+    EXPECT_EQ(handle->failures, 1);
+    EXPECT_NE(handle->last_io.tv_sec, 0);  // an attempt is one even where it failed
+    EXPECT_THAT(logTexts(), ElementsAre("sending to wwanmd0 timed out", "cannot send command to wwanmd0",
+                                        "sending to wwanmd0 failed (1 failures)"));
+}
+
+TEST_F(WwanmdFaults, ACommandTheSocketTakesOnlyInPartHasFailed) {
+    const Handle handle = connect();
+    modem.tell("clog");
+    const int smallest = 1;
+    ASSERT_EQ(::setsockopt(handle->fd, SOL_SOCKET, SO_SNDBUF, &smallest, sizeof smallest), 0);
+    Message message(std::string(8190, 'f'));
+    EXPECT_EQ(command(handle, message), -1);
+    EXPECT_THAT(logTexts(), ElementsAre("could not send 8191 bytes to wwanmd0 (Success)",
+                                        "sending to wwanmd0 failed (1 failures)"));
+}
+
+TEST_F(WwanmdFaults, ADaemonThatAcceptsAndClosesAtOnceEndsEachCallAndIsRecoveredFrom) {
+    const Handle handle = connect();
+    modem.tell("drop");
+    modem.tell("hangup");
+    modem.events();
+    const Stopwatch watch;
+    for (int i = 0; i < 2; ++i) {
+        Message message("signal");
+        EXPECT_EQ(command(handle, message), -1);
+        EXPECT_EQ(handle->fd, -1);
+        // One attempt to connect in each call, no more.
+        EXPECT_THAT(modem.happened(), ElementsAre("connected", "closed"));
+    }
+    EXPECT_LT(watch.elapsed(), std::chrono::seconds(20));
+    EXPECT_EQ(wwanmd_open(handle.get()), -1);
+    modem.tell("normal");
+    Message message("signal");
+    EXPECT_EQ(command(handle, message), 0);
+}
+
+TEST_F(WwanmdFaults, AHandshakeAnsweredWithErrorFailsTheConnection) {
+    modem.tell("handshake error");
+    EXPECT_EQ(wwanmd_init(0, "tester"), nullptr);
+    EXPECT_THAT(logTexts(), ElementsAre("receiving from wwanmd0 failed (1 failures)", "command failed",
+                                        "cannot initialize wwanmd0 (Success)"));
+    EXPECT_THAT(modem.happened(), ElementsAre("connected", "command init tester", "closed"));
+}
+
+TEST_F(WwanmdFaults, AHandshakeThatIsNeverAnsweredEndsAfterFiveSeconds) {
+    const Handle handle = connect();
+    modem.tell("handshake silent");
+    const Stopwatch watch;
+    EXPECT_EQ(wwanmd_open(handle.get()), -1);
+    EXPECT_GE(watch.elapsed(), milliseconds(5000));
+    EXPECT_EQ(handle->fd, -1);
+    EXPECT_EQ(handle->flags, 1);
+    EXPECT_THAT(logTexts(), ElementsAre("recv from wwanmd0 timed out", "receiving from wwanmd0 failed (1 failures)",
+                                        "command failed", "cannot initialize wwanmd0 (Success)"));
+    EXPECT_THAT(modem.happened(),
+                testing::UnorderedElementsAre("closed", "connected", "command init tester", "closed"));
+    modem.tell("handshake ok");
+    Message message("signal");
+    EXPECT_EQ(command(handle, message), 0);
+}
+
+TEST_F(WwanmdFaults, AHandshakeAnsweredWithBusyAloneEndsToo) {
+    modem.tell("handshake busy");
+    wwanmd_handle handle{};
+    handle.fd = -1;
+    EXPECT_EQ(wwanmd_open(&handle), -1);
+    EXPECT_EQ(handle.fd, -1);
+    EXPECT_EQ(handle.flags, 0);
+}
+
+TEST_F(WwanmdFaults, AFullQueueOfConnectionsIsWaitedForFiveSeconds) {
+    const Handle handle = connect();
+    modem.tell("deaf");
+    const Stopwatch watch;
+    EXPECT_EQ(wwanmd_open(handle.get()), -1);
+    EXPECT_GE(watch.elapsed(), milliseconds(5000));
+    EXPECT_THAT(logTexts(), ElementsAre("can't bind to wwanmd0 (Resource temporarily unavailable)"));
+    modem.tell("normal");
+    EXPECT_EQ(wwanmd_open(handle.get()), 0);
+}
+
+TEST_F(WwanmdFaults, SignalsNeitherCutNorStretchTheWaits) {
+    modem.tell("handshake silent");
+    const vxtest::Interruptions interruptions(20000);
+    const Stopwatch watch;
+    wwanmd_handle handle{};
+    handle.fd = -1;
+    EXPECT_EQ(wwanmd_open(&handle), -1);
+    EXPECT_GE(watch.elapsed(), milliseconds(5000));
+    modem.tell("normal");
+    EXPECT_EQ(wwanmd_open(&handle), 0);
+    modem.tell("deaf");
+    const Stopwatch again;
+    EXPECT_EQ(wwanmd_open(&handle), -1);
+    EXPECT_GE(again.elapsed(), milliseconds(5000));
+    modem.tell("reset on");
+    const Stopwatch reset;
+    EXPECT_EQ(wwanmd_in_reset(0), 1);
+    EXPECT_GE(reset.elapsed(), milliseconds(5000));
+}
+
+TEST_F(WwanmdFaults, AResetThatBeginsBetweenSendAndReceiveIsSeen) {
+    const Handle handle = connect();
+    Message message("signal");
+    looksBeforeReset = 1;  // the look before sending
+    const int result = wwanmd_command(handle.get(), &message);
+    ::unlink("/tmp/status/wwanmd/card0/reset");
+    EXPECT_EQ(result, -1);
+    EXPECT_EQ(handle->fd, -1);
+    EXPECT_THAT(logTexts(), ElementsAre("wwanmd0 is currently in reset", "command failed"));
+    ::signal(SIGPIPE, SIG_DFL);  // left ignored, as by any receive that ends early
+}
+
+TEST_F(WwanmdFaults, AFailedReconnectionLeavesTheTimeOfTheAttempt) {
+    const Handle handle = connect();
+    wwanmd_close(handle.get());
+    modem.die();
+    handle->last_io = {};
+    Message message("c");
+    EXPECT_EQ(wwanmd_send(handle.get(), &message), -1);
+    EXPECT_NE(handle->last_io.tv_sec + handle->last_io.tv_nsec, 0);
+}
+
+TEST_F(WwanmdFaults, DescriptorsBeyond1024Work) {
+    rlimit limit{};
+    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &limit), 0);
+    if (limit.rlim_cur < 2000) {
+        limit.rlim_cur = 2000;
+        if (limit.rlim_max < 2000) limit.rlim_max = 2000;
+        ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &limit), 0);
+    }
+    std::vector<int> occupied;
+    while (occupied.empty() || occupied.back() < 1100) occupied.push_back(::dup(0));
+    const Handle handle(wwanmd_init(0, "tester"));
+    ASSERT_NE(handle, nullptr) << testing::PrintToString(log.take());
+    EXPECT_GT(handle->fd, 1100);
+    Message message("c");
+    EXPECT_EQ(command(handle, message), 0);
+    for (const int fd : occupied) ::close(fd);
+}
+
+}  // namespace
