@@ -5,7 +5,8 @@
 //   gatewayd --serve [--echo-log PREFIX]   serves until SIGTERM; prints "ready" once everything runs
 //   gatewayd --install-library             installs the library of /gateway/lib under the names it has on a board
 //   gatewayd [--net none|wan|full] [--user NAME] [--timeout S] [--keep] [--report FD] [--shell]
-//            [--scenario FILE] [--replay NAME [--tolerance S]] [--panel FD] [--leash FD] [--] [PROGRAM ARGUMENT...]
+//            [--scenario FILE] [--replay NAME [--tolerance S] [--ignore PATTERN]...] [--panel FD] [--leash FD]
+//            [--] [PROGRAM ARGUMENT...]
 //
 // --panel serves the front panel on a socket that listens; the gateway then goes on without the program until the other end
 // of the pipe of --leash is closed.
@@ -60,7 +61,7 @@ struct Options {
     int leash = -1;
     std::string scenario;
     std::string replay;
-    double tolerance_s = Replay::defaultTolerance_s;
+    Replay::Tolerance tolerance;
     std::vector<char *> program;
 };
 
@@ -84,7 +85,8 @@ Options parse(int argc, char **argv) {
         }
         if (option == "--scenario") options.scenario = argument();
         if (option == "--replay") options.replay = argument();
-        if (option == "--tolerance") options.tolerance_s = std::strtod(argument().c_str(), nullptr);
+        if (option == "--tolerance") options.tolerance.seconds = std::strtod(argument().c_str(), nullptr);
+        if (option == "--ignore") options.tolerance.ignored.push_back(argument());
         if (option == "--net") {
             const std::string net = argument();
             options.net = net == "none" ? Net::none : net == "full" ? Net::full : Net::wan;
@@ -151,7 +153,7 @@ public:
         if (fs::is_directory(libraryDirectory) && !options_.serve) installLibrary(libraryDirectory);
         if (!options_.replay.empty()) {
             replay_.emplace(options_.replay, readRecording(options_.replay, readText("/gateway/recording")),
-                            options_.tolerance_s);
+                            options_.tolerance);
         }
         gateway_.replaysDaemons = replay_.has_value();
         gateway_.start();

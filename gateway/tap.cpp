@@ -63,7 +63,10 @@ enum class Kind : unsigned char { none, config, modem, file, fifo, directory, ic
 struct Echo {
     unsigned char packet[1500];
     size_t length;
-    long long due_us;  // 0: no reply comes
+    long long sent_us;
+    timespec sent;       // by the wall clock, as the kernel stamps what arrives
+    long long delay_us;  // of the reply; -1: none comes
+    uint32_t looks;      // for a reply that found none; in a replay, those that are still to find none
 };
 
 struct Descriptor {
@@ -71,6 +74,7 @@ struct Descriptor {
     bool noted;  // what was written through it has been told
     int card;
     int number;
+    int stamps;  // option that has the kernel stamp what arrives, or 0
     char *text;  // path, or name of the interface
     Echo *echo;
 };
@@ -263,7 +267,7 @@ public:
 
     // The bytes of the answer are valid as long as the note.
     TapAnswer ask(const char **bytes = nullptr) {
-        TapAnswer answer{notRecorded, -1, 0};
+        TapAnswer answer{notRecorded, -1, 0, 0};
         ssize_t got = -1;
         if (tell()) {
             do got = realRecvfrom(channel, received, sizeof received, 0, nullptr, nullptr);
@@ -452,7 +456,10 @@ ssize_t sendEcho(Descriptor &one, const void *data, size_t size, const sockaddr 
     if (one.echo == nullptr || size > sizeof one.echo->packet) return call();
     std::memcpy(one.echo->packet, data, size);
     one.echo->length = size;
-    one.echo->due_us = 0;
+    one.echo->delay_us = -1;
+    one.echo->looks = 0;
+    one.echo->sent_us = now_us();
+    ::clock_gettime(CLOCK_REALTIME, &one.echo->sent);
     const Parts parts = partsOf(one.kind, one.echo->packet, size);
     if (parts.icmp == nullptr || parts.icmp[0] != echoRequest) return call();
     AddressText target = "";
@@ -471,33 +478,79 @@ ssize_t sendEcho(Descriptor &one, const void *data, size_t size, const sockaddr 
         errno = answer.error;
         return -1;
     }
-    one.echo->due_us = answer.delay_us < 0 ? 0 : now_us() + answer.delay_us;
+    one.echo->delay_us = answer.delay_us;
+    one.echo->looks = answer.looks;
     return static_cast<ssize_t>(size);
 }
 
+void countLook(int fd) {
+    const Descriptor *const one = tapMode == Mode::record ? echoSocket(fd) : nullptr;
+    if (one != nullptr && one->echo != nullptr) ++one->echo->looks;
+}
+
+// When the packet just received arrived, by the kernel's stamp; -1 when it has none.
+long long arrival_us(msghdr &message, const timespec &sent) {
+    for (cmsghdr *part = CMSG_FIRSTHDR(&message); part != nullptr; part = CMSG_NXTHDR(&message, part)) {
+        int64_t stamp[2];
+        if (part->cmsg_level != SOL_SOCKET ||
+            (part->cmsg_type != SO_TIMESTAMPNS_OLD && part->cmsg_type != SO_TIMESTAMPNS_NEW) ||
+            part->cmsg_len < CMSG_LEN(sizeof stamp)) {
+            continue;
+        }
+        std::memcpy(stamp, CMSG_DATA(part), sizeof stamp);
+        return (stamp[0] - sent.tv_sec) * 1000000 + (stamp[1] - sent.tv_nsec) / 1000;
+    }
+    return -1;
+}
+
 // A reply to the last echo of this socket.
-void noteReply(const Descriptor &one, void *data, size_t size) {
+void noteReply(const Descriptor &one, void *data, size_t size, msghdr *message) {
     if (one.echo == nullptr) return;
+    const long long seen_us = now_us() - one.echo->sent_us;
     const Parts sent = partsOf(one.kind, one.echo->packet, one.echo->length);
     const Parts parts = partsOf(one.kind, static_cast<unsigned char *>(data), size);
     if (sent.icmp == nullptr || parts.icmp == nullptr || parts.ip == nullptr || parts.icmp[0] != echoReply ||
         std::memcmp(sent.icmp + 4, parts.icmp + 4, 4) != 0) {
         return;
     }
+    const long long stamped_us = message == nullptr ? -1 : arrival_us(*message, one.echo->sent);
+    const long long delay_us = stamped_us >= 0 && stamped_us < seen_us ? stamped_us : seen_us;
     AddressText from = "";
     writeAddress(from, parts.ip + 12);
-    Note("pong").bytes(interfaceOf(one)).bytes(from).tell();
+    Note("pong")
+        .bytes(interfaceOf(one))
+        .bytes(from)
+        .number(static_cast<unsigned long>(delay_us))
+        .number(one.echo->looks)
+        .tell();
+}
+
+// As the kernel would have stamped the reply, where it was asked to.
+void stamp(const Descriptor &one, msghdr &message) {
+    int64_t time[2] = {one.echo->sent.tv_sec, one.echo->sent.tv_nsec + one.echo->delay_us % 1000000 * 1000};
+    time[0] += one.echo->delay_us / 1000000 + time[1] / 1000000000;
+    time[1] %= 1000000000;
+    cmsghdr *const part =
+        one.stamps != 0 && message.msg_controllen >= CMSG_SPACE(sizeof time) ? CMSG_FIRSTHDR(&message) : nullptr;
+    message.msg_controllen = part == nullptr ? 0 : CMSG_SPACE(sizeof time);
+    message.msg_flags = 0;
+    if (part == nullptr) return;
+    part->cmsg_level = SOL_SOCKET;
+    part->cmsg_type = one.stamps;
+    part->cmsg_len = CMSG_LEN(sizeof time);
+    std::memcpy(CMSG_DATA(part), time, sizeof time);
 }
 
 // Turns the echo around, as its receiver would have done. The kernel puts an IP header before what a raw socket sent
 // without one.
-ssize_t replayReply(Descriptor &one, void *buffer, size_t size, int flags) {
-    if (one.echo == nullptr || one.echo->due_us == 0 || now_us() < one.echo->due_us) {
+ssize_t replayReply(Descriptor &one, void *buffer, size_t size, int flags, msghdr *message) {
+    if (one.echo == nullptr || one.echo->delay_us < 0 || one.echo->looks > 0) {
+        if (one.echo != nullptr && one.echo->looks > 0) --one.echo->looks;
         if ((flags & MSG_DONTWAIT) == 0) ::usleep(1000);
         errno = EAGAIN;
         return -1;
     }
-    one.echo->due_us = 0;
+    while (now_us() < one.echo->sent_us + one.echo->delay_us) ::usleep(100);
     Echo reply{};
     Parts parts = partsOf(one.kind, one.echo->packet, one.echo->length);
     constexpr size_t headerLength = 20;
@@ -524,6 +577,8 @@ ssize_t replayReply(Descriptor &one, void *buffer, size_t size, int flags) {
     parts.icmp[0] = echoReply;
     const size_t given = size < reply.length ? size : reply.length;
     std::memcpy(buffer, reply.packet, given);
+    if (message != nullptr) stamp(one, *message);
+    one.echo->delay_us = -1;
     return static_cast<ssize_t>(given);
 }
 
@@ -743,19 +798,45 @@ int statAt(int directory, const char *path, Call call) {
     return result == -1 && error == 0 ? call(isDirectory ? "/" : "/proc/self/exe") : result;
 }
 
+// Random names are noted as their patterns, wherever they occur later.
 template <typename Make>
 int makeTemporary(char *path, Make make) {
-    Path shown;
-    const bool known = active() && isKnown(AT_FDCWD, path, shown);
+    Path shown = "";
+    const bool tracked = active() && path != nullptr && isKnown(AT_FDCWD, path, shown);
+    if (path != nullptr && !tracked) copyPath(shown, path);
     const int fd = make();
-    if (fd == -1 || !known) return fd;
-    TemporaryName &name = temporaryNames[temporaryNext++ % 16];
+    if (fd == -1 || !active()) return fd;
+    forget(fd);
+    TemporaryName &name = temporaryNames[temporaryNext++ % (sizeof temporaryNames / sizeof temporaryNames[0])];
     copyPath(name.shown, shown);
-    Path real;
-    isKnown(AT_FDCWD, path, real);
-    copyPath(name.real, real);
-    remember(fd, Kind::file, shown);
+    copyPath(name.real, path);
+    if (tracked) {
+        name.real[0] = '\0';  // while it is normalised
+        Path real;
+        isKnown(AT_FDCWD, path, real);
+        copyPath(name.real, real);
+        remember(fd, Kind::file, shown);
+    }
     return fd;
+}
+
+void addWord(Note &note, const char *word) {
+    char text[4096];
+    size_t length = 0;
+    while (*word != '\0' && length + pathLength < sizeof text) {
+        const TemporaryName *found = nullptr;
+        for (const TemporaryName &one : temporaryNames) {
+            if (one.real[0] != '\0' && std::strncmp(word, one.real, std::strlen(one.real)) == 0) found = &one;
+        }
+        if (found == nullptr) {
+            text[length++] = *word++;
+            continue;
+        }
+        std::strcpy(text + length, found->shown);
+        length += std::strlen(found->shown);
+        word += std::strlen(found->real);
+    }
+    note.bytes(text, length);
 }
 
 // ---- streams
@@ -960,7 +1041,7 @@ void noteLog(int priority, const char *format, va_list arguments) {
 void noteRun(const char *const *words) {
     if (!active() || words == nullptr || words[0] == nullptr) return;
     Note note("run");
-    for (size_t i = 0; words[i] != nullptr && i < 100; ++i) note.bytes(words[i]);
+    for (size_t i = 0; words[i] != nullptr && i < 100; ++i) addWord(note, words[i]);
     if (replays()) {
         note.ask();
     } else {
@@ -1044,13 +1125,33 @@ WRAP ssize_t send(int fd, const void *data, size_t size, int flags) {
 
 WRAP ssize_t recvfrom(int fd, void *buffer, size_t size, int flags, sockaddr *from, socklen_t *length) {
     if (Descriptor *const echoes = active() && replays() ? echoSocket(fd) : nullptr)
-        return replayReply(*echoes, buffer, size, flags);
+        return replayReply(*echoes, buffer, size, flags, nullptr);
     const ssize_t got = realRecvfrom(fd, buffer, size, flags, from, length);
+    if (got < 0) countLook(fd);
     if (got < 0 || (flags & MSG_PEEK) != 0 || !active() || replays()) return got;
     Descriptor *const one = at(fd);
-    if (const Descriptor *const echoes = echoSocket(fd)) noteReply(*echoes, buffer, static_cast<size_t>(got));
+    if (const Descriptor *const echoes = echoSocket(fd)) noteReply(*echoes, buffer, static_cast<size_t>(got), nullptr);
     if (one == nullptr || (one->kind != Kind::config && one->kind != Kind::modem)) return got;
     Note("receive").channelOf(*one).bytes(buffer, static_cast<size_t>(got)).tell();
+    return got;
+}
+
+template <typename Call>
+static ssize_t receiveMessage(int fd, msghdr *message, int flags, Call call) {
+    Descriptor *const one = active() ? at(fd) : nullptr;
+    if (one == nullptr || one->kind == Kind::none || message == nullptr || message->msg_iovlen == 0) return call();
+    void *const buffer = message->msg_iov[0].iov_base;
+    const size_t size = message->msg_iov[0].iov_len;
+    if (echoSocket(fd) != nullptr && replays()) return replayReply(*one, buffer, size, flags, message);
+    const ssize_t got = call();
+    if (got < 0) countLook(fd);
+    if (got < 0 || replays() || (flags & MSG_PEEK) != 0) return got;
+    const size_t seen = static_cast<size_t>(got) < size ? static_cast<size_t>(got) : size;
+    if (echoSocket(fd) != nullptr) {
+        noteReply(*one, buffer, seen, message);
+    } else if (one->kind == Kind::config || one->kind == Kind::modem) {
+        Note("receive").channelOf(*one).bytes(buffer, seen).tell();
+    }
     return got;
 }
 
@@ -1181,6 +1282,26 @@ WRAP ssize_t writev(int fd, const iovec *pieces, int count) {
 WRAP_PWRITE("pwrite", tapPwrite, off_t)
 WRAP_PWRITE("pwrite64", tapPwrite64, off64_t)
 
+#define WRAP_RECVMSG(name, function)                                                         \
+    extern "C" ssize_t function(int fd, msghdr *message, int flags) NAMED(name);             \
+    ssize_t function(int fd, msghdr *message, int flags) {                                   \
+        REAL(name, ssize_t (*)(int, msghdr *, int));                                         \
+        return receiveMessage(fd, message, flags, [&] { return real(fd, message, flags); }); \
+    }
+WRAP_RECVMSG("recvmsg", tapRecvmsg)
+WRAP_RECVMSG("__recvmsg64", tapRecvmsg64)
+
+// Nothing leaves the socket of an echo in a replay.
+#define WRAP_SENDMSG(name, function)                                                   \
+    extern "C" ssize_t function(int fd, const msghdr *message, int flags) NAMED(name); \
+    ssize_t function(int fd, const msghdr *message, int flags) {                       \
+        REAL(name, ssize_t (*)(int, const msghdr *, int));                             \
+        if (active() && replays() && echoSocket(fd) != nullptr) return 0;              \
+        return real(fd, message, flags);                                               \
+    }
+WRAP_SENDMSG("sendmsg", tapSendmsg)
+WRAP_SENDMSG("__sendmsg64", tapSendmsg64)
+
 WRAP int access(const char *path, int kind) noexcept {
     REAL("access", int (*)(const char *, int));
     return accessAt(AT_FDCWD, path, [&] { return real(path, kind); });
@@ -1308,6 +1429,7 @@ static int setOption(int fd, int level, int option, const void *value, socklen_t
         std::free(one->text);
         one->text = ::strndup(static_cast<const char *>(value), length);
     }
+    if (level == SOL_SOCKET && (option == SO_TIMESTAMPNS_OLD || option == SO_TIMESTAMPNS_NEW)) one->stamps = option;
     return replays() ? 0 : call();
 }
 

@@ -20,6 +20,7 @@ constexpr int32_t notRecorded = -1;
 struct TapAnswer {
     int32_t error;     // 0, an errno value, or notRecorded: the program gets what the gateway has
     int32_t delay_us;  // of an echo's reply; -1 when none came
+    uint32_t looks;    // for an echo's reply, before the one that finds it
     uint32_t length;   // of the bytes that follow
 };
 

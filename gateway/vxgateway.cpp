@@ -54,7 +54,8 @@ constexpr const char *usage =
     "directory\n"
     "  --timeout SECONDS      the program is ended after this time, with status 124\n"
     "  --junit FILE           the result is written to this file\n"
-    "  --tolerance SECONDS    replay: time within which independent actions may change places, 0.25 by default\n"
+    "  --tolerance SECONDS    replay: time within which independent actions may change places, 1 by default\n"
+    "  --ignore PATTERN       replay: lines that match are not compared, as 'write \"/tmp/status/wan/rtt\" *'\n"
     "  --port N               the panel's port on this machine; 0 (default) takes a free one\n"
     "\n"
     "Ends with the program's own status (128 + signal number when a signal ended it), 124 when its time was over, 125 "
@@ -188,6 +189,8 @@ void takeOption(Options &options, const std::string &option, const std::string &
         const auto time = vxgateway::seconds(value);
         if (!time || *time == 0) wrong("--timeout takes seconds above 0 and up to 86400, not '" + value + "'");
         options.inside.insert(options.inside.end(), {option, value});
+    } else if (option == "--ignore") {
+        options.inside.insert(options.inside.end(), {option, value});
     } else if (option == "--tolerance") {
         if (!vxgateway::seconds(value)) wrong("--tolerance takes seconds up to 86400, not '" + value + "'");
         options.inside.insert(options.inside.end(), {option, value});
@@ -201,8 +204,8 @@ void takeOption(Options &options, const std::string &option, const std::string &
 }
 
 Options parse(const Arguments &arguments) {
-    constexpr const char *withValue[] = {"--user", "--share",   "--show",  "--path",     "--net",
-                                         "--keep", "--timeout", "--junit", "--tolerance"};
+    constexpr const char *withValue[] = {"--user", "--share",   "--show",  "--path",      "--net",
+                                         "--keep", "--timeout", "--junit", "--tolerance", "--ignore"};
     Options options;
     options.command = arguments[0];
     size_t next = 1;

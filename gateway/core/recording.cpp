@@ -98,7 +98,7 @@ private:
 };
 
 bool isNumber(const std::string &word) {
-    return !word.empty() && word.size() <= 20 && std::all_of(word.begin(), word.end(), isDigit);
+    return !word.empty() && word.size() <= 18 && std::all_of(word.begin(), word.end(), isDigit);
 }
 
 std::string readArgument(Scanner &scanner, std::string_view kind) {
@@ -162,7 +162,7 @@ const std::vector<RecordedForm> &recordedForms() {
         // Network interfaces and echoes.
         {"interface", {"bytes", "name", "bytes", "result"}},
         {"ping", {"bytes", "bytes", "result"}},
-        {"pong", {"bytes", "bytes"}},
+        {"pong", {"bytes", "bytes", "number", "number"}},
         {"log", {"number", "bytes"}},
         {"run", {"bytes", "bytes*"}},
     };

@@ -2,6 +2,7 @@
 #include "gateway/core/replay.h"
 
 #include <fcntl.h>
+#include <fnmatch.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -79,8 +80,6 @@ int resultOf(const RecordedLine &line) {
     return error == -1 ? 0 : error;
 }
 
-bool isDebug(const RecordedLine &line) { return line.word == "log" && line.arguments[0] == debugPriority; }
-
 Descriptor listenAt(const std::string &path, int type) {
     fs::create_directories(fs::path(path).parent_path());
     ::unlink(path.c_str());
@@ -116,26 +115,35 @@ std::vector<std::string> patternsOf(const std::vector<RecordedLine> &lines) {
 
 }  // namespace
 
-Replay::Replay(std::string name, std::vector<RecordedLine> lines, double tolerance_s)
+Replay::Replay(std::string name, std::vector<RecordedLine> lines, Tolerance tolerance)
     : name_(std::move(name)),
       lines_(std::move(lines)),
-      tolerance_us_(static_cast<long long>(tolerance_s * 1e6)),
+      tolerance_us_(static_cast<long long>(tolerance.seconds * 1e6)),
+      ignored_(std::move(tolerance.ignored)),
       mask_(patternsOf(lines_)),
       packet_(longestTapLine) {
     long long after_us = 0;
     for (const RecordedLine &line : lines_) {
         Program &program = programs_[line.source];
-        if (in(effects, line.word) != nullptr && !isDebug(line)) {
+        if (in(effects, line.word) != nullptr && !isIgnored(line)) {
             program.effects.push_back({line});
             after_us = line.time_us;
         } else if (in(views, line.word) != nullptr) {
             program.views[compared(line)].lines.push_back(line);
         } else if (line.word == "signal" || line.word == "fifo") {
+            if (firstSignal_ == 0 && line.word == "signal") firstSignal_ = line.number;
             unasked_.push_back({line, after_us});
         } else if (line.word == "exit") {
             exit_ = &line;
         }
     }
+}
+
+bool Replay::isIgnored(const RecordedLine &line) const {
+    if (line.word == "log" && line.arguments[0] == debugPriority) return true;
+    const std::string what = line.what();
+    return std::any_of(ignored_.begin(), ignored_.end(),
+                       [&](const std::string &pattern) { return ::fnmatch(pattern.c_str(), what.c_str(), 0) == 0; });
 }
 
 void Replay::listen() {
@@ -196,7 +204,7 @@ void Replay::programEnded(int status) {
 void Replay::take(int tap, const std::string &text) {
     RecordedLine line = readRecordedLine(text, 0);
     mask_.apply(line);
-    if (isDebug(line)) return answer(tap, 0, -1, "");
+    if (isIgnored(line)) return answer(tap, {0, -1, 0, 0}, "");
     const auto found = programs_.find(line.source);
     if (found == programs_.end()) {
         RecordedLine end = lines_.empty() ? RecordedLine{} : lines_.back();
@@ -205,7 +213,7 @@ void Replay::take(int tap, const std::string &text) {
     }
     if (in(effects, line.word) != nullptr) return takeEffect(tap, found->second, line);
     if (in(views, line.word) != nullptr) return takeView(tap, found->second, line);
-    answer(tap, 0, -1, "");
+    answer(tap, {0, -1, 0, 0}, "");
 }
 
 void Replay::takeEffect(int tap, Program &program, const RecordedLine &line) {
@@ -228,16 +236,19 @@ void Replay::takeEffect(int tap, Program &program, const RecordedLine &line) {
             return differ(one.line, got);  // without an answer the program waits for its end
         }
     }
-    if (program.first < all.size()) {
-        differ(all[program.first].line, got);
-    } else if (!lines_.empty()) {
-        differ(exit_ != nullptr ? *exit_ : lines_.back(), got);
-    }
+    // Until a signal comes, what is done again and again may be done once more.
+    const auto again =
+        std::find_if(all.rbegin(), all.rend(), [&](const Effect &one) { return compared(one.line) == wanted; });
+    const bool waitsForSignal =
+        firstSignal_ != 0 && (program.first == all.size() || all[program.first].line.number > firstSignal_);
+    if (waitsForSignal && again != all.rend()) return perform(tap, line, *again);
+    if (program.first < all.size()) return differ(all[program.first].line, got);
+    if (!lines_.empty()) differ(exit_ != nullptr ? *exit_ : lines_.back(), got);
 }
 
 void Replay::takeView(int tap, Program &program, const RecordedLine &line) {
     const auto found = program.views.find(compared(line));
-    if (found == program.views.end()) return answer(tap, notRecorded, -1, "");
+    if (found == program.views.end()) return answer(tap, {notRecorded, -1, 0, 0}, "");
     View &view = found->second;
     const size_t last = view.lines.size() - 1;
     const bool first = view.next == 0;
@@ -260,7 +271,7 @@ void Replay::takeView(int tap, Program &program, const RecordedLine &line) {
     } else if (shown.word == "interface") {
         bytes = shown.arguments[2];
     }
-    answer(tap, resultOf(shown), -1, bytes);
+    answer(tap, {resultOf(shown), -1, 0, 0}, bytes);
 }
 
 // ---- what is answered
@@ -281,10 +292,14 @@ std::vector<RecordedLine> Replay::answersTo(const RecordedLine &line) const {
 void Replay::perform(int tap, const RecordedLine &asked, const Effect &effect) {
     const RecordedLine &line = effect.line;
     const int error = resultOf(line);
-    int delay_us = -1;
+    TapAnswer head{error, -1, 0, 0};
     if (line.word == "ping") {
+        constexpr unsigned long long most = 1000000000;
         const auto replies = answersTo(line);
-        if (!replies.empty()) delay_us = static_cast<int>(replies[0].time_us - line.time_us);
+        if (!replies.empty()) {
+            head.delay_us = static_cast<int32_t>(std::min(std::stoull(replies[0].arguments[2]), most));
+            head.looks = static_cast<uint32_t>(std::min(std::stoull(replies[0].arguments[3]), most));
+        }
     } else if (line.word == "connect" && error == 0) {
         expectedModems_[cardOf(line.arguments[0])].push_back(line.source + " " + line.arguments[0]);
     }
@@ -307,11 +322,11 @@ void Replay::perform(int tap, const RecordedLine &asked, const Effect &effect) {
             });
         }
     }
-    answer(tap, error, delay_us, "");
+    answer(tap, head, "");
 }
 
-void Replay::answer(int tap, int error, int delay_us, const std::string &bytes) const {
-    const TapAnswer head{error, delay_us, static_cast<uint32_t>(std::min(bytes.size(), longestRecorded))};
+void Replay::answer(int tap, TapAnswer head, const std::string &bytes) {
+    head.length = static_cast<uint32_t>(std::min(bytes.size(), longestRecorded));
     std::string packet(reinterpret_cast<const char *>(&head), sizeof head);
     packet.append(bytes, 0, head.length);
     (void)!::send(tap, packet.data(), packet.size(), MSG_NOSIGNAL);

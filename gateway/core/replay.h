@@ -23,15 +23,20 @@
 #include "gateway/core/mask.h"
 #include "gateway/core/peer.h"
 #include "gateway/core/recording.h"
+#include "gateway/tap.h"
 
 namespace vxgateway {
 
 class Replay {
 public:
     static constexpr const char *socketPath = "/run/vxgateway-replay";
-    static constexpr double defaultTolerance_s = 0.25;
 
-    Replay(std::string name, std::vector<RecordedLine> lines, double tolerance_s);
+    struct Tolerance {
+        double seconds = 1;
+        std::vector<std::string> ignored;  // patterns of lines, without time and source
+    };
+
+    Replay(std::string name, std::vector<RecordedLine> lines, Tolerance tolerance);
 
     void listen();  // throws std::runtime_error
     void programStarted(pid_t pid);
@@ -81,12 +86,13 @@ private:
         std::string channel;  // with the source
     };
 
+    bool isIgnored(const RecordedLine &line) const;
     void take(int tap, const std::string &text);
     void takeEffect(int tap, Program &program, const RecordedLine &line);
     void takeView(int tap, Program &program, const RecordedLine &line);
     void perform(int tap, const RecordedLine &asked, const Effect &effect);
     std::vector<RecordedLine> answersTo(const RecordedLine &line) const;
-    void answer(int tap, int error, int delay_us, const std::string &bytes) const;
+    static void answer(int tap, TapAnswer head, const std::string &bytes);
     void differ(const RecordedLine &expected, const std::string &got);
     void readConfig();
     void acceptModems();
@@ -100,10 +106,12 @@ private:
     std::string name_;
     std::vector<RecordedLine> lines_;
     long long tolerance_us_;
+    std::vector<std::string> ignored_;
     Mask mask_;
     std::map<std::string, Program> programs_;
     std::list<Unasked> unasked_;
     const RecordedLine *exit_ = nullptr;
+    size_t firstSignal_ = 0;  // its line
     Descriptor listener_;
     Descriptor config_;
     std::map<int, Descriptor> modems_;  // by card

@@ -85,6 +85,123 @@ TEST(Recorder, WritesDownRequestsAndAnswersWithoutPasswords) {
     EXPECT_THAT(vxtest::readFile(file), Not(HasSubstr("hunter")));
 }
 
+// Does a little of everything, with processes and threads of its own.
+constexpr const char *busyProgram = R"(
+#include <errno.h>
+#include <fcntl.h>
+#include <pthread.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <syslog.h>
+#include <unistd.h>
+static void put(const char *path, const void *bytes, size_t size) {
+    int fd = open(path, O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    if (write(fd, bytes, size) < 0) exit(9);
+    close(fd);
+}
+static void *work(void *path) { put(path, "thread", 6); return NULL; }
+int main(int argc, char **argv) {
+    char name[] = "/tmp/status/busy/value_XXXXXX", bytes[256], text[64] = "";
+    pthread_t threads[2];
+    int i, fd, status;
+    mkdir("/tmp/status/busy", 0755);
+    for (i = 0; i < 256; i++) bytes[i] = (char)i;
+    put("/tmp/status/busy/binary", bytes, sizeof bytes);
+    put("/tmp/status/busy/empty", "", 0);
+    put("/tmp/status/busy/password", "verysecret", 10);
+    put("/tmp/status/busy/note", "it is verysecret, you know", 26);
+    pthread_create(&threads[0], NULL, work, "/tmp/status/busy/one");
+    pthread_create(&threads[1], NULL, work, "/tmp/status/busy/two");
+    for (i = 0; i < 2; i++) pthread_join(threads[i], NULL);
+    if (fork() == 0) { put("/tmp/status/busy/child", "child", 5); _exit(0); }
+    wait(&status);
+    fd = mkstemp(name);
+    if (write(fd, "whole", 5) != 5) exit(9);
+    close(fd);
+    rename(name, "/tmp/status/busy/value");
+    FILE *stream = fopen("/tmp/status/busy/stream", "w");
+    fputs("streamed", stream);
+    fclose(stream);
+    stream = fopen("/tmp/status/busy/given", "r");
+    if (stream == NULL || fgets(text, sizeof text, stream) == NULL) strcpy(text, "nothing");
+    if (stream != NULL) fclose(stream);
+    printf("%s\n", text);
+    if (access("/tmp/status/busy/none", R_OK) == -1 && errno == ENOENT) puts("none");
+    syslog(LOG_ERR, "busy %d with %s: %m", (int)getpid(), argv[argc - 1]);
+    return system("exit 3") == 0 ? 1 : 4;
+})";
+
+std::string busy() {
+    vxtest::writeFile("/tmp/busy.c", busyProgram);
+    const auto compiled = vxtest::run({"cc", "-pthread", "-o", "/tmp/busy", "/tmp/busy.c"});
+    EXPECT_EQ(compiled.status, 0) << compiled.text;
+    vxtest::makeDirs("/tmp/status/busy");
+    vxtest::writeFile("/tmp/status/busy/given", "as given");
+    return "/tmp/busy";
+}
+
+TEST(Recorder, WritesDownFilesProcessesThreadsAndLog) {
+    if (vxtest::emulated()) GTEST_SKIP() << "compiles a program for the machine itself";
+    const auto output = record({busy(), "--password", "verysecret"});
+    EXPECT_EQ(output.status, 4) << output.text;
+    EXPECT_THAT(output.text, HasSubstr("as given\nnone\n"));
+    const auto lines = recorded();
+    for (const char *line :
+         {R"(1 make directory "/tmp/status/busy" EEXIST)", R"(1 write "/tmp/status/busy/empty" "" ok)",
+          R"(1 write "/tmp/status/busy/password" "masked" ok)",
+          R"(1 write "/tmp/status/busy/note" "it is masked, you know" ok)",
+          R"(1.1 write "/tmp/status/busy/one" "thread" ok)", R"(1.2 write "/tmp/status/busy/two" "thread" ok)",
+          R"(1/1 write "/tmp/status/busy/child" "child" ok)", R"(1 write "/tmp/status/busy/value_XXXXXX" "whole" ok)",
+          R"(1 rename "/tmp/status/busy/value_XXXXXX" "/tmp/status/busy/value" ok)",
+          R"(1 write "/tmp/status/busy/stream" "streamed" ok)", R"(1 read "/tmp/status/busy/given" "as given" ok)",
+          R"(1 access "/tmp/status/busy/none" ENOENT)", R"(1 run "exit 3")", "1 exit 4"}) {
+        EXPECT_THAT(lines, testing::Contains(line));
+    }
+    EXPECT_THAT(lines, testing::Contains(testing::MatchesRegex(
+                           R"re(1 log 3 "busy [0-9]+ with masked: No such file or directory")re")));
+    EXPECT_THAT(vxtest::readFile(file), HasSubstr(R"("\x00\x01\x02)"));
+    EXPECT_THAT(vxtest::readFile(file), Not(HasSubstr("verysecret")));
+}
+
+TEST(Recorder, HidesValuesOfKeysThatItIsToldTo) {
+    if (vxtest::emulated()) GTEST_SKIP() << "compiles a program for the machine itself";
+    EXPECT_EQ(record({busy()}, {"--mask", "given", "--mask", "STREAM"}).status, 4);
+    EXPECT_THAT(vxtest::readFile(file), Not(HasSubstr("as given")));
+    EXPECT_THAT(vxtest::readFile(file), Not(HasSubstr("streamed")));
+}
+
+TEST(Recorder, KeepsWhatWasToldBeforeTheProgramDied) {
+    if (!vxtest::emulated()) {
+        vxtest::writeFile("/tmp/dies.c",
+                          "#include <signal.h>\n#include <sys/stat.h>\n"
+                          "int main(void) { mkdir(\"/tmp/status\", 0755); raise(SIGKILL); return 0; }\n");
+        ASSERT_EQ(vxtest::run({"cc", "-o", "/tmp/dies", "/tmp/dies.c"}).status, 0);
+        EXPECT_EQ(record({"/tmp/dies"}).status, 137);
+        EXPECT_THAT(recorded(), testing::Contains(testing::StartsWith(R"(1 make directory "/tmp/status")")));
+        EXPECT_THAT(recorded(), testing::Contains("1 exit 137"));
+    }
+    EXPECT_EQ(record({"/nowhere/program"}).status, 127);
+}
+
+TEST(Recorder, SaysWhenItHeardNothing) {
+    if (vxtest::emulated()) GTEST_SKIP() << "compiles a program for the machine itself";
+    vxtest::writeFile("/tmp/static.c", "int main(void) { return 0; }\n");
+    ASSERT_EQ(vxtest::run({"cc", "-static", "-o", "/tmp/static", "/tmp/static.c"}).status, 0);
+    EXPECT_THAT(record({"/tmp/static"}).text, HasSubstr("could not be listened to: linked statically"));
+}
+
+TEST(Mask, KnowsKeysByTheirParts) {
+    const vxgateway::Mask mask(vxgateway::Mask::defaults());
+    for (const char *key : {"wan.password", "PASS", "ppp_passwd", "api-key", "sim.pin", "AT+CPIN", "client_secret",
+                            "wifi.psk", "TOKEN", "Puk"}) {
+        EXPECT_TRUE(mask.hides(key)) << key;
+    }
+    for (const char *key : {"wan.gateway", "keyboard", "ping", "hostname", ""}) EXPECT_FALSE(mask.hides(key)) << key;
+}
+
 // ---- replaying
 
 TEST(Replay, FindsTheFirstDifference) {
@@ -110,7 +227,81 @@ TEST(Replay, FindsTheFirstDifference) {
     EXPECT_THAT(more.text, HasSubstr(at + "8: expected: 1 exit 0"));
 }
 
+TEST(Replay, AnswersFilesProcessesAndThreads) {
+    if (vxtest::emulated()) GTEST_SKIP() << "a gateway is made of the machine's own programs";
+    const std::string program = busy();
+    ASSERT_EQ(record({program, "x"}).status, 4);
+    const auto same = replay({program, "x"});
+    EXPECT_EQ(same.status, 0) << same.text;
+    EXPECT_THAT(same.text, HasSubstr("as given\nnone\n"));  // no such file is in the gateway
+    std::string changed = busyProgram;
+    changed.replace(changed.find("\"child\", 5"), 10, "\"CHILD\", 5");
+    vxtest::writeFile("/tmp/busy.c", changed);
+    ASSERT_EQ(vxtest::run({"cc", "-pthread", "-o", "/tmp/busy", "/tmp/busy.c"}).status, 0);
+    const auto other = replay({program, "x"});
+    EXPECT_EQ(other.status, 1);
+    EXPECT_THAT(other.text, HasSubstr(R"(expected: 1/1 write "/tmp/status/busy/child" "child" ok)"));
+    EXPECT_THAT(other.text, HasSubstr(R"(got:      1/1 write "/tmp/status/busy/child" "CHILD" ok)"));
+    EXPECT_EQ(replay({program, "y"}).status, 1);
+}
+
+// The daemon of the examples, with pings, modem, events, inputs and threads, recorded in a gateway.
+TEST(Replay, AnswersAWholeDaemon) {
+    if (vxtest::emulated()) GTEST_SKIP() << "a gateway is made of the machine's own programs";
+    vxtest::makeDirs("/tmp/shared");
+    const std::string gateway = vxtest::built("gateway/vxgateway");
+    const std::string supervisor = vxtest::built("examples/wan_supervisor");
+    const std::string session = gateway + " record -o /share/tmp/shared/wan.vxr -- " + supervisor +
+                                " & p=$!; gw wait status wan/link up && gw wait status wan/modem 'signal -67 dBm' && "
+                                "gw input 1 1 && gw wait event 101 1 && sleep 0.2; kill -TERM $p; wait $p";
+    const auto output = vxtest::run(
+        {gateway, "run", "--share", "/tmp/shared", "--show", vxtest::built("."), "--", "bash", "-c", session});
+    ASSERT_EQ(output.status, 0) << output.text;
+    const std::string text = vxtest::readFile("/tmp/shared/wan.vxr");
+    for (const char *line : {"1.2 pong \"wan0\" \"198.51.100.9\" ", "1.3 send modem0.1 \"signal\\n\" ok",
+                             "1 event 101 1 \"alarm input raised\" ok", "1 signal TERM", "1 exit 0"}) {
+        EXPECT_THAT(text, HasSubstr(line));
+    }
+    const std::vector<std::string> words{
+        gateway, "replay", "--ignore", R"(write "/tmp/status/wan/round-trip-ms" *)", "/tmp/shared/wan.vxr", supervisor};
+    const auto same = vxtest::run(words);
+    EXPECT_EQ(same.status, 0) << same.text << text;
+    EXPECT_THAT(same.text, HasSubstr("alarm input raised\n"));
+}
+
+TEST(Replay, RefusesWhatIsNotARecording) {
+    if (vxtest::emulated()) GTEST_SKIP() << "a gateway is made of the machine's own programs";
+    vxtest::writeFile(file, "");
+    const auto empty = replay({"true"});
+    EXPECT_EQ(empty.status, 2);
+    EXPECT_THAT(empty.text, HasSubstr(std::string(file) + ":1:1: not a recording, the file is empty"));
+    vxtest::writeFile(file, std::string(vxgateway::recordingHeader) + "\n0.000001 1 dance\n");
+    EXPECT_THAT(replay({"true"}).text, HasSubstr(std::string(file) + ":2:12: unknown word 'dance'"));
+    for (const std::vector<std::string> &arguments :
+         std::vector<std::vector<std::string>>{{"replay"},
+                                               {"replay", "/nowhere/file", "true"},
+                                               {"replay", file},
+                                               {"replay", "--tolerance", "x", file, "true"},
+                                               {"record"},
+                                               {"record", "-o"},
+                                               {"record", "--frob", "true"}}) {
+        std::vector<std::string> words{vxtest::built("gateway/vxgateway")};
+        words.insert(words.end(), arguments.begin(), arguments.end());
+        EXPECT_EQ(vxtest::run(words).status, 2) << testing::PrintToString(arguments);
+    }
+}
+
 // ---- the text
+
+TEST(Recording, HoldsValuesOfAnySize) {
+    const std::string huge(32768, '\xff');
+    vxgateway::RecordedLine line{0, 1, "1", "fifo", {"/tmp/status/x", huge}};
+    EXPECT_EQ(vxgateway::readRecordedLine(line.text(), 0).arguments[1], huge);
+    std::string text = std::string(vxgateway::recordingHeader) + "\n";
+    line.arguments[1] = "short";
+    for (int i = 0; i < 20000; ++i) text += line.text() + "\n";
+    EXPECT_EQ(readRecording("r", text).size(), 20000U);
+}
 
 TEST(Recording, EveryLineReadsBackAsItWasWritten) {
     std::string bytes;
