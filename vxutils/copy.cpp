@@ -82,9 +82,10 @@ int cannotOpenTarget(const char *shown) {
 // Returns the mode of a copy. A copy belongs to the user who makes it: another user's program must not become one that
 // runs with this user's rights.
 mode_t modeOfCopy(const struct stat &source) {
-    const mode_t foreign =
-        (source.st_uid != ::geteuid() ? S_ISUID : 0U) | (source.st_gid != ::getegid() ? S_ISGID : 0U);
-    return source.st_mode & modeBits & ~foreign;
+    mode_t mode = source.st_mode & modeBits;
+    if ((mode & S_ISUID) != 0 && source.st_uid != ::geteuid()) mode &= ~mode_t{S_ISUID};
+    if ((mode & S_ISGID) != 0 && source.st_gid != ::getegid()) mode &= ~mode_t{S_ISGID};
+    return mode;
 }
 
 // Opens what is to be copied; only a regular file and a block device have content that can be sent.
