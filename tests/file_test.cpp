@@ -22,31 +22,18 @@
 #include <random>
 #include <thread>
 
+#include "support/call_hooks.h"
 #include "support/emulation.h"
 #include "support/files.h"
 #include "support/process.h"
 #include "support/resources.h"
 #include "support/syslog_capture.h"
 
-// Memory runs out where a test wants it: the library's allocator of zeroed records and the C library's copies of texts,
-// this program's instead, and the address sanitizer's, which ends the program otherwise.
-namespace {
-int recordsLeft = -1;  // -1: as many as are asked for
-bool copiesFail = false;
-}  // namespace
-extern "C" char *strndup(const char *text, size_t most) noexcept {
-    const size_t length = ::strnlen(text, most);
-    auto *copy = static_cast<char *>(copiesFail ? nullptr : std::calloc(length + 1, 1));
-    return copy != nullptr ? static_cast<char *>(std::memcpy(copy, text, length)) : nullptr;
-}
-void *zalloc(size_t size) {
-    if (recordsLeft == 0) {
-        errno = ENOMEM;
-        return nullptr;
-    }
-    if (recordsLeft > 0) --recordsLeft;
-    return std::calloc(size, 1);
-}
+// The library's allocator of zeroed records, and the C library's copies of texts.
+VXTEST_HOOK(void *, zalloc, (size_t size), (size))
+VXTEST_HOOK(char *, strndup, (const char *text, size_t most), (text, most))
+
+// A huge request is to fail as it does without the sanitizer.
 extern "C" const char *__asan_default_options();
 extern "C" const char *__asan_default_options() { return "allocator_may_return_null=1"; }
 
@@ -806,19 +793,20 @@ TEST_F(ReadFileLines, AnEmptyFileHasNoLines) {
 
 TEST_F(ReadFileLines, WithoutMemoryTheLinesReadSoFarStay) {
     vxtest::SyslogCapture log;
-    recordsLeft = 2;
-    EXPECT_EQ(readLines("one\ntwo\nthree\n"), READFILE_OUT_OF_MEMORY);
-    recordsLeft = -1;
+    {
+        const vxtest::Hooked twoLeft(vxtest::hooks::zalloc, vxtest::answering<void *>(nullptr, ENOMEM, 2));
+        EXPECT_EQ(readLines("one\ntwo\nthree\n"), READFILE_OUT_OF_MEMORY);
+    }
     EXPECT_EQ(texts(), (std::vector<std::string>{"one", "two"}));
     EXPECT_EQ(log.take(), (std::vector<LogLine>{{LOG_ERR, "Zalloc failed, errno: Cannot allocate memory"}}));
 }
 
 TEST_F(ReadFileLines, ALineThatThereIsNoMemoryForIsAnEntryWithoutText) {
     vxtest::SyslogCapture log;
-    copiesFail = true;
-    const int count = readLines("one\ntwo\n");
-    copiesFail = false;
-    EXPECT_EQ(count, 2);
+    {
+        const vxtest::Hooked full(vxtest::hooks::strndup, vxtest::answering<char *>(nullptr, ENOMEM));
+        EXPECT_EQ(readLines("one\ntwo\n"), 2);
+    }
     for (const list_link *at = lines_.next; at != &lines_; at = at->next) {
         EXPECT_EQ(reinterpret_cast<const file_line *>(at)->data, nullptr);
     }

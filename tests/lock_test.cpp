@@ -17,21 +17,18 @@
 #include <new>
 #include <thread>
 
+#include "support/call_hooks.h"
 #include "support/files.h"
 #include "support/process.h"
 #include "support/resources.h"
 #include "support/syslog_capture.h"
 
-// Memory and locks of the kernel run out where a test wants it.
+VXTEST_HOOK(int, flock, (int fd, int operation), (fd, operation))
+
+// Memory runs out where a test wants it.
 namespace {
 bool outOfMemory = false;
-bool outOfLocks = false;
 }  // namespace
-extern "C" int flock(int fd, int operation) noexcept {
-    if (!outOfLocks) return static_cast<int>(::syscall(SYS_flock, fd, operation));
-    errno = ENOLCK;
-    return -1;
-}
 void *operator new(size_t size, const std::nothrow_t &) noexcept {
     if (outOfMemory) return nullptr;
     try {
@@ -305,9 +302,10 @@ TEST_F(FirewallLock, AFileThatOthersCanOpenIsClosedToThem) {
 
 TEST_F(FirewallLock, ALockThatTheKernelRefusesIsReported) {
     vxtest::SyslogCapture log;
-    outOfLocks = true;
-    EXPECT_EQ(firewall_lock(), nullptr);
-    outOfLocks = false;
+    {
+        const vxtest::Hooked full(vxtest::hooks::flock, vxtest::failingWith(ENOLCK));
+        EXPECT_EQ(firewall_lock(), nullptr);
+    }
     EXPECT_EQ(log.take(),
               (std::vector<LogLine>{{LOG_ERR, "firewall_lock: unable to acquire lock, errno=No locks available"}}));
 }

@@ -15,39 +15,21 @@
 #include <memory>
 #include <new>
 
+#include "support/call_hooks.h"
 #include "support/files.h"
 #include "support/interruptions.h"
 #include "support/process.h"
 #include "support/resources.h"
 #include "support/syslog_capture.h"
 
-// Calls of the library that no file system and no machine lets fail on demand.
+VXTEST_HOOK(int, closedir, (DIR * directory), (directory))
+VXTEST_HOOK(FILE *, fdopen, (int fd, const char *mode), (fd, mode))
+
 namespace {
-bool failClosedir = false;
-bool failFdopen = false;
+
 bool failNew = false;
 
-// The C library's own function that this program replaces.
-template <typename Function>
-Function *next(const char *name) {
-    return reinterpret_cast<Function *>(::dlsym(RTLD_NEXT, name));
-}
 }  // namespace
-
-extern "C" int closedir(DIR *directory) {
-    static auto *const real = next<int(DIR *)>("closedir");
-    const int result = real(directory);
-    if (!failClosedir) return result;
-    errno = EIO;
-    return -1;
-}
-
-extern "C" FILE *fdopen(int fd, const char *mode) noexcept {
-    static auto *const real = next<FILE *(int, const char *)>("fdopen");
-    if (!failFdopen) return real(fd, mode);
-    errno = ENOMEM;
-    return nullptr;
-}
 
 void *operator new(size_t size, const std::nothrow_t &) noexcept {
     if (failNew) return nullptr;
@@ -195,10 +177,10 @@ TEST_F(SimpleSms, SendingNeedsAFile) {
 TEST_F(SimpleSms, AFileThatCannotBecomeAStreamIsClosedAndRemoved) {
     tool(0);
     const vxtest::NoLeaks leaks;
-    failFdopen = true;
-    const int result = CSimpleSMS("1", "x").send();
-    failFdopen = false;
-    EXPECT_EQ(result, -1);
+    {
+        const vxtest::Hooked full(vxtest::hooks::fdopen, vxtest::answering<FILE *>(nullptr, ENOMEM));
+        EXPECT_EQ(CSimpleSMS("1", "x").send(), -1);
+    }
     EXPECT_TRUE(outgoing().empty());
     EXPECT_FALSE(vxtest::exists("/tmp/sent"));
 }
@@ -413,9 +395,14 @@ TEST_F(SimpleSms, IdsComeInTheDirectorysOrder) {
 TEST_F(SimpleSms, ADirectoryThatDoesNotCloseIsLogged) {
     vxtest::writeFile(spool + "one", "x");
     std::vector<std::pair<long long, std::string>> ids;
-    failClosedir = true;
-    CSimpleSMS::RetrieveIncomingIds(ids);
-    failClosedir = false;
+    {
+        const vxtest::Hooked failing(vxtest::hooks::closedir, [](DIR *directory) -> std::optional<int> {
+            vxtest::real::closedir(directory);
+            errno = EIO;
+            return -1;
+        });
+        CSimpleSMS::RetrieveIncomingIds(ids);
+    }
     EXPECT_EQ(ids.size(), 1U);
     EXPECT_THAT(log.take(), ElementsAre(LogLine{LOG_ERR, "Unable to close the directory " + spool}));
 }

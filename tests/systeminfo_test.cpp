@@ -9,24 +9,15 @@
 #include <filesystem>
 #include <memory>
 
+#include "support/call_hooks.h"
 #include "support/files.h"
 #include "support/process.h"
 #include "support/resources.h"
 #include "support/syslog_capture.h"
 
-// Memory runs out where a test wants it: for the library's zeroed records and the C library's copies of texts, which
-// come from this program instead.
-namespace {
-bool noRecords = false;
-int copiesLeft = -1;  // -1: as many as are asked for
-}  // namespace
-void *zalloc(size_t size) { return noRecords ? nullptr : std::calloc(size, 1); }
-extern "C" char *strdup(const char *text) noexcept {
-    if (copiesLeft == 0) return nullptr;
-    if (copiesLeft > 0) --copiesLeft;
-    auto *copy = static_cast<char *>(std::malloc(std::strlen(text) + 1));
-    return copy != nullptr ? std::strcpy(copy, text) : nullptr;
-}
+// The library's zeroed records and the C library's copies of texts.
+VXTEST_HOOK(void *, zalloc, (size_t size), (size))
+VXTEST_HOOK(char *, strdup, (const char *text), (text))
 
 namespace {
 
@@ -155,16 +146,17 @@ TEST_F(Systeminfo, AMissingFileGivesNoTable) {
 
 TEST_F(Systeminfo, WithoutMemoryThereIsNoTableAndNothingIsLeft) {
     vxtest::writeFile(path, "A=\"1\"\nB=\"2\"\n");
-    noRecords = true;
-    EXPECT_EQ(systeminfo_init(), nullptr);
-    noRecords = false;
-    for (const int copies : {0, 1, 2, 3}) {  // the leak checker watches
-        copiesLeft = copies;
+    {
+        const vxtest::Hooked full(vxtest::hooks::zalloc, vxtest::answering<void *>(nullptr, ENOMEM));
         EXPECT_EQ(systeminfo_init(), nullptr);
     }
-    copiesLeft = 4;
+    const auto copies = [](int left) { return vxtest::answering<char *>(nullptr, ENOMEM, left); };
+    for (const int left : {0, 1, 2, 3}) {  // the leak checker watches
+        const vxtest::Hooked full(vxtest::hooks::strdup, copies(left));
+        EXPECT_EQ(systeminfo_init(), nullptr);
+    }
+    const vxtest::Hooked full(vxtest::hooks::strdup, copies(4));
     const Table table(systeminfo_init(), &systeminfo_free);
-    copiesLeft = -1;
     ASSERT_NE(table, nullptr);
     EXPECT_EQ(table->count, 2);
 }
