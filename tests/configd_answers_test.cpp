@@ -15,7 +15,6 @@
 #include <cstring>
 #include <filesystem>
 #include <future>
-#include <memory>
 #include <optional>
 #include <thread>
 

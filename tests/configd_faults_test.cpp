@@ -6,25 +6,20 @@
 #include <fcntl.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <sys/time.h>
 #include <sys/un.h>
 #include <syslog.h>
 #include <unistd.h>
 
 #include <chrono>
-#include <csignal>
-#include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <memory>
 #include <optional>
 #include <thread>
 
 #include "support/call_hooks.h"
 #include "support/configd.h"
 #include "support/configd_client.h"
-#include "support/descriptor_limit.h"
 #include "support/files.h"
 #include "support/interruptions.h"
 #include "support/process.h"

@@ -3,23 +3,19 @@
 // configd_faults_test.cpp, answers that are late, surplus or from others are in configd_answers_test.cpp.
 #include <vxutils/configd.h>
 
+#include <fcntl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <syslog.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
 #include <csignal>
-#include <cstdlib>
 #include <cstring>
-#include <filesystem>
-#include <memory>
 #include <thread>
 
 #include "support/configd.h"
 #include "support/configd_client.h"
-#include "support/descriptor_limit.h"
 #include "support/files.h"
 #include "support/process.h"
 #include "support/resources.h"

@@ -4,7 +4,6 @@
 
 #include <fcntl.h>
 #include <pthread.h>
-#include <sys/file.h>
 #include <sys/ipc.h>
 #include <sys/mman.h>
 #include <sys/resource.h>
@@ -22,7 +21,6 @@
 #include <csignal>
 #include <cstdarg>
 #include <functional>
-#include <memory>
 #include <random>
 #include <string>
 #include <thread>

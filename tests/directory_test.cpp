@@ -5,15 +5,12 @@
 #include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
-#include <sys/sysmacros.h>
 #include <syslog.h>
 #include <unistd.h>
 #include <vxutils/file.h>
 
 #include <cerrno>
 #include <csignal>
-#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <functional>
@@ -23,7 +20,6 @@
 #include "support/directories.h"
 #include "support/files.h"
 #include "support/process.h"
-#include "support/resources.h"
 #include "support/stranger.h"
 #include "support/syslog_capture.h"
 

@@ -11,7 +11,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <chrono>
 #include <cstring>
 #include <optional>
 #include <string>
@@ -19,7 +18,6 @@
 #include "support/files.h"
 #include "support/ping.h"
 #include "support/ping_watch.h"
-#include "support/process.h"
 #include "support/resources.h"
 #include "support/syslog_capture.h"
 #include "support/wan.h"

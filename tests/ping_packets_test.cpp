@@ -7,7 +7,6 @@
 #include <linux/filter.h>
 #include <linux/if_packet.h>
 #include <net/if.h>
-#include <netinet/in.h>
 #include <poll.h>
 #include <sys/time.h>
 #include <syslog.h>
@@ -15,7 +14,6 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <cstdlib>
 #include <memory>
 #include <set>
 #include <thread>
@@ -25,7 +23,6 @@
 #include "support/files.h"
 #include "support/ping.h"
 #include "support/ping_watch.h"
-#include "support/process.h"
 #include "support/resources.h"
 #include "support/syslog_capture.h"
 #include "support/wan.h"

@@ -3,7 +3,6 @@
 // the system refuses is in ping_faults_test.cpp.
 #include <vxutils/ping.h>
 
-#include <net/if.h>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -11,7 +10,6 @@
 #include <chrono>
 #include <csignal>
 #include <memory>
-#include <set>
 #include <thread>
 
 #include "support/emulation.h"

@@ -2,7 +2,6 @@
 #include <vxutils/simplesms.h>
 
 #include <dirent.h>
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>

@@ -4,7 +4,6 @@
 #include <vxutils/systeminfo.h>
 
 #include <climits>
-#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <memory>

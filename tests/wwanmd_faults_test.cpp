@@ -7,29 +7,21 @@
 #include <poll.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <sys/syscall.h>
-#include <sys/time.h>
 #include <syslog.h>
 #include <unistd.h>
 
-#include <array>
 #include <cerrno>
 #include <chrono>
 #include <csignal>
-#include <cstdlib>
 #include <cstring>
-#include <deque>
-#include <fstream>
 #include <memory>
 #include <string>
 #include <string_view>
-#include <thread>
 #include <vector>
 
 #include "support/files.h"
 #include "support/interruptions.h"
-#include "support/process.h"
 #include "support/resources.h"
 #include "support/short_memory.h"
 #include "support/syslog_capture.h"

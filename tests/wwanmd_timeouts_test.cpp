@@ -2,33 +2,12 @@
 // The modem daemon's client and time: silent and busy modems, answers that come after their time-out.
 #include <vxutils/wwanmd.h>
 
-#include <fcntl.h>
-#include <poll.h>
-#include <sys/resource.h>
-#include <sys/socket.h>
-#include <sys/stat.h>
-#include <sys/time.h>
-#include <syslog.h>
-#include <unistd.h>
-
-#include <array>
-#include <cerrno>
 #include <chrono>
-#include <csignal>
-#include <cstdlib>
 #include <cstring>
-#include <deque>
-#include <fstream>
-#include <memory>
 #include <string>
-#include <string_view>
-#include <thread>
 #include <vector>
 
-#include "support/files.h"
-#include "support/interruptions.h"
 #include "support/process.h"
-#include "support/resources.h"
 #include "support/syslog_capture.h"
 #include "support/wwanmd.h"
 
