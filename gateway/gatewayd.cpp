@@ -140,11 +140,12 @@ void becomeUser(const std::string &name) {
     }
 }
 
-class Session {
+class Session final : public Stage {
 public:
     explicit Session(const Options &options)
         : options_(options), gateway_(ownDirectory(), options.net), control_(gateway_) {
         gateway_.echoLog = options.echoLog;
+        gateway_.stage = this;
     }
 
     int run() {
@@ -168,6 +169,7 @@ public:
         if (!options_.scenario.empty()) {
             player_.emplace(gateway_, readScenario(fs::path(options_.scenario).filename(), readText(options_.scenario)),
                             !options_.program.empty());
+            playing_ = true;
         }
         if (!options_.program.empty()) startProgram();
         while (!over_) step();
@@ -176,6 +178,25 @@ public:
         leaveRecords();
         return status_;
     }
+
+    Outcome play(const std::string &name) override {
+        if (playing_ || (player_ && player_->isOrdering())) return {false, "a scenario is being played already"};
+        const std::string path =
+            name.find('/') != std::string::npos ? name : std::string(scenarioDirectory) + "/" + name + ".scenario";
+        if (!fs::is_regular_file(path)) return {false, "no scenario " + name};
+        Scenario scenario = readScenario(name, readText(path));
+        player_.reset();
+        player_.emplace(gateway_, std::move(scenario), program_ != -1);
+        playing_ = true;
+        return {true, ""};
+    }
+
+    Outcome stopPlaying() override {
+        if (playing_) player_->stop();
+        return {true, ""};
+    }
+
+    std::string timeline() const override { return player_ ? player_->timeline() : "null"; }
 
 private:
     void holdSignals() {
@@ -237,7 +258,7 @@ private:
             busy = busy || peer->isBusy();
         }
         control_.addTo(waiting);
-        const bool watches = player_ || control_.waits();  // status files do not announce themselves
+        const bool watches = playing_ || control_.waits();  // status files do not announce themselves
         if (replay_) replay_->addTo(waiting);
         int patience_ms = watches ? 5 : busy || options_.timeout_s > 0 || killing_ ? 20 : -1;
         if (replay_) patience_ms = std::min(replay_->patience_ms(), patience_ms == -1 ? INT_MAX : patience_ms);
@@ -251,7 +272,7 @@ private:
         watchReplay();
         gateway_.giveUp();
         control_.serve();
-        play();
+        playOn();
         watchTime();
     }
 
@@ -265,7 +286,7 @@ private:
             if (pid == program_)
                 programEnded(status);
             else if (pid == panel_)
-                panelEnded();
+                panelEnded(status);
             else
                 gateway_.childEnded(pid, status);
         }
@@ -277,11 +298,11 @@ private:
         if (replay_) return replayEnded(WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status));
         const bool asked = ending_ && (status == 0 || (WIFSIGNALED(status) && WTERMSIG(status) == SIGTERM));
         if (status_ == 0 && !asked) status_ = WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
-        over_ = (!player_ && options_.panel == -1) || ending_;
+        over_ = (options_.scenario.empty() && options_.panel == -1) || ending_;
     }
 
-    void panelEnded() {
-        std::fputs("vxgateway: the panel has ended\n", stderr);
+    void panelEnded(int status) {
+        std::fprintf(stderr, "vxgateway: the panel has ended, wait status %d\n", status);
         status_ = failed;
         over_ = true;
     }
@@ -294,8 +315,12 @@ private:
         over_ = true;
     }
 
-    void play() {
-        if (!player_ || ending_ || over_) return;
+    void playOn() {
+        if (!playing_ || ending_ || over_) return;
+        if (options_.scenario.empty()) {
+            playing_ = player_->next();
+            return;
+        }
         if (player_->next() && !(program_ == -1 && !options_.program.empty() && !player_->expectsMore())) return;
         if (!player_->failure().empty()) {
             std::fprintf(stderr, "vxgateway: %s\n", player_->failure().c_str());
@@ -371,6 +396,7 @@ private:
     Descriptor signals_;
     sigset_t before_{};
     std::optional<Player> player_;
+    bool playing_ = false;
     std::optional<Replay> replay_;
     pid_t program_ = -1;
     pid_t panel_ = -1;

@@ -408,6 +408,8 @@ int run(Options options) {
 
     Arguments command{partsDirectory() + "/vxbox"};
     command.insert(command.end(), options.box.begin(), options.box.end());
+    if (fs::is_directory(scenarioDirectory()))
+        command.insert(command.end(), {"--show", scenarioDirectory(), "/gateway/scenarios"});
     command.insert(command.end(), {"--show", partsDirectory(), "/gateway/bin", "--show", libraryDirectory(),
                                    "/gateway/lib", "--", "/gateway/bin/gatewayd"});
     command.insert(command.end(), options.inside.begin(), options.inside.end());

@@ -12,6 +12,7 @@ namespace vxgateway {
 // Where the peers' logs are, and what the gateway's scripts leave.
 constexpr const char *logDirectory = "/tmp/gateway";
 constexpr const char *controlSocket = "/run/vxgateway";
+constexpr const char *scenarioDirectory = "/gateway/scenarios";
 
 struct Disk {
     const char *name;

@@ -24,6 +24,7 @@
 
 #include "gateway/core/board.h"
 #include "gateway/core/json.h"
+#include "gateway/core/scenario.h"
 
 namespace vxgateway {
 
@@ -80,6 +81,27 @@ std::string list(const std::vector<std::string> &jsons) {
     Json array = Json::array();
     for (const std::string &json : jsons) array.add(json);
     return array.done();
+}
+
+// The scenarios that come with the gateway.
+std::string catalogue(bool json) {
+    std::map<std::string, std::string> questions;
+    std::error_code error;
+    for (const auto &entry : fs::directory_iterator(scenarioDirectory, error)) {
+        const std::string name = entry.path().stem();
+        try {
+            questions[name] = readScenario(name, readText(entry.path())).question;
+        } catch (const std::exception &problems) {
+            questions[name] = problems.what();
+        }
+    }
+    std::string text;
+    Json array = Json::array();
+    for (const auto &[name, question] : questions) {
+        text.append(name).append(": ").append(question).append("\n");
+        array.add(Json::object().text("name", name).text("question", question).done());
+    }
+    return json ? array.done() + "\n" : text;
 }
 
 std::string levels(const std::map<long long, char> &known, long long count) {
@@ -344,6 +366,8 @@ std::optional<Outcome> Gateway::performHere(const Words &words) {
         return performProgram(words);
     } else if (what == "start" || what == "stop" || what == "kill") {
         return performPeer(words);
+    } else if (what == "scenario") {
+        return words[1] == "play" ? stage->play(words[2]) : stage->stopPlaying();
     } else {
         return std::nullopt;
     }
@@ -531,6 +555,7 @@ std::string Gateway::everything() const {
     object.text("devlog", deviceLog());
     object.add("program", program_ > 0 ? std::to_string(program_) : "null");
     object.add("scenario", scenario.empty() ? "null" : jsonString(scenario));
+    object.add("timeline", stage->timeline());
     return object.done();
 }
 
@@ -564,6 +589,7 @@ std::optional<std::string> Gateway::show(const Words &words, bool json, const Do
         asked->order(join(words, 1, words.size()), answer);
         return std::nullopt;
     }
+    if (what == "scenario") return words.size() == 2 ? catalogue(json) : stage->timeline() + "\n";
     if (what == "now") return secondsText(now_us()) + "\n";
     if (what == "show") return everything() + "\n";
     if (what == "devlog") {

@@ -13,6 +13,17 @@ namespace vxgateway {
 
 enum class Net { none, wan, full };
 
+// Where scenarios are played that gw asks for.
+class Stage {
+public:
+    virtual Outcome play(const std::string &name) = 0;
+    virtual Outcome stopPlaying() = 0;
+    virtual std::string timeline() const = 0;  // of the scenario that was played last; "null" without one
+
+protected:
+    ~Stage() = default;
+};
+
 class Gateway final : public World {
 public:
     Gateway(std::string programs, Net net) : programs_(std::move(programs)), net_(net) {}
@@ -46,6 +57,7 @@ public:
 
     bool replaysDaemons = false;  // the configuration and modem daemons are played by a replay
     std::string scenario;         // name of the one that is being played
+    Stage *stage = nullptr;       // set before anything is ordered
     std::string echoLog;          // prefix of the system log's lines on standard error; empty: none there
 
 private:

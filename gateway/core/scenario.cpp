@@ -2,8 +2,13 @@
 #include "gateway/core/scenario.h"
 
 #include <algorithm>
+#include <array>
+#include <cstdio>
+#include <map>
 #include <sstream>
 #include <stdexcept>
+
+#include "gateway/core/json.h"
 
 namespace vxgateway {
 
@@ -140,6 +145,15 @@ private:
     double time_ = 0;
 };
 
+// As it is written in the file.
+std::string textOf(const Step &step) {
+    std::array<char, 32> time{};
+    (void)std::snprintf(time.data(), time.size(), "%g", step.seconds);
+    const std::string words = join(step.words, 0, step.words.size());
+    if (step.kind == Step::Kind::at) return std::string("at ") + time.data() + " " + words;
+    return (step.kind == Step::Kind::when ? "when " : "expect ") + words + " within " + time.data();
+}
+
 long long microseconds(double seconds) { return static_cast<long long>(seconds * 1e6); }
 
 }  // namespace
@@ -156,7 +170,7 @@ Player::Player(Gateway &gateway, Scenario scenario, bool withProgram)
 }
 
 bool Player::next() {
-    while (!ordered_ && failure_.empty()) {
+    while (!ordered_ && failure_.empty() && !stopped_) {
         const Step *const step = present();
         if (step == nullptr) break;
         if (!withProgram_ && !step->words.empty() && step->words[0] == "program") {
@@ -183,6 +197,7 @@ bool Player::next() {
     }
     if (ordered_) return true;
     gateway_.scenario.clear();
+    over_ = true;
     return false;
 }
 
@@ -192,6 +207,35 @@ bool Player::expectsMore() const {
                        scenario_.steps.end(), [](const Step &step) {
                            return step.kind == Step::Kind::when || step.kind == Step::Kind::expect;
                        });
+}
+
+std::string Player::timeline() const {
+    struct Shown {
+        const Step *step = nullptr;
+        long long times = 0;
+        long long done = 0;
+    };
+    std::map<size_t, Shown> lines;
+    for (size_t i = 0; i < scenario_.steps.size(); ++i) {
+        const Step &step = scenario_.steps[i];
+        if (step.kind == Step::Kind::restart) continue;
+        Shown &line = lines[step.line];
+        line.step = &step;
+        ++line.times;
+        if (i < at_) ++line.done;
+    }
+    Json steps = Json::array();
+    for (const auto &[number, line] : lines) {
+        Json one = Json::object();
+        one.number("line", static_cast<long long>(number)).text("text", textOf(*line.step));
+        steps.add(one.number("times", line.times).number("done", line.done).done());
+    }
+    const size_t line = failedLine_ != 0 ? failedLine_ : present() != nullptr ? present()->line : 0;
+    Json object = Json::object();
+    object.text("name", scenario_.name).text("question", scenario_.question);
+    object.text("state", !failure_.empty() ? "failed" : !over_ ? "playing" : stopped_ ? "stopped" : "ended");
+    object.number("line", static_cast<long long>(line)).text("failure", failure_).add("steps", steps.done());
+    return object.done();
 }
 
 // True as long as there is something to wait for.
@@ -214,6 +258,7 @@ bool Player::wait(const Step &step) {
 
 void Player::fail(const Step &step, const std::string &why) {
     if (!failure_.empty()) return;
+    failedLine_ = step.line;
     failure_ =
         scenario_.name + ":" + std::to_string(step.line) + ": " + join(step.words, 0, step.words.size()) + ": " + why;
     gateway_.note({0, "scenario", failure_, {{"failure", failure_}}});

@@ -48,6 +48,13 @@ public:
     const std::string &failure() const { return failure_; }  // "" as long as everything was as expected
     bool expectsMore() const;                                // conditions are left to be waited for
 
+    // Nothing more is ordered. An order that is under way still refers to the player.
+    void stop() { stopped_ = true; }
+    bool isOrdering() const { return ordered_; }
+
+    // The scenario line by line with what was done of it, as JSON. Lines of a "repeat" are there once.
+    std::string timeline() const;
+
 private:
     const Step *present() const { return at_ < scenario_.steps.size() ? &scenario_.steps[at_] : nullptr; }
     bool wait(const Step &step);
@@ -64,6 +71,9 @@ private:
     std::optional<Condition> condition_;
     long long deadline_us_ = 0;
     std::string failure_;
+    size_t failedLine_ = 0;
+    bool stopped_ = false;
+    bool over_ = false;
 };
 
 }  // namespace vxgateway

@@ -13,7 +13,7 @@ namespace vxgateway {
 namespace {
 
 constexpr const char *shownAtFirst = "1000";  // entries of the record
-constexpr std::chrono::milliseconds lookInterval{100};
+constexpr std::chrono::milliseconds lookInterval{50};
 constexpr std::chrono::seconds signOfLife{5};  // so that a page that has gone is noticed
 
 void add(std::string &events, const char *name, std::string_view json) {

@@ -197,6 +197,8 @@ TEST(Gw, ObeysEveryOrder) {
                                           "start events",
                                           "config die 1",
                                           "program signal CONT",
+                                          "scenario play few-descriptors",
+                                          "scenario stop",
                                           "note a text",
                                           "program descriptors 50",
                                           "program memory 4096"};  // the last: sanitized programs no longer start then
@@ -315,6 +317,39 @@ TEST(Gw, WaitsForEachKindOfConditionWithoutSleeping) {
         "check 0 gw wait program running\n",
         {"--net", "none", "--path", vxtest::built("examples")});
     EXPECT_EQ(output.status, 0) << output.text;
+}
+
+TEST(Gw, PlaysAScenarioAndShowsHowFarItIs) {
+    vxtest::writeFile("/tmp/played.scenario",
+                      "question What is left?\nrepeat 2\nat 0.1 input 1 1\nend\nexpect output 2 1 within 0.1\n");
+    const auto output = inGateway(
+        "check 1 gw scenario play no-such-scenario 2>/dev/null\n"
+        "check 0 test \"$(gw scenario)\" = null\n"
+        "check 0 gw scenario play /share/tmp/played.scenario\n"
+        "check 1 gw scenario play bad-minute 2>/dev/null\n"
+        "until gw scenario | grep -q '\"state\":\"failed\"'; do :; done\n"
+        "gw scenario\n"
+        "check 0 gw scenario play bad-minute\n"
+        "check 0 gw scenario stop\n"
+        "until gw scenario | grep -q '\"state\":\"stopped\"'; do :; done\n"
+        "check 0 gw scenario stop\n"
+        "gw scenario list | sed -n 1p\n",
+        {"--net", "none", "--share", "/tmp"});
+    EXPECT_EQ(output.status, 0) << output.text;
+    EXPECT_THAT(output.text,
+                HasSubstr("\"question\":\"What is left?\",\"state\":\"failed\",\"line\":5,\"failure\":\""));
+    EXPECT_THAT(output.text, HasSubstr("{\"line\":3,\"text\":\"at 0.1 input 1 1\",\"times\":2,\"done\":2}"));
+    EXPECT_THAT(output.text, HasSubstr("bad-minute: Does the daemon"));
+}
+
+TEST(Gw, WatchBeginsWithTheNewestEntriesIfToldSo) {
+    const auto output = inGateway(
+        "gw note first; gw note second\n"
+        "gw watch last 4 >/tmp/watched & watch=$!\n"
+        "until grep -q second /tmp/watched; do :; done; gw note third\n"
+        "until grep -q third /tmp/watched; do :; done; kill $watch; cat /tmp/watched\n",
+        {"--net", "none"});
+    EXPECT_THAT(output.text, testing::StartsWith("note: first\norder: note first\nnote: second\norder: note second\n"));
 }
 
 TEST(Gw, HasEveryFormInItsManualPage) {
