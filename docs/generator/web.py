@@ -334,4 +334,6 @@ def write(library, directory):
                                                + ";\n")
     for name in ASSETS:
         shutil.copyfile(model.ROOT / "docs/generator" / name, directory / name)
+    for picture in (model.ROOT / "docs").glob("*.png"):
+        shutil.copyfile(picture, directory / picture.name)
     return len(site.pages)
