@@ -240,6 +240,7 @@ private:
         panel_ = ::fork();
         if (panel_ == -1) throw std::runtime_error(std::string("fork: ") + std::strerror(errno));
         if (panel_ != 0) return;
+        ::setsid();  // Ctrl-C ends the gateway, and the panel with it
         ::sigprocmask(SIG_SETMASK, &before_, nullptr);
         ::fcntl(options_.panel, F_SETFD, 0);
         const std::string program = ownDirectory() + "/panel";

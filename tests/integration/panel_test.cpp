@@ -6,7 +6,9 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <csignal>
+#include <cstdio>
 #include <memory>
 #include <string>
 #include <vector>
@@ -239,6 +241,33 @@ TEST(PanelEnd, ASignalEndsTheGatewayWithItsProgram) {
         EXPECT_EQ(process.wait(), 0);
         EXPECT_THAT(vxtest::readFile("/tmp/panel-kept/record.json"), HasSubstr("\"kind\":\"peer\""));
     }
+}
+
+TEST_F(Panel, TellsAnOpenPageOfEachChange) {
+    Connection page(port_);
+    page.send("GET " + path_ + "events HTTP/1.1\r\n" + own() + "\r\n");
+    const std::string start = page.receive("event: state");
+    EXPECT_THAT(start, HasSubstr("Content-Type: text/event-stream"));
+    EXPECT_THAT(page.receive("event: record"), HasSubstr("\"inputs\":[0,0,0,0]"));
+    const auto before = std::chrono::steady_clock::now();
+    EXPECT_THAT(order({"input", "3", "1"}), HasSubstr("\"status\":0"));
+    EXPECT_THAT(page.receive("\"inputs\":[0,0,1,0]"), HasSubstr("event: state"));
+    const auto taken = std::chrono::steady_clock::now() - before;
+    std::printf("an order is seen after %lld ms\n",
+                static_cast<long long>(std::chrono::duration_cast<std::chrono::milliseconds>(taken).count()));
+    order({"note", "one\xe2\x80\xa8line"});
+    EXPECT_THAT(page.receive("\"kind\":\"note\",\"text\":\"one"), HasSubstr("event: record"));
+    order({"input", "3", "0"});
+}
+
+TEST(PanelEnd, CtrlCInATerminalEndsItWithStatus0) {
+    const auto output = vxtest::run({"bash", "-c",
+                                     "set -m; " + vxtest::shellCommand("gateway/vxgateway") +
+                                         " panel --net none >/tmp/address & panel=$!\n"
+                                         "until [ -s /tmp/address ]; do sleep 0.01; done\n"
+                                         "kill -INT -- -$panel; wait $panel"});
+    EXPECT_EQ(output.status, 0) << output.text;
+    EXPECT_THAT(output.text, Not(HasSubstr("vxgateway:")));
 }
 
 TEST(PanelEnd, WrongPortsAreRefused) {
