@@ -72,8 +72,9 @@ bool Control::waits() const {
 
 void Control::serve() {
     accept();
+    for (const Shared &client : clients_) read(client);
+    // Only then, because what one client has ordered may be what another one waits for.
     for (const Shared &client : clients_) {
-        read(client);
         proceed(*client);
         send(*client);
     }
