@@ -40,7 +40,8 @@ bool toolSays(const std::string &interface, const std::string &text) {
 TEST_F(Status, IsPolymorphicAndHoldsNothing) {
     EXPECT_TRUE(std::has_virtual_destructor_v<IpInterfaceStatus>);
     EXPECT_EQ(sizeof(IpInterfaceStatus), sizeof(void *));
-    const IpInterfaceStatus copy(status);
+    IpInterfaceStatus copy(status);
+    copy = status;
     EXPECT_EQ(copy.isInterfaceAvailable("lo"), 1);
 }
 

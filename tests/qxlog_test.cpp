@@ -138,6 +138,28 @@ TEST_F(DeviceLog, TheTimeFollowsTheZone) {
     ::setenv("TZ", "UTC", 1);
 }
 
+TEST_F(DeviceLog, BytesThatAreNoCharacterAreEscapedAndCharactersStay) {
+    const std::vector<std::pair<std::string, std::string>> messages{
+        {"caf\xC3\xA9", "caf\xC3\xA9"},
+        {"\xE0\xA0\x80\xE2\x82\xAC\xF0\x90\x80\x80\xF4\x8F\xBF\xBF",
+         "\xE0\xA0\x80\xE2\x82\xAC\xF0\x90\x80\x80\xF4\x8F\xBF\xBF"},
+        {"\xC2\xA0", "\xC2\xA0"},
+        {"\xC2\x85", "\xC2\\x85"},                      // a control character
+        {"\xE0\x80\x81", "\xE0\\x80\\x81"},             // longer than necessary
+        {"\xF0\x80\x80\x81", "\xF0\\x80\\x80\\x81"},    // the same with four bytes
+        {"\xC1\x81\xF5\x82", "\xC1\\x81\xF5\\x82"},     // begin no character
+        {"\xC3(\xE2\x82(\xE2", "\xC3(\xE2\\x82(\xE2"},  // a byte is missing
+        {"\x01\x1F\x7F", "\\x01\\x1F\\x7F"},
+        {"a\\b \\x4 \\xG1 \\x1G \\x:1 \\x1/ \\x@1 \\x1` \\xg1 \\y41",
+         "a\\b \\x4 \\xG1 \\x1G \\x:1 \\x1/ \\x@1 \\x1` \\xg1 \\y41"},
+        {"\\x4a \\xfF \\x09", "\\x5Cx4a \\x5CxfF \\x5Cx09"},  // would read as an escape
+    };
+    for (const auto &[message, shown] : messages) {
+        ASSERT_EQ(qxlog(1, message.c_str()), 0);
+        EXPECT_EQ(logLines().front(), "1: 2026-11-15 08:40 " + shown);
+    }
+}
+
 TEST_F(DeviceLog, TheModeDoesNotDependOnTheMask) {
     const mode_t before = ::umask(077);
     EXPECT_EQ(append(), 0);

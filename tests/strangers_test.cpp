@@ -764,6 +764,29 @@ TEST_F(StatusTree, MarkersOfAStrangerAreNotBelieved) {
     fs::remove_all("/tmp/progress");
 }
 
+TEST_F(StatusTree, AValueWhoseSizeTheKernelDoesNotTellIsOfBoundedSize) {
+    if (::access("/proc/kallsyms", R_OK) == -1) GTEST_SKIP() << "the kernel was built without its table of symbols";
+    StatusInterface status;
+    ASSERT_TRUE(status.setup(BASEPATH_PROC, ""));
+    vxtest::SyslogCapture log;
+    String value("old");
+    EXPECT_FALSE(status.getStatus("/kallsyms", value));
+    EXPECT_EQ(value.length(), 0);
+    EXPECT_EQ(log.take(),
+              (std::vector<LogLine>{{LOG_ERR, "Status file /proc/kallsyms holds more than 1048576 bytes!"}}));
+}
+
+TEST_F(StatusTree, LinksInACircleLeadNowhere) {
+    StatusInterface status;
+    ASSERT_TRUE(status.setup(BASEPATH_STATUS, "/daemon"));
+    ASSERT_EQ(::symlink("there", "/tmp/status/daemon/here"), 0);
+    ASSERT_EQ(::symlink("here", "/tmp/status/daemon/there"), 0);
+    String value("old");
+    EXPECT_FALSE(status.getStatus("/here/state", value));
+    EXPECT_EQ(value.length(), 0);
+    EXPECT_FALSE(status.setStatus("/here/state", "up"));
+}
+
 TEST_F(StatusTree, ValuesAreOfBoundedSize) {
     constexpr off_t most = 1024 * 1024;
     StatusInterface status;

@@ -136,7 +136,7 @@ constinit vx::LateCalls<Libevent> lateLibevent;
 // bufferevent_new() takes it for granted that there is one; an event without base is given it, or has none still.
 bool haveCurrentEventBase(const Libevent &libevent) {
     const vx::MallocPtr<event> probe(static_cast<event *>(calloc(1, libevent.event_get_struct_event_size())));
-    const auto nothing = [](evutil_socket_t, short, void *) {};
+    const auto nothing = [](evutil_socket_t, short, void *) {};  // GCOVR_EXCL_LINE: never called
     if (probe == nullptr || libevent.event_assign(probe.get(), nullptr, -1, 0, nothing, nullptr) == -1) return false;
     const bool have = libevent.event_get_base(probe.get()) != nullptr;
     libevent.event_debug_unassign(probe.get());

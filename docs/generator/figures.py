@@ -101,10 +101,25 @@ def tests(recorded):
             + table(("test program", "passed", "failed"), rows, "Test cases of the development build"))
 
 
+def share(covered, total):
+    return f"{100 * covered / total:.1f} % of {total}" if total else "-"
+
+
+def coverage(recorded):
+    machine, files = recorded["machine"], recorded["files"]
+    columns = [sum(column) for column in zip(*files.values())]
+    rows = [(name, share(*counts[:2]), share(*counts[2:])) for name, counts in files.items()]
+    return (f"<p>Recorded on {recorded['date']}: {html.escape(machine['processor'])}, {machine['processors']} processors, "
+            f"Linux {html.escape(machine['kernel'])}; {recorded['tests']} test programs, {recorded['failed']} failed. "
+            f"{share(*columns[:2])} lines and {share(*columns[2:])} branches are run.</p>"
+            + table(("source", "lines", "branches"), rows, "Lines and branches that the tests run"))
+
+
 def put_in(text):
     """Replaces each marker <!-- figures: NAME --> by the figures of that recorded run."""
     def made(match):
         recorded = load(match.group(1))
-        return {"benchmarks": benchmarks, "tests": tests}[match.group(1)](recorded) if recorded else "<p>Nothing is recorded.</p>"
+        made_of = {"benchmarks": benchmarks, "coverage": coverage, "tests": tests}
+        return made_of[match.group(1)](recorded) if recorded else "<p>Nothing is recorded.</p>"
 
     return MARKER.sub(made, text)

@@ -120,6 +120,10 @@ VXUTILS_API int dropfile(const char *name);
  * A failed or short write leaves the temporary file, with what was written; a failed rename removes it. Every
  * failure is logged at DL_ERROR.
  *
+ * Nothing is forced to the medium: the call does not wait for flash. That holds for readers and for killed writers;
+ * after a power cut the file has the old content, the new one or, on a file system that does not write data before a
+ * rename, none. Who needs more opens the file after the call, calls fsync() on it and then on its directory.
+ *
  * @param path           file to replace
  * @param buf            content, @p len bytes; may be NULL when @p len is 0
  * @param len            size of the content in bytes

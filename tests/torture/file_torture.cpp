@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 #include <vxutils/file.h>
@@ -87,6 +88,35 @@ void smallJobs(Run &run) {
     ::unlink(path);
 }
 
+// A value behind links: relative, absolute, and of the kernel.
+void followLinks(Run &run) {
+    vxtest::writeFile(path, "text");
+    run.always("links", ::symlink("value", "/tmp/torture/relative") == 0 &&
+                            ::symlink("/tmp/torture/relative", "/tmp/torture/absolute") == 0);
+    char buffer[64];
+    const char *text = run([&] { return readfile_r("/tmp/torture/absolute", buffer, sizeof buffer); });
+    run.outcome("readfile_r through links", std::string(text) == "text", std::string("text").rfind(text, 0) == 0);
+
+    const int copied = run([] { return copy_file("/tmp/torture/relative", "/tmp/torture/copy"); });
+    const bool isShort = run.failed("sendfile") && run.wasShort() && copied == 0;
+    run.outcome("copy_file from a link", copied == 0 && vxtest::readFile("/tmp/torture/copy") == "text",
+                copied == -1 || isShort);
+
+    vxtest::writeFile("/tmp/torture/source", "newer");
+    const int through = run([] { return copy_file("/tmp/torture/source", "/tmp/torture/absolute"); });
+    const bool isCut = run.failed("sendfile") && run.wasShort() && through == 0;
+    run.outcome("copy_file to a link", through == 0 && vxtest::readFile(path) == "newer", through == -1 || isCut);
+
+    const int file = ::open(path, O_WRONLY | O_CLOEXEC);
+    const std::string kernels = "/proc/self/fd/" + std::to_string(file);
+    const int again = run([&] { return copy_file("/tmp/torture/source", kernels.c_str()); });
+    const bool isCutAgain = run.failed("sendfile") && run.wasShort() && again == 0;
+    run.outcome("copy_file to a link of the kernel", again == 0 && vxtest::readFile(path) == "newer",
+                again == -1 || isCutAgain);
+    ::close(file);
+    [[maybe_unused]] const int removed = std::system("rm -rf /tmp/torture/*");
+}
+
 }  // namespace
 
 int main(int argc, char **argv) {
@@ -94,5 +124,6 @@ int main(int argc, char **argv) {
                             {{"file: replace and read", replaceAndRead},
                              {"file: write directly", writeDirectly, {"/dev/shm", "/tmp/torture"}},
                              {"file: read lines", readLines},
-                             {"file: small jobs", smallJobs}});
+                             {"file: small jobs", smallJobs},
+                             {"file: follow links", followLinks}});
 }

@@ -7,6 +7,7 @@
 #include <string>
 
 #include "support/files.h"
+#include "support/stranger.h"
 #include "torture/faults.h"
 
 using torture::Run;
@@ -36,10 +37,42 @@ void writeAndRead(Run &run) {
     removeSemaphore();
 }
 
+// Most bytes of the message are escaped, in memory of their own.
+void writeLongMessage(Run &run) {
+    const std::string message(600, '\x01');
+    std::string shown;
+    for (size_t i = 0; i < message.size(); ++i) shown += "\\x01";
+    const int written = run([&] { return qxlog(2, message.c_str()); });
+    const std::string content = vxtest::readFile("/var/log/qxlog");
+    const bool whole = content.find(shown) != std::string::npos;
+    run.outcome("qxlog", written == 0 && whole, written == -1 || run.failed("malloc"));
+    run.always("the log holds no control character", content.find('\x01') == std::string::npos);
+    ::unlink("/var/log/qxlog");
+    ::unlink("/var/log/qxlog.tmp");
+    removeSemaphore();
+}
+
+// A set that another user made is replaced.
+void replaceAStrangersSemaphore(Run &run) {
+    run.always("a stranger makes the set", vxtest::asUser(vxtest::stranger, [] {
+                                               return ::semget(::ftok("/etc/fstab", 69), 1, IPC_CREAT | 0666) != -1 ? 0
+                                                                                                                    : 1;
+                                           }) == 0);
+    const int written = run([] { return qxlog(2, "text"); });
+    const bool added = vxtest::readFile("/var/log/qxlog").find("text") != std::string::npos;
+    run.outcome("qxlog", written == 0 && added, written == -1 || added);
+    ::unlink("/var/log/qxlog");
+    ::unlink("/var/log/qxlog.tmp");
+    removeSemaphore();
+}
+
 }  // namespace
 
 int main(int argc, char **argv) {
     vxtest::writeFile("/etc/fstab", "");
     if (std::freopen("/dev/null", "w", stderr) == nullptr) return 2;  // what failed is reported there, documented
-    return torture::torment(argc, argv, {{"qxlog: write and read", writeAndRead, {"/var/log"}}});
+    return torture::torment(argc, argv,
+                            {{"qxlog: write and read", writeAndRead, {"/var/log"}},
+                             {"qxlog: long message", writeLongMessage, {"/var/log"}},
+                             {"qxlog: semaphore of a stranger", replaceAStrangersSemaphore, {"/var/log"}}});
 }

@@ -64,11 +64,34 @@ void status(Run &run) {
     [[maybe_unused]] const int removed = std::system("rm -rf /tmp/status/torture");
 }
 
+// Values below a link, and names with dots and several slashes.
+void detours(Run &run) {
+    vxtest::makeDirs("/tmp/status/torture/real/below");
+    run.always("link", ::symlink("real", "/tmp/status/torture/link") == 0 &&
+                           ::symlink("../real/./value", "/tmp/status/torture/real/other") == 0);
+    StatusInterface status;
+    if (run([&] { return status.setup(BASEPATH_STATUS, String("/torture")); })) {
+        const String value("text");
+        const bool set = run([&] { return status.setStatus(String("/link//below/../value"), value); });
+        run.outcome("setStatus", set && vxtest::readFile("/tmp/status/torture/real/value") == "text", !set);
+        String read;
+        const bool got = run([&] { return status.getStatus(String("/./link/other"), read); });
+        run.outcome("getStatus", set ? got && read == value : !got || read != value, !got || read.length() < 4);
+        const bool ended = run([&] { return status.setLink(String("/link/other"), String("")); });
+        run.outcome("setLink to nothing", ended && !vxtest::exists("/tmp/status/torture/real/other"),
+                    !ended || vxtest::exists("/tmp/status/torture/real/other") || !set);
+        run([&] { status.cleanup(); });
+    }
+    [[maybe_unused]] const int removed = std::system("rm -rf /tmp/status/torture");
+}
+
 }  // namespace
 
 int main(int argc, char **argv) {
     vxtest::makeDirs("/tmp/status");
     // String aborts a process that has no memory for a text: documented. "new" and "malloc" are mostly its calls.
     return torture::torment(
-        argc, argv, {{"statusinterface: status", status, {"/tmp/status"}, {"malloc", "realloc", "operator new"}}});
+        argc, argv,
+        {{"statusinterface: status", status, {"/tmp/status"}, {"malloc", "realloc", "operator new"}},
+         {"statusinterface: detours", detours, {"/tmp/status"}, {"malloc", "realloc", "operator new"}}});
 }

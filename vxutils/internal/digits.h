@@ -17,7 +17,7 @@ constexpr bool isDigit(char c) { return c >= '0' && c <= '9'; }
 
 // Makes every two-digit number of a base, one after the other.
 template <size_t base>
-constexpr std::array<char, 2 * base * base> makeDigitPairs(const char *digits) {
+consteval std::array<char, 2 * base * base> makeDigitPairs(const char *digits) {
     std::array<char, 2 * base * base> pairs{};
     for (size_t i = 0; i < base * base; ++i) {
         pairs[2 * i] = digits[i / base];
@@ -32,7 +32,7 @@ inline constexpr auto upperHexPairs = makeDigitPairs<16>("0123456789ABCDEF");
 
 // Powers of ten that the type holds; entry 0 is 0, so that the value 0 has one digit.
 template <typename Value>
-constexpr auto makePowersOfTen() {
+consteval auto makePowersOfTen() {
     std::array<Value, std::numeric_limits<Value>::digits10 + 1> powers{};
     Value power = 1;
     for (size_t i = 1; i < powers.size(); ++i) powers[i] = power = static_cast<Value>(power * 10);

@@ -44,12 +44,4 @@ inline Fd openTrusted(const char *path, int flags, mode_t mode, struct stat &sta
     return Fd();
 }
 
-// Opens such a file that, besides, only its owner may write (EPERM otherwise).
-inline Fd openSafe(const char *path, int flags, mode_t mode, struct stat &status) noexcept {
-    Fd fd = openTrusted(path, flags, mode, status);
-    if (!fd.valid() || onlyOwnerMayWrite(status)) return fd;
-    errno = EPERM;
-    return Fd();
-}
-
 }  // namespace vx
