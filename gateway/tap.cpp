@@ -491,14 +491,21 @@ void countLook(int fd) {
 // When the packet just received arrived, by the kernel's stamp; -1 when it has none.
 long long arrival_us(msghdr &message, const timespec &sent) {
     for (cmsghdr *part = CMSG_FIRSTHDR(&message); part != nullptr; part = CMSG_NXTHDR(&message, part)) {
-        int64_t stamp[2];
-        if (part->cmsg_level != SOL_SOCKET ||
-            (part->cmsg_type != SO_TIMESTAMPNS_OLD && part->cmsg_type != SO_TIMESTAMPNS_NEW) ||
-            part->cmsg_len < CMSG_LEN(sizeof stamp)) {
+        const bool stamps = part->cmsg_type == SO_TIMESTAMPNS_OLD || part->cmsg_type == SO_TIMESTAMPNS_NEW;
+        if (part->cmsg_level != SOL_SOCKET || !stamps) continue;
+        // The older option has 32-bit times on 32-bit machines.
+        int64_t wide[2] = {};
+        int32_t narrow[2] = {};
+        if (part->cmsg_len >= CMSG_LEN(sizeof wide)) {
+            std::memcpy(wide, CMSG_DATA(part), sizeof wide);
+        } else if (part->cmsg_len >= CMSG_LEN(sizeof narrow)) {
+            std::memcpy(narrow, CMSG_DATA(part), sizeof narrow);
+            wide[0] = narrow[0];
+            wide[1] = narrow[1];
+        } else {
             continue;
         }
-        std::memcpy(stamp, CMSG_DATA(part), sizeof stamp);
-        return (stamp[0] - sent.tv_sec) * 1000000 + (stamp[1] - sent.tv_nsec) / 1000;
+        return (wide[0] - sent.tv_sec) * 1000000 + (wide[1] - sent.tv_nsec) / 1000;
     }
     return -1;
 }

@@ -269,6 +269,17 @@ TEST(Replay, AnswersAWholeDaemon) {
     EXPECT_THAT(same.text, HasSubstr("alarm input raised\n"));
 }
 
+// The same daemon, built for 32-bit Arm and recorded under user-mode emulation.
+TEST(Replay, AnswersWhatWasRecordedOnAnotherProcessor) {
+    if (vxtest::emulated()) GTEST_SKIP() << "a gateway is made of the machine's own programs";
+    const auto same = vxtest::run({vxtest::built("gateway/vxgateway"), "replay", "--ignore",
+                                   R"(write "/tmp/status/wan/round-trip-ms" *)",
+                                   VXTEST_SOURCE_DIR "/tests/integration/recordings/arm-wan_supervisor.vxr",
+                                   vxtest::built("examples/wan_supervisor")});
+    EXPECT_EQ(same.status, 0) << same.text;
+    EXPECT_THAT(same.text, HasSubstr("alarm input raised\n"));
+}
+
 TEST(Replay, RefusesWhatIsNotARecording) {
     if (vxtest::emulated()) GTEST_SKIP() << "a gateway is made of the machine's own programs";
     vxtest::writeFile(file, "");
