@@ -392,12 +392,15 @@ const char *unixPath(const sockaddr *address, socklen_t length) {
 }
 
 int modemCard(const sockaddr *address, socklen_t length) {
-    int card = -1;
-    char rest = '\0';
+    constexpr const char *beginning = "/var/run/wwanmd";
     Path path = "";
     const char *const given = unixPath(address, length);
     std::snprintf(path, sizeof path, "%.*s", static_cast<int>(sizeof(sockaddr_un::sun_path)), given);
-    return std::sscanf(path, "/var/run/wwanmd%d/serve%c", &card, &rest) == 2 && rest == 'r' ? card : -1;
+    const size_t digits = std::strlen(beginning);
+    if (std::strncmp(path, beginning, digits) != 0) return -1;
+    char *end = nullptr;
+    const long card = std::strtol(path + digits, &end, 10);
+    return end != path + digits && std::strcmp(end, "/server") == 0 ? static_cast<int>(card) : -1;
 }
 
 bool isPath(const sockaddr *address, socklen_t length, const char *path) {
@@ -1391,6 +1394,7 @@ WRAP int renameat(int oldDirectory, const char *from, int newDirectory, const ch
     return renameAt(oldDirectory, from, newDirectory, to, [&] { return real(oldDirectory, from, newDirectory, to); });
 }
 
+// NOLINTBEGIN(bugprone-macro-parentheses): these are types and parameter lists
 #define WRAP_TEMPORARY(name, function, parameters, arguments, types) \
     extern "C" int function parameters NAMED(name);                  \
     int function parameters {                                        \
@@ -1413,6 +1417,7 @@ WRAP_TEMPORARY("mkostemp64", tapMkostemp64, (char *path, int flags), (path, flag
     }
 WRAP_SCANDIR("scandir", tapScandir, dirent)
 WRAP_SCANDIR("scandir64", tapScandir64, dirent64)
+// NOLINTEND(bugprone-macro-parentheses)
 
 WRAP int socket(int family, int type, int protocol) noexcept {
     int fd = realSocket(family, type, protocol);
@@ -1507,6 +1512,8 @@ static int control(unsigned long request, void *argument, Call call) {
 WRAP_IOCTL("ioctl", tapIoctl)
 WRAP_IOCTL("__ioctl_time64", tapIoctlTime64)
 
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-nonliteral"
 WRAP void vsyslog(int priority, const char *format, va_list arguments) {
     REAL("vsyslog", void (*)(int, const char *, va_list));
     noteLog(priority, format, arguments);
@@ -1527,6 +1534,7 @@ WRAP void __syslog_chk(int priority, int, const char *format, ...) {
     vsyslog(priority, format, arguments);
     va_end(arguments);
 }
+#pragma GCC diagnostic pop
 
 WRAP int system(const char *command) {
     REAL("system", int (*)(const char *));

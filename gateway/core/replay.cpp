@@ -12,6 +12,7 @@
 #include <cctype>
 #include <cerrno>
 #include <csignal>
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <set>
@@ -25,7 +26,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr long long patience_us = 10 * 1000000;  // with a program that does not do what it did
+constexpr long long patience_us = 10000000;  // with a program that does not do what it did
 constexpr const char *debugPriority = "7";
 
 // Of an effect, the number of arguments that the program gave; 0 for all.
@@ -94,12 +95,13 @@ Descriptor listenAt(const std::string &path, int type) {
     return fd;
 }
 
+// Of the channel "modem0.1" it is 0; -1 for that of another daemon.
 int cardOf(const std::string &channel) {
-    int card = 0;
-    return std::sscanf(channel.c_str(), "modem%d.", &card) == 1 ? card : -1;
+    constexpr std::string_view beginning = "modem";
+    if (channel.compare(0, beginning.size(), beginning) != 0) return -1;
+    return static_cast<int>(std::strtol(channel.c_str() + beginning.size(), nullptr, 10));
 }
 
-// What the program does after this signal is the end of the recording.
 int signalNumber(const std::string &name) {
     for (int number = 1; number < NSIG; ++number) {
         const char *const known = ::sigabbrev_np(number);
