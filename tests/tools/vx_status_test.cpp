@@ -8,9 +8,12 @@
 #include <unistd.h>
 #include <vxutils/statusinterface.h>
 
+#include <chrono>
 #include <csignal>
 #include <filesystem>
+#include <fstream>
 #include <string>
+#include <thread>
 
 #include "support/files.h"
 #include "support/vx.h"
@@ -294,6 +297,24 @@ TEST_F(VxStatus, WatchPrintsTheFirstValueAndEachChange) {
     writeFile(tree + "/wan/link", "two\nlines");
     EXPECT_EQ(watch.readLine(), "two\\0012lines");
     watch.signal(SIGINT);
+    EXPECT_EQ(watch.wait(), 0);
+}
+
+// Shown with a writer that is slower between the two steps than setStatus() ever is.
+TEST_F(VxStatus, WatchDoesNotTellOfAFileThatIsBeingWritten) {
+    writeFile(tree + "/state", "up");
+    Process watch(vxCommand({"status", "watch", "state"}));
+    EXPECT_EQ(watch.readLine(), "up");
+    vxtest::waitForWatch(watch);
+    std::ofstream writer(tree + "/state", std::ios::trunc);
+    fs::permissions(tree + "/state", fs::perms::owner_all);  // a change that makes the watcher look
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    writer << "down" << std::flush;
+    writer.close();
+    EXPECT_EQ(watch.readLine(), "down");
+    writeFile(tree + "/state", "");
+    EXPECT_EQ(watch.readLine(), "");
+    watch.signal(SIGTERM);
     EXPECT_EQ(watch.wait(), 0);
 }
 

@@ -8,10 +8,13 @@
 #include <vxutils/statusinterface.h>
 
 #include <algorithm>
+#include <chrono>
 #include <csignal>
 #include <map>
 #include <memory>
 #include <set>
+#include <thread>
+#include <utility>
 
 #include "commands/commands.h"
 #include "core/failure.h"
@@ -217,6 +220,7 @@ public:
                     if (isTarget(name)) look(name);
                 }
             }
+            lookAtEmptied();
         }
     }
 
@@ -267,8 +271,15 @@ private:
         }
     }
 
+    // setStatus() empties a file before it writes the value; who looks in between must not tell of an empty one.
+    void lookAtEmptied() {
+        if (emptied_.empty()) return;
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        for (const std::string &name : std::exchange(emptied_, {})) look(name, true);
+    }
+
     // Tells of a file whose value is another than the last that was told.
-    void look(const std::string &name) {
+    void look(const std::string &name, bool again = false) {
         const std::string path = pathOf(tree_, name);
         std::optional<std::string> value;
         try {
@@ -280,6 +291,10 @@ private:
         }
         const auto known = values_.find(name);
         if (known == values_.end() ? !value : value == known->second) return;
+        if (known != values_.end() && value == "" && !again) {
+            emptied_.insert(name);
+            return;
+        }
         if (value) {
             values_[name] = *value;
         } else {
@@ -293,6 +308,7 @@ private:
     DirectoryWatch watch_;
     std::vector<std::string> targets_;
     std::map<std::string, std::string> values_;  // those that were told last
+    std::set<std::string> emptied_;              // looked at again before an empty value is told
     Plain form_ = Plain::pair;
 };
 
