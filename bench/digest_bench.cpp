@@ -124,7 +124,7 @@ void hmacOpenssl(benchmark::State &state) {
 BENCHMARK(hmacOpenssl)->Name("HmacSha1_256/openssl");
 
 // A key is set once, then short messages are authenticated one after the other. The fields of HmacContext are the two pads,
-// which the inner context takes anew with each message: five blocks for a message of one. Nettle keeps the states after
+// which the inner context processes again for each message: five blocks for a message of one. Nettle keeps the states after
 // the pads: three blocks. Where it sets the key each time, it works as HmacContext does.
 
 template <typename Context>

@@ -1098,7 +1098,7 @@ WRAP void closefrom(int low) noexcept { close_range(static_cast<unsigned int>(lo
 WRAP int dup2(int from, int to) noexcept {
     REAL("dup2", int (*)(int, int));
     if (active() && from != to) forget(to);
-    if (to != -1 && to == channel) channel = -1;  // the next line connects anew
+    if (to != -1 && to == channel) channel = -1;  // the next line connects again
     return real(from, to);
 }
 

@@ -251,7 +251,7 @@ bool obey(const std::string &order, Line &line) {
     } else if (word == "restore") {
         ip("-n wan-gateway link set gw0 up");
         waitForLink();
-        ip("neigh flush dev wan0 nud all");  // what was asked in vain is asked anew, not after the next time-out
+        ip("neigh flush dev wan0 nud all");  // failed look-ups are repeated at once, not after a time-out
     } else if (word == "lose" || word == "carry") {
         line.lose(word == "lose" ? 100 : 0);
     } else if (word == "loss") {

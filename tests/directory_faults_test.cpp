@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Directories where the system refuses a step, or something else changes them meanwhile.
+// Directories where the system refuses a step, or another process changes them during the call.
 #include <vxutils/file.h>
 
 #include <dirent.h>

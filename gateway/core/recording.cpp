@@ -111,7 +111,7 @@ std::string readArgument(Scanner &scanner, std::string_view kind) {
     return word;
 }
 
-// The last kind may stand for any number of arguments: "bytes*".
+// The last kind may end in "*": any number of arguments of it.
 std::string_view kindOf(const RecordedForm &form, size_t argument) {
     const std::string_view kind = form.arguments[std::min(argument, form.arguments.size() - 1)];
     return kind.substr(0, kind.find('*'));

@@ -113,7 +113,7 @@ public:
      * Write a status file, mode 0644 less the umask when it is new. The file is emptied and written in place: a program
      * that reads it at that moment may find it empty. What a stranger may have put in its place is refused, as the
      * functions of file.h do that write a file in place. A FIFO that has a reader takes the value as a message, if
-     * there is room; a reader that leaves meanwhile makes the call fail (EPIPE) and raises no SIGPIPE.
+     * there is room; a reader that leaves before that makes the call fail (EPIPE) and raises no SIGPIPE.
      * @param name file name.
      * @param value contents, with NULs if there are any; no newline is added.
      * @return true when the file was opened and took every byte.
