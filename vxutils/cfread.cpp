@@ -88,7 +88,7 @@ bool inPool(const Index *index, const cfread_entry *entry) {
     return false;
 }
 
-// Returns null when there is no memory.
+// Returns null when memory is out.
 char *takeFromPool(Index &index, size_t size) {
     size = (size + alignof(cfread_entry) - 1) / alignof(cfread_entry) * alignof(cfread_entry);
     if (index.pool == nullptr || index.pool->size - index.poolUsed < size) {
@@ -128,7 +128,7 @@ int integerValue(std::string_view value) {
     return number >= saturated ? -1 : static_cast<int>(number);
 }
 
-// Makes an entry and its texts, side by side; they must be short, as those of a file are. Null when there is no memory.
+// Makes an entry and its texts, side by side; they must be short, as those of a file are. Null when memory is out.
 cfread_entry *pooledEntry(Index &index, std::string_view key, std::string_view value) {
     char *memory = takeFromPool(index, sizeof(cfread_entry) + key.size() + 1 + value.size() + 1);
     if (memory == nullptr) return nullptr;
@@ -167,7 +167,7 @@ void renewCells(cfread_table &table, Index &index) {
     }
 }
 
-// Returns the table's private part, with room for one entry more; null when there is no memory for it.
+// Returns the table's private part, with room for one entry more; null when memory is out.
 Index *privatePart(cfread_table &table) {
     if (table.index == nullptr) {
         table.index = static_cast<Index *>(zalloc(sizeof(Index)));
@@ -475,7 +475,7 @@ private:
         return enter(opened, std::move(path));
     }
 
-    // Returns the path of an included file, null when a part of it is too long or there is no memory.
+    // Returns the path of an included file, null when a part of it is too long or memory is out.
     vx::MallocText pathOf(const char *name) const {
         const size_t length = std::strlen(name);
         if (*name == '/') return vx::MallocText(length > pathMax ? nullptr : ::strdup(name));

@@ -133,7 +133,7 @@ bool arrivalNote(msghdr &message, timespec &note) {
 }
 
 // Tells when the packet just received came in, on `clock`. A note that would lie before the sending or in the future
-// (the wall clock was set meanwhile) is not believed.
+// (the wall clock was set during the wait) is not believed.
 timespec arrivalTime(msghdr &message, clockid_t clock, const timespec &sent) {
     const timespec present = now(clock);
     timespec note{};

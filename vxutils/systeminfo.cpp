@@ -29,7 +29,7 @@ char *unquote(char *value) {
     return value;
 }
 
-// Returns false when there is no room or no memory for another pair.
+// Returns false when the list is full or memory for another pair is out.
 bool addPair(systeminfo_table &table, const char *name, const char *value) {
     if (static_cast<size_t>(table.count) == std::size(table.vars)) return false;
     systeminfo_var &var = table.vars[table.count];

@@ -47,7 +47,7 @@ static_assert(capacityFor(128) == 191 && capacityFor(192) == 255 && capacityFor(
 
 constexpr size_t blockSize(int32_t capacity) { return headerSize + static_cast<size_t>(capacity) + 1; }
 
-// Ends the process when there is no memory for a text: here, not later at a null pointer.
+// Ends the process when memory for a text is out: here, not later at a null pointer.
 void require(bool possible) {
     if (!possible) std::abort();
 }

@@ -24,7 +24,7 @@ int main(void) {
     const struct timespec pause = {0, 10 * 1000 * 1000};
     int shown = -1;
     signal(SIGTERM, stop);
-    signal(SIGHUP, SIG_IGN); /* there is no configuration to read again */
+    signal(SIGHUP, SIG_IGN); /* reload: it has no configuration */
     mkdir("/tmp/status/alarmd", 0755);
     while (!stopped) {
         unsigned char on = 0;

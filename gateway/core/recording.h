@@ -33,7 +33,7 @@ struct RecordedLine {
 };
 
 // The kinds of the arguments: "bytes" in quotes, "number", "name" without blanks, "result" ("ok" or the name of an errno
-// value); a last one with a "*" stands for any number of them.
+// value); if the last ends in "*", there may be any number of it.
 struct RecordedForm {
     std::string_view word;
     std::vector<std::string_view> arguments;

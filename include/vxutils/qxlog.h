@@ -74,7 +74,7 @@ VXUTILS_API int qxlog_clear(void);
  * Read the log.
  *
  * @param buf  receives the log, newest entry first, cut after @p size - 2 characters (if need be within a line; the
- *             result does not tell), the rest of its @p size bytes zero; the empty text when there is no log
+ *             result does not tell), the rest of its @p size bytes zero; empty without a log
  * @param size size of @p buf in bytes, more than 256
  * @return 0; -1 for a NULL or too small @p buf and when the semaphore fails (reported)
  */
