@@ -1,8 +1,10 @@
 // SPDX-License-Identifier: MIT
 // vx: the facilities of the library from the shell.
+#include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <new>
+#include <system_error>
 
 #include "commands/commands.h"
 #include "complete.h"
@@ -109,7 +111,19 @@ int run(int argc, char **argv) {
     } catch (const std::bad_alloc &) {
         call.out.note("out of memory");
         return statusFailed;
+    } catch (const std::system_error &error) {
+        call.out.note(std::string("no thread can be started: ") + error.code().message());
+        return statusFailed;
     }
+}
+
+// A write beyond the limit of file sizes fails with EFBIG, which is told, and does not end the tool. Not ignored: that would
+// hold in the programs that the tool runs, too.
+void failWhereFilesAreFull() {
+    struct sigaction action {};
+    action.sa_handler = [](int) {};
+    action.sa_flags = SA_RESTART;
+    ::sigaction(SIGXFSZ, &action, nullptr);
 }
 
 }  // namespace
@@ -119,5 +133,6 @@ int run(int argc, char **argv) {
 int main(int argc, char **argv) {
     // Asked for by the completions of the shells.
     if (argc > 1 && std::strcmp(argv[1], "__complete") == 0) return tool::complete({argv + 2, argv + argc});
+    tool::failWhereFilesAreFull();
     return tool::run(argc, argv);
 }

@@ -51,6 +51,11 @@ struct Pipe {
     std::vector<char *> argv;
     for (const std::string &word : command) argv.push_back(const_cast<char *>(word.c_str()));
     argv.push_back(nullptr);
+    ::alarm(setting.alarm_s);
+    for (const auto &[resource, most] : setting.limits) {
+        const rlimit limit{most, most};
+        if (::setrlimit(static_cast<__rlimit_resource>(resource), &limit) != 0) ::_exit(126);
+    }
     ::execvp(argv[0], argv.data());
     ::_exit(127);
 }

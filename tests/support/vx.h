@@ -2,6 +2,7 @@
 // The command-line tool as a test runs it.
 #pragma once
 
+#include <sys/resource.h>
 #include <sys/types.h>
 
 #include <string>
@@ -25,6 +26,8 @@ struct VxSetting {
     uid_t user = 0;
     std::string directory = {};
     std::vector<std::pair<std::string, std::string>> environment = {};
+    std::vector<std::pair<int, rlim_t>> limits = {};  // of the system, by RLIMIT_ numbers
+    unsigned alarm_s = 0;                             // SIGALRM ends it after so many seconds; 0: never
 };
 
 // Runs vx to its end. Words may hold any bytes but NUL.
