@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -85,67 +86,15 @@ TEST(Recorder, WritesDownRequestsAndAnswersWithoutPasswords) {
     EXPECT_THAT(vxtest::readFile(file), Not(HasSubstr("hunter")));
 }
 
-// Does a little of everything, with processes and threads of its own.
-constexpr const char *busyProgram = R"(
-#include <errno.h>
-#include <fcntl.h>
-#include <pthread.h>
-#include <stdio.h>
-#include <stdlib.h>
-#include <string.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
-#include <syslog.h>
-#include <unistd.h>
-static void put(const char *path, const void *bytes, size_t size) {
-    int fd = open(path, O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    if (write(fd, bytes, size) < 0) exit(9);
-    close(fd);
-}
-static void *work(void *path) { put(path, "thread", 6); return NULL; }
-int main(int argc, char **argv) {
-    char name[] = "/tmp/status/busy/value_XXXXXX", bytes[256], text[64] = "";
-    pthread_t threads[2];
-    int i, fd, status;
-    mkdir("/tmp/status/busy", 0755);
-    for (i = 0; i < 256; i++) bytes[i] = (char)i;
-    put("/tmp/status/busy/binary", bytes, sizeof bytes);
-    put("/tmp/status/busy/empty", "", 0);
-    put("/tmp/status/busy/password", "verysecret", 10);
-    put("/tmp/status/busy/note", "it is verysecret, you know", 26);
-    pthread_create(&threads[0], NULL, work, "/tmp/status/busy/one");
-    pthread_create(&threads[1], NULL, work, "/tmp/status/busy/two");
-    for (i = 0; i < 2; i++) pthread_join(threads[i], NULL);
-    if (fork() == 0) { put("/tmp/status/busy/child", "child", 5); _exit(0); }
-    wait(&status);
-    fd = mkstemp(name);
-    if (write(fd, "whole", 5) != 5) exit(9);
-    close(fd);
-    rename(name, "/tmp/status/busy/value");
-    FILE *stream = fopen("/tmp/status/busy/stream", "w");
-    fputs("streamed", stream);
-    fclose(stream);
-    stream = fopen("/tmp/status/busy/given", "r");
-    if (stream == NULL || fgets(text, sizeof text, stream) == NULL) strcpy(text, "nothing");
-    if (stream != NULL) fclose(stream);
-    printf("%s\n", text);
-    if (access("/tmp/status/busy/none", R_OK) == -1 && errno == ENOENT) puts("none");
-    syslog(LOG_ERR, "busy %d with %s: %m", (int)getpid(), argv[argc - 1]);
-    return system("exit 3") == 0 ? 1 : 4;
-})";
-
-std::string busy() {
-    vxtest::writeFile("/tmp/busy.c", busyProgram);
-    const auto compiled = vxtest::run({"cc", "-pthread", "-o", "/tmp/busy", "/tmp/busy.c"});
-    EXPECT_EQ(compiled.status, 0) << compiled.text;
+// Does a little of everything; its status directory and a file to read are made first.
+std::vector<std::string> busy(const std::vector<std::string> &arguments = {}) {
     vxtest::makeDirs("/tmp/status/busy");
     vxtest::writeFile("/tmp/status/busy/given", "as given");
-    return "/tmp/busy";
+    return command("tests/busy", arguments);
 }
 
 TEST(Recorder, WritesDownFilesProcessesThreadsAndLog) {
-    if (vxtest::emulated()) GTEST_SKIP() << "compiles a program for the machine itself";
-    const auto output = record({busy(), "--password", "verysecret"});
+    const auto output = record(busy({"--password", "verysecret"}));
     EXPECT_EQ(output.status, 4) << output.text;
     EXPECT_THAT(output.text, HasSubstr("as given\nnone\n"));
     const auto lines = recorded();
@@ -167,30 +116,20 @@ TEST(Recorder, WritesDownFilesProcessesThreadsAndLog) {
 }
 
 TEST(Recorder, HidesValuesOfKeysThatItIsToldTo) {
-    if (vxtest::emulated()) GTEST_SKIP() << "compiles a program for the machine itself";
-    EXPECT_EQ(record({busy()}, {"--mask", "given", "--mask", "STREAM"}).status, 4);
+    EXPECT_EQ(record(busy(), {"--mask", "given", "--mask", "STREAM"}).status, 4);
     EXPECT_THAT(vxtest::readFile(file), Not(HasSubstr("as given")));
     EXPECT_THAT(vxtest::readFile(file), Not(HasSubstr("streamed")));
 }
 
 TEST(Recorder, KeepsWhatWasToldBeforeTheProgramDied) {
-    if (!vxtest::emulated()) {
-        vxtest::writeFile("/tmp/dies.c",
-                          "#include <signal.h>\n#include <sys/stat.h>\n"
-                          "int main(void) { mkdir(\"/tmp/status\", 0755); raise(SIGKILL); return 0; }\n");
-        ASSERT_EQ(vxtest::run({"cc", "-o", "/tmp/dies", "/tmp/dies.c"}).status, 0);
-        EXPECT_EQ(record({"/tmp/dies"}).status, 137);
-        EXPECT_THAT(recorded(), testing::Contains(testing::StartsWith(R"(1 make directory "/tmp/status")")));
-        EXPECT_THAT(recorded(), testing::Contains("1 exit 137"));
-    }
+    EXPECT_EQ(record(busy({"--die"})).status, 137);
+    EXPECT_THAT(recorded(), testing::Contains(testing::StartsWith(R"(1 make directory "/tmp/status/busy")")));
+    EXPECT_THAT(recorded(), testing::Contains("1 exit 137"));
     EXPECT_EQ(record({"/nowhere/program"}).status, 127);
 }
 
 TEST(Recorder, SaysWhenItHeardNothing) {
-    if (vxtest::emulated()) GTEST_SKIP() << "compiles a program for the machine itself";
-    vxtest::writeFile("/tmp/static.c", "int main(void) { return 0; }\n");
-    ASSERT_EQ(vxtest::run({"cc", "-static", "-o", "/tmp/static", "/tmp/static.c"}).status, 0);
-    EXPECT_THAT(record({"/tmp/static"}).text, HasSubstr("could not be listened to: linked statically"));
+    EXPECT_THAT(record(command("tests/silent", {})).text, HasSubstr("could not be listened to: linked statically"));
 }
 
 TEST(Mask, KnowsKeysByTheirParts) {
@@ -229,20 +168,17 @@ TEST(Replay, FindsTheFirstDifference) {
 
 TEST(Replay, AnswersFilesProcessesAndThreads) {
     if (vxtest::emulated()) GTEST_SKIP() << "a gateway is made of the machine's own programs";
-    const std::string program = busy();
-    ASSERT_EQ(record({program, "x"}).status, 4);
-    const auto same = replay({program, "x"});
+    ASSERT_EQ(record(busy({"x"})).status, 4);
+    const auto same = replay(busy({"x"}));
     EXPECT_EQ(same.status, 0) << same.text;
     EXPECT_THAT(same.text, HasSubstr("as given\nnone\n"));  // no such file is in the gateway
-    std::string changed = busyProgram;
-    changed.replace(changed.find("\"child\", 5"), 10, "\"CHILD\", 5");
-    vxtest::writeFile("/tmp/busy.c", changed);
-    ASSERT_EQ(vxtest::run({"cc", "-pthread", "-o", "/tmp/busy", "/tmp/busy.c"}).status, 0);
-    const auto other = replay({program, "x"});
+    ::setenv("BUSY_CHILD", "CHILD", 1);
+    const auto other = replay(busy({"x"}));
+    ::unsetenv("BUSY_CHILD");
     EXPECT_EQ(other.status, 1);
     EXPECT_THAT(other.text, HasSubstr(R"(expected: 1/1 write "/tmp/status/busy/child" "child" ok)"));
     EXPECT_THAT(other.text, HasSubstr(R"(got:      1/1 write "/tmp/status/busy/child" "CHILD" ok)"));
-    EXPECT_EQ(replay({program, "y"}).status, 1);
+    EXPECT_EQ(replay(busy({"y"})).status, 1);
 }
 
 // The daemon of the examples, with pings, modem, events, inputs and threads, recorded in a gateway.

@@ -72,14 +72,13 @@ void expectNoneDies(int resource, const std::vector<rlim_t> &limits, VxSetting s
         for (const auto &words : commands) {
             writeFile("/tmp/limits.conf", "a.key=1\n");
             const VxResult result = vx(words, setting);
-            EXPECT_LT(result.status, 128) << "vx" << joined(words) << " under a limit of " << limit << ": " << result.err;
+            EXPECT_LT(result.status, 128)
+                << "vx" << joined(words) << " under a limit of " << limit << ": " << result.err;
         }
     }
 }
 
-TEST(VxLimits, fewDescriptorsFailNoCommandByASignal) {
-    expectNoneDies(RLIMIT_NOFILE, {3, 4, 5, 6, 7, 8, 10, 12});
-}
+TEST(VxLimits, fewDescriptorsFailNoCommandByASignal) { expectNoneDies(RLIMIT_NOFILE, {3, 4, 5, 6, 7, 8, 10, 12}); }
 
 TEST(VxLimits, fullFilesFailNoCommandByASignal) { expectNoneDies(RLIMIT_FSIZE, {0, 1, 512}); }
 
@@ -99,7 +98,8 @@ TEST(VxLimits, commandsOfAUserWithoutProcessesFailByThemselves) {
 }
 
 TEST(VxLimits, littleMemoryFailsNoCommandByASignal) {
-    if (sanitized || vxtest::emulated()) GTEST_SKIP() << "sanitizers and emulators need more memory than this themselves";
+    if (sanitized || vxtest::emulated())
+        GTEST_SKIP() << "sanitizers and emulators need more memory than this themselves";
     // From what the loader needs at least to what is enough for all.
     std::vector<rlim_t> limits;
     for (rlim_t mebibytes = 5; mebibytes <= 24; ++mebibytes) limits.push_back(mebibytes << 20);
