@@ -93,12 +93,12 @@ TEST_F(WwanmdTimeouts, TheSeventeenthBusyCommandInARowReconnects) {
     modem.tell("busy 21");
     modem.tell("raw");
     for (int i = 1; i <= 16; ++i) {
-        Message message("scan");
+        Message message("scan", 60);  // a machine that stands still for 5 s does not count
         EXPECT_EQ(command(handle, message), -1);
         EXPECT_EQ(handle->busy_count, i);
     }
     EXPECT_EQ(modem.happened(), std::vector<std::string>(16, "command scan"));
-    Message message("scan");
+    Message message("scan", 60);
     EXPECT_EQ(command(handle, message), -1);
     EXPECT_EQ(handle->busy_count, 0);
     EXPECT_NE(handle->fd, -1);

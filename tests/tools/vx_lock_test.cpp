@@ -169,8 +169,9 @@ TEST(VxRun, PassesTheStatusThroughOrEndsTheCommand) {
     EXPECT_EQ(vx({"run", "--timeout", "20", "--", "sh", "-c", "exit 5"}).status, 5);
     EXPECT_EQ(vx({"run", "--timeout", "0.2", "--", "sleep", "60"}).status, 124);
     // What the command started ends too.
-    const auto result = vx({"run", "--timeout", "0.3", "--", "sh", "-c", "sleep 61 & echo $!; wait"});
+    const auto result = vx({"run", "--timeout", "2", "--", "sh", "-c", "sleep 61 & echo $!; wait"});
     EXPECT_EQ(result.status, 124);
+    ASSERT_NE(result.out, "");
     EXPECT_TRUE(vxtest::eventually([&] { return ::kill(std::stoi(result.out), 0) != 0; }));
     EXPECT_EQ(vx({"run", "--", "no-such-program"}).status, 127);
     EXPECT_EQ(vx({"run", "true"}).status, 2);
