@@ -135,7 +135,9 @@ TEST(VxDoctor, IsContentWithAGatewayThatHasEverything) {
     EXPECT_EQ(events.readLine(), "ready");
     writeFile("/etc/default/system-info", "A=1\n");
     if (!vxtest::exists("/etc/fstab")) writeFile("/etc/fstab", "");
-    if (!vxtest::exists("/usr/lib/libvxutils.so.1.0.0")) writeFile("/usr/lib/libvxutils.so.1.0.0", "");
+    const std::string library = "/usr/lib/libvxutils.so.1.0.0";
+    const bool installed = vxtest::exists(library);  // vx itself needs it then
+    if (!installed) writeFile(library, "");
     for (const char *script : {"/usr/local/sbin/system-reboot", "/usr/local/sbin/system-poweroff"}) {
         writeFile(script, "#!/bin/sh\n");
         ::chmod(script, 0755);
@@ -155,9 +157,10 @@ TEST(VxDoctor, IsContentWithAGatewayThatHasEverything) {
              {"/nvstatus", "missing status reading --nv: /nvstatus: "},
              {"/tmp/status/event-manager/throw", "missing event FIFO: /tmp/status/event-manager/throw: "},
              {"/etc/fstab", "missing log key file: /etc/fstab: "},
-             {"/usr/lib/libvxutils.so.1.0.0", "missing lock library file: /usr/lib/libvxutils.so.1.0.0: "},
+             {library, "missing lock library file: /usr/lib/libvxutils.so.1.0.0: "},
              {"/usr/local/sbin/system-reboot", "missing reboot script: /usr/local/sbin/system-reboot: "},
              {"/usr/local/sbin/system-poweroff", "missing poweroff script: /usr/local/sbin/system-poweroff: "}}) {
+        if (path == library && installed) continue;
         fs::rename(path, path + ".away");
         const auto without = vx({"doctor"});
         fs::rename(path + ".away", path);
