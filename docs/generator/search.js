@@ -17,10 +17,11 @@ function stem(word) {
 }
 
 function weightOf(entry, word, alone) {
-    const [title, kind, , summary, text] = entry;
+    const [title, kind, address, summary, text] = entry;
     const name = title.toLowerCase();
     if (name === word || name === word + "()") return alone ? 120 : 40;
     if (name.split("::").pop() === word) return alone ? 100 : 38;
+    if (address === word + ".html") return alone ? 60 : 30;  // pages are known by their files' names, too
     const titleWords = wordsOf(title);
     if (titleWords.includes(word)) return 25;
     if (name.startsWith(word)) return 22;
