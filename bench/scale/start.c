@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: MIT */
 /*
  * What many daemons at once cost:
- *     start COUNT NAME PROGRAM   starts PROGRAM so many times and waits until each has written a byte to descriptor 3
+ *     start COUNT NAME PROGRAM   starts PROGRAM COUNT times and waits until each has written a byte to descriptor 3
  * Prints one line: name, milliseconds until the last one was ready, KiB of memory that are no longer available, KiB of it
  * for each daemon. Then it ends them all.
  */

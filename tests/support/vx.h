@@ -27,7 +27,7 @@ struct VxSetting {
     std::string directory = {};
     std::vector<std::pair<std::string, std::string>> environment = {};
     std::vector<std::pair<int, rlim_t>> limits = {};  // of the system, by RLIMIT_ numbers
-    unsigned alarm_s = 0;                             // SIGALRM ends it after so many seconds; 0: never
+    unsigned alarm_s = 0;                             // SIGALRM ends it after this time; 0: never
 };
 
 // Runs vx to its end. Words may hold any bytes but NUL.

@@ -27,7 +27,7 @@ constexpr bool sanitized = false;
 #endif
 
 constexpr unsigned hangsAfter_s = 30;
-constexpr uid_t nobody = 65534;
+constexpr uid_t ordinaryUser = 65534;
 
 // One command for each family that the tool uses; none of them needs a peer.
 const std::vector<std::vector<std::string>> commands = {
@@ -96,7 +96,7 @@ TEST(VxLimits, commandsOfAUserWithoutProcessesFailByThemselves) {
     if (vxtest::emulated()) GTEST_SKIP() << "the emulator starts threads of its own";
     if (!vxtest::hasOtherUsers()) GTEST_SKIP() << "the box of an ordinary user has no other users";
     VxSetting setting;
-    setting.user = nobody;
+    setting.user = ordinaryUser;
     expectNoneDies(RLIMIT_NPROC, {0}, setting);
 }
 
