@@ -88,9 +88,10 @@ vx::Fd openEventFifo() {
 }
 
 bool put(int fifo, const vxevent_record &record) {
-    const auto deadline = Clock::now() + longestWait;
+    Clock::time_point deadline;  // from the first refusal on: most events need no look at the clock
     while (::write(fifo, &record, sizeof record) != static_cast<ssize_t>(sizeof record)) {
         if (errno != EAGAIN) return false;
+        if (deadline == Clock::time_point()) deadline = Clock::now() + longestWait;
         const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
         if (left.count() <= 0) return false;
         pollfd room{fifo, POLLOUT, 0};
