@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
-// One round of the event loop: callbacks that remove, add, change and reuse what the round still has to serve, and loops
-// within callbacks.
+// One round of the event loop: callbacks that remove, add or change sinks and timers whose events are still pending,
+// reuse their descriptors' numbers, or run the loop again.
 #include <vxutils/eventsource.h>
 
 #include <fcntl.h>
@@ -10,6 +10,7 @@
 #include <sys/timerfd.h>
 #include <syslog.h>
 #include <unistd.h>
+#include <vxutils/messagequeue.h>
 
 #include <array>
 #include <chrono>
@@ -136,8 +137,9 @@ TEST_F(Eventsource, ACallbackMayRunTheLoopAgain) {
     EXPECT_EQ(outer.reads, 1);
 }
 
-// What an inner loop serves while the outer one has the same events left over. The first wait of all reports the
-// starter and then the others, the second one, in the inner loop, the others alone; later ones are the kernel's.
+// A callback of `starter` runs the loop again while the outer round still has events pending. report() names the
+// descriptors that each wait reports: the first list is the outer loop's round, the second the inner loop's first one.
+// Waits beyond the lists ask the kernel.
 class InnerLoop : public Eventsource {
 protected:
     InnerLoop() {
@@ -164,7 +166,7 @@ protected:
     size_t round = 0;
 };
 
-// By the time the outer loop gets there the number may belong to another file.
+// By the time the outer loop serves its pending event, the number may belong to another file.
 TEST_F(InnerLoop, AnUnknownDescriptorItClosesIsNotReportedAgain) {
     const int unknown = ::eventfd(1, EFD_CLOEXEC);
     epoll_event event{};
@@ -204,7 +206,7 @@ TEST_F(InnerLoop, EventsItServesAreNotServedAgainByTheOuterLoop) {
     EXPECT_EQ(served, std::vector<size_t>{2});
 }
 
-// A timer's second serving would find nothing to read, and say so in the log.
+// Serving a timer a second time would find nothing to read and log that.
 TEST_F(InnerLoop, TimersItServesAreNotReadAgain) {
     Timer timer(1, false);
     source->addTimer(&timer);
@@ -290,7 +292,7 @@ TEST_F(InnerLoop, EventsTheInnermostLoopServesAreDroppedFromEveryEnclosingBatch)
     EXPECT_EQ(sink.reads, 1);
 }
 
-// The command is not read by whom it reaches: it ends every loop, and drops the rest of every batch.
+// The byte of terminate() stays in the pipe, so it ends every nested loop and drops the rest of every batch.
 TEST_F(InnerLoop, TerminatingItTerminatesTheOuterLoop) {
     int command = -1;
     for (const int fd : descriptorsOn("pipe:")) {
@@ -574,6 +576,35 @@ TEST_F(Eventsource, ATimerThatTookARemovedTimersNumberDoesNotFireEarly) {
     source->removeTimer(&successor);
 }
 
+// Deletes its queue when a message arrives.
+class LastMessage : public IMQEventsink {
+public:
+    void onMessage(CMessageQueue *called, const CQMsg &message) override {
+        EXPECT_EQ(called, queue.get());
+        queue.reset();
+        code = message.code;  // the message outlives its queue
+        source->terminate();
+    }
+    void onQueueError(CMessageQueue *) override { ADD_FAILURE(); }
+
+    CEPollEventsource *source = nullptr;
+    std::unique_ptr<CMessageQueue> queue;
+    int code = 0;
+};
+
+TEST_F(Eventsource, AMessageQueueMayBeDestroyedByItsOwnMessage) {
+    init();
+    LastMessage consumer;
+    consumer.source = source.get();
+    consumer.queue = std::make_unique<CMessageQueue>(&consumer, source.get());
+    ASSERT_EQ(consumer.queue->init(), 0);
+    ASSERT_EQ(consumer.queue->send(CQMsg(42)), 0);
+    ASSERT_EQ(consumer.queue->send(CQMsg(43)), 0);
+    runUntilTerminated();
+    EXPECT_EQ(consumer.queue, nullptr);
+    EXPECT_EQ(consumer.code, 42);
+}
+
 TEST_F(Eventsource, CallbacksMayRemoveAnySinkAndTimer) {
     init();
     constexpr size_t count = 40;
@@ -638,9 +669,9 @@ TEST_F(Eventsource, AnUnknownDescriptorIsClosedAndStopsTheLoop) {
     EXPECT_EQ(::fcntl(fd, F_GETFD), -1);
 }
 
-// A sink's file can outlive its descriptor in a duplicate; its events go on under a number that belongs to another
-// file.
-TEST_F(Eventsource, AnUnknownDescriptorWhoseNumberIsInOtherHandsIsLeftOpen) {
+// A duplicate keeps a sink's file open after its descriptor was closed. Its events still carry the old number, which
+// belongs to another file by then.
+TEST_F(Eventsource, AnUnknownDescriptorWhoseNumberBelongsToAnotherFileStaysOpen) {
     init();
     Sink sink;
     const int number = sink.getFd();

@@ -309,7 +309,7 @@ TEST_F(Eventsource, ASinkMayHaveSeveralTimersAndTheLowestDescriptorIsRemovedFirs
         EXPECT_EQ(timerDescriptors(), left);
     }
     EXPECT_FALSE(source->activeTimer(&timer));
-    source->removeTimer(&timer);  // none left: nothing
+    source->removeTimer(&timer);  // no effect: none is left
 }
 
 TEST_F(Eventsource, ALowerNumberAddedLaterIsRemovedFirst) {
@@ -330,7 +330,7 @@ TEST_F(Eventsource, ALowerNumberAddedLaterIsRemovedFirst) {
     source->removeTimer(&other);
 }
 
-// A one-shot sink that was added twice: what its firing removes is its lowest descriptor, whichever fired.
+// Of a one-shot sink's two timers the second one fires, and the first one is removed.
 TEST_F(Eventsource, AOneShotSinkWithTwoTimersLosesTheLowestWhenItFires) {
     init();
     Timer timer(100000, true);
@@ -348,7 +348,7 @@ TEST_F(Eventsource, AOneShotSinkWithTwoTimersLosesTheLowestWhenItFires) {
     source->removeTimer(&timer);
 }
 
-// A derived loop that watches its own timers go.
+// A derived loop that counts the timers that are removed.
 class CountingLoop : public CEPollEventsource {
 public:
     void removeTimer(ITimeoutEventsink *sink) override {
@@ -371,7 +371,7 @@ TEST_F(Eventsource, AOneShotTimerIsRemovedThroughTheVirtualCall) {
     EXPECT_EQ(loop.removals, 1);
 }
 
-TEST_F(Eventsource, AThousandTimersAllFire) {
+TEST_F(Eventsource, EightHundredTimersAllFire) {
     init();
     std::vector<std::unique_ptr<Timer>> timers;
     size_t fired = 0;

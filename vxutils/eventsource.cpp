@@ -21,13 +21,14 @@ namespace {
 constexpr char terminateByte = 'x';
 constexpr int staleEvent = -1;
 
-// Descriptors below this number are found without a search: an event costs 89 instructions on the board, however many
-// descriptors there are, where the maps alone cost 150 with two and 290 with 900. The table grows with need.
+// Descriptors below this number have a slot in a table. An event then costs 89 instructions on the board, however many
+// descriptors are registered; with the maps alone it costs 150 with two descriptors and 290 with 900. The table grows
+// as needed, in steps.
 constexpr size_t shortcutLimit = 4096;
 constexpr size_t shortcutStep = 64;
 
-// A descriptor's number is all that an event carries: that, and not a pointer, can be checked after a callback has
-// removed the object that it belongs to.
+// An event carries the descriptor's number, not a pointer to its sink: a callback may have deleted the sink before the
+// event's turn comes, and a number can be looked up then.
 epoll_event eventFor(int fd, uint32_t events) {
     epoll_event event{};
     event.events = events;
@@ -50,16 +51,15 @@ ITimeoutEventsink::~ITimeoutEventsink() = default;
 IFDEventsource::~IFDEventsource() = default;
 ITimeoutEventsource::~ITimeoutEventsource() = default;
 
-// What makes the lookups fast, and the events being served. It is allocated separately, because programs in the field
-// derive from the class and lay it out in their own objects: its size may not change.
+// The state that does not fit into the class. Shipped programs derive from the class, so its size cannot change.
 struct CEPollEventsource::Tables {
     std::vector<Watched> byNumber;  // the same content as both maps for low descriptors, by number
     Batch *batch = nullptr;         // the events being served, null outside evtLoop()
 };
 
-// The pending events of one wake-up. Callbacks that remove a sink or a timer drop its events, since the number may
-// belong to another file by the time its turn comes. A callback may run the loop again: batches nest, and the events
-// that an inner loop has served are dropped from the enclosing batches, which would serve them a second time.
+// The pending events of one wake-up. When a callback removes a sink or a timer, its pending events are dropped: by the
+// time of their turn the number may belong to another file. A callback may run the loop again, so batches nest. What an
+// inner loop serves is dropped from the enclosing batches, which would otherwise serve it a second time.
 struct CEPollEventsource::Batch {
     explicit Batch(Tables &tables) : owner(tables), outer(tables.batch) { owner.batch = this; }
     ~Batch() { owner.batch = outer; }
@@ -136,8 +136,8 @@ void CEPollEventsource::removeSink(IFDEventsink *sink) {
     const int fd = sink->getFd();
     const auto found = sinks_.find(fd);
     if (found == sinks_.end()) return;
-    // A sink that was closed before it is removed has left the epoll set, and a timer may have got its number
-    // meanwhile.
+    // A descriptor that was closed too early has left the epoll set, and a new timer may have got its number. Removing
+    // the number from the epoll set would then stop that timer.
     const bool takenOver = timers_.contains(fd);
     if (!takenOver && epollRemoveEvent(fd) == -1) {
         vx::log(DL_ERROR, "Unable to remove fd %i (sink 0x%p) from epoll-events", fd, static_cast<void *>(sink));
@@ -162,9 +162,9 @@ void CEPollEventsource::modifyEventMask(IFDEventsink *sink, event_type type) {
 IFDEventsource::event_type CEPollEventsource::getEventMask(IFDEventsink *) { return ET_NONE; }
 
 void CEPollEventsource::terminate() {
-    const vx::ErrnoKeeper keeper;  // a signal handler must not change what the interrupted code is about to look at
+    const vx::ErrnoKeeper keeper;  // called from a signal handler: the interrupted code may be about to read errno
     if (::write(commandWriteFd_, &terminateByte, 1) == 1) return;
-    if (errno == EAGAIN) return;  // a pipe full of requests: this one is in there already
+    if (errno == EAGAIN) return;  // the pipe is full of earlier requests, and one is enough
     vx::log(DL_ERROR, "unable to write to command-pipe (fd=%i) - errno=%s", commandWriteFd_, std::strerror(errno));
 }
 
@@ -176,7 +176,7 @@ void CEPollEventsource::addTimer(ITimeoutEventsink *sink) {
                 std::strerror(errno));
         return;
     }
-    // The program has closed a timer's descriptor that it does not own.
+    // The program has closed a descriptor of the loop, and the new timer got the number of the old one.
     if (const auto stale = timers_.find(fd.get()); stale != timers_.end()) {
         vx::log(DL_ERR, "sink 0x%p - timerfd %i is already in the map !?", static_cast<void *>(sink), fd.get());
         forgetTimer(stale);
@@ -211,17 +211,13 @@ bool CEPollEventsource::activeTimer(ITimeoutEventsink *sink) { return lowestTime
 
 int CEPollEventsource::evtLoop() {
     if (terminated_) return 0;
-    if (commandReadFd_ == -1) return -1;  // a loop without its command pipe could not be ended
+    if (commandReadFd_ == -1) return -1;  // terminate() could not end it
     std::vector<epoll_event> events(1);
-    size_t room = events.size();
-    const Batch batch(tables());  // takes what onEpollWakeup() serves
+    const Batch batch(tables());  // onEpollWakeup() fills it
     while (!terminated_) {
         const size_t wanted = sinks_.size() + timers_.size();
-        if (room < wanted) {
-            events.resize(wanted);
-            room = wanted;
-        }
-        const int count = ::epoll_wait(epollFd_, events.data(), static_cast<int>(room), -1);
+        if (events.size() < wanted) events.resize(wanted);
+        const int count = ::epoll_wait(epollFd_, events.data(), static_cast<int>(events.size()), -1);
         if (count > 0) {
             onEpollWakeup(events.data(), count);
         } else if (count == 0) {
@@ -312,15 +308,16 @@ void CEPollEventsource::onEpollTimeout(int fd, ITimeoutEventsink *sink) {
     sink->onTimeout(static_cast<unsigned int>(expirations));
 }
 
-// The byte stays in the pipe: a terminated source finds it again whenever it is asked to wait.
+// Leaves the byte in the pipe: a terminated source never waits again. The result is not used; it belongs to the
+// recorded interface.
 int CEPollEventsource::onCommand() {
     terminated_ = true;
     return 1;
 }
 
-// Drops an event of a descriptor that is not registered. It may come from a file that was registered under this number,
-// closed, and kept open by a duplicate; then the number may belong to another file by now. Only what the epoll set
-// knows by this number is closed.
+// Closes a descriptor that is in the epoll set but not registered, and ends the loop. The event may also come from a
+// file whose descriptor was closed while a duplicate kept it open; its number may belong to another file by now. The
+// kernel then refuses to remove the number from the epoll set, and the other file is not closed.
 // Quirk Q63.
 void CEPollEventsource::onUnknownDescriptor(int fd) {
     vx::log(DL_ERR, "Unable to find corresponding event-sink for active file descriptor %i - terminating!", fd);
@@ -376,9 +373,8 @@ void CEPollEventsource::forgetTimer(TimerMap::iterator timer) {
     timers_.erase(timer);
 }
 
-// Looks at one descriptor after the other: three instructions each. An index by sink would have to be kept in step, and
-// with fewer than 120 descriptors that costs more than it saves (380 of 1180 instructions of addTimer() and
-// removeTimer() on the board).
+// Searches all slots, at three instructions each. An index by sink would cost 380 of the 1180 instructions that
+// addTimer() and removeTimer() take on the board, which is more than it saves with fewer than 120 descriptors.
 // Quirk Q65.
 int CEPollEventsource::lowestTimerOf(const ITimeoutEventsink *sink) const {
     const std::vector<Watched> &low = tables().byNumber;

@@ -17,7 +17,7 @@ namespace {
 
 constexpr char wakeUp = 'x';
 
-// If any call fails the mutex stays zero-initialised, i.e. a plain non-recursive one.
+// If any call fails, the mutex stays zero-initialised, i.e. a plain non-recursive one.
 void initRecursive(pthread_mutex_t &mutex) {
     pthread_mutexattr_t attributes{};
     pthread_mutexattr_init(&attributes);
@@ -26,9 +26,10 @@ void initRecursive(pthread_mutex_t &mutex) {
     pthread_mutexattr_destroy(&attributes);
 }
 
-// Messages that were sent while the pipe was full have no byte in it. Their number is kept in an extra entry at the
-// front of the queue, because programs in the field derive from the class and its size may not change. There is no such
-// entry while the number is 0; its payload tells it from a message.
+// Each message has a wake-up byte in the pipe, except those that were sent while the pipe was full. The number of these
+// unsignalled messages is the `code` of an extra entry at the front of the deque, whose `data` is the address of this
+// mark; there is no such entry while the number is 0. Shipped programs derive from the class, so it cannot have another
+// member for the number.
 char unsignalledMark;
 
 bool anyUnsignalled(const std::deque<CQMsg> &messages) {
@@ -45,14 +46,14 @@ void addUnsignalled(std::deque<CQMsg> &messages) {
     }
 }
 
-// Returns false when every message has its byte.
+// Counts one unsignalled message less; false if there is none.
 bool takeUnsignalled(std::deque<CQMsg> &messages) {
     if (!anyUnsignalled(messages)) return false;
     if (--messages.front().code == 0) messages.pop_front();
     return true;
 }
 
-// Returns false when there is none.
+// Returns false if the queue is empty.
 bool takeOldest(std::deque<CQMsg> &messages, CQMsg &oldest) {
     const size_t at = anyUnsignalled(messages) ? 1 : 0;
     if (messages.size() <= at) return false;
@@ -78,7 +79,8 @@ CMessageQueue::~CMessageQueue() {
     pthread_mutex_destroy(&mutex_);
 }
 
-// Both ends are non-blocking. A sender that waited for room would hold the lock that the loop needs to make room.
+// Both ends are non-blocking: a sender that waited for room in the pipe would do so under the lock, which the loop
+// needs to make room.
 int CMessageQueue::init() {
     int ends[2];
     if (::pipe2(ends, O_CLOEXEC | O_NONBLOCK) == -1) {
@@ -91,9 +93,9 @@ int CMessageQueue::init() {
     return 0;
 }
 
-// A message and its wake-up byte become visible together, under the lock. When the pipe is full the message is queued
-// without a byte, and so is every later one until the loop has made up for them. When memory runs out after the byte
-// was written, or its absence noted, the loop wakes once for nothing.
+// A message and its wake-up byte become visible together, under the lock. When the pipe is full, the message is queued
+// as an unsignalled one, and so is every later message until none of these is left. If memory runs out at the end,
+// after the byte was written or the message counted, the loop is woken once without a message.
 int CMessageQueue::send(const CQMsg &message) {
     const std::lock_guard<CMessageQueue> guard(*this);
     bool signalled = false;
@@ -114,9 +116,8 @@ void CMessageQueue::onReadable() {
     if (takeMessage(message)) consumer_->onMessage(this, message);
 }
 
-// A message without a byte leaves the pipe as it is: full, so that the loop calls again. The bytes are read when they
-// are as many as the messages. So the pipe is never empty while a message waits, and no write can fail that the loop
-// depends on.
+// As long as there are unsignalled messages, no byte is read: the pipe stays full and the loop calls again. After that
+// there are as many bytes as messages. So the pipe is never empty while a message waits.
 bool CMessageQueue::takeMessage(CQMsg &message) {
     std::unique_lock<CMessageQueue> guard(*this);
     char byte = 0;

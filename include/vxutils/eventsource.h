@@ -30,33 +30,37 @@
  * printf("%d\n", result);  // prints 0
  * @endcode
  *
- * **Hang-ups.** A sink is called for what it asked for. A peer that only hangs up (EPOLLHUP or EPOLLERR without EPOLLIN
- * or EPOLLOUT) calls no function, and the loop spins at full load until the sink is removed. A stream socket whose peer
- * has closed is readable, so a sink with ET_READ learns of it by a read() of 0 bytes. A pipe or FIFO is not: when its
- * data has been read and its last writer has closed, it reports EPOLLHUP alone. So do sinks with ET_NONE or ET_WRITE.
- * Open a FIFO for reading and writing, so that it never hangs up; for a pipe to a child, let the child write a last
- * message, or watch the process by other means, and remove the sink.
+ * **Hang-ups.** A sink is called only for what it asked for. A hang-up or an error alone (EPOLLHUP or EPOLLERR, without
+ * EPOLLIN or EPOLLOUT) calls no function. The kernel reports it again at once, so the loop runs at full load until the
+ * sink is removed. What that means for each kind of descriptor:
+ * - A stream socket whose peer has closed is also readable. A sink with ET_READ is called, and read() returns 0.
+ * - A pipe or FIFO whose last writer has closed is not readable once its data has been read: it reports the hang-up
+ *   alone. Open a FIFO for reading and writing, so that it never hangs up. For a pipe from a child process, let the
+ *   child write a last message, or learn of its end by other means, and remove the sink.
+ * - A sink with ET_NONE is not called for any hang-up, whatever its descriptor is.
  *
- * **Several timers of one sink.** Timers are known by their sink. removeTimer(), and the removal of a one-shot timer
- * when it fires, take the sink's timer with the lowest descriptor, which may be another one than the one that fired.
+ * **Several timers of one sink.** The source finds a timer by its sink alone. removeTimer(), and the removal of a
+ * one-shot timer when it fires, end the sink's timer with the lowest descriptor, which need not be the one that fired.
  * Use one sink for each timer.
  *
- * **Ownership.** The source stores plain pointers. Sinks belong to the caller, must live until they are removed or
- * until the source will not run any more, and are neither told nor touched when the source is destroyed. Descriptors of
- * sinks are never closed by removeSink().
+ * **Ownership.** The source stores plain pointers. Sinks belong to the caller and must live until they are removed or
+ * until the source does not run any more. The source's destructor does not call or read them. removeSink() leaves the
+ * sink's descriptor open; the caller closes it, after removeSink().
  *
  * **Threads, signals, fork.** Everything except CEPollEventsource::terminate() belongs to the one thread that runs the
  * loop; nothing is locked. To hand something to that thread use CMessageQueue (messagequeue.h). terminate() only writes
- * one byte to a pipe and keeps `errno`, so a signal handler may call it. A forked child shares the epoll set with its
- * parent: leave the child's copy alone, or make a new source in the child.
+ * one byte to a pipe and keeps `errno`, so a signal handler may call it. After fork() the child shares the epoll set
+ * and the pipe with its parent, and what it registers or removes changes the parent's loop: the child must not use its
+ * copy, and makes a new source if it needs one.
  *
  * **Blocking.** evtLoop() waits until something happens, without limit. Nothing else blocks. Callbacks must not block:
  * they hold up all other sinks and timers.
  *
- * **Errors.** Failures are written to the system log and never thrown; only std::bad_alloc can come out of the
- * functions that register something, and what callbacks throw comes out of evtLoop(). evtLoop() returns -1 only when
- * waiting fails with EAGAIN, or without a command pipe; after other errors it waits again, so a loop whose epoll set
- * cannot be used spins.
+ * **Errors.** A call that the kernel refuses is logged, not reported to the caller: only init() and evtLoop() have a
+ * result. addSink(), addTimer(), the constructor and evtLoop() throw std::bad_alloc when memory is short. What a
+ * callback throws comes out of evtLoop(), which may be called again. evtLoop() returns -1 in two cases: epoll_wait()
+ * failed with EAGAIN, or there is no command pipe. After any other error it waits again, so a loop whose epoll set
+ * cannot be used runs at full load.
  *
  * **Limits.** As many descriptors as the process may open. Periods are 0 to 2147483647 ms.
  *
@@ -78,22 +82,26 @@
 struct epoll_event;
 
 /**
- * Receives the events of one file descriptor. Implemented by users of the loop. All calls come from the loop's thread.
+ * Receives the events of one file descriptor. Users of the loop implement it. All calls come from the loop's thread.
  */
 class VXUTILS_API IFDEventsink {
 public:
     /**
-     * Handle a readable descriptor: it can be read, or its peer has gone and reading shows that. Called again on the
-     * next round as long as this stays true. May add and remove any sink and timer, itself included.
+     * Handle a readable descriptor: it has data, or its peer has closed and read() returns 0. Called on every round of
+     * the loop until the data has been read. May add and remove any sink and timer, this sink included.
      */
     virtual void onReadable() = 0;
 
-    /** Handle a descriptor that can be written and is not readable at the same time. Otherwise as onReadable(). */
+    /**
+     * Handle a writable descriptor. Not called while the descriptor is also readable and the sink wants both. Called on
+     * every round while there is room: use ET_WRITE only while there is something to write. May do what onReadable()
+     * may.
+     */
     virtual void onWritable() = 0;
 
     /**
-     * Tell the descriptor to watch. Registrations are found by this number: it must be the same from addSink() to
-     * removeSink().
+     * Tell the descriptor to watch. The source finds the registration by this number, so it must not change between
+     * addSink() and removeSink().
      * @return the descriptor
      */
     virtual int getFd() const = 0;
@@ -101,22 +109,22 @@ public:
     virtual ~IFDEventsink();
 };
 
-/** Receives the expirations of its timers. Implemented by users of the loop. All calls come from the loop's thread. */
+/** Receives the expirations of its timers. Users of the loop implement it. All calls come from the loop's thread. */
 class VXUTILS_API ITimeoutEventsink {
 public:
     /**
      * Handle an expiration.
-     * @param expirations how many periods have passed since the last call: more than 1 when callbacks were late. The
-     *        count's low 32 bits.
+     * @param expirations  how many periods have passed since the last call, modulo 2^32; more than 1 when the loop was
+     *        late. Always 1 for a one-shot timer.
      *
-     * A one-shot timer has already been removed: the sink may be added again here.
+     * A one-shot timer has already been removed when this is called, so the function may add it again.
      */
     virtual void onTimeout(unsigned int expirations) = 0;
 
     /**
-     * Tell the milliseconds from addTimer() to the first call and, unless one-shot, from each call to the next. Asked
-     * once per addTimer(). 0 makes a timer that never fires, a negative value one that is refused.
-     * @return milliseconds
+     * Tell the period: the time from addTimer() to the first call and, unless one-shot, from one expiration to the
+     * next. Asked once per addTimer().
+     * @return milliseconds; 0 makes a timer that never fires, and the kernel refuses a negative period
      */
     virtual int getTimeoutMs() = 0;
 
@@ -129,7 +137,7 @@ public:
     virtual ~ITimeoutEventsink();
 };
 
-/** What watches descriptors. */
+/** Watches descriptors. A class that needs a loop takes this interface, so that a test can pass another source. */
 class VXUTILS_API IFDEventsource {
 public:
     /** What a sink wants to be called for. */
@@ -142,7 +150,7 @@ public:
 
     /**
      * Register @p sink under its descriptor.
-     * @param sink  not NULL
+     * @param sink  not NULL; must live until it is removed
      * @param type  what the sink is called for
      */
     virtual void addSink(IFDEventsink *sink, event_type type) = 0;
@@ -161,9 +169,9 @@ public:
     virtual void modifyEventMask(IFDEventsink *sink, event_type type) = 0;
 
     /**
-     * Tell the events of a sink, where a source keeps them; CEPollEventsource does not.
+     * Tell what a sink is called for, if the source supports it. CEPollEventsource does not: it returns ET_NONE.
      * @param sink  not NULL
-     * @return ET_NONE
+     * @return the events, or ET_NONE
      */
     virtual event_type getEventMask(IFDEventsink *sink) = 0;
 
@@ -173,12 +181,12 @@ public:
     virtual ~IFDEventsource();
 };
 
-/** What runs timers. */
+/** Runs timers. */
 class VXUTILS_API ITimeoutEventsource {
 public:
     /**
      * Start a timer for @p sink.
-     * @param sink  not NULL
+     * @param sink  not NULL; must live until its timer is removed or, if one-shot, has fired
      */
     virtual void addTimer(ITimeoutEventsink *sink) = 0;
 
@@ -199,7 +207,8 @@ public:
 };
 
 /**
- * The event loop on Linux's epoll and timerfd. Life: constructed, init(), evtLoop(), terminated for good.
+ * The event loop on Linux's epoll and timerfd. Construct it, call init(), register sinks and timers, call evtLoop(). A
+ * source that was terminated stays terminated: evtLoop() then returns 0 at once.
  *
  * No pointer given to its functions may be null.
  */
@@ -209,7 +218,7 @@ public:
     CEPollEventsource();
 
     /**
-     * Close what init() opened. Timers that still run are forgotten, their descriptors stay open: remove them first.
+     * Close what init() opened. The descriptors of timers that still run stay open for good: remove the timers first.
      * Do not call it from a callback of this source.
      */
     ~CEPollEventsource() override;
@@ -218,30 +227,30 @@ public:
     CEPollEventsource &operator=(const CEPollEventsource &) = delete;
 
     /**
-     * Open the epoll set and the pipe of terminate(), all of it closed on exec. Call it once, before anything
-     * else; again only after a failure.
+     * Open the epoll set and the pipe of terminate(), all close-on-exec. Call it once, before every other function;
+     * call it again only after it has failed.
      * @return 0, or -1 with the reason in the system log
      */
     int init();
 
     /**
-     * Register @p sink for @p type. Ignored when its descriptor is registered already, even by another sink. When the
-     * kernel refuses the descriptor (regular files, closed ones) that is logged and the sink still counts as
-     * registered.
+     * Register @p sink for @p type. Ignored when its descriptor is registered already, even by another sink. A
+     * descriptor that the kernel refuses (a regular file, a closed one) is logged; the sink then counts as registered
+     * and is never called. Quirk Q60.
      */
     void addSink(IFDEventsink *sink, event_type type) override;
 
     /**
-     * End the registration under @p sink 's descriptor; no effect if there is none. The descriptor may be closed
-     * already (that is logged). After this the sink is not called any more, not even for an event that was already
-     * fetched.
+     * End the registration under @p sink 's descriptor; no effect if there is none. Remove a sink before closing its
+     * descriptor: the kernel refuses to remove a closed one, which is logged. After this call the sink is not called
+     * any more, not even for an event that the loop had already fetched.
      */
     void removeSink(IFDEventsink *sink) override;
 
     /**
-     * Change what @p sink is called for. No effect when it is not registered, or (without a system call) when @p type
-     * is what was set last. This also holds for an event that was already fetched: the sink is not called for anything
-     * that @p type does not ask for. The kernel reports what is still ready when it is asked for again.
+     * Change what @p sink is called for. No effect if it is not registered; no system call if @p type is what was set
+     * last. From now on the sink is not called for anything that @p type does not ask for, not even for an event that
+     * the loop had already fetched. What @p type asks for and is still ready comes on the next round.
      */
     void modifyEventMask(IFDEventsink *sink, event_type type) override;
 
@@ -249,15 +258,16 @@ public:
     event_type getEventMask(IFDEventsink *sink) override;
 
     /**
-     * Make evtLoop() return 0, now or when it is called. From any thread, from callbacks, from signal handlers; does
-     * not block. Events fetched before may still be served.
+     * Make evtLoop() return 0, now and whenever it is called later. May be called from any thread, callback or signal
+     * handler; does not block. Events that the loop had already fetched may still be served.
      */
     void terminate() override;
 
     /**
-     * Start a timer on the monotonic clock with the period that @p sink names. A sink may have several, which are
-     * not independent (see "Several timers of one sink"). To change a running timer's period remove it and add it
-     * again.
+     * Start a timer on the monotonic clock with the period that @p sink names. To change the period of a running timer,
+     * remove it and add it again. When the timer cannot be made or its period is refused, that is logged and there is
+     * no timer. When it cannot be watched (before init()), that is logged and the timer is active but never fires.
+     * Calling this twice makes two timers (see "Several timers of one sink").
      */
     void addTimer(ITimeoutEventsink *sink) override;
 
@@ -269,10 +279,10 @@ public:
 
     /**
      * Wait for events and serve them in the order in which the kernel reports them, until terminate(). Blocks without
-     * limit when nothing happens. A callback may run the loop again: what the inner loop serves is not served a second
-     * time by the outer one, and terminate() ends both.
-     * @return 0 after terminate(), at once when the source was terminated before; -1 when waiting became impossible, at
-     *         once and without a message when init() has not opened the command pipe
+     * limit when nothing happens. A callback may run the loop again: the outer loop does not serve again what the inner
+     * one has served, and terminate() ends both.
+     * @return 0 after terminate(), at once when the source was terminated before; -1 when waiting failed with EAGAIN
+     *         (logged), or at once and without a message when init() has not opened the command pipe
      */
     int evtLoop();
 
@@ -288,8 +298,8 @@ private:
     struct Tables;
     struct Batch;
 
-    /* Orders the sinks by descriptor. A std::map keeps its comparator where an empty one would only be padding: the
-     * pointer costs the class no room. */
+    /* Orders the sinks by descriptor and holds the pointer to the tables. The size of this class is fixed; a std::map
+     * has room for a comparator of this size, which would be padding if the comparator were empty. */
     struct ByDescriptor {
         Tables *tables;
 

@@ -1,9 +1,9 @@
 /* SPDX-License-Identifier: MIT */
 /**
  * @file
- * **Purpose.** Small messages from any thread into the thread that runs an event loop (eventsource.h). Messages arrive
- * in the order in which they were sent, one per round of the loop, so that a flood of them does not starve other sinks
- * and timers.
+ * **Purpose.** Passes small messages from any thread to the thread that runs an event loop (eventsource.h). Messages
+ * arrive in the order in which they were sent, one per round of the loop, so that many of them do not starve other
+ * sinks and timers. To run a long or blocking call without holding up the loop, run it in a thread and send its result.
  *
  * **Example.**
  * @code
@@ -29,21 +29,22 @@
  * loop.evtLoop();         // calls results.onMessage() on this thread
  * @endcode
  *
- * **Ownership.** The queue owns neither consumer, event source nor payloads. Destroy it before its event source and
- * before its consumer, when no thread can send any more.
+ * **Ownership.** The queue owns none of its consumer, its event source and the payloads. Sender and consumer agree who
+ * frees a payload; the payloads of messages that were never delivered are not freed. Destroy the queue on the loop's
+ * thread, when no other thread can send any more, before its consumer and its event source.
  *
- * **Threads, signals, fork.** send(), lock() and unlock() from any thread; everything else from the loop's thread. The
- * consumer is called without the lock held and may send to the same queue; such a message is served on a later round.
- * Not for signal handlers. A child of fork() must not use its parent's queue: the wake-up pipe would be shared and the
- * messages would not.
+ * **Threads, signals, fork.** Any thread may call send(), lock() and unlock(); everything else belongs to the loop's
+ * thread. The consumer is called without the lock held and may send to the same queue; such a message is served on a
+ * later round. Not for signal handlers. A child of fork() must not use its parent's queue: the wake-up pipe would be
+ * shared and the messages would not.
  *
  * **Blocking.** A sender never waits for the loop, only for another thread that is inside the queue or between lock()
  * and unlock().
  *
- * **Errors.** Results of -1 with the reason in the system log; std::system_error for a lock that cannot be taken;
- * std::bad_alloc from send(), nothing queued.
+ * **Errors.** init() and send() return -1 with the reason in the system log. lock() and send() throw std::system_error
+ * when the lock cannot be taken. send() throws std::bad_alloc when memory is short; nothing is queued then.
  *
- * **Limits.** No limit but memory, and no message is lost when the loop starts late.
+ * **Limits.** The number of messages is limited by memory alone. Messages sent before the loop runs wait for it.
  *
  * **Privileges.** None.
  *
@@ -64,7 +65,7 @@ class CMessageQueue;
 /** One message, copied by value. */
 struct CQMsg {
     int code;   /**< what the message says, in the users' own numbering */
-    void *data; /**< payload or null; whose it is, sender and consumer agree */
+    void *data; /**< payload or null; see "Ownership" */
 
     /**
      * Make a message.
@@ -79,19 +80,19 @@ struct CQMsg {
     CQMsg(int messageCode) : code(messageCode), data(nullptr) {}
 };
 
-/** The consumer of a queue. Called on the loop's thread, no lock held. */
+/** The consumer of a queue. Its functions are called on the loop's thread, without the queue's lock. */
 class VXUTILS_API IMQEventsink {
 public:
     /**
-     * Handle one message. @p message is valid during the call.
-     * @param queue    the queue that calls
-     * @param message  the message
+     * Handle one message.
+     * @param queue    the queue that calls; may be destroyed here
+     * @param message  the message; valid until this function returns
      */
     virtual void onMessage(CMessageQueue *queue, const CQMsg &message) = 0;
 
     /**
-     * Handle a wake-up pipe that could not be read when the queue was called as readable; the reason is in the system
-     * log.
+     * Handle a failed read of the wake-up pipe; the reason is in the system log. The loop calls the queue again as long
+     * as the pipe is reported as readable.
      * @param queue  the queue that calls
      */
     virtual void onQueueError(CMessageQueue *queue) = 0;
@@ -99,25 +100,26 @@ public:
     virtual ~IMQEventsink();
 };
 
-/** The queue. A sink of its event source; its IFDEventsink part is for the event source. */
+/** The queue. It is a sink of its event source, which alone calls onReadable(), onWritable() and getFd(). */
 class VXUTILS_API CMessageQueue : public IFDEventsink {
 public:
     /**
-     * Open nothing yet. Neither pointer may be null in a queue that is to deliver.
-     * @param consumer  receives the messages
-     * @param source    event loop that the queue registers with
+     * Store the pointers; open nothing yet.
+     * @param consumer  receives the messages; not NULL once a message or an error is delivered
+     * @param source    event loop that the queue registers with; with NULL nothing is delivered until the program
+     *        itself calls onReadable()
      */
     CMessageQueue(IMQEventsink *consumer, IFDEventsource *source);
 
-    /** Leave the event source. Messages not delivered are dropped, their payloads not touched. */
+    /** Leave the event source and close the pipe. Undelivered messages are dropped; their payloads are not freed. */
     ~CMessageQueue() override;
 
     CMessageQueue(const CMessageQueue &) = delete;
     CMessageQueue &operator=(const CMessageQueue &) = delete;
 
     /**
-     * Open the wake-up pipe, closed on exec, and register with the event source. Call it once, on the loop's
-     * thread.
+     * Open the wake-up pipe, which is close-on-exec, and register with the event source. Call it once, on the loop's
+     * thread, after the source's init().
      * @return 0, or -1 with the reason in the system log
      */
     int init();
@@ -126,23 +128,24 @@ public:
      * Queue a copy of @p message after all earlier ones. Does not wait for the loop: blocks only while another thread
      * is inside the queue or between lock() and unlock().
      * @param message  the message
-     * @return 0, or -1 when nothing was queued (no init()); the reason is in the system log
-     * @throws std::system_error as lock(); std::bad_alloc when memory is short, nothing queued
+     * @return 0, or -1 when nothing was queued, as before init(); the reason is in the system log
+     * @throws std::system_error as lock(); std::bad_alloc when memory is short and nothing was queued
      */
     int send(const CQMsg &message);
 
-    /** Deliver one message. For the event source. */
+    /** Handle a wake-up: take the oldest message and pass it to the consumer. For the event source. */
     void onReadable() override;
 
     /** Do nothing. */
     void onWritable() override;
 
-    /** Tell the wake-up pipe's read end, -1 before init(). */
+    /** Tell the read end of the wake-up pipe; -1 before init(). */
     int getFd() const override;
 
     /**
-     * Keep all other threads out of the queue until unlock(). The owner may lock again, and must unlock as often.
-     * @throws std::system_error with the error number of a lock that could not be taken
+     * Keep all other threads out of the queue until unlock(), so that several messages arrive without another thread's
+     * between them. Blocks while another thread holds the lock. The owner may lock again, and must unlock as often.
+     * @throws std::system_error with the error number when the lock could not be taken
      */
     void lock();
 

@@ -107,7 +107,7 @@ inline std::map<int, std::pair<uint32_t, uint64_t>> watched() {
     return found;
 }
 
-// A loop on which nothing but the test logs, and which leaves no descriptor.
+// A loop for each test. At its end, no log line may be unread and no descriptor open that was not open before.
 class LoopTest : public testing::Test {
 protected:
     LoopTest() {
@@ -123,7 +123,6 @@ protected:
     }
     void init() { ASSERT_EQ(source->init(), 0); }
 
-    // Runs the loop until everything that is ready now has been served, at least one round.
     void runUntilTerminated() { ASSERT_EQ(source->evtLoop(), 0); }
 
     SyslogCapture log;
