@@ -38,10 +38,10 @@ using Clock = std::chrono::steady_clock;
 
 constexpr const char *socketDirectory = "/var/run/configd";
 constexpr auto answerTimeout = 10s;
-constexpr auto promptAnswer = 1s;          // after a later one, the daemon is not trusted to have sent it once
+constexpr auto promptAnswer = 1s;          // after a later answer, a second one to the same request is expected
 constexpr int mostDiscarded = 4096;        // more than a socket's queue holds
 constexpr mode_t clientSocketMode = 0777;  // the daemon may run as another user
-constexpr int neverClosed = 1;             // standard output, whatever a daemon has put there
+constexpr int neverClosed = 1;             // Quirk Q40: the number of standard output
 constexpr size_t queryKeySize = 255;       // keys made from a format, one byte less than a record holds
 constexpr int changeAnswerSize = CONFIGD_MSG_LEN - 1;
 constexpr int changeAnswerMax = changeAnswerSize - 1;  // what configd_recv() can bring back of it
@@ -53,10 +53,12 @@ using Message = std::array<char, CONFIGD_MSG_LEN>;
 static_assert(offsetof(configd_entry, key) == 2 * sizeof(void *) && sizeof(configd_entry) == 1280 + 2 * sizeof(void *));
 static_assert(offsetof(configd_handle, count) == 516);
 
-// An entry of the query list with what finds it: the entries of a handle are also the nodes of a trie over the keys'
-// hashes, two bits a level, whose root is the list's first entry. The trie needs neither room in the handle nor memory
-// of its own. A cached value takes 510 instructions on the board with 20 keys and 540 with 512; along the list it would
-// take 1350 and 26800.
+// --- query list
+
+// An entry of the query list. The entries of a handle are also the nodes of a trie over the hashes of their keys, with
+// two bits a level; its root is the list's first entry. The trie needs neither a member of the handle, whose layout is
+// fixed, nor an allocation. A cached value takes 510 instructions on the board with 20 keys and 540 with 512; a walk
+// along the list would take 1350 and 26800.
 struct Query {
     configd_entry entry;
     uint32_t hash;
@@ -66,7 +68,8 @@ static_assert(offsetof(Query, entry) == 0 && offsetof(configd_entry, list) == 0)
 
 configd_entry *entryOf(list_link *link) { return reinterpret_cast<configd_entry *>(link); }
 
-// Returns the first link of the list, null when there is none; a caller's own zeroed handle counts as empty.
+// Returns the first link of the list, null if it is empty. The list of a caller's zeroed handle has no head yet and
+// counts as empty.
 list_link *firstLink(configd_handle *handle) {
     list_link *first = handle->queries.next;
     return first == &handle->queries ? nullptr : first;
@@ -77,10 +80,10 @@ bool hasKey(const configd_entry &entry, std::string_view key) {
     return std::memcmp(entry.key, key.data(), key.size()) == 0 && entry.key[key.size()] == '\0';
 }
 
-// Where the key is linked, or where it would be.
+// The result of a search in the trie.
 struct Place {
-    Query *found;
-    Query **link;  // null for the first entry of all
+    Query *found;  // the entry with the key, or null
+    Query **link;  // where it is linked, or would be; null for the root
 };
 
 Place findQuery(configd_handle *handle, std::string_view key, uint32_t hash) {
@@ -95,8 +98,8 @@ Place findQuery(configd_handle *handle, std::string_view key, uint32_t hash) {
 
 using Key = std::array<char, queryKeySize>;
 
-// Writes what the format yields, cut to what fits into the room; empty when that cannot be a key. Most keys are plain
-// texts, and a cached value is read often: a format without conversions is not copied.
+// Returns the formatted key, cut to what `room` holds; empty when the format cannot be printed. A format without
+// conversions is returned as it is, because most keys are plain texts and configd_fetch() is called often.
 __attribute__((format(printf, 2, 0))) std::string_view makeKey(Key &room, const char *format, va_list args) {
     const std::string_view plain = format;
     if (plain.find('%') == std::string_view::npos) return plain.substr(0, room.size() - 1);
@@ -128,7 +131,9 @@ sockaddr_un addressOf(const char *path) {
     return address;
 }
 
-// Tells whether one was there.
+// --- names of sockets
+
+// Returns whether there was a file.
 bool removeSocketFile(const char *path) {
     if (::access(path, R_OK) == -1) return false;
     ::unlink(path);
@@ -141,15 +146,15 @@ bool bindTo(int fd, const char *path) {
     return ::bind(fd, reinterpret_cast<const sockaddr *>(&address), length) == 0;
 }
 
-// Not through a link that has taken the socket's place. A daemon that runs as root can answer without it, too.
+// Does not follow a link that has replaced the socket's file. A failure is harmless if the daemon runs as root.
 void openToAll(const char *path) {
     [[maybe_unused]] const int result = ::fchmodat(AT_FDCWD, path, clientSocketMode, AT_SYMLINK_NOFOLLOW);
 }
 
 // The daemon answers to the name that the asking socket was bound to, however long it takes, and an answer does not
 // tell which request it belongs to. A name to which an answer may still come is therefore never used again for a socket
-// that receives answers. Of the names made from a handle's address, these are the ones; with more of them than the
-// table holds, all are.
+// that receives answers. A handle's first name is made from its address; these are the handles whose first name must
+// not be used again. When there are more than the table holds, every handle counts as one.
 std::array<std::atomic<const configd_handle *>, 128> distrusted{};
 std::atomic<size_t> distrustedCount{0};
 
@@ -166,11 +171,11 @@ void distrust(const configd_handle *handle) {
     if (index < distrusted.size()) distrusted[index] = handle;
 }
 
-// The daemon has been seen to answer more than once: each answer uses up the name it came to.
+// The daemon has been seen to answer a request twice. From then on no name receives more than one answer.
 std::atomic<bool> answersAreRepeated{false};
 
-// Returns the number of a name that no socket had before. Odd, unlike the address of a handle; they rise with the
-// clock, so that a later process with the same id does not repeat them.
+// Returns the number of a name that no socket had before. It is odd, unlike the address of a handle. The numbers rise
+// with the clock, so that a later process with the same id does not repeat them.
 uint64_t nextNumber() {
     static std::atomic<uint64_t> latestNumber{0};
     const auto now = static_cast<uint64_t>(Clock::now().time_since_epoch().count());
@@ -182,8 +187,8 @@ uint64_t nextNumber() {
 }
 static_assert(alignof(configd_handle) % 2 == 0);
 
-// Binds the socket to a name of its own. A socket that is closed at once keeps the handle's name: what the daemon still
-// sends there is refused.
+// Binds the socket to a name that no socket had before. The handle's first name is bound to a socket that is closed at
+// once, so that what the daemon still sends there is refused.
 bool bindToNewName(const configd_handle *handle) {
     std::array<char, sizeof handle->client_path> name;
     (void)std::snprintf(name.data(), name.size(), "%s/client.%d.0x%" PRIx64, socketDirectory, ::getpid(), nextNumber());
@@ -193,7 +198,7 @@ bool bindToNewName(const configd_handle *handle) {
     return closed.valid() && bindTo(closed.get(), handle->client_path);
 }
 
-// Removes what bindToNewName() made, which only the socket itself remembers.
+// Removes the file that bindToNewName() made. Its path is known from the socket alone.
 void removeNewName(const configd_handle *handle) {
     sockaddr_un address{};
     socklen_t length = sizeof address - 1;
@@ -204,7 +209,9 @@ void removeNewName(const configd_handle *handle) {
     if (!path.empty() && name != path && name.starts_with(directoryAndPid)) ::unlink(address.sun_path);
 }
 
-// sendto() or recvfrom() itself gives up after this long.
+// --- exchange of a request and its answer
+
+// Makes sendto() or recvfrom() give up after `limit`.
 void limitTime(int fd, int direction, Clock::duration limit) {
     const auto microseconds = std::chrono::duration_cast<std::chrono::microseconds>(limit).count();
     timeval time{};
@@ -217,7 +224,7 @@ ssize_t sendOnce(int fd, const char *data, size_t length, const sockaddr_un &dae
     return ::sendto(fd, data, length, 0, reinterpret_cast<const sockaddr *>(&daemon), sizeof daemon);
 }
 
-// A signal ended the wait for the daemon to take a request: waits on, for what remains of the time.
+// Continues after a signal has interrupted sendOnce(), until the deadline.
 ssize_t sendAgain(int fd, const char *data, size_t length, const sockaddr_un &daemon, Clock::time_point deadline) {
     ssize_t sent = -1;
     errno = EINTR;
@@ -252,12 +259,13 @@ bool waitForAnswer(int fd, Clock::time_point deadline) {
     }
 }
 
-// Receives at most `size` - 1 bytes and puts a NUL after them; -1, and `data` unchanged, when no answer came in time.
+// Receives at most `size` - 1 bytes and puts a NUL after them. Returns -1 and leaves `data` unchanged when no answer
+// came in time. `prompt` tells whether it came within `promptAnswer`.
 int receiveAnswer(int fd, char *data, int size, bool &prompt) {
     const vx::SigpipeScope ignored;
     const auto start = Clock::now();
     const auto room = static_cast<size_t>(size) - 1;
-    // Waits as long as limitTime() has set, and then no poll() is needed.
+    // Most answers are prompt: this call waits as long as limitTime() has set, and saves them the poll().
     ssize_t received = ::recvfrom(fd, data, room, 0, nullptr, nullptr);
     prompt = received != -1;
     while (received == -1 && (errno == EINTR || errno == EAGAIN) && waitForAnswer(fd, start + answerTimeout)) {
@@ -268,8 +276,8 @@ int receiveAnswer(int fd, char *data, int size, bool &prompt) {
     return static_cast<int>(received);
 }
 
-// Another answer may still come to the name of this socket: it receives nothing any more and sends nothing, which is
-// what sendAfter() finds.
+// Ends the use of a socket to whose name another answer may still come. It receives nothing any more; sendAfter() gets
+// EPIPE from it and reconnects.
 void useUp(const configd_handle *handle) {
     distrust(handle);
     ::shutdown(handle->fd, SHUT_RDWR);
@@ -287,7 +295,7 @@ void reconnect(configd_handle *handle) {
     (void)__configd_open(handle);
 }
 
-// Connects the socket to the daemon that runs now, so that the kernel refuses datagrams of all others.
+// Connects the socket to the daemon that runs now, so that the kernel refuses datagrams from all other sockets.
 bool prepareSend(const configd_handle *handle, const sockaddr_un &daemon) {
     return ::connect(handle->fd, reinterpret_cast<const sockaddr *>(&daemon), sizeof daemon) == 0;
 }
@@ -297,8 +305,7 @@ bool isEmpty(int fd) {
     return vx::retryEintr([&] { return ::recv(fd, &byte, sizeof byte, MSG_DONTWAIT | MSG_PEEK); }) == -1;
 }
 
-// Tells whether an answer of the daemon was among what waited in the connected socket, which is empty afterwards,
-// unless a daemon sends without end.
+// Empties the connected socket, unless a daemon sends without end. Returns whether an answer of the daemon was in it.
 bool discardAnswers(int fd) {
     bool found = false;
     for (int discarded = 0; discarded < mostDiscarded; ++discarded) {
@@ -317,8 +324,8 @@ bool discardAnswers(int fd) {
     return found;
 }
 
-// Connects and empties the socket. After an answer too many more of them may follow: the next one goes to a new name
-// then.
+// Connects and empties the socket. If a superfluous answer was in it, more may follow: the request then goes out from a
+// socket with a new name.
 bool prepareExchange(configd_handle *handle, const sockaddr_un &daemon) {
     if (!prepareSend(handle, daemon)) return false;
     if (isEmpty(handle->fd) || !discardAnswers(handle->fd)) return true;
@@ -339,11 +346,11 @@ ssize_t sendAfter(Prepare prepare, configd_handle *handle, const char *data, int
     };
     const ssize_t sent = send();
     if (sent != -1 || errno != EPIPE) return sent;
-    reconnect(handle);  // its socket was used up
+    reconnect(handle);  // useUp() has shut its socket down
     return send();
 }
 
-// Returns false (and logs) when the request did not get out whole.
+// Returns false and logs when the request was not sent whole.
 bool sendRequest(configd_handle *handle, const char *request, int length) {
     if (sendAfter(prepareExchange, handle, request, length) >= length) return true;
     vx::log(LOG_ERR, "unable to send query to configd");
@@ -355,26 +362,29 @@ int reconnected(configd_handle *handle, int result) {
     return result;
 }
 
-// After a request that was sent and not answered as it should be: its answer may still come.
+// Ends a call whose request was sent and got no proper answer: that may still come.
 int gaveUp(configd_handle *handle, int result) {
     distrust(handle);
     return reconnected(handle, result);
 }
 
-// Returns the text of a record's field, which a caller may have filled to its last byte.
+// --- calls
+
+// Returns the text of a record's field, which a caller may have filled to its last byte, without a NUL.
 template <size_t size>
 std::string_view fieldText(const char (&field)[size]) {
     return {field, ::strnlen(field, size)};
 }
 
-// Appends within the room that an echo can bring back; -1 when the text does not fit.
+// Appends a text and returns the new length; -1 when the daemon's echo would not fit into the buffer for the answer.
+// Passes on an earlier -1.
 int append(Message &request, int length, std::string_view text) {
     if (length < 0 || text.size() >= static_cast<size_t>(changeAnswerMax - length)) return -1;
     std::memcpy(request.data() + length, text.data(), text.size());
     return length + static_cast<int>(text.size());
 }
 
-// Writes "key=value\n" of every record; its length without the NUL, -1 when it does not fit.
+// Writes "key=value\n" of every record and a NUL. Returns the length without the NUL, -1 when it does not fit.
 int buildChange(Message &request, const configd_entry *entry) {
     int length = 0;
     for (; entry->key[0] != '\0' && length >= 0; ++entry) {
@@ -401,7 +411,8 @@ int getQueries(configd_handle *handle) {
     return 0;
 }
 
-// Returns memory for a handle, best where none was whose name is not to be used again.
+// Allocates a handle, if possible not at the address of a distrusted one: each attempt holds its memory until the next
+// one has got another address.
 configd_handle *newHandle() {
     auto *handle = static_cast<configd_handle *>(zalloc(sizeof(configd_handle)));
     if (handle == nullptr || !isListed(handle)) return handle;
@@ -570,7 +581,7 @@ int __configd_open(configd_handle *handle) {
     (void)std::snprintf(handle->server_path, sizeof handle->server_path, "%s/daemon.sock", socketDirectory);
     (void)std::snprintf(handle->client_path, sizeof handle->client_path, "%s/client.%d.%p", socketDirectory, ::getpid(),
                         static_cast<void *>(handle));
-    // An earlier process of the same number did not end by itself and may have left a request without an answer, too.
+    // An earlier process with the same id has left its file. It was killed, so an answer to it may still come.
     if (removeSocketFile(handle->client_path)) distrust(handle);
 
     const bool bound = isDistrusted(handle) ? bindToNewName(handle) : bindTo(handle->fd, handle->client_path);
