@@ -45,7 +45,7 @@ constexpr int inReset = -11;  // result while the card is in reset
 
 // Bits of wwanmd_handle::flags.
 constexpr int initialized = 1;
-constexpr int answerMissing = 2;  // the wait for an answer ended without it: it may still come on this connection
+constexpr int answerMissing = 2;  // the last wait for an answer timed out: it may still come on this connection
 
 constexpr int64_t usPerSecond = 1000000;
 constexpr int64_t pacingUs = 300000;
@@ -53,8 +53,8 @@ constexpr int minTimeoutSeconds = 5;
 constexpr int maxTimeoutSeconds = 300;
 constexpr int resetChecks = 5;
 constexpr int receivePasses = 21;
-constexpr int failuresOfStalled = 3;  // so that the failure at hand is the one that reconnects
 constexpr int failuresToReconnect = 4;
+constexpr int failuresOfStalled = failuresToReconnect - 1;  // the failure that is being counted then reconnects
 constexpr int maxBusyCommands = 16;
 
 constexpr size_t maxReply = sizeof(wwanmd_msg::data) - 1;
@@ -65,12 +65,12 @@ constexpr std::string_view busyWord = "BUSY";
 
 static_assert(sizeof(wwanmd_handle::app) == 16 && sizeof(wwanmd_msg) == 8192 + 3 * sizeof(int));
 
-// What a send or receive is part of.
+// Which call a send or receive is part of.
 enum class Part {
-    alone,        // a call of its own
-    ofCommand,    // one step of a command
-    ofHandshake,  // the same while connecting: a failure does not reconnect, since the two would call each other
-                  // without end when the daemon accepts and closes at once
+    alone,        // wwanmd_send() or wwanmd_recv()
+    ofCommand,    // wwanmd_command()
+    ofHandshake,  // wwanmd_open(): a failure does not reconnect, because that would recurse without end when the daemon
+                  // accepts connections and closes them at once
 };
 
 timespec now() {
@@ -105,9 +105,9 @@ const char *findName(const Name *from, const Name *end, const char *name) {
     return nullptr;
 }
 
-// Returns the same text in memory that lasts: openlog() keeps the pointer it is given. Each name is kept once and never
-// freed, because another thread may be logging with it at any time. Takes no lock, which a child of fork() might find
-// taken for ever. Throws std::bad_alloc.
+// Returns a copy of the name that is never freed: openlog() keeps the pointer it is given, and another thread may be
+// logging with it at any time. Each name is copied once. Takes no lock, because a child of fork() might find it locked
+// for ever. Throws std::bad_alloc.
 // Quirk Q84.
 const char *lastingName(const char *name) {
     const Name *first = names;
@@ -124,15 +124,15 @@ const char *lastingName(const char *name) {
     return added.release()->text;
 }
 
-// What is left of a time-out; every wait takes the time it needed.
+// What is left of a time-out; every wait reduces it by the time that it took.
 class Budget {
 public:
     explicit Budget(int seconds) : leftUs_(std::clamp(seconds, minTimeoutSeconds, maxTimeoutSeconds) * usPerSecond) {}
 
     [[nodiscard]] int64_t leftUs() const { return leftUs_; }
 
-    // Waits for an event on the socket: poll()'s result, with errno 0 unless it is -1. Not with ppoll(): the C
-    // library's fortified one takes 32-bit times where the caller has 64-bit ones.
+    // Waits for an event on the socket. Returns poll()'s result, with errno 0 unless it is -1. ppoll() cannot be used:
+    // on 32-bit Arm the C library's fortified version takes a 32-bit time where the caller has a 64-bit one.
     int wait(pollfd &waiting) {
         for (;;) {
             const timespec start = now();
@@ -148,7 +148,7 @@ private:
     int64_t leftUs_;
 };
 
-// Waits at most 5 s for a place in the daemon's queue of connections.
+// Connects; waits at most 5 s while the daemon's queue of connections is full.
 int connectTo(int fd, const sockaddr_un &address, socklen_t size) {
     const timespec start = now();
     for (;;) {
@@ -191,7 +191,7 @@ vx::Fd connectToDaemon(int card) {
 int sendMessage(wwanmd_handle *handle, wwanmd_msg *message, Part part);
 int receiveMessage(wwanmd_handle *handle, wwanmd_msg *message, Part part);
 
-// Exchanges one command and its answer, as one piece: SIGPIPE stays ignored from the send to the end of the receive.
+// Exchanges one command and its answer. SIGPIPE stays ignored from the send to the end of the receive.
 int exchange(wwanmd_handle *handle, wwanmd_msg *message, Part part) {
     if (sendMessage(handle, message, part) != 0) return -1;
     if (receiveMessage(handle, message, part) == 0) return 0;
@@ -218,7 +218,7 @@ void stalled(wwanmd_handle *handle) {
     handle->failures = failuresOfStalled;
 }
 
-// Counts a failed send or receive and reconnects when it was one too many.
+// Counts a failed send or receive and reconnects at the fourth one in a row.
 // Quirk Q83.
 void countFailure(wwanmd_handle *handle, const char *doing, Part part) {
     vx::log(LOG_DEBUG, "%s wwanmd%d failed (%d failures)", doing, handle->card, handle->failures + 1);
@@ -232,7 +232,7 @@ void pace(const wwanmd_handle &handle) {
     if (elapsed < pacingUs) vx::sleepUs(pacingUs - elapsed);
 }
 
-// Throws away what the daemon sent unasked. Returns whether the socket can already be written to.
+// Throws away what the daemon sent since the last answer. Returns whether the socket can be written to.
 bool flushStaleAnswers(const wwanmd_handle &handle) {
     pollfd waiting{handle.fd, POLLIN | POLLOUT, 0};
     if (::poll(&waiting, 1, 0) != 1) return false;
@@ -287,11 +287,10 @@ bool terminateCommand(wwanmd_msg *message) {
     return true;
 }
 
-// Replaces a connection on which the answer to an earlier command may still come: nothing in an answer tells which
-// command it belongs to, but what is sent on a closed connection is lost. The counts go on, as they do on a connection
-// that is kept.
+// Replaces a connection on which the answer to an earlier command may still come: an answer does not tell which command
+// it belongs to, but what is sent on a closed connection is lost. Keeps the counts of failures and of "BUSY".
 int renewConnection(wwanmd_handle *handle) {
-    (void)flushStaleAnswers(*handle);  // for its message
+    (void)flushStaleAnswers(*handle);  // only to log what has come already
     const int failures = handle->failures;
     const int busyCount = handle->busy_count;
     const int result = wwanmd_open(handle);
@@ -331,7 +330,7 @@ int sendMessage(wwanmd_handle *handle, wwanmd_msg *message, Part part) {
     return -1;
 }
 
-// What one pass of a receive came to.
+// The outcome of one pass of a receive.
 enum class Reply { ok, busy, failed };
 
 void keepText(wwanmd_msg *message, std::string_view text) {
@@ -355,7 +354,7 @@ Reply judge(const wwanmd_handle &handle, wwanmd_msg *message, std::string_view r
 
 using ReplyBuffer = std::array<char, maxReply>;
 
-// Waits for one answer and judges it; `reply` is what came, inside `buffer`.
+// Waits for one answer and judges it. `reply` is set to what came, which lies in `buffer`.
 Reply receiveReply(wwanmd_handle *handle, wwanmd_msg *message, Budget &budget, ReplyBuffer &buffer,
                    std::string_view &reply) {
     pollfd waiting{handle->fd, POLLIN, 0};
@@ -376,7 +375,7 @@ Reply receiveReply(wwanmd_handle *handle, wwanmd_msg *message, Budget &budget, R
     return judge(*handle, message, reply);
 }
 
-// Waits through "BUSY" answers as long as passes and whole seconds are left.
+// Goes on waiting after a "BUSY" answer as long as passes and at least one second are left.
 // Quirk Q82.
 Reply receiveAnswer(wwanmd_handle *handle, wwanmd_msg *message) {
     Budget budget(message->timeout);
@@ -403,10 +402,10 @@ Reply receiveAnswer(wwanmd_handle *handle, wwanmd_msg *message) {
 int receiveMessage(wwanmd_handle *handle, wwanmd_msg *message, Part part) {
     if (handle == nullptr || message == nullptr || !validCard(handle->card)) return -1;
     if (part == Part::alone) {
-        std::signal(SIGPIPE, SIG_IGN);  // stays ignored where the socket is not reached
+        std::signal(SIGPIPE, SIG_IGN);  // Quirk Q41: stays ignored when this call returns before it receives
         if (handle->fd == -1) {
             if (wwanmd_open(handle) != 0) return -1;
-            std::signal(SIGPIPE, SIG_IGN);  // the handshake has ended with the default action
+            std::signal(SIGPIPE, SIG_IGN);  // the handshake has restored the default action
         }
     }
     if (closedForReset(handle)) return inReset;

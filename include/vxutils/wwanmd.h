@@ -1,45 +1,47 @@
 /* SPDX-License-Identifier: MIT */
 /**
  * @file
- * **Purpose.** Client of the modem daemon. Each WWAN modem card is driven by a modem daemon of its own, which takes one
- * line of text for each command and gives one answer. This family is the daemon's client: it connects and introduces
- * itself ("init" and the application's name), paces commands, throws stale answers away, waits for the answer, waits
- * out "BUSY", and reconnects when the daemon stalls.
+ * **Purpose.** Client of the modem daemon. Each WWAN modem card has a daemon of its own, which takes one line of text
+ * for each command and gives one answer. The client connects and introduces itself ("init" and the application's name),
+ * keeps a pause between commands, throws stale answers away, waits for the answer, goes on waiting after "BUSY", and
+ * reconnects when the daemon stalls.
  *
  * **Example.**
  * @code
- * static wwanmd_msg message;  // 8 KiB: better not on a small stack
+ * static wwanmd_msg message;  // 8 KiB: too large for a small stack
  * wwanmd_handle *modem = wwanmd_init(0, "wansup");
  * message.len = snprintf(message.data, sizeof message.data, "signal");
  * if (modem != NULL && wwanmd_command(modem, &message) == 0) printf("signal%s\n", message.data);
  * wwanmd_free(modem);
  * @endcode
  *
- * **Answers.** One answer is what one receive yields; it may hold any bytes. It begins with "OK" (result 0), "ERROR" or
- * "BUSY" (result -1); the text after that word is returned in the message in every one of these cases. An answer that
- * the daemon sends in pieces is cut at its first piece; the rest is stale and thrown away before the next command.
+ * **Answers.** An answer is what one recv() yields; it may hold any bytes. It begins with "OK" (result 0), "ERROR" or
+ * "BUSY" (result -1). In all three cases the message holds the text after that word. An answer that the daemon sends in
+ * pieces ends at its first piece; the rest is stale and is thrown away before the next command.
  *
- * **Late answers.** An answer does not tell which command it belongs to. When the time-out of a command ends without
- * its final answer, the next wwanmd_send() or wwanmd_command() therefore connects again before it sends, whatever has
- * come until then: what the daemon still sends on the old connection is lost. No command gets the answer to an earlier
- * one that timed out, however late it comes, however often it is sent and in whatever order. wwanmd_recv() alone may be
- * called again to go on waiting. Not guaranteed, because the connection is kept: a daemon that sends more than one
- * answer to a command in time, or its final one after 21 times "BUSY", is believed when that answer comes after the
- * next command was sent.
+ * **Late answers.** An answer does not tell which command it belongs to. After a command that timed out, the next
+ * wwanmd_send() or wwanmd_command() therefore connects again before it sends, and what the daemon still sends on the
+ * old connection is lost. No command gets the answer to an earlier one that timed out, however late and however often
+ * it is sent. To go on waiting for it, call wwanmd_recv() again.
  *
- * **Whose answers count.** Those of the process that listens at "/var/run/wwanmdN/server" when the connection is made;
- * no other process can send on it.
+ * What is not guaranteed, because the connection is kept: when the daemon sends two answers to a command in time, or
+ * the final one after "BUSY" 21 times, and the surplus answer comes after the next command was sent, it is taken for
+ * the answer to that command.
+ *
+ * **Whose answers count.** Only answers from the process that listens at "/var/run/wwanmdN/server" when the connection
+ * is made count; no other process can send on it.
  *
  * **Ownership.** wwanmd_init() makes a handle, wwanmd_free() closes and frees it. Messages are the caller's.
  *
  * **Threads, signals, fork.** A handle belongs to one thread at a time; nothing is locked. SIGPIPE is ignored while a
  * call sends or receives and has its default action afterwards, whatever handler was set before; wwanmd_recv() leaves
  * it ignored when it returns early because the card is in reset or no connection could be made. Signals with handlers
- * do not shorten or lengthen the waits. Not for signal handlers. A child must not use its parent's handle. Descriptors
- * are closed on exec.
+ * do not shorten or lengthen the waits. Not for signal handlers. A child of fork() must not use its parent's handle.
+ * Descriptors are close-on-exec.
  *
- * **Blocking.** All calls block their thread; in an event loop use a thread of its own. T is the message's time-out (5
- * to 300 s), "opening" one wwanmd_open(). The longest times are:
+ * **Blocking.** Most calls block. A program with an event loop calls them in another thread and passes the results to
+ * the loop with messagequeue.h. T is the message's time-out (5 to 300 s); "opening" means one wwanmd_open(). The
+ * longest times are:
  *
  * | call              | waits at most          | in addition                                                      |
  * |-------------------|------------------------|------------------------------------------------------------------|
@@ -61,20 +63,19 @@
  * - by the 17th command in a row that ends in "BUSY"; an "OK" sets `busy_count` back to 0;
  * - before a command on a closed handle.
  *
- * It is not made again by "ERROR" answers, and never from inside a handshake: whatever the daemon does to it - no
- * answer, "ERROR", accepting and closing at once - ends wwanmd_open() with -1, and the next call tries again. The
- * deepest nesting is one handshake inside one call, with about 48 KiB of stack.
+ * An "ERROR" answer does not reconnect by itself; it counts as a failure. Nothing reconnects from inside a handshake:
+ * when the handshake gets no answer, "ERROR", or a closed connection, wwanmd_open() returns -1, and the next call tries
+ * again. A call needs at most about 48 KiB of stack, the handshake included.
  *
- * **Errors.** Results of -1, -11 (card in reset) and NULL. All messages are LOG_DEBUG except the one on invalid card
- * numbers (LOG_ERR).
+ * **Errors.** A call that fails returns -1, -11 (the card is in reset) or NULL. The reason is logged at LOG_DEBUG; an
+ * invalid card number is logged at LOG_ERR.
  *
- * **Limits.** Cards are 0 to 5 and 10 to 15. Any other number is refused everywhere: logged ("invalid wwan card %d",
- * LOG_ERR), result -1 (NULL from wwanmd_init()). A command has at most 8190 bytes, an answer 8191.
+ * **Limits.** Cards are 0 to 5 and 10 to 15. Every function refuses any other number: it logs "invalid wwan card %d"
+ * and returns -1 (wwanmd_init() returns NULL). A command has at most 8190 bytes, an answer 8191.
  *
  * **Privileges.** Write access to the socket "/var/run/wwanmdN/server". Its directory must be writable by trusted users
- * only. The markers in "/tmp/status/wwanmd", which keep a card from being used, do not count when the caller may not
- * read them, or when a user who is neither root nor the process's user may have put them there, or a directory above
- * them.
+ * only. A marker in "/tmp/status/wwanmd", which keeps a card from being used, is ignored when the caller cannot read
+ * it, and when it or a directory above it may come from a user who is neither root nor the user of the process.
  *
  * **Compatibility.** Behaviour kept on purpose (docs/compatibility.md): Q41 SIGPIPE has its default action afterwards;
  * Q82 an answer in pieces is cut at its first piece; Q83 ERROR answers never reconnect; Q84 wwanmd_init() opens the
@@ -94,19 +95,19 @@ struct wwanmd_handle {
     int card;                /**< card number */
     char app[16];            /**< name of the calling application, at most 15 characters */
     int fd;                  /**< the stream socket; -1 while closed */
-    int flags;               /**< bit 0: a handshake has succeeded once; never cleared. Bit 1: an answer is missing */
+    int flags;               /**< bit 0: a handshake has succeeded once; never cleared. Bit 1: last wait timed out */
     int failures;            /**< consecutive failed sends and receives */
     int busy_count;          /**< consecutive commands that ended in "BUSY" */
     struct timespec last_io; /**< CLOCK_MONOTONIC time of the last send attempt or (re)connection */
 };
 typedef struct wwanmd_handle wwanmd_handle; /**< the record's short name */
 
-/** One command and, after the exchange, its answer. The caller's. */
+/** One command and, after the exchange, its answer. It belongs to the caller. */
 struct wwanmd_msg {
     char data[8192]; /**< the command; then the answer after its first word, with a NUL after it */
     int len;         /**< bytes in data, 0 or below for none; then the answer's length, -1 when there was none */
-    int timeout;  /**< seconds to wait for the daemon to take the command, and for its answer: 5 to 300, cut to that */
-    int reserved; /**< 0 */
+    int timeout;     /**< seconds to wait for the daemon to take the command, and for its answer: 5 to 300, clamped */
+    int reserved;    /**< 0 */
 };
 typedef struct wwanmd_msg wwanmd_msg; /**< the record's short name */
 
@@ -129,8 +130,8 @@ VXUTILS_API wwanmd_handle *wwanmd_init(int card, const char *app);
 VXUTILS_API void wwanmd_free(wwanmd_handle *handle);
 
 /**
- * Send a command and wait for its answer; open the connection first when it is closed. The card's reset is looked
- * for before sending and again before receiving.
+ * Send a command and wait for its answer; open the connection first when it is closed. Checks whether the card is in
+ * reset before sending and again before receiving.
  *
  * @param handle   the connection; NULL gives -1
  * @param message  the command, replaced by the answer; NULL gives -1
@@ -154,8 +155,8 @@ VXUTILS_API int wwanmd_open(wwanmd_handle *handle);
 VXUTILS_API void wwanmd_close(wwanmd_handle *handle);
 
 /**
- * Send a command. A newline is appended where the text does not end in one; a length of 0 or below sends the newline
- * alone. Commands start at least 300 ms after the connection's last send or (re)connection.
+ * Send a command. A newline is appended if the text does not end in one; a length of 0 or below sends the newline
+ * alone. Waits until 300 ms have passed since the connection was made or last sent something.
  *
  * @param handle   the connection; NULL gives -1
  * @param message  the command, at most 8190 bytes; NULL gives -1
@@ -164,7 +165,7 @@ VXUTILS_API void wwanmd_close(wwanmd_handle *handle);
 VXUTILS_API int wwanmd_send(wwanmd_handle *handle, wwanmd_msg *message);
 
 /**
- * Wait for the answer to the command sent last, through at most 21 answers of which all but the last are "BUSY".
+ * Wait for the answer to the command sent last. After a "BUSY" it waits for the next answer, up to 21 answers in all.
  *
  * @param handle   the connection; NULL gives -1
  * @param message  receives the answer; its time-out counts. NULL gives -1
@@ -174,8 +175,8 @@ VXUTILS_API int wwanmd_send(wwanmd_handle *handle, wwanmd_msg *message);
 VXUTILS_API int wwanmd_recv(wwanmd_handle *handle, wwanmd_msg *message);
 
 /**
- * Tell whether a card is being reset: whether its marker stays for 5 s. A marker that goes away meanwhile gives the
- * card one more second.
+ * Tell whether a card is being reset: whether its marker is there and stays for 5 s. When the marker goes away in that
+ * time, waits one more second for the card.
  *
  * @param card  card number
  * @return 1 in reset, 0 not, -1 for an invalid number; errno is unchanged
