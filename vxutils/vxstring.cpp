@@ -21,14 +21,15 @@
 
 using StringBuffer = String::StringBuffer;
 
-// Programs in the field were compiled with this layout: their inline accessors read it.
+// Inline functions of shipped programs read this layout.
 static_assert(sizeof(String) == sizeof(void *));
 static_assert(offsetof(StringBuffer, refCount) == 0 && offsetof(StringBuffer, capacity) == 4);
 static_assert(offsetof(StringBuffer, length) == 8 && offsetof(StringBuffer, text) == 12);
 
 namespace {
 
-// Initialized before the process runs any code, so that no thread can meet it half made.
+// Initialized at compile time, because constructors of global Strings use it. Threads may change its count at the same
+// time and lose a change: the count is never acted on, because the capacity is 0.
 constinit StringBuffer emptyBuffer = {1, 0, 0, {'\0'}};
 
 constexpr size_t headerSize = offsetof(StringBuffer, text);
@@ -47,7 +48,7 @@ static_assert(capacityFor(128) == 191 && capacityFor(192) == 255 && capacityFor(
 
 constexpr size_t blockSize(int32_t capacity) { return headerSize + static_cast<size_t>(capacity) + 1; }
 
-// Ends the process when memory for a text is out: here, not later at a null pointer.
+// Aborts when there is no memory for a text: no operation throws or has a result for that.
 void require(bool possible) {
     if (!possible) std::abort();
 }
@@ -57,7 +58,7 @@ void setLength(StringBuffer *block, long length) {
     block->text[length] = '\0';
 }
 
-// Returns a block of one owner, its text still to be written.
+// Returns a block with one owner. Its text and length are not set.
 StringBuffer *allocate(int32_t capacity) {
     auto *block = static_cast<StringBuffer *>(std::malloc(blockSize(capacity)));
     require(block != nullptr);
@@ -92,15 +93,15 @@ StringBuffer *share(StringBuffer *block) {
 
 StringBuffer *shareEmpty() { return share(&emptyBuffer); }
 
-// Whether a block may be written.  The shared empty buffer, the only one without room, never may.
+// Whether a block may be written. The shared empty buffer, the only one of capacity 0, never may.
 bool isPrivate(const StringBuffer *block) { return block->refCount < 2 && block->capacity > 0; }
 
 bool isPrivateWithRoom(const StringBuffer *block, size_t length) {
     return isPrivate(block) && length <= static_cast<size_t>(block->capacity);
 }
 
-// Moves a private block to the capacity for a text of `length` bytes, which is more than it holds.  Small blocks are
-// had quicker from malloc's lists than from realloc; large ones can often stay where they are.
+// Moves a private block to the capacity for a text of `length` bytes, which is more than it holds. For small blocks
+// malloc() and free() are faster than realloc(); large blocks can often grow in place.
 StringBuffer *resize(StringBuffer *block, size_t length) {
     constexpr int32_t smallLimit = 512;
     require(length <= maxLength);
@@ -118,8 +119,8 @@ StringBuffer *resize(StringBuffer *block, size_t length) {
     return moved;
 }
 
-// Tells where `bytes` lie inside the block's text, so that they are found again after the block has moved; -1 when
-// outside.
+// Returns the offset of `bytes` in the block's text, by which they are found again after the block has moved; -1 if
+// they are outside.
 ptrdiff_t offsetInside(const StringBuffer *block, const char *bytes) {
     const auto text = reinterpret_cast<uintptr_t>(block->text);
     const auto place = reinterpret_cast<uintptr_t>(bytes);
@@ -127,7 +128,7 @@ ptrdiff_t offsetInside(const StringBuffer *block, const char *bytes) {
     return static_cast<ptrdiff_t>(place - text);
 }
 
-// Makes the piece that String(s, start, count) takes. Looks no further into `s` than the piece reaches.
+// Copies the piece that String(s, start, count) holds. Does not read `s` beyond the piece.
 StringBuffer *newPiece(const char *s, long start, long count) {
     if (s == nullptr || count <= 0) return shareEmpty();
     const size_t begin = start > 0 ? static_cast<size_t>(start) : 0;
@@ -150,24 +151,24 @@ const char *findByte(const char *at, const char *end, char c) {
     return static_cast<const char *>(std::memchr(at, c, static_cast<size_t>(end - at)));
 }
 
-// Returns the position of what was found in a text; -1 when there is a NUL between `from`, where the search began, and
-// there: the C library does not look any further.
+// Returns the position of what was found in a text by a search that began at `from`; -1 when a NUL comes before it,
+// because searches see a text up to its first NUL.
 long positionOf(const char *found, const String &text, long from) {
     if (found == nullptr || findByte(text.c_str() + from, found, '\0') != nullptr) return -1;
     return found - text.c_str();
 }
 
-// The C library's search functions without a length are slow on the boards: one character in 1 KiB (FindChar_1k) takes
-// strchr 2.4 times the instructions of memchr with a second memchr for the NULs, a text (FindText_1k) takes strstr 2.3
-// times those of the search below.
+// The C library's search functions without a length are slow on the boards. To find a character in 1 KiB (benchmark
+// FindChar_1k), strchr takes 2.4 times the instructions of one memchr for the character and one for the NULs. To find a
+// text (FindText_1k), strstr takes 2.3 times those of searchText().
 long searchCharacter(const String &text, char c, long from) {
     if (c == '\0' || from >= text.length()) return -1;
     from = std::max(from, 0L);
     return positionOf(findByte(text.c_str() + from, text.c_str() + text.length(), c), text, from);
 }
 
-// Finds the first place at or after `from` where `s`, up to its first NUL, begins. strstr takes over where the first
-// character is too frequent, because its time does not depend on that.
+// Finds the first occurrence of `s`, up to its first NUL, at or after `from`. When the first character of `s` is
+// frequent, strstr takes over, because its time does not depend on that.
 long searchText(const String &text, const String &s, long from) {
     constexpr int mostAttempts = 8;
     const char *at = text.c_str() + from;
@@ -191,8 +192,8 @@ Word wordAt(const char *text) {
     return word;
 }
 
-// Tells whether two words are the same but for the case of letters: where they differ in the case bit alone and the
-// byte is a letter.
+// Tells whether two words differ at most in the case of letters: every byte that differs does so in the case bit alone
+// and is a letter.
 bool sameWordIgnoringCase(Word a, Word b) {
     constexpr Word caseBits = 0x20 * oneInEveryByte, highBits = 0x80 * oneInEveryByte;
     const Word difference = a ^ b;
@@ -206,8 +207,8 @@ bool sameWordIgnoringCase(Word a, Word b) {
     return (difference << 2 & ~letters) == 0;
 }
 
-// Tells what strnicmp finds equal, for two texts of at least `count` bytes. By words, because texts of 256 bytes in
-// different case (EqualIgnoreCase_256) take bytes 4 times the instructions on a board.
+// Tells whether strnicmp finds two texts of at least `count` bytes equal. Compares words: byte by byte, two texts of
+// 256 bytes in different case (benchmark EqualIgnoreCase_256) take 4 times the instructions on a board.
 bool sameIgnoringCase(const char *a, const char *b, size_t count) {
     const char *const begin = a;
     for (; count >= sizeof(Word) && sameWordIgnoringCase(wordAt(a), wordAt(b)); count -= sizeof(Word)) {
@@ -215,19 +216,20 @@ bool sameIgnoringCase(const char *a, const char *b, size_t count) {
         b += sizeof(Word);
     }
     while (count > 0 && lowered(*a) == lowered(*b)) --count, ++a, ++b;
-    // Texts that ended together are equal whatever follows.
+    // Texts that end at the same NUL are equal whatever follows.
     return count == 0 || (a != begin && findByte(begin, a, '\0') != nullptr);
 }
 
-// The same bytes with the case bit set, which no longer tells letters of different case apart, nor some other bytes.
+// Sets the case bit of every byte: letters of different case become equal, and so do some other bytes.
 Word withCaseBits(Word word) { return word | 0x20 * oneInEveryByte; }
 Word everyByte(char c) { return static_cast<unsigned char>(c) * oneInEveryByte; }
 
-// The high bit of every byte that is 0; a byte above such a one may have it for nothing.
+// Returns a word with the high bit set in every byte that is 0 in `word`. A byte above such a one may have it, too.
 Word zeroByte(Word word) { return (word - oneInEveryByte) & ~word & 0x80 * oneInEveryByte; }
 
-// Finds the first position in from..last where `s` is, case ignored. Its first two bytes are looked for at the places
-// of a whole word at once: one place after the other (FindIgnoreCase_1k) takes 5 times the instructions on a board.
+// Finds the first occurrence of `s` at a position in from..last, case ignored. Compares the first two bytes of `s` with
+// as many positions at once as a word has bytes; one position after the other (benchmark FindIgnoreCase_1k) takes 5
+// times the instructions on a board.
 long searchIgnoringCase(const String &text, const String &s, long from, long last) {
     constexpr long bytePlaces = sizeof(Word);
     if (from > last) return -1;
@@ -251,7 +253,7 @@ long searchIgnoringCase(const String &text, const String &s, long from, long las
     return -1;
 }
 
-// Finds the last position at or before `start` where `s` is; a negative start is returned unchanged.
+// Finds the last occurrence of `s` at or before `start`. Returns a negative start unchanged.
 long searchBackwards(const String &text, const String &s, long start) {
     if (start < 0 || s.length() == 0) return start;
     const char first = s.c_str()[0];
@@ -278,8 +280,8 @@ long searchBackwardsIgnoringCase(const String &text, const String &s, long start
     return -1;
 }
 
-// Tells whether the two formatters measure this format alike whatever its arguments: it has only %s and plain numbers,
-// with neither precision nor sign nor prefix.
+// Tells whether vsnprintf() and strlenf() agree on the length of this format whatever its arguments: it has only %s and
+// plain numbers, without precision, sign and prefix.
 bool isPlainFormat(const char *fmt) {
     constexpr int mostDigits = 4;  // of a width
     for (;;) {
@@ -297,8 +299,8 @@ bool isPlainFormat(const char *fmt) {
     }
 }
 
-// A formatted text of the library's measure and the system's making, held apart from the string that it goes into
-// because its arguments may lie in there.
+// A text with the length of strlenf() and the bytes of vsnprintf() (quirk Q4). It is built in a buffer of its own,
+// because the arguments may point into the String that is to hold it.
 class Formatted {
 public:
 #ifdef __clang__
@@ -318,8 +320,7 @@ public:
     [[nodiscard]] const char *text() const { return text_; }
 
 private:
-    // Handles the usual case without a measuring pass: a text that fits at once, whose length both formatters agree
-    // upon.
+    // Saves the usual short text the pass that measures.
     bool writeShort(const char *fmt, va_list args) {
         va_list again;
         va_copy(again, args);
@@ -482,7 +483,7 @@ const String &String::operator*() const { return *this; }
 
 int String::toInteger() const {
     char *end;
-    const long number = std::strtol(c_str(), &end, 0);  // what sscanf calls for %i, for a fifth of the instructions
+    const long number = std::strtol(c_str(), &end, 0);  // as sscanf() with %i, for a fifth of the instructions
     return end == c_str() ? -1 : vx::nearestInt(number);
 }
 
@@ -640,7 +641,7 @@ String &String::insert(long pos, const char *s) {
 
 String &String::insert(long pos, char c) { return c == '\0' ? *this : internalInsert(pos, &c, 1); }
 
-// What is left of operator+=(char) when the character does not go into the room at hand.
+// operator+=(char) when the character does not fit into the block or is NUL.
 String &String::concatCharacter(char c) { return c == '\0' ? *this : internalConcat(&c, 1); }
 
 String &String::internalConcat(const char *bytes, long count) {
@@ -684,7 +685,7 @@ String &String::internalInsert(long pos, const char *bytes, long count) {
     if (inside < 0) {
         std::memcpy(gap, bytes, n);
     } else {
-        // The inserted bytes are the string's own: those after the gap have just moved by its width.
+        // The inserted bytes are the string's own. Those after the gap have just moved by n.
         const size_t before = inside < pos ? std::min(n, static_cast<size_t>(pos - inside)) : 0;
         std::memcpy(gap, buffer_->text + inside, before);
         std::memcpy(gap + before, buffer_->text + inside + before + n, n - before);
@@ -704,7 +705,8 @@ void String::assign(const char *bytes, long count) {
     setLength(buffer_, count);
 }
 
-// Takes over a block that counts this object already; the old one goes last, since the new text may come from it.
+// Replaces the block by one whose count includes this object. Releases the old one last: the caller may have copied
+// from an argument that points into it.
 void String::take(StringBuffer *block) {
     StringBuffer *old = buffer_;
     buffer_ = block;
@@ -722,7 +724,7 @@ void String::makePrivate() {
     take(copy);
 }
 
-// Cuts everything but the piece.
+// Removes everything except `count` bytes from `start` on.
 void String::keepOnly(long start, long count) {
     if (isPrivate(buffer_)) {
         std::memmove(buffer_->text, buffer_->text + start, static_cast<size_t>(count));
@@ -762,7 +764,7 @@ String operator+(char left, const String &right) {
     return sum;
 }
 
-// Makes the sum in the left operand's own block, which gets the size that a new block would have.
+// Makes the sum in the left operand's block, resized to the capacity that a new block would have.
 String String::sum(String &left, const char *right, long count) {
     if (count <= 0) return left;
     const size_t length = sizeOf(left) + static_cast<size_t>(count);

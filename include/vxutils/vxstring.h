@@ -1,8 +1,8 @@
 /* SPDX-License-Identifier: MIT */
 /**
  * @file
- * **Purpose.** `String`: the byte string of the class face, a value that costs one pointer to hold and one increment to
- * copy. strutil.h works on plain C texts.
+ * **Purpose.** `String` is the text class of the C++ interface: a sequence of bytes with reference-counted
+ * copy-on-write. A String has the size of a pointer, and a copy costs one increment. strutil.h works on plain C texts.
  *
  * **Example.**
  * @code
@@ -14,23 +14,23 @@
  * name.format("%lu", (unsigned long)sizeof path);      // not %zu: format() lists the conversions that it understands
  * @endcode
  *
- * **Texts.** A text is any sequence of bytes and is always followed by a NUL; most operations that look into a text
- * with the C library's functions (`strcmp`, `strstr`, `strchr`) see it up to the first NUL inside, where there is one.
- * Case is folded for `A`..`Z` only, whatever the locale. A position out of range is never an error: each operation says
- * what it does then.
+ * **Texts.** A text is any sequence of bytes, always followed by a NUL. It may hold NULs, but comparisons by `strcmp`
+ * and searches see it only up to the first one. Case is folded for `A`..`Z` only, whatever the locale. A position out
+ * of range is never an error: each operation says what it does then.
  *
- * **Ownership.** Copies share one block (String::StringBuffer) and a changing operation first takes a block of its own
- * when the block is shared. c_str() is valid until the next change. An argument may be inside the string that it
- * changes: `s += s.c_str() + 3` and `s.insert(1, s)` work.
+ * **Ownership.** Copies share one block (String::StringBuffer). An operation that changes a String with a shared block
+ * gives it a block of its own first. c_str() is valid until the next change or the end of the String. An argument may
+ * point into the String that it changes: `s += s.c_str() + 3` and `s.insert(1, s)` work.
  *
- * **Threads, signals, fork.** The counts are plain integers. A String and all copies made from it belong to one thread;
- * give another thread a text of its own, `String(s.c_str())`. Not for signal handlers. A forked child has copies of its
- * own.
+ * **Threads, signals, fork.** The counts of references are plain integers: a String and all copies of it belong to one
+ * thread. Give another thread a text of its own, `String(s.c_str())`. Empty Strings may be made in any thread, although
+ * they share one buffer: it is never written and never freed. Not for signal handlers. After fork() the child has
+ * copies of its own.
  *
- * **Blocking.** Never.
+ * **Blocking.** No call blocks.
  *
- * **Errors.** A process that has no memory left for a text, or asks for a longer one than there can be, is aborted. No
- * operation throws.
+ * **Errors.** The process is aborted when there is no memory for a text, or when a text would be longer than the limit.
+ * No operation throws.
  *
  * **Limits.** Lengths and positions are `long` and count bytes; a text is at most 2^31 - 1 bytes long.
  *
@@ -47,28 +47,30 @@
 #include <string.h>
 #include <vxutils/api.h>
 
+/** A text: a value that is cheap to copy. See the top of this file for threads, ownership and NULs inside. */
 class VXUTILS_API String {
 public:
     /**
-     * The block that Strings share: one `malloc`, three numbers and the text.
+     * The block that Strings share: one `malloc` for three numbers and the text. It is public because inline functions
+     * in shipped programs read it.
      *
-     * A block for a text of n bytes has room for A bytes of text and NUL: A = ((n + 8) with its low four bits cleared)
-     * + 8 while n < 128, else A = ((n - 64) with its low six bits cleared) + 128.  Its capacity is A - 1.
+     * A block for a text of n bytes has room for A bytes, the NUL included. For n < 128, A is (n + 8) with its low four
+     * bits cleared, plus 8; else it is (n - 64) with its low six bits cleared, plus 128. The capacity is A - 1.
      */
     struct VXUTILS_API StringBuffer {
-        int32_t refCount; /**< Strings that point here; the shared empty buffer counts itself once more. */
+        int32_t refCount; /**< Strings that point here; the shared empty buffer has one reference more. */
         int32_t capacity; /**< Longest text that fits. */
         int32_t length;   /**< Bytes of the text, its NUL not counted. */
         char text[1];     /**< In fact capacity + 1 bytes; text[length] is NUL. */
 
-        /** @return the one block of all empty texts that own no block: capacity 0, never freed, never written. */
+        /** @return the shared empty buffer: its capacity is 0; it is never freed and its text never written. */
         static StringBuffer *EMPTY();
     };
 
     /** @name Construction and assignment
      * @{ */
 
-    /** Share the empty buffer. */
+    /** Hold the empty text: share the empty buffer. */
     String();
 
     /**
@@ -98,41 +100,40 @@ public:
     String(const char *s, long capacity);
 
     /**
-     * Copy a piece of @p s: @p count bytes from @p start on, or as many as there are.
-     * @param s     NULL gives the shared empty buffer.
-     * @param start where the piece begins; a negative value counts as 0, one after the end as the end.
-     * @param count most bytes to copy, which are not reduced by a negative @p start.
-     * An empty piece gives the shared empty buffer.
+     * Copy a piece of @p s: @p count bytes from @p start on, or as many as there are. An empty piece gives the shared
+     * empty buffer.
+     * @param s      the text; NULL gives the shared empty buffer
+     * @param start  where the piece begins; a negative value counts as 0, one after the end as the end
+     * @param count  most bytes to copy; a negative @p start does not reduce it
      */
     String(const char *s, long start, long count);
 
     /** Give the block back; the last of its Strings frees it. */
     VXUTILS_API ~String() { release(buffer_); }
 
-    /** Share the other's block; nothing when both are the same object. */
+    /** Share the other's block; no effect when both are the same object. */
     String &operator=(const String &other);
 
     /** Hold one character, always in a new block of capacity 7; NUL gives the shared empty buffer. */
     String &operator=(char c);
 
-    /** A copy of @p s, in place where the own block is unshared and large enough; NULL gives the shared empty buffer.
-     */
+    /** Copy @p s, in place if the block is unshared and large enough; NULL gives the shared empty buffer. */
     String &operator=(const char *s);
 
     /**
-     * Make a text as String(char).
+     * Return String(c).
      * @param c  the character
      * @return the new String
      */
     static String stringOf(char c);
     /**
-     * Make a text as String(const char *).
+     * Return String(s).
      * @param s  the text
      * @return the new String
      */
     static String stringOf(const char *s);
     /**
-     * Make a text as String(const char *, long, long).
+     * Return String(s, start, count).
      * @param s      the text
      * @param start  position of the first byte
      * @param count  number of bytes
@@ -152,7 +153,7 @@ public:
      */
     static String stringOf(unsigned long number);
     /**
-     * Write the address as the system's `printf` shows it with `%p`.
+     * Write the address as `printf` does with `%p`.
      * @param pointer  the address
      * @return the new String
      */
@@ -203,7 +204,7 @@ public:
     bool equals(const char *s) const;
     /**
      * @param other  the other String
-     * @return whether both are of one length and `strnicmp` finds them equal.
+     * @return whether both have the same length and `strnicmp` finds them equal.
      */
     bool equalsIgnoreCase(const String &other) const;
     /**
@@ -214,18 +215,18 @@ public:
 
     /**
      * @param prefix  text to compare with
-     * @return whether the text begins with @p prefix; an empty one begins every text.
+     * @return whether the text begins with @p prefix; true for an empty one.
      */
     bool startsWith(const String &prefix) const;
     /**
      * @param prefix  text to compare with
      * @param offset  position in this text
-     * @return whether @p prefix is at @p offset; false for a negative offset or one that leaves no room for it.
+     * @return whether @p prefix is at @p offset; false for a negative offset or when it would reach beyond the end.
      */
     bool startsWith(const String &prefix, long offset) const;
     /**
      * @param suffix  text to compare with
-     * @return whether the text ends with @p suffix.
+     * @return whether the text ends with @p suffix; true for an empty one.
      */
     bool endsWith(const String &suffix) const;
 
@@ -241,7 +242,7 @@ public:
      */
     bool regionMatches(bool ignoreCase, long offset, const String &other, long otherOffset, long count) const;
     /**
-     * Compare regions, with the case looked at.
+     * Compare regions as the function above does with @p ignoreCase false.
      * @param offset       position in this text
      * @param other        the other String
      * @param otherOffset  position in @p other
@@ -251,15 +252,16 @@ public:
     bool regionMatches(long offset, const String &other, long otherOffset, long count) const;
 
     /**
-     * Copy the bytes from @p begin up to, not including, @p end; both are brought into the text first.
-     * @param dst gets the bytes without a NUL; NULL copies nothing.
+     * Copy the bytes from @p begin up to, not including, @p end. A position outside of the text counts as the nearest
+     * one inside.
      * @param begin  position of the first byte
      * @param end    position after the last byte
-     * @return the number of bytes copied.
+     * @param dst    receives the bytes, without a NUL; has room for all of them. NULL copies nothing.
+     * @return the number of bytes copied
      */
     long getChars(long begin, long end, char *dst) const;
 
-    /** @return the byte at @p index, 0 for an index outside of the text.  Inline: a walk makes no call. */
+    /** @return the byte at @p index; NUL for an index outside of the text. */
     VXUTILS_API char operator[](long index) const {
         return index < 0 || index >= length() ? '\0' : buffer_->text[index];
     }
@@ -270,7 +272,7 @@ public:
     /**
      * Read the number at the beginning of the text as `sscanf` does with `%i`: decimal, octal after "0", hexadecimal
      * after "0x".
-     * @return the nearest int when the number is out of range; -1 when there is no number.
+     * @return the number, or the nearest int when it is out of range; -1 when there is no number
      */
     int toInteger() const;
 
@@ -281,8 +283,8 @@ public:
     String substring(long begin) const;
 
     /**
-     * Copy the piece from @p begin up to, not including, @p end.  A negative @p begin starts at 0 without shortening
-     * the piece: `substring(-2, 3)` gives the first five bytes.
+     * Copy the piece from @p begin up to, not including, @p end. A negative @p begin starts at 0 without shortening
+     * the piece: `substring(-2, 3)` gives the first five bytes (Quirk Q3).
      * @param begin  position of the first byte
      * @param end    position after the last byte
      * @return the piece; empty unless @p begin is below @p end and below the length.
@@ -295,8 +297,8 @@ public:
      * @{ */
 
     /**
-     * Find the first @p c; none for NUL.
-     * @param c  character to look for
+     * Find the first @p c.
+     * @param c  character to look for; NUL is never found
      * @return the position, or -1
      */
     long indexOf(char c) const;
@@ -308,13 +310,13 @@ public:
      */
     long indexOf(char c, long from) const;
     /**
-     * Find the first place where @p s is; an empty @p s is at 0.
-     * @param s  text to look for
+     * Find the first occurrence of @p s.
+     * @param s  text to look for; an empty one is found at 0
      * @return the position, or -1
      */
     long indexOf(const String &s) const;
     /**
-     * Find the first place at or after @p from where @p s is; a negative @p from counts as 0.
+     * Find the first occurrence of @p s at or after @p from; a negative @p from counts as 0.
      * @param s     text to look for
      * @param from  position to start at
      * @return the position, or -1
@@ -341,20 +343,22 @@ public:
      */
     long lastIndexOf(char c) const;
     /**
-     * Find the last @p c at or before @p from; none for a negative @p from.
+     * Find the last @p c at or before @p from; a negative @p from finds nothing.
      * @param c     character to look for
      * @param from  position to start at
      * @return the position, or a negative number
      */
     long lastIndexOf(char c, long from) const;
     /**
-     * Find the last place where @p s is; an empty @p s is at the end.
-     * @param s  text to look for
-     * @return for an @p s longer than the text the difference of the lengths: negative, and not always -1.
+     * Find the last occurrence of @p s.
+     * @param s  text to look for; an empty one is found at the end
+     * @return the position, or a negative number: -1, or for an @p s longer than the text the difference of the lengths
+     *         (Quirk Q2)
      */
     long lastIndexOf(const String &s) const;
     /**
-     * Find the last place at or before @p from; none for a negative @p from; a longer @p s as above.
+     * Find the last occurrence of @p s at or before @p from; a negative @p from finds nothing, and a longer @p s gives
+     * a negative number as above.
      * @param s     text to look for
      * @param from  position to start at
      * @return the position, or a negative number
@@ -376,8 +380,8 @@ public:
 
     /** @} */
     /** @name Changes
-     * Each works in place where the block is unshared and large enough.  Else a text that grows or is cut goes into a
-     * block of the size for its new length, a text that keeps its length into one of the same capacity.
+     * Each works in place if the block is unshared and large enough. Otherwise a text that grows or shrinks goes into a
+     * block for its new length, and a text that keeps its length into one of the same capacity.
      * @{ */
 
     /**
@@ -387,7 +391,7 @@ public:
      */
     String &concat(const String &s);
     /**
-     * Append @p count bytes of @p bytes, NULs included; nothing for NULL or a count below 1.
+     * Append @p count bytes of @p bytes, NULs included. No effect for NULL or a count below 1.
      * @param bytes  bytes to append
      * @param count  number of bytes
      * @return this String
@@ -395,9 +399,9 @@ public:
     String &concat(const char *bytes, long count);
     /** Append @p s. */
     String &operator+=(const String &s);
-    /** Append @p s; nothing for NULL. */
+    /** Append @p s; no effect for NULL. */
     String &operator+=(const char *s);
-    /** Append @p c; nothing for NUL. */
+    /** Append @p c; no effect for NUL. */
     VXUTILS_API String &operator+=(char c) {
         if (buffer_->refCount > 1 || buffer_->length >= buffer_->capacity || c == '\0') return concatCharacter(c);
         char *end = buffer_->text + buffer_->length++;
@@ -410,11 +414,11 @@ public:
      * Replace the text by a formatted one. The compiler checks the arguments as it does for printf, and the same rule
      * holds here: a String is passed as `text.c_str()`.
      *
-     * The length is that of strlenf() (xprintf.h), the bytes are those of the system's `vsnprintf`. Both understand the
-     * conversions `d i u x X o c s p %`, with flags, width, precision and the lengths `h` and `l`: use these. What
-     * printf alone knows (`%zu`, `%lld`, `%hhu`, `%f`, `%e`, `%g`) is cut, or filled with NULs, to the length measured
-     * without that argument. Pass a `size_t` as `%lu` with a cast to `unsigned long`, and a `long long` or a `double`
-     * as a text. Nothing to write gives the shared empty buffer.
+     * Use only the conversions `d i u x X o c s p %`, with flags, width, precision and the lengths `h` and `l`. Pass a
+     * `size_t` as `%lu` with a cast to `unsigned long`, and a `long long` or a `double` as a text. The reason (Quirk
+     * Q4): the length comes from strlenf() (xprintf.h) and the bytes from the system's `vsnprintf`. A conversion that
+     * only the latter knows (`%zu`, `%lld`, `%hhu`, `%f`, `%e`, `%g`) is measured without its argument, and the text is
+     * cut or filled with NULs to that length. An empty result gives the shared empty buffer.
      * @param fmt format; NULL counts as empty
      * @return this String
      */
@@ -452,31 +456,31 @@ public:
     String &toLowerCase();
 
     /**
-     * Replace every byte @p from by @p to; nothing when @p to is NUL.
+     * Replace every byte @p from by @p to; no effect when @p to is NUL.
      * @param from  byte to replace
      * @param to    byte to put there
      */
     void replace(char from, char to);
 
-    /** Cut blanks (space, TAB, LF, VT, FF, CR) at both ends; nothing left gives the shared empty buffer. */
+    /** Cut blanks (space, TAB, LF, VT, FF, CR) at both ends; if nothing is left, share the empty buffer. */
     void trim();
 
     /**
-     * Insert @p s before @p pos, the length appends; nothing for a position outside of the text.
-     * @param pos  position, 0 to the length
+     * Insert @p s before @p pos.
+     * @param pos  position, 0 to the length, which appends; no effect outside of that
      * @param s    the text
      * @return this String
      */
     String &insert(long pos, const String &s);
     /**
-     * Insert a C text; nothing for NULL.
+     * Insert a C text; no effect for NULL.
      * @param pos  position, 0 to the length
      * @param s    the text
      * @return this String
      */
     String &insert(long pos, const char *s);
     /**
-     * Insert one character; nothing for NUL.
+     * Insert one character; no effect for NUL.
      * @param pos  position, 0 to the length
      * @param c    the character
      * @return this String
@@ -508,7 +512,7 @@ private:
 };
 
 /** @name Concatenation
- * A String made of the left operand, then `+=` of the right one.
+ * Each makes a String of the left operand and appends the right one.
  * @{ */
 VXUTILS_API String operator+(const String &left, const String &right);
 VXUTILS_API String operator+(const String &left, const char *right);
@@ -518,8 +522,8 @@ VXUTILS_API String operator+(char left, const String &right);
 /** @} */
 
 /** @name Concatenation to a temporary
- * The same sums, made in the block of a left operand that no other code sees: `a + b + c` builds one text, not two. 
- * The operand may be empty afterwards.
+ * The same, in the block of a left operand that is a temporary: `a + b + c` builds one text, not two. The operand may
+ * be empty afterwards.
  * @{ */
 VXUTILS_API String operator+(String &&left, const String &right);
 VXUTILS_API String operator+(String &&left, const char *right);
@@ -532,7 +536,7 @@ VXUTILS_API String operator+(String &&left, char right);
 VXUTILS_API inline bool operator==(const String &left, const String &right) {
     if (left.c_str() == right.c_str()) return true;
     if (left.length() != right.length()) return false;
-    // The same bytes are the same text; others still may be, where both end at a NUL inside.
+    // Different bytes still compare equal when the difference comes after a NUL inside.
     return memcmp(left.c_str(), right.c_str(), static_cast<size_t>(left.length())) == 0 ||
            strcmp(left.c_str(), right.c_str()) == 0;
 }
