@@ -57,7 +57,7 @@ typedef struct route_record route_record;
  * Compare two address records.
  * @param a,b records, either may be NULL.
  * @return 0 when they hold the same address of the same family, when both have the same family without addresses, or
- * when both are NULL; 1 otherwise.
+ *         when both are NULL; 1 otherwise.
  */
 VXUTILS_API int addr_differs(const struct sockaddr *a, const struct sockaddr *b);
 
@@ -130,7 +130,7 @@ VXUTILS_API int netmask2cidr(const struct sockaddr *mask);
  * @param addr address record, left as it is.
  * @param mask netmask record of the same family.
  * @return @p dst; NULL, with nothing written, when a pointer is NULL, the families differ or have no addresses, or the
- * mask is not one run of bits from the top.
+ *         mask is not one run of bits from the top.
  */
 VXUTILS_API char *net2cidr(char *dst, const struct sockaddr *addr, const struct sockaddr *mask);
 

@@ -89,7 +89,7 @@ typedef struct cfread_table {
 /**
  * Read a file and what it includes into a new table.
  * @param file name of the file; kept in the table and shown in messages of cfread_set_entry(), so it should live as
- * long.
+ *         long.
  * @return the table, to be released with cfread_close(); NULL on any failure, of which nothing is kept.
  */
 VXUTILS_API cfread_table *cfread_open(const char *file);

@@ -83,7 +83,7 @@ public:
      * Read a value.
      *
      * @param value receives it; left unchanged when there is no answer, when the key is empty or has more than 255
-     * characters
+     *         characters
      * @param key  key, at most 255 characters
      * @return @p value
      */

@@ -57,7 +57,7 @@ public:
      * @param fileName  name of the file
      * @param tableSize number of buckets to begin with, about the number of keys
      * @return true; false when the file cannot be opened, which two lines on standard output tell: the reader is empty
-     * then
+     *         then
      * @throws std::bad_array_new_length when @p tableSize is beyond what a table can have (hashtable.h)
      */
     virtual bool initialize(String const &fileName, unsigned long tableSize);

@@ -220,7 +220,7 @@ VXUTILS_API int delete_directory(const char *path);
  * Empty a directory as delete_directory() does, and keep it.
  *
  * @param path directory, or a link to one. The link has to belong to root or to the process's user, or to lie in a
- * directory of theirs that not every user may write to. Anything else is left unchanged, NULL and "" too.
+ *         directory of theirs that not every user may write to. Anything else is left unchanged, NULL and "" too.
  * @return 0; -1 as for delete_directory()
  */
 VXUTILS_API int delete_directory_contents(const char *path);

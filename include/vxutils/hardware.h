@@ -69,7 +69,7 @@ VXUTILS_API int has_sim_holder(void);
 
 /**
  * @return 1 while an update or configuration is in progress (a marker below "/tmp/progress" is readable), else 0. A
- * marker that a user who is neither root nor the process's user may have put there does not count.
+ *         marker that a user who is neither root nor the process's user may have put there does not count.
  */
 VXUTILS_API int in_maintenance(void);
 

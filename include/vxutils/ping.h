@@ -87,11 +87,11 @@ VXUTILS_API int rawping(const char *interface, const char *target, const char *g
  * @param gateway     host to go through; null or empty for none.
  * @param source      source address to use, a dotted quad; null for the interface's own.
  * @param netmask     netmask of the subnet, a dotted quad; null for the interface's own. Given together with @p source
- * or not at all.
+ *         or not at all.
  * @param timeout_ms  milliseconds to wait for each reply; below 500 it is 500, above 10000 it is 10000. The echo to the
  *                    gateway has its own wait.
  * @param buffer_size bytes of the frame or packet; below 48 it is 48, above 1450 it is 1450. A frame's size includes
- * the 14 bytes of its Ethernet header.
+ *         the 14 bytes of its Ethernet header.
  * @param round_trip  receives the time from sending the echo to the arrival of the last packet that was received, also
  *                    when no reply came (it then means nothing); untouched when nothing could be tried. Null for none.
  * @param mark        firewall mark (@c SO_MARK) of the link-level frame, 0 included; null for none. IP-level echoes are

@@ -60,7 +60,7 @@ VXUTILS_API int get_parent_pid(int pid);
  * @param dst receives the name of at most @p n - 1 characters, NUL-terminated; empty on failure.
  * @param n size of @p dst in bytes, at least 2.
  * @return 0; -1 when @p dst is NULL or @p n below 2 (nothing is written then), when a process on the way is gone, or
- * when all three are shells.
+ *         when all three are shells.
  */
 VXUTILS_API int get_caller(char *dst, size_t n);
 
@@ -71,7 +71,7 @@ VXUTILS_API int get_caller(char *dst, size_t n);
  * "utdown" for "shutdown". Callers that look for what a shell was called with know of it.
  * @param pid process id.
  * @return static text of at most 255 characters, valid until the next call; empty for a process that does not exist or
- * has no command line (a thread of the kernel, a zombie).
+ *         has no command line (a thread of the kernel, a zombie).
  */
 VXUTILS_API const char *procname(int pid);
 

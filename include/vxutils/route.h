@@ -51,11 +51,11 @@ struct addrinfo;
  * Ask the kernel by which interface a packet to an address would leave.
  *
  * @param target address as @c getaddrinfo gives it; only @c ai_family and @c ai_addr are read, @c ai_next is not
- * followed.
+ *         followed.
  * @param name   receives the interface's name, at least @c IF_NAMESIZE (16) bytes; untouched on failure.
  * @return 0 with the name written; -1 when either pointer or @c ai_addr is null, the family is neither @c AF_INET nor
  *         @c AF_INET6, the kernel has no route (unreachable, blackhole and prohibit routes included: @c errno then
- * holds the kernel's error) or the query itself fails.
+ *         holds the kernel's error) or the query itself fails.
  *
  * Blocks only for the kernel's own answer; signals do not end it early.
  */

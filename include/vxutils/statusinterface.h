@@ -105,7 +105,7 @@ public:
      * @param basePath tree.
      * @param name daemon's name, beginning with "/"; may name a directory further down.
      * @return true; false, with the reason in the system log, when @p basePath is none of the three (there is no
-     * directory then), or a directory cannot be made or is unsafe (it stays chosen).
+     *         directory then), or a directory cannot be made or is unsafe (it stays chosen).
      */
     bool setup(BasePath basePath, const String &name);
 
@@ -125,7 +125,7 @@ public:
      * @param name file name.
      * @param value set to the contents as they are, NULs and newlines included; empty when the result is false.
      * @return true when the file was opened; a read error counts as its end. False for a FIFO or a device, and for more
-     * than 1 MiB: "Status file PATH holds more than 1048576 bytes!" is then logged (LOG_ERR).
+     *         than 1 MiB: "Status file PATH holds more than 1048576 bytes!" is then logged (LOG_ERR).
      */
     bool getStatus(const String &name, String &value) const;
 
@@ -142,10 +142,10 @@ public:
      * who may write to it can send anything, and users who may read from it can take messages away: set the umask so.
      * @param name name of the FIFO.
      * @param observer receives the data; it must outlive the FIFO. Null throws the data away.
-     * Libevent is not loaded before the first call, and is that of the caller where the process has one. The first
-     * failure to load it is written to the system log.
+     *         Libevent is not loaded before the first call, and is that of the caller where the process has one. The
+     *         first failure to load it is written to the system log.
      * @return the FIFO's identifier; 0 when a step failed, in particular when libevent has no current base or cannot be
-     * loaded. The file is left in place then.
+     *         loaded. The file is left in place then.
      */
     unsigned long setupIpcRxFifo(const String &name, StatusFifoObserver *observer);
 

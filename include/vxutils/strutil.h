@@ -146,7 +146,8 @@ VXUTILS_API const char *strformat(const char *fmt, ...) VXUTILS_PRINTF(1, 2);
  * @param n    most bytes to take from @p src; 0 gives the empty text
  * @param dst  receives the text, always terminated
  * @param size size of @p dst in bytes, 3 or more. What does not fit is left out, at the latest from the character on
- * that would begin at index @p size - 2. A size of exactly 2 gives the empty text; 0 and 1 mean no limit at all.
+ *         that would begin at index @p size - 2. A size of exactly 2 gives the empty text; 0 and 1 mean no limit at
+ *         all.
  * @return @p dst
  */
 VXUTILS_API char *escape(const char *src, size_t n, char *dst, size_t size);

@@ -110,7 +110,7 @@ VXUTILS_API void *register_legacy_sink(void *zmq_context);
  * @param socket from create_legacy_source()
  * @param record copied
  * @return 0, or -1 when it is null or could not be handed to ZeroMQ. Without subscribers the event is dropped, with
- * result 0
+ *         result 0
  */
 VXUTILS_API int dispatch_legacy_event(void *socket, const vxevent_record *record);
 

@@ -71,7 +71,7 @@ VXUTILS_BEGIN_DECLS
  * @param fmt  format; NULL counts as empty
  * @param ap   arguments; indeterminate afterwards
  * @return the number of characters stored, without the terminator. 0 with nothing written when @p buf is NULL, @p size
- * is 0 or @p skip is negative. vstrlenf() tells the length of the whole text.
+ *         is 0 or @p skip is negative. vstrlenf() tells the length of the whole text.
  */
 VXUTILS_API int vsnxprintf(char *buf, int skip, size_t size, const char *fmt, va_list ap) VXUTILS_PRINTF(4, 0);
 
