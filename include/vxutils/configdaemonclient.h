@@ -82,9 +82,8 @@ public:
     /**
      * Read a value.
      *
-     * @param value receives it; left unchanged when there is no answer, when the key is empty or has more than 255
-     *         characters
-     * @param key  key, at most 255 characters
+     * @param key    key, at most 255 characters
+     * @param value  receives the value; left unchanged when there is no answer, and when the key is empty or longer
      * @return @p value
      */
     virtual String &getValue(String const &key, String &value) const;

@@ -62,8 +62,8 @@ public:
 
     /**
      * Set or clear the flags up and running.
-     * @param up 1 sets both, any other value clears both.
      * @param name  interface's name
+     * @param up    1 sets both, any other value clears both
      * @return 1 on success, 0 on failure.
      */
     int setInterfaceUp(const char *name, int up) const;
