@@ -11,7 +11,8 @@
 #include "vxutils/internal/hashtable_filler.h"
 #include "vxutils/internal/text_hash.h"
 
-// The key's text follows the entry in the same block: one allocation and one cache line to an entry.
+// The key's text follows the entry in the same block, so that an entry takes one allocation and, with a short key, one
+// cache line.
 struct INStringHashTable::Entry {
     Entry *next;
     void *value;
@@ -35,7 +36,7 @@ unsigned int bucketCount(uint64_t requested) {
     return static_cast<unsigned int>(count);
 }
 
-// Reads eight bytes as a number whose low end is the first of them.
+// Reads eight bytes as a number in little-endian order.
 uint64_t eightBytes(const char *from) {
     uint64_t bytes;
     std::memcpy(&bytes, from, sizeof bytes);
@@ -43,7 +44,7 @@ uint64_t eightBytes(const char *from) {
     return bytes;
 }
 
-// Reads up to eight bytes, at the high end of a number.
+// Reads fewer than eight bytes into the high end of a number, in the same order.
 uint64_t fewBytes(const char *from, size_t count) {
     uint64_t bytes = 0;
     for (size_t i = 0; i < count; ++i)
@@ -51,12 +52,15 @@ uint64_t fewBytes(const char *from, size_t count) {
     return bytes;
 }
 
-// The hash of a text takes byte after byte: h = h ^ c ^ (h << 5). Read as polynomials over two elements modulo x^32, a
-// step multiplies by p = 1 + x^5 and adds the byte. Since p^8 = 1 + x^40 is 1, eight steps leave what was there alone,
-// so all blocks of eight, counted from the end, can be added up first (zero bytes in front change nothing). Within the
-// sum neighbours are joined with p, pairs with p^2 = 1 + x^10 and their pairs with p^4 = 1 + x^20, side by side.
-// A lookup of 12 characters takes 8 % fewer instructions on the board than with a loop over the bytes (35 % on x86-64),
-// one of 40 characters 28 % fewer (64 %).
+// Computes the same as this loop over the bytes: for (char c : text) h = h ^ c ^ (h << 5). A lookup of 12 characters
+// takes 8 % fewer instructions on the board than with the loop (35 % on x86-64), one of 40 characters 28 % fewer (64
+// %).
+//
+// Why it is the same: seen as a polynomial over GF(2) modulo x^32, h is multiplied by p = 1 + x^5 in each step, and c
+// is added. p^8 = 1 + x^40, which is 1 modulo x^32. So a byte has the same weight as the byte eight places further on,
+// and all blocks of eight bytes, counted from the end, can be added up first; the first block is filled up with zero
+// bytes, which add nothing. The eight bytes of the sum then get their weights in three steps: neighbours are joined
+// with p, pairs with p^2 = 1 + x^10, and pairs of pairs with p^4 = 1 + x^20.
 uint32_t hashText(const char *text, size_t length) {
     const size_t odd = length % 8;
     uint64_t sum = 0;
@@ -73,6 +77,8 @@ uint32_t hashText(const char *text, size_t length) {
     return first ^ first << 20 ^ static_cast<uint32_t>(fours >> 32);
 }
 
+// Compares as memcmp() does, without a call. Longer texts are compared by eight bytes, the last eight of which may
+// overlap the ones before.
 bool sameText(const char *a, const char *b, size_t length) {
     if (length < 8) {
         while (length != 0 && *a == *b) --length, ++a, ++b;
@@ -84,7 +90,7 @@ bool sameText(const char *a, const char *b, size_t length) {
     return eightBytes(a + length - 8) == eightBytes(b + length - 8);
 }
 
-// A text as it is looked for.
+// A key to look for, with its length and hash.
 struct TextKey {
     explicit TextKey(const char *key) : TextKey(key, std::strlen(key)) {}
     TextKey(const char *key, size_t keyLength) : TextKey(key, keyLength, hashText(key, keyLength)) {}
@@ -100,7 +106,8 @@ struct TextKey {
     uint32_t hash;
 };
 
-// What both tables do alike, over buckets that each hold a chain in the order of insertion.
+// The functions below are shared by both tables. A bucket is a linked list in the order of insertion.
+
 template <typename Entry>
 Entry *allocate(size_t extra) {
     void *const block = std::malloc(sizeof(Entry) + extra);
@@ -188,7 +195,7 @@ unsigned long longestChain(Entry *const *buckets, unsigned int count) {
 
 }  // namespace
 
-// What is compiled into callers is exported by the library too.
+// Exports the inline function, too: earlier releases did, and shipped programs may call it.
 [[gnu::used]] static constexpr auto emitted = &INUInt32HashTable::getValueFromKey;
 
 // Quirk Q11.

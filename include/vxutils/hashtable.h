@@ -1,9 +1,10 @@
 /* SPDX-License-Identifier: MIT */
 /**
  * @file
- * **Purpose.** Two small hash tables that map a key to an untyped pointer: by 32-bit number and by text. The number of
- * buckets is chosen at construction and never changes: a table that is too small still works, slowly (getLongestChain()
- * shows it).
+ * **Purpose.** Two small hash tables that map a key to an untyped pointer: INUInt32HashTable by a 32-bit number,
+ * INStringHashTable by a text. The number of buckets is chosen at construction and never changes. With many more
+ * entries than buckets a table still works, but slowly; getLongestChain() shows how slowly. New C++ code inside one
+ * program is better served by std::unordered_map, which grows.
  *
  * **Example.**
  * @code
@@ -18,24 +19,24 @@
  * printf("%d\n", user.logins);  // prints 1
  * @endcode
  *
- * **Keys of strangers.** The hash of a key is fixed and public: an attacker who chooses the keys can choose
- * them so that all share a bucket, and n such keys cost n * n comparisons. Do not store keys of strangers as they come:
- * limit their number, or put something in front of each that strangers cannot know.
+ * **Untrusted keys.** The hash of a key is fixed and public. An attacker who chooses the keys can choose them so that
+ * all are in one bucket, and n such keys cost n * n comparisons. Limit the number of keys that come from outside, or
+ * put a secret in front of each.
  *
  * **Order.** Walks go through the buckets in the order of their numbers, and through each bucket from the oldest entry
  * to the newest. Which bucket a key is in depends on the number of buckets.
  *
- * **Ownership.** The table owns its entries and key copies, never the values.
+ * **Ownership.** A table owns its entries and its copies of text keys, never the values: removing an entry or
+ * destroying the table does not free them. passAllPointers() with free() does, before that.
  *
- * **Threads, signals, fork.** A table is used by one thread at a time; several threads may read one that none changes.
- * (ConfigReader in configreader.h may be asked by several threads because it gives each of them Strings of its own.)
- * Not for signal handlers. A forked child has a copy of its own.
+ * **Threads, signals, fork.** Nothing is locked. Several threads may read a table at once as long as none changes it;
+ * a thread that changes it must be the only one. Not for signal handlers. After fork() the child has a copy of its own.
  *
- * **Blocking.** Never.
+ * **Blocking.** No call blocks.
  *
- * **Errors.** Running out of memory throws std::bad_alloc out of the constructors and addEntry(), with the table
- * unchanged. Lookups and removals report by their results. A NULL text key is never stored or found; key 0 and a NULL
- * value are ordinary.
+ * **Errors.** The constructors and addEntry() throw std::bad_alloc when memory is short; addEntry() leaves the table
+ * unchanged then. Lookups and removals return false when the key is not there. A NULL text key is never stored or
+ * found; key 0 and a NULL value are ordinary.
  *
  * **Limits.** The number of buckets is the smallest power of two that is not below the request, 2 at least; 0x1FFFFFFF
  * buckets or more are refused. A key may be stored more than once; the oldest entry is found and removed first.
@@ -55,12 +56,15 @@ namespace vx {
 struct TextTableFiller; /* the library's own */
 }
 
-/** How a number becomes a bucket. There is one way, and the tables do not look at the choice. */
+/** How a number is mapped to a bucket. There is one way; the tables ignore this argument (Quirk Q11). */
 enum HashFunctionType {
     HASH_LOW_BITS /**< the low bits of the key */
 };
 
-/** Hash table with 32-bit unsigned keys. Where @c unsigned @c long is wider, every key is cut to 32 bits. */
+/**
+ * Hash table with 32-bit unsigned keys. Where @c unsigned @c long has 64 bits, the low 32 bits of a key count. A key is
+ * in the bucket of its low bits: keys that differ only above those share a bucket.
+ */
 class VXUTILS_API INUInt32HashTable {
 public:
     /**
@@ -79,11 +83,12 @@ public:
      * @param key    key
      * @param value  any pointer, NULL included
      * @return true
+     * @throws std::bad_alloc when memory is short
      */
     bool addEntry(unsigned long key, void *value);
 
     /**
-     * Find the oldest value of a key. Compiled into the caller, since a call takes longer than the search.
+     * Find the oldest value of a key. Inline, because a call into the library takes longer than the search.
      *
      * @param key   key
      * @param value receives the value; left unchanged when there is none
@@ -167,6 +172,7 @@ public:
      * @param key    key
      * @param value  any pointer, NULL included
      * @return true; false for a NULL key
+     * @throws std::bad_alloc when memory is short
      */
     bool addEntry(const char *key, void *value);
 
