@@ -34,15 +34,15 @@ public:
         return room_ > SIZE_MAX - toSkip_ ? SIZE_MAX : room_ + toSkip_;
     }
 
-    // Whether the next `count` characters are all stored, and their place.
+    // Tells whether the next `count` characters are all stored. If so, take() returns the place to write them to.
     bool shows(size_t count) const { return count <= left_; }
     char *take(size_t count) {
         left_ -= count;
         return std::exchange(at_, at_ + count);
     }
 
-    // Accounts for `count` characters of which none is stored (all dropped, or after the last that fits); false when
-    // they have to be produced.
+    // Passes over the next `count` characters if none of them is stored: all are skipped, or the buffer is full.
+    // Returns false if some are stored and have to be produced.
     bool pass(size_t count) {
         if (toSkip_ == 0) return left_ == 0;
         if (count > toSkip_) return false;
@@ -76,7 +76,7 @@ public:
         }
     }
 
-    // The window's end holds the terminator.
+    // Writes the terminator, for which the buffer has one byte more than `room`.
     void terminate() { *at_ = '\0'; }
 
 private:
@@ -107,7 +107,7 @@ private:
     const size_t skip_;
 };
 
-// Sink that only counts, up to the largest count.
+// Output sink that only counts, up to the largest count.
 class Counter {
 public:
     size_t stored() const { return count_; }
@@ -129,12 +129,12 @@ private:
     size_t count_ = 0;
 };
 
-// A va_list that functions can share: the type itself may be an array.
+// A va_list that functions can take by reference; va_list itself may be an array type.
 struct Arguments {
     va_list list;
 };
 
-// Flags are characters from 0x20 to 0x30, each with the bit of its place in that range.
+// Flags are characters from 0x20 to 0x30. The bit of a flag is its distance from the first of these.
 constexpr char firstFlag = ' ';
 constexpr char lastFlag = '0';
 constexpr unsigned int flagBit(char c) { return 1U << (c - firstFlag); }
@@ -148,8 +148,8 @@ enum Flag : unsigned int {
 };
 constexpr unsigned int allFlags = spaceSign | alternateForm | forceSign | leftJustify | zeroPad;
 
-// What is between the percent sign and the conversion character. Like Number, it is small enough to be passed in
-// two registers of a 64-bit machine.
+// What is between the percent sign and the conversion character. Like Number, it is passed in two registers on a 64-bit
+// machine.
 struct Field {
     unsigned int flags = 0;
     unsigned int width = 0;
@@ -179,7 +179,7 @@ struct Number {
     Base base;
 };
 
-// Decimal numbers, the most frequent ones, have code of their own.
+// `decimal` is a template argument, so that decimal numbers, the most frequent ones, do not look at the base again.
 template <bool decimal>
 inline size_t countDigits(Number number) {
     if constexpr (decimal) return vx::countDecimalDigits(number.value);
@@ -227,7 +227,7 @@ inline Layout arrange(Field field, size_t prefixLength, size_t digits) {
     return {digits, field.width > body ? field.width - body : 0};
 }
 
-// Writes a field that the window cuts.
+// Writes a field of which only a part is stored.
 template <bool decimal, typename Out>
 [[gnu::noinline]] void putIntegerPartly(Out &out, Field field, Number number) {
     char prefix[mostPrefix];
@@ -262,12 +262,12 @@ template <bool decimal, typename Out>
     writeDigits<decimal>(place, layout.digits, number);
 }
 
-// Measures a text as far as it matters: up to the precision, what the window can show and what the width needs.
+// Measures a text, but not further than the precision, the sink's reach and the width need.
 template <typename Out>
 inline size_t usedLength(const Out &out, Field field, const char *text) {
     size_t most = std::max(out.reach(), size_t{field.width});
     if (field.precision >= 0) most = std::min(most, static_cast<size_t>(field.precision));
-    // As strnlen, which takes 5 times the instructions of memchr on the boards.
+    // The same as strnlen(), which takes 5 times the instructions of memchr() on the boards.
     const void *nul = std::memchr(text, '\0', most);
     return nul == nullptr ? most : static_cast<size_t>(static_cast<const char *>(nul) - text);
 }
@@ -332,7 +332,7 @@ inline Number nextPointer(Arguments &args) {
     return {reinterpret_cast<uintptr_t>(va_arg(args.list, void *)), Prefix::lowerHex, Base::lowerHex};
 }
 
-// Reads a run of digits, in wrapping arithmetic: overflow is not checked, but it is harmless.
+// Reads a run of digits. An overflow wraps, as the header says.
 inline int readDigits(const char *&at) {
     unsigned int number = 0;
     for (; *at >= '0' && *at <= '9'; ++at) number = number * 10 + static_cast<unsigned int>(*at - '0');
@@ -414,7 +414,7 @@ inline void convert(Out &out, Field field, char conversion, Arguments &args) {
     }
 }
 
-// Writes the text before the next conversion: between two there is often one character, or none.
+// Writes the text before the next conversion. Often that is one character or none, which needs no search.
 template <typename Out>
 inline const char *putLiteral(Out &out, const char *at) {
     if (*at == '%' || *at == '\0') return at;
@@ -427,8 +427,8 @@ inline const char *putLiteral(Out &out, const char *at) {
     return end;
 }
 
-template <typename Out>
 // Quirk Q9.
+template <typename Out>
 void formatAll(Out &out, const char *at, Arguments &args) {
     for (;;) {
         at = putLiteral(out, at);

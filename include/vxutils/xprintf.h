@@ -1,8 +1,9 @@
 /* SPDX-License-Identifier: MIT */
 /**
  * @file
- * **Purpose.** The library's own printf-style formatter. It can produce any slice of a formatted text: the first `skip`
- * characters are left out, so that a long text is fetched piece by piece through a small buffer.
+ * **Purpose.** A printf-style formatter that can produce any slice of the text: it leaves out the first `skip`
+ * characters, so that a long text can be fetched piece by piece through a small buffer. Its result does not depend on
+ * the locale. Use the C library's functions for floating point.
  *
  * **Example.**
  * @code
@@ -27,25 +28,26 @@
  * | s          | const char \*                   | text, cut to the precision; NULL is (null)           |
  * | n          | int \* (h: short \*)            | nothing; stores the number of characters so far      |
  *
- * The compiler checks the arguments as it does for printf; it does not know the differences:
+ * The compiler checks the arguments as it does for printf. It does not know these differences:
  *
  * - A zero value always prints its one digit, also with precision 0. The 0 flag pads texts with zeros, too.
  * - n counts skipped characters and stops once the buffer is full.
  * - Any other conversion character, floating point and a second l or h included, prints itself and takes no argument
  *   (but those of its stars); what came before it is dropped. A lone percent sign at the end ends the output.
- * - A negative \* precision means none. A width written in digits is not checked for overflow.
+ * - A negative \* precision counts as none. A width or precision written in digits wraps when it overflows.
  *
  * A text argument with a precision need not be terminated within it: no byte after the precision is read.
  *
- * **Ownership.** Buffers are the caller's.
+ * **Ownership.** Buffers belong to the caller.
  *
  * **Threads, signals, fork.** All functions are reentrant and async-signal-safe, and leave the locale and `errno`
  * alone.
  *
- * **Blocking.** Never. The work grows with what is stored: padding and texts outside the slice are passed over in one
- * step.
+ * **Blocking.** No call blocks. Padding and texts outside the slice are passed over in one step, so the time depends on
+ * what is stored and on the format.
  *
- * **Errors.** There are none: every format gives a text. NULL buffers, a size of 0 and a negative skip store nothing.
+ * **Errors.** No call fails: every format gives a text. With a NULL buffer, a size of 0 or a negative skip the result
+ * is 0 and nothing is stored.
  *
  * **Limits.** Lengths are counted up to 4294967294 characters.
  *
@@ -65,8 +67,8 @@ VXUTILS_BEGIN_DECLS
 /**
  * Format into @p buf, leaving out the first @p skip characters of the text.
  *
- * @param buf  receives at most @p size - 1 characters and a terminator; no byte after @p size is touched
- * @param skip number of leading characters to leave out
+ * @param buf  receives at most @p size - 1 characters and a terminator; NULL stores nothing
+ * @param skip number of leading characters to leave out; a negative number stores nothing
  * @param size size of @p buf in bytes
  * @param fmt  format; NULL counts as empty
  * @param ap   arguments; indeterminate afterwards
