@@ -54,7 +54,7 @@ struct RouteQuery {
     size_t requestLength;
 };
 
-// Every failure is one debug message and -1, errno left as the failed call set it.
+// Ends a failed call with one debug message and -1. errno stays as the failed system call has set it.
 int fail(const char *message) {
     vx::log(LOG_DEBUG, "%s", message);
     return -1;
@@ -65,7 +65,7 @@ int failQuery() {
     return -1;
 }
 
-// Takes the address over by way of its text, so that what is logged is what is asked for.
+// Copies the address by way of its text, so that the message shows what is asked for.
 bool takeAddress(RouteQuery &query, const addrinfo &target) {
     const auto *record = reinterpret_cast<const uint8_t *>(target.ai_addr);  // of any alignment
     const uint8_t *address = nullptr;
@@ -134,7 +134,7 @@ int sendRequest(RouteQuery &query) {
 
 // Receives until the kernel has answered; the answer's payload lies in `buffer`.
 int receiveAnswer(const RouteQuery &query, std::span<uint8_t> buffer, Answer &answer) {
-    errno = 0;  // an orderly end of the socket sets none, and the message shows it
+    errno = 0;  // recvmsg() returning 0 does not set it, and the message shows it
     for (;;) {
         sockaddr_nl sender{};
         iovec part{buffer.data(), buffer.size()};
@@ -160,7 +160,7 @@ int receiveAnswer(const RouteQuery &query, std::span<uint8_t> buffer, Answer &an
     }
 }
 
-// An error message never carries a route: the zero of an acknowledgement is not success here.
+// Fails on an error message, also on an acknowledgement, whose error number is 0: neither carries a route.
 int refuseError(const Answer &answer) {
     if (answer.header.nlmsg_type != NLMSG_ERROR) return 0;
     const auto error = vx::netlink::errorField(answer.payload);
@@ -168,7 +168,7 @@ int refuseError(const Answer &answer) {
     return failQuery();
 }
 
-// The name comes from the socket that is open anyway; if_indextoname() would make one of its own for the same request.
+// Asks the socket that is already open; if_indextoname() would open another one for the same request.
 bool interfaceName(int fd, uint32_t index, char *name) {
     ifreq request{};
     request.ifr_ifindex = static_cast<int>(index);

@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: MIT */
 /**
  * @file
- * **Purpose.** Route query: by which interface would a packet to this address leave?
+ * **Purpose.** Asks the kernel by which interface a packet to an address would leave. Nothing is sent to that address.
  *
  * **Example.**
  * @code
@@ -14,21 +14,21 @@
  * if (target != NULL) freeaddrinfo(target);
  * @endcode
  *
- * **What is asked.** A one-shot query over rtnetlink: socket, one request, one answer, close. It asks the kernel's main
- * view of its routes: table, mark, source address and scope are not part of the question. For a link-local target
- * (fe80::/10) the interface of `sin6_scope_id` is therefore ignored, and the answer is the interface of the first
- * link-local route, which may be another link's.
+ * **What is asked.** Each call opens an rtnetlink socket, sends one request, reads one answer and closes the socket.
+ * The request names the address only. A route that depends on a mark, a source address or a table of its own may
+ * therefore differ from the answer. For a link-local target (fe80::/10) `sin6_scope_id` is ignored: the answer is the
+ * interface of the first link-local route, which may be another link's.
  *
- * **Ownership.** Target and name are the caller's; nothing is kept.
+ * **Ownership.** Target and name belong to the caller; no pointer is kept.
  *
- * **Threads, signals, fork.** Nothing is cached and nothing is shared between calls: any number of threads may ask at
- * once. Not for signal handlers.
+ * **Threads, signals, fork.** Calls share nothing: any number of threads may ask at once, and a forked child, too. Not
+ * for signal handlers.
  *
- * **Blocking.** Only for the kernel's own answer; signals do not end it early.
+ * **Blocking.** A call waits for the kernel's answer, which needs no other host. Signals do not end the wait.
  *
- * **Errors.** A result of -1, and messages in the system log at LOG_DEBUG only. errno is the kernel's error when the
- * kernel refuses the route (ENETUNREACH, EINVAL for blackhole, EACCES for prohibit, EHOSTUNREACH for unreachable), that
- * of the failing call when a socket call fails, and unchanged for a NULL pointer and an unknown family.
+ * **Errors.** A call that fails returns -1 and logs the reason at LOG_DEBUG. errno is the kernel's error when the
+ * kernel refuses the route (ENETUNREACH, EINVAL for blackhole, EACCES for prohibit, EHOSTUNREACH for unreachable) and
+ * the error of the system call when one fails. It is unchanged for a NULL pointer and an unknown family.
  *
  * **Limits.** One answer of at most 16384 bytes. An interface's name has at most 15 characters.
  *
@@ -50,14 +50,12 @@ struct addrinfo;
 /**
  * Ask the kernel by which interface a packet to an address would leave.
  *
- * @param target address as @c getaddrinfo gives it; only @c ai_family and @c ai_addr are read, @c ai_next is not
+ * @param target address as @c getaddrinfo returns it; only @c ai_family and @c ai_addr are read, @c ai_next is not
  *         followed.
  * @param name   receives the interface's name, at least @c IF_NAMESIZE (16) bytes; untouched on failure.
  * @return 0 with the name written; -1 when either pointer or @c ai_addr is null, the family is neither @c AF_INET nor
  *         @c AF_INET6, the kernel has no route (unreachable, blackhole and prohibit routes included: @c errno then
  *         holds the kernel's error) or the query itself fails.
- *
- * Blocks only for the kernel's own answer; signals do not end it early.
  */
 VXUTILS_API int route_get_interface(const struct addrinfo *target, char *name);
 
