@@ -43,7 +43,7 @@ constexpr int lookOnly = 0x10;  // the kernel's MSG_PROBE, which the C library d
 
 using PacketBuffer = std::array<uint8_t, largestBuffer>;
 
-// Everything one call knows.
+// State of one ping call.
 struct EchoContext {
     const char *interface;
     const char *target;
@@ -59,8 +59,8 @@ struct EchoContext {
     int interfaceIndex;
     unsigned int timeoutMs;
     int bufferSize;
-    // Closed as soon as the first echo has left, not before: closing a packet socket takes the kernel milliseconds, and
-    // a processor that has slept meanwhile is slow to send an echo.
+    // Closed only when the first echo has been sent: closing a packet socket takes the kernel milliseconds, and a
+    // processor that has slept in them is slow to send an echo.
     vx::Fd querySocket;
     vx::Fd packetSocket;
     vx::Fd ipSocket;
@@ -106,8 +106,8 @@ int bindToDevice(int fd, const char *interface) {
     return setsockopt(fd, SOL_SOCKET, SO_BINDTODEVICE, name.data(), name.size());
 }
 
-// The kernel notes when a packet comes in; without it, the polling step would count as travel time.  A kernel that
-// refuses costs accuracy only.
+// Makes the kernel record when a packet comes in; otherwise the polling step would count as travel time. If the kernel
+// refuses, the round-trip time is less accurate.
 void stampArrivals(int fd) {
     const int on = 1;
     (void)setsockopt(fd, SOL_SOCKET, SO_TIMESTAMPNS, &on, sizeof on);
@@ -121,7 +121,7 @@ timespec now(clockid_t clock) {
 
 bool earlier(const timespec &left, const timespec &right) { return uselapsed(left, right) > 0; }
 
-// Finds the kernel's note, on its own clock: CLOCK_REALTIME.
+// Finds the time that the kernel has recorded. Its clock is CLOCK_REALTIME.
 bool arrivalNote(msghdr &message, timespec &note) {
     for (cmsghdr *part = CMSG_FIRSTHDR(&message); part != nullptr; part = CMSG_NXTHDR(&message, part)) {
         if (part->cmsg_level != SOL_SOCKET || part->cmsg_type != SCM_TIMESTAMPNS) continue;
@@ -132,8 +132,8 @@ bool arrivalNote(msghdr &message, timespec &note) {
     return false;
 }
 
-// Tells when the packet just received came in, on `clock`. A note that would lie before the sending or in the future
-// (the wall clock was set during the wait) is not believed.
+// Returns the time on `clock` at which the packet just received came in. A recorded time before the sending or in the
+// future is ignored: the wall clock was set during the wait.
 timespec arrivalTime(msghdr &message, clockid_t clock, const timespec &sent) {
     const timespec present = now(clock);
     timespec note{};
@@ -143,7 +143,7 @@ timespec arrivalTime(msghdr &message, clockid_t clock, const timespec &sent) {
     return age.tv_sec < 0 || earlier(arrival, sent) ? present : arrival;
 }
 
-// Receives without blocking; -1 with EAGAIN when nothing is there.
+// Receives without blocking; -1 with EAGAIN when there is no packet.
 ssize_t receivePacket(int fd, std::span<uint8_t> buffer, clockid_t clock, const timespec &sent, timespec &received) {
     alignas(cmsghdr) std::array<char, 128> control;
     iovec part{buffer.data(), buffer.size()};
@@ -163,7 +163,7 @@ void sleepStep() {
 
 enum class Wait { answered, failed, exhausted };
 
-// Hands every packet that comes in to `isReply` until it says yes, the time is used up or there were too many.
+// Passes every packet that comes in to `isReply`, until it returns true, the time is used up or there were too many.
 template <typename IsReply>
 Wait waitForReply(EchoContext &context, int fd, std::span<uint8_t> buffer, clockid_t clock, IsReply isReply) {
     long budgetUs = static_cast<long>(context.timeoutMs) * 1000 + waitMarginUs;
@@ -194,8 +194,7 @@ int sendPlain(EchoContext &context) {
         vx::log(LOG_ERR, "icmpping: packet transmission failed (%s)", lastError());
         return -1;
     }
-    // id and seq change places here: what reads these logs expects it
-    // Quirk Q74.
+    // Quirk Q74: id and seq are exchanged; programs that read these logs expect it.
     vx::log(LOG_DEBUG, "icmpping: packet transmitted on %s for %s (%d bytes, id %d, seq %d)", context.interface,
             addressText(context.targetAddress), static_cast<int>(message.size()), context.numbers.sequence,
             context.numbers.identifier);
@@ -256,8 +255,8 @@ int openIpSocket(EchoContext &context) {
     return 0;
 }
 
-// Lets the kernel look up the way to the host and send nothing: what it touches for the first time would otherwise
-// count as travel time (32 us instead of 25 us over one hop between namespaces). Nothing depends on the outcome.
+// Lets the kernel look up the route and the neighbour without sending anything. Otherwise that first look-up would
+// count as travel time (32 us instead of 25 us over one hop between namespaces). The result does not matter.
 void rehearse(int fd, std::span<uint8_t> packet, sockaddr_in host) {
     iovec part{packet.data(), packet.size()};
     const msghdr message = vx::messageHeader(part, host);
@@ -288,7 +287,7 @@ int sendIp(EchoContext &context, uint32_t address) {
     return 0;
 }
 
-// Takes the last look at a reply that carries our numbers. What other hosts send for the target does not count.
+// Checks the sender of a reply that carries our numbers: what other hosts send does not count.
 bool isFromTarget(const EchoContext &context, uint32_t target, uint32_t sender) {
     if (echo::mayAnswer(target, sender)) return true;
     vx::log(LOG_DEBUG, "rawping[%s]: not from target (%s != %s)", context.interface, addressText(sender),
@@ -475,9 +474,9 @@ int pingLink(EchoContext &context, const uint32_t *mark) {
 
 // ---- set-up ----
 
-// Tells the echoes of several processes on one interface apart. By definition the product of two numbers out of the
-// time of day, which is even three times in four. The clock is read a random number of times, so that the identifier
-// cannot be computed from the time at which a ping begins.
+// Returns the identifier by which processes on one interface tell their echoes apart. It is the product of two numbers
+// from the time of day, which is even three times in four. The clock is read a random number of times, so that the
+// identifier cannot be computed from the time at which a ping begins.
 // Quirk Q75.
 uint16_t freshIdentifier() {
     constexpr uint64_t mostReadings = 4096;
@@ -495,8 +494,8 @@ bool readAddress(const char *text, uint32_t &address) {
     return true;
 }
 
-// One address of the interface: as given, or else as the kernel says.  An invalid text leaves the query socket open, as
-// it always was.
+// Finds one address of the interface: the given one, or else the kernel's. An invalid text leaves the query socket
+// open. Quirk Q71.
 int findAddress(EchoContext &context, const char *text, unsigned long request, const char *what, uint32_t &address) {
     if (text != nullptr) {
         if (readAddress(text, address)) return 0;
@@ -551,8 +550,8 @@ int queryInterface(EchoContext &context) {
         vx::log(LOG_ERR, "rawping[%s]: unable to create socket (%s)", context.interface, lastError());
         return -1;
     }
-    stampArrivals(
-        context.querySocket.get());  // the kernel switches its stamping on a moment later: the echo finds it on
+    // The kernel begins to record times a moment after it is asked to: asking now has it ready for the echo.
+    stampArrivals(context.querySocket.get());
     if (findIndex(context) == -1) return -1;
     if (findAddress(context, context.sourceText, SIOCGIFADDR, "source", context.sourceAddress) == -1) return -1;
     if (findAddress(context, context.netmaskText, SIOCGIFNETMASK, "netmask", context.netmask) == -1) return -1;
@@ -563,7 +562,6 @@ int queryInterface(EchoContext &context) {
     return 0;
 }
 
-// Quirk Q71.
 int setUp(EchoContext &context) {
     if (empty(context.interface)) {
         vx::log(LOG_ERR, "rawping: no interface given");
@@ -597,8 +595,8 @@ int setUp(EchoContext &context) {
 
 // ---- which way ----
 
-// Returns false when the kernel does not say, true without a name: the caller's text may have been emptied since
-// set-up.
+// Returns false when the kernel's answer is missing, and true for an empty name: another thread may have emptied the
+// caller's text since it was checked.
 bool isPointToPoint(const char *interface) {
     if (empty(interface)) {
         vx::log(LOG_ERR, "no interface provided");
@@ -617,7 +615,7 @@ bool isPointToPoint(const char *interface) {
     return (answer.ifr_flags & (IFF_POINTOPOINT | IFF_NOARP)) != 0;
 }
 
-// Tells whether the target can, and must, be reached through the gateway's hardware address.
+// Tells whether the echo goes to the gateway's hardware address.
 bool needsGateway(const EchoContext &context) {
     const bool isPtp = isPointToPoint(context.interface);
     vx::log(LOG_DEBUG, "gateway %s (source %08X, mask %08X, dest %08X, is_ptp %d)",
@@ -642,8 +640,8 @@ bool findInArpTable(EchoContext &context) {
     return false;
 }
 
-// Finds the gateway's hardware address, looked up by the kernel where it is not known yet: an echo to the gateway does
-// that, whether it is answered or not.
+// Finds the gateway's hardware address. If the kernel does not know it yet, an echo to the gateway makes it ask,
+// whether the echo is answered or not.
 bool findGatewayHardware(EchoContext &context) {
     if (findInArpTable(context)) return true;
     vx::log(LOG_DEBUG, "rawping[%s]: can't resolve HW address for %s -> send query", context.interface,

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
-// Echo packets as bytes: building requests, reading replies, and the socket filter for replies.  Pure functions; what
-// is read was received from anybody, so that no length or offset in it is taken for granted.
+// Echo packets as bytes: pure functions that build requests, read replies and make the socket filter for replies. What
+// is read may come from any host, so no length or offset in it is trusted.
 #pragma once
 
 #include <linux/filter.h>
@@ -32,8 +32,8 @@ constexpr size_t simpleSize = ipHeader + icmpHeader;                    // 28
 
 constexpr uint16_t dontFragment = 0x4000;
 
-// How an identifier and a sequence number lie in a message: as on any network, or as they are in this machine's
-// memory (the IP-level echo does that, on both its ways).
+// Byte order of the identifier and the sequence number in a message: network order, or the order of this machine's
+// memory, which the IP-level echo uses in both directions.
 enum class Order { network, memory };
 
 struct Numbers {

@@ -24,7 +24,8 @@ enum CheckResult { checkFound = 0, checkNothing = 2, checkFailed = 3 };
 
 uint16_t randomNumber() { return static_cast<uint16_t>(std::rand() & 0xFFFF); }
 
-// The object has no room for the destination: the kernel compares the senders. 0, or -1 without a filter.
+// Lets the kernel compare the senders, because the object, whose size is fixed, has no member for the destination.
+// Returns 0, or -1 when the filter cannot be attached.
 int receiveOnlyFrom(int fd, uint32_t target) {
     if (!echo::answersItself(target)) return 0;
     if (vx::attachFilter(fd, echo::senderFilter(target)) == -1) return -1;
@@ -58,9 +59,8 @@ int PingClient::sendSimplePing(const String &source, const String &destination) 
     echo::simpleRequest(std::span<uint8_t, echo::simpleSize>(bytes, echo::simpleSize), ntohl(inet_addr(source.c_str())),
                         *target, {identifier_, sequence_});
     words[ipWords + 1] = checksum(words.data() + ipWords, echo::icmpHeader);
-    // Quirk Q76.
-    words[5] =
-        checksum(words.data(), echo::simpleSize);  // over all of it: the finished message adds nothing to the sum
+    // Quirk Q76: over the whole packet. The ICMP message, whose checksum is set already, adds nothing to the sum.
+    words[5] = checksum(words.data(), echo::simpleSize);
 
     sockaddr_in host{};
     host.sin_family = AF_INET;

@@ -1,10 +1,10 @@
 /* SPDX-License-Identifier: MIT */
 /**
  * @file
- * **Purpose.** One ICMP echo on a named interface, and the wait for its reply: the connectivity test of WAN links.
- * icmpping() sends a plain echo through a raw ICMP socket. rawping() and __rawping() send at IP level, or as a whole
- * Ethernet frame to a gateway's hardware address, which reaches a target outside the interface's subnet without any
- * route to it. pingclient.h does not block.
+ * **Purpose.** Sends one ICMP echo on a named interface and waits for its reply: the connectivity test of WAN links.
+ * icmpping() sends a plain echo through a raw ICMP socket that is bound to the interface. rawping() and __rawping()
+ * send at IP level, or as a whole Ethernet frame to a gateway's hardware address, which reaches a target outside the
+ * interface's subnet without a route to it. pingclient.h does not block.
  *
  * **Example.**
  * @code
@@ -14,22 +14,21 @@
  *     printf("%ld us\n", (long)(round_trip.tv_nsec / 1000));
  * @endcode
  *
- * **Ownership.** Nothing is handed over.
+ * **Ownership.** Texts and records belong to the caller; no pointer is kept.
  *
  * **Threads, signals, fork.** Any number of threads may ping at once; only the addresses in their debug messages can
- * get mixed up then. A signal handler that runs meanwhile shortens nothing. Not for signal handlers. A forked child may
- * ping.
+ * get mixed up then. Signals do not shorten the waits. Not for signal handlers. A forked child may ping.
  *
- * **Blocking.** Replies are looked for at once and then every 300 ms, until the time-out and 300 ms more are used up or
- * 1024 packets were looked at. Resolving a name may take longer than the time-out. In an event loop use a thread or
- * pingclient.h.
+ * **Blocking.** Each call waits for the reply. It looks for one at once and then every 300 ms, until the time-out plus
+ * 300 ms are used up or it has looked at 1024 packets. Resolving a name may take longer than the time-out. A program
+ * with an event loop pings in another thread or with pingclient.h.
  *
- * **Errors.** A result of -1. Errors go to the system log at LOG_ERR, the course of events at LOG_DEBUG.
+ * **Errors.** A call that fails, or gets no reply, returns -1. Errors are logged at LOG_ERR, steps at LOG_DEBUG.
  *
- * **Limits.** Time-outs are 500 to 10000 ms, packets 48 to 1450 bytes; other values are taken as the nearest of these.
+ * **Limits.** Time-outs are 500 to 10000 ms, packets 48 to 1450 bytes; other values count as the nearest of these.
  * An interface name is used up to its 15th character. Hosts are dotted quads or names (first IPv4 address). A reply
  * counts when it comes from the target's address (from any address when the target is a multicast group or 0.0.0.0). A
- * host on the way that forges that address can still answer for the target: ICMP has no protection against it.
+ * host that forges that address can answer in the target's place: ICMP has no protection against it.
  *
  * **Privileges.** CAP_NET_RAW in the network namespace. rawping() reads "/proc/net/arp".
  *
@@ -76,11 +75,11 @@ VXUTILS_API int rawping(const char *interface, const char *target, const char *g
  *
  * The link level is used when a gateway is given, the target lies outside the interface's subnet, the interface is not
  * point-to-point (neither @c IFF_POINTOPOINT nor @c IFF_NOARP), and the gateway's hardware address is known: its text
- * must be in the first column of "/proc/net/arp". Where it does not, one echo to the gateway makes the kernel look
- * it up; failing that, too, the echo to the target goes out at IP level.
+ * must be in the first column of "/proc/net/arp". If it is not, one echo to the gateway makes the kernel look it up. If
+ * that fails, too, the echo to the target is sent at IP level.
  *
- * The IP-level packet is written by the caller's side (@c IP_HDRINCL) and is sent on the interface whatever the routes
- * say.
+ * The library writes the IP header itself (@c IP_HDRINCL) and sends the packet on the interface, whatever the routes
+ * are.
  *
  * @param interface   interface to send and receive on.
  * @param target      host to ping.
@@ -92,13 +91,13 @@ VXUTILS_API int rawping(const char *interface, const char *target, const char *g
  *                    gateway has its own wait.
  * @param buffer_size bytes of the frame or packet; below 48 it is 48, above 1450 it is 1450. A frame's size includes
  *         the 14 bytes of its Ethernet header.
- * @param round_trip  receives the time from sending the echo to the arrival of the last packet that was received, also
- *                    when no reply came (it then means nothing); untouched when nothing could be tried. Null for none.
+ * @param round_trip  receives the time from sending the echo to the arrival of its reply. Also written, with a time
+ *                    that means nothing, when no reply came; unchanged when no echo was tried. NULL if not wanted.
  * @param mark        firewall mark (@c SO_MARK) of the link-level frame, 0 included; null for none. IP-level echoes are
  *                    never marked.
  * @return 0 when the reply came, -1 otherwise.
  *
- * An invalid @p source or @p netmask text leaves one socket open.
+ * An invalid @p source or @p netmask text leaves one socket open (Quirk Q71).
  */
 VXUTILS_API int __rawping(const char *interface, const char *target, const char *gateway, const char *source,
                           const char *netmask, unsigned int timeout_ms, int buffer_size, struct timespec *round_trip,

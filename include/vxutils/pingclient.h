@@ -1,8 +1,8 @@
 /* SPDX-License-Identifier: MIT */
 /**
  * @file
- * **Purpose.** `PingClient`: one ICMP echo from a chosen source address, its reply polled for without blocking. ping.h
- * chooses an interface and waits.
+ * **Purpose.** `PingClient` sends one ICMP echo from a chosen source address, and polls for its reply without blocking.
+ * The functions of ping.h send on a chosen interface and wait.
  *
  * **Example.**
  * @code
@@ -13,19 +13,19 @@
  * }
  * @endcode
  *
- * **Ownership.** The object owns its socket, until cleanup() or its end.
+ * **Ownership.** The object owns its socket until cleanup() or its destructor closes it.
  *
  * **Threads, signals, fork.** Use an object from one thread at a time; several objects do not disturb each other.
  * Identifier and sequence number begin with rand(): seed it, or two processes may take each other's replies for their
- * own. Not for signal handlers. A forked child shares the socket: replies go to either process.
+ * own. Not for signal handlers. A forked child shares the socket: each reply goes to one of the two processes.
  *
- * **Blocking.** Sending may block while a destination's name is resolved. Checking never waits; it reads until the
- * reply, until no packet is left or until it has looked at 1024 packets.
+ * **Blocking.** sendSimplePing() blocks while it resolves a name; a dotted quad does not block. checkPingResponse()
+ * never waits: it reads until it finds the reply, until no packet is left or until it has looked at 1024 packets.
  *
- * **Errors.** Results; nothing is logged.
+ * **Errors.** Failures are results only; nothing is logged.
  *
- * **Limits.** Each echo has 28 bytes. Packets are looked at up to their first 256 bytes. The routes decide about the
- * interface.
+ * **Limits.** Each echo has 28 bytes. Only the first 256 bytes of a packet are looked at. The routes of the host choose
+ * the interface. There is no time-out: the caller decides when to give up.
  *
  * **Privileges.** CAP_NET_RAW in the network namespace.
  *
@@ -46,7 +46,7 @@ public:
     PingClient(const PingClient &) = delete;
     PingClient &operator=(const PingClient &) = delete;
 
-    /** Call cleanup(). */
+    /** Close the socket, if open. */
     virtual ~PingClient();
 
     /**
@@ -62,14 +62,14 @@ public:
     virtual int sendSimplePing(const String &source, const String &destination);
 
     /**
-     * Look through the ICMP packets that have come in since the last look. A packet counts as the reply when it comes
+     * Look through the ICMP packets that have come in since the last call. A packet counts as the reply when it comes
      * from the destination's address (from any address when the destination is a multicast group or 0.0.0.0) and
-     * carries the echo's identifier and sequence number; its type is not looked at, so that the echo itself counts
-     * where it can be seen, on the loopback interface. One call looks at 1024 packets at most, so that a sender who
-     * never stops cannot keep it.
+     * carries the echo's identifier and sequence number. Its type is not looked at: on the loopback interface the echo
+     * itself counts (Quirk Q77). One call looks at 1024 packets at most, so that a sender who never stops cannot hold
+     * it.
      *
-     * @return 0 when the reply was there, 2 when there is nothing (more) to read, 3 on a receive error. Without an
-     *         echo: 3 when no socket is open (before the first echo and after cleanup()), else 2.
+     * @return 0 when the reply was there; 2 when it was not, also when sendSimplePing() has failed after opening its
+     *         socket; 3 on a receive error, also when no socket is open (before the first echo and after cleanup())
      */
     virtual int checkPingResponse();
 
