@@ -33,14 +33,14 @@ constexpr mode_t creationMode = 0x755;  // Quirk Q21.
 constexpr mode_t copyMode = 0755;       // of the directories that copy_directory() makes
 constexpr mode_t modeBits = 07777;
 
-// A file by its name in an open directory, and by the path that messages show.
+// A file: its name in an open directory, and the path that messages show.
 struct Name {
     int directory;
     const char *name;
     const char *shown;
 };
 
-// Makes the directory that is to hold a file, where it is missing.
+// Makes the directory of a file, if it is missing.
 int ensureFolderOf(const char *file) {
     const MallocText copy(strdup(file));
     if (!copy) return -1;
@@ -60,7 +60,8 @@ int ensureFolderOf(const char *file) {
     return -1;
 }
 
-// A size beyond what one transfer can ask for is left to the kernel's own limit, not cut to its low bits.
+// Clamps a file's size to what sendfile() can be asked for; on 32-bit machines a conversion would cut it to its low
+// bits.
 size_t transferSize(off_t size) {
     return static_cast<size_t>(std::clamp<intmax_t>(size, 0, static_cast<intmax_t>(SIZE_MAX / 2)));
 }
@@ -79,8 +80,8 @@ int cannotOpenTarget(const char *shown) {
     return -1;
 }
 
-// Returns the mode of a copy. A copy belongs to the user who makes it: another user's program must not become one that
-// runs with this user's rights.
+// Returns the mode of a copy. A copy belongs to the user who makes it, so a copied set-user-id bit of another user's
+// program would make it run with this user's rights.
 mode_t modeOfCopy(const struct stat &source) {
     mode_t mode = source.st_mode & modeBits;
     if ((mode & S_ISUID) != 0 && source.st_uid != ::geteuid()) mode &= ~mode_t{S_ISUID};
@@ -88,7 +89,7 @@ mode_t modeOfCopy(const struct stat &source) {
     return mode;
 }
 
-// Opens what is to be copied; only a regular file and a block device have content that can be sent.
+// Opens the source of a copy, which must be a regular file or a block device: only these can be sent.
 Fd openSource(const Name &src, struct stat &status) {
     Fd from = vx::openToRead(src.directory, src.name);
     if (!from.valid()) {
@@ -109,14 +110,14 @@ Fd openSource(const Name &src, struct stat &status) {
 int transfer(const Fd &from, const struct stat &source, const Name &dst) {
     const vx::Target target = vx::openTarget(dst.directory, dst.name, modeOfCopy(source));
     if (!target.valid()) return cannotOpenTarget(dst.shown);
-    if (!target.created && isSame(source, target.status)) return 0;  // its own copy already: emptying it would lose it
+    if (!target.created && isSame(source, target.status)) return 0;  // emptying the target would empty the source
     if (!vx::emptyTarget(target)) return cannotOpenTarget(dst.shown);
     const vx::BrokenPipeGuard guard(target);
     if (::sendfile(target.file.get(), from.get(), nullptr, transferSize(source.st_size)) == -1) return cannotSend();
     return 0;
 }
 
-// Opens the directory that is to become a copy, and makes it when it is missing.
+// Opens the destination of a directory's copy, and makes it if it is missing.
 Fd openCopy(int directory, const char *name) {
     struct stat status;
     if (::fstatat(directory, name, &status, AT_SYMLINK_NOFOLLOW) == -1) {
@@ -126,7 +127,7 @@ Fd openCopy(int directory, const char *name) {
     return Fd(::openat(directory, name, O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
 }
 
-// Tells whether a directory lies in a tree, or is its top.
+// Tells whether a directory is inside the tree whose top is `top`, or is the top itself.
 bool isInside(Fd directory, const struct stat &top) {
     struct stat status {};
     if (::fstat(directory.get(), &status) == -1) return false;
@@ -140,7 +141,7 @@ bool isInside(Fd directory, const struct stat &top) {
     }
 }
 
-// A copy of a tree under way.
+// Copies a tree level by level, without recursion, so that a deep tree does not need a deep stack.
 class TreeCopy {
 public:
     TreeCopy(Fd from, Fd to, const char *src, const char *dst)
@@ -164,7 +165,7 @@ private:
         size_t dstLength;
     };
 
-    // All entries are read before the first of them is copied.
+    // Reads all entries before the first of them is copied.
     bool enter() {
         levels_.push_back({{}, src_.size(), dst_.size()});
         return levels_.back().names.read(from_.here());
@@ -205,13 +206,13 @@ bool TreeCopy::copyFile(const char *name) {
     return from.valid() && transfer(from, status, {to_.here().get(), name, dst_.c_str()}) == 0;
 }
 
-// Tells whether a copy would lie in the tree that it is a copy of, and so have no end.
+// Tells whether the destination is inside the source tree, so that the copy would never end.
 bool hasNoEnd(const vx::LastComponent &dst, const struct stat &source) {
     constexpr int flags = O_PATH | O_DIRECTORY | O_CLOEXEC;
     Fd copy(::openat(dst.directory(), dst.name(), flags | O_NOFOLLOW));
     struct stat status {};
     if (!copy.valid()) return isInside(Fd(::openat(dst.directory(), ".", flags)), source);
-    // A directory is its own copy already, as its files are.
+    // The source itself as destination is allowed: each of its files is left as it is.
     return ::fstat(copy.get(), &status) == 0 && !isSame(status, source) && isInside(std::move(copy), source);
 }
 

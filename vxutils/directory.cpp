@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Directories: made, emptied, removed. Copying is in copy.cpp.
+// Making, emptying and removing directories. Copying is in copy.cpp.
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -27,7 +27,7 @@ using vx::TreePlace;
 
 namespace {
 
-constexpr mode_t creationMode = 0x755;  // Quirk Q21: hexadecimal
+constexpr mode_t creationMode = 0x755;  // Quirk Q21: hexadecimal, i.e. 03525
 constexpr mode_t sharedMode = 0555;     // of the directories that try_mkdir() makes
 
 bool isDotName(const char *name) { return std::strcmp(name, ".") == 0 || std::strcmp(name, "..") == 0; }
@@ -37,7 +37,7 @@ int cannotMake(const char *shown) {
     return -1;
 }
 
-// Tells whether what is in a directory's place will do.
+// Returns 0 if what exists under the name of a directory counts as one.
 // Quirk Q23.
 int acceptExisting(int directory, const char *name, const char *shown) {
     struct stat status;
@@ -51,7 +51,7 @@ int acceptExisting(int directory, const char *name, const char *shown) {
     return -1;
 }
 
-// Gives the directory that was just made its mode, and opens it into `made`.
+// Sets the mode of a directory that was just made, and opens it into `made`.
 int shareMade(int directory, const char *name, const char *shown, Fd &made) {
     made = vx::openMadeDirectory(directory, name, creationMode, sharedMode);
     if (made.valid()) return 0;
@@ -59,13 +59,13 @@ int shareMade(int directory, const char *name, const char *shown, Fd &made) {
     return -1;
 }
 
-// Makes a directory, or finds it; messages show its whole path. One that was made is opened into `made`.
+// Makes a directory, if it does not exist. Messages show `shown`, its whole path. A new one is opened into `made`.
 int makeDirectory(int directory, const char *name, const char *shown, Fd &made) {
     if (::mkdirat(directory, name, creationMode) == 0) return shareMade(directory, name, shown, made);
     return errno == EEXIST ? acceptExisting(directory, name, shown) : cannotMake(shown);
 }
 
-// Does the same in a directory that this call has made, which `above` is open for. Goes on to the directory itself.
+// Does the same inside `above`, a directory that this call has made, and replaces `above` by the new one.
 int makeBelow(Fd &above, const char *name, const char *shown) {
     if (*name == '\0') return 0;
     Fd made;
@@ -77,12 +77,12 @@ int makeBelow(Fd &above, const char *name, const char *shown) {
     return 0;
 }
 
-// Makes every directory of a path. What this call makes, it goes on from by its descriptor: a link that another process
-// puts in its place is not followed.
+// Makes every directory of a path. Continues from a directory that it has made by its descriptor, so that a link which
+// another process puts in its place is not followed.
 int makeDirectories(char *path) {
     Fd made;
-    // The whole path at once: most often the directory exists. Any other failure is left to the walk below, whose
-    // message names the directory that fails.
+    // Tries the whole path first, because most often the directory or its parent exists. Any other failure is left to
+    // the walk below, whose message names the directory that fails.
     if (::mkdirat(AT_FDCWD, path, creationMode) == 0) return shareMade(AT_FDCWD, path, path, made);
     if (errno == EEXIST) return acceptExisting(AT_FDCWD, path, path);
     char *component = path;
@@ -99,9 +99,9 @@ void removeEntry(int directory, const char *name) {
     if (::unlinkat(directory, name, 0) == -1 && errno == EISDIR) (void)::unlinkat(directory, name, AT_REMOVEDIR);
 }
 
-// Removes everything in a directory. -1 with errno when an entry of it cannot be examined, or when a directory was
-// moved elsewhere by then: the rest then stays. Further down an entry that cannot be examined keeps its directory
-// only.
+// Removes everything in a directory. Returns -1 with errno when an entry of the directory cannot be examined, or when a
+// directory of the tree was moved elsewhere meanwhile; the rest then stays. An entry further down that cannot be
+// examined only keeps its own directory from being removed.
 int deleteEntries(Fd top) {
     TreePlace place(std::move(top), O_RDONLY);
     std::vector<EntryNames> levels(1);
@@ -124,7 +124,7 @@ int deleteEntries(Fd top) {
     }
 }
 
-// Removes a directory with its content, or whatever else has the name.
+// Removes a directory with its content, or a file of another type.
 int deleteTree(const std::string &path) {
     const vx::LastComponent last(path);
     if (!last.valid()) return 0;

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Content of files. Directories and whole files moved about are in directory.cpp.
+// Reading and writing file contents. Directories are in directory.cpp, copies in copy.cpp.
 #include <vxutils/file.h>
 
 #include <fcntl.h>
@@ -41,7 +41,7 @@ constexpr mode_t directMode = 0666;
 
 constexpr size_t longestLine = 1023;
 constexpr size_t chunkSize = 4096;
-constexpr uintmax_t mostHidden = uintmax_t{1024} * 1024;   // bytes that yield no text, after a NUL byte
+constexpr uintmax_t mostHidden = uintmax_t{1024} * 1024;   // bytes after a NUL byte, which yield no text
 constexpr size_t mostForLines = size_t{32} * 1024 * 1024;  // bytes of a file and of the records for its lines
 constexpr size_t lineOverhead = sizeof(file_line) + 4 * sizeof(void *);  // two blocks of the allocator
 
@@ -68,7 +68,7 @@ MallocText temporaryName(const char *path) {
     return name;
 }
 
-// Writes once and no more: the kernel's attributes take each as a command. A short one counts as failed.
+// Makes a single write, because kernel attributes take each write as a command. A short write counts as failed.
 bool writeWhole(const Fd &fd, const void *data, size_t size) {
     const ssize_t written = ::write(fd.get(), data, size);
     return written >= 0 && static_cast<size_t>(written) == size;
@@ -127,12 +127,12 @@ int replaceThrough(Fd temporaryFd, const char *temporary, const char *path, cons
     return 0;
 }
 
-// access() asks for the real user, open() for the effective one. To a real root access() never refuses what open()
-// grants, so that the daemons, which are root, are spared the second walk of the path.
+// The contract asks for the rights of the real user, which access() checks; open() checks the effective one. For a real
+// root access() never refuses what open() grants, so daemons that run as root are spared a second walk of the path.
 bool isReadable(const char *name) { return ::getuid() == 0 || ::access(name, R_OK) == 0; }
 
-// Collects the bytes of a file as line-wise reading into one buffer does: a piece ends after its newline or where the
-// buffer ends, and what follows a NUL byte within a piece is lost, its newline included.
+// Collects a text as repeated fgets() and strlen() on one buffer would: a piece ends after its newline or at the end of
+// the buffer, and what follows a NUL byte in a piece is lost, its newline included.
 class LineCollector {
 public:
     LineCollector(char *buf, size_t size) : buf_(buf), room_(size - 1) {}
@@ -151,7 +151,7 @@ public:
         }
     }
 
-    // Terminates the text; a newline that ends its only line is not part of the value.
+    // Terminates the text. A newline at the end is dropped if the text is one line.
     void finish() {
         endPiece();
         if (pieces_ == 1 && buf_[used_ - 1] == '\n') --used_;
@@ -177,16 +177,16 @@ private:
     }
 
     char *buf_;
-    size_t room_;           // for characters, the terminator not counted
+    size_t room_;           // characters that fit, without the terminator
     size_t used_ = 0;       // characters of the pieces that have ended
-    size_t pieces_ = 0;     // those that brought characters
+    size_t pieces_ = 0;     // number of these pieces, empty ones not counted
     size_t pieceSize_ = 0;  // bytes of the current piece
-    size_t kept_ = 0;       // those before its first NUL byte
-    bool cut_ = false;
+    size_t kept_ = 0;       // bytes of it before its first NUL byte
+    bool cut_ = false;      // the current piece has had a NUL byte
 };
 
-// On the board a one-value file takes 1120 instructions and no memory; with standard input/output, whose buffer and
-// record are allocated, it takes 1960.
+// Reads with read(): on the board a one-value file takes 1120 instructions and no allocation; with fopen() and fgets(),
+// which allocate a record and a buffer, it takes 1960.
 char *readText(const char *name, char *buf, size_t size) {
     errno = 0;
     struct stat status {};
@@ -194,20 +194,21 @@ char *readText(const char *name, char *buf, size_t size) {
     if (!fd.valid()) return buf;
     LineCollector text(buf, size);
     char chunk[chunkSize];
-    // A sparse file of NUL bytes never fills the buffer; it must not keep the reader busy without end.
+    // A huge sparse file consists of NUL bytes, which never fill the buffer: without a limit the loop would run for
+    // hours.
     const uintmax_t most = mostHidden + size;
     for (uintmax_t done = 0; !text.full() && done < most;) {
         const ssize_t got = vx::retryEintr([&] { return ::read(fd.get(), chunk, sizeof chunk); });
         if (got <= 0) break;
         text.add({chunk, static_cast<size_t>(got)});
         done += static_cast<uintmax_t>(got);
-        if (done == static_cast<uintmax_t>(status.st_size)) break;  // no need to ask for the end
+        if (done == static_cast<uintmax_t>(status.st_size)) break;  // saves the read() that returns 0
     }
     text.finish();
     return stripwhite(buf);
 }
 
-// Copies up to the first line end or NUL byte; null without memory.
+// Copies a line up to its first CR, LF or NUL byte. Returns null when memory is short.
 char *copyOfLine(std::span<const char> line) {
     const size_t length = line.back() == '\n' ? line.size() - 1 : line.size();
     const void *end = std::memchr(line.data(), '\r', length);

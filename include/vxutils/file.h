@@ -1,9 +1,9 @@
 /* SPDX-License-Identifier: MIT */
 /**
  * @file
- * **Purpose.** The small file jobs of a daemon: read a one-value file, read a file as lines, replace a file so that a
- * reader sees the old or the new content and nothing between, make, copy, empty and remove directory trees.
- * statusinterface.h writes values below the status tree.
+ * **Purpose.** The small file jobs of a daemon: read a one-value file or the lines of a file, replace a file so that
+ * readers see either the old or the new content, and make, copy, empty and remove directory trees. statusinterface.h
+ * writes values below the status tree.
  *
  * **Example.**
  * @code
@@ -12,42 +12,42 @@
  * writefile("/tmp/vxutils-example", "");                                 // removes the file
  * @endcode
  *
- * **Files of other users.** Ordinary users who may write to a directory can put anything in the place of a file or
- * directory in it, at any moment. Functions for trees go through them by descriptors and never follow a link that has
- * taken a directory's place. The other functions refuse (EACCES)
+ * **Files of other users.** A user who may write to a directory can replace any file or directory in it, at any moment.
+ * The functions for trees therefore walk by descriptors and never follow a link that has replaced a directory. The
+ * other functions refuse the following with EACCES. A directory is called private here if it belongs to root or to the
+ * process's user and not every user may write to it.
  *
- * - to read through a symbolic link in a directory that every user may write to, when it belongs neither to root, nor
- *   to the process's user, nor to the directory's owner;
- * - to write in place through any link but one that belongs to root or to the process's user, or is in a directory of
- *   theirs that not every user may write to;
- * - to write in place, in a directory that every user may write to, a file or FIFO that belongs neither to root, nor to
- *   the process's user, nor to the directory's owner;
- * - to write in place a file with several names (hard links), unless
- * its directory belongs to root or to the process's user and not every user may write to it.
+ * - Reading through a symbolic link in a directory that every user may write to, unless the link belongs to root, to
+ *   the process's user or to the directory's owner.
+ * - Writing in place through a symbolic link, unless the link belongs to root or to the process's user or is in a
+ *   private directory.
+ * - Writing in place to a file or FIFO in a directory that every user may write to, unless it belongs to root, to the
+ *   process's user or to the directory's owner.
+ * - Writing in place to a file with several names (hard links), unless its directory is private.
  *
- * The directories that a given path leads through are found by the kernel: give paths through directories that only
- * trusted users may write.
+ * Only the last component of a path is checked like that. Use paths whose directories only trusted users may write to.
  *
  * **Ownership.** Texts from readfile() and create_tmpfile() are static buffers, valid until the next call.
  * read_file_lines() appends records that the caller frees with free(), text and record. No descriptor outlives its call
  * or is inherited across exec.
  *
- * **Threads, signals, fork.** readfile(), readaddress() and create_tmpfile() work in static buffers: one thread at a
- * time for each of them (readaddress() shares readfile()'s). Everything else may be called from several threads at
- * once. Not for signal handlers. Nothing is locked.
+ * **Threads, signals, fork.** readfile(), readaddress() and create_tmpfile() return static buffers, so only one thread
+ * at a time may use them (readfile() and readaddress() share theirs). All other functions may be called from several
+ * threads at once. Not for signal handlers. No call locks a file. A forked child may use all functions.
  *
- * **Blocking.** As long as the file system takes. No call waits for the other end of a FIFO, for a lease or for a
- * device. Nothing is flushed to the medium.
+ * **Blocking.** Calls take as long as the file system does. None waits for the other end of a FIFO, for a lease or for
+ * a device. None flushes anything to the medium.
  *
- * **Errors.** 0 for success and -1 for failure unless a function says otherwise; errno is what the failing call left.
- * Functions that log say so: one line in the system log. A copy that the kernel transferred only in part counts as a
- * success.
+ * **Errors.** Functions return 0 for success and -1 for failure unless they say otherwise. After a failure errno is
+ * that of the system call that failed. Functions that log write one line. A copy that the kernel transferred only in
+ * part counts as a success (Quirk Q27).
  *
- * **Limits.** Paths are the kernel's: relative ones start at the current directory. readfile() returns at most 1023
- * characters, read_file_lines() takes at most 32 MiB, copy_file() copies at most 2 GiB.
+ * **Limits.** Relative paths start at the current directory. readfile() returns at most 1023 characters,
+ * read_file_lines() takes at most 32 MiB, copy_file() copies at most 2 GiB.
  *
- * **Privileges.** The rights that the kernel asks for. Readable means readable by the real user in dropfile(),
- * readfile() and readfile_r(), as for access(). New files have the modes that the functions name, less the umask.
+ * **Privileges.** The caller needs the rights of the system calls on the files. dropfile(), readfile() and readfile_r()
+ * ask whether the real user may read, as access() does. New files have the modes that the functions name, less the
+ * umask.
  *
  * **Compatibility.** Behaviour kept on purpose (docs/compatibility.md): Q21 directories are made with the mode 0x755;
  * Q22 try_mkdir() makes read-only directories; Q23 any link counts as a directory for try_mkdir(); Q24 a failed write
@@ -83,61 +83,64 @@ typedef struct file_line file_line;
 /**
  * Append the lines of a regular file to a list.
  *
- * Lines end at CR or LF, which are not stored; what is between a CR and its LF is lost. A physical line is read in
- * pieces of at most 1023 characters, each an entry of its own: a line of exactly 1023 characters is followed by an
- * empty entry, made of its newline alone.
+ * A line ends at LF and is stored up to its first CR or NUL byte. A line is read in pieces of at most 1023 characters,
+ * each of which makes an entry: a line of exactly 1023 characters is followed by an empty entry for its newline (Quirk
+ * Q31).
  *
- * At most 32 MiB are taken for one file, counted as its bytes and the records of its lines (56 bytes each, 28 on
- * 32-bit machines); a larger one counts as out of memory, with EFBIG.
+ * At most 32 MiB are taken for one file: its bytes and the records of its lines (56 bytes each, 28 on 32-bit machines).
+ * A larger one counts as out of memory, with EFBIG.
  *
  * @param path  file to read
- * @param lines head of the list; a file_line per line is added at its tail. The caller owns records and texts.
+ * @param lines initialised head of a list; a file_line for each line is added at its tail. The caller frees records and
+ *              texts.
  * @return the number of entries appended; READFILE_OPEN_FAILED, also for NULL arguments and for what is not a regular
- *         file (ENXIO); READFILE_OUT_OF_MEMORY (logged, LOG_ERR), what was appended until then stays in the list
+ *         file (ENXIO); READFILE_OUT_OF_MEMORY (logged, LOG_ERR), after which the entries that were appended stay in
+ *         the list
  */
 VXUTILS_API int read_file_lines(const char *path, struct list_link *lines);
 
 /**
- * Remove a file that is there: for flag files that are to be noticed once.
+ * Remove a flag file, so that a program notices it once.
  *
  * @param name file
- * @return 0 if the file was readable by the real user (it is then unlinked, whatever comes of that), -1 otherwise and
- *         for NULL
+ * @return 0 if the real user could read the file, also when unlinking it then failed (Quirk Q32); -1 otherwise and for
+ *         NULL
  */
 VXUTILS_API int dropfile(const char *name);
 
 /**
- * Replace the content of a file in one step: a temporary file beside it ("PATH_XXXXXX", mode 0600) is written and
- * renamed onto it, so that readers see the old content or the new one. The new file has the mode of the temporary one,
- * 0600.
+ * Replace the content of a file in one step: write a temporary file beside it ("PATH_XXXXXX") and rename it onto the
+ * file, so that readers see the old content or the new one. The new file has mode 0600 and belongs to the caller,
+ * whatever the old one had.
  *
  * Paths that begin with "/dev", "/proc" or "/sys" (also "/device/x") cannot be replaced: they are written directly, the
  * newline in the same write as the data, because kernel attributes take each write as one command. A direct write
- * truncates or creates the file (0666 less the umask) and is logged at DL_INFO. It refuses what a stranger may have put
- * there (see above) and does not wait: a FIFO without a reader fails with ENXIO, a full one with EAGAIN,
- * one whose reader has just left with EPIPE and without SIGPIPE.
+ * truncates or creates the file (0666 less the umask) and is logged at DL_INFO. It refuses files of other users as
+ * described above. It does not wait: a FIFO without a reader fails with ENXIO, a full one with EAGAIN, and one whose
+ * reader has just closed it with EPIPE, without SIGPIPE.
  *
- * A failed or short write leaves the temporary file, with what was written; a failed rename removes it. Every
- * failure is logged at DL_ERROR.
+ * A failed or short write leaves the temporary file with what was written (Quirk Q24); a failed rename removes it.
+ * Every failure is logged at DL_ERROR.
  *
- * Nothing is forced to the medium: the call does not wait for flash. That holds for readers and for killed writers;
- * after a power cut the file has the old content, the new one or, on a file system that does not write data before a
- * rename, none. Who needs more opens the file after the call, calls fsync() on it and then on its directory.
+ * Readers never see a mixture, and neither does the next process after the writer was killed. A power cut is another
+ * matter, because the call does not wait for the medium: the file may then have the old content, the new one or, on a
+ * file system that renames before it writes data, none. A program that needs more opens the file after the call and
+ * calls fsync() on it and then on its directory.
  *
  * @param path           file to replace
  * @param buf            content, @p len bytes; may be NULL when @p len is 0
  * @param len            size of the content in bytes
  * @param append_newline non-zero: end the content with a newline
- * @param allow_fallback non-zero: write directly where the path begins with one of the three prefixes; bit 0 set: also
- *                       where the temporary file cannot be created
+ * @param allow_fallback non-zero: write directly if the path begins with one of the three prefixes; bit 0 set: also if
+ *                       the temporary file cannot be created (Quirk Q26)
  * @return 0 or -1; a NULL @p path is -1 with EINVAL and not logged
  */
 VXUTILS_API int write_file_atomic(const char *path, const void *buf, size_t len, int append_newline,
                                   unsigned char allow_fallback);
 
 /**
- * Write a status file: the text and a newline with write_file_atomic(), direct writes allowed. The empty text removes
- * the file instead, and a file that is not there counts as removed.
+ * Write a status file: the text and a newline, with write_file_atomic() and direct writes allowed. The empty text
+ * removes the file instead; a file that does not exist counts as removed.
  *
  * @param name file
  * @param text new content, or "" to remove the file
@@ -146,15 +149,15 @@ VXUTILS_API int write_file_atomic(const char *path, const void *buf, size_t len,
 VXUTILS_API int writefile(const char *name, const char *text);
 
 /**
- * Read a small text file into the caller's buffer, white space cut off both ends. What cannot be read, as the real
- * user, is the empty text; so is everything but a regular file: a FIFO, a device, a directory. A link to a device does
- * not open the device. A NUL byte hides the rest of its line; reading ends after 1 MiB that yields no text.
+ * Read a small text file into the caller's buffer, without white space at both ends. A file that the real user cannot
+ * read gives the empty text, and so does everything that is not a regular file: a FIFO, a device (which is not opened,
+ * not even through a link), a directory. A NUL byte hides the rest of its line; reading ends after 1 MiB that yields no
+ * text.
  *
  * @param name file; NULL reads as empty
  * @param buf  receives at most @p size - 1 characters and a terminator
  * @param size size of @p buf in bytes
- * @return the text: a pointer into @p buf, after the leading white space; @p buf itself, untouched, when it is NULL
- *         or @p size is 0
+ * @return the text: a pointer into @p buf, after the leading white space; @p buf itself when it is NULL or @p size is 0
  */
 VXUTILS_API char *readfile_r(const char *name, char *buf, size_t size);
 
@@ -162,7 +165,8 @@ VXUTILS_API char *readfile_r(const char *name, char *buf, size_t size);
  * Read a file as readfile_r() does, into a static buffer of 1024 bytes.
  *
  * @param name file; NULL reads as empty
- * @return the text, which may be changed, inside the buffer; valid until the next call of readfile() or readaddress()
+ * @return the text, a pointer into the buffer, valid until the next call of readfile() or readaddress(); the caller may
+ *         change the text
  */
 VXUTILS_API char *readfile(const char *name);
 
@@ -170,58 +174,56 @@ VXUTILS_API char *readfile(const char *name);
  * Read a file that holds an IPv4 or IPv6 address as text.
  *
  * @param name file
- * @param addr record to fill, as str2addr() does (address.h); its first 16 bytes are cleared before. Room for a
- *             sockaddr_in6 is needed if the file may hold an IPv6 address.
+ * @param addr record to fill, as str2addr() does (address.h), after its first 16 bytes were cleared; must have room for
+ *             a sockaddr_in6 if the file may hold an IPv6 address
  * @return result of str2addr(); -1 when an argument is NULL or the file is empty or not readable
  */
 VXUTILS_API int readaddress(const char *name, struct sockaddr *addr);
 
 /**
- * Make one directory, readable and searchable for all users and writable for none (mode 0555). One that exists, or a
- * symbolic link of that name wherever it points, is success and left as it is. The mode is set on the directory that
- * was made; when something else has taken its place by then, that is a failing chmod.
+ * Make one directory with mode 0555: readable and searchable for all users, writable for none (Quirk Q22). A directory
+ * that exists, or a symbolic link of that name wherever it points (Quirk Q23), is left as it is, and the result is 0.
+ * When something else has replaced the new directory before its mode is set, that counts as a failed chmod.
  *
  * @param path directory to make
- * @return 0 or -1, with a message (LOG_ERR; a failing chmod LOG_DEBUG). NULL is -1 without a message.
+ * @return 0; -1 with a message (LOG_ERR; LOG_DEBUG for a failed chmod); -1 without a message for NULL
  */
 VXUTILS_API int try_mkdir(const char *path);
 
 /**
- * Make a directory and the missing ones above it, each with try_mkdir(). One trailing slash is ignored. Below the
- * first directory that it makes it goes on in that directory, whatever the path leads to by then.
+ * Make a directory and the missing ones above it, each as try_mkdir() does. One trailing slash is ignored. Once it has
+ * made a directory it continues inside that very directory, even if another process has replaced it in the path.
  *
- * @param path directory to make; not changed. "." and "/" are there already.
+ * @param path directory to make; not changed. Nothing is done for "." and "/".
  * @return 0; the result of the try_mkdir() that failed; -1 for NULL and "" (logged, LOG_ERR)
  */
 VXUTILS_API int create_directory(char *path);
 
 /**
- * Remove a regular file, and nothing else: no link, directory or device.
+ * Remove a regular file. Anything else, such as a link, a directory or a device, is refused.
  *
- * @param name file; one that is not there counts as removed, NULL too
+ * @param name file; one that does not exist counts as removed, and so does NULL
  * @return 0; -1 when it is not a regular file or cannot be removed
  */
 VXUTILS_API int delete_regular_file(const char *name);
 
 /**
  * Remove a directory with everything in it, or a file, or a symbolic link. Links are removed and never followed, also
- * when @p path is one, with or without a slash at its end. A tree may be of any depth, with paths longer than the
- * kernel takes.
- *
- * What cannot be removed is passed over without a word.
+ * when @p path is one, with or without a slash at its end. A tree may have any depth, with paths longer than the kernel
+ * accepts. Entries that cannot be removed are skipped without a message (Quirk Q28).
  *
  * @param path directory or file
  * @return 0, also when something could not be removed; -1 for NULL and "", when an entry of the directory cannot be
- *         examined, and when one of its directories was moved elsewhere during it (ESTALE): the rest then stays
+ *         examined, and when a directory of the tree was moved elsewhere during the call (ESTALE): the rest then stays
  */
 VXUTILS_API int delete_directory(const char *path);
 
 /**
  * Empty a directory as delete_directory() does, and keep it.
  *
- * @param path directory, or a link to one. The link has to belong to root or to the process's user, or to lie in a
- *         directory of theirs that not every user may write to. Anything else is left unchanged, NULL and "" too.
- * @return 0; -1 as for delete_directory()
+ * @param path directory, or a link to one that belongs to root or to the process's user or is in a private directory
+ *             (see above). Nothing is done for anything else, NULL and "" included.
+ * @return 0; -1 as for delete_directory() when the walk fails
  */
 VXUTILS_API int delete_directory_contents(const char *path);
 
@@ -234,18 +236,18 @@ VXUTILS_API int delete_directory_contents(const char *path);
 VXUTILS_API int empty_directory(const char *path);
 
 /**
- * Copy a file's content and, for a new file, its mode less the umask; the set-user-id bit only from a file of the
- * process's own user, the set-group-id bit only from one of its group. Links are followed, also in the place of @p dst
- * (there with the limits above). The directory of @p dst is made when it is missing, with create_directory(); one that
- * is a symbolic link is refused.
+ * Copy a file's content and, for a new file, its mode less the umask. The set-user-id bit is copied only from a file of
+ * the process's user, the set-group-id bit only from one of its group. Links are followed; a link at @p dst is subject
+ * to the checks above. A missing directory of @p dst is made with create_directory(); one that is a symbolic link is
+ * refused.
  *
- * The content goes over in one transfer of the size the file has at that moment: files without a size, as those of
- * /proc, copy as empty ones, and what the kernel moves at once (2 GiB) is the most.
+ * The content is copied in one transfer of the size that the file has at that moment. Files without a size, as in
+ * /proc, give empty copies. At most 2 GiB, which the kernel transfers at once, are copied.
  *
- * A file copied onto itself, by whatever path, link or hard link, is left as it is: that is success. Only regular files
- * and block devices can be copied: other files, a FIFO or a directory for example, fail with
- * "Sendfile error: Invalid argument (22)" before anything is made or emptied. A FIFO in the place of @p dst
- * takes what fits, if it has a reader; one whose reader leaves during the copy fails with EPIPE and without SIGPIPE.
+ * A file copied onto itself, by any path, symbolic link or hard link, is left as it is, and the result is 0. Only
+ * regular files and block devices can be copied. Others, such as a FIFO or a directory, fail with "Sendfile error:
+ * Invalid argument (22)" before anything is made or emptied. A FIFO at @p dst with a reader takes what fits; when its
+ * reader closes it during the copy, the call fails with EPIPE, without SIGPIPE.
  *
  * @param src file to copy
  * @param dst file to write
@@ -254,16 +256,17 @@ VXUTILS_API int empty_directory(const char *path);
 VXUTILS_API int copy_file(const char *src, const char *dst);
 
 /**
- * Copy a directory tree of any depth. The destination directories are made with mode 0755; files are copied with
- * copy_file(), and links as the files that they point to. Stops at the first failure; what was copied stays.
+ * Copy a directory tree of any depth. The destination directories are made with mode 0755. Files are copied as by
+ * copy_file(); a link is copied as the file that it points to. The call stops at the first failure, and what was copied
+ * stays.
  *
- * What copy_file() cannot copy is such a failure: a FIFO, as status trees hold them, a socket, a character device, a
- * link that leads nowhere or to a directory. So is a directory that cannot be read to its end, and one that was moved
- * elsewhere during it (ESTALE). A copy into the tree itself, which would have no end, is refused with EINVAL before
- * anything is made. A tree copied onto itself stays as it is.
+ * These are failures: an entry that copy_file() cannot copy (a FIFO, a socket, a character device, a link that leads
+ * nowhere or to a directory), a directory that cannot be read to its end, and a directory that was moved elsewhere
+ * during the call (ESTALE). A copy into the tree itself would never end; it is refused with EINVAL before anything is
+ * made. A tree copied onto itself stays as it is.
  *
  * @param src directory to copy, or a link to it
- * @param dst directory to fill; made when it is missing, the one above it must exist. A link is refused.
+ * @param dst directory to fill; made if it is missing, but the one above it must exist. A link is refused.
  * @return 0 or -1; -1 for NULL. Only copy_file() logs.
  */
 VXUTILS_API int copy_directory(const char *src, const char *dst);
@@ -271,10 +274,10 @@ VXUTILS_API int copy_directory(const char *src, const char *dst);
 /**
  * Make an empty file with a new name and mode 0600; the caller removes it.
  *
- * When that fails, whatever has the name of the pattern is removed: a pattern must not be the name of a file in use.
+ * When that fails, a file whose name is the pattern itself is removed (Quirk Q30).
  *
- * @param pattern path ending in XXXXXX, cut at 1023 characters
- * @return its name, in a static buffer, valid until the next call; NULL on failure and for NULL and ""
+ * @param pattern path that ends in XXXXXX, cut at 1023 characters
+ * @return its name, in a static buffer that is valid until the next call; NULL on failure and for NULL and ""
  */
 VXUTILS_API char *create_tmpfile(const char *pattern);
 
