@@ -28,14 +28,14 @@ constexpr size_t pidTextSize = 12;  // of any int, terminator included
 
 using Name = std::array<char, std::max(longestCommandLine + 1, sizeof(dirent::d_name) + sizeof "[]")>;
 
-// Most names differ in one of the first characters.
+// Compares in a loop and not with strncmp(), because most names differ in one of the first characters.
 bool beginsWith(const char *name, const char *prefix) {
     if (prefix == nullptr) return true;
     while (*prefix != '\0' && *name == *prefix) ++name, ++prefix;
     return *prefix == '\0';
 }
 
-// A number too large for a process has no directory either.
+// Returns -1 for a number that is too large for an int; no process has it.
 int pidOf(const char *digits) {
     int number = -1;
     std::from_chars(digits, digits + strlen(digits), number);
@@ -49,7 +49,7 @@ vx::Fd openCommandLine(int directory, int pid) {
     return vx::Fd(vx::retryEintr([&] { return ::openat(directory, path, O_RDONLY | O_CLOEXEC); }));
 }
 
-// Reads the arguments as one line. False when there are none.
+// Reads the arguments as one line. Returns false if there are none.
 bool readCommandLine(int file, Name &name) {
     const ssize_t got = vx::retryEintr([&] { return ::read(file, name.data(), longestCommandLine); });
     if (got <= 0) return false;
@@ -69,7 +69,8 @@ ProcessEntry *markAllInvalid(ProcessEntry *head) {
     return tail;
 }
 
-// A process whose command line cannot be opened has just ended: null. `counts` tells whether it has a command line.
+// Makes the entry of a process; null if the process has just ended (its command line cannot be opened). `counts` tells
+// whether it has a command line.
 ProcessEntry *readProcess(int directory, const char *number, int pid, bool &counts) {
     const vx::Fd file = openCommandLine(directory, pid);
     if (!file.valid()) return nullptr;
@@ -79,7 +80,8 @@ ProcessEntry *readProcess(int directory, const char *number, int pid, bool &coun
     return new (std::nothrow) ProcessEntry(pid, name.data());
 }
 
-// Each one takes 1 off the count, those that were never counted included. Returns the new head.
+// Deletes the entries that are not valid and returns the new head. Quirk Q53: each one reduces the count, even if it
+// was never counted.
 ProcessEntry *deleteInvalid(ProcessEntry *head, int &count) {
     ProcessEntry *first = nullptr;
     ProcessEntry *last = nullptr;
@@ -101,8 +103,9 @@ ProcessEntry *deleteInvalid(ProcessEntry *head, int &count) {
     return first;
 }
 
-// Finds entries while their list is being updated. List and directory run in the same order but for what came and went,
-// so the entry after the one found last is nearly always the next one asked for; an index serves the others.
+// Finds entries while their list is being updated. List and directory have the same order, except for processes that
+// started or ended. So the entry after the one found last is nearly always the next one asked for. An index, made when
+// it is first needed, finds the others.
 class Lookup {
 public:
     explicit Lookup(ProcessEntry *head) : head_(head), expected_(head) {}
@@ -113,7 +116,7 @@ public:
         return found;
     }
 
-    // Entries appended meanwhile are found as well.
+    // Makes an entry that was appended during the refresh known.
     void append(ProcessEntry *entry) {
         if (head_ == nullptr) head_ = entry;
         if (!index_.empty()) index_.emplace(entry->getPid(), entry);
@@ -135,10 +138,11 @@ private:
     std::unordered_map<int, ProcessEntry *> index_;
 };
 
-// refresh() asks getProcessEntryByPid(), which a subclass may have replaced, for every process; the library's own
-// version answers from here while a refresh of its object is under way on this thread. The objects have no room for it.
-// Without it each process is looked for along the whole list: with 260 processes an incremental refresh takes 50 % more
-// instructions on the board, 3 times as many on x86-64, and with more processes the square of that.
+// The refresh that runs on this thread. For every process, refresh() calls getProcessEntryByPid(), which a subclass may
+// have replaced; the library's version uses the Lookup of the running refresh, and otherwise walks along the list. It
+// is kept here because the layout of ProcessControl is fixed. Without it an incremental refresh with 260 processes
+// takes 50 % more instructions on the board and 3 times as many on x86-64, and it grows with the square of their
+// number.
 struct RunningRefresh {
     const ProcessControl *owner;
     Lookup *lookup;
