@@ -39,7 +39,7 @@ constexpr int otherWaitMode = 2;
 constexpr const char *shell = "/bin/sh";
 constexpr const char *nullDevice = "/dev/null";
 
-constexpr size_t mostWords = 16;  // after argument 0, the terminating null counted
+constexpr size_t mostWords = 16;  // after argument 0, including the terminating null
 using Arguments = std::array<char *, mostWords + 1>;
 
 constexpr int handoverProject = 52;
@@ -56,7 +56,7 @@ constexpr const char *quotes = "\"'";
 constexpr size_t scriptLineSize = 511;
 constexpr int64_t scriptPause_us = 100000;
 
-// What the restart and the power-off of the device differ in.
+// The differences between restart and power-off of the device.
 struct PowerAction {
     const char *vetoMarker;
     const char *vetoed;
@@ -67,8 +67,9 @@ constexpr PowerAction restart{"/nvstatus/skip-reboot", "skipping reboot", "/usr/
 constexpr PowerAction powerOff{"/nvstatus/skip-poweroff", "skipping poweroff", "/usr/local/sbin/system-poweroff",
                                RB_POWER_OFF};
 
-// The memory in which a detached program's id is passed on. Made exclusively for a key, it is also the token that lets
-// one detached start happen at a time; it is removed when this object goes, or before that by remove().
+// The shared memory in which the child passes on the id of the detached program. It is made exclusively for a key and
+// so serves as the token that allows one detached start at a time. The destructor removes it, if remove() has not done
+// so.
 class Handover {
 public:
     Handover() = default;
@@ -100,8 +101,8 @@ public:
     }
 
 private:
-    // Fails with EEXIST while another process has the token. A stranger that makes tokens without end has made another
-    // one each time that one is removed: the record then does without a key, and so without being a token.
+    // Fails with EEXIST while another process has the token. If a new token exists after each of several removals,
+    // another user is making them to hold up all starts: the record is then made without a key and is not a token.
     bool claim(key_t key) {
         for (int removed = 0; removed < mostRemovals; ++removed) {
             if (make(key)) return true;
@@ -128,7 +129,7 @@ private:
     int *record_ = nullptr;
 };
 
-// Returns false when there are too many. Words of an exec vector are never written to, whatever its type says.
+// Returns false when there are too many. execv() does not write to the words, although its type allows it.
 bool collectArguments(Arguments &arguments, const char *arg0, va_list words) {
     arguments[0] = const_cast<char *>(arg0);
     if (arg0 == nullptr) return true;
@@ -139,7 +140,7 @@ bool collectArguments(Arguments &arguments, const char *arg0, va_list words) {
     return false;
 }
 
-// From here to waitForChild(): the child's side, async-signal-safe calls only.
+// --- in the child: from here to becomeProgram() only async-signal-safe calls
 
 void closeFrom(int first) noexcept {
 #ifdef SYS_close_range
@@ -148,14 +149,14 @@ void closeFrom(int first) noexcept {
     for (int fd = ::getdtablesize() - 1; fd >= first; --fd) ::close(fd);
 }
 
-// With every descriptor closed, /dev/null comes back as 0: no close-on-exec, it stays where it is.
+// Every descriptor is closed, so open() returns 0, which the program is to keep: no O_CLOEXEC.
 void standardStreamsToNull() noexcept {
     const int null = ::open(nullDevice, O_RDWR);
     for (int fd = 0; fd <= 2; ++fd) ::dup2(null, fd);
     if (null > 2) ::close(null);
 }
 
-// Leaves session and parent: the process that goes on is the grandchild, where it could be made.
+// Leaves session and parent. Returns in the grandchild, or in the child if the second fork failed.
 void detach(const Handover &handover, const vx::PreparedLog &secondForkFailed) noexcept {
     standardStreamsToNull();
     ::setsid();
@@ -177,6 +178,8 @@ void enterChildState(int mode) noexcept {
     ::_exit(errno);
 }
 
+// --- in the caller
+
 // Quirk Q45.
 int waitForChild(pid_t child) {
     int status = 0;
@@ -197,8 +200,7 @@ int exitCode(int status) {
     return result;
 }
 
-// In both kinds of start, a process that cannot fork becomes the program itself.
-
+// Quirk Q44: in both functions below, a process that cannot fork becomes the program itself.
 int startDetached(const char *path, const Arguments &arguments) {
     Handover handover;
     if (!handover.create()) return -1;
@@ -217,7 +219,6 @@ int startDetached(const char *path, const Arguments &arguments) {
     return handover.get();
 }
 
-// Quirk Q44.
 int runAndWait(int mode, const char *path, const Arguments &arguments) {
     const pid_t child = ::fork();
     if (child == -1) vx::log(LOG_ERR, "fork failed");
@@ -228,7 +229,7 @@ int runAndWait(int mode, const char *path, const Arguments &arguments) {
     return exitCode(waitForChild(child));
 }
 
-// Splits one line; owns the arguments until all of them are there.
+// Splits one line. Owns the arguments until release().
 class ArgumentSplitter {
 public:
     explicit ArgumentSplitter(const char *line)
@@ -334,7 +335,7 @@ int eval_command(const char *command, char *out, size_t size) {
     const size_t room = size - 1;
     size_t used = 0;
     while (const auto piece = output.nextLine(outputPieceLength)) {
-        if (used >= room) continue;  // full: the command is still read to its end
+        if (used >= room) continue;  // full: the rest is read and dropped, so that the command can end
         const auto length = static_cast<int>(piece->size());
         used += static_cast<size_t>(std::snprintf(out + used, room - used, "%.*s", length, piece->data()));
     }

@@ -34,7 +34,7 @@ struct Segment {
     long long made_s;  // wall-clock time
 };
 
-// Looks into the kernel's table, which shows the segments of other users, too.
+// Reads the kernel's table, because shmget() and shmctl() do not tell about segments of other users.
 std::optional<Segment> findSegment(key_t key) {
     const Fd table(retryEintr([] { return ::open(segmentTable, O_RDONLY | O_CLOEXEC); }));
     LineBuffer lines;
@@ -47,7 +47,7 @@ std::optional<Segment> findSegment(key_t key) {
                                       &segment.made_s);
         if (found == 5 && lineKey == key) return segment;
     }
-    return std::nullopt;  // GCOVR_EXCL_LINE: it has gone since the caller met it
+    return std::nullopt;  // GCOVR_EXCL_LINE: it was removed since the caller saw it
 }
 
 double seconds(clockid_t clock) {
@@ -56,7 +56,7 @@ double seconds(clockid_t clock) {
     return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) / 1e9;
 }
 
-// What the kernel tells about a process.
+// The part of /proc/PID/stat that is needed here.
 struct Status {
     char state;
     double age_s;
@@ -80,7 +80,7 @@ std::optional<Status> readStatus(pid_t pid) {
     return status;
 }
 
-// A process that is younger than the segment has only got the number of its maker.
+// A process that is younger than the segment is not its maker but has got the same number.
 bool hasEnded(const Segment &segment) {
     if (segment.makerPid <= 0) return false;
     const std::optional<Status> status = readStatus(segment.makerPid);

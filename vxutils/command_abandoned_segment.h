@@ -6,8 +6,8 @@
 
 namespace vx {
 
-// Removes the segment with this key if it never should have been made, or its maker cannot remove it any more: if the
-// maker is neither root nor the user that this process acts as, or has ended. Whether it removed it; errno is kept.
+// Removes the segment with this key if its maker has ended, or is neither root nor the effective user of this process.
+// Returns whether the key is free then; errno is unchanged.
 bool removeAbandonedSegment(key_t key) noexcept;
 
 }  // namespace vx

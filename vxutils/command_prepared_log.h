@@ -6,9 +6,8 @@
 
 namespace vx {
 
-// The C library's logger takes locks that another thread may have held when the process was forked. This line is
-// formatted before the fork, in the form the C library gives it (facility "user", the program's name), and sent by
-// plain system calls.
+// syslog() takes locks, which another thread may have held at the time of the fork. This line is therefore formatted
+// before the fork, as syslog() would format it (facility "user", the program's name), and sent by plain system calls.
 class PreparedLog {
 public:
     PreparedLog(int priority, const char *text) noexcept;
