@@ -51,14 +51,14 @@ bool inRange(unsigned int line) {
     return false;
 }
 
-// Path of one of a line's files, put together by hand: reading a line costs hardly more than the three system calls.
+// Path of one of a line's files.
 class LinePath {
 public:
     LinePath() = default;
     LinePath(const LinePath &) = delete;
     LinePath &operator=(const LinePath &) = delete;
 
-    // Returns false, with a message, when there cannot be such a line.
+    // Returns false and logs when the number is out of range.
     bool set(std::string_view prefix, unsigned int line, std::string_view file) {
         if (!inRange(line)) return false;
         append(tree);
@@ -97,7 +97,7 @@ public:
     LineFile(const LineFile &) = delete;
     LineFile &operator=(const LineFile &) = delete;
 
-    // Closes the file; a failure of that changes neither the caller's result nor errno.
+    // Closes the file. A failure is logged and changes neither the caller's result nor errno.
     ~LineFile() {
         const vx::ErrnoKeeper keeper;
         if (fd_.valid() && fd_.close() == -1)
@@ -128,7 +128,7 @@ public:
         return DIO_OK;
     }
 
-    // Writes a text in one piece: true when all of it was taken; errno is 0 after a short write.
+    // Writes a text in one write(). Returns whether all of it was written; errno is 0 after a short write.
     bool write(std::string_view text) {
         errno = 0;
         const ssize_t written = vx::retryEintr([&] { return ::write(fd_.get(), text.data(), text.size()); });
@@ -163,7 +163,7 @@ bool dio_isDioDirent(const dirent *entry, std::string_view prefix) {
 int isInput(const dirent *entry) { return dio_isDioDirent(entry, inputPrefix) ? 1 : 0; }
 int isOutput(const dirent *entry) { return dio_isDioDirent(entry, outputPrefix) ? 1 : 0; }
 
-// Counts one kind of line into its counter; false when the tree is there and cannot be read.
+// Counts one kind of line into its counter. Returns false when the tree exists and cannot be read.
 // Quirk Q86.
 bool countLines(int (*filter)(const dirent *), unsigned int &counter) {
     const vx::ErrnoKeeper keeper;
@@ -183,14 +183,15 @@ void countAll() {
     if (countLines(isInput, inputs)) (void)countLines(isOutput, outputs);
 }
 
-int dio_value(std::string_view prefix, unsigned int line, unsigned char *on) {
+int readValueOf(std::string_view prefix, unsigned int line, unsigned char *on) {
     if (on == nullptr) return nullOutput();
     LineFile file;
     const int opened = file.open(prefix, line, valueFile, O_RDONLY);
     return opened == DIO_OK ? file.readValue(*on) : opened;
 }
 
-// Returns what a machine with 32-bit longs makes of a number: too large a one is the largest, a negative one wraps.
+// Converts a number as a machine with 32-bit longs reads it: a number that is too large becomes the largest, a negative
+// one wraps.
 uint32_t to32Bits(unsigned long number) {
     constexpr unsigned long largest = std::numeric_limits<uint32_t>::max();
     const bool negative = -number <= largest;
@@ -269,9 +270,9 @@ int dio_rwCount(unsigned int *n) {
     return DIO_OK;
 }
 
-int dio_roValue(unsigned int dio, unsigned char *on) { return dio_value(inputPrefix, dio, on); }
+int dio_roValue(unsigned int dio, unsigned char *on) { return readValueOf(inputPrefix, dio, on); }
 
-int dio_rwValue(int dio, unsigned char *on) { return dio_value(outputPrefix, static_cast<unsigned int>(dio), on); }
+int dio_rwValue(int dio, unsigned char *on) { return readValueOf(outputPrefix, static_cast<unsigned int>(dio), on); }
 
 int dio_setValue(int dio, unsigned int value) {
     LineFile file;

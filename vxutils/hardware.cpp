@@ -108,7 +108,7 @@ int has_poe(void) { return qxhw() == generationWithPoe && get_extension_variant(
 int has_sim_holder(void) { return readable(simDevice) ? 1 : 0; }
 
 int in_maintenance(void) {
-    // Every user may make /tmp/progress where it is missing.
+    // /tmp/progress may have been made by any user.
     const auto present = [](const char *marker) { return readable(marker) && vx::isBelievable(marker); };
     return std::any_of(std::begin(progressMarkers), std::end(progressMarkers), present) ? 1 : 0;
 }

@@ -57,12 +57,13 @@ struct Identity {
     uint32_t index;
 };
 
-// The link is the first field; by way of void, as the compiler does not know that it is aligned like its record.
+// The link is the first field of its record. The cast goes through void, because the compiler does not know that the
+// link is aligned like the record.
 storage_entry *entryOf(list_link *link) { return static_cast<storage_entry *>(static_cast<void *>(link)); }
 
 std::string blockPath(std::string_view name) { return std::string(blockDirectory).append("/").append(name); }
 
-// Returns the target of a link of any length; no value when it is not a link.
+// Returns the target of a link, which may have any length; no value if it is not a link.
 std::optional<std::string> linkTarget(const std::string &path) {
     for (std::string target(256, '\0');; target.resize(target.size() * 2)) {
         const ssize_t length = ::readlink(path.c_str(), target.data(), target.size());
@@ -105,7 +106,7 @@ struct CloseMounts {
     void operator()(FILE *file) const noexcept { ::endmntent(file); }
 };
 
-// Tells where a device node is mounted first; empty when it is not.
+// Returns the first mount point of a device node; empty if it is not mounted.
 std::string mountPointOf(const std::string &node) {
     const std::unique_ptr<FILE, CloseMounts> mounts(::setmntent(mountsFile, "re"));
     if (!mounts) return {};
@@ -149,7 +150,7 @@ void fill(storage_entry &entry, const std::string &device, const std::string &pa
 
 uint32_t sortKey(const storage_entry &entry) { return entry.type * 65536 + (entry.index & 0xffff); }
 
-// Inserts after all entries of the same or a smaller key; looked for from the end, so that equal ones cost nothing.
+// Inserts after all entries with the same or a smaller key, searching from the end.
 void insertSorted(storage_list &list, storage_entry *entry) {
     list_link *at = list.entries.prev;
     while (at != &list.entries && sortKey(*entryOf(at)) > sortKey(*entry)) at = at->prev;
@@ -220,7 +221,7 @@ storage_list *old_get_storage(unsigned int mask) {
     try {
         discover(*list);
     } catch (const std::bad_alloc &) {
-        // What was found so far is the result, as for an entry there is no memory for.
+        // The devices found so far are the result.
     }
     return list;
 }

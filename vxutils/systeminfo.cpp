@@ -20,7 +20,7 @@ constexpr int lineSize = 1023;  // 1022 characters and a NUL; quirk Q95
 
 using Table = std::unique_ptr<systeminfo_table, vx::Release<&systeminfo_free>>;
 
-// Cuts the opening quote off and the value off at what closes it.
+// Returns the text between double quotes; a value without an opening quote as it is.
 // Quirk Q38.
 char *unquote(char *value) {
     if (*value != '"') return value;
@@ -29,7 +29,7 @@ char *unquote(char *value) {
     return value;
 }
 
-// Returns false when the list is full or memory for another pair is out.
+// Returns false when the table is full or memory is short.
 bool addPair(systeminfo_table &table, const char *name, const char *value) {
     if (static_cast<size_t>(table.count) == std::size(table.vars)) return false;
     systeminfo_var &var = table.vars[table.count];
@@ -40,7 +40,7 @@ bool addPair(systeminfo_table &table, const char *name, const char *value) {
     return true;
 }
 
-// Returns false when the line holds a pair that cannot be kept.
+// Returns false when the line holds a variable that cannot be added.
 bool readLine(systeminfo_table &table, char *line) {
     char *name = line + std::strspn(line, " ");
     char *equals = std::strchr(name, '=');

@@ -1,9 +1,9 @@
 /* SPDX-License-Identifier: MIT */
 /**
  * @file
- * **Purpose.** The board's digital inputs and outputs, one line at a time, through the board driver's files below
- * "/sys/devices/vantorix/": inputs "din1", "din2", ... are read, outputs "dout1", ... are written and read back, and
- * inputs can count pulses ("frequency"). dio_status.h takes all lines at once.
+ * **Purpose.** Reads and sets the board's digital inputs and outputs, one line at a time, through the board driver's
+ * files below "/sys/devices/vantorix/": inputs "din1", "din2", ... are read, outputs "dout1", ... are written and read
+ * back, and inputs can count pulses ("frequency"). dio_status.h reads all lines at once.
  *
  * **Example.**
  * @code
@@ -11,24 +11,24 @@
  * if (dio_roValue(1, &on) == DIO_OK && on) dio_setValue(2, 1);  // input 1 drives output 2
  * @endcode
  *
- * **Ownership.** Nothing is allocated; results are written into the caller's variables.
+ * **Ownership.** The functions write into the caller's variables and allocate nothing that outlives a call.
  *
- * **Threads, signals, fork.** The single-line functions may be used by any thread. The two line counters are
- * process-wide and unprotected: counts that run at the same time write the same values. Not for signal handlers.
- * Nothing is kept open, so a forked child may call the functions.
+ * **Threads, signals, fork.** Any thread may use the functions for a single line. dio_count(), dio_roCount() and
+ * dio_rwCount() share two variables of the process without a lock: call them from one thread at a time. Not for signal
+ * handlers. Nothing is kept open, so a forked child may call the functions.
  *
- * **Blocking.** As long as the driver takes to read or write a file.
+ * **Blocking.** Calls take as long as the driver does to read or write a file. A program cannot wait for a change of an
+ * input: it reads it again.
  *
- * **Errors.** The codes below. What the system refuses is logged (LOG_ERR) with strerror() text. Outputs of a function
- * are written only where the description of the result says so, otherwise on DIO_OK alone. A failed close is logged and
- * changes no result.
+ * **Errors.** The functions return one of the codes below, 0 for success. Errors of the system are logged (LOG_ERR)
+ * with their strerror() text. A function writes its output on DIO_OK only. A failed close is logged and does not change
+ * the result.
  *
  * **Limits.** Lines are numbered from 1 to 99; other numbers are logged ("DIO number out of range (%u > %u)",
  * LOG_WARNING) and give DIO_RANGE.
  *
  * **Privileges.** Read access to the driver's files, and write access to "value" of an output and "frequency" of an
- * input; how the driver sets their modes is the firmware's choice. A line's directory that the caller may not read and
- * search does not count.
+ * input; the firmware chooses their modes. A line whose directory the caller may not read and search is not counted.
  *
  * **Compatibility.** Behaviour kept on purpose (docs/compatibility.md): Q85 a probe is logged as an error; Q86 an
  * unreadable tree keeps the last count.
@@ -52,7 +52,7 @@ enum {
     DIO_SYSTEM = 6    /**< any other error of the system; also a null output, with errno EINVAL */
 };
 
-/** Content of an input's "frequency" file; what the numbers mean is the board driver's. */
+/** Content of an input's "frequency" file. The board driver defines what the numbers mean. */
 struct dio_frequency_record {
     uint32_t number; /**< third number of the file */
     int64_t first;   /**< first number */
@@ -63,8 +63,8 @@ typedef struct dio_frequency_record dio_frequency_record; /**< the record's shor
 /**
  * Count all lines: readable directories "din" and "dout" followed by one or two digits.
  *
- * A missing tree counts as 0. A tree that cannot be read is logged ("Can't scandir(/sys/devices/vantorix/) - (%s)") and
- * leaves the number of the last count; errno is unchanged then.
+ * A missing tree counts as 0. When the tree cannot be read, that is logged ("Can't scandir(/sys/devices/vantorix/) -
+ * (%s)"), errno is unchanged, and the result is the number of the last count (Quirk Q86).
  *
  * @param n  receives inputs + outputs; NULL gives DIO_SYSTEM
  * @return DIO_OK or DIO_SYSTEM
@@ -104,7 +104,7 @@ VXUTILS_API int dio_rwValue(int dio, unsigned char *on);
 /**
  * Set an output: write the one character '0' + @p value.
  * @param dio    number of the output
- * @param value  0 or 1; above 9 some other character is written
+ * @param value  0 or 1; for a value above 9 a character that is not a digit is written
  * @return DIO_OK, DIO_RANGE, DIO_MISSING or DIO_SYSTEM
  */
 VXUTILS_API int dio_setValue(int dio, unsigned int value);
@@ -119,8 +119,8 @@ VXUTILS_API int dio_setValue(int dio, unsigned int value);
 VXUTILS_API int dio_frequency(int dio, dio_frequency_record *record);
 
 /**
- * Tell whether an input counts pulses, by a probe that the driver refuses (EEXIST) while it does. That refusal is
- * logged like an error.
+ * Tell whether an input counts pulses, by a probe that the driver refuses (EEXIST) while it does. The refusal is logged
+ * like an error (Quirk Q85).
  * @param dio     number of the input
  * @param active  receives 0 or 1 on DIO_OK; NULL gives DIO_SYSTEM
  * @return DIO_OK; DIO_INACTIVE when the driver refuses the probe for another reason; DIO_RANGE, DIO_MISSING, DIO_SYSTEM

@@ -1,9 +1,9 @@
 /* SPDX-License-Identifier: MIT */
 /**
  * @file
- * **Purpose.** What board this is: generation, product name, fitted extensions, and whether it is being maintained.
- * Read from the kernel's board data below "/proc/sysinfo", an optional rebranding file "/etc/oem/oem.conf", and marker
- * files.
+ * **Purpose.** Tells which board this is (generation, product name, fitted extensions) and whether it is being
+ * maintained. The answers come from the kernel's board data below "/proc/sysinfo", an optional rebranding file
+ * "/etc/oem/oem.conf", and marker files.
  *
  * **Example.**
  * @code
@@ -12,14 +12,14 @@
  *
  * **Ownership.** oem() and get_product() return static buffers, valid until the next call of either.
  *
- * **Threads, signals, fork.** oem() and get_product() share static buffers, and qxhw() keeps what it read: in programs
- * with several threads call these from one thread at a time and copy results at once. Not for signal handlers. Nothing
- * is kept open.
+ * **Threads, signals, fork.** oem() and get_product() share static buffers, and qxhw() and has_poe() store the
+ * generation in a static variable: only one thread at a time may call these four, and copies results at once. Not for
+ * signal handlers. Nothing is kept open; a forked child may call all functions.
  *
- * **Blocking.** As long as reading a small file takes.
+ * **Blocking.** Calls take as long as reading a small file.
  *
- * **Errors.** A missing file gives each function's neutral result; nothing is logged. Numbers are read as by atoi(): a
- * text that is not a number is 0, and what does not fit in 32 bits is the nearest number that does.
+ * **Errors.** When a file is missing, a function returns what it says for that; nothing is logged. Numbers are read as
+ * by atoi(): a text that is not a number gives 0, and a number that does not fit in 32 bits the nearest one that does.
  *
  * **Limits.** Lines of the rebranding file end after 1024 characters at the latest. A value has at most 1023
  * characters, a product name 127.
@@ -36,12 +36,15 @@
 
 VXUTILS_BEGIN_DECLS
 
-/** @return the hardware generation, from "/proc/sysinfo/qxhw"; read once and kept; -1 while the file is empty */
+/**
+ * @return the hardware generation, from "/proc/sysinfo/qxhw". Once read it is remembered; -1 as long as the file is
+ *         missing or empty.
+ */
 VXUTILS_API int qxhw(void);
 
 /**
- * Look up a value in "/etc/oem/oem.conf". The first line that begins with the key, directly followed by '=', counts;
- * blanks after the '=' are skipped. Lines end after 1024 characters at the latest.
+ * Look up a value in "/etc/oem/oem.conf". The first line that begins with the key and a '=' counts; blanks after the
+ * '=' are skipped. What follows the 1024th character of a line counts as another line.
  *
  * @param key  the key; NULL finds nothing
  * @return the value, or an empty text; at most 1023 characters in a static buffer, valid until the next call (also of
@@ -50,15 +53,15 @@ VXUTILS_API int qxhw(void);
 VXUTILS_API const char *oem(const char *key);
 
 /**
- * Name the product. With a readable "/etc/oem/oem.conf": its value of "ProductType.QX" and the board's product name
- * (the key cut to 30 characters), or else of "ProductType". Without the file: "QX" and the product name, which is in
- * "/proc/sysinfo/bd/0/prod_name".
+ * Name the product. The board's product name is in "/proc/sysinfo/bd/0/prod_name". Without a readable
+ * "/etc/oem/oem.conf" the result is "QX" and that name. With the file it is the file's value of "ProductType.QX" and
+ * that name (this key is cut to 30 characters, Quirk Q88), or, if that is empty, its value of "ProductType".
  *
  * @return the name, possibly empty; at most 127 characters in a static buffer, valid until the next call
  */
 VXUTILS_API const char *get_product(void);
 
-/** @return the extension board's variant, from "/proc/sysinfo/bd/1/prod_variant"; -1 when that is empty */
+/** @return the extension board's variant, from "/proc/sysinfo/bd/1/prod_variant"; -1 if that is missing or empty */
 VXUTILS_API int get_extension_variant(void);
 
 /** @return 1 when the board can be powered through its network cable (generation 18, extension variant 0), else 0 */

@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: MIT */
 /**
  * @file
- * **Purpose.** The storage devices of the board: which are fitted, where they are mounted, how large they are.
+ * **Purpose.** Lists the storage devices of the board: which are fitted, where they are mounted, how large they are.
  *
  * **Example.**
  * @code
@@ -12,24 +12,26 @@
  * free(found);  // the head is the caller's
  * @endcode
  *
- * **Types.** Types are single bits: 2 internal flash or eMMC, 4 partition 4 of an eMMC, 8 SD card, SATA disk, or USB
- * disk on no known port, 16 USB disk on a known port.
+ * **Types.** Types are single bits: 2 is internal flash or eMMC, 4 partition 4 of an eMMC, 8 an SD card, a SATA disk or
+ * a USB disk on an unknown port, 16 a USB disk on a known port.
  *
  * **Ownership.** The caller frees the entries with old_free_storage() and the head with free(). A pointer to an entry
  * is valid as long as the list's entries.
  *
- * **Threads, signals, fork.** A list is used by one thread at a time; nothing is shared between lists. Not for signal
- * handlers.
+ * **Threads, signals, fork.** A list is used by one thread at a time; lists share nothing. old_get_storage() calls
+ * qxhw() (hardware.h), so only one thread at a time may call it. Not for signal handlers. After fork() the child has a
+ * copy of its own.
  *
- * **Blocking.** As long as the kernel takes to look at each mounted file system: a medium that does not answer holds
- * the call up. The work is linear in the number of block devices.
+ * **Blocking.** old_get_storage() takes as long as the kernel does to look at each mounted file system: a medium that
+ * does not answer holds the call up. The other functions do not block.
  *
- * **Errors.** NULL when there is no memory for the head; what cannot be found out is -1 or empty. Nothing is logged.
+ * **Errors.** old_get_storage() returns NULL when there is no memory for the head. Fields that cannot be found out are
+ * -1 or empty. Nothing is logged.
  *
  * **Limits.** Texts too long for their fields are cut.
  *
- * **Privileges.** Read access to /sys/class/block, /proc/mounts and /proc/sysinfo, and search access to the mount
- * points; what the caller may not look at has no totals.
+ * **Privileges.** Read access to /sys/class/block, /proc/mounts and /proc/sysinfo, search access to the mount points
+ * (otherwise the totals are -1), and read access to the device's node in /dev (otherwise its size is -1).
  *
  * **Compatibility.** None.
  */
@@ -69,7 +71,7 @@ typedef struct storage_list storage_list; /**< the record's short name */
  *
  * @param mask  types that are wanted, 0 for all (then taken as 255)
  * @return the list, possibly empty; the caller empties it with old_free_storage() and frees the head with free(). NULL
- *         only when there is no memory for the head; entries there is no memory for are left out.
+ *         only when there is no memory for the head; entries for which memory is short are left out.
  */
 VXUTILS_API storage_list *old_get_storage(unsigned int mask);
 

@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: MIT */
 /**
  * @file
- * **Purpose.** Reader of "/etc/default/system-info", the shell-style list of variables that describes the device.
+ * **Purpose.** Reads "/etc/default/system-info", the shell-style list of variables that describes the device.
  *
  * **Example.**
  * @code
@@ -10,19 +10,21 @@
  * systeminfo_free(info);
  * @endcode
  *
- * **Syntax.** A line "NAME=VALUE" is a variable; blanks before the name are skipped, those between it and the "="
- * belong to it. Lines without "=", with nothing after it, and comments ("#" after any blanks) are skipped. A value that
- * begins with a double quote ends before the next one (or the line feed) and loses both; any other keeps leading blanks
- * and the line feed: write texts in quotes. The file is read up to the first line that begins with a NUL.
+ * **Syntax.** A line "NAME=VALUE" is a variable. Blanks before the name are skipped; blanks between the name and the
+ * "=" belong to the name. Lines without "=", lines with nothing after it, and comments ("#" as the first character that
+ * is not a blank) are skipped. A value in double quotes is what is between them; without a closing quote it ends before
+ * the line feed. Any other value keeps its leading blanks and its line feed (Quirk Q38), so write texts in quotes. The
+ * file is read up to the first line that begins with a NUL.
  *
  * **Ownership.** systeminfo_init() makes a table, systeminfo_free() frees it with its texts.
  *
- * **Threads, signals, fork.** A table may be read by several threads and by a forked child, which has a copy of its
- * own. systeminfo_init() may be called by any thread. Not for signal handlers.
+ * **Threads, signals, fork.** Several threads may read a table; any thread may call systeminfo_init(). Not for signal
+ * handlers. After fork() the child has a copy of its own.
  *
- * **Blocking.** systeminfo_init() as long as reading the file takes; the others never.
+ * **Blocking.** systeminfo_init() takes as long as reading the file. The other functions do not block.
  *
- * **Errors.** NULL, an empty text or -1; nothing is logged, errno is the failing call's.
+ * **Errors.** systeminfo_init() returns NULL with the errno of the failed call. A variable that is not there gives an
+ * empty text or -1. Nothing is logged.
  *
  * **Limits.** At most 256 variables, duplicates included: a file with more gives no table. The first of several
  * variables of one name counts. Lines have at most 1022 bytes; what is longer counts as another line. Numbers out of
@@ -42,13 +44,13 @@ VXUTILS_BEGIN_DECLS
 
 /** One variable. */
 typedef struct systeminfo_var {
-    char *name;  /**< NULL where there is none */
-    char *value; /**< NULL where there is none */
+    char *name;  /**< NUL-terminated; NULL in an unused record */
+    char *value; /**< NUL-terminated; NULL in an unused record */
 } systeminfo_var;
 
 /** All variables, in the order of the file. */
 typedef struct systeminfo_table {
-    int count; /**< filled ones of @c vars */
+    int count; /**< number of used records in @c vars */
     struct systeminfo_var vars[256];
 } systeminfo_table;
 
@@ -71,8 +73,8 @@ VXUTILS_API const char *systeminfo_getvar(const systeminfo_table *table, const c
  * Tell the value of a variable as a number.
  * @param table  from systeminfo_init(), or NULL
  * @param name   name of the variable; NULL finds nothing
- * @return what atoi() makes of the value, the nearest int when it is out of range; -1 when there is none or it is
- *         empty, also for NULL.
+ * @return the value as atoi() reads it (0 for a text that is not a number), or the nearest int when it is out of range;
+ *         -1 when there is no value or it is empty, also for NULL
  */
 VXUTILS_API int systeminfo_getint(const systeminfo_table *table, const char *name);
 
