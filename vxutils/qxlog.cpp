@@ -30,7 +30,7 @@ namespace {
 constexpr const char *logPath = "/var/log/qxlog";
 constexpr const char *temporaryPath = "/var/log/qxlog.tmp";
 constexpr mode_t creationMode = 0666;
-constexpr mode_t temporaryMode = 0660;  // strangers could hold its lock
+constexpr mode_t temporaryMode = 0660;  // other users must not be able to hold its lock
 constexpr mode_t logMode = 0664;
 
 constexpr int oldLinesKept = 32;
@@ -43,14 +43,14 @@ constexpr const char *keyPath = "/etc/fstab";  // any file that always exists
 constexpr int keyProject = 69;
 constexpr int semaphoreMode = 0666;
 
-// Reports what failed, in the words of errno.
+// Reports what failed and the text of errno.
 int failed(const char *what) {
     std::perror(what);
     return -1;
 }
 
-// What others hold delays a call by so much at most: every user may operate on the semaphore and lock the log, which is
-// readable for all.
+// How long one call waits for what others hold. Every user may operate on the semaphore, and lock the log, which is
+// readable for all: without limits any user could stop the log.
 struct Limits {
     vx::SemaphoreDeadline start = vx::SemaphoreClock::now();
     vx::SemaphoreDeadline semaphore = start + std::chrono::milliseconds(200);
@@ -59,7 +59,7 @@ struct Limits {
 };
 constexpr useconds_t pollPause_us = 2000;
 
-// The maker of the set may remove it at any time. A stranger's is removed where this process may do that.
+// Removes the set if an untrusted user has made it, who could remove it at any time. Returns whether it was removed.
 bool removeStrangers(int id) {
     semid_ds status{};
     return ::semctl(id, 0, IPC_STAT, &status) == 0 && !vx::isTrustedUser(status.sem_perm.cuid) &&
@@ -83,8 +83,8 @@ int getSemaphore(const Limits &limits) {
     return ::semctl(id, 0, SETVAL, 1) == 0 ? id : failed("semctl");
 }
 
-// Turns of the processes that use the log. They are a courtesy: strangers may hold the semaphore, so a call that does
-// not get it in time goes on without it, and what must not happen is prevented by the locks of the files.
+// The turn of a process that uses the log. Correctness does not depend on it, because any user may hold the semaphore:
+// a call that does not get it in time goes on without it, and the locks of the files keep writers apart.
 class Turn {
 public:
     explicit Turn(int semaphore) : semaphore_(semaphore) {}
@@ -110,8 +110,8 @@ bool isNamed(int fd, const char *path) {
 
 enum class Lock { taken, renamed, busy };
 
-// Waits for the lock of the file open as `fd` while the file has this name. On a file system that knows no locks the
-// semaphore has to do.
+// Waits for the lock of the file open as `fd`, as long as the file has the name `path`. On a file system without locks
+// the file counts as locked, and the semaphore alone keeps writers apart.
 Lock lockFile(int fd, int operation, const char *path, vx::SemaphoreDeadline deadline) {
     for (;;) {
         const bool busy =
@@ -123,15 +123,15 @@ Lock lockFile(int fd, int operation, const char *path, vx::SemaphoreDeadline dea
     }
 }
 
-// A stranger may have opened it, or may own it, and hold its lock.
+// Tells whether an untrusted user may have opened the file, and so may hold its lock.
 bool isOpenToStrangers(const struct stat &status) {
     return (status.st_mode & S_IRWXO) != 0 || !vx::isTrustedUser(status.st_uid);
 }
 
-// Opens the temporary file, empty and locked until it is closed. The semaphore may let two writers pass; this lock
-// makes them wait for each other. A writer that waited for a file that has lost its name to a rename takes the one that
-// has the name now. Strangers cannot open the file before it is the log, so the holder of the lock is a writer; only
-// one that an ordinary user made, or a program with another mode, is replaced when its lock is held for long.
+// Opens the temporary file, empties it and locks it until it is closed. The semaphore may let two writers pass; this
+// lock makes one of them wait. If the file was renamed meanwhile, the writer opens the one that has the name now. Other
+// users cannot open the file, so the holder of its lock is a writer. The exception is a file that an untrusted user, or
+// a program with another mode, has made: it is replaced when its lock is held for long.
 Fd openEmptiedTemporary(const Limits &limits) {
     for (;;) {
         struct stat status;
@@ -157,8 +157,8 @@ FilePtr toStream(Fd fd, const char *mode) {
     return file;
 }
 
-// Opens the log for reading, with a lock that keeps qxlog_clear() from cutting it off in the middle of a line. A lock
-// that a stranger holds is passed over.
+// Opens the log for reading, with a lock that keeps qxlog_clear() from cutting it off in the middle of a line. If
+// another process holds the lock for too long, the log is read without it.
 FilePtr openLog(const Limits &limits) {
     for (;;) {
         struct stat status;
@@ -168,7 +168,7 @@ FilePtr openLog(const Limits &limits) {
     }
 }
 
-// Does the same for emptying it.
+// Empties the log, with its lock if it can be had in time.
 void emptyLog(const Limits &limits) {
     for (;;) {
         struct stat status;
@@ -180,15 +180,15 @@ void emptyLog(const Limits &limits) {
     }
 }
 
-// Reads one line, or piece of a line, without its newline.
+// Reads one line, or a piece of a long line, without its newline.
 bool readLine(FILE *file, char (&line)[lineSize]) {
     if (std::fgets(line, sizeof line, file) == nullptr) return false;
     line[std::strcspn(line, "\n")] = '\0';
     return true;
 }
 
-// Returns false with errno set when there is an old log that cannot be read. What is not a regular file holds no
-// entries.
+// Returns false with errno set when there is an old log that cannot be read. A log that is not a regular file counts as
+// empty.
 bool copyOldLines(FILE *to, const Limits &limits) {
     const FilePtr log = openLog(limits);
     if (!log) return errno == ENOENT || errno == EISDIR || errno == EINVAL;
@@ -219,7 +219,7 @@ int qxlog(int number, const char *message) {
     if (!temporary) return failed("open");
     std::fprintf(temporary.get(), "%d: %s %s\n", number, time, vx::VisibleText(message).c_str());
     if (!copyOldLines(temporary.get(), limits)) return failed("open");
-    // Complete before it becomes the log, and locked until it is.
+    // The file is complete when it becomes the log, and locked until then.
     if (std::fflush(temporary.get()) != 0 || std::ferror(temporary.get()) != 0 ||
         std::rename(temporaryPath, logPath) == -1) {
         return failed("rename");
