@@ -47,14 +47,14 @@ inline uint32_t loadWord(const unsigned char *from) {
 
 inline void storeWord(unsigned char *to, uint32_t word) { std::memcpy(to, &word, sizeof word); }
 
-// Overwrites what may be a part of a key and is not read any more.
+// Overwrites memory that may hold a part of a key and is not read any more.
 template <typename T, size_t size>
 inline void wipe(T (&memory)[size]) {
     std::memset(memory, 0, sizeof memory);
-    asm("" : : "r"(memory) : "memory");  // or the compiler leaves it out
+    asm("" : : "r"(memory) : "memory");  // keeps the compiler from removing the memset
 }
 
-// What both digests do with a message: count its bits and cut it into blocks.
+// Message: both digests count its bits and cut it into blocks.
 
 void addBits(uint32_t &low, uint32_t &high, unsigned long bytes) {
     const uint64_t added = bytes;
@@ -65,8 +65,8 @@ void addBits(uint32_t &low, uint32_t &high, unsigned long bytes) {
 
 size_t bufferedBytes(uint32_t countLow) { return (countLow / 8) % blockSize; }
 
-// Hands the complete blocks among the buffered bytes and the new ones to `transform`(state, first block, number of
-// blocks, at least one), straight from the input where possible, and keeps the rest in the buffer.
+// Passes the complete blocks of the buffered and the new bytes to `transform`(state, first block, number of blocks,
+// which is at least 1), directly from the input where possible, and keeps the rest in the buffer.
 template <auto transform, typename State>
 void cutIntoBlocks(State &state, unsigned char (&buffer)[blockSize], size_t buffered, const unsigned char *data,
                    size_t length) {
@@ -83,15 +83,14 @@ void cutIntoBlocks(State &state, unsigned char (&buffer)[blockSize], size_t buff
     if (length % blockSize > 0) std::memcpy(buffer, data + blocks * blockSize, length % blockSize);
 }
 
-// A one bit and zeros: what brings a message up to the place of the bit count.
+// The padding between a message and its bit count: a one bit and zeros.
 constexpr unsigned char paddingBytes[blockSize] = {0x80};
 size_t paddingLength(size_t buffered) {
     return (buffered < countPosition ? countPosition : blockSize + countPosition) - buffered;
 }
 
-// Takes the end of a message: what is buffered, the padding, the two words of the bit count.  It is one block or two;
-// their parts are copied at full length, since copies of a fixed length are the quickest.  Of the message nothing
-// stays: it may be a key.
+// Takes the end of a message: the buffered bytes, the padding and the two words of the bit count, in one or two blocks.
+// Copies whole blocks, because copies of a fixed length need no call. Wipes the message, which may be a key.
 template <auto transform, typename State>
 void takeEnd(State &state, unsigned char (&buffer)[blockSize], size_t buffered, uint32_t first, uint32_t second) {
     unsigned char end[2 * blockSize];
@@ -113,8 +112,9 @@ std::array<unsigned char, countSize> countBytes(uint32_t first, uint32_t second)
     return bytes;
 }
 
-// Whether a program's class derived from `Own` made the context: its hash() sees the end of the message pass. The
-// type's place in the table of operations tells; typeid() would look into the type, and programs are built without any.
+// Tells whether the context is of a program's class derived from `Own`: such a class is to see the end of the message
+// pass through its hash(). The entry before the first virtual function in the table points to the type; typeid() is not
+// used, because it would read the type, and programs built without run-time type information have none.
 template <typename Own>
 bool isDerived(const Own &context) {
     const std::type_info *const *table;
@@ -136,8 +136,8 @@ constexpr uint32_t md5Sines[64] = {  // the integer part of 2^32 * |sin(i + 1)|
     0xf4292244, 0x432aff97, 0xab9423a7, 0xfc93a039, 0x655b59c3, 0x8f0ccc92, 0xffeff47d, 0x85845dd1,
     0x6fa87e4f, 0xfe2ce6e0, 0xa3014314, 0x4e0811a1, 0xf7537e82, 0xbd3af235, 0x2ad7d2bb, 0xeb86d391};
 
-// Does one of the 64 steps. The four words change their roles from step to step. Everything that does not need b, the
-// result of the step before, is added first, because the steps wait for one another there.
+// Does one of the 64 steps. The four words exchange their roles from step to step. `b` is the result of the step
+// before; everything that does not need it is added first, so that the processor can do that while it waits for `b`.
 template <size_t i>
 [[gnu::always_inline]] inline void md5Step(uint32_t (&words)[4], const unsigned char *block) {
     constexpr size_t round = i / 16;
@@ -199,7 +199,7 @@ template <size_t i>
         w = std::rotl(w ^ schedule[(i + 2) % 16] ^ schedule[(i + 8) % 16] ^ schedule[(i + 13) % 16], 1);
     }
 #if defined(__x86_64__)
-    asm("" : "+r"(w));  // the word stays in this register: the compiler would fetch it a second time
+    asm("" : "+r"(w));  // keeps the word in its register; otherwise the compiler loads it a second time
 #endif
     if constexpr (round == 0) {
         e += ((c ^ d) & b) ^ d;
@@ -228,21 +228,21 @@ template <size_t... i>
 }
 
 void sha1TransformAll(uint32_t (&state)[5], const unsigned char *blocks, size_t count) {
-    uint32_t schedule[16];  // the whole block can be computed from it
+    uint32_t schedule[16];  // wiped at the end, because the last block can be computed from it
     do {
         sha1Transform(state, schedule, blocks);
         blocks += blockSize;
-        asm("" ::: "memory");  // the state stays in its place between blocks instead of in a copy on the stack
+        asm("" ::: "memory");  // stores the state between blocks; otherwise the compiler keeps a copy on the stack
     } while (--count > 0);
     wipe(schedule);
 }
 
-// Returns the length that getHash() is to write: what is asked for, where there is so much.
+// Returns the length that getHash() is to write: the length asked for if it is 1 to the complete one, else the latter.
 uint32_t cappedLength(unsigned long asked, unsigned long complete) {
     return static_cast<uint32_t>(asked >= 1 && asked <= complete ? asked : complete);
 }
 
-// What both digests do alike, over the members of either.
+// Shared by both digests, over the members of either.
 
 template <size_t words>
 void begin(uint32_t (&state)[words], const uint32_t (&initial)[words], uint32_t &countLow, uint32_t &countHigh) {
@@ -264,7 +264,7 @@ void writeShortened(Context &context, unsigned long length, unsigned char *out) 
     std::memcpy(out, digest, length);
 }
 
-// Digests "abc" and says whether the published digest came out.
+// Implements test().
 [[gnu::cold]] int selfTest(HashContext &context, const unsigned char *expected) {
     unsigned char digest[largestDigest] = {};
     context.initialize(0);
@@ -277,14 +277,14 @@ void writeShortened(Context &context, unsigned long length, unsigned char *out) 
 
 }  // namespace
 
-// Programs derive from these classes and lay them out in their own objects.
+// Shipped programs derive from these classes: their sizes are fixed.
 static_assert(sizeof(HashContext) == sizeof(void *) && sizeof(AuthenticationContext) == sizeof(void *));
 static_assert(sizeof(void *) != 4 || (sizeof(Md5HashContext) == 96 && sizeof(Sha1HashContext) == 100));
 static_assert(sizeof(void *) != 4 || sizeof(HmacContext) == 140);
 
 HashContext::~HashContext() = default;
 
-// As destroy() leaves it.
+// Makes the context as destroy() leaves it.
 Md5HashContext::Md5HashContext() : state_(), countLow_(0), countHigh_(0), buffer_(), returnedLength_(md5Length) {}
 
 Md5HashContext::~Md5HashContext() = default;
@@ -309,7 +309,8 @@ void Md5HashContext::hash(const unsigned char *data, unsigned long length) {
 
 unsigned long Md5HashContext::getReturnedHashLength() const { return returnedLength_; }
 
-// Ends the message with the padding and the bit count of before: in one piece unless a derived class may look.
+// Ends the message with the padding and the bit count without the padding. A derived class sees both pass through its
+// hash().
 void Md5HashContext::finish() {
     const size_t buffered = bufferedBytes(countLow_);
     const size_t padding = paddingLength(buffered);
@@ -363,7 +364,7 @@ void Sha1HashContext::hash(const unsigned char *data, unsigned long length) {
 
 unsigned long Sha1HashContext::getReturnedHashLength() const { return returnedLength_; }
 
-// As above; here a derived class gets the padding byte by byte, until the count has its place.
+// As above, except that a derived class gets the padding byte by byte.
 void Sha1HashContext::finish() {
     const size_t buffered = bufferedBytes(countLow_);
     const uint32_t first = bigEndian(countHigh_);

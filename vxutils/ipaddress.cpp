@@ -8,7 +8,7 @@
 
 #include "vxutils/internal/digits.h"
 
-// Daemons keep these by value: in records, in tables, in shared memory.
+// Shipped programs hold objects by value, in records, tables and shared memory: layout and size are fixed.
 static_assert(sizeof(IpAddress) == 36 && !std::is_polymorphic_v<IpAddress>);
 
 const uint32_t IpAddress::ipv4McGrpAllRouters;
@@ -31,15 +31,15 @@ constexpr uint32_t prefixLimit = 33;
 constexpr long prefixDigits = 2;
 constexpr size_t quadText = sizeof "255.255.255.255";
 
-// On wider machines only the lower half of a number counts.
+// Ignores the upper half of a number where `unsigned long` has 64 bits.
 uint32_t word(unsigned long value) { return static_cast<uint32_t>(value & allOnes); }
 
 uint32_t leadingOnes(uint32_t mask) { return static_cast<uint32_t>(std::countl_one(mask)); }
 
-// Whether all one bits come before all zero bits: the inverted mask is a power of two less 1.
+// Tells whether all one bits come before all zero bits: the inverted mask is then a power of two less 1.
 bool isContiguous(uint32_t mask) { return (~mask & (~mask + 1)) == 0; }
 
-// Reads a text from left to right.  It relies on the NUL after the text, which is neither digit nor separator.
+// Reads a text from left to right. It relies on the NUL after the text, which is neither a digit nor a separator.
 class Reader {
 public:
     explicit Reader(const String &text) : begin_(text.c_str()), at_(begin_), end_(begin_ + text.length()) {}
@@ -54,7 +54,7 @@ public:
         return true;
     }
 
-    // Reads a number of at most `mostDigits` digits, below `limit`; "0" is complete by itself.
+    // Reads a number below `limit` with at most `mostDigits` digits. A leading 0 is a number by itself.
     bool number(long mostDigits, uint32_t limit, uint32_t &value) {
         if (*at_ == '0') {
             ++at_;
@@ -247,8 +247,8 @@ bool IpAddress::s_isV4MaskValid(unsigned long mask, unsigned long &size) {
     return isContiguous(word(mask));
 }
 
-// What networks, interfaces and directed broadcasts have in common: a class A, B or C address whose network part is
-// numbered, neither all zeros nor all ones, by a valid mask that leaves room for hosts.
+// The condition that networks, interfaces and directed broadcasts share: a class A, B or C address outside 0.0.0.0/8, a
+// valid mask that leaves bits for hosts, and a network part that is neither all zeros nor all ones.
 bool IpAddress::isInNumberedNetwork() const {
     if (!isV4ClassABC() || v4Address() < firstNumbered) return false;
     unsigned long size = 0;

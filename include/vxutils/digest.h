@@ -1,9 +1,9 @@
 /* SPDX-License-Identifier: MIT */
 /**
  * @file
- * **Purpose.** Message digests taken piece by piece: MD5 (RFC 1321), SHA-1 (FIPS 180), and HMAC (RFC 2104) over either.
- * Both digests are there for the peers that ask for them. Neither resists forgery by itself any more: to tell whether a
- * message is genuine, use the HMAC, and compare all bytes of it whatever the first ones are.
+ * **Purpose.** Computes message digests piece by piece: MD5 (RFC 1321), SHA-1 (FIPS 180), and HMAC (RFC 2104) over
+ * either. Use these digests only with peers that require them: neither resists forgery by itself any more. To tell
+ * whether a message is genuine, use the HMAC, and compare all of its bytes even when the first ones differ.
  *
  * **Example.**
  * @code
@@ -16,20 +16,21 @@
  * hmac.getHash(mac);
  * @endcode
  *
- * **Life of a context.** Construct, `initialize`, `hash` any number of times, then `getHash` or `getCompleteHash` once;
- * the finished state stays until the next `initialize`. Each context has a complete length (16 or 20 bytes) and a
- * returned length chosen when it is initialized: `getHash` writes only the returned length, so a 12-byte HMAC needs no
- * cutting.
+ * **Life of a context.** Construct it, call `initialize`, call `hash` any number of times, then `getHash` or
+ * `getCompleteHash` once. For the next message call `initialize` again (an HmacContext: `reset` keeps the key). Each
+ * context has a complete length (16 or 20 bytes) and a returned length, which `initialize` chooses and `getHash`
+ * writes: a peer that wants 12 bytes of an HMAC gets them so.
  *
- * **Ownership.** Contexts belong to their caller. An HmacContext borrows its inner context until destroy() or its own
- * end.
+ * **Ownership.** Contexts belong to their caller. An HmacContext borrows its inner context until its destroy() or its
+ * destructor.
  *
- * **Threads, signals, fork.** One context belongs to one thread. A forked child has a copy of its own. The functions
- * are async-signal-safe on a context that only the handler uses.
+ * **Threads, signals, fork.** A context belongs to one thread at a time. After fork() the child has a copy of its own.
+ * The functions are async-signal-safe on a context that only the handler uses.
  *
- * **Blocking.** Never.
+ * **Blocking.** No call blocks.
  *
- * **Errors.** None, and no messages. Without initialize() a digest is not defined. Impossible lengths mean all.
+ * **Errors.** No call of a digest fails, and nothing is logged. Without initialize() the digest is undefined. A
+ * returned length of 0, or above the complete one, counts as the complete one.
  *
  * **Limits.** All lengths are bytes. MD5 counts the message's bits modulo 2^64, as RFC 1321 says.
  *
@@ -55,7 +56,7 @@ public:
      */
     virtual int initialize(unsigned long returnedLength) = 0;
 
-    /** Forget the message: state, count and buffer become zero, the returned length the complete one. */
+    /** Forget the message: set state, count and buffer to zero and the returned length to the complete one. */
     virtual void destroy() = 0;
 
     /**
@@ -68,18 +69,18 @@ public:
     /** @return the bytes that getHash() writes. */
     virtual unsigned long getReturnedHashLength() const = 0;
 
-    /** End the message. @param out gets getReturnedHashLength() bytes of the digest, the first ones. */
+    /** End the message. @param out receives the first getReturnedHashLength() bytes of the digest. */
     virtual void getHash(unsigned char *out) = 0;
 
     /** @return the length of the whole digest. */
     virtual unsigned long getCompleteHashLength() const = 0;
 
-    /** End the message. @param out gets the whole digest. */
+    /** End the message. @param out receives the whole digest: getCompleteHashLength() bytes. */
     virtual void getCompleteHash(unsigned char *out) = 0;
 
     /**
-     * Digest "abc" and begin a new message.
-     * @return 0 when the published digest came out, else -1.
+     * Digest "abc", compare with the published digest and begin a new message.
+     * @return 0 when they are equal, else -1
      */
     virtual int test() = 0;
 };
@@ -136,7 +137,7 @@ private:
     uint32_t returnedLength_;
 };
 
-/** A digest that only the holders of a key can make: it shows that a message is genuine. */
+/** A digest that only the holders of a key can compute. It shows that a message is genuine. */
 class VXUTILS_API AuthenticationContext {
 public:
     virtual ~AuthenticationContext();
@@ -172,12 +173,12 @@ public:
     virtual unsigned long getReturnedHashLength() const = 0;
 };
 
-/** A keyed digest. */
+/** HMAC over any digest of up to 64 bytes. */
 class VXUTILS_API HmacContext : public AuthenticationContext {
 public:
     /**
-     * @param inner the digest to key: up to 64 bytes long, not owned, alive until destroy() or the destructor, and used
-     *              by no other code meanwhile.
+     * @param inner the digest to use, of up to 64 bytes; not NULL and not owned. It must live until destroy() or the
+     *              destructor, and no other code may use it until then.
      */
     explicit HmacContext(HashContext *inner);
     /** Run destroy(). */
@@ -185,14 +186,14 @@ public:
 
     /**
      * Set the key and begin a message.
-     * @param key            at most 64 bytes are used as they are, a longer key by its digest.
-     * @param keyLength      bytes of the key; with 0 the key may be NULL.
+     * @param key            the key, which is copied; of a key longer than 64 bytes the digest is used
+     * @param keyLength      bytes of the key; with 0 the key may be NULL
      * @param returnedLength bytes that getHash() is to write; 0 means the complete digest, as does more than that.
      * @return what the inner context's `initialize` returns: 0 for the digests of this library.
      */
     int initialize(const unsigned char *key, unsigned long keyLength, unsigned long returnedLength) override;
 
-    /** Wipe the key and forget the inner context; afterwards nothing but the destructor may be called. */
+    /** Wipe the key and forget the inner context. After this only the destructor may be called. */
     void destroy() override;
 
     /** Begin the next message with the same key. @return what the inner context's `initialize` returns. */
@@ -203,14 +204,14 @@ public:
 
     /**
      * End the message; reset() before the next one.
-     * @param out gets the returned length asked for, at most the complete length.
+     * @param out  receives as many bytes as initialize() was asked for, at most the complete length
      */
     void getHash(unsigned char *out) override;
 
     /** @return the inner context's complete length. */
     unsigned long getCompleteHashLength() const override;
 
-    /** @return the returned length asked for, also where it is more than the complete one. */
+    /** @return the returned length asked for, even if it is more than the complete one (Quirk Q94). */
     unsigned long getReturnedHashLength() const override;
 
 private:

@@ -1,8 +1,8 @@
 /* SPDX-License-Identifier: MIT */
 /**
  * @file
- * **Purpose.** `IpAddress`: an IPv4 address together with its netmask, as a value of 36 bytes. address.h works on the
- * platform's records and knows IPv6.
+ * **Purpose.** `IpAddress` is an IPv4 address together with its netmask, a value of 36 bytes. For IPv6 use address.h,
+ * which works on the platform's records.
  *
  * **Example.**
  * @code
@@ -13,17 +13,17 @@
  *
  * **Numbers and texts.** Addresses and masks are 32-bit numbers in host order, a.b.c.d being a<<24 | b<<16 | c<<8 | d,
  * handed over as `unsigned long`; where that is wider, its upper half is ignored and comes back as 0. Texts are dotted
- * quads, with an optional slash and prefix length for an address; decimal only, no leading zeros, no blanks. A fresh
+ * quads, with an optional slash and prefix length for an address; decimal only, no leading zeros, no blanks. A new
  * object is empty: type 0, address 0.0.0.0, mask 255.255.255.255.
  *
- * **Ownership.** A plain value. Nothing is allocated except in the Strings that are passed in.
+ * **Ownership.** An object is a plain value. Nothing is allocated except in the Strings that are passed in.
  *
  * **Threads, signals, fork.** An object may be read from several threads as long as none changes it; the static
  * functions keep no state and may be called from any thread. Not for signal handlers.
  *
- * **Blocking.** Never.
+ * **Blocking.** No call blocks.
  *
- * **Errors.** Setters return 0, or -1 and leave the object as it was. Nothing is logged or thrown.
+ * **Errors.** Setters return 0, or -1 and leave the object unchanged. Nothing is logged or thrown.
  *
  * **Limits.** The IPv6 operations are placeholders: they store nothing, and the setters refuse.
  *
@@ -39,6 +39,7 @@
 #include <vxutils/api.h>
 #include <vxutils/vxstring.h>
 
+/** An IPv4 address and its netmask; either may be set without the other. */
 class VXUTILS_API IpAddress {
 public:
     static const uint32_t ipv4McGrpAllRouters = 0xe0000002;  /**< 224.0.0.2 */
@@ -67,7 +68,7 @@ public:
     IpAddress(const String &ip, const String &mask);
 
     /**
-     * Take two numbers; the object is empty, and without the address too, when the mask is not valid.
+     * Take two numbers; the object is empty when the mask is not valid.
      * @param address  the address, in host order
      * @param mask     mask
      */
