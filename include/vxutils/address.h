@@ -19,13 +19,13 @@
  * bits where the address would be. Port, flow information and scope are neither read nor written, and records need no
  * alignment.
  *
- * **Ownership.** All memory is the caller's; the functions keep no pointer.
+ * **Ownership.** All memory belongs to the caller; the functions keep no pointer.
  *
  * **Threads, signals, fork.** The functions keep no state: any number of threads may call them at once, also in a
  * forked child. They call only inet_ntop() and inet_pton() of the C library, which POSIX does not list for signal
  * handlers.
  *
- * **Blocking.** Never.
+ * **Blocking.** No call blocks.
  *
  * **Errors.** Results of -1, 0 or NULL. Nothing is logged; errno is unchanged.
  *

@@ -24,7 +24,7 @@
  * **Threads, signals, fork.** A list is used by one thread at a time. The functions are async-signal-safe on a list
  * that only the handler uses.
  *
- * **Blocking.** Never.
+ * **Blocking.** No call blocks.
  *
  * **Errors.** No function checks its arguments.
  *

@@ -14,12 +14,12 @@
  * puts(buffer);  // prints interfaces: eth0 eth1
  * @endcode
  *
- * **Ownership.** The buffer is the caller's; nothing needs to be released.
+ * **Ownership.** The buffer belongs to the caller; nothing needs to be released.
  *
  * **Threads, signals, fork.** A stream is used by one thread at a time. mem_stream_puts() is async-signal-safe on a
  * stream of the handler's own, mem_stream_printf() is as safe as the C library's vsnprintf().
  *
- * **Blocking.** Never.
+ * **Blocking.** No call blocks.
  *
  * **Errors.** Results of 1. A NULL stream, buffer, format or text and a total size that cannot be the stream's are
  * programming errors: they end the process through the C library's assertion handler, in every kind of build.

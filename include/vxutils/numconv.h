@@ -17,12 +17,12 @@
  * for 16, and no letter for 10. So 5 is `101b`, 15 is `17o`, 255 is `FFh` and -42 is `-42`. Hexadecimal digits are
  * written in upper case.
  *
- * **Ownership.** All buffers are the caller's.
+ * **Ownership.** All buffers belong to the caller.
  *
  * **Threads, signals, fork.** All functions may be called from any thread and in a forked child; they keep no state and
  * are async-signal-safe.
  *
- * **Blocking.** Never.
+ * **Blocking.** No call blocks.
  *
  * **Errors.** NULL, or an error word. Nothing is logged, errno is unchanged. A pointer argument must not be NULL
  * unless the function says what NULL means.

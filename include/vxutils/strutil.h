@@ -18,7 +18,7 @@
  * static buffer is for one thread at a time. All except zalloc(), strformat(), the validators and the two functions
  * that follow the locale are async-signal-safe.
  *
- * **Blocking.** Never.
+ * **Blocking.** No call blocks.
  *
  * **Errors.** Results; errno is unchanged except by zalloc(). Nothing is logged. A pointer argument must not be NULL
  * unless the function says what NULL means.

@@ -22,9 +22,9 @@
  *
  * **Threads, signals, fork.** May be called from any thread, from a signal handler and in a forked child.
  *
- * **Blocking.** Never.
+ * **Blocking.** No call blocks.
  *
- * **Errors.** None.
+ * **Errors.** No call fails.
  *
  * **Limits.** Each number is between 0 and 999.
  *

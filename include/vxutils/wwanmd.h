@@ -31,7 +31,7 @@
  * **Whose answers count.** Only answers from the process that listens at "/var/run/wwanmdN/server" when the connection
  * is made count; no other process can send on it.
  *
- * **Ownership.** wwanmd_init() makes a handle, wwanmd_free() closes and frees it. Messages are the caller's.
+ * **Ownership.** wwanmd_init() makes a handle, wwanmd_free() closes and frees it. Messages belong to the caller.
  *
  * **Threads, signals, fork.** A handle belongs to one thread at a time; nothing is locked. SIGPIPE is ignored while a
  * call sends or receives and has its default action afterwards, whatever handler was set before; wwanmd_recv() leaves
