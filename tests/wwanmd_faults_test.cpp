@@ -15,11 +15,14 @@
 #include <chrono>
 #include <csignal>
 #include <cstring>
+#include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "support/call_hooks.h"
 #include "support/files.h"
 #include "support/interruptions.h"
 #include "support/resources.h"
@@ -49,7 +52,12 @@ namespace {
 // This thread's waits and its receives fail with EPIPE: what no local stream socket does.
 thread_local bool waitsBreak = false;
 thread_local bool receivesBreak = false;
+// Called before each wait of this thread.
+thread_local std::function<void()> beforeWait;
 }  // namespace
+
+VXTEST_HOOK(int, connect, (int fd, const sockaddr *address, socklen_t size), (fd, address, size))
+VXTEST_HOOK_AS(int, clock_gettime, "__clock_gettime64", (clockid_t clock, timespec *now), (clock, now))
 
 namespace {
 // This thread cannot take locks of the POSIX library.
@@ -67,6 +75,7 @@ extern "C" int poll(pollfd *waiting, nfds_t count, int timeout) {
         errno = EPIPE;
         return -1;
     }
+    if (beforeWait) beforeWait();
     return static_cast<int>(::syscall(SYS_poll, waiting, count, timeout));
 }
 
@@ -380,6 +389,51 @@ TEST_F(WwanmdFaults, SignalsNeitherCutNorStretchTheWaits) {
     const Stopwatch reset;
     EXPECT_EQ(wwanmd_in_reset(0), 1);
     EXPECT_GE(reset.elapsed(), milliseconds(5000));
+}
+
+TEST_F(WwanmdFaults, ASignalThatEndsTheLastWaitForAConnectionIsATimeOut) {
+    const Handle handle = connect();
+    time_t passed_s = 0;
+    int attempts = 0;
+    const vxtest::Hooked later(vxtest::hooks::clock_gettime, [&](clockid_t clock, timespec *now) -> std::optional<int> {
+        const int result = vxtest::real::clock_gettime(clock, now);
+        now->tv_sec += passed_s;
+        return result;
+    });
+    const vxtest::Hooked interrupted(vxtest::hooks::connect,
+                                     [&](int, const sockaddr *, socklen_t) -> std::optional<int> {
+                                         ++attempts;
+                                         passed_s += 2;
+                                         errno = EINTR;
+                                         return -1;
+                                     });
+    EXPECT_EQ(wwanmd_open(handle.get()), -1);
+    EXPECT_EQ(attempts, 3);
+    EXPECT_THAT(logTexts(), ElementsAre("can't bind to wwanmd0 (Resource temporarily unavailable)"));
+}
+
+sighandler_t actionOfSigpipe() {
+    struct sigaction action {};
+    ::sigaction(SIGPIPE, nullptr, &action);
+    return action.sa_handler;
+}
+
+TEST_F(WwanmdFaults, AReceiveThatReconnectsIgnoresSigpipeUntilItReturns) {
+    const Handle handle = connect();
+    wwanmd_close(handle.get());
+    int waits = 0;
+    sighandler_t action = SIG_ERR;
+    beforeWait = [&] {
+        if (++waits != 3) return;  // the first two are those of the handshake
+        action = actionOfSigpipe();
+        modem.tell("stale OK late");
+    };
+    Message message;
+    EXPECT_EQ(wwanmd_recv(handle.get(), &message), 0);
+    beforeWait = nullptr;
+    EXPECT_EQ(message.text(), " late");
+    EXPECT_EQ(action, SIG_IGN);
+    EXPECT_EQ(actionOfSigpipe(), SIG_DFL);
 }
 
 TEST_F(WwanmdFaults, AResetThatBeginsBetweenSendAndReceiveIsSeen) {
