@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: MIT
 // Classes of bugs that comparable public systems had, one test each: stack, files, commands, callbacks. The table in
 // docs/testing.md lists the classes, also those that the tests of the families cover.
-#include <dlfcn.h>
 #include <pthread.h>
 #include <signal.h>
+#include <sys/sendfile.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <vxutils/address.h>
@@ -27,29 +27,17 @@
 #include <filesystem>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <set>
 
 #include "support/bug_classes.h"
+#include "support/call_hooks.h"
 #include "support/descriptor_limit.h"
 #include "support/process.h"
 #include "support/syslog_capture.h"
 
-// Looks at a copy in the moment before its content arrives.
-namespace {
-std::function<void(int fd)> beforeContent;
-
-ssize_t sendThrough(const char *call, int out, int in, void *offset, size_t count) {
-    if (beforeContent) beforeContent(out);
-    return reinterpret_cast<ssize_t (*)(int, int, void *, size_t)>(::dlsym(RTLD_NEXT, call))(out, in, offset, count);
-}
-}  // namespace
-
-extern "C" ssize_t sendfile(int out, int in, void *offset, size_t count) {
-    return sendThrough("sendfile", out, in, offset, count);
-}
-extern "C" ssize_t sendfile64(int out, int in, void *offset, size_t count) {
-    return sendThrough("sendfile64", out, in, offset, count);
-}
+VXTEST_HOOK_AS(ssize_t, sendfile, "sendfile64", (int out, int in, off_t *offset, size_t count),
+               (out, in, offset, count))
 
 namespace {
 
@@ -173,13 +161,16 @@ TEST(BugClass, ACopyIsNeverMoreReadableThanItsSource) {
     ASSERT_EQ(::chmod("/tmp/bug-secret", 0600), 0);
     const mode_t umaskBefore = ::umask(0);
     mode_t whileEmpty = 0777;
-    beforeContent = [&](int fd) {
-        struct stat status {};
-        EXPECT_EQ(::fstat(fd, &status), 0);
-        whileEmpty = status.st_mode & 0777;
-    };
-    EXPECT_EQ(copy_file("/tmp/bug-secret", "/tmp/bug-secret-copy"), 0);
-    beforeContent = nullptr;
+    {
+        const vxtest::Hooked look(vxtest::hooks::sendfile,
+                                  [&](int out, int, off_t *, size_t) -> std::optional<ssize_t> {
+                                      struct stat status {};
+                                      EXPECT_EQ(::fstat(out, &status), 0);
+                                      whileEmpty = status.st_mode & 0777;
+                                      return std::nullopt;
+                                  });
+        EXPECT_EQ(copy_file("/tmp/bug-secret", "/tmp/bug-secret-copy"), 0);
+    }
     EXPECT_EQ(whileEmpty, 0600U);
 
     EXPECT_EQ(write_file_atomic("/tmp/bug-secret-new", "secret", 6, 0, 0), 0);

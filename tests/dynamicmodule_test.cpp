@@ -6,27 +6,16 @@
 #include <cerrno>
 #include <cstring>
 #include <memory>
+#include <optional>
 #include <string>
 
+#include "support/call_hooks.h"
 #include "support/files.h"
 #include "support/process.h"
 #include "support/resources.h"
 #include "support/syslog_capture.h"
 
-namespace {
-
-bool refuseClose = false;
-
-}  // namespace
-
-// The loader always has a text when it refuses; the library does not rely on that.
-extern "C" int dlclose(void *handle) noexcept {
-    static const auto next = reinterpret_cast<int (*)(void *)>(::dlsym(RTLD_NEXT, "dlclose"));
-    const int result = next(handle);
-    if (!refuseClose) return result;
-    errno = EBUSY;
-    return 7;
-}
+VXTEST_HOOK(int, dlclose, (void *handle), (handle))
 
 namespace {
 
@@ -230,15 +219,21 @@ TEST(DynamicModule, WarnsWhenTheLoaderRefusesToClose) {
                                                      full + "\\)"));
 }
 
+// The loader always has a text when it refuses; the library does not rely on that.
 TEST(DynamicModule, WarnsWithoutATextOfTheLoader) {
     vxtest::SyslogCapture log;
     auto module = std::make_unique<CDynamicModule>(full);
     ASSERT_EQ(module->load(nullptr), 0);
     (void)log.take();
     ::dlerror();  // nothing pending
-    refuseClose = true;
-    module.reset();
-    refuseClose = false;
+    {
+        const vxtest::Hooked refused(vxtest::hooks::dlclose, [](void *handle) -> std::optional<int> {
+            (void)vxtest::real::dlclose(handle);
+            errno = EBUSY;
+            return 7;
+        });
+        module.reset();
+    }
     const auto lines = log.take();
     ASSERT_EQ(lines.size(), 3U);
     EXPECT_EQ(lines[2],

@@ -2,12 +2,10 @@
 // The modem daemon's client where the system refuses a step, the daemon stalls, hangs up or refuses the handshake.
 #include <vxutils/wwanmd.h>
 
-#include <dlfcn.h>
-#include <fcntl.h>
 #include <poll.h>
+#include <pthread.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
-#include <sys/syscall.h>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -30,71 +28,21 @@
 #include "support/syslog_capture.h"
 #include "support/wwanmd.h"
 
-namespace {
-
-// Looks for the reset marker that see it as it is; the next one makes it. Negative: none makes it.
-int looksBeforeReset = -1;
-
-void makeMarkerInTime(std::string_view path) {
-    if (looksBeforeReset < 0 || !path.ends_with("/reset")) return;
-    if (looksBeforeReset-- == 0) vxtest::writeFile(std::string(path), "");
-}
-
-}  // namespace
-
-// Replaces the C library's for this program, so that a card's reset can begin between two given looks.
-extern "C" int access(const char *path, int mode) noexcept {
-    makeMarkerInTime(path);
-    return ::faccessat(AT_FDCWD, path, mode, 0);
-}
-
-namespace {
-// This thread's waits and its receives fail with EPIPE: what no local stream socket does.
-thread_local bool waitsBreak = false;
-thread_local bool receivesBreak = false;
-// Called before each wait of this thread.
-thread_local std::function<void()> beforeWait;
-}  // namespace
-
+VXTEST_HOOK(int, access, (const char *path, int mode), (path, mode))
+VXTEST_THREAD_HOOK(int, pthread_mutex_lock, (pthread_mutex_t * mutex), (mutex))
+VXTEST_THREAD_HOOK(int, poll, (pollfd * waiting, nfds_t count, int timeout), (waiting, count, timeout))
+VXTEST_THREAD_HOOK(ssize_t, recv, (int fd, void *data, size_t size, int flags), (fd, data, size, flags))
 VXTEST_HOOK(int, connect, (int fd, const sockaddr *address, socklen_t size), (fd, address, size))
 VXTEST_HOOK_AS(int, clock_gettime, "__clock_gettime64", (clockid_t clock, timespec *now), (clock, now))
-
-namespace {
-// This thread cannot take locks of the POSIX library.
-thread_local bool locksFail = false;
-}  // namespace
-
-extern "C" int pthread_mutex_lock(pthread_mutex_t *mutex) noexcept {
-    if (locksFail) return EAGAIN;
-    static const auto next = reinterpret_cast<int (*)(pthread_mutex_t *)>(::dlsym(RTLD_NEXT, "pthread_mutex_lock"));
-    return next(mutex);
-}
-
-extern "C" int poll(pollfd *waiting, nfds_t count, int timeout) {
-    if (waitsBreak) {
-        errno = EPIPE;
-        return -1;
-    }
-    if (beforeWait) beforeWait();
-    return static_cast<int>(::syscall(SYS_poll, waiting, count, timeout));
-}
-
-extern "C" ssize_t recv(int fd, void *data, size_t size, int flags) {
-    if (receivesBreak) {
-        errno = EPIPE;
-        return -1;
-    }
-    return ::syscall(SYS_recvfrom, fd, data, size, flags, nullptr, nullptr);
-}
 
 namespace {
 
 using namespace vxtest::wwanmd;
 
-using std::chrono::milliseconds;
-using testing::ElementsAre;
-using testing::StartsWith;
-using vxtest::LogLine;
+namespace hooks = vxtest::hooks;
+
+using vxtest::failingWith;
+using vxtest::Hooked;
 
 using WwanmdFaults = WwanmdTest;
 
@@ -145,9 +93,11 @@ TEST_F(WwanmdFaults, WithoutMemoryForTheRecordThereIsNoHandleEither) {
 }
 
 TEST_F(WwanmdFaults, ConnectsWhereLocksFail) {
-    locksFail = true;
-    const Handle handle(wwanmd_init(0, "lockless"));
-    locksFail = false;
+    Handle handle;
+    {
+        const Hooked noLocks(hooks::pthread_mutex_lock, vxtest::answering(EAGAIN, 0));
+        handle.reset(wwanmd_init(0, "lockless"));
+    }
     ASSERT_NE(handle, nullptr);
     EXPECT_THAT(modem.happened(), ElementsAre("connected", "command init lockless"));
 }
@@ -226,10 +176,10 @@ TEST_F(WwanmdFaults, ABrokenPipeWhileWaitingToSendIsAStalledDaemon) {
     const Handle handle = connect();
     Message message("signal");
     handle->last_io = {};
-    waitsBreak = true;
-    const int result = wwanmd_send(handle.get(), &message);
-    waitsBreak = false;
-    EXPECT_EQ(result, -1);
+    {
+        const Hooked broken(hooks::poll, failingWith(EPIPE));  // what no local stream socket does
+        EXPECT_EQ(wwanmd_send(handle.get(), &message), -1);
+    }
     const auto lines = logTexts();
     ASSERT_GE(lines.size(), 2U);
     EXPECT_EQ(lines[0], "faced stalled wwanmd0");
@@ -242,10 +192,10 @@ TEST_F(WwanmdFaults, ABrokenPipeWhileReceivingIsAStalledDaemon) {
     modem.tell("stale OK");
     waitReadable(handle);
     Message message;
-    receivesBreak = true;
-    const int result = wwanmd_recv(handle.get(), &message);
-    receivesBreak = false;
-    EXPECT_EQ(result, -1);
+    {
+        const Hooked broken(hooks::recv, vxtest::answering<ssize_t>(-1, EPIPE));
+        EXPECT_EQ(wwanmd_recv(handle.get(), &message), -1);
+    }
     const auto lines = logTexts();
     ASSERT_GE(lines.size(), 3U);
     EXPECT_EQ(lines[0], "couldn't read from wwanmd0 (Broken pipe)");
@@ -395,18 +345,17 @@ TEST_F(WwanmdFaults, ASignalThatEndsTheLastWaitForAConnectionIsATimeOut) {
     const Handle handle = connect();
     time_t passed_s = 0;
     int attempts = 0;
-    const vxtest::Hooked later(vxtest::hooks::clock_gettime, [&](clockid_t clock, timespec *now) -> std::optional<int> {
+    const Hooked later(hooks::clock_gettime, [&](clockid_t clock, timespec *now) -> std::optional<int> {
         const int result = vxtest::real::clock_gettime(clock, now);
         now->tv_sec += passed_s;
         return result;
     });
-    const vxtest::Hooked interrupted(vxtest::hooks::connect,
-                                     [&](int, const sockaddr *, socklen_t) -> std::optional<int> {
-                                         ++attempts;
-                                         passed_s += 2;
-                                         errno = EINTR;
-                                         return -1;
-                                     });
+    const Hooked interrupted(hooks::connect, [&](int, const sockaddr *, socklen_t) -> std::optional<int> {
+        ++attempts;
+        passed_s += 2;
+        errno = EINTR;
+        return -1;
+    });
     EXPECT_EQ(wwanmd_open(handle.get()), -1);
     EXPECT_EQ(attempts, 3);
     EXPECT_THAT(logTexts(), ElementsAre("can't bind to wwanmd0 (Resource temporarily unavailable)"));
@@ -423,14 +372,17 @@ TEST_F(WwanmdFaults, AReceiveThatReconnectsIgnoresSigpipeUntilItReturns) {
     wwanmd_close(handle.get());
     int waits = 0;
     sighandler_t action = SIG_ERR;
-    beforeWait = [&] {
-        if (++waits != 3) return;  // the first two are those of the handshake
-        action = actionOfSigpipe();
-        modem.tell("stale OK late");
-    };
     Message message;
-    EXPECT_EQ(wwanmd_recv(handle.get(), &message), 0);
-    beforeWait = nullptr;
+    {
+        const Hooked waiting(hooks::poll, [&](pollfd *, nfds_t, int) -> std::optional<int> {
+            if (++waits == 3) {  // the first two are those of the handshake
+                action = actionOfSigpipe();
+                modem.tell("stale OK late");
+            }
+            return std::nullopt;
+        });
+        EXPECT_EQ(wwanmd_recv(handle.get(), &message), 0);
+    }
     EXPECT_EQ(message.text(), " late");
     EXPECT_EQ(action, SIG_IGN);
     EXPECT_EQ(actionOfSigpipe(), SIG_DFL);
@@ -439,8 +391,16 @@ TEST_F(WwanmdFaults, AReceiveThatReconnectsIgnoresSigpipeUntilItReturns) {
 TEST_F(WwanmdFaults, AResetThatBeginsBetweenSendAndReceiveIsSeen) {
     const Handle handle = connect();
     Message message("signal");
-    looksBeforeReset = 1;  // the look before sending
-    const int result = wwanmd_command(handle.get(), &message);
+    int looks = 0;
+    int result = 0;
+    {
+        const Hooked beginning(hooks::access, [&](const char *path, int) -> std::optional<int> {
+            // The first look is the one before sending.
+            if (std::string_view(path).ends_with("/reset") && ++looks == 2) vxtest::writeFile(path, "");
+            return std::nullopt;
+        });
+        result = wwanmd_command(handle.get(), &message);
+    }
     ::unlink("/tmp/status/wwanmd/card0/reset");
     EXPECT_EQ(result, -1);
     EXPECT_EQ(handle->fd, -1);

@@ -28,11 +28,6 @@ namespace {
 
 using namespace vxtest::wwanmd;
 
-using std::chrono::milliseconds;
-using testing::ElementsAre;
-using testing::StartsWith;
-using vxtest::LogLine;
-
 using Wwanmd = WwanmdTest;
 
 static_assert(sizeof(wwanmd_handle::last_io.tv_sec) == 8);

@@ -15,11 +15,6 @@ namespace {
 
 using namespace vxtest::wwanmd;
 
-using std::chrono::milliseconds;
-using testing::ElementsAre;
-using testing::StartsWith;
-using vxtest::LogLine;
-
 using WwanmdTimeouts = WwanmdTest;
 
 TEST_F(WwanmdTimeouts, ASilentDaemonIsWaitedForAtLeastFiveSeconds) {

@@ -5,7 +5,9 @@
 //   VXTEST_HOOK(int, semget, (key_t key, int count, int flags), (key, count, flags))
 //
 // From then on vxtest::hooks::semget is asked first. While it is empty, and where it returns nothing, the C library
-// does the work, as vxtest::real::semget() always does. The socket calls are in intercept.h, those of the event loop in
+// does the work, as vxtest::real::semget() always does. VXTEST_THREAD_HOOK is for calls that other threads of the test
+// make at the same time (the reader of the system log among them): it answers the thread that sets it. VXTEST_WATCH is
+// for calls without a result: its hook is told of them. The socket calls are in intercept.h, those of the event loop in
 // loop_calls.h.
 #pragma once
 
@@ -56,6 +58,23 @@ private:
     Hook &hook_;
 };
 
+// A hook of one thread is a pointer, which needs no constructor and no destructor in each thread.
+template <typename Call>
+class [[nodiscard]] Hooked<const std::function<Call> *> {
+public:
+    template <typename Answer>
+    Hooked(const std::function<Call> *&hook, Answer answer) : hook_(hook), answer_(std::move(answer)) {
+        hook_ = &answer_;
+    }
+    ~Hooked() { hook_ = nullptr; }
+    Hooked(const Hooked &) = delete;
+    Hooked &operator=(const Hooked &) = delete;
+
+private:
+    const std::function<Call> *&hook_;
+    std::function<Call> answer_;
+};
+
 template <typename Hook, typename Answer>
 Hooked(Hook &, Answer) -> Hooked<Hook>;
 
@@ -68,15 +87,40 @@ Hooked(Hook &, Answer) -> Hooked<Hook>;
     namespace vxtest::hooks {                                                                       \
     inline std::function<std::optional<result> parameters> name;                                    \
     }                                                                                               \
-    namespace vxtest::real {                                                                        \
-    inline result name parameters {                                                                 \
-        static const auto next = nextCall<decltype(&::name)>(sizeof(long) == 4 ? name32 : #name);   \
-        return next arguments;                                                                      \
-    }                                                                                               \
-    }                                                                                               \
+    VXTEST_REAL(result, name, name32, parameters, arguments)                                        \
     extern "C" result name parameters noexcept(noexcept(::name arguments)) {                        \
         if (vxtest::hooks::name) {                                                                  \
             if (const std::optional<result> answer = vxtest::hooks::name arguments) return *answer; \
         }                                                                                           \
         return vxtest::real::name arguments;                                                        \
+    }
+
+#define VXTEST_THREAD_HOOK(result, name, parameters, arguments)                                          \
+    namespace vxtest::hooks {                                                                            \
+    inline constinit thread_local const std::function<std::optional<result> parameters> *name = nullptr; \
+    }                                                                                                    \
+    VXTEST_REAL(result, name, #name, parameters, arguments)                                              \
+    extern "C" result name parameters noexcept(noexcept(::name arguments)) {                             \
+        if (vxtest::hooks::name != nullptr) {                                                            \
+            if (const std::optional<result> answer = (*vxtest::hooks::name)arguments) return *answer;    \
+        }                                                                                                \
+        return vxtest::real::name arguments;                                                             \
+    }
+
+#define VXTEST_WATCH(name, parameters, arguments)                          \
+    namespace vxtest::hooks {                                              \
+    inline std::function<void parameters> name;                            \
+    }                                                                      \
+    VXTEST_REAL(void, name, #name, parameters, arguments)                  \
+    extern "C" void name parameters noexcept(noexcept(::name arguments)) { \
+        if (vxtest::hooks::name) vxtest::hooks::name arguments;            \
+        vxtest::real::name arguments;                                      \
+    }
+
+#define VXTEST_REAL(result, name, name32, parameters, arguments)                                  \
+    namespace vxtest::real {                                                                      \
+    inline result name parameters {                                                               \
+        static const auto next = nextCall<decltype(&::name)>(sizeof(long) == 4 ? name32 : #name); \
+        return next arguments;                                                                    \
+    }                                                                                             \
     }

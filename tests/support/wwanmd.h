@@ -21,6 +21,11 @@
 
 namespace vxtest::wwanmd {
 
+using std::chrono::milliseconds;
+using testing::ElementsAre;
+using testing::StartsWith;
+using vxtest::LogLine;
+
 struct Event {
     long long us;
     std::string text;
