@@ -1,8 +1,8 @@
 /* SPDX-License-Identifier: MIT */
 /**
  * @file
- * **Purpose.** The analog inputs of the boards, in volts. Each board's converter has its own factor; the functions with
- * a board's name apply it. Other drivers' converters are read with adc_read().
+ * **Purpose.** Reads the analog inputs of the boards in volts. Each board's converter has its own factor, which the
+ * functions with a board's name apply. adc_read() reads the converters of other drivers.
  *
  * **Example.**
  * @code
@@ -17,12 +17,13 @@
  * **Threads, signals, fork.** Any thread may call the functions; two threads must not ask qxdelta_get_adc_vin_path()
  * for the same input at once. Not for signal handlers. No descriptor stays open, so a forked child may call them.
  *
- * **Blocking.** As long as the driver takes to read a file, a few milliseconds.
+ * **Blocking.** Calls take as long as the driver does to read a file, a few milliseconds.
  *
- * **Errors.** Results of -1, 0 or an empty text; errno is the failing call's. Only qxdelta_get_adc_vin_path() logs
- * (LOG_ERR). Converter files hold a whole number of 0 or more; a text that is not a number reads as 0.
+ * **Errors.** A call that fails returns -1, 0 or an empty text; errno is that of the failed system call. Only
+ * qxdelta_get_adc_vin_path() logs (LOG_ERR). Converter files hold a whole number of 0 or more; a text that is not a
+ * number reads as 0.
  *
- * **Limits.** A converter's text has at most 127 characters. Hardware monitors are looked for as hwmon0 to hwmon9.
+ * **Limits.** A converter's text has at most 127 characters. Of the hardware monitors, hwmon0 to hwmon9 are searched.
  *
  * **Privileges.** Read access to the driver's files below /sys.
  *

@@ -27,7 +27,7 @@
  *
  * **Blocking.** No call blocks.
  *
- * **Errors.** Results of -1, 0 or NULL. Nothing is logged; errno is unchanged.
+ * **Errors.** A call that fails returns -1, 0 or NULL. Nothing is logged; errno is unchanged.
  *
  * **Limits.** A record that is filled with, or said to hold, an IPv6 address must have the size of a `sockaddr_in6` (28
  * bytes), which a plain `struct sockaddr` does not have. Each function says how large its text buffer must be.

@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: MIT */
 /**
  * @file
- * **Purpose.** Names of the mobile world: radio generations, families of modem modules, network providers.
+ * **Purpose.** Names radio generations, families of modem modules and network providers.
  *
  * **Example.**
  * @code
@@ -17,9 +17,10 @@
  * **Blocking.** pdb_find_provider() runs a tool in a shell and waits until it has ended, without a limit: do not call
  * it in an event loop. The others do not block.
  *
- * **Errors.** Results that say "unknown": -1, 0, an empty text. Nothing is logged.
+ * **Errors.** A name or number that is not known gives -1, 0 or an empty text. Nothing is logged.
  *
- * **Limits.** A provider's name is cut to 63 characters. Lines of the tool end after 1024 characters at the latest.
+ * **Limits.** A provider's name is cut to 63 characters. What follows the 1024th character of a line of the tool counts
+ * as another line.
  *
  * **Privileges.** pdb_find_provider() needs /bin/sh and the provider data base's tool /usr/bin/pdb, executable for the
  * caller.

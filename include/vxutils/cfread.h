@@ -1,8 +1,8 @@
 /* SPDX-License-Identifier: MIT */
 /**
  * @file
- * **Purpose.** Reader of configuration files made of "key=value" lines that may include each other. configreader.h
- * reads one file without includes into a class; configd.h asks the configuration daemon.
+ * **Purpose.** Reads configuration files of "key=value" lines that may include each other. configreader.h reads one
+ * file without includes into a class; configd.h asks the configuration daemon.
  *
  * **Example.**
  * @code
@@ -30,16 +30,16 @@
  * **Threads, signals, fork.** A table is used by one thread at a time; different tables are independent. Not for signal
  * handlers. A forked child has a copy of its own.
  *
- * **Blocking.** As long as the file system takes; a FIFO that the caller names is read until its writers close it. An
- * included FIFO is not waited for: it ends where there is nothing to read.
+ * **Blocking.** Reading takes as long as the file system does. A FIFO that the caller names is read until its writers
+ * close it. An included FIFO is not waited for: it ends where there is nothing to read.
  *
  * **Errors.** Every failure is logged with file and line at LOG_ERR. Line numbers count each file's lines from 1 and
- * leave out include lines. A read error ends a file as its end does.
+ * leave out include lines. A read error counts as the end of the file.
  *
- * **Limits.** A line has at most 1023 bytes with its line end, key and value have at most 255 characters each. Files
- * nest as deep as descriptors last; one that includes itself fails when they run out. One read opens at most 16384
- * included files, and none any more after it has read more than 16 MiB from them: the next one fails as a file that
- * cannot be opened.
+ * **Limits.** A line has at most 1023 bytes with its line end; key and value have at most 255 characters each. Files
+ * nest as deep as there are descriptors; a file that includes itself fails when they run out. One read opens at most
+ * 16384 included files, and no more after it has read 16 MiB from them: the next one then fails as a file that cannot
+ * be opened.
  *
  * **Privileges.** Read access to the files.
  *

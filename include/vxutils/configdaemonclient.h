@@ -1,8 +1,8 @@
 /* SPDX-License-Identifier: MIT */
 /**
  * @file
- * **Purpose.** ConfigDaemonClient: single values of the configuration daemon, over the functions of configd.h, which
- * read many values in one go.
+ * **Purpose.** ConfigDaemonClient reads and writes single values of the configuration daemon. The functions of
+ * configd.h, on which it is built, read and write several values in one call.
  *
  * **Example.**
  * @code
@@ -14,17 +14,17 @@
  *
  * **Ownership.** The object owns its connection. Values are copied.
  *
- * **Threads, signals, fork.** A client is used by one thread at a time and does not survive fork() in both processes.
- * SIGPIPE is treated as in configd.h.
+ * **Threads, signals, fork.** A client is used by one thread at a time. After fork() only one of the two processes may
+ * use it. It changes the disposition of SIGPIPE as configd.h says. Not for signal handlers.
  *
  * **Blocking.** Each call is one exchange with the daemon and waits up to 10 s for sending and 10 s for the answer.
  *
- * **Errors.** Results, and messages in the system log by configd.h. Nothing is thrown.
+ * **Errors.** Failures are results, and configd.h writes the reason to the system log. Nothing is thrown.
  *
  * **Limits.** Keys have at most 255 characters, values 1023; longer ones are not sent. What is written takes effect
  * with the next commit of any client (configd_done()).
  *
- * **Privileges.** Those of configd.h.
+ * **Privileges.** The same as for configd.h.
  *
  * **Compatibility.** Those of configd.h.
  */

@@ -1,8 +1,8 @@
 /* SPDX-License-Identifier: MIT */
 /**
  * @file
- * **Purpose.** ConfigReader: a "key=value" file, read once and asked often. cfread.h reads files that include each
- * other.
+ * **Purpose.** ConfigReader reads a "key=value" file once and answers questions about it. cfread.h reads files that
+ * include each other.
  *
  * **Example.**
  * @code
@@ -24,9 +24,10 @@
  * tables of hashtable.h. Each thread gets a String of its own, which it may copy: as with any String, copies belong to
  * that thread. Not for signal handlers. A forked child has a copy of its own.
  *
- * **Blocking.** initialize() as long as the file system takes; everything else never.
+ * **Blocking.** initialize() takes as long as the file system does. The other functions do not block.
  *
- * **Errors.** initialize() returns false and prints two lines on standard output. Out of memory throws std::bad_alloc.
+ * **Errors.** When initialize() fails it returns false and prints two lines on standard output. std::bad_alloc is
+ * thrown when memory is short.
  *
  * **Limits.** Lines have at most 1022 bytes; what is longer counts as another line, and a NUL ends a line early.
  *

@@ -3,7 +3,7 @@
  * @file
  * **Purpose.** Locks between processes: CRecursiveSemaphore, a named recursive mutex that survives the death of its
  * owner, and CSemaphore, a plain binary lock found by a file's path. Use the former unless an existing program uses the
- * latter. The same as plain functions: sem.h. Locks of shell scripts: lock.h.
+ * latter. sem.h has the former as plain functions. lock.h has locks that shell scripts use as well.
  *
  * **Example.**
  * @code
@@ -19,9 +19,9 @@
  * share one mapping of the mutex and are the same lock: what one of them has locked, another may unlock. Both kinds of
  * lock are made by their first user and stay in the system until the next boot.
  *
- * **A maker that is killed.** A CRecursiveSemaphore whose maker was killed half-way is finished by the next user. A
- * CSemaphore whose maker was killed, or stopped for more than a second, after it made the semaphore and before it set
- * it free would stay locked: the next init() waits for a second and replaces it.
+ * **A maker that is killed.** When the process that makes a CRecursiveSemaphore is killed before it has finished, the
+ * next user finishes it. When the maker of a CSemaphore is killed, or stopped for more than 1 s, after making the
+ * semaphore and before setting it free, the next init() waits for 1 s and replaces the semaphore.
  *
  * **The guard.** A CRecursiveSemaphore is found and made under a guard, the CSemaphore of the library's own file with
  * project 1. Do not use that pair for another lock. The key of a CSemaphore follows the file (its inode), not its path:
@@ -43,14 +43,15 @@
  * CSemaphore (32000 sets on Linux).
  *
  * **Privileges.** A lock serves the processes of one user: both kinds are made with mode 0600. Other users cannot open
- * it (EACCES in the log), and root does not use the locks of ordinary users. What an ordinary user other than the
- * effective one has made under a lock's name is not used: a semaphore is removed and made again where this process may
- * do that (root may) and makes init() fail otherwise; a shared-memory object leaves the lock unusable. So does an
- * object that its group or others may write: a process that can write a mutex can make its users write anywhere in
- * their memory. A CRecursiveSemaphore needs /dev/shm and the file /usr/lib/libvxutils.so.1.0.0, whatever the prefix
- * that the library is installed in. Any file of this name that the user can look up will do, and all users of a lock
- * must see the same one. Without it the constructor writes to the system log, and every call on the object returns -1
- * at once.
+ * it (EACCES in the log), and root does not use the locks of ordinary users. An object under a lock's name that another
+ * ordinary user has made is not used. A semaphore of that kind is removed and made again if this process has the right
+ * to (root has); otherwise init() fails. A shared-memory object of that kind makes the lock unusable, and so does one
+ * that its group or others may write: a process that can write a mutex can make its users write anywhere in their
+ * memory.
+ *
+ * A CRecursiveSemaphore needs /dev/shm and the file /usr/lib/libvxutils.so.1.0.0, whatever prefix the library is
+ * installed in. The content of the file does not matter, but all users of a lock must see the same file. Without it the
+ * constructor writes to the system log, and every call on the object returns -1 at once.
  *
  * **Compatibility.** Behaviour kept on purpose (docs/compatibility.md): Q55 named locks depend on one file name; Q57
  * two failures share one message; Q58 destructors do not unlock.

@@ -1,8 +1,8 @@
 /* SPDX-License-Identifier: MIT */
 /**
  * @file
- * **Purpose.** All digital inputs and outputs of the board in one record of bits: read or applied at once, and shared
- * between daemons in its fixed layout. Built on dio.h, whose result codes it returns.
+ * **Purpose.** Reads or sets all digital inputs and outputs of the board by one record of bits, whose fixed layout
+ * daemons can share. The family is built on dio.h and returns its result codes.
  *
  * **Example.**
  * @code
@@ -16,19 +16,20 @@
  *
  * **Ownership.** Records belong to the caller.
  *
- * **Threads, signals, fork.** A record is used by one thread at a time; see dio.h on the counters. Not for signal
- * handlers.
+ * **Threads, signals, fork.** A record is used by one thread at a time. Functions that count lines share dio.h's rule
+ * on threads. Not for signal handlers.
  *
- * **Blocking.** As long as the driver takes for all lines.
+ * **Blocking.** Calls take as long as the driver does for all lines.
  *
- * **Errors.** Result codes of dio.h. Mistakes of the calling program - a NULL record, a line that the record does not
- * have - are assertions: they name the source vxutils/dio_status and abort the process, in every build.
+ * **Errors.** Functions return the result codes of dio.h. A NULL record, or a line that the record does not have, is a
+ * mistake of the calling program: an assertion that names the source vxutils/dio_status aborts the process, in every
+ * build.
  *
  * **Limits.** Numbers go up to 99, but a half holds 96 bits and its 16 bytes are shared with other programs. Lines 97
  * to 99 read as 0 from a record and are not stored in it; they never touch the neighbouring half. Their single-line
  * functions work.
  *
- * **Privileges.** Those of dio.h.
+ * **Privileges.** The same as for dio.h.
  *
  * **Compatibility.** Behaviour kept on purpose (docs/compatibility.md): Q10 mistakes of the caller abort the process in
  * every build; Q87 lines 97 to 99 have no bit.

@@ -1,8 +1,8 @@
 /* SPDX-License-Identifier: MIT */
 /**
  * @file
- * **Purpose.** Network interfaces as users see them: display names, WAN links, bridge members. WAN links are read from
- * the status tree, which the link manager keeps; bridges from the output of "/usr/sbin/brctl".
+ * **Purpose.** Tells what users want to see of network interfaces: display names, WAN links, bridge members. WAN links
+ * are read from the status tree, which the link manager writes; bridges from the output of "/usr/sbin/brctl".
  *
  * **Example.**
  * @code
@@ -13,13 +13,13 @@
  *
  * **Ownership.** interfaceize() returns a static buffer, valid until its next call.
  *
- * **Threads, signals, fork.** interfaceize() by one thread at a time; the others by any thread. Not for signal
- * handlers. Nothing is kept open.
+ * **Threads, signals, fork.** Only one thread at a time may call interfaceize(); any thread may call the others. Not
+ * for signal handlers. Nothing is kept open.
  *
  * **Blocking.** bridge_members() runs a shell and waits for it without a limit; the others read small files.
  *
- * **Errors.** Missing files and directories count as "none". A status file does not count when a user who is neither
- * root nor the process's user may have put it there, or a directory above it. Nothing is logged.
+ * **Errors.** A missing file or directory means that there is no such link or member. A status file is ignored when it
+ * or a directory above it may come from a user who is neither root nor the process's user. Nothing is logged.
  *
  * **Limits.** A display name has at most 15 characters. Numbers in names have at most six digits, the prefix at most 14
  * characters.

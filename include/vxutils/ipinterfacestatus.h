@@ -1,8 +1,8 @@
 /* SPDX-License-Identifier: MIT */
 /**
  * @file
- * **Purpose.** `IpInterfaceStatus`: flags, IPv4 address, netmask and transmit queue of an interface, read and set.
- * Routes and IPv6 are left out.
+ * **Purpose.** `IpInterfaceStatus` reads and sets flags, IPv4 address, netmask and transmit queue of an interface. It
+ * does not handle routes and IPv6.
  *
  * **Example.**
  * @code
@@ -16,12 +16,12 @@
  *
  * **Threads, signals, fork.** One object may be shared by threads. Not for signal handlers. A forked child may use it.
  *
- * **Blocking.** Only for the kernel's answer.
+ * **Blocking.** Calls wait for the kernel's answer only.
  *
- * **Errors.** Results of 0. Nothing is logged.
+ * **Errors.** A call that fails returns 0. Nothing is logged.
  *
  * **Limits.** Addresses and netmasks are 32-bit words in host order. Interface names are used up to their 15th
- * character; a NULL name is a missing interface. The first IPv4 address of an interface is meant.
+ * character; a NULL name counts as a missing interface. The address is the first IPv4 address of the interface.
  *
  * **Privileges.** Setting needs CAP_NET_ADMIN in the network namespace; every user may read.
  *

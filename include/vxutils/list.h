@@ -1,8 +1,8 @@
 /* SPDX-License-Identifier: MIT */
 /**
  * @file
- * **Purpose.** Circular, doubly linked list whose links live inside the caller's records: adding never allocates,
- * removing needs no search.
+ * **Purpose.** A circular, doubly linked list whose links are members of the caller's records: adding a record never
+ * allocates, and removing one needs no search.
  *
  * **Example.**
  * @code
@@ -28,7 +28,7 @@
  *
  * **Errors.** No function checks its arguments.
  *
- * **Limits.** None but memory.
+ * **Limits.** Memory alone limits the length.
  *
  * **Privileges.** None.
  *

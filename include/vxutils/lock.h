@@ -1,9 +1,9 @@
 /* SPDX-License-Identifier: MIT */
 /**
  * @file
- * **Purpose.** Locks between processes: a directory used as a mutex, and the one lock that everything takes which
- * changes packet-filter rules. Programs that need a lock of their own use csemaphore.h or sem.h, which see the death of
- * an owner.
+ * **Purpose.** Locks between processes: a directory used as a mutex, and the lock that every program takes before it
+ * changes packet-filter rules. Programs that need a lock of their own use csemaphore.h or sem.h, which notice the death
+ * of an owner.
  *
  * **Example.**
  * @code
@@ -18,11 +18,11 @@
  *
  * **Ownership.** firewall_lock() makes a handle, firewall_unlock() frees it. A directory lock has no handle.
  *
- * **Threads, signals, fork.** Any thread may call the functions. The directory lock stays until release_lock(), also
- * when its holder dies: no one is recorded as its owner. The firewall lock ends with the process that holds it; it is
- * not inherited across exec, but a forked child shares it until the child ends too. It must not be taken twice by one
- * process, which would wait for itself without end. Signals do not end the waits, except that they shorten one sleep of
- * acquire_lock(). Not for signal handlers.
+ * **Threads, signals, fork.** Any thread may call the functions. The directory lock has no owner: it stays until
+ * release_lock(), even when the process that took it dies. The firewall lock ends with the process that holds it. It is
+ * not inherited across exec, but a forked child shares it until the child ends, too. A process that takes it twice
+ * waits for itself without end. Signals do not end the waits, except that they shorten one sleep of acquire_lock(). Not
+ * for signal handlers.
  *
  * **Blocking.** acquire_lock() sleeps for 1 s after each failure. firewall_lock() waits until the lock is free, without
  * a limit: do not call it in an event loop.
@@ -31,8 +31,8 @@
  *
  * **Limits.** None.
  *
- * **Privileges.** acquire_lock() needs the right to write to the directory above. Everyone who may write there can
- * release the lock, in a directory with the sticky bit only its maker and root. The file of the packet-filter lock is
+ * **Privileges.** acquire_lock() needs write access to the parent directory. Everyone who may write there can release
+ * the lock; in a directory with the sticky bit only its maker and root can. The file of the packet-filter lock is
  * made with mode 0600 in "/var/lock", which must exist: programs that take the lock run as one user, normally root.
  *
  * **Compatibility.** Behaviour kept on purpose (docs/compatibility.md): Q21 directories are made with the mode 0x755;

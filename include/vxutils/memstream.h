@@ -21,10 +21,10 @@
  *
  * **Blocking.** No call blocks.
  *
- * **Errors.** Results of 1. A NULL stream, buffer, format or text and a total size that cannot be the stream's are
- * programming errors: they end the process through the C library's assertion handler, in every kind of build.
+ * **Errors.** A text that does not fit gives the result 1. A NULL stream, buffer, format or text, and a total size that
+ * cannot be the stream's, are programming errors: the C library's assertion handler ends the process, in every build.
  *
- * **Limits.** The buffer's size in bytes, its terminator included.
+ * **Limits.** A text fits if the buffer has room for it and its terminator.
  *
  * **Privileges.** None.
  *

@@ -1,8 +1,8 @@
 /* SPDX-License-Identifier: MIT */
 /**
  * @file
- * **Purpose.** Questions to the kernel's process table, /proc: does a process exist, who is its parent, who called us,
- * what is running. The class for whole lists of processes is in processcontrol.h.
+ * **Purpose.** Asks the kernel's process table, /proc, about single processes: whether one exists, its parent, its
+ * command line, and which program called this one. processcontrol.h lists all processes.
  *
  * **Example.**
  * @code
@@ -12,13 +12,13 @@
  *
  * **Ownership.** procname() returns a static buffer, valid until the next call.
  *
- * **Threads, signals, fork.** procname() by one thread at a time; the others by any thread. Not for signal handlers. No
- * descriptor stays open.
+ * **Threads, signals, fork.** Only one thread at a time may call procname(); any thread may call the others. Not for
+ * signal handlers. No descriptor stays open.
  *
- * **Blocking.** Only for the kernel's answer.
+ * **Blocking.** Calls wait for the kernel's answer only.
  *
- * **Errors.** Results of 0, -1 or an empty text; nothing is logged. The answers are those of the moment: a process may
- * end, and its number be given away, right after.
+ * **Errors.** A question without an answer gives 0, -1 or an empty text; nothing is logged. An answer may be out of
+ * date at once: a process may end, and another one may get its number.
  *
  * **Limits.** Command lines are read up to 255 characters, the status line up to 254.
  *

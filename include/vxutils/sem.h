@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: MIT */
 /**
  * @file
- * **Purpose.** The named recursive lock between processes (CRecursiveSemaphore in csemaphore.h) as plain functions.
+ * **Purpose.** Gives C programs the named recursive lock between processes (CRecursiveSemaphore in csemaphore.h).
  *
  * **Example.**
  * @code
@@ -25,15 +25,15 @@
  * **Blocking.** sem_lock() waits without a limit. sem_create() waits while another process makes a lock of any name,
  * for 15 s at most. In an event loop use sem_trylock().
  *
- * **Errors.** Error numbers of pthread_mutex_lock(), or -1 for a handle whose lock could not be set up; the reason is
- * in the system log.
+ * **Errors.** Calls return an error number of pthread_mutex_lock(), or -1 for a handle whose lock could not be set up;
+ * the reason for the latter is in the system log.
  *
  * **Limits.** A name is "/" and up to 255 further characters, none of them "/".
  *
- * **Privileges.** A lock serves the processes of one user: it is made with mode 0600, and only its owner may use it.
- * What another ordinary user has made under the name is not used (see csemaphore.h). A lock needs /dev/shm and
- * the file /usr/lib/libvxutils.so.1.0.0, whatever the prefix that the library is installed in. Without it sem_create()
- * writes to the system log and returns a handle on which everything returns -1 at once.
+ * **Privileges.** A lock serves the processes of one user: it is made with mode 0600, and only its owner may use it. An
+ * object of that name which another ordinary user has made is not used (see csemaphore.h). A lock needs /dev/shm and
+ * the file /usr/lib/libvxutils.so.1.0.0, whatever prefix the library is installed in. Without it sem_create() writes to
+ * the system log and returns a handle on which every call returns -1 at once.
  *
  * **Compatibility.** Behaviour kept on purpose (docs/compatibility.md): Q55 named locks depend on one file name; Q56 a
  * NULL name raises std::logic_error.

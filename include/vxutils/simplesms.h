@@ -1,9 +1,9 @@
 /* SPDX-License-Identifier: MIT */
 /**
  * @file
- * **Purpose.** Short messages, exchanged with the device's SMS service through files: outgoing ones are handed to
- * "/usr/local/sbin/send-sms", incoming ones are found in "/var/spool/sms/incoming/", one file for each message, whose
- * name is the message's id.
+ * **Purpose.** Sends and receives short messages through the files of the device's SMS service: an outgoing message is
+ * passed to "/usr/local/sbin/send-sms", and an incoming one is a file in "/var/spool/sms/incoming/" whose name is the
+ * message's id.
  *
  * **Example.**
  * @code
@@ -25,7 +25,7 @@
  *
  * **Blocking.** send() waits until the tool has ended, without a limit. The others take as long as the file system.
  *
- * **Errors.** Results of -1 or nullptr. Exceptions are only those of the string and vector types when memory is short.
+ * **Errors.** A call that fails returns -1 or nullptr. std::bad_alloc is thrown when memory is short.
  *
  * **Limits.** An incoming file is read up to its first 1023 bytes, without white space at its ends: header lines, an
  * empty line, the text. An id that is empty, is "." or "..", or holds a slash or a NUL is not a file name and reads as

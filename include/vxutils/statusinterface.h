@@ -1,8 +1,8 @@
 /* SPDX-License-Identifier: MIT */
 /**
  * @file
- * **Purpose.** A daemon's directory in the status tree: small files and links that tell others its state, and FIFOs
- * through which others send it short messages.
+ * **Purpose.** Manages a daemon's directory in the status tree: small files and links by which other programs learn its
+ * state, and FIFOs by which they send it short messages.
  *
  * **Example.**
  * @code
@@ -21,28 +21,27 @@
  * }
  * @endcode
  *
- * **Trees of other users.** A tree that a stranger may have made is not used. Every call looks at the directories on
- * its way; those in the root directory ("/tmp") are the system's and taken as they are. A path is unsafe
+ * **Trees of other users.** A tree that an untrusted user may have made is not used. Every call checks the directories
+ * of its path, except those in the root directory, such as "/tmp", which belong to the system. A path is unsafe
  *
- * - when a directory or link on it is in a directory that every user may write to, and belongs neither to root, nor
- *   to the process's user, nor to the owner of the directory that it is in;
- * - for all but getStatus(), when a link on it belongs neither to root nor to the process's user, unless it is in a
- *   directory of theirs that not every user may write to.
+ * - if a directory or link on it is in a directory that every user may write to, and belongs neither to root, nor to
+ *   the process's user, nor to the owner of the directory that it is in;
+ * - for every call except getStatus(), if a link on it belongs neither to root nor to the process's user, unless that
+ *   link is in a directory of one of these two that not every user may write to.
  *
- * Then the call fails, and "Refused status path PATH: "NAME" belongs to user UID!" goes to the system log (LOG_ERR).
+ * The call then fails and logs "Refused status path PATH: "NAME" belongs to user UID!" (LOG_ERR).
  *
  * **Ownership.** The object owns its FIFOs and removes their files. Observers belong to the caller and must outlive
  * their FIFOs.
  *
- * **Threads, signals, fork.** An object is used from one thread, the one that runs libevent's current base, on which
- * the FIFOs' data arrives; the FIFOs have to be ended before that base is freed. Files are shared between processes
- * without a lock: by convention each has one writer. Not for signal handlers. A child of fork() must not use its
- * parent's FIFOs.
+ * **Threads, signals, fork.** An object belongs to the thread that runs libevent's current base, by which the data of
+ * FIFOs arrives. End the FIFOs before that base is freed. Files are shared between processes without a lock; by
+ * convention each has one writer. Not for signal handlers. A child of fork() must not use its parent's FIFOs.
  *
- * **Blocking.** As long as the file system takes. No call waits for a FIFO.
+ * **Blocking.** Calls take as long as the file system does. No call waits for a FIFO.
  *
- * **Errors.** Results of false or 0. Refused paths, directories that cannot be made and values that are too large go to
- * the system log (LOG_ERR).
+ * **Errors.** A call that fails returns false or 0. Refused paths, directories that cannot be made and values that are
+ * too large are logged (LOG_ERR).
  *
  * **Limits.** A name is appended to the directory as it is, so it begins with "/". Values are regular files of at most
  * 1 MiB. FIFO data arrives in pieces of at most 99 bytes; where a message ends is not kept.

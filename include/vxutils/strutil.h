@@ -11,17 +11,17 @@
  * puts(escape(stripwhite(line), sizeof line, shown, sizeof shown));  // prints eth0 = up
  * @endcode
  *
- * **Ownership.** zalloc() allocates, free() releases. strformat() returns a static buffer. All other buffers are the
- * caller's.
+ * **Ownership.** Memory from zalloc() is released with free(). strformat() returns a static buffer, valid until its
+ * next call. All other buffers belong to the caller.
  *
- * **Threads, signals, fork.** Any thread may call the functions, and a forked child too; strformat() with its one
- * static buffer is for one thread at a time. All except zalloc(), strformat(), the validators and the two functions
- * that follow the locale are async-signal-safe.
+ * **Threads, signals, fork.** Any thread may call the functions, and a forked child, too; only one thread at a time may
+ * use strformat() and its buffer. All except zalloc(), strformat(), the validators and the two functions that follow
+ * the locale are async-signal-safe.
  *
  * **Blocking.** No call blocks.
  *
- * **Errors.** Results; errno is unchanged except by zalloc(). Nothing is logged. A pointer argument must not be NULL
- * unless the function says what NULL means.
+ * **Errors.** Failures are results only; nothing is logged, and only zalloc() changes errno. A pointer argument must
+ * not be NULL unless the function says what NULL means.
  *
  * **Limits.** A character is a byte. Comparison without regard to case folds only the letters A to Z, whatever the
  * locale; strtolower() and strtoupper() follow the locale of the program.

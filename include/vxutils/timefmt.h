@@ -1,8 +1,8 @@
 /* SPDX-License-Identifier: MIT */
 /**
  * @file
- * **Purpose.** Time stamps, elapsed time, readable sizes and bit rates, short unique ids, and the text of one element
- * of a simple XML document.
+ * **Purpose.** Formats and parses time stamps, computes elapsed time, formats sizes and bit rates, makes short unique
+ * ids, and reads the text of one element of a simple XML document.
  *
  * **Example.**
  * @code
@@ -16,12 +16,12 @@
  * **Ownership.** timeformat(), format_size(), format_rate() and xml_readattr() each return a static buffer of their
  * own, valid until the next call of the same function.
  *
- * **Threads, signals, fork.** One thread at a time for each of the four functions with a static buffer. The others may
- * be called by any number of threads at once. diffts() and uselapsed() are async-signal-safe.
+ * **Threads, signals, fork.** Only one thread at a time may use a function with a static buffer. Any number of threads
+ * may call the others at once. diffts() and uselapsed() are async-signal-safe. A forked child may call all functions.
  *
- * **Blocking.** Never, except that the C library reads the time zone's file at first use.
+ * **Blocking.** No call blocks, except that the C library reads the time zone's file at first use.
  *
- * **Errors.** Results; nothing is logged.
+ * **Errors.** Failures are results only; nothing is logged.
  *
  * **Limits.** timeformat() and timeparse() work in the local time zone; a change of TZ shows at the next call.
  *

@@ -1,8 +1,7 @@
 /* SPDX-License-Identifier: MIT */
 /**
  * @file
- * **Purpose.** Named events for the gateway's event manager, and the same records over ZeroMQ for all programs that
- * subscribe.
+ * **Purpose.** Sends named events to the gateway's event manager, or over ZeroMQ to all programs that subscribe.
  *
  * **Example.**
  * @code
@@ -14,20 +13,20 @@
  * **Receiving.** Subscribers read one message of sizeof(vxevent_record) bytes for each event from the socket that
  * register_legacy_sink() gives them, with ZeroMQ's own receiving functions.
  *
- * **Ownership.** Sockets belong to the caller, who closes them with `zmq_close()`. Records are copied. The context is
- * the caller's too: `zmq_ctx_term()` can wait without a limit for records that a connected subscriber has not taken,
- * unless the caller set the source's option `ZMQ_LINGER`.
+ * **Ownership.** Sockets belong to the caller, who closes them with `zmq_close()`, and so does the context. Records are
+ * copied. `zmq_ctx_term()` can wait without a limit for records that a connected subscriber has not read, unless the
+ * caller has set the source's option `ZMQ_LINGER`.
  *
- * **Threads, signals, fork.** vxevent() from any thread, and any number of processes at once; it may be called from a
- * signal handler. A ZeroMQ socket by one thread at a time. A child of fork() must not use its parent's ZeroMQ sockets.
+ * **Threads, signals, fork.** Any thread, any number of processes and signal handlers may call vxevent(). A ZeroMQ
+ * socket is used by one thread at a time. A child of fork() must not use its parent's ZeroMQ sockets.
  *
- * **Blocking.** vxevent() for at most 1 s, and only while the FIFO is full. The ZeroMQ functions do not wait for
+ * **Blocking.** vxevent() waits at most 1 s, and only while the FIFO is full. The ZeroMQ functions do not wait for
  * subscribers.
  *
- * **Errors.** Results of -1 or NULL. errno tells the reason, except for a null record or endpoint and where ZeroMQ
- * cannot be loaded. ZeroMQ is not loaded before the first call of a function that uses it,
- * and is that of the caller where the process has one. Where it cannot be loaded, these functions fail, and the first
- * failure is written to the system log. Nothing else is logged.
+ * **Errors.** A call that fails returns -1 or NULL. errno tells the reason, except for a NULL record or endpoint and
+ * when ZeroMQ cannot be loaded. ZeroMQ is loaded by the first call of a function that uses it, unless the process has
+ * loaded it already. If it cannot be loaded, these functions fail, and the first failure is logged. Nothing else is
+ * logged.
  *
  * **Limits.** A text has at most 127 bytes. The FIFO holds some 480 records. A source keeps some 1000 records for each
  * subscriber that does not read (ZeroMQ's high-water mark) and drops further ones for it.
