@@ -21,6 +21,14 @@ inline const String::StringBuffer *blockOf(const String &s) {
     return static_cast<const String::StringBuffer *>(block);
 }
 
+inline const String::StringBuffer *emptyBuffer() { return String::StringBuffer::EMPTY(); }
+inline bool isEmptyBuffer(const String &s) { return blockOf(s) == emptyBuffer(); }
+inline int32_t count(const String &s) { return blockOf(s)->refCount; }
+inline int32_t capacity(const String &s) { return blockOf(s)->capacity; }
+inline std::string text(const String &s) { return {s.c_str(), static_cast<size_t>(s.length())}; }
+inline String times(size_t n, char c) { return {std::string(n, c).c_str()}; }
+inline constexpr const char *kNull = nullptr;
+
 // The allocation rule as a table would list it: 7, 23, 39, ... 135 for texts below 128 bytes, then 191, 255, 319, ...
 inline long capacityByTable(size_t length) {
     long capacity = length < 128 ? 7 : 191;
