@@ -4,7 +4,7 @@
 //
 //   gatewayd --serve [--echo-log PREFIX]   serves until SIGTERM; prints "ready" once everything runs
 //   gatewayd --install-library             installs the library of /gateway/lib under the names it has on a board
-//   gatewayd [--net none|wan|full] [--user NAME] [--timeout S] [--keep] [--report FD] [--shell]
+//   gatewayd [--net none|wan|full] [--user NAME] [--timeout S] [--keep] [--report FD] [--shell] [--clock]
 //            [--scenario FILE] [--replay NAME [--tolerance S] [--ignore PATTERN]...] [--panel FD] [--leash FD]
 //            [--] [PROGRAM ARGUMENT...]
 //
@@ -52,6 +52,7 @@ struct Options {
     bool installOnly = false;
     bool keep = false;
     bool shell = false;
+    bool clock = false;
     std::string echoLog;
     Net net = Net::wan;
     std::string user;
@@ -76,6 +77,7 @@ Options parse(int argc, char **argv) {
         if (option == "--install-library") options.installOnly = true;
         if (option == "--keep") options.keep = true;
         if (option == "--shell") options.shell = true;
+        if (option == "--clock") options.clock = true;
         if (option == "--echo-log") options.echoLog = argument();
         if (option == "--user") options.user = argument();
         if (option == "--timeout") options.timeout_s = std::strtod(argument().c_str(), nullptr);
@@ -140,12 +142,24 @@ void becomeUser(const std::string &name) {
     }
 }
 
+// Loads a library of the gateway before those of the program.
+void preload(const char *library) {
+    const std::string path = ownDirectory() + "/" + library;
+    const char *const others = std::getenv("LD_PRELOAD");
+    ::setenv("LD_PRELOAD", (others == nullptr ? path : path + ":" + others).c_str(), 1);
+    // The address sanitizer wants to be the first, which is needed for libraries that allocate memory.
+    const char *const wanted = std::getenv("ASAN_OPTIONS");
+    ::setenv("ASAN_OPTIONS",
+             ((wanted == nullptr ? "" : std::string(wanted) + ":") + "verify_asan_link_order=0").c_str(), 1);
+}
+
 class Session final : public Stage {
 public:
     explicit Session(const Options &options)
         : options_(options), gateway_(ownDirectory(), options.net), control_(gateway_) {
         gateway_.echoLog = options.echoLog;
         gateway_.stage = this;
+        gateway_.setsClock = options.clock;
     }
 
     int run() {
@@ -226,8 +240,9 @@ private:
             std::fputs(banner, stdout);
             std::fflush(stdout);
         }
+        if (options_.clock) preload("libvxclock.so");
         if (replay_) {
-            ::setenv("LD_PRELOAD", (ownDirectory() + "/libvxtap.so").c_str(), 1);
+            preload("libvxtap.so");
             ::setenv(tapVariable, (std::string("replay ") + Replay::socketPath).c_str(), 1);
         }
         ::execvp(options_.program[0], options_.program.data());

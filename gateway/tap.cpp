@@ -10,7 +10,6 @@
 #undef _FORTIFY_SOURCE
 #include <arpa/inet.h>
 #include <dirent.h>
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <net/if.h>
 #include <netinet/in.h>
@@ -33,11 +32,10 @@
 #include <cstring>
 #include <ctime>
 
+#include "gateway/preload.h"
 #include "gateway/tap.h"
 
-// A wrapped function, and the one that it stands before.
 #define WRAP extern "C" __attribute__((visibility("default")))
-#define REAL(name, type) static const auto real = reinterpret_cast<type>(::dlsym(RTLD_NEXT, name))
 
 namespace {
 
@@ -1164,9 +1162,6 @@ static ssize_t receiveMessage(int fd, msghdr *message, int flags, Call call) {
     }
     return got;
 }
-
-// Names that the headers of this machine may give to other types: on 32-bit machines there are several of each.
-#define NAMED(name) __asm__(name) __attribute__((visibility("default")))
 
 #define WRAP_OPEN(name, function)                                                                              \
     extern "C" int function(const char *path, int flags, ...) NAMED(name);                                     \

@@ -49,6 +49,7 @@ constexpr const char *usage =
     "  --show PATH            a file or directory is seen at its own place, read-only\n"
     "  --path DIR             as --show, and its programs are found by name\n"
     "  --with-directory       the program is seen with the directory that it lies in, as /program/NAME\n"
+    "  --clock                the program's clock can be set (gw clock); play does it where the scenario sets it\n"
     "  --net none|wan|full    no network; a WAN link (default); a WAN link and a LAN with a host\n"
     "  --keep DIR             logs of all peers, the system log, the record and the status tree are left in this "
     "directory\n"
@@ -80,6 +81,7 @@ struct Options {
     Arguments path;    // directories first on the PATH
     Arguments shown;   // seen at their own places
     bool withDirectory = false;
+    bool clock = false;
     std::string junit;
     std::string scenario;
     std::string recording;
@@ -135,7 +137,7 @@ void show(Options &options, const std::string &path) {
 }
 
 // A scenario's text, from a file (with a "/" in its name) or from the catalogue.
-std::string scenarioFile(const std::string &name) {
+std::string scenarioFile(const std::string &name, bool &setsClock) {
     const std::string path =
         name.find('/') != std::string::npos ? name : scenarioDirectory() + "/" + name + ".scenario";
     if (!fs::is_regular_file(path))
@@ -143,7 +145,8 @@ std::string scenarioFile(const std::string &name) {
     std::ifstream file(path);
     const std::string text{std::istreambuf_iterator<char>(file), {}};
     try {
-        vxgateway::readScenario(name, text);
+        for (const vxgateway::Step &step : vxgateway::readScenario(name, text).steps)
+            setsClock = setsClock || (step.kind == vxgateway::Step::Kind::at && step.words[0] == "clock");
     } catch (const std::exception &problem) {
         std::fprintf(stderr, "%s\n", problem.what());
         std::exit(wrongUsage);
@@ -215,6 +218,10 @@ Options parse(const Arguments &arguments) {
             if (option == "--") return;
             if (option == "--with-directory") {
                 options.withDirectory = true;
+                continue;
+            }
+            if (option == "--clock" && options.command != "replay") {
+                options.clock = true;
                 continue;
             }
             const bool known = std::find(std::begin(withValue), std::end(withValue), option) != std::end(withValue);
@@ -372,7 +379,7 @@ int run(Options options) {
         program[0] = place(options, program[0]);
     }
     if (!options.scenario.empty()) {
-        options.box.insert(options.box.end(), {"--show", scenarioFile(options.scenario),
+        options.box.insert(options.box.end(), {"--show", scenarioFile(options.scenario, options.clock),
                                                "/gateway/" + options.scenario.substr(options.scenario.rfind('/') + 1)});
         options.inside.insert(options.inside.end(),
                               {"--scenario", "/gateway/" + options.scenario.substr(options.scenario.rfind('/') + 1)});
@@ -381,6 +388,7 @@ int run(Options options) {
         options.box.insert(options.box.end(), {"--show", recordingFile(options.recording), "/gateway/recording"});
         options.inside.insert(options.inside.end(), {"--replay", options.recording});
     }
+    if (options.clock) options.inside.emplace_back("--clock");
     if (options.command == "panel") preparePanel(options);
     int report = -1;
     if (!options.junit.empty()) {

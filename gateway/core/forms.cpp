@@ -7,6 +7,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "gateway/core/wallclock.h"
+
 namespace vxgateway {
 
 namespace {
@@ -78,6 +80,10 @@ std::optional<std::string> refusal(std::string_view type, const Words &words, si
     if (type == "SECONDS") {
         if (seconds(word)) return std::nullopt;
         return "seconds from 0 to 86400";
+    }
+    if (type == "WHEN") {
+        if (clockMove(word)) return std::nullopt;
+        return "real, +N or -N with s, m, h, d, w or y, YYYY-MM-DDThh:mm:ss or @SECONDS";
     }
     return word.empty() ? std::optional<std::string>("a text") : std::nullopt;
 }
@@ -161,6 +167,8 @@ const std::vector<Form> &forms() {
         {Group::order, "board pulse INPUT COUNT", "gives a digital input this many pulses"},
         {Group::order, "board normal", "forgets text, gone, refuse and unclosable"},
         {Group::order, "manager hold|resume|away|remove|make", "the event manager, as eventmanager --help says"},
+        {Group::order, "clock WHEN", "sets the programs' clock: +2y, -30m, 2028-02-29T23:59:59 (UTC) or @SECONDS"},
+        {Group::order, "clock real", "the programs' clock is the machine's again"},
         {Group::order, "sms receive NUMBER TEXT", "a short message comes in"},
         {Group::order, "start|stop|kill config|modem|events|board|wan", "a peer is started, ended, killed"},
         {Group::order, "program signal HUP|INT|TERM|KILL|STOP|CONT|USR1|USR2", "signals the program under test"},
@@ -178,6 +186,7 @@ const std::vector<Form> &forms() {
         {Group::query, "power", "reboots that were asked for"},
         {Group::query, "inputs", "levels of the digital inputs"},
         {Group::query, "outputs", "changes of the digital outputs; with --json their levels too"},
+        {Group::query, "clock", "the programs' clock and how far it is ahead of the machine's"},
         {Group::query, "config list", "the configuration store"},
         {Group::query, "config get KEY", "one value of it, from the daemon"},
         {Group::query, "config requests", "how many requests the configuration daemon got"},

@@ -153,6 +153,7 @@ std::vector<Peer *> Gateway::peers() const {
 
 void Gateway::start() {
     layOutBoard(programs_);
+    if (setsClock) clock_.share();
     openLog();
     std::vector<std::string> config{"configd", "--store", store};
     config.insert(config.end(), initialValues.begin(), initialValues.end());
@@ -362,6 +363,8 @@ std::optional<Outcome> Gateway::performHere(const Words &words) {
         note({0, "note", join(words, 1, words.size()), {{"text", join(words, 1, words.size())}}});
     } else if (what == "deliver") {
         deliver(words);
+    } else if (what == "clock") {
+        return setClock(words);
     } else if (what == "program") {
         return performProgram(words);
     } else if (what == "start" || what == "stop" || what == "kill") {
@@ -394,6 +397,16 @@ void Gateway::deliver(const Words &words) {
     }
     std::ofstream(std::string(logDirectory) + "/" + words[1] + ".log", std::ios::app) << entry.line << '\n';
     note(std::move(entry));
+}
+
+Outcome Gateway::setClock(const Words &words) {
+    if (!clock_.isShared()) return {false, "the clock can be set in a gateway that was started with --clock"};
+    std::string problem;
+    if (words[1] == "real")
+        clock_.setReal();
+    else
+        problem = clock_.set(*clockMove(words[1]));
+    return {problem.empty(), problem};
 }
 
 Outcome Gateway::performProgram(const Words &words) const {
@@ -551,6 +564,7 @@ std::string Gateway::everything() const {
     object.add("inputs", levels(inputs_, inputCount_)).add("outputs", levels(outputs_, outputCount_));
     object.add("supplies_mv", supplies.done()).number("converter_raw", converter_);
     object.add("wan", wan.done()).add("modem", modem.done()).add("storage", storage.done());
+    object.add("clock", clock_.json());
     object.add("peers", peersJson()).add("status", statusJson()).add("config", configJson());
     object.text("devlog", deviceLog());
     object.add("program", program_ > 0 ? std::to_string(program_) : "null");
@@ -590,6 +604,7 @@ std::optional<std::string> Gateway::show(const Words &words, bool json, const Do
         return std::nullopt;
     }
     if (what == "scenario") return words.size() == 2 ? catalogue(json) : stage->timeline() + "\n";
+    if (what == "clock") return both(clock_.text(), clock_.json());
     if (what == "now") return secondsText(now_us()) + "\n";
     if (what == "show") return everything() + "\n";
     if (what == "devlog") {

@@ -8,6 +8,7 @@
 
 #include "gateway/core/condition.h"
 #include "gateway/core/peer.h"
+#include "gateway/core/wallclock.h"
 
 namespace vxgateway {
 
@@ -56,6 +57,7 @@ public:
     const Record &record() const override { return record_; }
 
     bool replaysDaemons = false;  // the configuration and modem daemons are played by a replay
+    bool setsClock = false;       // programs see a clock that can be set
     std::string scenario;         // name of the one that is being played
     Stage *stage = nullptr;       // set before anything is ordered
     std::string echoLog;          // prefix of the system log's lines on standard error; empty: none there
@@ -69,6 +71,7 @@ private:
     void openToUsers() const;
     void hear(const std::string &name, const std::string &line);
     std::optional<Outcome> performHere(const Words &words);
+    Outcome setClock(const Words &words);
     Outcome performProgram(const Words &words) const;
     Outcome performPeer(const Words &words);
     void deliver(const Words &words);
@@ -89,6 +92,7 @@ private:
     Descriptor log_;
     std::vector<std::unique_ptr<Peer>> peers_;
     pid_t program_ = -1;
+    WallClock clock_;
 
     // What was ordered last, as it is shown.
     long long inputCount_ = 4;

@@ -192,6 +192,8 @@ TEST(Gw, ObeysEveryOrder) {
                                           "input 6 1",
                                           "manager hold",
                                           "manager resume",
+                                          "clock +2y",
+                                          "clock real",
                                           "sms receive +123 hello there",
                                           "config die",
                                           "start config",
@@ -224,7 +226,7 @@ TEST(Gw, ObeysEveryOrder) {
         "check 0 test \"$(cat /var/spool/sms/incoming/* | tail -1)\" = 'hello there'\n"
         "check 1 test -e /sys/class/block/mmcblk1p1\n"
         "check 0 test \"$(ulimit -n)\" = 50\n";
-    const auto output = inGateway(script);
+    const auto output = inGateway(script, {"--clock"});
     EXPECT_EQ(output.status, 0) << output.text;
     EXPECT_EQ(output.text, "");
 }
@@ -248,6 +250,12 @@ TEST(Gw, RefusesNonsenseBeforeAnythingIsDone) {
         "check 2 gw config times 1,x\n"
         "check 2 gw modem on signal\n"
         "check 2 gw modem dance\n"
+        "for i in '' + 2y +2 +y +2x +-2y +99999999999s +1000y 2028-02-30T00:00:00 2028-13-01T00:00:00 "
+        "1969-12-31T23:59:59\\\n"
+        "    2200-01-01T00:00:00 2028-01-01T24:00:00 2028-01-01T00:00:60 2028-01-01 '2028-01-01 00:00:00' @ @x @-1 @1. "
+        "@7258118400\\\n"
+        "    @1.0123456789 unreal; do check 2 gw clock \"$i\"; done\n"
+        "check 2 gw clock real 1\n"
         "check 2 gw note $'two\\nlines'\n"
         "check 2 gw wait\n"
         "check 2 gw wait status\n"
@@ -257,13 +265,15 @@ TEST(Gw, RefusesNonsenseBeforeAnythingIsDone) {
         "check 2 gw events --xml\n"
         "check 1 gw status no/such\n"
         "check 1 gw start config\n"
+        "check 1 gw clock +1s\n"
         "check 1 gw stop wan\n"
         "check 1 gw wait output 1 1 --for 0\n",
         {"--net", "none"});
     EXPECT_EQ(output.status, 0) << output.text;
-    for (const char *part : {"gw: unknown word 'frob'", "gw: the board has 4 inputs, not 9",
-                             "gw: LEVEL is a whole number from 0 to 1, not '2'", "gw: missing: LEVEL",
-                             "gw: not a regular expression", "gw: not in time: output 1 1"}) {
+    for (const char *part :
+         {"gw: unknown word 'frob'", "gw: the board has 4 inputs, not 9",
+          "gw: LEVEL is a whole number from 0 to 1, not '2'", "gw: missing: LEVEL", "gw: not a regular expression",
+          "gw: the clock can be set in a gateway that was started with --clock", "gw: not in time: output 1 1"}) {
         EXPECT_THAT(output.text, HasSubstr(part));
     }
 }
@@ -285,7 +295,7 @@ TEST(Gw, ShowsWhatProgramsDidAsTextAndAsJson) {
         "check 0 test ! -e /tmp/sms\n"
         "for i in status 'status x/link' events log devlog sms power inputs outputs 'config list' 'config get "
         "wan.card' "
-        "'config requests' 'manager count' peers record now show; do\n"
+        "'config requests' 'manager count' peers record now clock show; do\n"
         "  check 0 gw $i >/tmp/text\n"
         "  check 0 gw $i --json >/tmp/json\n"
         "  check 0 python3 -c 'import json; json.load(open(\"/tmp/json\"))'\n"
@@ -321,6 +331,119 @@ TEST(Gw, WaitsForEachKindOfConditionWithoutSleeping) {
         "check 0 gw wait program running\n",
         {"--net", "none", "--path", vxtest::built("examples")});
     EXPECT_EQ(output.status, 0) << output.text;
+}
+
+// ---- the clock
+
+TEST(Gw, SetsTheClockOfTheProgramsAlone) {
+    const auto output = inGateway(
+        "year() { date -u +%Y; }\n"
+        "machine=$(year)\n"
+        "check 0 gw clock 2028-02-29T23:59:59; check 0 test $(date -u +%FT%H) != 2028-02-29T22; year\n"
+        "check 0 gw clock +365d; year\n"
+        "check 0 gw clock -1y; year\n"
+        "check 0 gw clock @0.5; year; python3 -c 'import time; t = time.time(); print(0.5 <= t < 60)'\n"
+        "check 1 gw clock -1h\n"
+        "check 0 gw clock 2199-12-31T00:00:00; year\n"
+        "check 1 gw clock +1w\n"
+        "printf '%(%Y)T\\n'; gw clock | cut -c1-13\n"
+        "gw clock --json | python3 -c 'import json, sys; o = json.load(sys.stdin); print(o[\"time\"][:4], "
+        "o[\"offset_s\"] > "
+        "5e9, o[\"settable\"])'\n"
+        "gw show --json | python3 -c 'import json, sys; print(json.load(sys.stdin)[\"clock\"][\"offset_s\"] > 5e9)'\n"
+        "check 0 gw clock real; check 0 test $(year) = $machine; gw clock | sed 's/.*Z//'\n",
+        {"--net", "none", "--clock"});
+    EXPECT_EQ(output.status, 0) << output.text;
+    EXPECT_EQ(
+        output.text,
+        "2028\n2029\n2028\n1970\nTrue\ngw: the clock goes from 1970 to 2199, it shows 1970-01-01T00:00:00Z\n2199\n"
+        "gw: the clock goes from 1970 to 2199, it shows 2199-12-31T00:00:00Z\n2199\n2199-12-31T00\n2199 True True\n"
+        "True\n, as the machine's\n");
+}
+
+TEST(Gw, NotesAsAnOrderWhenAProgramSetsTheClock) {
+    const auto output = inGateway(
+        "check 0 date -u -s 2030-01-02T03:04:05 >/dev/null; date -u +%F\n"
+        "python3 -c 'import time; time.clock_settime(time.CLOCK_REALTIME, 12.25); print(int(time.time()))'\n"
+        "gw record | grep -o 'order: clock.*'\n"
+        "check 1 python3 -c 'import time; time.clock_settime(time.CLOCK_REALTIME, 1e10)' 2>/dev/null\n"
+        "check 1 python3 -c 'import time; time.clock_settime(time.CLOCK_MONOTONIC, 1)' 2>/dev/null\n",
+        {"--net", "none", "--clock"});
+    EXPECT_EQ(output.status, 0) << output.text;
+    EXPECT_EQ(output.text, "2030-01-02\n12\norder: clock @1893553445.000000000\norder: clock @12.250000000\n");
+    // The kernel refuses both where no clock can be set, and an ordinary user everywhere.
+    const auto refused = [](const std::vector<std::string> &options) {
+        return inGateway("check 1 date -u -s 2030-01-02T03:04:05 >/dev/null; check 0 gw clock >/dev/null\n", options);
+    };
+    EXPECT_EQ(refused({"--net", "none"}).status, 0);
+    if (vxtest::hasOtherUsers()) EXPECT_EQ(refused({"--net", "none", "--clock", "--user", "games"}).status, 0);
+}
+
+// A wait that is not moved with the clock is over at once when the clock is behind the machine's.
+constexpr const char *waits = R"(
+import ctypes, errno, socket, struct, threading, time
+c = ctypes.CDLL(None, use_errno=True)
+class Time(ctypes.Structure):
+    _fields_ = [("s", ctypes.c_long), ("ns", ctypes.c_long)]
+lock, rwlock, condition, semaphore, other = (ctypes.create_string_buffer(256) for i in range(5))
+c.pthread_mutex_lock(lock); c.pthread_mutex_lock(other)
+threading.Thread(target=lambda: c.pthread_rwlock_wrlock(rwlock)).start()
+timer = c.timerfd_create(0, 0)
+class TimerTime(ctypes.Structure):
+    _fields_ = [("interval", Time), ("value", Time)]
+def timed(name, *words):
+    begun, until = time.monotonic(), time.time() + 0.05
+    deadline = ctypes.byref(Time(int(until), int(until % 1 * 1e9)))
+    result = getattr(c, name)(*[deadline if word is None else word for word in words])
+    passed = time.monotonic() - begun
+    print(name, result if result != -1 else errno.errorcode[ctypes.get_errno()], 0.045 <= passed)
+timed("pthread_mutex_timedlock", lock, None)
+timed("pthread_mutex_clocklock", lock, 0, None)
+timed("pthread_rwlock_timedrdlock", rwlock, None)
+timed("pthread_rwlock_clockrdlock", rwlock, 0, None)
+timed("pthread_rwlock_timedwrlock", rwlock, None)
+timed("pthread_rwlock_clockwrlock", rwlock, 0, None)
+timed("pthread_cond_timedwait", condition, other, None)
+timed("pthread_cond_clockwait", condition, other, 0, None)
+timed("sem_timedwait", semaphore, None)
+timed("sem_clockwait", semaphore, 0, None)
+timed("clock_nanosleep", 0, 1, None, 0)
+begun, until = time.monotonic(), time.time() + 0.05
+c.timerfd_settime(timer, 1, ctypes.byref(TimerTime(Time(0, 0), Time(int(until), int(until % 1 * 1e9)))), 0)
+c.read(timer, ctypes.create_string_buffer(8), 8)
+print("timerfd_settime", 0.045 <= time.monotonic() - begun)
+peer = socket.socket(socket.AF_INET, socket.SOCK_DGRAM); peer.bind(("127.0.0.1", 0))
+for option, parts in ((29, 1e6), (35, 1e9)):
+    peer.setsockopt(socket.SOL_SOCKET, option, 1); peer.sendto(b"x", peer.getsockname())
+    stamp = struct.unpack("ll", peer.recvmsg(10, 100)[1][0][2])
+    print("stamp", abs(stamp[0] + stamp[1] / parts - time.time()) < 60)
+print("monotonic", time.clock_gettime(time.CLOCK_MONOTONIC) == time.monotonic() or time.monotonic() < 1e9)
+)";
+
+TEST(Gw, ADeadlineIsReachedByTheClockThatTheProgramSees) {
+    vxtest::makeDirs("/tmp/waits");
+    vxtest::writeFile("/tmp/waits/waits.py", waits);
+    std::string expected;
+    for (const char *name : {"pthread_mutex_timedlock", "pthread_mutex_clocklock", "pthread_rwlock_timedrdlock",
+                             "pthread_rwlock_clockrdlock", "pthread_rwlock_timedwrlock", "pthread_rwlock_clockwrlock",
+                             "pthread_cond_timedwait", "pthread_cond_clockwait"}) {
+        expected += std::string(name) + " 110 True\n";
+    }
+    expected +=
+        "sem_timedwait ETIMEDOUT True\nsem_clockwait ETIMEDOUT True\nclock_nanosleep 0 True\ntimerfd_settime True\n"
+        "stamp True\nstamp True\nmonotonic True\n";
+    const auto output = inGateway(
+        "for i in -1h +1s @0; do check 0 gw clock $i; check 0 timeout 60 python3 /share/tmp/waits/waits.py; done\n",
+        {"--net", "none", "--clock", "--share", "/tmp/waits"});
+    EXPECT_EQ(output.text, expected + expected + expected);
+}
+
+// Also a program with a sanitizer, which is what this one is in some builds.
+TEST(Gw, SetsTheClockOfAProgramOfTheLibrary) {
+    const auto output =
+        vxgateway_({"run", "--net", "none", "--clock", vxtest::built("examples/vxevent"), "1", "2", "text"});
+    EXPECT_EQ(output.status, 0) << output.text;
+    EXPECT_EQ(output.text, "");
 }
 
 TEST(Gw, PlaysAScenarioAndShowsHowFarItIs) {
