@@ -38,8 +38,6 @@ namespace {
 using vxgateway::ClockOffset;
 using vxgateway::secondInNs;
 
-constexpr bool hasTwoSizes = sizeof(time_t) == 4;  // of the time; programs use either
-
 // The types with 64-bit times of a C library that has two sizes.
 struct WideTimespec {
     int64_t tv_sec;
@@ -266,106 +264,109 @@ bool isWallCondition(const pthread_cond_t *condition) { return (condition->__dat
 
 // ---- the wrappers
 
-#define WRAP(result, function, name, parameters)      \
+// NOLINTBEGIN(bugprone-macro-parentheses): these are types and parameter lists
+#define WRAP(result, function, name, parameters)       \
     extern "C" result function parameters NAMED(name); \
     result function parameters
 
 // Each for the C library's own time, and under its second name for the wide one.
-#define WRAP_CLOCK(suffix, gettime, settime, gettimeofday, settimeofday, gettimespec, Timespec, Timeval)          \
-    WRAP(int, clockGettime##suffix, gettime, (clockid_t clock, Timespec *now)) {                                  \
-        REAL(gettime, int (*)(clockid_t, Timespec *));                                                            \
-        return told(real(clock, now), isWall(clock), now);                                                        \
-    }                                                                                                             \
-    WRAP(int, clockSettime##suffix, settime, (clockid_t clock, const Timespec *time)) {                           \
-        REAL(settime, int (*)(clockid_t, const Timespec *));                                                      \
-        return clock == CLOCK_REALTIME ? setWall(time) : real(clock, time);                                       \
-    }                                                                                                             \
-    WRAP(int, getTimeOfDay##suffix, gettimeofday, (Timeval * now, void *zone)) {                                  \
-        REAL(gettimeofday, int (*)(Timeval *, void *));                                                           \
-        return told(real(now, zone), true, now);                                                                  \
-    }                                                                                                             \
-    WRAP(int, setTimeOfDay##suffix, settimeofday, (const Timeval *time, const void *zone)) {                      \
-        REAL(settimeofday, int (*)(const Timeval *, const void *));                                               \
-        return time != nullptr ? setWall(time) : real(time, zone);                                                \
-    }                                                                                                             \
-    WRAP(int, timespecGet##suffix, gettimespec, (Timespec * now, int base)) {                                     \
-        REAL(gettimespec, int (*)(Timespec *, int));                                                              \
-        const int result = real(now, base);                                                                       \
-        return result != TIME_UTC || move(*now, offset_ns()) ? result : 0;                                        \
+#define WRAP_CLOCK(suffix, gettime, settime, gettimeofday, settimeofday, gettimespec, Timespec, Timeval) \
+    WRAP(int, clockGettime##suffix, gettime, (clockid_t clock, Timespec * now)) {                        \
+        REAL(gettime, int (*)(clockid_t, Timespec *));                                                   \
+        return told(real(clock, now), isWall(clock), now);                                               \
+    }                                                                                                    \
+    WRAP(int, clockSettime##suffix, settime, (clockid_t clock, const Timespec *time)) {                  \
+        REAL(settime, int (*)(clockid_t, const Timespec *));                                             \
+        return clock == CLOCK_REALTIME ? setWall(time) : real(clock, time);                              \
+    }                                                                                                    \
+    WRAP(int, getTimeOfDay##suffix, gettimeofday, (Timeval * now, void *zone)) {                         \
+        REAL(gettimeofday, int (*)(Timeval *, void *));                                                  \
+        return told(real(now, zone), true, now);                                                         \
+    }                                                                                                    \
+    WRAP(int, setTimeOfDay##suffix, settimeofday, (const Timeval *time, const void *zone)) {             \
+        REAL(settimeofday, int (*)(const Timeval *, const void *));                                      \
+        return time != nullptr ? setWall(time) : real(time, zone);                                       \
+    }                                                                                                    \
+    WRAP(int, timespecGet##suffix, gettimespec, (Timespec * now, int base)) {                            \
+        REAL(gettimespec, int (*)(Timespec *, int));                                                     \
+        const int result = real(now, base);                                                              \
+        return result != TIME_UTC || move(*now, offset_ns()) ? result : 0;                               \
     }
 
 #define WRAP_WAIT(function, name, Timespec, parameters, types, wall, ...) \
-    WRAP(int, function, name, parameters) {                              \
-        REAL(name, int(*) types);                                        \
-        const Deadline<Timespec> deadline(until, wall);                  \
-        return real(__VA_ARGS__);                                        \
+    WRAP(int, function, name, parameters) {                               \
+        REAL(name, int(*) types);                                         \
+        const Deadline<Timespec> deadline(until, wall);                   \
+        return real(__VA_ARGS__);                                         \
     }
 
-#define WRAP_WAITS(suffix, Timespec, mutexTimed, mutexClock, readTimed, readClock, writeTimed, writeClock, conditionTimed, \
-                   conditionClock, semaphoreTimed, semaphoreClock, joinTimed, joinClock)                                   \
-    WRAP_WAIT(mutexTimedlock##suffix, mutexTimed, Timespec, (pthread_mutex_t * lock, const Timespec *until),               \
-              (pthread_mutex_t *, const Timespec *), true, lock, deadline)                                                 \
-    WRAP_WAIT(mutexClocklock##suffix, mutexClock, Timespec,                                                                \
-              (pthread_mutex_t * lock, clockid_t clock, const Timespec *until),                                            \
-              (pthread_mutex_t *, clockid_t, const Timespec *), isWall(clock), lock, clock, deadline)                      \
-    WRAP_WAIT(readTimedlock##suffix, readTimed, Timespec, (pthread_rwlock_t * lock, const Timespec *until),                \
-              (pthread_rwlock_t *, const Timespec *), true, lock, deadline)                                                \
-    WRAP_WAIT(readClocklock##suffix, readClock, Timespec,                                                                  \
-              (pthread_rwlock_t * lock, clockid_t clock, const Timespec *until),                                           \
-              (pthread_rwlock_t *, clockid_t, const Timespec *), isWall(clock), lock, clock, deadline)                     \
-    WRAP_WAIT(writeTimedlock##suffix, writeTimed, Timespec, (pthread_rwlock_t * lock, const Timespec *until),              \
-              (pthread_rwlock_t *, const Timespec *), true, lock, deadline)                                                \
-    WRAP_WAIT(writeClocklock##suffix, writeClock, Timespec,                                                                \
-              (pthread_rwlock_t * lock, clockid_t clock, const Timespec *until),                                           \
-              (pthread_rwlock_t *, clockid_t, const Timespec *), isWall(clock), lock, clock, deadline)                     \
-    WRAP_WAIT(conditionTimedwait##suffix, conditionTimed, Timespec,                                                        \
-              (pthread_cond_t * condition, pthread_mutex_t * lock, const Timespec *until),                                 \
-              (pthread_cond_t *, pthread_mutex_t *, const Timespec *), isWallCondition(condition), condition, lock,        \
-              deadline)                                                                                                    \
-    WRAP_WAIT(conditionClockwait##suffix, conditionClock, Timespec,                                                        \
-              (pthread_cond_t * condition, pthread_mutex_t * lock, clockid_t clock, const Timespec *until),                \
-              (pthread_cond_t *, pthread_mutex_t *, clockid_t, const Timespec *), isWall(clock), condition, lock, clock,   \
-              deadline)                                                                                                    \
-    WRAP_WAIT(semaphoreTimedwait##suffix, semaphoreTimed, Timespec, (sem_t * semaphore, const Timespec *until),            \
-              (sem_t *, const Timespec *), true, semaphore, deadline)                                                      \
-    WRAP_WAIT(semaphoreClockwait##suffix, semaphoreClock, Timespec,                                                        \
-              (sem_t * semaphore, clockid_t clock, const Timespec *until), (sem_t *, clockid_t, const Timespec *),         \
-              isWall(clock), semaphore, clock, deadline)                                                                   \
-    WRAP_WAIT(timedJoin##suffix, joinTimed, Timespec, (pthread_t thread, void **status, const Timespec *until),            \
-              (pthread_t, void **, const Timespec *), true, thread, status, deadline)                                      \
-    WRAP_WAIT(clockJoin##suffix, joinClock, Timespec,                                                                      \
-              (pthread_t thread, void **status, clockid_t clock, const Timespec *until),                                   \
+#define WRAP_WAITS(suffix, Timespec, mutexTimed, mutexClock, readTimed, readClock, writeTimed, writeClock,          \
+                   conditionTimed, conditionClock, semaphoreTimed, semaphoreClock, joinTimed, joinClock)            \
+    WRAP_WAIT(mutexTimedlock##suffix, mutexTimed, Timespec, (pthread_mutex_t * lock, const Timespec *until),        \
+              (pthread_mutex_t *, const Timespec *), true, lock, deadline)                                          \
+    WRAP_WAIT(mutexClocklock##suffix, mutexClock, Timespec,                                                         \
+              (pthread_mutex_t * lock, clockid_t clock, const Timespec *until),                                     \
+              (pthread_mutex_t *, clockid_t, const Timespec *), isWall(clock), lock, clock, deadline)               \
+    WRAP_WAIT(readTimedlock##suffix, readTimed, Timespec, (pthread_rwlock_t * lock, const Timespec *until),         \
+              (pthread_rwlock_t *, const Timespec *), true, lock, deadline)                                         \
+    WRAP_WAIT(readClocklock##suffix, readClock, Timespec,                                                           \
+              (pthread_rwlock_t * lock, clockid_t clock, const Timespec *until),                                    \
+              (pthread_rwlock_t *, clockid_t, const Timespec *), isWall(clock), lock, clock, deadline)              \
+    WRAP_WAIT(writeTimedlock##suffix, writeTimed, Timespec, (pthread_rwlock_t * lock, const Timespec *until),       \
+              (pthread_rwlock_t *, const Timespec *), true, lock, deadline)                                         \
+    WRAP_WAIT(writeClocklock##suffix, writeClock, Timespec,                                                         \
+              (pthread_rwlock_t * lock, clockid_t clock, const Timespec *until),                                    \
+              (pthread_rwlock_t *, clockid_t, const Timespec *), isWall(clock), lock, clock, deadline)              \
+    WRAP_WAIT(conditionTimedwait##suffix, conditionTimed, Timespec,                                                 \
+              (pthread_cond_t * condition, pthread_mutex_t * lock, const Timespec *until),                          \
+              (pthread_cond_t *, pthread_mutex_t *, const Timespec *), isWallCondition(condition), condition, lock, \
+              deadline)                                                                                             \
+    WRAP_WAIT(conditionClockwait##suffix, conditionClock, Timespec,                                                 \
+              (pthread_cond_t * condition, pthread_mutex_t * lock, clockid_t clock, const Timespec *until),         \
+              (pthread_cond_t *, pthread_mutex_t *, clockid_t, const Timespec *), isWall(clock), condition, lock,   \
+              clock, deadline)                                                                                      \
+    WRAP_WAIT(semaphoreTimedwait##suffix, semaphoreTimed, Timespec, (sem_t * semaphore, const Timespec *until),     \
+              (sem_t *, const Timespec *), true, semaphore, deadline)                                               \
+    WRAP_WAIT(semaphoreClockwait##suffix, semaphoreClock, Timespec,                                                 \
+              (sem_t * semaphore, clockid_t clock, const Timespec *until), (sem_t *, clockid_t, const Timespec *),  \
+              isWall(clock), semaphore, clock, deadline)                                                            \
+    WRAP_WAIT(timedJoin##suffix, joinTimed, Timespec, (pthread_t thread, void **status, const Timespec *until),     \
+              (pthread_t, void **, const Timespec *), true, thread, status, deadline)                               \
+    WRAP_WAIT(clockJoin##suffix, joinClock, Timespec,                                                               \
+              (pthread_t thread, void **status, clockid_t clock, const Timespec *until),                            \
               (pthread_t, void **, clockid_t, const Timespec *), isWall(clock), thread, status, clock, deadline)
 
-#define WRAP_SLEEP(function, name, Timespec)                                                                              \
-    WRAP_WAIT(function, name, Timespec, (clockid_t clock, int flags, const Timespec *until, Timespec *rest),             \
-              (clockid_t, int, const Timespec *, Timespec *), isWall(clock) && (flags & TIMER_ABSTIME) != 0, clock, flags, \
-              deadline, rest)
+#define WRAP_SLEEP(function, name, Timespec)                                                                        \
+    WRAP_WAIT(function, name, Timespec, (clockid_t clock, int flags, const Timespec *until, Timespec *rest),        \
+              (clockid_t, int, const Timespec *, Timespec *), isWall(clock) && (flags & TIMER_ABSTIME) != 0, clock, \
+              flags, deadline, rest)
 
-#define WRAP_TIMER(function, name, Timerspec)                                                              \
-    WRAP(int, function, name, (int fd, int flags, const Timerspec *wanted, Timerspec *old)) {              \
-        REAL(name, int (*)(int, int, const Timerspec *, Timerspec *));                                     \
-        return setTimer(fd, flags, wanted, old, real);                                                     \
+#define WRAP_TIMER(function, name, Timerspec)                                                 \
+    WRAP(int, function, name, (int fd, int flags, const Timerspec *wanted, Timerspec *old)) { \
+        REAL(name, int (*)(int, int, const Timerspec *, Timerspec *));                        \
+        return setTimer(fd, flags, wanted, old, real);                                        \
     }
 
-#define WRAP_RECVMSG(function, name)                                           \
-    WRAP(ssize_t, function, name, (int fd, msghdr *message, int flags)) {      \
-        REAL(name, ssize_t (*)(int, msghdr *, int));                           \
-        const ssize_t got = real(fd, message, flags);                          \
-        if (got != -1) moveStamps(*message);                                   \
-        return got;                                                            \
+#define WRAP_RECVMSG(function, name)                                      \
+    WRAP(ssize_t, function, name, (int fd, msghdr *message, int flags)) { \
+        REAL(name, ssize_t (*)(int, msghdr *, int));                      \
+        const ssize_t got = real(fd, message, flags);                     \
+        if (got != -1) moveStamps(*message);                              \
+        return got;                                                       \
     }
 
-#define WRAP_RECVMMSG(function, name, Timespec)                                                                  \
-    WRAP(int, function, name, (int fd, mmsghdr *messages, unsigned int count, int flags, Timespec *patience)) {  \
-        REAL(name, int (*)(int, mmsghdr *, unsigned int, int, Timespec *));                                      \
-        const int got = real(fd, messages, count, flags, patience);                                              \
-        for (int i = 0; i < got; ++i) moveStamps(messages[i].msg_hdr);                                           \
-        return got;                                                                                              \
+#define WRAP_RECVMMSG(function, name, Timespec)                                                                 \
+    WRAP(int, function, name, (int fd, mmsghdr *messages, unsigned int count, int flags, Timespec *patience)) { \
+        REAL(name, int (*)(int, mmsghdr *, unsigned int, int, Timespec *));                                     \
+        const int got = real(fd, messages, count, flags, patience);                                             \
+        for (int i = 0; i < got; ++i) moveStamps(messages[i].msg_hdr);                                          \
+        return got;                                                                                             \
     }
+
+// NOLINTEND(bugprone-macro-parentheses)
 
 // Like the C library's, from the clock that moves in steps of the kernel's.
-WRAP(time_t, wallTime, "time", (time_t *result)) {
+WRAP(time_t, wallTime, "time", (time_t * result)) {
     timespec now = machineTime(CLOCK_REALTIME_COARSE);
     if (!move(now, offset_ns())) {
         errno = EOVERFLOW;
@@ -386,7 +387,7 @@ WRAP_RECVMSG(receive, "recvmsg")
 WRAP_RECVMMSG(receiveMany, "recvmmsg", timespec)
 
 #if __TIMESIZE == 32
-WRAP(int64_t, wallTimeWide, "__time64", (int64_t *result)) {
+WRAP(int64_t, wallTimeWide, "__time64", (int64_t * result)) {
     REAL("__clock_gettime64", int (*)(clockid_t, WideTimespec *));
     WideTimespec now{};
     real(CLOCK_REALTIME_COARSE, &now);
