@@ -77,7 +77,9 @@ std::optional<ClockMove> date(const std::string &word) {
     for (size_t i = 0; i < word.size(); ++i) {
         if (pattern[i] == 'd' ? !isDigits({&word[i], 1}) : word[i] != pattern[i]) return std::nullopt;
     }
-    const auto part = [&](size_t at, size_t length) { return std::strtoll(word.substr(at, length).c_str(), nullptr, 10); };
+    const auto part = [&](size_t at, size_t length) {
+        return std::strtoll(word.substr(at, length).c_str(), nullptr, 10);
+    };
     const int64_t year = part(0, 4);
     const int64_t month = part(5, 2);
     const int64_t day = part(8, 2);
