@@ -18,8 +18,10 @@
 #include <csignal>
 #include <cstring>
 #include <fstream>
+#include <functional>
 #include <sstream>
 #include <thread>
+#include <utility>
 
 #include "support/emulation.h"
 #include "support/files.h"
@@ -33,6 +35,7 @@ namespace {
 std::atomic<time_t> stoppedClock{0};
 bool noTimeText = false;
 bool noLocks = false;
+void (*afterLocking)() = nullptr;  // called once, when the next lock of a file has been taken
 }  // namespace
 extern "C" time_t time(time_t *result) noexcept {
     timespec now{};
@@ -48,7 +51,11 @@ extern "C" size_t strftime(char *text, size_t size, const char *format, const tm
     return 0;
 }
 extern "C" int flock(int fd, int operation) noexcept {
-    if (!noLocks) return static_cast<int>(::syscall(SYS_flock, fd, operation));
+    if (!noLocks) {
+        const auto result = static_cast<int>(::syscall(SYS_flock, fd, operation));
+        if (result == 0 && afterLocking != nullptr) std::exchange(afterLocking, nullptr)();
+        return result;
+    }
     errno = EOPNOTSUPP;
     return -1;
 }
@@ -568,6 +575,37 @@ TEST_F(DeviceLog, AWriterKilledAtAnyMomentLeavesAWholeLogAndBlocksNoOtherWriter)
 }
 
 // ---- the example ----
+
+// What fork() in another thread of a daemon does. The child has copies of the descriptors and lives on.
+TEST_F(DeviceLog, AChildForkedDuringACallKeepsNoLock) {
+    static pid_t child = -1;
+    const auto forkChild = [] {
+        child = vxtest::startChild([] {
+            for (;;) ::pause();
+            return 0;
+        });
+    };
+    const std::function<int()> calls[] = {
+        [] { return qxlog(1, "written"); },
+        [] { return qxlog_clear(); },
+        [] {
+            std::array<char, 2048> text;
+            return qxlog_read(text.data(), text.size()) >= 0 ? 0 : -1;
+        },
+    };
+    ASSERT_EQ(qxlog(1, "there is a log"), 0);
+    for (const auto &call : calls) {
+        child = -1;
+        afterLocking = forkChild;
+        EXPECT_EQ(call(), 0);
+        EXPECT_NE(child, -1);
+        const int log = ::open("/var/log/qxlog", O_RDONLY | O_CLOEXEC);
+        EXPECT_EQ(::flock(log, LOCK_EX | LOCK_NB), 0) << std::strerror(errno);
+        ::close(log);
+        ::kill(child, SIGKILL);
+        vxtest::waitChild(child);
+    }
+}
 
 TEST_F(DeviceLog, TheExampleTakesNotes) {
     const std::string note = vxtest::built("examples/qxlog_note");

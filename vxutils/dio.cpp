@@ -9,6 +9,7 @@
 #include <vxutils/dio_status.h>
 
 #include <array>
+#include <atomic>
 #include <cerrno>
 #include <climits>
 #include <cstdio>
@@ -42,8 +43,8 @@ constexpr unsigned int firstLine = DIORONUMBER_MIN;
 constexpr unsigned int lastLine = DIORONUMBER_MAX;
 static_assert(firstLine == DIORWNUMBER_MIN && lastLine == DIORWNUMBER_MAX && lastLine < 100);
 
-unsigned int inputs = 0;
-unsigned int outputs = 0;
+std::atomic<unsigned int> inputs{0};
+std::atomic<unsigned int> outputs{0};
 
 bool inRange(unsigned int line) {
     if (line >= firstLine && line <= lastLine) return true;
@@ -165,7 +166,7 @@ int isOutput(const dirent *entry) { return dio_isDioDirent(entry, outputPrefix) 
 
 // Counts one kind of line into its counter. Returns false when the tree exists and cannot be read.
 // Quirk Q86.
-bool countLines(int (*filter)(const dirent *), unsigned int &counter) {
+bool countLines(int (*filter)(const dirent *), std::atomic<unsigned int> &counter) {
     const vx::ErrnoKeeper keeper;
     dirent **entries = nullptr;
     const int found = ::scandir(tree, &entries, filter, nullptr);

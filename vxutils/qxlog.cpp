@@ -13,17 +13,17 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
+#include <memory>
 #include <utility>
 
+#include "vxutils/internal/errno_keeper.h"
 #include "vxutils/internal/fd.h"
-#include "vxutils/internal/handles.h"
 #include "vxutils/internal/retry.h"
 #include "vxutils/internal/safe_open.h"
 #include "vxutils/internal/semaphore_set.h"
 #include "vxutils/internal/visible.h"
 
 using vx::Fd;
-using vx::FilePtr;
 
 namespace {
 
@@ -123,6 +123,22 @@ Lock lockFile(int fd, int operation, const char *path, vx::SemaphoreDeadline dea
     }
 }
 
+// Closing does not do that: a child that another thread forked meanwhile has a copy of the descriptor, and would keep
+// the lock as long as it lives.
+void unlockFile(int fd) {
+    const vx::ErrnoKeeper keeper;
+    (void)::flock(fd, LOCK_UN);
+}
+
+struct UnlockAndClose {
+    void operator()(FILE *file) const {
+        std::fflush(file);
+        unlockFile(::fileno(file));
+        std::fclose(file);
+    }
+};
+using LockedFile = std::unique_ptr<FILE, UnlockAndClose>;
+
 // Tells whether an untrusted user may have opened the file, and so may hold its lock.
 bool isOpenToStrangers(const struct stat &status) {
     return (status.st_mode & S_IRWXO) != 0 || !vx::isTrustedUser(status.st_uid);
@@ -141,7 +157,9 @@ Fd openEmptiedTemporary(const Limits &limits) {
         const Lock lock = lockFile(fd.get(), LOCK_EX, temporaryPath, replaceable ? limits.semaphore : limits.temporary);
         if (lock == Lock::taken) {
             const bool ready = ::fchmod(fd.get(), temporaryMode) == 0 && ::ftruncate(fd.get(), 0) == 0;
-            return ready ? std::move(fd) : Fd();
+            if (ready) return fd;
+            unlockFile(fd.get());
+            return Fd();
         }
         if (lock == Lock::busy) {
             errno = EAGAIN;
@@ -150,16 +168,20 @@ Fd openEmptiedTemporary(const Limits &limits) {
     }
 }
 
-FilePtr toStream(Fd fd, const char *mode) {
+LockedFile toStream(Fd fd, const char *mode) {
     if (!fd.valid()) return nullptr;
-    FilePtr file(::fdopen(fd.get(), mode));
-    if (file) (void)fd.release();
+    LockedFile file(::fdopen(fd.get(), mode));
+    if (file) {
+        (void)fd.release();
+    } else {
+        unlockFile(fd.get());
+    }
     return file;
 }
 
 // Opens the log for reading, with a lock that keeps qxlog_clear() from cutting it off in the middle of a line. If
 // another process holds the lock for too long, the log is read without it.
-FilePtr openLog(const Limits &limits) {
+LockedFile openLog(const Limits &limits) {
     for (;;) {
         struct stat status;
         Fd fd = vx::openRegular(logPath, O_RDONLY, 0, status);
@@ -176,6 +198,7 @@ void emptyLog(const Limits &limits) {
         if (!fd.valid()) return;
         if (lockFile(fd.get(), LOCK_EX, logPath, limits.log) == Lock::renamed) continue;
         if (::ftruncate(fd.get(), 0) == 0) ::fchmod(fd.get(), logMode);
+        unlockFile(fd.get());
         return;
     }
 }
@@ -190,7 +213,7 @@ bool readLine(FILE *file, char (&line)[lineSize]) {
 // Returns false with errno set when there is an old log that cannot be read. A log that is not a regular file counts as
 // empty.
 bool copyOldLines(FILE *to, const Limits &limits) {
-    const FilePtr log = openLog(limits);
+    const LockedFile log = openLog(limits);
     if (!log) return errno == ENOENT || errno == EISDIR || errno == EINVAL;
     char line[lineSize];
     for (int copied = 0; copied < oldLinesKept && readLine(log.get(), line); ++copied) std::fprintf(to, "%s\n", line);
@@ -215,7 +238,7 @@ int qxlog(int number, const char *message) {
     char time[timeSize];
     if (std::strftime(time, sizeof time, timeFormat, &local) == 0) return failed("strftime");
 
-    FilePtr temporary = toStream(openEmptiedTemporary(limits), "w+");
+    LockedFile temporary = toStream(openEmptiedTemporary(limits), "w+");
     if (!temporary) return failed("open");
     std::fprintf(temporary.get(), "%d: %s %s\n", number, time, vx::VisibleText(message).c_str());
     if (!copyOldLines(temporary.get(), limits)) return failed("open");
@@ -252,7 +275,7 @@ int qxlog_read(char *buf, size_t size) {
     const size_t room = size - 1;
     size_t used = 0;
     {
-        const FilePtr log = openLog(limits);
+        const LockedFile log = openLog(limits);
         char line[lineSize];
         while (log && used < room && readLine(log.get(), line)) {
             used += static_cast<size_t>(std::snprintf(buf + used, room - used, "%s\n", line));

@@ -86,15 +86,18 @@ StringBuffer *newCharacter(char c) {
     return block;
 }
 
+// The empty buffer is shared by all threads: see String::countOf().
+int32_t countOf(const StringBuffer *block) { return __atomic_load_n(&block->refCount, __ATOMIC_RELAXED); }
+
 StringBuffer *share(StringBuffer *block) {
-    ++block->refCount;
+    __atomic_store_n(&block->refCount, countOf(block) + 1, __ATOMIC_RELAXED);
     return block;
 }
 
 StringBuffer *shareEmpty() { return share(&emptyBuffer); }
 
 // Whether a block may be written. The shared empty buffer, the only one of capacity 0, never may.
-bool isPrivate(const StringBuffer *block) { return block->refCount < 2 && block->capacity > 0; }
+bool isPrivate(const StringBuffer *block) { return countOf(block) < 2 && block->capacity > 0; }
 
 bool isPrivateWithRoom(const StringBuffer *block, size_t length) {
     return isPrivate(block) && length <= static_cast<size_t>(block->capacity);
@@ -717,7 +720,7 @@ void String::takeEmpty() { take(shareEmpty()); }
 
 // Makes a block of its own, of the same capacity, for a change that keeps the length.
 void String::makePrivate() {
-    if (buffer_->refCount < 2) return;
+    if (countOf(buffer_) < 2) return;
     StringBuffer *copy = allocate(buffer_->capacity);
     std::memcpy(copy->text, buffer_->text, sizeOf(*this) + 1);
     copy->length = buffer_->length;

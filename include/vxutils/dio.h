@@ -13,9 +13,9 @@
  *
  * **Ownership.** The functions write into the caller's variables and allocate nothing that outlives a call.
  *
- * **Threads, signals, fork.** Any thread may use the functions for a single line. dio_count(), dio_roCount() and
- * dio_rwCount() share two variables of the process without a lock: call them from one thread at a time. Not for signal
- * handlers. Nothing is kept open, so a forked child may call the functions.
+ * **Threads, signals, fork.** Any thread may use the functions for a single line. The two line counters belong to the
+ * process: counts that run at the same time write the same values. Not for signal handlers. Nothing is kept open, so a
+ * forked child may call the functions.
  *
  * **Blocking.** Calls take as long as the driver does to read or write a file. A program cannot wait for a change of an
  * input: it reads it again.

@@ -24,7 +24,7 @@
  *
  * **Threads, signals, fork.** The counts of references are plain integers: a String and all copies of it belong to one
  * thread. Give another thread a text of its own, `String(s.c_str())`. Empty Strings may be made in any thread, although
- * they share one buffer: it is never written and never freed. Not for signal handlers. After fork() the child has
+ * they share one buffer: its text is never written and it is never freed. Not for signal handlers. After fork() the child has
  * copies of its own.
  *
  * **Blocking.** No call blocks.
@@ -77,7 +77,7 @@ public:
      * Share the other's block.
      * @param other  the other String
      */
-    VXUTILS_API String(const String &other) : buffer_(other.buffer_) { ++buffer_->refCount; }
+    VXUTILS_API String(const String &other) : buffer_(other.buffer_) { addToCount(buffer_, 1); }
 
     /**
      * Hold one character, in a block of capacity 7; NUL gives the shared empty buffer.
@@ -403,7 +403,7 @@ public:
     String &operator+=(const char *s);
     /** Append @p c; no effect for NUL. */
     VXUTILS_API String &operator+=(char c) {
-        if (buffer_->refCount > 1 || buffer_->length >= buffer_->capacity || c == '\0') return concatCharacter(c);
+        if (countOf(buffer_) > 1 || buffer_->length >= buffer_->capacity || c == '\0') return concatCharacter(c);
         char *end = buffer_->text + buffer_->length++;
         end[0] = c;
         end[1] = '\0';
@@ -490,8 +490,16 @@ public:
     /** @} */
 
 private:
+    // All threads share the empty buffer. Its count is read and written in one piece, so that this is not a data race.
+    // An update that gets lost between two threads does no harm: that block is neither written nor freed.
+    static int32_t countOf(const StringBuffer *block) { return __atomic_load_n(&block->refCount, __ATOMIC_RELAXED); }
+    static int32_t addToCount(StringBuffer *block, int32_t change) {
+        const int32_t count = countOf(block) + change;
+        __atomic_store_n(&block->refCount, count, __ATOMIC_RELAXED);
+        return count;
+    }
     static void release(StringBuffer *block) {
-        if (--block->refCount == 0 && block->capacity > 0) free(block);  // only the shared empty buffer has no room
+        if (addToCount(block, -1) == 0 && block->capacity > 0) free(block);  // only the shared empty buffer has no room
     }
     struct Adopted {};
     String(Adopted, StringBuffer *block) : buffer_(block) {}
