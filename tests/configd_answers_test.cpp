@@ -34,11 +34,6 @@ VXTEST_HOOK(ssize_t, recvfrom, (int fd, void *data, size_t size, int flags, sock
 namespace {
 
 using namespace vxtest::configd;
-using namespace std::chrono_literals;
-
-using vxtest::Configd;
-using vxtest::LogLine;
-using Clock = std::chrono::steady_clock;
 
 using ConfigdLateAnswers = ConfigdTest;
 

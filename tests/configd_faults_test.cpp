@@ -34,11 +34,6 @@ VXTEST_HOOK(ssize_t, sendto, (int fd, const void *data, size_t size, int flags, 
 namespace {
 
 using namespace vxtest::configd;
-using namespace std::chrono_literals;
-
-using vxtest::Configd;
-using vxtest::LogLine;
-using Clock = std::chrono::steady_clock;
 
 using ConfigdOpenFaults = ConfigdTest;
 using ConfigdGetFaults = ConfigdTest;

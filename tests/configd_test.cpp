@@ -24,11 +24,6 @@
 namespace {
 
 using namespace vxtest::configd;
-using namespace std::chrono_literals;
-
-using vxtest::Configd;
-using vxtest::LogLine;
-using Clock = std::chrono::steady_clock;
 
 using ConfigdExample = ConfigdTest;
 using ConfigdOpen = ConfigdTest;

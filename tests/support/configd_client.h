@@ -10,6 +10,7 @@
 #include <vxutils/configd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
@@ -24,6 +25,11 @@
 
 namespace vxtest::configd {
 
+using namespace std::chrono_literals;
+
+using vxtest::Configd;
+using vxtest::LogLine;
+using Clock = std::chrono::steady_clock;
 using Lines = std::vector<std::string>;
 using Log = std::vector<LogLine>;
 
