@@ -3,21 +3,18 @@
 // one source of a test program: the calls below then pass through it. Without a hook they go to the kernel.
 #pragma once
 
-#include <devlog.h>
 #include <sys/epoll.h>
 #include <sys/timerfd.h>
-#include <syslog.h>
 
 #include <cerrno>
 #include <functional>
 #include <optional>
 
 #include "support/call_hooks.h"
+#include "support/error_level.h"
 #include "support/loop.h"
 
 namespace vxtest {
-
-constexpr int errorLevel = LOG_CRIT;  // what is logged at DL_ERROR
 
 // What the kernel will not do on demand.
 struct LoopCalls {
@@ -65,10 +62,4 @@ extern "C" int timerfd_settime(int fd, int flags, const itimerspec *setting, iti
     constexpr const char *name = sizeof(long) == 4 ? "__timerfd_settime64" : "timerfd_settime";
     static const auto next = vxtest::nextCall<int (*)(int, int, const itimerspec *, itimerspec *)>(name);
     return next(fd, flags, setting, old);
-}
-
-// The boards write both levels of errors with one priority; here they are told apart.
-extern "C" int devlog_level_to_prio(const devlog_level *level) {
-    static const auto next = vxtest::nextCall<int (*)(const devlog_level *)>("devlog_level_to_prio");
-    return level == DL_ERROR ? vxtest::errorLevel : next(level);
 }
