@@ -6,7 +6,6 @@
 #include <pthread.h>
 #include <sys/ipc.h>
 #include <sys/mman.h>
-#include <sys/resource.h>
 #include <sys/sem.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -30,6 +29,7 @@
 #include "support/call_hooks.h"
 #include "support/csemaphore.h"
 #include "support/files.h"
+#include "support/large_files.h"
 #include "support/process.h"
 #include "support/resources.h"
 #include "support/syslog_capture.h"
@@ -194,10 +194,7 @@ TEST_F(StrangersObject, IsRefusedWhateverItHoldsAndStaysAsItIs) {
 TEST_F(StrangersObject, WithoutEndIsRefused) {
     const std::string name = fresh();
     ASSERT_EQ(asStranger([&] {
-                  rlimit sizes{};
-                  ::getrlimit(RLIMIT_FSIZE, &sizes);
-                  sizes.rlim_cur = sizes.rlim_max;
-                  ::setrlimit(RLIMIT_FSIZE, &sizes);
+                  const vxtest::LargeFiles large;
                   vxtest::writeFile(object(name), "");
                   return ::truncate(object(name).c_str(), off_t{1} << 40);
               }),

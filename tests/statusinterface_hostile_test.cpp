@@ -25,6 +25,7 @@
 
 #include "support/call_hooks.h"
 #include "support/files.h"
+#include "support/large_files.h"
 #include "support/process.h"
 #include "support/stranger_files.h"
 #include "support/syslog_capture.h"
@@ -422,6 +423,7 @@ TEST_F(StatusTree, MarkersOfAStrangerAreNotBelieved) {
 
 TEST_F(StatusTree, ValuesAreOfBoundedSize) {
     constexpr off_t most = 1024 * 1024;
+    const vxtest::LargeFiles large;
     StatusInterface status;
     ASSERT_TRUE(status.setup(BASEPATH_STATUS, "/daemon"));
     const std::string path = "/tmp/status/daemon/state";

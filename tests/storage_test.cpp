@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "support/files.h"
+#include "support/large_files.h"
 #include "support/process.h"
 #include "support/resources.h"
 #include "support/storage.h"
@@ -253,6 +254,7 @@ private:
 
 TEST_F(StorageTest, SizesAreThoseOfTheDevice) {
     constexpr int64_t bytes = 5LL * 1024 * 1024 * 1024;  // beyond 32 bits
+    const vxtest::LargeFiles large;
     const LoopDevice device("/dev/sda", bytes);
     ASSERT_TRUE(device.ready()) << "no loop device";
     link("sda", pci + "usb1/1-1/block/sda");

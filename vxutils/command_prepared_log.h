@@ -6,9 +6,9 @@
 
 namespace vx {
 
-// The C library's log call takes locks, which another thread may have held at the time of the fork. This line is therefore
-// formatted before the fork, as that call would format it (facility "user", the program's name), and sent by plain system
-// calls.
+// The C library's log call takes locks, which another thread may have held at the time of the fork. This line is
+// therefore formatted before the fork, as that call would format it (facility "user", the program's name), and sent by
+// plain system calls.
 class PreparedLog {
 public:
     PreparedLog(int priority, const char *text) noexcept;

@@ -24,8 +24,8 @@
  *
  * **Threads, signals, fork.** The counts of references are plain integers: a String and all copies of it belong to one
  * thread. Give another thread a text of its own, `String(s.c_str())`. Empty Strings may be made in any thread, although
- * they share one buffer: its text is never written and it is never freed. Not for signal handlers. After fork() the child has
- * copies of its own.
+ * they share one buffer: its text is never written and it is never freed. Not for signal handlers. After fork() the
+ * child has copies of its own.
  *
  * **Blocking.** No call blocks.
  *
