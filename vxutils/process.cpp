@@ -22,7 +22,7 @@ constexpr const char *commandLinePath = "/proc/%d/cmdline";
 
 constexpr size_t pathSize = 63;
 constexpr size_t lineSize = 255;         // of a line that is read, terminator included
-constexpr size_t commandLineSize = 256;  // the same
+constexpr size_t commandLineSize = 256;  // terminator included
 constexpr int mostAncestors = 3;
 constexpr int firstOrdinaryPid = 2;  // below it are init and "no such process"
 
@@ -36,8 +36,8 @@ const char *formatPath(Path &path, const char *format, int pid) {
 }
 #pragma GCC diagnostic pop
 
-// Reads up to size - 1 bytes of a file of /proc, which gives them in one piece, into a cleared buffer. False, with
-// nothing touched, when the file cannot be opened; a process that ends in between leaves the text empty.
+// Clears a buffer and reads up to size - 1 bytes of a file of /proc, which one read() returns, into it. Returns false,
+// and leaves the buffer unchanged, when the file cannot be opened. A process that ends meanwhile gives an empty text.
 bool readProcFile(const char *path, char *text, size_t size) {
     const vx::Fd file(vx::retryEintr([&] { return ::open(path, O_RDONLY | O_CLOEXEC); }));
     if (!file.valid()) return false;

@@ -73,11 +73,11 @@ ZmqSocket openSocket(const ZeroMq &zmq, void *context, int type) {
     return {zmq.zmq_socket == nullptr ? nullptr : zmq.zmq_socket(context, type), CloseSocket{zmq.zmq_close}};
 }
 
-// The event manager may be late; while it hangs, those who raise events must go on.
+// The event manager may be slow, but a program that raises events must not hang when the event manager does.
 constexpr auto longestWait = std::chrono::seconds(1);
 
-// Opens it for reading too: opening only to write fails without a reader, and writing without one would raise SIGPIPE.
-// Neither the open nor a write waits, and nothing but a FIFO is written to: a link would lead into another file.
+// Opens the FIFO for reading, too: without a reader, opening it only for writing fails, and writing raises SIGPIPE.
+// Neither the open nor a write waits. Only a FIFO is accepted, because a link could lead to any file.
 vx::Fd openEventFifo() {
     vx::Fd fifo(::open(eventFifo, O_RDWR | O_NONBLOCK | O_NOFOLLOW | O_NOCTTY | O_CLOEXEC));
     struct stat status {};
@@ -104,7 +104,7 @@ void freeRecord(void *record, void *) { std::free(record); }
 
 }  // namespace
 
-// Needs nothing of the other objects made at load time, and a failure leaves it null.
+// Does not depend on other objects that are made at load time. Null if it cannot be made.
 devlog_level *DL_MQCONTENTS = devlog_level_create(messageContentsLevel);
 
 // Quirk Q70.

@@ -1,8 +1,9 @@
 /* SPDX-License-Identifier: MIT */
 /**
  * @file
- * **Purpose.** Helpers for NUL-terminated byte strings: bounded copy, case and blanks in place, checks of numbers,
- * dates and times, control characters made visible, and a one-shot formatter.
+ * **Purpose.** Works on NUL-terminated byte strings: copies with a bound, changes case and cuts blanks in place, checks
+ * numbers, dates and times, makes control characters visible, and formats a text for immediate use. In C++ use
+ * vxstring.h for texts that grow.
  *
  * **Example.**
  * @code
@@ -57,8 +58,8 @@ VXUTILS_BEGIN_DECLS
 /**
  * Allocate zero-filled memory.
  *
- * @param size size in bytes
- * @return a block of @p size zero bytes, to be released with free(); NULL when there is no memory
+ * @param size size in bytes; 0 gives a block that must not be read or written
+ * @return a block of @p size zero bytes, to be released with free(); NULL with ENOMEM when there is no memory
  */
 VXUTILS_API void *zalloc(size_t size);
 
@@ -122,14 +123,15 @@ VXUTILS_API char *stripchars(char *s, const char *set);
  * Cut spaces, tabs, carriage returns and line feeds off both ends, in place.
  *
  * @param s text
- * @return the first character kept, inside @p s; NULL when @p s is NULL
+ * @return the first character kept, inside @p s: to release allocated memory, free @p s and not this pointer. NULL when
+ *         @p s is NULL.
  */
 VXUTILS_API char *stripwhite(char *s);
 
 /**
  * Format into a static buffer with the C library's vsnprintf(): for a log line or a path that is used at once.
  *
- * Not reentrant, not for several threads: all callers of the process share one buffer.
+ * All callers of the process share one buffer, so only one thread at a time may use it.
  *
  * @param fmt printf format; NULL empties the buffer
  * @return the buffer, valid until the next call; a text of more than 2046 characters is cut
@@ -144,10 +146,9 @@ VXUTILS_API const char *strformat(const char *fmt, ...) VXUTILS_PRINTF(1, 2);
  *
  * @param src  text; at most @p n bytes are read, fewer when its terminator comes first
  * @param n    most bytes to take from @p src; 0 gives the empty text
- * @param dst  receives the text, always terminated
- * @param size size of @p dst in bytes, 3 or more. What does not fit is left out, at the latest from the character on
- *         that would begin at index @p size - 2. A size of exactly 2 gives the empty text; 0 and 1 mean no limit at
- *         all.
+ * @param dst  receives the text, always terminated; must not overlap @p src
+ * @param size size of @p dst in bytes, 3 or more. The text ends before the first character that would begin at index
+ *             @p size - 2 or later. A size of 2 gives the empty text; with 0 or 1 there is no limit (Quirk Q5).
  * @return @p dst
  */
 VXUTILS_API char *escape(const char *src, size_t n, char *dst, size_t size);
@@ -173,7 +174,7 @@ VXUTILS_API int e164Number(const char *s);
  * Years run from 1999 to 2035, months from 1 to 12, days from 1 to 31 in every month. Hour, minute and second have
  * upper bounds only (23, 59, 59): a negative one passes. The numbers are read as the C library's sscanf() reads a "%d":
  * blanks and a sign may come before each, leading zeros may be missing. A number beyond every range fails like any
- * other (as a negative time it passes). What follows the sixth is not looked at.
+ * other (as a negative time it passes). What follows the sixth number is ignored.
  *
  * @param s text
  * @return 0 when it passes, -1 when it does not or is NULL
@@ -181,7 +182,7 @@ VXUTILS_API int e164Number(const char *s);
 VXUTILS_API int validateTimeString(const char *s);
 
 /**
- * Check a time "23:59:59", with upper bounds only, as validateTimeString() does.
+ * Check a time "23:59:59" as validateTimeString() does: with upper bounds only, ignoring what follows the third number.
  *
  * @param s text
  * @return 0 when it passes, -1 when it does not or is NULL
@@ -189,7 +190,7 @@ VXUTILS_API int validateTimeString(const char *s);
 VXUTILS_API int validateTime(const char *s);
 
 /**
- * Check a date "2020-12-31", with the ranges of validateTimeString().
+ * Check a date "2020-12-31" with the ranges of validateTimeString(), ignoring what follows the third number.
  *
  * @param s text
  * @return 0 when it passes, -1 when it does not or is NULL

@@ -46,7 +46,7 @@
 
 VXUTILS_BEGIN_DECLS
 
-/** One event as it travels: 136 bytes on every machine, numbers in the machine's byte order. */
+/** One event as it is written and published: 136 bytes on every machine, numbers in the machine's byte order. */
 typedef struct vxevent_record {
     uint32_t id;    /**< which event */
     uint32_t param; /**< its parameter */
@@ -54,30 +54,31 @@ typedef struct vxevent_record {
 } vxevent_record;
 
 /**
- * The log level for daemons that log the contents of messages. Made when the library is loaded; the library itself does
- * not use it.
+ * The log level for daemons that log the contents of messages. It is made when the library is loaded, and never freed;
+ * NULL when it could not be made. The library itself does not use it.
  */
 extern VXUTILS_API devlog_level *DL_MQCONTENTS;
 
 /**
- * Raise an event: hand one record to the event manager's FIFO "/tmp/status/event-manager/throw".
- * @param id which event
- * @param param its parameter
- * @param text cut after 127 bytes; null means none
- * @return 0 when the record is in the FIFO; -1 when there is no FIFO (none is made) or it could not be written, errno
- *         saying why: EAGAIN when it stays full, ELOOP for a link and EINVAL for another file in its place
- *
- * Records of different callers never mix. Blocks for at most 1 s, and only while the FIFO is full: when some 480
- * records wait for an event manager that does not read. A record is lost, with result 0, when no process has the FIFO
- * open.
+ * Raise an event: write one record to the event manager's FIFO "/tmp/status/event-manager/throw". Records of different
+ * callers never mix. Waits at most 1 s, and only while the FIFO is full, i.e. when some 480 records wait for an event
+ * manager that does not read. When the FIFO exists and no process has it open, the record is lost, and the result is 0
+ * (Quirk Q70).
+ * @param id     which event
+ * @param param  its parameter
+ * @param text   its text, cut after 127 bytes; NULL counts as empty
+ * @return 0 when the record was written; -1 with errno when not: ENOENT without a FIFO (none is made), EAGAIN when it
+ *         stays full, ELOOP for a link and EINVAL for another file in its place. A signal handler that calls this saves
+ *         errno.
  */
 VXUTILS_API int vxevent(unsigned int id, unsigned int param, const char *text);
 
 /**
  * Make the socket that publishes events.
- * @param zmq_context a ZeroMQ context
- * @param endpoint where to publish, "tcp://127.0.0.1:47012"; one source per endpoint, in whatever process
- * @return a socket to be closed by @c zmq_close(), or null: endpoint in use, null or not understood, no context
+ * @param zmq_context  a ZeroMQ context
+ * @param endpoint     where to publish, e.g. "tcp://127.0.0.1:47012"; an endpoint has one source in all processes
+ * @return a socket to be closed with @c zmq_close(); NULL when the endpoint is in use, NULL or not understood, and for
+ *         a NULL context
  */
 VXUTILS_API void *create_legacy_source_with_addr(void *zmq_context, const char *endpoint);
 
@@ -89,11 +90,12 @@ VXUTILS_API void *create_legacy_source_with_addr(void *zmq_context, const char *
 VXUTILS_API void *create_legacy_source(void *zmq_context);
 
 /**
- * Make a socket that receives all events of an endpoint, from the time when the connection is made. The source may
- * come later; ZeroMQ keeps trying.
+ * Make a socket that receives all events of an endpoint, beginning when the connection has been made. The source may be
+ * made later; ZeroMQ goes on trying to connect.
  * @param zmq_context  a ZeroMQ context
  * @param endpoint     where the source publishes
- * @return a socket to be closed by @c zmq_close(), or null: endpoint null or not understood, no context
+ * @return a socket to be closed with @c zmq_close(); NULL when the endpoint is NULL or not understood, and for a NULL
+ *         context
  */
 VXUTILS_API void *register_legacy_sink_with_addr(void *zmq_context, const char *endpoint);
 
@@ -106,10 +108,10 @@ VXUTILS_API void *register_legacy_sink(void *zmq_context);
 
 /**
  * Publish one event to every subscriber connected.
- * @param socket from create_legacy_source()
- * @param record copied
- * @return 0, or -1 when it is null or could not be handed to ZeroMQ. Without subscribers the event is dropped, with
- *         result 0
+ * @param socket  from create_legacy_source(); NULL gives -1
+ * @param record  the event, of which all 136 bytes are copied; NULL gives -1. The caller terminates its text and zeroes
+ *                the rest.
+ * @return 0, also when there is no subscriber and the event is dropped; -1 when ZeroMQ did not take it
  */
 VXUTILS_API int dispatch_legacy_event(void *socket, const vxevent_record *record);
 
