@@ -123,9 +123,13 @@ VXUTILS_API int dropfile(const char *name);
  * Every failure is logged at DL_ERROR.
  *
  * Readers never see a mixture, and neither does the next process after the writer was killed. A power cut is another
- * matter, because the call does not wait for the medium: the file may then have the old content, the new one or, on a
- * file system that renames before it writes data, none. A program that needs more opens the file after the call and
- * calls fsync() on it and then on its directory.
+ * matter, because the call does not wait for the medium. On a file system that writes the data of a file before the
+ * rename over another one (ext4 as it is mounted by default), the file then has the old content or the new one; what
+ * the last calls wrote before the cut may be lost. On others (ext4 with `noauto_da_alloc` or `data=writeback`, UBIFS)
+ * it may also be empty or lack parts of the new content. A program that needs the new content to last opens the file
+ * after the call and calls fsync() on it and then on its directory: after that, a cut leaves this content or a later
+ * one. A program that must not lose the old content meanwhile, on a file system of the second kind, writes the
+ * temporary file itself and calls fsync() on it before rename().
  *
  * @param path           file to replace
  * @param buf            content, @p len bytes; may be NULL when @p len is 0
