@@ -4,23 +4,28 @@
 // were: their slopes are printed.
 #include <arpa/inet.h>
 #include <dirent.h>
+#include <event.h>
 #include <fcntl.h>
 #include <net/if.h>
 #include <netdb.h>
 #include <sys/ioctl.h>
 #include <sys/mount.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/time.h>
 #include <syslog.h>
 #include <time.h>
 #include <unistd.h>
+#include <vxutils/adc.h>
 #include <vxutils/cfread.h>
 #include <vxutils/command.h>
 #include <vxutils/configd.h>
 #include <vxutils/configreader.h>
 #include <vxutils/csemaphore.h>
 #include <vxutils/digest.h>
+#include <vxutils/dio.h>
+#include <vxutils/dio_status.h>
 #include <vxutils/eventsource.h>
 #include <vxutils/file.h>
 #include <vxutils/hashtable.h>
@@ -31,10 +36,15 @@
 #include <vxutils/process.h>
 #include <vxutils/qxlog.h>
 #include <vxutils/route.h>
+#include <vxutils/sem.h>
+#include <vxutils/simplesms.h>
 #include <vxutils/statusinterface.h>
 #include <vxutils/systeminfo.h>
 #include <vxutils/timefmt.h>
+#include <vxutils/vxevent.h>
 #include <vxutils/vxstring.h>
+#include <vxutils/wwanmd.h>
+#include <zmq.h>
 
 #include <algorithm>
 #include <array>
@@ -46,13 +56,17 @@
 #include <cstdlib>
 #include <cstring>
 #include <functional>
+#include <memory>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
+#include "support/board.h"
 #include "support/configd.h"
 #include "support/files.h"
 #include "support/syslog_capture.h"
+#include "support/wwanmd.h"
 
 namespace {
 
@@ -95,6 +109,14 @@ unsigned long failures = 0;
 void require(bool holds, const char *what) {
     if (holds) return;
     if (++failures <= 20) std::fprintf(stderr, "soak: failed: %s (%s)\n", what, std::strerror(errno));
+}
+
+double descriptors() {
+    double count = 0;
+    DIR *const directory = ::opendir("/proc/self/fd");
+    while (::readdir(directory) != nullptr) ++count;
+    ::closedir(directory);
+    return count;
 }
 
 // ---- What the daemon does in a round ----
@@ -218,6 +240,124 @@ void network(bool up) {
     ::freeaddrinfo(target);
 }
 
+// One handle stays, and one is opened anew.
+void modem(wwanmd_handle *handle) {
+    static vxtest::wwanmd::Message message;
+    message = vxtest::wwanmd::Message("signal", 5);
+    handle->last_io = {};  // without the pause between commands
+    require(wwanmd_command(handle, &message) == 0 && message.text().starts_with(" signal"), "wwanmd_command");
+    wwanmd_handle *const other = wwanmd_init(0, "soak");
+    require(other != nullptr && wwanmd_in_reset(0) == 0, "wwanmd_init");
+    wwanmd_free(other);
+}
+
+const std::string boardTree = "/sys/devices/vantorix/";
+
+void setUpBoard() {
+    vxtest::plainBoardTree();
+    for (int line = 1; line <= 4; ++line) {
+        vxtest::writeFile(boardTree + "din" + std::to_string(line) + "/value", "1\n");
+        vxtest::writeFile(boardTree + "dout" + std::to_string(line) + "/value", "0\n");
+    }
+    vxtest::writeFile(boardTree + "raw", "1200\n");
+    vxtest::writeFile(boardTree + "scale", "0.5\n");
+}
+
+void board() {
+    unsigned int lines = 0;
+    unsigned char on = 0;
+    require(dio_count(&lines) == DIO_OK && lines == 8, "dio_count");
+    require(dio_roValue(2, &on) == DIO_OK && on == 1, "dio_roValue");
+    require(dio_setValue(3, 1) == DIO_OK && dio_rwValue(3, &on) == DIO_OK && on == 1, "dio_setValue");
+    dio_status status{};
+    require(dio_getStatus(&status) == DIO_OK, "dio_getStatus");
+    float volts = 0;
+    require(adc_read((boardTree + "raw").c_str(), (boardTree + "scale").c_str(), &volts) == 0 && volts > 0, "adc_read");
+}
+
+void messages() {
+    vxtest::writeFile("/var/spool/sms/incoming/soak", "From: +4930123\nReceived: 22-11-22 10:00:00\n\nhello\n");
+    std::vector<std::pair<long long, std::string>> ids;
+    CSimpleSMS::RetrieveIncomingIds(ids);
+    require(ids.size() == 1 && ids[0].second == "soak", "RetrieveIncomingIds");
+    const std::unique_ptr<CSimpleSMS> sms(CSimpleSMS::getIncomingSMSById("soak"));
+    require(sms != nullptr && sms->getNumber() == "+4930123", "getIncomingSMSById");
+    require(CSimpleSMS::DeleteIncomingSMSById("soak") == 0, "DeleteIncomingSMSById");
+    require(CSimpleSMS("+4930123", "answer").send() == 0, "send");
+}
+
+void digests() {
+    Sha1HashContext sha1;
+    Md5HashContext md5;
+    for (HashContext *hash : {static_cast<HashContext *>(&sha1), static_cast<HashContext *>(&md5)}) {
+        HmacContext hmac(hash);
+        const std::array<unsigned char, 64> key{1, 2, 3};
+        std::array<unsigned char, 20> mac{};
+        hmac.initialize(key.data(), key.size(), 12);
+        hmac.hash(key.data(), key.size());
+        hmac.getHash(mac.data());
+        require(mac[0] != 0 || mac[1] != 0 || mac[2] != 0, "HMAC");
+    }
+}
+
+void semaphores() {
+    static CSemaphore semaphore("/usr/lib/libvxutils.so.1.0.0", 7);
+    require(semaphore.init() == 0 && semaphore.lock() == 0 && semaphore.unlock() == 0, "CSemaphore");
+    sem_handle *const handle = sem_create("/soak-handle");
+    require(sem_lock(handle) == 0 && sem_unlock(handle) == 0, "sem_lock");
+    sem_release(handle);
+}
+
+// A subscriber hears what is dispatched after its subscription has arrived.
+void events(void *context) {
+    const double before = descriptors();
+    void *const source = create_legacy_source_with_addr(context, "inproc://soak");
+    void *const sink = register_legacy_sink_with_addr(context, "inproc://soak");
+    require(source != nullptr && sink != nullptr, "ZeroMQ sockets");
+    vxevent_record record{7, 1, "soak"};
+    std::array<char, 256> got{};
+    int size = -1;
+    for (int attempt = 0; attempt < 2000 && size == -1; ++attempt) {
+        require(dispatch_legacy_event(source, &record) == 0, "dispatch_legacy_event");
+        size = zmq_recv(sink, got.data(), got.size(), ZMQ_DONTWAIT);
+        if (size == -1) ::usleep(1000);
+    }
+    require(size == static_cast<int>(sizeof record), "a ZeroMQ event");
+    zmq_close(sink);
+    zmq_close(source);
+    // A thread of ZeroMQ closes their descriptors some time later.
+    for (int attempt = 0; attempt < 2000 && descriptors() > before; ++attempt) ::usleep(1000);
+    require(descriptors() <= before, "closed ZeroMQ sockets have no descriptors");
+
+    const int fifo = ::open("/tmp/status/event-manager/throw", O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    require(vxevent(7, 1, "soak") == 0, "vxevent");
+    require(::read(fifo, got.data(), got.size()) == static_cast<ssize_t>(sizeof record), "an event of the FIFO");
+    ::close(fifo);
+}
+
+class Commands : public StatusFifoObserver {
+public:
+    void fifoDataReceived(bufferevent *, char *data, unsigned long length) override { text.append(data, length); }
+    std::string text;
+};
+
+void fifos(event_base *base) {
+    Commands commands;
+    StatusInterface status;
+    require(status.setup(BASEPATH_STATUS, String("/soak")), "StatusInterface of a FIFO");
+    require(status.setupIpcRxFifo("/command", &commands) != 0, "setupIpcRxFifo");
+    const int fd = ::open("/tmp/status/soak/command", O_WRONLY | O_NONBLOCK | O_CLOEXEC);
+    require(::write(fd, "restart", 7) == 7, "writing to a FIFO");
+    ::close(fd);
+    for (int attempt = 0; attempt < 2000 && commands.text.empty(); ++attempt) {
+        if (attempt > 0) ::usleep(1000);
+        event_base_loop(base, EVLOOP_NONBLOCK);
+    }
+    require(commands.text == "restart", "what a FIFO brings");
+    status.cleanup();
+    event_base_loop(base, EVLOOP_NONBLOCK);
+}
+
 // ---- What happens to it ----
 
 void setInterface(bool up) {
@@ -254,14 +394,6 @@ double memoryKib() {
     return static_cast<double>(resident) * static_cast<double>(::sysconf(_SC_PAGESIZE)) / 1024;
 }
 
-double descriptors() {
-    double count = 0;
-    DIR *const directory = ::opendir("/proc/self/fd");
-    while (::readdir(directory) != nullptr) ++count;
-    ::closedir(directory);
-    return count;
-}
-
 // Least squares, per minute.
 double slope(const std::vector<Sample> &samples, double Sample::*what) {
     double n = 0, x = 0, y = 0, xx = 0, xy = 0;
@@ -284,11 +416,23 @@ int main(int argc, char **argv) {
     vxtest::writeFile("/usr/lib/libvxutils.so.1.0.0", "");
     vxtest::writeFile("/etc/default/system-info", "NAME=soak\n");
     if (::mount("none", "/tmp/soak", "tmpfs", 0, "size=256k") == -1) return 2;
+    vxtest::makeDirs("/tmp/status/event-manager");
+    vxtest::makeDirs("/var/spool/sms/incoming");
+    vxtest::writeFile("/usr/local/sbin/send-sms", "#!/bin/sh\nrm \"$1\"\n");
+    if (::chmod("/usr/local/sbin/send-sms", 0755) == -1 || ::mkfifo("/tmp/status/event-manager/throw", 0600) == -1)
+        return 2;
+    setUpBoard();
     vxtest::SyslogCapture log;
     ::openlog("soak", LOG_NDELAY, LOG_USER);
     vxtest::Configd daemon;
     configd_handle *const config = configd_open();
-    if (config == nullptr) return 2;
+    vxtest::wwanmd::Modem card;
+    card.tell("echo");
+    const vxtest::wwanmd::Handle handle(wwanmd_init(0, "soak"));
+    event_base *const base = event_init();
+    void *const context = zmq_ctx_new();
+    if (config == nullptr || !handle || base == nullptr || context == nullptr) return 2;
+    zmq_close(zmq_socket(context, ZMQ_PUB));  // the context makes its threads and descriptors with the first socket
 
     const auto start = Clock::now();
     const auto since = [&] { return std::chrono::duration<double>(Clock::now() - start).count(); };
@@ -310,14 +454,24 @@ int main(int argc, char **argv) {
         loop();
         system_();
         network(up);
+        modem(handle.get());
+        board();
+        messages();
+        digests();
+        semaphores();
+        events(context);
+        fifos(base);
         const std::chrono::duration<double, std::micro> took = Clock::now() - began;
         log.take();
+        card.events();
         // The first tenth is not counted: caches fill.
         if (since() < std::max(next_s, seconds / 10)) continue;
         next_s = since() + seconds / 500;
         samples.push_back({since(), memoryKib(), descriptors(), took.count()});
     }
     configd_close(config);
+    zmq_ctx_term(context);
+    event_base_free(base);
 
     const double memory = slope(samples, &Sample::memory_kib), held = slope(samples, &Sample::descriptors);
     std::printf("soak: %.0f s, %lu rounds, %lu clock jumps of 9 years, %lu interface changes, %lu times a full disk\n",
