@@ -133,7 +133,8 @@ bool canFork() {
 }
 
 // Eight threads do `work` until each has done it `rounds` times. Meanwhile signals interrupt them, and children are forked
-// that do `inChild` once.
+// that do `inChild` once. That must not log anything: the C library's lock of the system log does not survive fork() in a
+// process with threads.
 void together(int rounds, const std::function<void(int thread)> &work, const std::function<bool()> &inChild = nullptr) {
     const unsigned long before = signalsHandled;
     std::atomic<int> running{threadCount};
@@ -309,14 +310,22 @@ TEST_F(Races, AtomicWritersOfOneFileAndItsReaders) {
     EXPECT_EQ(vxtest::run({"sh", "-c", "ls /tmp/races | grep -c '^shared_'"}).text, "0\n");
 }
 
+// A signal can end a copy before its transfer has begun, as the header says.
+int uninterrupted(const std::function<int()> &copy) {
+    for (;;) {
+        const int result = copy();
+        if (result == 0 || errno != EINTR) return result;
+    }
+}
+
 TEST_F(Races, FilesAndDirectoriesOfOneTree) {
     writeFile("/tmp/races/source/deep/file", "content\n");
     together(
         15,
         [](int thread) {
             const std::string tree = own("tree", thread), copy = tree + "/deep/copy";
-            EXPECT_EQ(copy_directory("/tmp/races/source", tree.c_str()), 0);
-            EXPECT_EQ(copy_file("/tmp/races/source/deep/file", copy.c_str()), 0);
+            EXPECT_EQ(uninterrupted([&] { return copy_directory("/tmp/races/source", tree.c_str()); }), 0);
+            EXPECT_EQ(uninterrupted([&] { return copy_file("/tmp/races/source/deep/file", copy.c_str()); }), 0);
             list_link lines{&lines, &lines};
             EXPECT_EQ(read_file_lines(copy.c_str(), &lines), 1);
             while (list_empty(&lines) == 0) {
@@ -587,15 +596,14 @@ TEST_F(Races, RoutesPingsAndInterfaces) {
     hints.ai_family = AF_INET;
     hints.ai_flags = AI_NUMERICHOST;
     ASSERT_EQ(::getaddrinfo("127.0.0.1", nullptr, &hints, &target), 0);
-    const auto asked = [&] {
-        char name[IFNAMSIZ] = "";
-        return route_get_interface(target, name) == 0 && std::strcmp(name, "lo") == 0 &&
-               shared.isInterfaceUp("lo") == 1 && shared.getIpV4Address("lo") == 0x7f000001;
-    };
+    const auto asked = [&] { return shared.isInterfaceUp("lo") == 1 && shared.getIpV4Address("lo") == 0x7f000001; };
     together(
         10,
         [&](int) {
             EXPECT_TRUE(asked());
+            char name[IFNAMSIZ] = "";
+            EXPECT_EQ(route_get_interface(target, name), 0);
+            EXPECT_STREQ(name, "lo");
             EXPECT_EQ(icmpping("lo", "127.0.0.1", 5000), 0);
             EXPECT_EQ(wanlink_count(), 0);
             EXPECT_EQ(wanlink_is_up(), 0);
