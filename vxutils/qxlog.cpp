@@ -108,6 +108,13 @@ bool isNamed(int fd, const char *path) {
            own.st_ino == named.st_ino;
 }
 
+// Gives the lock of a file up. Closing is not enough: a child that another thread forked meanwhile has a copy of the
+// descriptor, and would keep the lock as long as it lives.
+void unlockFile(int fd) {
+    const vx::ErrnoKeeper keeper;
+    (void)::flock(fd, LOCK_UN);
+}
+
 enum class Lock { taken, renamed, busy };
 
 // Waits for the lock of the file open as `fd`, as long as the file has the name `path`. On a file system without locks
@@ -116,18 +123,14 @@ Lock lockFile(int fd, int operation, const char *path, vx::SemaphoreDeadline dea
     for (;;) {
         const bool busy =
             vx::retryEintr([&] { return ::flock(fd, operation | LOCK_NB); }) == -1 && errno == EWOULDBLOCK;
-        if (!isNamed(fd, path)) return Lock::renamed;
+        if (!isNamed(fd, path)) {
+            if (!busy) unlockFile(fd);  // it may have become the log
+            return Lock::renamed;
+        }
         if (!busy) return Lock::taken;
         if (vx::SemaphoreClock::now() >= deadline) return Lock::busy;
         ::usleep(pollPause_us);
     }
-}
-
-// Closing does not do that: a child that another thread forked meanwhile has a copy of the descriptor, and would keep
-// the lock as long as it lives.
-void unlockFile(int fd) {
-    const vx::ErrnoKeeper keeper;
-    (void)::flock(fd, LOCK_UN);
 }
 
 struct UnlockAndClose {

@@ -248,6 +248,10 @@ VXUTILS_API int empty_directory(const char *path);
  * The content is copied in one transfer of the size that the file has at that moment. Files without a size, as in
  * /proc, give empty copies. At most 2 GiB, which the kernel transfers at once, are copied.
  *
+ * A signal whose handler was installed without SA_RESTART can end the transfer: with -1 and EINTR before anything was
+ * copied, with 0 and the rest missing after that (Quirk Q27). A program with such handlers blocks their signals during
+ * the call, or compares the sizes afterwards.
+ *
  * A file copied onto itself, by any path, symbolic link or hard link, is left as it is, and the result is 0. Only
  * regular files and block devices can be copied. Others, such as a FIFO or a directory, fail with "Sendfile error:
  * Invalid argument (22)" before anything is made or emptied. A FIFO at @p dst with a reader takes what fits; when its
