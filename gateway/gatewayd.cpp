@@ -33,6 +33,7 @@
 #include "gateway/core/board.h"
 #include "gateway/core/control.h"
 #include "gateway/core/junit.h"
+#include "gateway/core/preload.h"
 #include "gateway/core/replay.h"
 #include "gateway/tap.h"
 
@@ -142,17 +143,6 @@ void becomeUser(const std::string &name) {
     }
 }
 
-// Loads a library of the gateway before those of the program.
-void preload(const char *library) {
-    const std::string path = ownDirectory() + "/" + library;
-    const char *const others = std::getenv("LD_PRELOAD");
-    ::setenv("LD_PRELOAD", (others == nullptr ? path : path + ":" + others).c_str(), 1);
-    // The address sanitizer wants to be the first, which is needed for libraries that allocate memory.
-    const char *const wanted = std::getenv("ASAN_OPTIONS");
-    ::setenv("ASAN_OPTIONS",
-             ((wanted == nullptr ? "" : std::string(wanted) + ":") + "verify_asan_link_order=0").c_str(), 1);
-}
-
 class Session final : public Stage {
 public:
     explicit Session(const Options &options)
@@ -240,9 +230,9 @@ private:
             std::fputs(banner, stdout);
             std::fflush(stdout);
         }
-        if (options_.clock) preload("libvxclock.so");
+        if (options_.clock) preload(ownDirectory() + "/libvxclock.so");
         if (replay_) {
-            preload("libvxtap.so");
+            preload(ownDirectory() + "/libvxtap.so");
             ::setenv(tapVariable, (std::string("replay ") + Replay::socketPath).c_str(), 1);
         }
         ::execvp(options_.program[0], options_.program.data());

@@ -22,6 +22,7 @@
 #include <stdexcept>
 
 #include "gateway/core/peer.h"
+#include "gateway/core/preload.h"
 #include "gateway/tap.h"
 
 namespace vxgateway {
@@ -125,7 +126,7 @@ private:
         ::prctl(PR_SET_PDEATHSIG, SIGTERM);
         if (::getppid() != parent) ::_exit(125);
         ::sigprocmask(SIG_SETMASK, &before_, nullptr);
-        ::setenv("LD_PRELOAD", place_.tapPath().c_str(), 1);
+        preload(place_.tapPath());
         ::setenv(tapVariable, ("record " + place_.socketPath()).c_str(), 1);
         std::vector<char *> words;
         for (const std::string &word : wanted_.program) words.push_back(const_cast<char *>(word.c_str()));

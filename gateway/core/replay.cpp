@@ -125,6 +125,7 @@ Replay::Replay(std::string name, std::vector<RecordedLine> lines, Tolerance tole
       mask_(patternsOf(lines_)),
       packet_(longestTapLine) {
     long long after_us = 0;
+    size_t lastSignal = 0;
     for (const RecordedLine &line : lines_) {
         Program &program = programs_[line.source];
         if (in(effects, line.word) != nullptr && !isIgnored(line)) {
@@ -133,10 +134,27 @@ Replay::Replay(std::string name, std::vector<RecordedLine> lines, Tolerance tole
         } else if (in(views, line.word) != nullptr) {
             program.views[compared(line)].lines.push_back(line);
         } else if (line.word == "signal" || line.word == "fifo") {
-            if (firstSignal_ == 0 && line.word == "signal") firstSignal_ = line.number;
+            if (line.word == "signal") {
+                if (firstSignal_ == 0) firstSignal_ = line.number;
+                lastSignal = line.number;
+            }
             unasked_.push_back({line, after_us});
         } else if (line.word == "exit") {
             exit_ = &line;
+        }
+    }
+    findSpares(lastSignal);
+}
+
+// How often a program still repeats what it does all the time before it ends depends on how fast the machine is.
+void Replay::findSpares(size_t lastSignal) {
+    for (auto &[source, program] : programs_) {
+        std::set<std::string> before;
+        for (Effect &one : program.effects) {
+            if (one.line.number < lastSignal)
+                before.insert(compared(one.line));
+            else
+                one.spare = before.count(compared(one.line)) != 0;
         }
     }
 }
@@ -173,12 +191,14 @@ void Replay::differ(const RecordedLine &expected, const std::string &got) {
                   expected.what() + "\n" + name_ + ":" + std::to_string(expected.number) + ": got:      " + got;
 }
 
-const Replay::Effect *Replay::oldestUndone() const {
+const Replay::Effect *Replay::oldestUndone(bool withSpares) const {
     const Effect *oldest = nullptr;
     for (const auto &[source, program] : programs_) {
-        if (program.first == program.effects.size()) continue;
-        const Effect &one = program.effects[program.first];
-        if (oldest == nullptr || one.line.number < oldest->line.number) oldest = &one;
+        const auto one =
+            std::find_if(program.effects.begin() + static_cast<std::ptrdiff_t>(program.first), program.effects.end(),
+                         [&](const Effect &effect) { return !effect.done && (withSpares || !effect.spare); });
+        if (one == program.effects.end()) continue;
+        if (oldest == nullptr || one->line.number < oldest->line.number) oldest = &*one;
     }
     return oldest;
 }
@@ -193,7 +213,7 @@ bool Replay::allDoneBefore(long long time_us) const {
 void Replay::programEnded(int status) {
     pid_ = -1;
     const std::string ended = "the program ended with status " + std::to_string(status);
-    const Effect *const undone = oldestUndone();
+    const Effect *const undone = oldestUndone(false);
     if (over_ && undone == nullptr) return;
     if (undone != nullptr) {
         differ(undone->line, ended);
@@ -222,10 +242,12 @@ void Replay::takeEffect(int tap, Program &program, const RecordedLine &line) {
     const std::string wanted = compared(line);
     const std::string got = line.source + " " + line.what();
     auto &all = program.effects;
+    const Effect *oldest = nullptr;
     for (size_t i = program.first; i < all.size(); ++i) {
         Effect &one = all[i];
-        if (one.line.time_us - all[program.first].line.time_us > tolerance_us_) break;
         if (one.done) continue;
+        if (oldest == nullptr && !one.spare) oldest = &one;
+        if (oldest != nullptr && one.line.time_us - oldest->line.time_us > tolerance_us_) break;
         if (compared(one.line) == wanted) {
             one.done = true;
             while (program.first < all.size() && all[program.first].done) ++program.first;
@@ -234,7 +256,7 @@ void Replay::takeEffect(int tap, Program &program, const RecordedLine &line) {
             perform(tap, line, one);
             return startUnasked();
         }
-        if (channelOf(one.line) == channelOf(line)) {
+        if (!one.spare && channelOf(one.line) == channelOf(line)) {
             return differ(one.line, got);  // without an answer the program waits for its end
         }
     }
@@ -407,7 +429,7 @@ void Replay::doUnasked(const RecordedLine &line) {
 void Replay::watchPatience() {
     if (!difference_.empty() || over_ || pid_ == -1) return;
     const long long waited = std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - lastDone_).count();
-    const Effect *const undone = oldestUndone();
+    const Effect *const undone = oldestUndone(true);
     if (undone != nullptr) {
         if (waited > std::max(undone->line.time_us - lastDone_us_, 0LL) + patience_us)
             differ(undone->line, "nothing for " + std::to_string(waited / 1000000) + " s");

@@ -55,6 +55,7 @@ private:
     struct Effect {
         RecordedLine line;
         bool done = false;
+        bool spare = false;  // repeats after the last signal what was done before
     };
     // What a file, a directory or an interface looked like, one after the other.
     struct View {
@@ -100,7 +101,8 @@ private:
     void startUnasked();
     void doUnasked(const RecordedLine &line);
     void watchPatience();
-    const Effect *oldestUndone() const;
+    void findSpares(size_t lastSignal);
+    const Effect *oldestUndone(bool withSpares) const;
     bool allDoneBefore(long long time_us) const;
 
     std::string name_;
