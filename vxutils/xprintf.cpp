@@ -371,6 +371,8 @@ inline void readPrecision(const char *&at, Field &field, Arguments &args) {
     field.precision = va_arg(args.list, int);
 }
 
+// "%02d:%02d:%02d" takes 511 instructions on the board. Without the case of one digit after a zero it takes 598,
+// without always_inline here 566, and without noinline on the functions that write it takes 548.
 [[gnu::always_inline]] inline Field readField(const char *&at, Arguments &args) {
     Field field;
     if (*at == '0' && vx::isDigit(at[1]) && at[2] > '9') {  // as in "%02d": times, dates, hexadecimal numbers
