@@ -270,6 +270,7 @@ void CEPollEventsource::onEpollWakeup(epoll_event *events, int count) {
         const int fd = batch.next->data.fd;
         ++batch.next;
         if (fd == staleEvent) continue;
+        // As lookUp(), whose call would add 10 to the 86 instructions of an event on the board.
         const auto number = static_cast<size_t>(fd);
         const Watched watched = number < tables.byNumber.size() ? tables.byNumber[number] : lookUp(fd);
         if (watched.timer != nullptr) {
