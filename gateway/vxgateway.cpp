@@ -186,6 +186,7 @@ void takeOption(Options &options, const std::string &option, const std::string &
     } else if (option == "--keep") {
         std::error_code error;
         fs::create_directories(value, error);
+        if (error) refuse(wrongUsage, option + ": " + value + ": " + error.message());
         options.box.insert(options.box.end(), {"--share", existing(option, value, true), "/tmp/gateway"});
         options.inside.emplace_back(option);
     } else if (option == "--timeout") {
@@ -251,7 +252,11 @@ Options parse(const Arguments &arguments) {
 
 // ---- the program
 
-bool isFile(const std::string &path) { return fs::is_regular_file(path) && ::access(path.c_str(), X_OK) == 0; }
+// Directories of PATH that cannot be read have no program for this user.
+bool isFile(const std::string &path) {
+    std::error_code error;
+    return fs::is_regular_file(path, error) && ::access(path.c_str(), X_OK) == 0;
+}
 
 std::string onPath(const std::string &name) {
     const char *const path = std::getenv("PATH");

@@ -31,6 +31,8 @@ namespace {
 
 namespace fs = std::filesystem;
 
+enum ExitStatus { cannotRun = 126, notFound = 127 };
+
 constexpr std::array<int, 5> passedOn{SIGINT, SIGQUIT, SIGTERM, SIGHUP, SIGUSR1};
 
 [[noreturn]] void fail(const std::string &what) { throw std::runtime_error(what + ": " + std::strerror(errno)); }
@@ -86,7 +88,8 @@ public:
         while (readLines()) continue;  // what was told before the end
         note("exit", {std::to_string(status_)});
         flush();
-        if (!heard_) {
+        const bool ran = status_ != cannotRun && status_ != notFound;
+        if (!heard_ && ran) {
             std::fprintf(
                 stderr, "vxgateway: %s could not be listened to: linked statically, for another processor, or setuid\n",
                 wanted_.program[0].c_str());
@@ -132,7 +135,7 @@ private:
         for (const std::string &word : wanted_.program) words.push_back(const_cast<char *>(word.c_str()));
         words.push_back(nullptr);
         ::execvp(words[0], words.data());
-        const int status = errno == ENOENT ? 127 : 126;
+        const int status = errno == ENOENT ? notFound : cannotRun;
         std::fprintf(stderr, "vxgateway: %s: %s\n", words[0], std::strerror(errno));
         ::_exit(status);
     }

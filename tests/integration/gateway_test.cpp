@@ -84,6 +84,10 @@ TEST(VxGateway, RefusesWrongUsage) {
         EXPECT_EQ(output.status, 2) << testing::PrintToString(arguments);
         EXPECT_THAT(output.text, HasSubstr("vxgateway: ")) << testing::PrintToString(arguments);
     }
+    EXPECT_EQ(vxgateway_({"run", "--keep", "/proc/kept", "true"}).text,
+              "vxgateway: --keep: /proc/kept: No such file or directory\n");
+    EXPECT_EQ(vxgateway_({"run", "--keep", "/etc/passwd/kept", "true"}).text,
+              "vxgateway: --keep: /etc/passwd/kept: Not a directory\n");
     EXPECT_THAT(vxgateway_({"--help"}).text, HasSubstr("usage: vxgateway run"));
     EXPECT_THAT(vxgateway_({"list"}).text, HasSubstr("/sys/devices/vantorix"));
 }
@@ -133,6 +137,17 @@ TEST(VxGateway, HasTheNetworkThatItIsToldTo) {
         "check 0 ping -c 1 -W 5 198.51.100.9 >/dev/null\n",
         {"--net", "full"});
     EXPECT_EQ(full.status, 0) << full.text;
+}
+
+TEST(VxGateway, PassesOverDirectoriesOfThePathThatCannotBeRead) {
+    if (!vxtest::hasOtherUsers()) GTEST_SKIP() << "no other user can be had in this user namespace";
+    vxtest::makeDirs("/tmp/closed/bin");
+    ASSERT_EQ(::chmod("/tmp/closed", 0700), 0);
+    const auto output = vxtest::run({"setpriv", "--reuid=65534", "--regid=65534", "--clear-groups", "env",
+                                     "PATH=/tmp/closed/bin:/usr/bin:/bin", vxtest::built("gateway/vxgateway"), "run",
+                                     "--net", "none", "nosuchprogram"});
+    EXPECT_EQ(output.status, 127);
+    EXPECT_EQ(output.text, "vxgateway: nosuchprogram: not found\n");
 }
 
 // ---- gw

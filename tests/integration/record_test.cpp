@@ -125,7 +125,9 @@ TEST(Recorder, KeepsWhatWasToldBeforeTheProgramDied) {
     EXPECT_EQ(record(busy({"--die"})).status, 137);
     EXPECT_THAT(recorded(), testing::Contains(testing::StartsWith(R"(1 make directory "/tmp/status/busy")")));
     EXPECT_THAT(recorded(), testing::Contains("1 exit 137"));
-    EXPECT_EQ(record({"/nowhere/program"}).status, 127);
+    const auto missing = record({"/nowhere/program"});
+    EXPECT_EQ(missing.status, 127);
+    EXPECT_EQ(missing.text, "vxgateway: /nowhere/program: No such file or directory\n");
 }
 
 TEST(Recorder, SaysWhenItHeardNothing) {
