@@ -13,8 +13,9 @@
  *
  * **Ownership.** Buffers belong to the caller.
  *
- * **Threads, signals, fork.** Any number of threads and processes may call the functions at once, a forked child, too.
- * A child that is forked while another thread is inside a call keeps no lock of that call. Not for signal handlers.
+ * **Threads, signals, fork.** Any number of threads and processes may call the functions at once. A child that is
+ * forked while another thread is inside a call keeps no lock of that call. If its parent has threads, it should call
+ * the functions after exec() only: another thread may have held a lock of the C library. Not for signal handlers.
  *
  * **Blocking.** The calls of all processes take turns by a System V semaphore. Every call first sets it to free (Quirk
  * Q91), so a process that died in the middle never blocks the log. If two writers get their turn together, they wait

@@ -183,33 +183,9 @@ TEST(Replay, AnswersFilesProcessesAndThreads) {
     EXPECT_EQ(replay(busy({"y"})).status, 1);
 }
 
-constexpr const char *tickingProgram = R"(
-#include <fcntl.h>
-#include <signal.h>
-#include <string.h>
-#include <unistd.h>
-static volatile sig_atomic_t over;
-static void end(int signal) { over = signal; }
-static void put(const char *path, const char *text) {
-    int fd = open(path, O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    if (write(fd, text, strlen(text)) < 0) over = 1;
-    close(fd);
-}
-int main(void) {
-    signal(SIGTERM, end);
-    while (!over) {
-        put("/tmp/status/ticking", "tick");
-        usleep(20000);
-    }
-    put("/tmp/status/ended", "end");
-    return 0;
-})";
-
 // The recorded machine was slower, so the program did more before it ended.
 TEST(Replay, RepetitionsAfterTheLastSignalMayBeMissing) {
     if (vxtest::emulated()) GTEST_SKIP() << "a gateway is made of the machine's own programs";
-    vxtest::writeFile("/tmp/ticking.c", tickingProgram);
-    ASSERT_EQ(vxtest::run({"cc", "-o", "/tmp/ticking", "/tmp/ticking.c"}).status, 0);
     const auto write = [](const char *name, const char *text) {
         return std::string(" 1 write \"/tmp/status/") + name + "\" \"" + text + "\" ok\n";
     };
@@ -217,7 +193,7 @@ TEST(Replay, RepetitionsAfterTheLastSignalMayBeMissing) {
         vxtest::writeFile(file, "vxgateway-recording 1\n0.100000" + write("ticking", "tick") + "0.200000" +
                                     write("ticking", "tick") + "0.300000 1 signal TERM\n" + tail + "0.900000" +
                                     write("ended", "end") + "0.900000 1 exit 0\n");
-        return replay({"/tmp/ticking"});
+        return replay({vxtest::built("tests/ticking")});
     };
     const std::string tick = write("ticking", "tick");
     const auto repeated = replayed("0.400000" + tick + "0.500000" + tick);
