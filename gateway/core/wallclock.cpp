@@ -44,10 +44,12 @@ std::optional<int64_t> wholeNumber(std::string_view text, size_t mostDigits) {
 }
 
 std::optional<ClockMove> distance(std::string_view word) {
-    const auto count = word.size() < 3 ? std::nullopt : wholeNumber(word.substr(1, word.size() - 2), 10);
+    if (word.size() < 3) return std::nullopt;
+    const int64_t count = wholeNumber(word.substr(1, word.size() - 2), 10).value_or(-1);
+    if (count < 0) return std::nullopt;
     for (const Unit &unit : units) {
-        if (!count || unit.letter != word.back() || *count > end_s / unit.seconds) continue;
-        const int64_t ns = *count * unit.seconds * secondInNs;
+        if (unit.letter != word.back() || count > end_s / unit.seconds) continue;
+        const int64_t ns = count * unit.seconds * secondInNs;
         return ClockMove{true, word[0] == '-' ? -ns : ns};
     }
     return std::nullopt;
