@@ -143,7 +143,8 @@ void installLibrary(const std::string &directory) {
         fs::remove(place);
         fs::copy(entry.path(), place, fs::copy_options::copy_symlinks);
     }
-    // The machine's own copies would come first: each is covered. Without the program there is no cache that names them.
+    // The loader finds the machine's own copies first, so ours are mounted over them. A machine without ldconfig has no
+    // list of them.
     if (::access("/sbin/ldconfig", X_OK) != 0) return;
     FILE *cache = ::popen("/sbin/ldconfig -p", "r");
     if (cache == nullptr) fail("ldconfig");
