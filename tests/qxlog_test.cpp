@@ -8,7 +8,6 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <chrono>
 #include <climits>
 #include <cstdlib>
 #include <cstring>
@@ -17,6 +16,7 @@
 #include <utility>
 #include <vector>
 
+#include "support/device_log.h"
 #include "support/files.h"
 #include "support/process.h"
 #include "support/qxlog.h"
@@ -220,15 +220,6 @@ TEST_F(DeviceLog, ASemaphoreLeftTakenDoesNotBlock) {
     EXPECT_EQ(semaphoreValue(), 1);
 }
 
-// On a machine that is too busy, a writer may get no turn for the 0.8 s that it waits. A call that fails earlier is wrong.
-bool appendsInTurn(int number) {
-    for (;;) {
-        const auto start = std::chrono::steady_clock::now();
-        if (qxlog(number, message(number).c_str()) == 0) return true;
-        if (std::chrono::steady_clock::now() - start < std::chrono::milliseconds(750)) return false;
-    }
-}
-
 TEST_F(DeviceLog, ConcurrentWritersLeaveNoBrokenLine) {
     constexpr int writers = 4;
     constexpr int entries = 60;
@@ -238,7 +229,7 @@ TEST_F(DeviceLog, ConcurrentWritersLeaveNoBrokenLine) {
             int failures = 0;
             for (int i = 1; i <= entries; ++i) {
                 const int number = writer * 1000 + i;
-                if (!appendsInTurn(number)) ++failures;
+                if (!vxtest::appendsInTurn(number, message(number))) ++failures;
             }
             return failures == 0 ? 0 : 1;
         }));
@@ -261,7 +252,7 @@ TEST_F(DeviceLog, ConcurrentClearsLeaveNoBrokenLine) {
     std::atomic<bool> stop{false};
     const pid_t writer = vxtest::startChild([] {
         for (int number = 1; number <= 150; ++number) {
-            if (!appendsInTurn(number)) return 1;
+            if (!vxtest::appendsInTurn(number, message(number))) return 1;
         }
         return 0;
     });
@@ -290,7 +281,7 @@ TEST_F(DeviceLog, ThreadsOfOneProcessMayWriteTogether) {
         threads.emplace_back([thread] {
             for (int i = 1; i <= 15; ++i) {
                 const int number = thread * 100 + i;
-                EXPECT_TRUE(appendsInTurn(number));
+                EXPECT_TRUE(vxtest::appendsInTurn(number, message(number)));
             }
         });
     }
