@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 // The event loop through its public interface, on real descriptors and timers. What the system refuses is in
-// eventsource_faults_test.cpp, what callbacks may do while a round is served in eventsource_rounds_test.cpp.
+// eventsource_faults_test.cpp, what callbacks may do while a round is served in eventsource_rounds_test.cpp and
+// eventsource_nested_test.cpp.
 #include <vxutils/eventsource.h>
 
 #include <fcntl.h>

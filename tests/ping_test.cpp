@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
-// Ping over a WAN of network namespaces. The packets as they leave and as they are read are in ping_packets_test.cpp, what
-// the system refuses is in ping_faults_test.cpp.
+// Ping over a WAN of network namespaces. What leaves and arrives is in ping_packets_test.cpp and ping_frames_test.cpp,
+// which replies count in ping_replies_test.cpp, what the system refuses in ping_faults_test.cpp.
 #include <vxutils/ping.h>
 
 #include <syslog.h>

@@ -21,45 +21,23 @@
 #include "support/descriptor_limit.h"
 #include "support/files.h"
 #include "support/process.h"
+#include "support/qxlog.h"
 #include "support/resources.h"
 
 namespace {
 
 using vxtest::readFile;
 using vxtest::writeFile;
+using vxtest::devicelog::logFile, vxtest::devicelog::temporary, vxtest::devicelog::semaphore;
+using vxtest::devicelog::Reported, vxtest::devicelog::reported;
 
-const std::string logFile = "/var/log/qxlog";
-const std::string temporary = "/var/log/qxlog.tmp";
 const std::string precious = "/etc/precious";
 constexpr uid_t user = 12345;
-constexpr unsigned int hangs_s = 4;
 
-int semaphore() { return ::semget(::ftok("/etc/fstab", 69), 1, 0); }
-
-mode_t modeOf(const std::string &name) {
+// Type and mode of what has this name, links not followed.
+mode_t kindOf(const std::string &name) {
     struct stat status {};
     return ::lstat(name.c_str(), &status) == 0 ? status.st_mode : 0;
-}
-
-// Result of the call and what it printed on standard error, in a child that is ended when the call does not end.
-struct Reported {
-    int result;
-    std::string text;
-    bool operator==(const Reported &) const = default;
-};
-std::ostream &operator<<(std::ostream &out, const Reported &r) { return out << r.result << " \"" << r.text << '"'; }
-
-Reported reported(const std::function<int()> &call) {
-    const std::string file = "/tmp/stderr";
-    const int result = vxtest::inChild([&] {
-        const int fd = ::open(file.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
-        ::dup2(fd, 2);
-        ::alarm(hangs_s);
-        return call();
-    });
-    Reported all{result == 255 ? -1 : result, readFile(file)};
-    ::unlink(file.c_str());
-    return all;
 }
 
 const Reported fine{0, ""};
@@ -107,8 +85,8 @@ Stranger settingTheSemaphoreToZero() {
     return Stranger([id] { return id != -1; }, [id] { ::semctl(id, 0, SETVAL, 0); });
 }
 
-int append() { return qxlog(7, "seen"); }
-int readLog() {
+int appendSeen() { return qxlog(7, "seen"); }
+int readSeen() {
     char buffer[1000];
     return qxlog_read(buffer, sizeof buffer) == 0 && std::strstr(buffer, "seen\n") != nullptr ? 0 : 1;
 }
@@ -125,17 +103,17 @@ protected:
         ::chmod(precious.c_str(), 0600);
     }
     static void expectAllCallsWork() {
-        EXPECT_EQ(reported(append), fine);
+        EXPECT_EQ(reported(appendSeen), fine);
         EXPECT_NE(readFile(logFile).find("seen\n"), std::string::npos);
-        EXPECT_EQ(reported(readLog), fine);
+        EXPECT_EQ(reported(readSeen), fine);
         EXPECT_EQ(reported(qxlog_clear), fine);
         EXPECT_EQ(readFile(logFile), "");
-        EXPECT_EQ(modeOf(logFile), S_IFREG | 0664U);
+        EXPECT_EQ(kindOf(logFile), S_IFREG | 0664U);
         EXPECT_FALSE(vxtest::exists(temporary));
     }
     static void expectPreciousUntouched() {
         EXPECT_EQ(readFile(precious), "precious\n");
-        EXPECT_EQ(modeOf(precious), S_IFREG | 0600U);
+        EXPECT_EQ(kindOf(precious), S_IFREG | 0600U);
     }
 };
 
@@ -144,7 +122,7 @@ protected:
 TEST_F(HostileLog, AStrangersLockOfTheLogDoesNotStopIt) {
     ASSERT_EQ(qxlog(1, "first"), 0);
     const Stranger stranger = holdingTheLockOf(logFile);
-    EXPECT_EQ(reported(readLog), (Reported{1, ""})) << "not written yet";
+    EXPECT_EQ(reported(readSeen), (Reported{1, ""})) << "not written yet";
     expectAllCallsWork();
 }
 
@@ -186,12 +164,12 @@ TEST_F(HostileLog, EverythingHeldAtOnceDoesNotStopIt) {
 TEST_F(HostileLog, TheTemporaryFileCannotBeOpenedByAStranger) {
     ASSERT_EQ(::mkdir(logFile.c_str(), 0700), 0);
     const mode_t mask = ::umask(0);
-    EXPECT_EQ(reported(append), (Reported{-1, "rename: Is a directory\n"}));
+    EXPECT_EQ(reported(appendSeen), (Reported{-1, "rename: Is a directory\n"}));
     ::umask(mask);
-    EXPECT_EQ(modeOf(temporary), S_IFREG | 0660U);
+    EXPECT_EQ(kindOf(temporary), S_IFREG | 0660U);
     ::chmod(temporary.c_str(), 0666);
-    EXPECT_EQ(reported(append), (Reported{-1, "rename: Is a directory\n"}));
-    EXPECT_EQ(modeOf(temporary), S_IFREG | 0660U);
+    EXPECT_EQ(reported(appendSeen), (Reported{-1, "rename: Is a directory\n"}));
+    EXPECT_EQ(kindOf(temporary), S_IFREG | 0660U);
     ::rmdir(logFile.c_str());
 }
 
@@ -203,19 +181,19 @@ TEST_F(HostileLog, AnHonestWriterThatHangsIsReportedAndLeftAlone) {
     ASSERT_EQ(::write(fd, "half", 4), 4);
     EXPECT_EQ(reported([fd] {
                   ::close(fd);
-                  return append();
+                  return appendSeen();
               }),
               (Reported{-1, "open: Resource temporarily unavailable\n"}));
     EXPECT_EQ(readFile(temporary), "half");
     EXPECT_EQ(readFile(logFile), "old\n");
     ::close(fd);
-    EXPECT_EQ(reported(append), fine);
+    EXPECT_EQ(reported(appendSeen), fine);
 }
 
 TEST_F(HostileLog, ASetThatAStrangerMadeIsReplaced) {
     const Stranger stranger([] { return ::semget(::ftok("/etc/fstab", 69), 1, IPC_CREAT | IPC_EXCL | 0600) != -1; });
     const int strangers = semaphore();
-    EXPECT_EQ(reported(append), fine);
+    EXPECT_EQ(reported(appendSeen), fine);
     EXPECT_NE(semaphore(), strangers);
     EXPECT_EQ(vxtest::inChild([] {
                   return ::setresuid(user, user, user) == 0 && ::semctl(semaphore(), 0, IPC_RMID) == -1 ? 0 : 1;
@@ -232,32 +210,32 @@ TEST_F(HostileLog, ASetThatAStrangerMadeIsReplaced) {
 
 TEST_F(HostileLog, ALinkInTheLogsPlaceIsNotFollowed) {
     ASSERT_EQ(::symlink(precious.c_str(), logFile.c_str()), 0);
-    EXPECT_EQ(reported(append), (Reported{-1, "open: Too many levels of symbolic links\n"}));
-    EXPECT_EQ(reported(readLog), (Reported{1, ""})) << "reads as empty";
+    EXPECT_EQ(reported(appendSeen), (Reported{-1, "open: Too many levels of symbolic links\n"}));
+    EXPECT_EQ(reported(readSeen), (Reported{1, ""})) << "reads as empty";
     EXPECT_EQ(reported(qxlog_clear), fine);
-    EXPECT_EQ(modeOf(logFile) & S_IFMT, static_cast<mode_t>(S_IFLNK));
+    EXPECT_EQ(kindOf(logFile) & S_IFMT, static_cast<mode_t>(S_IFLNK));
     expectPreciousUntouched();
 }
 
 TEST_F(HostileLog, ALinkInTheTemporaryFilesPlaceIsNotFollowed) {
     ASSERT_EQ(::symlink(precious.c_str(), temporary.c_str()), 0);
-    EXPECT_EQ(reported(append), (Reported{-1, "open: Too many levels of symbolic links\n"}));
+    EXPECT_EQ(reported(appendSeen), (Reported{-1, "open: Too many levels of symbolic links\n"}));
     expectPreciousUntouched();
     ASSERT_EQ(::unlink(temporary.c_str()), 0);
     ASSERT_EQ(::symlink("/etc/made-by-link", temporary.c_str()), 0);
-    EXPECT_EQ(reported(append), (Reported{-1, "open: Too many levels of symbolic links\n"}));
+    EXPECT_EQ(reported(appendSeen), (Reported{-1, "open: Too many levels of symbolic links\n"}));
     EXPECT_FALSE(vxtest::exists("/etc/made-by-link"));
 }
 
 TEST_F(HostileLog, AFifoNeitherHangsItNorIsWritten) {
     ASSERT_EQ(::mkfifo(logFile.c_str(), 0666), 0);
-    EXPECT_EQ(reported(readLog), (Reported{1, ""}));
+    EXPECT_EQ(reported(readSeen), (Reported{1, ""}));
     EXPECT_EQ(reported(qxlog_clear), fine);
-    EXPECT_EQ(modeOf(logFile) & S_IFMT, static_cast<mode_t>(S_IFIFO));
-    EXPECT_EQ(reported(append), fine) << "a log takes its place";
-    EXPECT_EQ(reported(readLog), fine);
+    EXPECT_EQ(kindOf(logFile) & S_IFMT, static_cast<mode_t>(S_IFIFO));
+    EXPECT_EQ(reported(appendSeen), fine) << "a log takes its place";
+    EXPECT_EQ(reported(readSeen), fine);
     ASSERT_EQ(::mkfifo(temporary.c_str(), 0666), 0);
-    EXPECT_EQ(reported(append), (Reported{-1, "open: Invalid argument\n"}));
+    EXPECT_EQ(reported(appendSeen), (Reported{-1, "open: Invalid argument\n"}));
 }
 
 // --- an old log that cannot be read
@@ -266,10 +244,10 @@ TEST_F(HostileLog, AnOldLogThatMayNotBeReadIsNotReplaced) {
     ASSERT_EQ(::mount("tmpfs", "/var/log", "tmpfs", 0, "mode=0777"), 0);
     writeFile(logFile, "old\n");
     ::chmod(logFile.c_str(), 0600);
-    EXPECT_EQ(reported([] { return ::setresuid(user, user, user) == 0 ? append() : 100; }),
+    EXPECT_EQ(reported([] { return ::setresuid(user, user, user) == 0 ? appendSeen() : 100; }),
               (Reported{-1, "open: Permission denied\n"}));
     EXPECT_EQ(readFile(logFile), "old\n");
-    EXPECT_EQ(modeOf(logFile), S_IFREG | 0600U);
+    EXPECT_EQ(kindOf(logFile), S_IFREG | 0600U);
     ASSERT_EQ(::umount("/var/log"), 0);
 }
 
@@ -279,20 +257,20 @@ TEST_F(HostileLog, AnOldLogIsNotReplacedWhereDescriptorsRunOut) {
     const std::string before = readFile(logFile);
     EXPECT_EQ(reported([] {
                   const vxtest::DescriptorLimit one(1);
-                  return append();
+                  return appendSeen();
               }),
               (Reported{-1, "open: Too many open files\n"}));
     EXPECT_EQ(readFile(logFile), before);
-    EXPECT_EQ(reported(append), fine);
+    EXPECT_EQ(reported(appendSeen), fine);
 }
 
 // A file whose first byte cannot be read.
 TEST_F(HostileLog, AnOldLogThatFailsToBeReadIsNotReplaced) {
     writeFile(logFile, "");
     ASSERT_EQ(::mount("/proc/self/mem", logFile.c_str(), nullptr, MS_BIND, nullptr), 0);
-    EXPECT_EQ(reported(append), (Reported{-1, "open: Input/output error\n"}));
+    EXPECT_EQ(reported(appendSeen), (Reported{-1, "open: Input/output error\n"}));
     ASSERT_EQ(::umount(logFile.c_str()), 0);
-    EXPECT_EQ(reported(append), fine);
+    EXPECT_EQ(reported(appendSeen), fine);
 }
 
 }  // namespace

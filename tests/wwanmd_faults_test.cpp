@@ -13,7 +13,6 @@
 #include <chrono>
 #include <csignal>
 #include <cstring>
-#include <functional>
 #include <memory>
 #include <optional>
 #include <string>

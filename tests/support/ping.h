@@ -100,6 +100,9 @@ protected:
     static inline std::unique_ptr<Wan> wan;
 };
 
+// Another host of the target's network, one of elsewhere, the pinging host itself, an address without a host.
+inline const Bytes strangers[] = {{192, 0, 2, 77}, {203, 0, 113, 5}, {192, 0, 2, 10}, {0, 0, 0, 0}, {192, 0, 2, 0}};
+
 // What one host sends in another one's stead: an echo reply to each request, from this address.
 inline Responder::Answer repliesFrom(const Bytes &sender) {
     return [sender](const Bytes &request) {

@@ -61,6 +61,14 @@ struct Watch {
     }
 };
 
+// How often a wait with this time-out (milliseconds) sleeps when nothing arrives.
+inline size_t sleepsFor(unsigned int timeout) {
+    size_t sleeps = 0;
+    for (long budget = std::min(std::max(timeout, 500U), 10000U) * 1000L + 300000; budget > 0; budget -= 300000)
+        ++sleeps;
+    return sleeps;
+}
+
 // A table in the place of the kernel's, for this process; none at all without a text.
 class ArpTable {
 public:

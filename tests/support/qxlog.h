@@ -70,7 +70,7 @@ protected:
     NoLeaks noLeaks_;
 };
 
-// Result of the call and what it printed on standard error, in a child.
+// Result of the call and what it printed on standard error, in a child that SIGALRM ends after 4 s.
 struct Reported {
     int result;
     std::string text;
@@ -85,6 +85,7 @@ inline Reported reported(const std::function<int()> &call) {
     const int result = inChild([&] {
         const int fd = ::open(file.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
         ::dup2(fd, 2);
+        ::alarm(4);
         return call();
     });
     Reported all{result == 255 ? -1 : result, readFile(file)};
