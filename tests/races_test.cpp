@@ -259,7 +259,9 @@ TEST_F(Races, FunctionsWithStaticBuffersDoNotShareThem) {
     const time_t noon = 1700000000;
     const std::string when = timeformat(&noon);
     const std::string self = procname(::getpid());
+    const time_t parsed = timeparse("2024-02-29 12:00:00");
     together(100, [&](int thread) {
+        EXPECT_EQ(timeparse("2024-02-29 12:00:00"), parsed) << "has no static buffer";
         switch (thread) {
             case 0:
                 EXPECT_STREQ(readfile("/tmp/races/text"), "content");

@@ -176,6 +176,17 @@ TEST(TimeParse, ShiftsByTheZoneOffsetTwice) {
     EXPECT_EQ(timeparse("2024-02-29 12:00:00"), leapNoon + 2 * 18000);
 }
 
+// Another thread may be reading the record that gmtime() and localtime() return.
+TEST(TimeParse, LeavesTheRecordOfTheCLibraryAlone) {
+    const Zone zone("WEST5");
+    const time_t when = 1;
+    const struct tm *record = gmtime(&when);
+    const struct tm before = *record;
+    EXPECT_EQ(timeparse("2024-02-29 12:00:00"), leapNoon + 2 * 18000);
+    EXPECT_EQ(record->tm_year, before.tm_year);
+    EXPECT_EQ(record->tm_sec, before.tm_sec);
+}
+
 TEST(TimeParse, TakesDaylightSavingTimeToBeOff) {
     const Zone zone(centralEurope);
     EXPECT_EQ(timeparse("2024-06-30 12:00:00"), 1719748800 - 2 * 3600);

@@ -81,8 +81,8 @@ time_t timeparse(const char *text) {
     struct tm parsed {};
     if (strptime(text, shortYear, &parsed) == nullptr && strptime(text, fullYear, &parsed) == nullptr) return 0;
     const time_t first = mktime(&parsed);
-    struct tm *universal = gmtime(&first);
-    return universal != nullptr ? mktime(universal) : 0;
+    struct tm universal {};
+    return gmtime_r(&first, &universal) != nullptr ? mktime(&universal) : 0;
 }
 
 struct timespec diffts(struct timespec start, struct timespec end) {

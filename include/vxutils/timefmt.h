@@ -16,8 +16,9 @@
  * **Ownership.** timeformat(), format_size(), format_rate() and xml_readattr() each return a static buffer of their
  * own, valid until the next call of the same function.
  *
- * **Threads, signals, fork.** Only one thread at a time may use a function with a static buffer. Any number of threads
- * may call the others at once. diffts() and uselapsed() are async-signal-safe. A forked child may call all functions.
+ * **Threads, signals, fork.** Only one thread at a time may use a function with a static buffer; timeformat() also uses
+ * that of the C library's localtime(). Any number of threads may call the others at once. diffts() and uselapsed() are
+ * async-signal-safe. A forked child may call all functions.
  *
  * **Blocking.** No call blocks, except that the C library reads the time zone's file at first use.
  *
@@ -47,7 +48,7 @@ VXUTILS_API long jiffy(void);
 /**
  * Write a time stamp in local time, as in "2024-02-29 23:59:59".
  * @param t seconds since 1970 (UTC); NULL means now.
- * @return static text, valid until the next call; "1970-01-01 00:00:00" for a time whose year no calendar record holds.
+ * @return static text, valid until the next call; "1970-01-01 00:00:00" for a time whose year does not fit into an int.
  */
 VXUTILS_API const char *timeformat(const time_t *t);
 
@@ -56,11 +57,10 @@ VXUTILS_API const char *timeformat(const time_t *t);
  * 2068) or, failing that, a four-digit one. What follows the seconds is ignored. Daylight saving time is taken to be
  * off.
  *
- * The text is read as local time, the result is its universal time read as local time once more. In the zone UTC that
- * is the time itself; elsewhere it is shifted by the zone's offset a second time. Programs that store these values rely
- * on it.
+ * The text is read as local time, and the universal time of that is read as local time once more. In the zone UTC the
+ * result is the time itself; elsewhere it is shifted by the zone's offset a second time (Quirk Q54).
  * @param text time stamp; NULL or empty is not a time stamp.
- * @return seconds since 1970, 0 when the text is not a time stamp.
+ * @return seconds since 1970; 0 when the text is not a time stamp, and for 1970-01-01 00:00:00 itself.
  */
 VXUTILS_API time_t timeparse(const char *text);
 
@@ -68,8 +68,8 @@ VXUTILS_API time_t timeparse(const char *text);
  * Compute the difference of two times with tv_nsec between 0 and 999999999.
  * @param start  earlier time
  * @param end    later time
- * @return @p end minus @p start; a negative difference has negative seconds and, as everywhere, nanoseconds that count
- *         upwards: half a second back is -1 s and 500000000 ns.
+ * @return @p end minus @p start; tv_nsec of the result is never negative: a difference of minus half a
+ *         second is -1 s and 500000000 ns.
  */
 VXUTILS_API struct timespec diffts(struct timespec start, struct timespec end);
 
@@ -82,35 +82,36 @@ VXUTILS_API struct timespec diffts(struct timespec start, struct timespec end);
 VXUTILS_API int64_t uselapsed(struct timespec start, struct timespec end);
 
 /**
- * Make a short id: the time in its high half, random() in its low half. Neither half is ever 0xFFFF. Seeding random()
- * is up to the program; an unseeded one gives the same low halves after every start.
+ * Make a short id: the time in its high half, random() in its low half. Neither half is ever 0xFFFF. The
+ * program seeds random(); without a seed the low halves are the same after every start. Two calls within a second can
+ * return the same id.
  * @return the id.
  */
 VXUTILS_API uint32_t mkid(void);
 
 /**
  * Write a size with its unit, "B", "KB", "MB", "GB" or "TB", each 1024 of the one before: at most four digits before a
- * unit below "TB".
- * @param bytes a count of bytes; negative ones are printed in bytes.
+ * unit below "TB". Each step to the next unit rounds to the nearest whole number.
+ * @param bytes number of bytes; a negative number is printed in bytes
  * @return static text, valid until the next call, as "9999 B" or "100 MB".
  */
 VXUTILS_API const char *format_size(int64_t bytes);
 
 /**
  * Write a transfer rate in "Kbit/s", "Mbit/s", "Gbit/s" or "Tbit/s" (each 1024 of the one before) with one decimal.
- * @param bytes_per_second a rate in bytes per second. Negative ones give some text that means nothing.
+ * @param bytes_per_second a rate in bytes per second. The text for a negative rate is unspecified.
  * @return static text, valid until the next call, as "7.8 Kbit/s".
  */
 VXUTILS_API const char *format_rate(int64_t bytes_per_second);
 
 /**
- * Find the raw text between the first "<tag>" of a document and the first "</tag>" after it. Attributes, nesting and
- * entities are unknown to it, and white space stays.
+ * Find the raw text between the first "<tag>" of a document and the first "</tag>" after it. An element with attributes
+ * is not found, nested elements and entities are not interpreted, and white space is kept.
  * @param document NUL-terminated text. It must not be this function's own previous result, which is cleared first.
  * @param tag name of the element, without brackets.
- * @return static text of at most 1023 characters less the closing tag, valid until the next call and free to be changed
- *         until then; NULL when a pointer is NULL, a text is empty, a tag is missing, or the closing one does not end
- *         within the 1023 characters that follow the opening one.
+ * @return static text, valid until the next call, which the caller may change until then. It and the closing tag have
+ *         at most 1023 characters together. NULL when a pointer is NULL, a text is empty, a tag is missing, or the
+ *         closing one does not end within the 1023 characters that follow the opening one.
  */
 VXUTILS_API char *xml_readattr(const char *document, const char *tag);
 

@@ -581,7 +581,7 @@ extern "C" int clock_nanosleep(clockid_t clock, int flags, const timespec *reque
 }
 
 VX_CALL_NOEXCEPT(tm *, localtime, (const time_t *when), (when), nullptr, EOVERFLOW)
-VX_CALL_NOEXCEPT(tm *, gmtime, (const time_t *when), (when), nullptr, EOVERFLOW)
+VX_CALL_NOEXCEPT(tm *, gmtime_r, (const time_t *when, tm *result), (when, result), nullptr, EOVERFLOW)
 
 // ---- the remaining socket calls ----
 

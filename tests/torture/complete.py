@@ -15,7 +15,7 @@ import sys
 CANNOT_FAIL = """
     memchr memcmp memcpy memmove mempcpy memrchr memset explicit_bzero stpcpy strchr strchrnul strcmp strcpy strcspn strlen
     strrchr strncmp strnlen strspn strstr strtok_r tolower toupper ispunct isspace strerror strtod strtol strtoll strtoul strtoull
-    strptime strftime mktime localtime_r gmtime_r tzset rand random inet_addr inet_ntop inet_pton dirname basename
+    strptime strftime mktime localtime_r tzset rand random inet_addr inet_ntop inet_pton dirname basename
     sscanf __isoc99_sscanf snprintf vsnprintf printf perror ferror fileno dirfd getpid getppid getuid geteuid getegid getdtablesize
     umask signal program_invocation_short_name __progname openlog closelog setlogmask dlerror dlclose dlsym
     free freeifaddrs endmntent exit _exit abort munmap shmdt event_debug_unassign event_get_base event_get_struct_event_size
