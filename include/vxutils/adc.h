@@ -1,15 +1,18 @@
 /* SPDX-License-Identifier: MIT */
 /**
  * @file
- * **Purpose.** Reads the analog inputs of the boards in volts. Each board's converter has its own factor, which the
- * functions with a board's name apply. adc_read() reads the converters of other drivers.
+ * **Purpose.** Reads the analog inputs of the boards. Each board's converter has its own factor, which the functions
+ * with a board's name apply. adc_read() reads the converters of other drivers.
  *
  * **Example.**
  * @code
  * const char *path = qxdelta_get_adc_vin_path(1);
  * float volts;
- * if (path != NULL && *path != '\0' && adc_read(path, NULL, &volts) == 0) printf("%.2f\n", (double)volts);
+ * if (path != NULL && *path != '\0' && qxgamma_adc_read(path, &volts, 0.001F) == 0) printf("%.2f V\n", (double)volts);
  * @endcode
+ *
+ * **Units.** The functions multiply and know no unit: a result is the driver's number times the factors named below.
+ * The files that qxdelta_get_adc_vin_path() finds are in millivolts.
  *
  * **Ownership.** Nothing is allocated. qxdelta_get_adc_vin_path() returns a static buffer for each input, valid until
  * its next call for that input.
@@ -19,7 +22,7 @@
  *
  * **Blocking.** Calls take as long as the driver does to read a file, a few milliseconds.
  *
- * **Errors.** A call that fails returns -1, 0 or an empty text; errno is that of the failed system call. Only
+ * **Errors.** A call that fails returns -1, 0, NULL or an empty text; errno does not always tell the reason. Only
  * qxdelta_get_adc_vin_path() logs (LOG_ERR). Converter files hold a whole number of 0 or more; a text that is not a
  * number reads as 0.
  *
@@ -41,15 +44,20 @@ VXUTILS_BEGIN_DECLS
  * @param raw_path    file with the converter's number; NULL gives -1
  * @param scale_path  file with the factor; NULL for a factor of 1
  * @param value       receives number × factor, or 0 on failure; NULL gives -1
- * @return 0; -1 when a file is missing or empty, or the number is below 0
+ * @return 0; -1 when a pointer is NULL, a file is missing or empty, or the number is below 0
  */
 VXUTILS_API int adc_read(const char *raw_path, const char *scale_path, float *value);
 
-/** @return 1 when the board's first converter channel can be read, else 0 */
+/**
+ * Tell whether this is a board with the converter of the first type: whether
+ * "/sys/bus/iio/devices/iio:device0/in_voltage0_raw" is readable.
+ * @return 1 or 0
+ */
 VXUTILS_API int qxalpha_adc_supported(void);
 
 /**
- * Read a converter of the first board type: factor 30.379 and the converter's own scale file.
+ * Read a converter of the first board type: number × scale × 30.379. The scale is always read from
+ * "/sys/bus/iio/devices/iio:device0/in_voltage_scale".
  * @param path   file with the converter's number; NULL gives -1
  * @param value  receives the voltage, or 0 on failure; NULL gives -1
  * @return as adc_read()
@@ -57,7 +65,7 @@ VXUTILS_API int qxalpha_adc_supported(void);
 VXUTILS_API int qxalpha_adc_read(const char *path, float *value);
 
 /**
- * Read a converter of the second board type: factor 28.561.
+ * Read a converter of the second board type: number × 28.561.
  * @param path   file with the converter's number; NULL gives -1
  * @param value  receives the voltage, or 0 on failure; NULL gives -1
  * @return as adc_read()
@@ -65,7 +73,7 @@ VXUTILS_API int qxalpha_adc_read(const char *path, float *value);
 VXUTILS_API int qxbeta_adc_read(const char *path, float *value);
 
 /**
- * Read a converter of the third board type.
+ * Read a converter of the third board type: number × @p factor.
  * @param path    file with the converter's number; NULL gives -1
  * @param value   receives the number × @p factor, or 0 on failure; NULL gives -1
  * @param factor  factor of the input
@@ -74,8 +82,8 @@ VXUTILS_API int qxbeta_adc_read(const char *path, float *value);
 VXUTILS_API int qxgamma_adc_read(const char *path, float *value, float factor);
 
 /**
- * Find the hardware monitor's file of an input of the fourth board type, among hwmon0 to hwmon9. What is in its place
- * and is not a regular file is logged (LOG_ERR), as is finding nothing.
+ * Find the hardware monitor's file of an input of the fourth board type, among hwmon0 to hwmon9. Anything else
+ * in place of a regular file is logged (LOG_ERR), and so is finding none.
  * @param input  1 or 2
  * @return the path, in the input's static buffer until its next call; empty when there is none; NULL for another input
  */

@@ -87,7 +87,8 @@ VXUTILS_API char *net2str(char *dst, const struct sockaddr *addr, const struct s
 /**
  * Read an IPv4 address: four decimal numbers from 0 to 255 without leading zeros, nothing before or after them.
  * @param text NUL-terminated text.
- * @param addr record to fill. The family is stored even when the text is refused; the address is left as it was then.
+ * @param addr record to fill. The family is stored even when the text is refused (Quirk Q18); the address is then
+ *        unchanged.
  * @return 0, or -1 when the text is not an IPv4 address or a pointer is NULL (nothing is stored then).
  */
 VXUTILS_API int str2addr4(const char *text, struct sockaddr *addr);
@@ -144,8 +145,7 @@ VXUTILS_API char *net2cidr(char *dst, const struct sockaddr *addr, const struct 
 VXUTILS_API int cidr2netmask(int prefix, struct sockaddr *mask, int family);
 
 /**
- * Tell link-local IPv6 addresses: those in fe80::/10, and also those in ff80::/10, which daemons rely on being told
- * the same. The family is not looked at.
+ * Tell whether an IPv6 address is link-local: in fe80::/10, or in ff80::/10 (Quirk Q17). The family is not checked.
  * @param addr record of the size of a @c sockaddr_in6.
  * @return 1 for link-local addresses, 0 for others and for NULL.
  */

@@ -36,14 +36,18 @@
 VXUTILS_BEGIN_DECLS
 
 /**
- * @param technology  name of an access technology, such as "EDGE", "HSPA+", "LTE", "5G", in any case; or NULL
- * @return its radio generation, 2 to 5; -1 for other names and NULL
+ * Tell the radio generation of an access technology: 2 for CSD, GPRS and EDGE, 3 for UMTS, HSDPA, HSUPA, HSPA, HSPA+
+ * and CDMA, 4 for LTE, 5 for ENDC and 5G.
+ *
+ * @param technology  the whole name, in upper or lower case; or NULL
+ * @return 2 to 5; -1 for other names and NULL
  */
 VXUTILS_API int get_generation(const char *technology);
 
 /**
- * Tell the family of a modem module from the start of its name, in lower case. The first family that fits counts, in
- * the order of the modem daemon's table; so "mc509..." is of the family of "mc...".
+ * Tell the family of a modem module from the start of its name, which is case-sensitive (the table is in lower case).
+ * The first match in the order of the modem daemon's table counts, so "mc509..." is of the family of "mc..." (Quirk
+ * Q89).
  *
  * @param module  name of the module, or NULL
  * @return the modem daemon's code of the family; 0 for other names and NULL
@@ -51,15 +55,15 @@ VXUTILS_API int get_generation(const char *technology);
 VXUTILS_API int card2family(const char *module);
 
 /**
- * Ask the provider data base ("/usr/bin/pdb") for the provider of a network. Blocks until that tool is done.
+ * Ask the provider data base ("/usr/bin/pdb") for the provider of a network. Blocks until that tool has ended.
  *
  * The text becomes part of a command: it may hold letters, digits, blanks, dots, dashes, underscores and plus signs,
  * and no word of it may begin with a dash, which would make it an option of the tool. Any other text is not passed on
  * and counts as a network without a known provider.
  *
- * @param network  the network; NULL and the empty text give NULL
+ * @param network  the network, as the tool's option "-n" takes it
  * @return the provider's name, at most 63 characters in a static buffer, valid until the next call; empty when none is
- *         known
+ *         known or the tool cannot be run; NULL for NULL and the empty text
  */
 VXUTILS_API const char *pdb_find_provider(const char *network);
 

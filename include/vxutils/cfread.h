@@ -55,7 +55,7 @@
 VXUTILS_BEGIN_DECLS
 
 /**
- * Sees each entry of a file as it is read.
+ * Called for each entry of a file as it is read.
  * @param key   valid during the call; empty only when @p empty is not 0
  * @param value valid during the call; empty only when @p empty is not 0
  * @param arg   what the caller of cfread_parse_with_callback() gave
@@ -90,18 +90,18 @@ typedef struct cfread_table {
  * Read a file and what it includes into a new table.
  * @param file name of the file; kept in the table and shown in messages of cfread_set_entry(), so it should live as
  *         long.
- * @return the table, to be released with cfread_close(); NULL on any failure, of which nothing is kept.
+ * @return the table, to be released with cfread_close(); NULL on any failure (logged), with everything released.
  */
 VXUTILS_API cfread_table *cfread_open(const char *file);
 
 /**
- * Free the table with all its entries. NULL is accepted.
- * @param table  the table, or NULL
+ * Free the table with all its entries.
+ * @param table  the table; NULL is ignored
  */
 VXUTILS_API void cfread_close(cfread_table *table);
 
 /**
- * Look for a key, letter by letter. Takes the same time in small and large tables.
+ * Find the entry of a key, which is case-sensitive. Takes the same time in small and large tables.
  * @param table table to search
  * @param key   key to look for
  * @return its entry, valid until the key is set again or the table closed; NULL when there is none, for NULL and for
@@ -129,8 +129,8 @@ VXUTILS_API cfread_entry *cfread_set_entry(cfread_table *table, const char *key,
  * @param arg      handed to the callback
  * @param cb_empty not 0 (in its low 8 bits): also call for lines without key or without value, with these 8 bits as the
  *                 callback's last argument
- * @return 0, also when the callback ended the reading; -1 on a NULL callback or any failure, which comes after the
- *         callback has seen what comes before it
+ * @return 0, also when the callback ended the reading; -1 for a NULL callback or on any failure. The callback has then
+ *         been called for the entries before the failure.
  */
 VXUTILS_API int cfread_parse_with_callback(const char *file, cfread_callback callback, void *arg, int cb_empty);
 

@@ -12,14 +12,15 @@
  * client.setIndexedValueAsInt("port.%lu.speed", 3, 100);
  * @endcode
  *
- * **Ownership.** The object owns its connection. Values are copied.
+ * **Ownership.** The object owns its connection and cannot be copied. Values are copied.
  *
  * **Threads, signals, fork.** A client is used by one thread at a time. After fork() only one of the two processes may
  * use it. It changes the disposition of SIGPIPE as configd.h says. Not for signal handlers.
  *
  * **Blocking.** Each call is one exchange with the daemon and waits up to 10 s for sending and 10 s for the answer.
  *
- * **Errors.** Failures are results, and configd.h writes the reason to the system log. Nothing is thrown.
+ * **Errors.** A failed call returns false, or leaves the caller's value unchanged: to tell a missing value from a
+ * missing daemon use configd_get(). The reason is in the system log (configd.h). Nothing is thrown.
  *
  * **Limits.** Keys have at most 255 characters, values 1023; longer ones are not sent. What is written takes effect
  * with the next commit of any client (configd_done()).
@@ -38,7 +39,11 @@
 /** Client of the configuration daemon for single values. */
 class VXUTILS_API ConfigDaemonClient {
 public:
-    /** Connect; a client that could not fails in every call. */
+    /**
+     * Connect. The daemon need not run: calls fail until it does, and work from then on. If the client's own socket
+     * could not be made, because the directory /var/run/configd is missing for example (logged, LOG_ERR), every call of
+     * this object fails for good.
+     */
     ConfigDaemonClient();
     /** Disconnect. */
     virtual ~ConfigDaemonClient();
@@ -63,7 +68,8 @@ public:
     /**
      * Write the value of one of several keys.
      *
-     * @param key   pattern with one conversion for an unsigned long, "%lu"; at most 255 characters, as the key it gives
+     * @param key   pattern with one conversion for an unsigned long, "%lu", which is not checked; at most 255
+     *              characters, as the key it gives
      * @param index the number that goes there
      * @param value  value to write
      * @return whether the daemon confirmed it; what is too long is not sent
@@ -72,7 +78,7 @@ public:
 
     /**
      * Write the number of one of several keys, as in setIndexedValue().
-     * @param key    key, or pattern with one "%lu"; at most 255 characters, not empty
+     * @param key    pattern, as in setIndexedValue()
      * @param index  number for the pattern
      * @param value  value to write
      * @return whether the daemon confirmed it
@@ -89,7 +95,8 @@ public:
     virtual String &getValue(String const &key, String &value) const;
 
     /**
-     * Read a number, as atoi() makes it of the value; one that is out of range gives the nearest int.
+     * Read a number, as atoi() reads the value: 0 for a text that is not a number, the nearest int for a number that is
+     * out of range.
      * @param key    key, at most 255 characters
      * @param value  receives the number
      * @return @p value, which is left unchanged as in getValue()
@@ -98,7 +105,7 @@ public:
 
     /**
      * Read a value as getValue() does, of one of several keys, as in setIndexedValue().
-     * @param key    key, or pattern with one "%lu"; at most 255 characters, not empty
+     * @param key    pattern, as in setIndexedValue()
      * @param index  number for the pattern
      * @param value  receives the value; unchanged as in getValue()
      * @return @p value
@@ -107,7 +114,7 @@ public:
 
     /**
      * Read a value as getValueAsInt() does, of one of several keys, as in setIndexedValue().
-     * @param key    key, or pattern with one "%lu"; at most 255 characters, not empty
+     * @param key    pattern, as in setIndexedValue()
      * @param index  number for the pattern
      * @param value  receives the number; unchanged as in getValue()
      * @return @p value

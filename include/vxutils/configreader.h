@@ -20,9 +20,9 @@
  * **Ownership.** The reader owns its values; references are valid until cleanup(), initialize() or the end of the
  * reader. Copies outlive it.
  *
- * **Threads, signals, fork.** A reader may be asked from several threads after initialize() has returned, unlike the
- * tables of hashtable.h. Each thread gets a String of its own, which it may copy: as with any String, copies belong to
- * that thread. Not for signal handlers. A forked child has a copy of its own.
+ * **Threads, signals, fork.** Several threads may call the const functions at once after initialize() has returned,
+ * unlike those of the tables of hashtable.h. Each thread gets a String of its own, which it may copy: as with any
+ * String, copies belong to that thread. Not for signal handlers. A forked child has a copy of its own.
  *
  * **Blocking.** initialize() takes as long as the file system does. The other functions do not block.
  *
@@ -47,30 +47,32 @@ class INStringHashTable;
 /** Reader of a configuration file; see the page for the syntax. */
 class VXUTILS_API ConfigReader {
 public:
-    /** Make an empty reader: every question gives its default. */
+    /** Make an empty reader: every function returns its default value. */
     ConfigReader();
     /** Free all values. */
     virtual ~ConfigReader();
 
     /**
-     * Read a file in place of what was read before, after a call of cleanup().
+     * Call cleanup() and read a file.
      *
      * @param fileName  name of the file
      * @param tableSize number of buckets to begin with, about the number of keys
-     * @return true; false when the file cannot be opened, which two lines on standard output tell: the reader is empty
-     *         then
+     * @return true; false when the file cannot be opened. Two lines on standard output then say so, and the reader is
+     *         empty.
      * @throws std::bad_array_new_length when @p tableSize is beyond what a table can have (hashtable.h)
      */
     virtual bool initialize(String const &fileName, unsigned long tableSize);
 
-    /** Forget all values; references to them end. */
+    /** Free all values. References to them become invalid; copies do not. */
     virtual void cleanup();
 
     /**
-     * @param key           key
+     * Tell the value of a key.
+     * @param key           key, case-sensitive
      * @param defaultValue  result when there is no value
-     * @return the value of a key, valid until cleanup(), or @p defaultValue itself when there is none. Another thread
-     *         may read the text, but copies are for it to make of what it has asked for itself.
+     * @return the value, valid until cleanup(); a reference to @p defaultValue itself when there is none, so do not
+     *         keep the result when that is a temporary. Another thread may read the text of the result. To copy the
+     *         String, it calls getValue() itself.
      */
     virtual String const &getValue(String const &key, String const &defaultValue) const;
 
@@ -86,7 +88,8 @@ public:
     /**
      * Tell a value as getValue() does, of one of several keys.
      *
-     * @param key   pattern with one conversion for an unsigned long, "%lu"
+     * @param key   pattern with one conversion for an unsigned long, "%lu"; it is not checked, so it must not come from
+     *              outside
      * @param index the number that goes there
      * @param defaultValue  result when there is no value
      * @return as getValue()
@@ -95,7 +98,7 @@ public:
 
     /**
      * Tell a value as getValueAsInt() does, of one of several keys, as in getIndexedValue().
-     * @param key           key; in the indexed functions a pattern with one "%lu"
+     * @param key           pattern with one "%lu", as in getIndexedValue()
      * @param index         number for the pattern
      * @param defaultValue  result when there is no value
      * @return as getValueAsInt()
@@ -103,11 +106,11 @@ public:
     virtual long getIndexedValueAsInt(String const &key, unsigned long index, long defaultValue) const;
 
     /**
-     * Add a value, once initialize() has been called.
-     * @param key    key
+     * Add a copy of a value. initialize() must have been called, with success or without.
+     * @param key    key, taken as it is
      * @param value  its value
-     * @return true; false when the key has a value already, which a line on standard output tells, or when there is no
-     *         table yet
+     * @return true; false when the key has a value already (a line on standard output says so), or before initialize()
+     *         and after cleanup()
      */
     bool add(String const &key, String const &value);
 
@@ -124,9 +127,10 @@ public:
     bool strcpystrip(char *dst, int dstSize, char *src, int n);
 
     /**
+     * Find a character in a text.
      * @param str  NUL-terminated text
-     * @param c    character to look for
-     * @return position of the first @p c in the text, -1 when there is none; its NUL is not looked at
+     * @param c    character to look for; NUL is not found
+     * @return index of the first @p c, -1 when there is none
      */
     int indexof(char *str, char c);
 

@@ -9,7 +9,7 @@
  * @code
  * CRecursiveSemaphore modem("/modem0");
  * const int result = modem.lock();
- * if (result == 0 || result == EOWNERDEAD) {  // EOWNERDEAD: locked, but the owner before has died in the middle
+ * if (result == 0 || result == EOWNERDEAD) {  // EOWNERDEAD: locked too, the previous owner died
  *     puts("locked");
  *     modem.unlock();
  * }
@@ -84,7 +84,7 @@ public:
      */
     CSemaphore(const std::string &pathname, int projectID);
 
-    /** Leave the semaphore in the system, locked or not. */
+    /** Free the object's memory. The semaphore stays in the system, locked if it was locked. */
     virtual ~CSemaphore();
 
     /**
@@ -98,13 +98,14 @@ public:
     int init();
 
     /**
-     * Take the lock, waiting without limit; signals do not end the wait.
+     * Take the lock, waiting without limit; signals do not end the wait. Call init() first.
      * @return 0, or -1 with the reason in the system log
      */
     int lock();
 
     /**
-     * Give the lock back.
+     * Give the lock back. Only its holder may call this: nothing checks it, and after unlocking a free semaphore two
+     * processes can lock it at once.
      * @return 0, or -1 with the reason in the system log
      */
     int unlock();
@@ -124,7 +125,7 @@ private:
  */
 class VXUTILS_API CRecursiveSemaphore {
 public:
-    /** How a lock is to behave. */
+    /** How a lock behaves after the death of its owner. */
     class VXUTILS_API CSemaphoreOptions {
     public:
         /** Who repairs a mutex whose owner has died. */
@@ -169,8 +170,8 @@ public:
     CRecursiveSemaphore(const std::string &name, const CSemaphoreOptions &options);
 
     /**
-     * Leave the lock as it is: locked when it was locked. Another object of the same name can give it back, and the
-     * death of its owner is seen by others.
+     * Free the object's memory; a locked lock stays locked (Quirk Q58). The same thread can unlock it through another
+     * object of the same name. When the thread ends without that, the next lock() returns EOWNERDEAD.
      */
     virtual ~CRecursiveSemaphore();
 
@@ -180,9 +181,9 @@ public:
     /**
      * Take the lock, waiting without limit. The owner may lock again and must unlock as often.
      * @retval 0 locked
-     * @retval EOWNERDEAD locked too; the owner before died while holding it. In manual mode makeConsistent() must be
+     * @retval EOWNERDEAD locked too; the previous owner died while holding it. In manual mode makeConsistent() must be
      *         called before unlock(), or the lock is lost for all processes for good
-     * @retval ENOTRECOVERABLE the lock was lost that way; all who wait for it are told
+     * @retval ENOTRECOVERABLE not locked: the lock was lost that way. All threads that wait for it get this result.
      * @retval -1 the object is unusable
      * @return otherwise the error number of @c pthread_mutex_lock()
      */

@@ -16,22 +16,25 @@
  *
  * **Entry points.** A plug-in may export, with C linkage:
  *
- * - `dynamic_module_init`, taking the pointer that was given to load(): called once, right after the library was
- *   opened;
+ * - `dynamic_module_init`, taking the pointer that was given to load(): called by load(), right after the library
+ *   was opened. Its result is ignored;
  * - `dynamic_module_done`, without arguments: called right before it is closed;
  * - `getClassFactory`, without arguments: returns what getClassFactory() hands out.
  *
- * **Ownership.** The object owns the loaded library. Everything that came out of a plug-in, objects and functions, is
- * gone when its CDynamicModule is.
+ * **Ownership.** The object owns the loaded library. Objects and functions of a plug-in must not be used any more after
+ * its CDynamicModule was destroyed: their code is unloaded.
  *
  * **Threads, signals, fork.** An object belongs to one thread at a time. Not for signal handlers. A forked child has
  * the library loaded too; its destructor calls `dynamic_module_done` a second time.
  *
  * **Blocking.** Loading takes as long as the library's initialisation.
  *
- * **Errors.** Results of -1 and nullptr; errors and progress go to the system log. The destructor never throws.
+ * **Errors.** A call that fails returns -1 or nullptr. Errors (LOG_ERR) and progress (LOG_DEBUG) go to the system log;
+ * lastError() has the loader's own text. The destructor never throws; exceptions of the plug-in's other functions reach
+ * the caller.
  *
- * **Limits.** Those of the dynamic loader.
+ * **Limits.** Those of the dynamic loader. Two objects with the same path share one loaded library: each calls
+ * `dynamic_module_init`.
  *
  * **Privileges.** Read access to the file, on a file system that is not mounted noexec. The plug-in runs with all
  * rights of the process: load it from directories that only trusted users may write.
@@ -69,8 +72,9 @@ public:
     int load(void *arg);
 
     /**
-     * Tell what the dynamic loader complained about last on this thread, as dlerror() does: asking takes the text away.
-     * @return the text, valid until the loader's next call; null when there is nothing to tell.
+     * Return the dynamic loader's last error text of this thread and clear it, as dlerror() does.
+     * @return the text, valid until this thread's next call of the loader; null when there was no error since the last
+     *         call.
      */
     const char *lastError() const;
 
@@ -80,7 +84,10 @@ public:
      */
     void *getClassFactory() const;
 
-    /** @return the path given at construction. */
+    /**
+     * Tell the path of the library.
+     * @return the path given at construction; valid as long as the object
+     */
     const std::string &getLibPath() const;
 
 private:

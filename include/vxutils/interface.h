@@ -59,8 +59,8 @@ VXUTILS_BEGIN_DECLS
  * "mesh-ap"; a second module is fitted when "/proc/sysinfo/wlan1/type" is not empty. Letters are shown in upper case.
  *
  * @param name kernel's interface name, of any length.
- * @return at most 15 characters in a static buffer that the next call overwrites (not for several threads at once); a
- *         constant empty text for a null or empty name. Never null.
+ * @return at most 15 characters in a static buffer that the next call overwrites; a constant empty text for a NULL or
+ *         empty name. Never NULL.
  */
 VXUTILS_API const char *interfaceize(const char *name);
 

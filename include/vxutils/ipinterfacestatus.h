@@ -18,7 +18,7 @@
  *
  * **Blocking.** Calls wait for the kernel's answer only.
  *
- * **Errors.** A call that fails returns 0. Nothing is logged.
+ * **Errors.** A call that fails returns 0, which a question returns for "no" as well. Nothing is logged.
  *
  * **Limits.** Addresses and netmasks are 32-bit words in host order. Interface names are used up to their 15th
  * character; a NULL name counts as a missing interface. The address is the first IPv4 address of the interface.
@@ -77,24 +77,24 @@ public:
     int setTxQueueLen(const char *name, unsigned int packets);
 
     /**
-     * Tell the first IPv4 address, in host order.
+     * Tell the first IPv4 address.
      * @param name  interface's name
-     * @return 0 when there is no such interface or it has no address.
+     * @return the address, in host order; 0 when there is no such interface or it has no address.
      */
     unsigned int getIpV4Address(const char *name) const;
 
     /**
-     * Set the IPv4 address, in host order; the kernel picks the netmask of its class.
+     * Set the IPv4 address. The kernel sets the netmask of the address's class; call setIpV4Mask() afterwards.
      * @param name     interface's name
      * @param address  address, in host order
-     * @return 1 or 0.
+     * @return 1 on success, 0 on failure.
      */
     int setIpV4Address(const char *name, unsigned int address);
 
     /**
-     * Tell the IPv4 netmask, in host order.
+     * Tell the netmask of the first IPv4 address.
      * @param name  interface's name
-     * @return 0 when there is no such interface or it has no address.
+     * @return the netmask, in host order; 0 when there is no such interface or it has no address.
      */
     unsigned int getIpV4Mask(const char *name) const;
 
@@ -102,13 +102,13 @@ public:
      * Set the IPv4 netmask, in host order, of an interface that has an address.
      * @param name  interface's name
      * @param mask  netmask, in host order
-     * @return 1 or 0.
+     * @return 1 on success, 0 on failure.
      */
     int setIpV4Mask(const char *name, unsigned int mask);
 
     /**
-     * Tell whether a WAN link is in use. A status tree that a stranger may have made does not count
-     * (statusinterface.h); a FIFO is not waited for and does not count either.
+     * Tell whether a WAN link is in use. A status tree that an untrusted user may have made does not
+     * count (statusinterface.h). A FIFO is not waited for and does not count either.
      * @return 1 when "/tmp/status/link-manager/hotlink/interface" opens for reading, else 0.
      */
     int haveNetworkConnectivity();

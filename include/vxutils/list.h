@@ -26,7 +26,8 @@
  *
  * **Blocking.** No call blocks.
  *
- * **Errors.** No function checks its arguments.
+ * **Errors.** No call fails. No function checks its arguments: NULL, and an entry that is not in the stated list, are
+ * undefined behaviour.
  *
  * **Limits.** Memory alone limits the length.
  *
@@ -58,7 +59,7 @@ typedef struct list_link list_link;
 VXUTILS_API void __list_add(list_link *entry, list_link *prev, list_link *next);
 
 /**
- * Insert an entry right after @p head: the last one added is the first one met.
+ * Insert an entry right after @p head, so that a walk meets the latest entry first.
  *
  * @param entry entry that is in no list
  * @param head  head of the list, or the member to insert after
@@ -66,7 +67,7 @@ VXUTILS_API void __list_add(list_link *entry, list_link *prev, list_link *next);
 VXUTILS_API void list_add(list_link *entry, list_link *head);
 
 /**
- * Insert an entry right before @p head: the first one added is the first one met.
+ * Insert an entry right before @p head, so that a walk meets the entries in the order in which they were added.
  *
  * @param entry entry that is in no list
  * @param head  head of the list, or the member to insert before
@@ -74,7 +75,7 @@ VXUTILS_API void list_add(list_link *entry, list_link *head);
 VXUTILS_API void list_add_tail(list_link *entry, list_link *head);
 
 /**
- * Make two links neighbours, dropping whatever was between them.
+ * Make two links neighbours, which unlinks the entries between them. The pointers of these entries are unchanged.
  *
  * @param prev link that will precede @p next
  * @param next link that will follow @p prev
@@ -82,7 +83,7 @@ VXUTILS_API void list_add_tail(list_link *entry, list_link *head);
 VXUTILS_API void __list_del(list_link *prev, list_link *next);
 
 /**
- * Take an entry out of its list. Its own pointers stay as they were, stale.
+ * Take an entry out of its list. Its own pointers are unchanged and must not be followed.
  *
  * @param entry member of a list
  */
@@ -99,16 +100,16 @@ VXUTILS_API void list_del_init(list_link *entry);
  * Tell whether a list has no members.
  *
  * @param head head of the list
- * @return 1 or 0
+ * @return 1 when the list is empty, 0 when it has members
  */
 VXUTILS_API int list_empty(const list_link *head);
 
 /**
- * Move all members of a list, in order, right after the head of another.
+ * Move all members of a list, in order, right after the head of another. An empty @p list has no effect.
  *
- * @param list head of the list to take the members from; it still points at them afterwards and must be made empty
- *             (pointed at itself) before it is used again
- * @param head head of the list, or the member to insert after
+ * @param list head of the list to take the members from. It is unchanged and still points at them: set both its
+ *             pointers to itself before using it again.
+ * @param head head of the list to insert into, or the member to insert after
  */
 VXUTILS_API void list_splice(list_link *list, list_link *head);
 

@@ -29,7 +29,7 @@
  *
  * **Errors.** acquire_lock() returns -1, firewall_lock() NULL with a message (LOG_ERR).
  *
- * **Limits.** None.
+ * **Limits.** A path has at most 4095 characters, as in the kernel.
  *
  * **Privileges.** acquire_lock() needs write access to the parent directory. Everyone who may write there can release
  * the lock; in a directory with the sticky bit only its maker and root can. The file of the packet-filter lock is

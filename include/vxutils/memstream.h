@@ -21,8 +21,9 @@
  *
  * **Blocking.** No call blocks.
  *
- * **Errors.** A text that does not fit gives the result 1. A NULL stream, buffer, format or text, and a total size that
- * cannot be the stream's, are programming errors: the C library's assertion handler ends the process, in every build.
+ * **Errors.** A text that does not fit gives the result 1. The C library's assertion handler ends the process
+ * (SIGABRT), in every build, after a NULL stream, buffer, format or text, a total size below what is left, or a format
+ * that vsnprintf() refuses. The condition is printed on standard error.
  *
  * **Limits.** A text fits if the buffer has room for it and its terminator.
  *
@@ -39,10 +40,13 @@
 
 VXUTILS_BEGIN_DECLS
 
-/** A stream: the caller sets both fields to its buffer and the buffer's total size, and keeps the latter. */
+/**
+ * A stream. The caller sets both fields, to its buffer and the buffer's total size, and keeps that size for
+ * mem_stream_get_num_chars_written(). The buffer is not terminated before the first text is appended.
+ */
 struct mem_stream {
     char *buf;       /**< next free byte; once something was written, the terminator */
-    size_t buf_size; /**< bytes from @c buf to the end of the buffer, terminator included */
+    size_t buf_size; /**< bytes left from @c buf to the end of the buffer, terminator included */
 };
 typedef struct mem_stream mem_stream;
 
@@ -51,7 +55,8 @@ typedef struct mem_stream mem_stream;
  *
  * @param stream stream
  * @param format printf format
- * @return 0 when all of it fitted; 1 when it was cut (the stream is full then) or the stream has no byte left
+ * @return 0 when all of it fitted; 1 when it was cut (the stream is full then), or @c buf_size is 0 (nothing is
+ *         written)
  */
 VXUTILS_API int mem_stream_printf(mem_stream *stream, const char *format, ...) VXUTILS_PRINTF(2, 3);
 
@@ -60,7 +65,8 @@ VXUTILS_API int mem_stream_printf(mem_stream *stream, const char *format, ...) V
  *
  * @param stream stream
  * @param str    text, not inside the free part of the buffer
- * @return 0 when all of it fitted; 1 when it was cut (the stream is full then) or the stream has no byte left
+ * @return 0 when all of it fitted; 1 when it was cut (the stream is full then), or @c buf_size is 0 (nothing is
+ *         written)
  */
 VXUTILS_API int mem_stream_puts(mem_stream *stream, const char *str);
 
@@ -68,7 +74,7 @@ VXUTILS_API int mem_stream_puts(mem_stream *stream, const char *str);
  * Tell whether another character fits.
  *
  * @param stream stream
- * @return 1 or 0
+ * @return 1 when at least one more character fits, 0 when the stream is full
  */
 VXUTILS_API int mem_stream_free_space_left(const mem_stream *stream);
 
@@ -87,7 +93,7 @@ VXUTILS_API size_t mem_stream_get_num_chars_written(const mem_stream *stream, si
  * @param stream        stream
  * @param orig_buf_size total size of the buffer in bytes, as the caller set it up
  * @param flag          0 makes the result 0
- * @return characters written + 1, or 0
+ * @return characters written + 1, also when nothing was written; 0 when @p flag is 0
  */
 VXUTILS_API size_t mem_stream_get_num_bytes_written(const mem_stream *stream, size_t orig_buf_size, int flag);
 

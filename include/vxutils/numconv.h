@@ -27,7 +27,7 @@
  * **Errors.** NULL, or an error word. Nothing is logged, errno is unchanged. A pointer argument must not be NULL
  * unless the function says what NULL means.
  *
- * **Limits.** 34 bytes hold any number. Only the first 33 characters of a text are read.
+ * **Limits.** 34 bytes hold any number. valueOf32() and its relatives read the first 33 characters of a text.
  *
  * **Privileges.** None.
  *
@@ -125,39 +125,39 @@ VXUTILS_API uint16_t u_valueOf16(const char *text);
  *
  * @param err  set to 0 when the text is canonical, to -1 otherwise; may be NULL
  * @param text text; NULL is not canonical
- * @return what valueOf32() reads, either way
+ * @return what valueOf32() reads, whether the text is canonical or not
  */
 VXUTILS_API int32_t validValueOf32(int *err, const char *text);
 
 /**
  * Read a number as valueOf16() and check, as validValueOf32(), that the text is its canonical form.
  * @param err   set to 0 or -1; may be NULL
- * @param text  text; NULL reads as 0
- * @return the number
+ * @param text  text; NULL is not canonical and reads as 0
+ * @return the number, whether the text is canonical or not
  */
 VXUTILS_API int16_t validValueOf16(int *err, const char *text);
 
 /**
  * Read a number as u_valueOf32() and check, as validValueOf32(), that the text is its canonical form.
  * @param err   set to 0 or -1; may be NULL
- * @param text  text; NULL reads as 0
- * @return the number
+ * @param text  text; NULL is not canonical and reads as 0
+ * @return the number, whether the text is canonical or not
  */
 VXUTILS_API uint32_t u_validValueOf32(int *err, const char *text);
 
 /**
  * Read a number as u_valueOf16() and check, as validValueOf32(), that the text is its canonical form.
  * @param err   set to 0 or -1; may be NULL
- * @param text  text; NULL reads as 0
- * @return the number
+ * @param text  text; NULL is not canonical and reads as 0
+ * @return the number, whether the text is canonical or not
  */
 VXUTILS_API uint16_t u_validValueOf16(int *err, const char *text);
 
 /**
  * Check that a text is the canonical decimal form of a number within a range.
  *
- * @param err  set to 0 or -1; NULL does nothing at all
- * @param text text
+ * @param err  set to 0 when it is, to -1 when it is not; with NULL the call has no effect
+ * @param text text; NULL is not canonical
  * @param min  smallest number accepted
  * @param max  largest number accepted
  */
@@ -165,8 +165,8 @@ VXUTILS_API void validRangeValueOf32(int *err, const char *text, int32_t min, in
 
 /**
  * Check a text as validRangeValueOf32(), for numbers of 16 bits.
- * @param err   set to 0 or -1; NULL has no effect
- * @param text  text; NULL reads as 0
+ * @param err   set to 0 or -1; with NULL the call has no effect
+ * @param text  text; NULL is not canonical
  * @param min   smallest number accepted
  * @param max   largest number accepted
  */
@@ -174,8 +174,8 @@ VXUTILS_API void validRangeValueOf16(int *err, const char *text, int16_t min, in
 
 /**
  * Check a text as validRangeValueOf32(), for unsigned numbers.
- * @param err   set to 0 or -1; NULL has no effect
- * @param text  text; NULL reads as 0
+ * @param err   set to 0 or -1; with NULL the call has no effect
+ * @param text  text; NULL is not canonical
  * @param min   smallest number accepted
  * @param max   largest number accepted
  */
@@ -183,8 +183,8 @@ VXUTILS_API void u_validRangeValueOf32(int *err, const char *text, uint32_t min,
 
 /**
  * Check a text as validRangeValueOf32(), for unsigned numbers of 16 bits.
- * @param err   set to 0 or -1; NULL has no effect
- * @param text  text; NULL reads as 0
+ * @param err   set to 0 or -1; with NULL the call has no effect
+ * @param text  text; NULL is not canonical
  * @param min   smallest number accepted
  * @param max   largest number accepted
  */
@@ -196,7 +196,7 @@ VXUTILS_API void u_validRangeValueOf16(int *err, const char *text, uint16_t min,
  *
  * @param value word
  * @param buf   receives 10 characters and a terminator: 11 bytes
- * @return the terminator's place in @p buf
+ * @return the address of the terminator, @p buf + 10
  */
 VXUTILS_API char *convBinToHex(uint32_t value, char *buf);
 
@@ -204,10 +204,10 @@ VXUTILS_API char *convBinToHex(uint32_t value, char *buf);
  * Dump words as lines of hexadecimal: each word as convBinToHex() writes it and a space, a line feed after every
  * @p lineBytes bytes and another one at the end.
  *
- * @param words     words to dump, all bytes of the last one included
+ * @param words     words to dump; all bytes of the last one are read
  * @param out       receives the text; nbrOfChars_forDataChunk2String() bytes
  * @param byteCount number of bytes, rounded up to whole words; 0 gives the empty text
- * @param lineBytes bytes to a line: a multiple of 4, or 0 for a single line
+ * @param lineBytes bytes to a line: a multiple of 4; 0 and any other number give a single line
  */
 VXUTILS_API void dataChunk2String(const uint32_t *words, char *out, unsigned int byteCount, unsigned int lineBytes);
 
@@ -215,8 +215,9 @@ VXUTILS_API void dataChunk2String(const uint32_t *words, char *out, unsigned int
  * Tell the room in bytes, terminator included, that dataChunk2String() needs at most.
  *
  * @param byteCount number of bytes to dump
- * @param lineBytes bytes to a line: a multiple of 4, or 0 for a single line; for another number the room may be short
- * @return the number of bytes; the largest unsigned number when it is more than that
+ * @param lineBytes bytes to a line: a multiple of 4, or 0 for a single line. The result may be too small for any other
+ *                  number.
+ * @return the number of bytes; UINT_MAX when it does not fit in an unsigned int
  */
 VXUTILS_API unsigned int nbrOfChars_forDataChunk2String(unsigned int byteCount, unsigned int lineBytes);
 
@@ -233,8 +234,8 @@ VXUTILS_API uint32_t nextHigherPowerOf2(uint32_t v);
  * not checked: one above 255 spills over into its neighbour, one beyond 32 bits counts as the largest number of 32
  * bits. Blanks and a sign may come before each part. What follows the fourth part is not looked at.
  *
- * @param text text
- * @param out  receives the number; left unchanged on failure
+ * @param text text, or NULL
+ * @param out  receives the number; unchanged on failure
  * @return 0, or -1 when there are fewer than four parts or @p text is NULL
  */
 VXUTILS_API int convIPStr2IPUl(const char *text, uint32_t *out);

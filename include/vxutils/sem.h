@@ -48,48 +48,46 @@ VXUTILS_BEGIN_DECLS
 /** One lock in use. */
 typedef struct sem_handle sem_handle;
 
-/** How a lock is to behave. */
+/** How a lock behaves after the death of its owner. */
 typedef struct sem_options sem_options;
 
 /**
  * Make options, set to automatic repair.
- * @return options to be freed by semopts_release(), or null when memory is short
+ * @return options to be freed by semopts_release(); NULL when memory is short
  */
 VXUTILS_API sem_options *sem_options_create(void);
 
 /**
- * Choose that a lock whose owner died is repaired by the next one that takes it. Null is ignored.
- * @param options  the options, or NULL
+ * Choose that a lock whose owner died is repaired by the next thread that takes it.
+ * @param options  the options; NULL is ignored
  */
 VXUTILS_API void semopt_set_consistent_mode_automatic(sem_options *options);
 
 /**
  * Choose that a lock whose owner died is lost for good once the next owner unlocks it: later attempts return @c
- * ENOTRECOVERABLE. Null is ignored.
- * @param options  the options, or NULL
+ * ENOTRECOVERABLE. Only CRecursiveSemaphore::makeConsistent() (csemaphore.h) can repair it before that.
+ * @param options  the options; NULL is ignored
  */
 VXUTILS_API void semopt_set_consistent_mode_manual(sem_options *options);
 
 /**
- * Free options. Handles made with them are not affected. Null is ignored.
- * @param options  the options, or NULL
+ * Free options. Handles made with them are not affected.
+ * @param options  the options; NULL is ignored
  */
 VXUTILS_API void semopts_release(sem_options *options);
 
 /**
- * Open or create the lock of this name.
- * @param name as for @c shm_open(): "/" and up to 255 further characters, none of them "/". Not null: the C++ standard
- *        library's @c std::logic_error would come out of the call
- * @param options copied; null means default options
- * @return a handle to be freed by sem_release(), or null when memory is short. A lock that could not be set up (the
- *         reason is in the system log) gives a handle too, on which everything returns -1
- *
- * Waits while another process creates a lock of any name, for 15 s at most.
+ * Open or create the lock of this name. Waits while another process creates a lock of any name, for 15 s at most.
+ * @param name as for @c shm_open(): "/" and up to 255 further characters, none of them "/". NULL throws @c
+ *        std::logic_error, which ends a C program (Quirk Q56).
+ * @param options copied; NULL means default options
+ * @return a handle to be freed by sem_release(); NULL when memory is short. A lock that could not be set up (the reason
+ *         is in the system log) gives a handle too, on which every call returns -1.
  */
 VXUTILS_API sem_handle *sem_create_with_options(const char *name, const sem_options *options);
 
 /**
- * Open or create the lock with default options; a null @p name throws as there.
+ * Open or create the lock of this name with default options.
  * @param name  as for sem_create_with_options()
  * @return as sem_create_with_options()
  */
@@ -99,8 +97,10 @@ VXUTILS_API sem_handle *sem_create(const char *name);
  * Take the lock, waiting without limit. The owner may lock again and must unlock as often.
  * @param handle  from sem_create(); NULL gives -1
  * @retval 0 locked
- * @retval EOWNERDEAD locked too; the owner before died while holding it
- * @retval -1 @p handle is null or its lock could not be set up
+ * @retval EOWNERDEAD locked too; the previous owner died while holding it, so what the lock protects may be half
+ *         changed
+ * @retval ENOTRECOVERABLE not locked; the lock is lost for good (manual mode only)
+ * @retval -1 @p handle is NULL or its lock could not be set up
  * @return otherwise an error number of @c pthread_mutex_lock()
  */
 VXUTILS_API int sem_lock(sem_handle *handle);
@@ -115,13 +115,13 @@ VXUTILS_API int sem_unlock(sem_handle *handle);
 /**
  * Take the lock if it can be had without waiting.
  * @param handle  from sem_create(); NULL gives -1
- * @return as sem_lock(); @c EBUSY when another thread has it
+ * @return as sem_lock(), 0 and @c EOWNERDEAD meaning locked; @c EBUSY when another thread has it
  */
 VXUTILS_API int sem_trylock(sem_handle *handle);
 
 /**
- * Free a handle. The lock stays as it is, locked when it was locked; another handle can unlock it. Null is ignored.
- * @param handle  from sem_create(), or NULL
+ * Free a handle. A locked lock stays locked; the same thread can unlock it through another handle.
+ * @param handle  from sem_create(); NULL is ignored
  */
 VXUTILS_API void sem_release(sem_handle *handle);
 

@@ -45,7 +45,7 @@
 #include <utility>
 #include <vector>
 
-/** A short message: a value that is copied and kept like any other. */
+/** A short message: a value that can be copied. */
 class VXUTILS_API CSimpleSMS {
 public:
     /** Make an empty message. */
@@ -59,34 +59,45 @@ public:
     CSimpleSMS(const std::string &number, const std::string &text);
 
     /**
-     * Hand the message to the sending tool and wait for that to end. On success the tool owns the file it was given,
-     * "/tmp/outgoing-sms." and six characters, with mode 0600. The file is removed when the result is -1.
+     * Pass the message to the sending tool and wait until the tool has ended. On success the tool owns the file it was
+     * given, "/tmp/outgoing-sms." and six characters, with mode 0600. The file is removed when the result is -1.
      * @return 0 when the tool accepted the message; -1 when it did not, the file could not be written, or the number
      *         holds a line break
      */
     int send();
 
-    /** @return the recipient of an outgoing message, the sender ("From:") of an incoming one */
+    /**
+     * Tell the number.
+     * @return the recipient of an outgoing message, the sender ("From:") of an incoming one; valid as long as the
+     *         object
+     */
     const std::string &getNumber() const;
 
-    /** @return the "Received:" text of an incoming message, its words joined by single blanks; else empty */
+    /**
+     * Tell when an incoming message was received, as its file says.
+     * @return the text after "Received:", its words joined by single blanks; empty for an outgoing message
+     */
     const std::string &getReceived() const;
 
-    /** @return the body */
+    /**
+     * Tell the body.
+     * @return the text
+     */
     const std::string &getText() const;
 
     /**
      * List the incoming messages, in the directory's order. Only regular files are messages. A spool directory that is
-     * missing or cannot be read has none; a file system that does not tell the types of its entries shows none.
-     * @param ids  receives one more pair per message: status-change time of its file (seconds since 1970), and its id
+     * missing or cannot be read has none; on a file system whose directory entries carry no type the list is empty.
+     * @param ids  receives one pair for each message, after those that it holds: status-change time of its file
+     *             (seconds since 1970), and its id
      */
     static void RetrieveIncomingIds(std::vector<std::pair<long long, std::string>> &ids);
 
     /**
      * Read an incoming message.
      * @param id  its id
-     * @return the message, for delete; null when there is none, or its file has no empty line or no text (logged,
-     *         LOG_DEBUG), or memory is short (LOG_ERR)
+     * @return a new message, which the caller deletes; null when there is none, or its file has no empty line or no
+     *         text (logged, LOG_DEBUG), or memory is short (LOG_ERR)
      */
     static CSimpleSMS *getIncomingSMSById(const std::string &id);
 

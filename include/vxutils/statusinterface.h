@@ -103,16 +103,16 @@ public:
      * Choose the directory and make it and its missing parents, mode 0777 less the process's umask.
      * @param basePath tree.
      * @param name daemon's name, beginning with "/"; may name a directory further down.
-     * @return true; false, with the reason in the system log, when @p basePath is none of the three (there is no
-     *         directory then), or a directory cannot be made or is unsafe (it stays chosen).
+     * @return true; false, with the reason in the system log, when @p basePath is not one of the three (names are paths
+     *         then, as before setup()), or a directory cannot be made or is unsafe (it stays chosen).
      */
     bool setup(BasePath basePath, const String &name);
 
     /**
      * Write a status file, mode 0644 less the umask when it is new. The file is emptied and written in place: a program
-     * that reads it at that moment may find it empty. What a stranger may have put in its place is refused, as the
-     * functions of file.h do that write a file in place. A FIFO that has a reader takes the value as a message, if
-     * there is room; a reader that leaves before that makes the call fail (EPIPE) and raises no SIGPIPE.
+     * that reads it at that moment may find it empty. What an untrusted user may have put in its place is refused, by
+     * the rules of the functions of file.h that write a file in place. A FIFO that has a reader takes the value as a
+     * message, if there is room; a reader that leaves before that makes the call fail (EPIPE) and raises no SIGPIPE.
      * @param name file name.
      * @param value contents, with NULs if there are any; no newline is added.
      * @return true when the file was opened and took every byte.
@@ -132,7 +132,8 @@ public:
      * Replace a link, or whatever file has its name.
      * @param name name of the link.
      * @param target what it points to; empty to have no link any more.
-     * @return true when the link was made or none was wanted; false on an unsafe path in any case.
+     * @return true when the link was made, and for an empty @p target, also when there was no link; false on an unsafe
+     *         path in any case, and when the link cannot be made (the old one is gone then).
      */
     bool setLink(const String &name, const String &target);
 
@@ -140,7 +141,7 @@ public:
      * Make a FIFO, mode 0666 less the umask, in place of whatever file has its name, and have its data delivered. Users
      * who may write to it can send anything, and users who may read from it can take messages away: set the umask so.
      * @param name name of the FIFO.
-     * @param observer receives the data; it must outlive the FIFO. Null throws the data away.
+     * @param observer receives the data; it must outlive the FIFO. With NULL the data is discarded.
      *         Libevent is not loaded before the first call, and is that of the caller where the process has one. The
      *         first failure to load it is written to the system log.
      * @return the FIFO's identifier; 0 when a step failed, in particular when libevent has no current base or cannot be
@@ -150,7 +151,7 @@ public:
 
     /**
      * End a FIFO and remove its file.
-     * @param id identifier; one that is not among this object's is ignored.
+     * @param id identifier from setupIpcRxFifo(); one of another object, or unknown, is ignored.
      */
     void deleteIpcRxFifo(unsigned long id);
 

@@ -62,7 +62,7 @@
 VXUTILS_BEGIN_DECLS
 
 /**
- * Return the version of the library that the program runs with, which may be later than the headers' one.
+ * Return the version of the library that the program runs with, which may be later than that of the headers.
  * @return a text like VXUTILS_VERSION_STRING
  */
 VXUTILS_API const char *vxutils_version(void);
