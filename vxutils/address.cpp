@@ -4,6 +4,7 @@
 #include <arpa/inet.h>
 #include <netinet/in.h>
 
+#include <algorithm>
 #include <array>
 #include <bit>
 #include <cstddef>
@@ -95,21 +96,17 @@ bool read6(const char *text, sockaddr *addr) {
 // Whether all one bits come before all zero bits: the inverted mask is a power of two less 1.
 bool isContiguous(uint32_t hostOrderMask) { return (~hostOrderMask & (~hostOrderMask + 1)) == 0; }
 
-uint32_t maskOf(int prefix) {
-    if (prefix <= 0) return 0;
-    return prefix >= 32 ? allOnes : htonl(allOnes << (32 - prefix));
-}
+// `prefix` is 0 to 32.
+uint32_t maskOf(int prefix) { return prefix == 0 ? 0 : htonl(allOnes << (32 - prefix)); }
 
 int prefixOf6(const char *mask) {
-    int prefix = 0;
-    bool ended = false;
-    for (size_t i = 0; i < words6; ++i) {
-        const uint32_t word = ntohl(wordAt(mask + i * sizeof word));
-        if (!isContiguous(word) || (ended && word != 0)) return -1;
-        prefix += std::countl_one(word);
-        ended = word != allOnes;
-    }
-    return prefix;
+    size_t full = 0;
+    while (full < words6 && wordAt(mask + full * sizeof(uint32_t)) == allOnes) ++full;
+    if (full == words6) return 128;
+    const uint32_t last = ntohl(wordAt(mask + full * sizeof(uint32_t)));
+    uint32_t rest = 0;
+    for (size_t i = full + 1; i < words6; ++i) rest |= wordAt(mask + i * sizeof rest);
+    return isContiguous(last) && rest == 0 ? static_cast<int>(full) * 32 + std::countl_one(last) : -1;
 }
 
 }  // namespace
@@ -206,8 +203,7 @@ char *net2cidr(char *dst, const struct sockaddr *addr, const struct sockaddr *ma
 
 int cidr2netmask(int prefix, struct sockaddr *mask, int family) {
     if (mask == nullptr || prefix < 0) return -1;
-    if (family == AF_INET) {
-        if (prefix > 32) return -1;
+    if (family == AF_INET && prefix <= 32) {
         storeFamily(mask, AF_INET);
         storeWord(bytes(mask) + address4, maskOf(prefix));
         return 0;
@@ -215,7 +211,7 @@ int cidr2netmask(int prefix, struct sockaddr *mask, int family) {
     if (family != AF_INET6 || prefix > 128) return -1;
     storeFamily(mask, AF_INET6);
     for (size_t i = 0; i < words6; ++i) {
-        storeWord(bytes(mask) + address6 + i * sizeof(uint32_t), maskOf(prefix));
+        storeWord(bytes(mask) + address6 + i * sizeof(uint32_t), maskOf(std::clamp(prefix, 0, 32)));
         prefix -= 32;
     }
     return 0;
