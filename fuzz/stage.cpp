@@ -4,7 +4,6 @@
 #include <dirent.h>
 #include <dlfcn.h>
 #include <fcntl.h>
-#include <mntent.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -37,6 +36,7 @@ int openStaged(const char *call, const char *path, int flags, mode_t mode) {
     if (!stage::files.prefix.empty() && std::string_view(path).starts_with(stage::files.prefix)) {
         return contentFile(stage::files.content);
     }
+    if (stage::disks.has_value() && std::string_view(path) == "/proc/mounts") return contentFile(stage::disks->mounts);
     return next<int(const char *, int, ...)>(call)(path, flags, mode);
 }
 
@@ -93,11 +93,6 @@ extern "C" int pclose(FILE *stream) {
 extern "C" int clock_nanosleep(clockid_t clock, int flags, const timespec *time, timespec *rest) {
     if (stage::noPauses) return 0;
     return next<int(clockid_t, int, const timespec *, timespec *)>("clock_nanosleep")(clock, flags, time, rest);
-}
-
-extern "C" FILE *setmntent(const char *path, const char *mode) noexcept {
-    if (!stage::disks.has_value()) return next<FILE *(const char *, const char *)>("setmntent")(path, mode);
-    return ::fdopen(contentFile(stage::disks->mounts), "r");
 }
 
 extern "C" DIR *opendir(const char *path) {

@@ -14,6 +14,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <functional>
+#include <memory>
 #include <string>
 #include <utility>
 #include <vector>
@@ -317,6 +318,29 @@ TEST_F(StorageTest, MountPointsAreCutTo63CharactersAndMayHoldBlanks) {
     EXPECT_EQ(entry->total, 8 * 1024 * 1024);  // of the whole path
     EXPECT_STREQ(old_get_storage_device(list.get(), 4, 0)->mount_point, "/mnt/a b");
     EXPECT_EQ(old_get_storage_device(list.get(), 4, 0)->total, 8 * 1024 * 1024);
+}
+
+TEST_F(StorageTest, MountPointsAreDecodedWhateverTheirCharacters) {
+    link("mmcblk0p3", pci + "mmc_host/mmc0/mmcblk0p3");
+    const std::string odd = "/mnt/\ta\n\\134 #b\\";
+    const Mount mounted("/dev/mmcblk0p3", odd);
+    const Storage list(old_get_storage(0));
+    EXPECT_EQ(old_get_storage_device(list.get(), 2, 0)->mount_point, odd);
+    EXPECT_EQ(old_get_storage_device(list.get(), 2, 0)->total, 8 * 1024 * 1024);
+}
+
+TEST_F(StorageTest, AMountAfterManyOthersIsFound) {
+    link("mmcblk0p3", pci + "mmc_host/mmc0/mmcblk0p3");
+    link("mmcblk0p4", pci + "mmc_host/mmc0/mmcblk0p4");
+    std::vector<std::unique_ptr<Mount>> others;  // far more than a page of the table
+    for (int i = 0; i < 150; ++i) {
+        others.push_back(std::make_unique<Mount>("/dev/other", "/mnt/other-" + std::to_string(i)));
+    }
+    const Mount first("/dev/mmcblk0p3", "/mnt/first");
+    const Mount second("/dev/mmcblk0p4", "/mnt/second");
+    const Storage list(old_get_storage(0));
+    EXPECT_STREQ(old_get_storage_device(list.get(), 2, 0)->mount_point, "/mnt/first");
+    EXPECT_STREQ(old_get_storage_device(list.get(), 4, 0)->mount_point, "/mnt/second");
 }
 
 TEST_F(StorageTest, WhatIsUnknownIsMinusOne) {

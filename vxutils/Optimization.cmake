@@ -15,7 +15,7 @@ list(TRANSFORM for_size REPLACE "^${CMAKE_CURRENT_SOURCE_DIR}/" "")
 # their figures.
 set(for_speed
   cfread.cpp configd.cpp configreader.cpp csemaphore.cpp csemaphore_mutex_mapping.cpp dio.cpp directory.cpp
-  eventsource.cpp file.cpp interface.cpp messagequeue.cpp route.cpp statusinterface.cpp storage.cpp vxevent.cpp wwanmd.cpp
+  eventsource.cpp file.cpp interface.cpp messagequeue.cpp route.cpp statusinterface.cpp vxevent.cpp wwanmd.cpp
   internal/guarded_open.cpp internal/status_path.cpp)
 # Sources whose loops over characters, digits and table entries need these copies.
 set(for_tight_loops address.cpp hashtable.cpp ipaddress.cpp numconv.cpp processcontrol.cpp vxstring.cpp xprintf.cpp)

@@ -4,7 +4,6 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <linux/fs.h>
-#include <mntent.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <sys/vfs.h>
@@ -39,7 +38,7 @@ constexpr uint32_t allTypes = 255;
 constexpr int usbPorts = 2;
 constexpr int generationWithSdCard = 18;
 constexpr int64_t unknown = -1;
-constexpr size_t mountLineSize = 8192;
+constexpr size_t readSize = 4096;
 
 static_assert(offsetof(storage_entry, list) == 0 && offsetof(storage_list, entries) == 0);
 
@@ -102,21 +101,53 @@ std::optional<Identity> identify(std::string_view partition, std::string_view li
     return std::nullopt;
 }
 
-struct CloseMounts {
-    void operator()(FILE *file) const noexcept { ::endmntent(file); }
-};
-
-// Returns the first mount point of a device node; empty if it is not mounted.
-std::string mountPointOf(const std::string &node) {
-    const std::unique_ptr<FILE, CloseMounts> mounts(::setmntent(mountsFile, "re"));
-    if (!mounts) return {};
-    std::array<char, mountLineSize> text;
-    mntent line{};
-    while (::getmntent_r(mounts.get(), &line, text.data(), static_cast<int>(text.size())) != nullptr) {
-        if (node == line.mnt_fsname) return line.mnt_dir;
+// Returns a path whose blanks, line feeds and backslashes the kernel has written as a backslash and three octal digits.
+std::string decoded(std::string_view field) {
+    std::string path(field);
+    size_t size = 0;
+    for (size_t at = 0; at < field.size(); ++at) {
+        char c = field[at];
+        if (c == '\\' && field.size() - at > 3) {
+            c = static_cast<char>((field[at + 1] - '0') * 64 + (field[at + 2] - '0') * 8 + (field[at + 3] - '0'));
+            at += 3;
+        }
+        path[size++] = c;
     }
-    return {};
+    path.resize(size);
+    return path;
 }
+
+// The table of mounts, read once, when the first device asks for it. The C library's getmntent() takes many times the
+// instructions for each line.
+class Mounts {
+public:
+    // Returns the first mount point of a device node; empty if it is not mounted.
+    std::string pointOf(std::string_view node) {
+        if (lines_.empty()) read();
+        const std::string_view lines(lines_);
+        for (size_t at = 0; (at = lines.find(node, at)) != std::string_view::npos;) {
+            const bool first = lines[at - 1] == '\n';
+            at += node.size();
+            if (first && lines[at] == ' ') return decoded(lines.substr(at + 1, lines.find(' ', at + 1) - at - 1));
+        }
+        return {};
+    }
+
+private:
+    void read() {
+        lines_.assign(1, '\n');
+        const vx::Fd fd(vx::retryEintr([&] { return ::open(mountsFile, O_RDONLY | O_CLOEXEC); }));
+        ssize_t got = fd.valid() ? 1 : 0;
+        for (size_t size = 1; got > 0; lines_.resize(size)) {
+            lines_.resize(size + readSize);
+            got = vx::retryEintr([&] { return ::read(fd.get(), &lines_[size], readSize); });
+            if (got > 0) size += static_cast<size_t>(got);
+        }
+        lines_ += '\n';
+    }
+
+    std::string lines_;  // between two line feeds
+};
 
 int64_t deviceSize(const std::string &node) {
     const vx::Fd fd(vx::retryEintr([&] { return ::open(node.c_str(), O_RDONLY | O_CLOEXEC); }));
@@ -133,7 +164,8 @@ void fillFileSystem(storage_entry &entry, const std::string &mountPoint) {
     entry.available = static_cast<int64_t>(status.f_bavail * blockSize);
 }
 
-void fill(storage_entry &entry, const std::string &device, const std::string &partition, const Identity &identity) {
+void fill(storage_entry &entry, const std::string &device, const std::string &partition, const Identity &identity,
+          Mounts &mounts) {
     strlcpy(entry.device, device.c_str(), sizeof entry.device);
     strlcpy(entry.partition, partition.c_str(), sizeof entry.partition);
     entry.type = identity.type;
@@ -141,7 +173,7 @@ void fill(storage_entry &entry, const std::string &device, const std::string &pa
     entry.total = unknown;
     entry.available = unknown;
     entry.size = deviceSize("/dev/" + device);
-    const std::string mountPoint = mountPointOf("/dev/" + partition);
+    const std::string mountPoint = mounts.pointOf("/dev/" + partition);
     if (mountPoint.empty()) return;
     const bool overlay = mountPoint == overlayMountPoint;
     strlcpy(entry.mount_point, overlay ? "/" : mountPoint.c_str(), sizeof entry.mount_point);
@@ -158,7 +190,7 @@ void insertSorted(storage_list &list, storage_entry *entry) {
     ++list.count;
 }
 
-void examine(storage_list &list, const std::string &device, const std::string &partition) {
+void examine(storage_list &list, Mounts &mounts, const std::string &device, const std::string &partition) {
     const std::optional<std::string> link = linkTarget(blockPath(partition));
     if (!link) return;
     const std::optional<Identity> identity = identify(partition, *link);
@@ -166,7 +198,7 @@ void examine(storage_list &list, const std::string &device, const std::string &p
     auto *entry = static_cast<storage_entry *>(std::calloc(1, sizeof(storage_entry)));
     if (entry == nullptr) return;
     vx::MallocPtr<storage_entry> owner(entry);
-    fill(*entry, device, partition, *identity);
+    fill(*entry, device, partition, *identity, mounts);
     insertSorted(list, owner.release());
 }
 
@@ -175,22 +207,24 @@ bool exists(const std::string &path) {
     return ::lstat(path.c_str(), &status) == 0;
 }
 
-void examineName(storage_list &list, const std::string &name) {
+void examineName(storage_list &list, Mounts &mounts, std::string_view name) {
     const auto *fixed = std::find_if(std::begin(fixedPartitions), std::end(fixedPartitions),
                                      [&](const FixedPartition &one) { return one.partition == name; });
     if (fixed != std::end(fixedPartitions)) {
-        examine(list, std::string(fixed->device), name);
+        examine(list, mounts, std::string(fixed->device), std::string(name));
         return;
     }
     if (name.size() != 3 || !name.starts_with("sd")) return;
-    const std::string partition = name + "1";
-    examine(list, name, exists(blockPath(partition)) ? partition : name);
+    const std::string device(name);
+    const std::string partition = device + "1";
+    examine(list, mounts, device, exists(blockPath(partition)) ? partition : device);
 }
 
 void discover(storage_list &list) {
     const vx::DirPtr directory(::opendir(blockDirectory));
     if (!directory) return;
-    while (const dirent *entry = ::readdir(directory.get())) examineName(list, entry->d_name);
+    Mounts mounts;
+    while (const dirent *entry = ::readdir(directory.get())) examineName(list, mounts, entry->d_name);
 }
 
 }  // namespace

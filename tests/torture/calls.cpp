@@ -7,7 +7,6 @@
 #include <event2/event.h>
 #include <fcntl.h>
 #include <ifaddrs.h>
-#include <mntent.h>
 #include <netdb.h>
 #include <poll.h>
 #include <pthread.h>
@@ -380,9 +379,6 @@ VX_CALL_NOEXCEPT(ssize_t, getdents64, (int fd, void *buffer, size_t size), (fd, 
 VX_CALL(DIR *, opendir, (const char *path), (path), nullptr, EMFILE, ENOMEM)
 VX_CALL(dirent *, readdir, (DIR * directory), (directory), nullptr, EIO)
 VX_DONE_BUT(int, closedir, (DIR * directory), (directory), -1, EIO)
-VX_CALL_NOEXCEPT(FILE *, setmntent, (const char *path, const char *mode), (path, mode), nullptr, EMFILE)
-VX_CALL_NOEXCEPT(mntent *, getmntent_r, (FILE * file, mntent *entry, char *buffer, int size),
-                 (file, entry, buffer, size), nullptr, EIO)
 VX_CALL_NOEXCEPT(void *, mmap, (void *address, size_t size, int protection, int flags, int fd, off_t offset),
                  (address, size, protection, flags, fd, offset), MAP_FAILED, ENOMEM)
 

@@ -18,7 +18,7 @@ CANNOT_FAIL = """
     strptime strftime mktime localtime_r tzset rand random inet_addr inet_ntop inet_pton dirname basename
     sscanf __isoc99_sscanf snprintf vsnprintf printf perror ferror fileno dirfd getpid getppid getuid geteuid getegid getdtablesize
     umask signal program_invocation_short_name __progname openlog closelog setlogmask dlerror dlclose dlsym
-    free freeifaddrs endmntent exit _exit abort munmap shmdt event_debug_unassign event_get_base event_get_struct_event_size
+    free freeifaddrs exit _exit abort munmap shmdt event_debug_unassign event_get_base event_get_struct_event_size
     event_assign bufferevent_disable bufferevent_getcb bufferevent_read pthread_mutex_consistent pthread_mutex_destroy pthread_mutex_lock
     pthread_mutex_unlock pthread_mutexattr_destroy pthread_mutexattr_setpshared pthread_mutexattr_setrobust
     pthread_mutexattr_settype pthread_mutex_trylock DL_ERR DL_ERROR DL_INFO devlog_level_to_prio
