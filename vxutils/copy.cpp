@@ -33,11 +33,12 @@ constexpr mode_t creationMode = 0x755;  // Quirk Q21.
 constexpr mode_t copyMode = 0755;       // of the directories that copy_directory() makes
 constexpr mode_t modeBits = 07777;
 
-// A file: its name in an open directory, and the path that messages show.
+// A file: its name in an open directory, and what messages show before the name.
 struct Name {
     int directory;
     const char *name;
-    const char *shown;
+    const char *folder = "";
+    const char *slash = "";
 };
 
 // Makes the directory of a file, if it is missing.
@@ -75,8 +76,9 @@ int cannotSend() {
     return -1;
 }
 
-int cannotOpenTarget(const char *shown) {
-    vx::log(LOG_ERR, "Destination file %s could not be opened: %s (%d)", shown, std::strerror(errno), errno);
+int cannotOpenTarget(const Name &dst) {
+    vx::log(LOG_ERR, "Destination file %s%s%s could not be opened: %s (%d)", dst.folder, dst.slash, dst.name,
+            std::strerror(errno), errno);
     return -1;
 }
 
@@ -93,7 +95,8 @@ mode_t modeOfCopy(const struct stat &source) {
 Fd openSource(const Name &src, struct stat &status) {
     Fd from = vx::openToRead(src.directory, src.name);
     if (!from.valid()) {
-        vx::log(LOG_ERR, "Source file %s could not be opened: %s (%d)", src.shown, std::strerror(errno), errno);
+        vx::log(LOG_ERR, "Source file %s%s%s could not be opened: %s (%d)", src.folder, src.slash, src.name,
+                std::strerror(errno), errno);
         return from;
     }
     if (::fstat(from.get(), &status) == -1) {
@@ -109,9 +112,9 @@ Fd openSource(const Name &src, struct stat &status) {
 // Quirk Q27.
 int transfer(const Fd &from, const struct stat &source, const Name &dst) {
     const vx::Target target = vx::openTarget(dst.directory, dst.name, modeOfCopy(source));
-    if (!target.valid()) return cannotOpenTarget(dst.shown);
+    if (!target.valid()) return cannotOpenTarget(dst);
     if (!target.created && isSame(source, target.status)) return 0;  // emptying the target would empty the source
-    if (!vx::emptyTarget(target)) return cannotOpenTarget(dst.shown);
+    if (!vx::emptyTarget(target)) return cannotOpenTarget(dst);
     const vx::BrokenPipeGuard guard(target);
     if (::sendfile(target.file.get(), from.get(), nullptr, transferSize(source.st_size)) == -1) return cannotSend();
     return 0;
@@ -150,10 +153,8 @@ public:
     int run() {
         if (!enter()) return -1;
         while (!levels_.empty()) {
-            Level &level = levels_.back();
-            src_.resize(level.srcLength);
-            dst_.resize(level.dstLength);
-            if (level.names.next() ? !copyEntry(level.names.current()) : !leave()) return -1;
+            EntryNames &names = levels_.back().names;
+            if (names.next() ? !copyEntry(names.current()) : !leave()) return -1;
         }
         return 0;
     }
@@ -173,14 +174,15 @@ private:
 
     bool leave() {
         levels_.pop_back();
-        return levels_.empty() || (from_.up() && to_.up());
+        if (levels_.empty()) return true;
+        src_.resize(levels_.back().srcLength);
+        dst_.resize(levels_.back().dstLength);
+        return from_.up() && to_.up();
     }
 
     bool copyEntry(const char *name) {
         struct stat status;
         if (::fstatat(from_.here().get(), name, &status, AT_SYMLINK_NOFOLLOW) == -1) return false;
-        src_.append("/").append(name);
-        dst_.append("/").append(name);
         return S_ISDIR(status.st_mode) ? copySubdirectory(name) : copyFile(name);
     }
 
@@ -190,20 +192,22 @@ private:
         Fd copy = openCopy(to_.here().get(), name);
         if (!copy.valid() || !from_.down(name)) return false;
         to_.down(std::move(copy));
+        src_.append("/").append(name);
+        dst_.append("/").append(name);
         return enter();
     }
 
     TreePlace from_;
     TreePlace to_;
-    std::string src_;  // what messages show
+    std::string src_;  // of the current directory, for messages
     std::string dst_;
     std::vector<Level> levels_;
 };
 
 bool TreeCopy::copyFile(const char *name) {
-    struct stat status {};
-    const Fd from = openSource({from_.here().get(), name, src_.c_str()}, status);
-    return from.valid() && transfer(from, status, {to_.here().get(), name, dst_.c_str()}) == 0;
+    struct stat status;
+    const Fd from = openSource({from_.here().get(), name, src_.c_str(), "/"}, status);
+    return from.valid() && transfer(from, status, {to_.here().get(), name, dst_.c_str(), "/"}) == 0;
 }
 
 // Tells whether the destination is inside the source tree, so that the copy would never end.
@@ -247,9 +251,9 @@ int copy_file(const char *src, const char *dst) {
         return -1;
     }
     struct stat source {};
-    const Fd from = openSource({AT_FDCWD, src, src}, source);
+    const Fd from = openSource({AT_FDCWD, src}, source);
     if (!from.valid() || ensureFolderOf(dst) == -1) return -1;
-    return transfer(from, source, {AT_FDCWD, dst, dst});
+    return transfer(from, source, {AT_FDCWD, dst});
 }
 
 int copy_directory(const char *src, const char *dst) {

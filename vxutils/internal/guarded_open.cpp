@@ -139,12 +139,14 @@ bool mayBeWritten(int directory, const char *path, const struct stat &file) {
     return file.st_nlink <= 1 || isClosed(place);
 }
 
-// Lets a target pass that may be written where it was found.
-Target admitted(Target target, int directory, const char *path) {
-    if (!target.valid() || target.created) return target;
-    if (::fstat(target.file.get(), &target.status) == -1) return {};
-    if (isDevice(target.status) || mayBeWritten(directory, path, target.status)) return target;
-    return {refused(EACCES)};
+// Closes a target that must not be written where it was found: EACCES.
+void admit(Target &target, int directory, const char *path) {
+    if (!target.valid() || target.created) return;
+    if (::fstat(target.file.get(), &target.status) == -1) {
+        target.file.reset();
+    } else if (!isDevice(target.status) && !mayBeWritten(directory, path, target.status)) {
+        target.file = refused(EACCES);
+    }
 }
 
 Target openLinkedTarget(int directory, const char *path, mode_t mode) {
@@ -156,15 +158,21 @@ Target openLinkedTarget(int directory, const char *path, mode_t mode) {
             return target;
         }
         Target target = openOrCreate(links.directory(), links.path(), mode);
-        if (target.valid() || errno != ELOOP) return admitted(std::move(target), links.directory(), links.path());
+        if (!target.valid() && errno == ELOOP) continue;
+        admit(target, links.directory(), links.path());
+        return target;
     }
     return {};
 }
 
 Target openAnyTarget(int directory, const char *path, mode_t mode) {
     Target target = openOrCreate(directory, path, mode);
-    if (!target.valid() && errno == ELOOP) return openLinkedTarget(directory, path, mode);
-    return admitted(std::move(target), directory, path);
+    if (!target.valid() && errno == ELOOP) {
+        target = openLinkedTarget(directory, path, mode);
+    } else {
+        admit(target, directory, path);
+    }
+    return target;
 }
 
 Fd openLinkedDirectory(int directory, const char *path) {
