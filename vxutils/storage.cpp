@@ -208,10 +208,10 @@ bool exists(const std::string &path) {
 }
 
 void examineName(storage_list &list, Mounts &mounts, std::string_view name) {
-    const auto *fixed = std::find_if(std::begin(fixedPartitions), std::end(fixedPartitions),
-                                     [&](const FixedPartition &one) { return one.partition == name; });
-    if (fixed != std::end(fixedPartitions)) {
-        examine(list, mounts, std::string(fixed->device), std::string(name));
+    if (name.starts_with('m')) {  // as those of all fixed partitions
+        for (const FixedPartition &fixed : fixedPartitions) {
+            if (fixed.partition == name) examine(list, mounts, std::string(fixed.device), std::string(name));
+        }
         return;
     }
     if (name.size() != 3 || !name.starts_with("sd")) return;
