@@ -122,15 +122,13 @@ std::string decoded(std::string_view field) {
 class Mounts {
 public:
     // Returns the first mount point of a device node; empty if it is not mounted.
-    std::string pointOf(std::string_view node) {
+    std::string pointOf(const std::string &node) {
         if (lines_.empty()) read();
-        const std::string_view lines(lines_);
-        for (size_t at = 0; (at = lines.find(node, at)) != std::string_view::npos;) {
-            const bool first = lines[at - 1] == '\n';
-            at += node.size();
-            if (first && lines[at] == ' ') return decoded(lines.substr(at + 1, lines.find(' ', at + 1) - at - 1));
-        }
-        return {};
+        const std::string begin = "\n" + node + " ";
+        size_t point = lines_.find(begin);
+        if (point == std::string::npos) return {};
+        point += begin.size();
+        return decoded(std::string_view(lines_).substr(point, lines_.find(' ', point) - point));
     }
 
 private:
@@ -143,10 +141,9 @@ private:
             got = vx::retryEintr([&] { return ::read(fd.get(), &lines_[size], readSize); });
             if (got > 0) size += static_cast<size_t>(got);
         }
-        lines_ += '\n';
     }
 
-    std::string lines_;  // between two line feeds
+    std::string lines_;  // with a line feed before the first
 };
 
 int64_t deviceSize(const std::string &node) {
