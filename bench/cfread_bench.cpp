@@ -4,7 +4,10 @@
 #include <vxutils/cfread.h>
 
 #include <cstdlib>
+#include <cstring>
 #include <string>
+#include <string_view>
+#include <unordered_map>
 #include <utility>
 #include <vector>
 
@@ -86,11 +89,39 @@ void setMap(benchmark::State &state) {
     }
 }
 
+// Entries as programs know them: entry, key and value are blocks of their own.
+struct Entry {
+    int index;
+    char *key;
+    char *value;
+    long number;
+};
+
+void setCopies(benchmark::State &state) {
+    std::vector<std::string> keys;
+    for (long i = 0; i < state.range(0); ++i) keys.push_back(keyOf(i));
+    for (auto _ : state) {
+        std::unordered_map<std::string_view, Entry *> values;
+        for (const std::string &key : keys) {
+            auto *entry = static_cast<Entry *>(std::calloc(1, sizeof(Entry)));
+            entry->key = ::strdup(key.c_str());
+            entry->value = ::strdup("value");
+            values.insert_or_assign(entry->key, entry);
+        }
+        for (const auto &[key, entry] : values) {
+            std::free(entry->key);
+            std::free(entry->value);
+            std::free(entry);
+        }
+    }
+}
+
 BENCHMARK(openOurs)->Name("Open/ours")->Arg(100)->Arg(1000)->Arg(20000);
 BENCHMARK(openMap)->Name("Open/getline_unordered_map")->Arg(100)->Arg(1000)->Arg(20000);
 BENCHMARK(findOurs)->Name("Find/ours")->Arg(100)->Arg(1000)->Arg(20000);
 BENCHMARK(findMap)->Name("Find/unordered_map")->Arg(100)->Arg(1000)->Arg(20000);
 BENCHMARK(setOurs)->Name("Set/ours")->Arg(100)->Arg(10000);
 BENCHMARK(setMap)->Name("Set/unordered_map")->Arg(100)->Arg(10000);
+BENCHMARK(setCopies)->Name("Set/map_of_copies")->Arg(100)->Arg(10000);
 
 }  // namespace

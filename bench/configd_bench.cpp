@@ -15,6 +15,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <list>
 #include <string>
 #include <unordered_map>
 
@@ -148,11 +149,70 @@ void fetchPlainMap(benchmark::State &state) {
     for (auto _ : state) benchmark::DoNotOptimize(values.find("network.hostname")->second.c_str());
 }
 
+// Keys collected before the first fetch.
+void addQueriesOurs(benchmark::State &state) {
+    startPeer();
+    for (auto _ : state) {
+        state.PauseTiming();
+        configd_handle *handle = configd_open();
+        if (handle == nullptr) fail("configd_open");
+        state.ResumeTiming();
+        for (long i = 0; i < state.range(0); ++i) configd_add_query(handle, "network.interface.%ld.address", i);
+        state.PauseTiming();
+        configd_close(handle);
+        state.ResumeTiming();
+    }
+}
+
+// The same keys in another container, into which `add` puts one.
+template <typename Container, typename Add>
+void addQueriesTo(benchmark::State &state, Add add) {
+    for (auto _ : state) {
+        state.PauseTiming();
+        Container all;
+        state.ResumeTiming();
+        for (long i = 0; i < state.range(0); ++i) {
+            char key[255];
+            std::snprintf(key, sizeof key, "network.interface.%ld.address", i);
+            add(all, key);
+        }
+        state.PauseTiming();
+        all.clear();
+        state.ResumeTiming();
+    }
+}
+
+using Values = std::unordered_map<std::string, std::string>;
+void addQueriesMap(benchmark::State &state) {
+    addQueriesTo<Values>(state, [](Values &all, const char *key) { all.emplace(key, ""); });
+}
+
+// Entries as programs know them, empty until they are fetched.
+using Entries = std::list<configd_entry>;
+void addQueriesEntries(benchmark::State &state) {
+    addQueriesTo<Entries>(state, [](Entries &all, const char *key) { std::strcpy(all.emplace_back().key, key); });
+}
+
+// The key is a format: it is looked at for conversions.
+void fetchPlainFormat(benchmark::State &state) {
+    const std::unordered_map<std::string, std::string> values{{"network.hostname", "gw"}};
+    for (auto _ : state) {
+        const char *format = "network.hostname";
+        benchmark::DoNotOptimize(format);
+        if (std::strchr(format, '%') != nullptr) std::abort();
+        benchmark::DoNotOptimize(values.find(format)->second.c_str());
+    }
+}
+
 BENCHMARK(exchangeOurs)->Name("Exchange/ours")->UseRealTime();
 BENCHMARK(exchangeByHand)->Name("Exchange/system_calls")->UseRealTime();
 BENCHMARK(fetchOurs)->Name("Fetch/ours")->Arg(1)->Arg(64)->Arg(512);
 BENCHMARK(fetchMap)->Name("Fetch/unordered_map")->Arg(1)->Arg(64)->Arg(512);
+BENCHMARK(addQueriesOurs)->Name("AddQueries/ours")->Arg(512);
+BENCHMARK(addQueriesMap)->Name("AddQueries/unordered_map")->Arg(512);
+BENCHMARK(addQueriesEntries)->Name("AddQueries/list_of_entries")->Arg(512);
 BENCHMARK(fetchPlainOurs)->Name("FetchPlainKey/ours");
 BENCHMARK(fetchPlainMap)->Name("FetchPlainKey/unordered_map");
+BENCHMARK(fetchPlainFormat)->Name("FetchPlainKey/unordered_map_format");
 
 }  // namespace

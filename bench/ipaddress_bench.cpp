@@ -131,6 +131,27 @@ void prefixToMaskAsio(benchmark::State &state) {
 }
 BENCHMARK(prefixToMaskAsio)->Name("PrefixToMask/asio");
 
+// The mask is set in an object that may hold no address, and read from it.
+void prefixToMaskTyped(benchmark::State &state) {
+    struct Typed {
+        uint32_t type;
+        uint32_t mask;
+    } address{1, 0};
+    Typed *const object = &address;
+    benchmark::DoNotOptimize(object);
+    for (auto _ : state) {
+        for (unsigned long size = 0; size <= 32; ++size) {
+            const bool possible = size <= 32 && object->type == 1;
+            if (possible) object->mask = size == 0 ? 0 : 0xffffffffU << (32 - size);
+            const int result = possible ? 0 : -1;
+            benchmark::DoNotOptimize(result);
+            const uint32_t mask = object->mask;
+            benchmark::DoNotOptimize(mask);
+        }
+    }
+}
+BENCHMARK(prefixToMaskTyped)->Name("PrefixToMask/by_hand_typed");
+
 void maskToPrefix(benchmark::State &state) {
     IpAddress address;
     address.setV4IpAddrAsBinaryUInt32(kAddresses[0]);

@@ -161,6 +161,16 @@ void substring(benchmark::State &state) {
 BENCHMARK(substring<String>)->Name("Substring/ours");
 BENCHMARK(substring<std::string>)->Name("Substring/std_string");
 
+// A piece ends before a NUL.
+void substringToNul(benchmark::State &state) {
+    const std::string text(kPath);
+    for (auto _ : state) {
+        const size_t end = ::strnlen(text.c_str(), 50);
+        benchmark::DoNotOptimize(end <= 12 ? std::string() : text.substr(12, end - 12));
+    }
+}
+BENCHMARK(substringToNul)->Name("Substring/std_string_to_nul");
+
 void print(String &text, const char *name, int number) {
     text.format("%s-%d: %08x %s", name, number, 0xbeefU, kNeedle);
 }
@@ -250,6 +260,19 @@ void addConstruction() {
         const QString text = QString::fromLatin1(name);
         benchmark::DoNotOptimize(text);
     });
+    add("AppendBytes64K/qstring", [] {
+        QString text;
+        for (int i = 0; i < 65536; ++i) text += QLatin1Char('x');
+        benchmark::DoNotOptimize(text);
+    });
+    add("ConcatenateFive/qstring",
+        [base = QString::fromLatin1("/tmp/status"), card = QString::fromLatin1("/wwanmd/card0/"),
+         last = QString::fromLatin1("registration")] {
+            const QString path = base + card + last + QLatin1Char('/') + last;
+            benchmark::DoNotOptimize(path);
+        });
+    add("InsertAndDelete/qstring",
+        [text = QString::fromLatin1(kPath)]() mutable { text.insert(5, QLatin1String("inserted-")).remove(5, 9); });
     add("AppendTexts/qstring", [piece = QString::fromLatin1("a piece of text, ")] {
         QString text;
         for (int i = 0; i < 8; ++i) text += piece;
