@@ -281,6 +281,32 @@ TEST_F(ExecCommandFaults, AStrangerWhoMakesTokensWithoutEndHoldsNoStartUp) {
     EXPECT_GT(_exec_command(1, "/bin/true", "true", noMore), 1) << "the last of them is removed, too";
 }
 
+TEST_F(ExecCommandFaults, AfterThreeRemovalsATokenWithoutKeyIsUsed) {
+    if (!vxtest::hasOtherUsers()) GTEST_SKIP() << "a box made by an ordinary user has no other";
+    std::vector<LogLine> removals;
+    std::vector<key_t> asked;
+    const auto makeAnotherFirst = [&](key_t key, size_t, int) -> std::optional<int> {
+        asked.push_back(key);
+        if (key == IPC_PRIVATE) return std::nullopt;
+        const pid_t maker = vxtest::startChild([key] {
+            if (::setresuid(stranger, stranger, stranger) != 0) return 1;
+            return ::syscall(SYS_shmget, key, 4, IPC_CREAT | IPC_EXCL | 0600) == -1 ? 2 : 0;
+        });
+        EXPECT_EQ(vxtest::waitChild(maker), 0);
+        removals.push_back(removedTokenOf(maker, stranger));
+        return std::nullopt;
+    };
+    vxtest::SyslogCapture log;
+    {
+        const Hooked maker(hooks::shmget, makeAnotherFirst);
+        EXPECT_GT(_exec_command(1, "/bin/true", "true", noMore), 1);
+    }
+    const key_t key = ::ftok(".", 52);
+    EXPECT_EQ(asked, (std::vector<key_t>{key, key, key, IPC_PRIVATE}));
+    EXPECT_EQ(log.take(), removals);
+    EXPECT_TRUE(vxtest::eventually([] { return segments() == 0; }));
+}
+
 TEST_F(ExecCommandFaults, AnOrdinaryUserCannotRemoveAStrangersToken) {
     if (!vxtest::hasOtherUsers()) GTEST_SKIP() << "a box made by an ordinary user has no other";
     ASSERT_EQ(
