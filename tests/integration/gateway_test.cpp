@@ -369,8 +369,11 @@ TEST(Gw, SetsTheClockOfTheProgramsAlone) {
         "check 0 gw clock real; check 0 test $(year) = $machine; gw clock | sed 's/.*Z//'\n",
         {"--net", "none", "--clock"});
     EXPECT_EQ(output.status, 0) << output.text;
+    std::string text = output.text;
+    // The clock runs on between two commands: its seconds do not count.
+    for (size_t at = 0; (at = text.find("T00:00:", at)) != std::string::npos; ++at) text.replace(at + 7, 2, "00");
     EXPECT_EQ(
-        output.text,
+        text,
         "2028\n2029\n2028\n1970\nTrue\ngw: the clock goes from 1970 to 2199, it shows 1970-01-01T00:00:00Z\n2199\n"
         "gw: the clock goes from 1970 to 2199, it shows 2199-12-31T00:00:00Z\n2199\n2199-12-31T00\n2199 True True\n"
         "True\n, as the machine's\n");
