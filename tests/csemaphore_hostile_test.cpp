@@ -256,6 +256,30 @@ TEST_F(StrangersObject, UnderALeaseDoesNotDelay) {
     for (const int fd : ready) ::close(fd);
 }
 
+// What a stranger does with a link where fs.protected_hardlinks is 0. He may choose among all objects of root.
+TEST_F(Hostile, AnotherProgramsObjectUnderASecondNameIsRefusedAndStaysAsItIs) {
+    std::string otherKind = mutexBytes();
+    otherKind[offsetof(pthread_mutex_t, __data.__kind)] ^= 1;
+    for (const std::string &content :
+         {std::string("settings"), std::string(mutexSize, '\0'), std::string(mutexSize, 'x'), std::string(4096, 'x'),
+          mutexBytes() + "x", otherKind, std::string()}) {
+        const std::string program = fresh();
+        const std::string name = fresh();
+        vxtest::writeFile(object(program), content);
+        ASSERT_EQ(::chmod(object(program).c_str(), 0600), 0);
+        ASSERT_EQ(::link(object(program).c_str(), object(name).c_str()), 0);
+        expectUnusable(name, {refused(name, 0, S_IFREG | 0600)});
+        EXPECT_EQ(vxtest::readFile(object(program)), content);
+    }
+}
+
+TEST_F(Hostile, ALockStaysUsableWhenItsObjectGetsASecondName) {
+    const std::string name = fresh();
+    expectUsable(name, {{LOG_DEBUG, "created recursive semaphore \"" + name + "\""}});
+    ASSERT_EQ(::link(object(name).c_str(), object(fresh()).c_str()), 0);
+    expectUsable(name, {});
+}
+
 TEST_F(Hostile, AnObjectThatOthersMayWriteIsRefused) {
     for (const unsigned int mode : {0666U, 0660U, 0620U, 0602U}) {
         const std::string name = fresh();

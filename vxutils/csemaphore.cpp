@@ -64,6 +64,15 @@ int initMutexAttributes(pthread_mutexattr_t &attributes) {
     return 0;
 }
 
+// Returns the error of pthread_mutex_init(), or -1 after a message about the attributes.
+int makeMutex(pthread_mutex_t &mutex) {
+    pthread_mutexattr_t attributes;
+    if (initMutexAttributes(attributes) == -1) return -1;
+    const int error = pthread_mutex_init(&mutex, &attributes);
+    pthread_mutexattr_destroy(&attributes);
+    return error;
+}
+
 // pthread_mutex_trylock() of the C library leaves a mutex that is lost for good locked when it says ENOTRECOVERABLE:
 // every later lock() of another process would hang instead of failing. pthread_mutex_timedlock() with an expired
 // deadline has the same effect without that bug.
@@ -82,6 +91,18 @@ bool unfinished(const vx::Fd &fd) {
            std::all_of(content.begin(), content.end(), [](char byte) { return byte == 0; });
 }
 
+// Where the kernel allows it (fs.protected_hardlinks=0), a stranger can give another program's object a lock's name. An
+// object with a second name is therefore used only if it is a finished mutex and nothing else. It is not refused for
+// its second name alone, because a stranger could give one to every lock.
+bool isLockOnly(const vx::Fd &fd, const struct stat &status) {
+    if (status.st_nlink <= 1) return true;
+    pthread_mutex_t expected;
+    pthread_mutex_t found;
+    if (status.st_size != static_cast<off_t>(sharedSize) || makeMutex(expected) != 0) return false;
+    return ::pread(fd.get(), &found, sizeof found, 0) == static_cast<ssize_t>(sizeof found) &&
+           found.__data.__kind == expected.__data.__kind;
+}
+
 // Opens the shared object, made where it is missing; `status` receives its status and `create` whether its mutex is
 // still to be made. A process that can write the object can make its users write anywhere in their memory, and one that
 // can shorten it can end them: a stranger's object is refused. O_NONBLOCK keeps a stranger's lease from delaying the
@@ -94,7 +115,7 @@ vx::Fd openShared(const std::string &name, struct stat &status, bool &create) {
         vx::log(LOG_ERR, "recursive-semaphore: unable to open shared memory - errno=%s", std::strerror(errno));
         return vx::Fd();
     }
-    if (!vx::isSafe(status)) {
+    if (!vx::isSafe(status) || !isLockOnly(fd, status)) {
         vx::log(LOG_ERR, "recursive-semaphore: refusing shared memory \"%s\" - owner=%u, mode=%o", name.c_str(),
                 status.st_uid, status.st_mode);
         return vx::Fd();
@@ -116,11 +137,9 @@ bool resizeShared(const vx::Fd &fd, const std::string &name) {
 // killed meanwhile leaves zeros or a whole mutex, and where memory for the object is short the write says so, while
 // touching the mapping would be fatal.
 int writeMutex(const vx::Fd &fd, const std::string &name) {
-    pthread_mutexattr_t attributes;
-    if (initMutexAttributes(attributes) == -1) return -1;
     pthread_mutex_t mutex;
-    int error = pthread_mutex_init(&mutex, &attributes);
-    pthread_mutexattr_destroy(&attributes);
+    int error = makeMutex(mutex);
+    if (error == -1) return -1;
     if (error == 0) {
         const ssize_t written = ::pwrite(fd.get(), &mutex, sizeof mutex, 0);
         if (written != static_cast<ssize_t>(sizeof mutex)) error = written == -1 ? errno : ENOSPC;

@@ -47,7 +47,7 @@
  * ordinary user has made is not used. A semaphore of that kind is removed and made again if this process has the right
  * to (root has); otherwise init() fails. A shared-memory object of that kind makes the lock unusable, and so does one
  * that its group or others may write: a process that can write a mutex can make its users write anywhere in their
- * memory.
+ * memory. An object that has a second name (a hard link) is used only if it is the finished mutex of a lock.
  *
  * A CRecursiveSemaphore needs /dev/shm and the file /usr/lib/libvxutils.so.1.0.0, whatever prefix the library is
  * installed in. The content of the file does not matter, but all users of a lock must see the same file. Without it the
