@@ -238,6 +238,34 @@ TEST_F(Trees, ASecretIsNotCopiedIntoAStrangersFile) {
     }
 }
 
+// His directory waits under the destination's name, or under the name of a directory in it, and holds his files.
+TEST_F(Trees, ASecretIsNotCopiedIntoAStrangersDirectory) {
+    writeFile(dir + "/source/sub/key", "secret");
+    writeFile(dir + "/source/key", "secret");
+    for (const mode_t mode : {0777, 01777}) {
+        for (const char *level : {"", "/sub"}) {
+            makeDir(dir + "/open", mode);
+            const std::string copy = dir + "/open" + (*level == '\0' ? "/copy" : "");
+            writeFile(copy + level + "/key", "mine");
+            ASSERT_EQ(::chmod((copy + level + "/key").c_str(), 0666), 0);
+            giveTo(stranger, copy + level);
+            EXPECT_EQ(copy_directory((dir + "/source").c_str(), copy.c_str()), -1) << mode << level;
+            EXPECT_EQ(errno, EACCES);
+            EXPECT_EQ(readFile(copy + level + "/key"), "mine");
+            fs::remove_all(dir + "/open");
+        }
+    }
+}
+
+TEST_F(Trees, ATreeIsCopiedIntoAUsersDirectoryInADirectoryOfHis) {
+    writeFile(dir + "/source/sub/key", "new");
+    makeDir(dir + "/home", 0777, stranger);
+    makeDir(dir + "/home/copy", 0755, stranger);
+    makeDir(dir + "/home/copy/sub", 0755, stranger);
+    EXPECT_EQ(copy_directory((dir + "/source").c_str(), (dir + "/home/copy").c_str()), 0);
+    EXPECT_EQ(readFile(dir + "/home/copy/sub/key"), "new");
+}
+
 TEST_F(Trees, NothingIsWrittenIntoAStrangersFifo) {
     static const std::array<std::string, 3> fifos{dir + "/open/fifo", "/tmp/status/daemon/state", "/dev/shm/fifo"};
     StatusInterface status;

@@ -120,6 +120,20 @@ int transfer(const Fd &from, const struct stat &source, const Name &dst) {
     return 0;
 }
 
+// Opens a directory that exists; EACCES for one that a stranger has put where every user may. Its files may be his,
+// too: he could read what is copied into them.
+Fd openExisting(int directory, const char *name) {
+    Fd existing(::openat(directory, name, O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    struct stat place {};
+    struct stat status {};
+    if (!existing.valid() || ::fstatat(directory, ".", &place, 0) == -1 || ::fstat(existing.get(), &status) == -1) {
+        return {};
+    }
+    if (!vx::mayBeForeign(place, status)) return existing;
+    errno = EACCES;
+    return {};
+}
+
 // Opens the destination of a directory's copy, and makes it if it is missing.
 Fd openCopy(int directory, const char *name) {
     struct stat status;
@@ -127,7 +141,7 @@ Fd openCopy(int directory, const char *name) {
         if (::mkdirat(directory, name, creationMode) == -1) return {};
         return vx::openMadeDirectory(directory, name, creationMode, copyMode);
     }
-    return Fd(::openat(directory, name, O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    return openExisting(directory, name);
 }
 
 // Tells whether a directory is inside the tree whose top is `top`, or is the top itself.

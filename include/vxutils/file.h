@@ -24,6 +24,8 @@
  * - Writing in place to a file or FIFO in a directory that every user may write to, unless it belongs to root, to the
  *   process's user or to the directory's owner.
  * - Writing in place to a file with several names (hard links), unless its directory is private.
+ * - Copying a tree into an existing directory, also at a lower level, that is in a directory that every user may write
+ *   to, unless it belongs to root, to the process's user or to that directory's owner.
  *
  * Only the last component of a path is checked like that. Use paths whose directories only trusted users may write to.
  *
