@@ -299,6 +299,30 @@ TEST_F(FirewallLock, AFileThatOthersCanOpenIsClosedToThem) {
     }
 }
 
+// What a stranger does with a link where fs.protected_hardlinks is 0.
+TEST_F(FirewallLock, AnotherProgramsFileUnderItsNameKeepsItsMode) {
+    constexpr const char *other = "/var/lock/users";
+    ::unlink(firewallPath.c_str());
+    vxtest::writeFile(other, "root:0");
+    ASSERT_EQ(::chmod(other, 0644), 0);
+    ASSERT_EQ(::link(other, firewallPath.c_str()), 0);
+    EXPECT_EQ(refusal(), std::vector<LogLine>{cannotOpen("Operation not permitted")});
+    struct stat status {};
+    ASSERT_EQ(::stat(other, &status), 0);
+    EXPECT_EQ(status.st_mode & 07777u, 0644u);
+    ::unlink(other);
+    ::unlink(firewallPath.c_str());
+}
+
+TEST_F(FirewallLock, ASecondNameOfItsFileDoesNotMatter) {
+    vxtest::writeFile(firewallPath, "");
+    ASSERT_EQ(::link(firewallPath.c_str(), "/var/lock/second"), 0);
+    firewall_lock_handle *handle = firewall_lock();
+    EXPECT_NE(handle, nullptr);
+    EXPECT_EQ(firewall_unlock(handle), 0);
+    ::unlink("/var/lock/second");
+}
+
 TEST_F(FirewallLock, ALockThatTheKernelRefusesIsReported) {
     vxtest::SyslogCapture log;
     {

@@ -35,11 +35,19 @@ int flockThroughSignals(const Fd &fd, int operation) {
     return vx::retryEintr([&] { return ::flock(fd.get(), operation); });
 }
 
+// Tells whether a file may be another program's: where the kernel allows it (fs.protected_hardlinks=0), a stranger can
+// give any file of root the lock's name. The lock's own file is empty.
+bool mayBeAnothers(const struct stat &status) { return status.st_nlink > 1 && status.st_size > 0; }
+
 // The directory may be open to all, so the file may be a stranger's, a link or a FIFO. A process that can open it
 // for reading can hold its lock without end: a file that a script made readable is closed to others.
 Fd openFirewallLock() {
     struct stat status;
     Fd fd = vx::openTrusted(firewallLockPath, O_RDONLY | O_CREAT, firewallLockMode, status);
+    if (fd.valid() && mayBeAnothers(status)) {
+        errno = EPERM;
+        return Fd();
+    }
     const bool openToOthers = fd.valid() && (status.st_mode & (S_IRWXG | S_IRWXO)) != 0;
     if (openToOthers) (void)::fchmod(fd.get(), firewallLockMode);
     return fd;

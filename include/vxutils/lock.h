@@ -76,7 +76,7 @@ VXUTILS_API int release_lock(const char *path);
  * The file is made with mode 0600, and an existing one gets that mode: a process that can open the file can hold its
  * lock. A process that opened the file before can still hold it, and is waited for: a firmware makes the file at boot
  * with that mode. A link is not followed; what is not a regular file, or belongs neither to root nor to the effective
- * user, is refused.
+ * user, is refused, and so is a file with content that has a second name (a hard link): it is another program's.
  *
  * @return the handle, released with firewall_unlock(); NULL when the lock cannot be taken (logged, LOG_ERR)
  */
