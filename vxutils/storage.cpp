@@ -101,13 +101,17 @@ std::optional<Identity> identify(std::string_view partition, std::string_view li
     return std::nullopt;
 }
 
+bool isEscape(std::string_view text) {
+    return text.size() == 4 && text[0] == '\\' && text.find_first_not_of("01234567", 1) == std::string_view::npos;
+}
+
 // Returns a path whose blanks, line feeds and backslashes the kernel has written as a backslash and three octal digits.
 std::string decoded(std::string_view field) {
     std::string path(field);
     size_t size = 0;
     for (size_t at = 0; at < field.size(); ++at) {
         char c = field[at];
-        if (c == '\\' && field.size() - at > 3) {
+        if (isEscape(field.substr(at, 4))) {
             c = static_cast<char>((field[at + 1] - '0') * 64 + (field[at + 2] - '0') * 8 + (field[at + 3] - '0'));
             at += 3;
         }
@@ -128,7 +132,7 @@ public:
         size_t point = lines_.find(begin);
         if (point == std::string::npos) return {};
         point += begin.size();
-        return decoded(std::string_view(lines_).substr(point, lines_.find(' ', point) - point));
+        return decoded(std::string_view(lines_).substr(point, lines_.find_first_of(" \t\n", point) - point));
     }
 
 private:
