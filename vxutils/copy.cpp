@@ -33,12 +33,18 @@ constexpr mode_t creationMode = 0x755;  // Quirk Q21.
 constexpr mode_t copyMode = 0755;       // of the directories that copy_directory() makes
 constexpr mode_t modeBits = 07777;
 
-// A file: its name in an open directory, and what messages show before the name.
+// A file: its name in an open directory, and the path of that directory if messages show it.
 struct Name {
     int directory;
     const char *name;
-    const char *folder = "";
-    const char *slash = "";
+    const std::string *folder = nullptr;
+
+    // Returns what messages show, which may be kept in `path`.
+    const char *shown(std::string &path) const {
+        if (folder == nullptr) return name;
+        path = *folder;
+        return path.append("/").append(name).c_str();
+    }
 };
 
 // Makes the directory of a file, if it is missing.
@@ -77,8 +83,9 @@ int cannotSend() {
 }
 
 int cannotOpenTarget(const Name &dst) {
-    vx::log(LOG_ERR, "Destination file %s%s%s could not be opened: %s (%d)", dst.folder, dst.slash, dst.name,
-            std::strerror(errno), errno);
+    const int error = errno;
+    std::string path;
+    vx::log(LOG_ERR, "Destination file %s could not be opened: %s (%d)", dst.shown(path), std::strerror(error), error);
     return -1;
 }
 
@@ -95,8 +102,9 @@ mode_t modeOfCopy(const struct stat &source) {
 Fd openSource(const Name &src, struct stat &status) {
     Fd from = vx::openToRead(src.directory, src.name);
     if (!from.valid()) {
-        vx::log(LOG_ERR, "Source file %s%s%s could not be opened: %s (%d)", src.folder, src.slash, src.name,
-                std::strerror(errno), errno);
+        const int error = errno;
+        std::string path;
+        vx::log(LOG_ERR, "Source file %s could not be opened: %s (%d)", src.shown(path), std::strerror(error), error);
         return from;
     }
     if (::fstat(from.get(), &status) == -1) {
@@ -220,8 +228,8 @@ private:
 
 bool TreeCopy::copyFile(const char *name) {
     struct stat status;
-    const Fd from = openSource({from_.here().get(), name, src_.c_str(), "/"}, status);
-    return from.valid() && transfer(from, status, {to_.here().get(), name, dst_.c_str(), "/"}) == 0;
+    const Fd from = openSource({from_.here().get(), name, &src_}, status);
+    return from.valid() && transfer(from, status, {to_.here().get(), name, &dst_}) == 0;
 }
 
 // Tells whether the destination is inside the source tree, so that the copy would never end.
