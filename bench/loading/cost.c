@@ -3,8 +3,8 @@
  * What starting a program costs. Linked to the libraries in question it is the program that is measured:
  *     cost PROGRAM [ROUNDS]   starts PROGRAM one time after the other and prints the least time and the median pages
  *     PROGRAM --measure FD    writes the time of its main() and its pages to the descriptor
- * Time is counted from just before exec to main(), pages at main(): private and written, shared with other processes or the
- * page cache, and touched at all. One line: microseconds, private dirty, shared, touched.
+ * Time is counted from just before exec to main(), pages at main(): private ones, which hold what no file holds, those of
+ * files, which all processes share, and all that were touched. One line: microseconds, private, shared, touched.
  */
 #define _GNU_SOURCE
 #include <stdint.h>
@@ -26,19 +26,19 @@ static int64_t now(void) {
     return (int64_t)time.tv_sec * 1000000000 + time.tv_nsec;
 }
 
-/* Pages of this process, from the sums that the kernel keeps. */
+/* Pages of this process, from the sums that the kernel keeps. Its count of private dirty pages would include those of a file
+ * that was just written, or lies in memory. */
 static void count_pages(struct cost *cost) {
     long kilobytes;
     char line[256];
     const long page = sysconf(_SC_PAGESIZE) / 1024;
     FILE *sums = fopen("/proc/self/smaps_rollup", "r");
     while (sums != NULL && fgets(line, sizeof line, sums) != NULL) {
-        if (sscanf(line, "Private_Dirty: %ld", &kilobytes) == 1) cost->value[1] = kilobytes / page;
-        if (sscanf(line, "Shared_Clean: %ld", &kilobytes) == 1) cost->value[2] += kilobytes / page;
-        if (sscanf(line, "Shared_Dirty: %ld", &kilobytes) == 1) cost->value[2] += kilobytes / page;
+        if (sscanf(line, "Anonymous: %ld", &kilobytes) == 1) cost->value[1] = kilobytes / page;
         if (sscanf(line, "Rss: %ld", &kilobytes) == 1) cost->value[3] = kilobytes / page;
     }
     if (sums != NULL) fclose(sums);
+    cost->value[2] = cost->value[3] - cost->value[1];
 }
 
 static int compare(const void *one, const void *other) {
