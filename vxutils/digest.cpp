@@ -139,6 +139,8 @@ constexpr uint32_t md5Sines[64] = {  // the integer part of 2^32 * |sin(i + 1)|
 
 // Does one of the 64 steps. The four words exchange their roles from step to step. `b` is the result of the step
 // before; everything that does not need it is added first, so that the processor can do that while it waits for `b`.
+// Each step is compiled for its number: a loop over the steps takes 3.6 times the instructions on the board for a long
+// message (benchmark Md5_1MiB).
 template <size_t i>
 [[gnu::always_inline]] inline void md5Step(uint32_t (&words)[4], const unsigned char *block) {
     constexpr size_t round = i / 16;
@@ -183,7 +185,8 @@ void md5TransformAll(uint32_t (&state)[4], const unsigned char *blocks, size_t c
 constexpr uint32_t sha1Initial[5] = {0x67452301, 0xefcdab89, 0x98badcfe, 0x10325476, 0xc3d2e1f0};
 constexpr uint32_t sha1Constants[4] = {0x5a827999, 0x6ed9eba1, 0x8f1bbcdc, 0xca62c1d6};
 
-// Does one of the 80 steps; the schedule keeps the last 16 message words.
+// Does one of the 80 steps; the schedule keeps the last 16 message words. Each step is compiled for its number: a loop
+// over the steps takes 3.4 times the instructions on the board for a long message (benchmark Sha1_1MiB).
 template <size_t i>
 [[gnu::always_inline]] inline void sha1Step(uint32_t (&words)[5], uint32_t (&schedule)[16],
                                             const unsigned char *block) {

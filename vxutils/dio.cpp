@@ -52,7 +52,7 @@ bool inRange(unsigned int line) {
     return false;
 }
 
-// Path of one of a line's files.
+// Path of one of a line's files. snprintf() takes 1220 instructions on the board to make it, append() takes 160.
 class LinePath {
 public:
     LinePath() = default;

@@ -1,5 +1,7 @@
 // SPDX-License-Identifier: MIT
-// Decimal digits, and unsigned numbers as digits: how many there are, and writing them two at a time.
+// Decimal digits, and unsigned numbers as digits: how many there are, and writing them two at a time. One digit at a
+// time u_i32toa() takes 157 instructions on the board instead of 105 for ten decimal digits, 83 instead of 64 for
+// three, and 104 instead of 77 for eight hexadecimal ones.
 #pragma once
 
 #include <array>
