@@ -36,10 +36,12 @@
  *
  * **Errors.** The constructors and addEntry() throw std::bad_alloc when memory is short; addEntry() leaves the table
  * unchanged then. Lookups and removals return false when the key is not there. A NULL text key is never stored or
- * found; key 0 and a NULL value are ordinary.
+ * found; key 0 and a NULL value are ordinary. Other pointer arguments must not be NULL: to ask whether a key is there,
+ * pass the address of a variable as well.
  *
  * **Limits.** The number of buckets is the smallest power of two that is not below the request, 2 at least; 0x1FFFFFFF
- * buckets or more are refused. A key may be stored more than once; the oldest entry is found and removed first.
+ * buckets or more are refused. The number of entries and the length of a text key are limited by memory alone. A key
+ * may be stored more than once; the oldest entry is found and removed first. Text keys are case-sensitive.
  *
  * **Privileges.** None.
  *
@@ -91,7 +93,7 @@ public:
      * Find the oldest value of a key. Inline, because a call into the library takes longer than the search.
      *
      * @param key   key
-     * @param value receives the value; left unchanged when there is none
+     * @param value receives the value; unchanged when there is none
      * @return whether there is one
      */
     VXUTILS_API bool getValueFromKey(unsigned long key, void **value) const {
@@ -123,8 +125,8 @@ public:
     unsigned long getFirstNPointers(unsigned long n, void **out) const;
 
     /**
-     * Call a function for every value, in the order of getFirstNPointers(). It may free the value, not change the
-     * table.
+     * Call a function for every value, in the order of getFirstNPointers(). It may free the value and
+     * look up other keys, but not change the table.
      * @param fn  called with each value
      */
     void passAllPointers(void (*fn)(void *)) const;
@@ -180,7 +182,7 @@ public:
      * Find the oldest value of a key.
      *
      * @param key   key; NULL is never found
-     * @param value receives the value; left unchanged when there is none
+     * @param value receives the value; unchanged when there is none
      * @return whether there is one
      */
     bool getValueFromKey(const char *key, void **value) const;
@@ -205,8 +207,8 @@ public:
     unsigned long getFirstNPointers(unsigned long n, void **out) const;
 
     /**
-     * Call a function for every value, in the order of getFirstNPointers(). It may free the value, not change the
-     * table.
+     * Call a function for every value, in the order of getFirstNPointers(). It may free the value and
+     * look up other keys, but not change the table.
      * @param fn  called with each value
      */
     void passAllPointers(void (*fn)(void *)) const;

@@ -17,7 +17,8 @@
  * **What is asked.** Each call opens an rtnetlink socket, sends one request, reads one answer and closes the socket.
  * The request names the address only. A route that depends on a mark, a source address or a table of its own may
  * therefore differ from the answer. For a link-local target (fe80::/10) `sin6_scope_id` is ignored: the answer is the
- * interface of the first link-local route, which may be another link's.
+ * interface of the first link-local route, which may be another link's. Of a route with several next hops the answer is
+ * the one that the kernel chooses for this request.
  *
  * **Ownership.** Target and name belong to the caller; no pointer is kept.
  *

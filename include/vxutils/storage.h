@@ -12,8 +12,12 @@
  * free(found);  // the head is the caller's
  * @endcode
  *
- * **Types.** Types are single bits: 2 is internal flash or eMMC, 4 partition 4 of an eMMC, 8 an SD card, a SATA disk or
- * a USB disk on an unknown port, 16 a USB disk on a known port.
+ * **What is found.** Each entry is one partition: mmcblk0p3, mmcblk0p4, mmcblk1p1, mmcblk1p3, mmcblk1p4, mtdblock3, and
+ * of the disks sda to sdz the first partition, or the whole disk if it has none. Other block devices are not looked at.
+ * Of several mount points the first in /proc/mounts counts.
+ *
+ * **Types.** Types are single bits: 2 is internal flash or eMMC, 4 partition 4 of an eMMC, 8 an SD card, a SATA disk
+ * (index 1) or a USB disk on an unknown port, 16 a USB disk on a known port.
  *
  * **Ownership.** The caller frees the entries with old_free_storage() and the head with free(). A pointer to an entry
  * is valid as long as the list's entries.
@@ -28,7 +32,8 @@
  * **Errors.** old_get_storage() returns NULL when there is no memory for the head. Fields that cannot be found out are
  * -1 or empty. Nothing is logged.
  *
- * **Limits.** Texts too long for their fields are cut.
+ * **Limits.** Texts too long for their fields are cut: a mount point of more than 63 characters is not a usable path
+ * then. Memory alone limits the number of entries.
  *
  * **Privileges.** Read access to /sys/class/block, /proc/mounts and /proc/sysinfo, search access to the mount points
  * (otherwise the totals are -1), and read access to the device's node in /dev (otherwise its size is -1).
@@ -67,7 +72,8 @@ struct storage_list {
 typedef struct storage_list storage_list; /**< the record's short name */
 
 /**
- * Find the storage devices.
+ * Find the storage devices, as they are at this moment: call it again to see what was plugged in since. The prefix of
+ * the name is fixed; there is no newer function.
  *
  * @param mask  types that are wanted, 0 for all (then taken as 255)
  * @return the list, possibly empty; the caller empties it with old_free_storage() and frees the head with free(). NULL
@@ -78,15 +84,15 @@ VXUTILS_API storage_list *old_get_storage(unsigned int mask);
 /**
  * Find a device in a list.
  * @param list   from old_get_storage(); NULL finds nothing
- * @param type   type bit
- * @param index  index
+ * @param type   one type bit
+ * @param index  0 or 1, as in the entry
  * @return the first such entry, which lives as long as the list's entries; NULL when there is none
  */
 VXUTILS_API storage_entry *old_get_storage_device(const storage_list *list, uint32_t type, uint32_t index);
 
 /**
  * Free all entries. The head stays, empty, with the caller.
- * @param list  from old_get_storage(), or NULL
+ * @param list  from old_get_storage(); NULL is ignored
  */
 VXUTILS_API void old_free_storage(storage_list *list);
 
