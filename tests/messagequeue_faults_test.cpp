@@ -21,9 +21,11 @@
 
 VXTEST_HOOK(int, pthread_mutexattr_init, (pthread_mutexattr_t * attributes), (attributes))
 VXTEST_HOOK(int, pthread_mutexattr_settype, (pthread_mutexattr_t * attributes, int kind), (attributes, kind))
+VXTEST_HOOK(int, pthread_mutexattr_destroy, (pthread_mutexattr_t * attributes), (attributes))
 VXTEST_HOOK(int, pthread_mutex_init, (pthread_mutex_t * mutex, const pthread_mutexattr_t *attributes),
             (mutex, attributes))
 VXTEST_THREAD_HOOK(int, pthread_mutex_lock, (pthread_mutex_t * mutex), (mutex))
+VXTEST_HOOK(int, close, (int fd), (fd))
 VXTEST_HOOK(ssize_t, write, (int fd, const void *data, size_t size), (fd, data, size))
 
 namespace {
@@ -49,12 +51,21 @@ TEST_F(MessagequeueFaults, TheConstructorCarriesOnWithoutARecursiveMutex) {
     for (const Answers &answers :
          {Answers{}, Answers{ENOMEM, {}, {}}, Answers{{}, EINVAL, {}}, Answers{{}, {}, EAGAIN}}) {
         int kindAsked = -1;
+        int initialised = 0;
+        int destroyed = 0;
         // Whatever was in the memory before must not become the mutex.
         alignas(CMessageQueue) std::array<unsigned char, sizeof(CMessageQueue)> memory;
         memory.fill(0xa5);
         CMessageQueue *own = nullptr;
         {
-            const Hooked attrInit(hooks::pthread_mutexattr_init, [&](const auto &...) { return answers.attrInit; });
+            const Hooked attrInit(hooks::pthread_mutexattr_init, [&](const auto &...) {
+                ++initialised;
+                return answers.attrInit;
+            });
+            const Hooked attrDestroy(hooks::pthread_mutexattr_destroy, [&](const auto &...) -> std::optional<int> {
+                ++destroyed;
+                return std::nullopt;
+            });
             const Hooked setType(hooks::pthread_mutexattr_settype, [&](pthread_mutexattr_t *, int kind) {
                 kindAsked = kind;
                 return answers.setType;
@@ -63,6 +74,8 @@ TEST_F(MessagequeueFaults, TheConstructorCarriesOnWithoutARecursiveMutex) {
             own = new (memory.data()) CMessageQueue(&consumer, loop.get());
         }
         EXPECT_EQ(kindAsked, PTHREAD_MUTEX_RECURSIVE);
+        EXPECT_EQ(initialised, 1);
+        EXPECT_EQ(destroyed, 1) << "the attributes";
         EXPECT_EQ(own->init(), 0);
         EXPECT_EQ(own->send(CQMsg(code++)), 0);
         own->onReadable();
@@ -70,6 +83,16 @@ TEST_F(MessagequeueFaults, TheConstructorCarriesOnWithoutARecursiveMutex) {
     }
     EXPECT_EQ(consumer.codes, (std::vector<int>{0, 1, 2, 3}));
     EXPECT_EQ(consumer.errors, 0);
+}
+
+TEST_F(MessagequeueFaults, AQueueWithoutAPipeClosesNothing) {
+    std::vector<int> closed;
+    const Hooked close(hooks::close, [&](int fd) -> std::optional<int> {
+        closed.push_back(fd);
+        return std::nullopt;
+    });
+    { const CMessageQueue own(&consumer, loop.get()); }
+    EXPECT_EQ(closed, std::vector<int>{});
 }
 
 TEST_F(MessagequeueFaults, InitFailsWithoutDescriptors) {
