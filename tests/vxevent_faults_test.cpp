@@ -2,6 +2,7 @@
 // Events where the FIFO, ZeroMQ or the system refuses a step, and what becomes of the record.
 #include <vxutils/vxevent.h>
 
+#include <poll.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <zmq.h>
@@ -20,6 +21,10 @@
 #include "support/vxevent.h"
 #include "support/watched_memory.h"
 
+VXTEST_HOOK_AS(int, fstat, "__fstat64_time64", (int fd, struct stat *status), (fd, status))
+VXTEST_HOOK(int, poll, (pollfd * fds, nfds_t count, int timeout), (fds, count, timeout))
+VXTEST_HOOK(ssize_t, write, (int fd, const void *data, size_t size), (fd, data, size))
+VXTEST_HOOK(int, zmq_msg_close, (zmq_msg_t * message), (message))
 VXTEST_HOOK(int, zmq_setsockopt, (void *socket, int option, const void *value, size_t size),
             (socket, option, value, size))
 VXTEST_HOOK(int, zmq_msg_init_data, (zmq_msg_t * message, void *data, size_t size, zmq_free_fn *function, void *hint),
@@ -64,6 +69,31 @@ TEST_F(VxeventFaults, AFifoThatStaysFullFailsAfterASecondWhateverTheSignals) {
     EXPECT_EQ(drain().size(), before) << "no half record";
     EXPECT_EQ(vxevent(9, 9, "later"), 0);
     EXPECT_EQ(drain(), bytes(9, 9, "later"));
+}
+
+TEST_F(VxeventFaults, AStepThatTheSystemRefusesFailsAtOnceWithItsError) {
+    makeFifo();
+    {
+        const Hooked fstat(hooks::fstat, vxtest::answering(-1, EIO));
+        EXPECT_EQ(vxevent(1, 2, "x"), -1);
+        EXPECT_EQ(errno, EIO);
+    }
+    int writes = 0;
+    int error = EIO;
+    const Hooked write(hooks::write, [&](const auto &...) -> std::optional<ssize_t> {
+        ++writes;
+        errno = error;
+        return -1;
+    });
+    EXPECT_EQ(vxevent(1, 2, "x"), -1);
+    EXPECT_EQ(errno, EIO);
+    EXPECT_EQ(writes, 1) << "only a full FIFO is waited for";
+
+    error = EAGAIN;
+    const Hooked poll(hooks::poll, vxtest::answering(-1, ENOMEM));
+    EXPECT_EQ(vxevent(1, 2, "x"), -1);
+    EXPECT_EQ(errno, ENOMEM);
+    EXPECT_EQ(writes, 2);
 }
 
 TEST_F(VxeventFaults, OnlyAFifoIsWrittenTo) {
@@ -117,6 +147,14 @@ TEST_F(LegacyFaults, WhatCannotBeSentFails) {
     void *const sink = keep(register_legacy_sink(context));
     EXPECT_EQ(dispatch_legacy_event(sink, &record), -1);  // subscribers do not send
     EXPECT_EQ(errno, ENOTSUP);
+    {
+        const Hooked close(hooks::zmq_msg_close, [](zmq_msg_t *) -> std::optional<int> {
+            errno = EFAULT;
+            return std::nullopt;
+        });
+        EXPECT_EQ(dispatch_legacy_event(sink, &record), -1);
+        EXPECT_EQ(errno, ENOTSUP) << "the reason, not what cleaning up said";
+    }
     void *const source = keep(create_legacy_source(context));
     EXPECT_EQ(dispatch_legacy_event(source, nullptr), -1);
 }
