@@ -56,8 +56,9 @@ struct Content {
 
 // Quirk Q25.
 bool mustWriteDirectly(const char *path) {
+    if (path[0] != '/') return false;
     return std::any_of(std::begin(directPrefixes), std::end(directPrefixes), [path](std::string_view prefix) {
-        return std::strncmp(path, prefix.data(), prefix.size()) == 0;
+        return path[1] == prefix[1] && std::strncmp(path, prefix.data(), prefix.size()) == 0;
     });
 }
 
