@@ -50,11 +50,11 @@ void DeleteDirectory_ours(benchmark::State &state) {
 // The system calls of a tree of one level of directories, relative to open ones and without a check.
 template <typename Visit>
 void eachEntry(int directory, Visit visit) {
-    DIR *const entries = ::fdopendir(directory);
-    while (const dirent *entry = ::readdir(entries)) {
-        if (entry->d_name[0] != '.') visit(::dirfd(entries), entry->d_name);
+    DIR *const stream = ::fdopendir(directory);
+    while (const dirent *entry = ::readdir(stream)) {
+        if (entry->d_name[0] != '.') visit(::dirfd(stream), entry->d_name);
     }
-    ::closedir(entries);
+    ::closedir(stream);
 }
 
 int openAt(int directory, const char *name) { return ::openat(directory, name, O_RDONLY | O_DIRECTORY | O_CLOEXEC); }

@@ -15,6 +15,7 @@
 #include <thread>
 #include <vector>
 
+#include "support/files.h"
 #include "support/model.h"
 #include "support/resources.h"
 #include "support/string_model.h"
@@ -266,21 +267,39 @@ TEST(StringCompare, NulsInsideCountForEqualsButEndTheTextForTheOperators) {
     EXPECT_EQ(text(blanks), std::string("\0x", 2));
 }
 
-TEST(StringCompare, OnlyLettersDifferInCaseAtEveryPlaceOfAWord) {
+TEST(StringCompare, OnlyLettersDifferInCaseAtEveryPlaceOfAShortAndALongText) {
     const auto folded = [](int c) { return c >= 'A' && c <= 'Z' ? c + ('a' - 'A') : c; };
-    for (size_t place = 0; place < 9; ++place) {
-        std::string one = "0123456789abcdefg";
-        std::string two = "0123456789ABCDEFG";
-        for (int a = 1; a < 256; ++a) {
-            one[place] = static_cast<char>(a);
-            for (const int difference : {0x00, 0x20, 0x01, 0x21, 0x40, 0x80, 0xa0}) {
-                const int b = a ^ difference;
-                if (b == 0) continue;
-                two[place] = static_cast<char>(b);
-                ASSERT_EQ(String(one.c_str()).equalsIgnoreCase(String(two.c_str())), folded(a) == folded(b))
-                    << a << " and " << b << " at " << place;
+    for (const size_t length : {17U, 31U, 32U, 33U, 70U}) {
+        for (size_t place = 0; place < length; place += place < 9 ? 1 : 8) {
+            std::string one = vxtest::repeated(length, 'g');
+            std::string two = vxtest::repeated(length, 'G');
+            for (int a = 1; a < 256; ++a) {
+                one[place] = static_cast<char>(a);
+                for (const int difference : {0x00, 0x20, 0x01, 0x21, 0x40, 0x80, 0xa0}) {
+                    const int b = a ^ difference;
+                    if (b == 0) continue;
+                    two[place] = static_cast<char>(b);
+                    ASSERT_EQ(String(one.c_str()).equalsIgnoreCase(String(two.c_str())), folded(a) == folded(b))
+                        << a << " and " << b << " at " << place << " of " << length;
+                }
             }
         }
+    }
+}
+
+TEST(StringCompare, IgnoringCaseALongTextEndsAtItsNulToo) {
+    for (const size_t length : {20U, 40U, 100U}) {
+        const std::string begin = vxtest::repeated(length, 'x') + '\0';
+        String one;
+        String two;
+        one.concat((begin + "cd").c_str(), static_cast<long>(length + 3));
+        two.concat((begin + "ef").c_str(), static_cast<long>(length + 3));
+        EXPECT_TRUE(one.equalsIgnoreCase(two)) << length;
+        two.toUpperCase();
+        EXPECT_TRUE(one.equalsIgnoreCase(two)) << length;
+        two.insert(0, "x");
+        one.insert(0, "y");
+        EXPECT_FALSE(one.equalsIgnoreCase(two)) << length;
     }
 }
 

@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include <vxutils/vxstring.h>
 
-#include <string.h>  // memrchr, strnlen
+#include <locale.h>  // newlocale
+#include <string.h>  // memrchr, strncasecmp_l, strnlen
 
 #include <vxutils/strutil.h>
 #include <vxutils/xprintf.h>
@@ -211,9 +212,21 @@ bool sameWordIgnoringCase(Word a, Word b) {
     return (difference << 2 & ~letters) == 0;
 }
 
+// From this length on the C library's vector code is faster where it has such code. The boards' has none: there
+// strncasecmp() takes 1.6 times the instructions of words.
+#ifdef __x86_64__
+constexpr size_t longForVectors = 32;
+#else
+constexpr size_t longForVectors = SIZE_MAX;
+#endif
+
 // Tells whether strnicmp finds two texts of at least `count` bytes equal. Compares words: byte by byte, two texts of
 // 256 bytes in different case (benchmark EqualIgnoreCase_256) take 4 times the instructions on a board.
 bool sameIgnoringCase(const char *a, const char *b, size_t count) {
+    if (count >= longForVectors) {
+        static const locale_t asciiOnly = ::newlocale(LC_ALL_MASK, "C", nullptr);
+        return ::strncasecmp_l(a, b, count, asciiOnly) == 0;
+    }
     const char *const begin = a;
     for (; count >= sizeof(Word) && sameWordIgnoringCase(wordAt(a), wordAt(b)); count -= sizeof(Word)) {
         a += sizeof(Word);

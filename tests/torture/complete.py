@@ -15,7 +15,7 @@ import sys
 CANNOT_FAIL = """
     memchr memcmp memcpy memmove mempcpy memrchr memset explicit_bzero stpcpy strchr strchrnul strcmp strcpy strcspn strlen
     strrchr strncmp strnlen strspn strstr strtok_r tolower toupper ispunct isspace strerror strtod strtol strtoll strtoul strtoull
-    strptime strftime mktime localtime_r tzset rand random inet_addr inet_ntop inet_pton dirname basename
+    strncasecmp_l strptime strftime mktime localtime_r tzset rand random inet_addr inet_ntop inet_pton dirname basename
     sscanf __isoc99_sscanf snprintf vsnprintf printf perror ferror fileno dirfd getpid getppid getuid geteuid getegid getdtablesize
     umask signal program_invocation_short_name __progname openlog closelog setlogmask dlerror dlclose dlsym
     free freeifaddrs exit _exit abort munmap shmdt event_debug_unassign event_get_base event_get_struct_event_size
@@ -31,6 +31,7 @@ REASONS = {
     "getpeername": "asks a socket that has just been connected",
     "kill": "asks with signal 0; each of its answers is tested",
     "lseek": "fails on what cannot be positioned: a scenario of its own in the tests",
+    "newlocale": "gives the C locale's own object, for which nothing is allocated",
     "pclose": "reaps the child in any case",
     "shmctl": "a segment that cannot be removed is one that is held, which is tested",
     "sysconf": "the clock ticks per second are a constant",
