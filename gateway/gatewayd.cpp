@@ -349,10 +349,18 @@ private:
         }
     }
 
+    bool programIsStopped() const {
+        siginfo_t state{};
+        return ::waitid(P_PID, static_cast<id_t>(program_), &state, WSTOPPED | WNOHANG | WNOWAIT) == 0 &&
+               state.si_pid == program_;
+    }
+
     void endProgram() {
         ending_ = true;
         ::kill(program_, SIGTERM);
-        ::kill(program_, SIGCONT);
+        // SIGCONT takes away a SIGSTOP that is pending: a program in which the address sanitizer attaches to look for leaks
+        // would wait for that stop for ever.
+        if (programIsStopped()) ::kill(program_, SIGCONT);
         killing_ = Clock::now() + graceToEnd;
     }
 

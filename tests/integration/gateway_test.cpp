@@ -560,6 +560,27 @@ TEST(Scenario, TimesCountFromAConditionAndRoundsRepeat) {
     EXPECT_EQ(output.status, 0);
 }
 
+// SIGCONT after SIGTERM takes away a SIGSTOP with which a tracer attaches meanwhile, as a check for leaks does.
+TEST(Scenario, OnlyAStoppedProgramIsContinuedToEnd) {
+    vxtest::writeFile("/tmp/program",
+                      "#!/usr/bin/python3\nimport os, signal, time\n"
+                      "ending = []\n"
+                      "signal.signal(signal.SIGTERM, lambda *ignored: ending.append(1))\n"
+                      "signal.signal(signal.SIGCONT, lambda *ignored: print('continued', flush=True))\n"
+                      "os.mkdir('/tmp/status/x'); open('/tmp/status/x/ready', 'w').write('yes')\n"
+                      "while not ending: time.sleep(0.01)\n"
+                      "time.sleep(0.2)\n");
+    ::chmod("/tmp/program", 0755);
+    const auto said = [](const char *play) {
+        vxtest::writeFile("/tmp/s.scenario", std::string("question why\nwhen status x/ready yes\n") + play);
+        const auto output = vxgateway_({"play", "--net", "none", "/tmp/s.scenario", "/tmp/program"});
+        EXPECT_EQ(output.status, 0);
+        return output.text;
+    };
+    EXPECT_EQ(said("at 0 note running\n"), "");
+    EXPECT_EQ(said("at 0 program signal STOP\nat 0.2 note stopped\n"), "continued\n");
+}
+
 TEST(Scenario, TheCatalogueIsWithoutErrorsAndAsksQuestions) {
     size_t count = 0;
     std::istringstream lines(vxgateway_({"list", "scenarios"}).text);
