@@ -485,16 +485,17 @@ int main(int argc, char **argv) {
     event_base_free(base);
 
     const double memory = slope(samples, &Sample::memory_kib), held = slope(samples, &Sample::descriptors);
+    const double grown = memory * seconds / 60, allocated = slope(samples, &Sample::heap_bytes) * seconds / 60;
     std::printf("soak: %.0f s, %lu rounds, %lu clock jumps of 9 years, %lu interface changes, %lu times a full disk\n",
                 since(), rounds, jumps * 2, flaps, full);
     std::printf("soak: memory %.0f KiB, slope %+.2f KiB/min; heap in use %.0f bytes, slope %+.1f bytes/min\n",
-                samples.back().memory_kib, memory, samples.back().heap_bytes, slope(samples, &Sample::heap_bytes));
+                samples.back().memory_kib, memory, samples.back().heap_bytes, allocated * 60 / seconds);
     std::printf("soak: descriptors %.0f, slope %+.3f/min; round %.0f us, slope %+.1f us/min\n",
                 samples.back().descriptors, held, samples.back().round_us, slope(samples, &Sample::round_us));
-    const double grown = memory * seconds / 60;
     const auto [least, most] = std::minmax_element(
         samples.begin(), samples.end(), [](const Sample &a, const Sample &b) { return a.descriptors < b.descriptors; });
     require(grown < 512, "memory grows by less than 512 KiB over the run");
+    require(allocated < 1024, "the heap in use grows by less than 1 KiB over the run");
     require(least->descriptors == most->descriptors, "the number of descriptors never changes");
     std::printf("soak: %lu failures\n", failures);
     return failures == 0 ? 0 : 1;
