@@ -1,9 +1,11 @@
 // SPDX-License-Identifier: MIT
 // ConfigReader: the file's syntax, the questions, the order of its virtual operations.
+#include <unistd.h>
 #include <vxutils/configreader.h>
 #include <vxutils/hashtable.h>
 #include <vxutils/numconv.h>
 
+#include <barrier>
 #include <climits>
 #include <cstring>
 #include <filesystem>
@@ -357,6 +359,50 @@ TEST_F(ConfigReaderLookup, AThreadTakesOverTheStringsOfOneThatHasEnded) {
         if (first == nullptr) first = text;
         EXPECT_EQ(text, first);
     }
+}
+
+// While a reader goes, it gives up the Strings of another thread, which needs the lock of the thread numbers each time.
+TEST_F(ConfigReaderLookup, AChildOfForkMayAskWhateverTheOtherThreadsWereDoing) {
+    constexpr int keys = 5000;
+    std::string text;
+    for (int i = 0; i < keys; ++i) text += "k" + std::to_string(i) + "=v\n";
+    reading(text, keys);
+    constexpr int rounds = 40;
+    const ConfigReader *asked = nullptr;
+    std::barrier<> step(2);
+    std::barrier<> going(2);
+    std::thread asking([&] {
+        const String none("none");
+        for (step.arrive_and_wait(); asked != nullptr; step.arrive_and_wait()) {
+            for (int i = 0; i < keys; ++i) (void)asked->getValue(("k" + std::to_string(i)).c_str(), none);
+            step.arrive_and_wait();
+        }
+    });
+    std::thread owner([&] {
+        for (int i = 0; i < rounds; ++i) {
+            ConfigReader other;
+            other.initialize(path, keys);
+            asked = &other;
+            step.arrive_and_wait();
+            step.arrive_and_wait();
+            going.arrive_and_wait();
+        }
+        asked = nullptr;
+        step.arrive_and_wait();
+    });
+    int result = 0;
+    std::thread forking([&] {  // has no number before its child asks
+        for (int i = 0; i < rounds; ++i) {
+            going.arrive_and_wait();
+            if (result != 0) continue;
+            result = vxtest::inChild([this] {
+                ::alarm(20);
+                return value("k1") == "v" ? 0 : 1;
+            });
+        }
+    });
+    for (std::thread *thread : {&forking, &owner, &asking}) thread->join();
+    EXPECT_EQ(result, 0);
 }
 
 TEST_F(ConfigReaderLookup, KeysOfAFileCannotBeMadeToShareABucket) {

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include "vxutils/configreader_thread_number.h"
 
+#include <pthread.h>
+
 #include <algorithm>
 #include <atomic>
 #include <deque>
@@ -29,6 +31,8 @@ struct ThreadPlace {
 
 namespace {
 
+thread_local const ThreadPlace *ownPlace = nullptr;
+
 // The places by number. Never destroyed: detached threads may end after static objects have gone.
 struct Places {
     static Places &all() {
@@ -36,11 +40,20 @@ struct Places {
         return *places;
     }
 
+    // A child of fork() gets the places whole and unlocked. Only the thread that called fork() lives on in it.
+    Places() {
+        [[maybe_unused]] const int registered =
+            ::pthread_atfork([] { all().mutex.lock(); }, [] { all().mutex.unlock(); }, [] { all().goOnInChild(); });
+    }
+
+    void goOnInChild() {
+        for (ThreadPlace &place : places) place.taken = &place == ownPlace;
+        mutex.unlock();
+    }
+
     std::mutex mutex;
     std::deque<ThreadPlace> places;
 };
-
-thread_local const ThreadPlace *ownPlace = nullptr;
 
 class ThreadNumber {
 public:
