@@ -117,6 +117,22 @@ TEST_F(CfreadFiles, AnIncludedFifoIsNotWaitedFor) {
     EXPECT_EQ(log.take(), Log{});
 }
 
+// Opening a device makes its driver act: a watchdog starts. /dev/zero would fail as well if it were read, but otherwise.
+TEST_F(CfreadFiles, AnIncludedDeviceIsNotOpened) {
+    vxtest::makeDirs("/etc/vx");
+    ASSERT_EQ(::symlink("/dev/zero", "/etc/vx/link.conf"), 0);
+    for (const char *name : {"/dev/zero", "link.conf"}) {
+        vxtest::writeFile("/etc/vx/main.conf", std::string("a=1\ninclude ") + name + "\nb=2\n");
+        EXPECT_EQ(openFile("/etc/vx/main.conf"), nullptr);
+        const std::string path = *name == '/' ? name : std::string("/etc/vx/") + name;
+        EXPECT_EQ(log.take(), (Log{{LOG_ERR, "cfread: unable to open " + path}}));
+    }
+    vxtest::writeFile("/etc/vx/main.conf", "a=1\ninclude /dev/null\nb=2\n");
+    const Table table = openFile("/etc/vx/main.conf");
+    ASSERT_NE(table, nullptr);
+    EXPECT_EQ(slots(table), (Pairs{{"a", "1"}, {"b", "2"}}));
+}
+
 TEST_F(CfreadFiles, AReadErrorEndsTheFileWithSuccess) {
     vxtest::makeDirs("/etc/vx");
     const Table table = openFile("/etc/vx");  // a directory opens, and cannot be read

@@ -19,6 +19,7 @@
 #include <utility>
 
 #include "vxutils/internal/fd.h"
+#include "vxutils/internal/guarded_open.h"
 #include "vxutils/internal/handles.h"
 #include "vxutils/internal/line_buffer.h"
 #include "vxutils/internal/log.h"
@@ -412,9 +413,9 @@ private:
     // Opens a file and makes it the current one. Files are entered without recursion: the stack must last however many
     // descriptors there are.
     bool enter(const char *name, vx::MallocText ownName) {
-        // Only what the caller names itself may keep it waiting.
-        const int gently = source_ != nullptr ? O_NONBLOCK | O_NOCTTY : 0;
-        vx::Fd fd(vx::retryEintr([&] { return ::open(name, O_RDONLY | O_CLOEXEC | gently); }));
+        // Only what the caller names itself may keep it waiting, and may be a device.
+        vx::Fd fd = source_ != nullptr ? vx::openNoDevice(name)
+                                       : vx::Fd(vx::retryEintr([&] { return ::open(name, O_RDONLY | O_CLOEXEC); }));
         if (!fd.valid() || !keepRest()) return cannotOpen(name);
         auto *source = new (std::nothrow) Source{source_, std::move(fd), name, std::move(ownName), nullptr, 0, 0};
         if (source == nullptr) return cannotOpen(name);

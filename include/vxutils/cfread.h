@@ -31,7 +31,8 @@
  * handlers. A forked child has a copy of its own.
  *
  * **Blocking.** Reading takes as long as the file system does. A FIFO that the caller names is read until its writers
- * close it. An included FIFO is not waited for: it ends where there is nothing to read.
+ * close it. An included FIFO is not waited for: it ends where there is nothing to read. An included device is not
+ * opened, except /dev/null, because opening it makes its driver act: it fails as a file that cannot be opened.
  *
  * **Errors.** Every failure is logged with file and line at LOG_ERR. Line numbers count each file's lines from 1 and
  * leave out include lines. A read error counts as the end of the file.

@@ -21,6 +21,7 @@ namespace vx {
 namespace {
 
 constexpr mode_t allModes = 07777;
+constexpr dev_t nullDevice = 1 << 8 | 3;       // major number 1, minor number 3
 constexpr int gently = O_NONBLOCK | O_NOCTTY;  // without waiting, without side effects
 
 Fd open(int directory, const char *path, int flags, mode_t mode = 0) noexcept {
@@ -103,14 +104,14 @@ private:
     bool kernels_ = false;
 };
 
-// Opens what an open path (O_PATH) refers to.
-Fd reopen(const Fd &place, const Links &links) noexcept {
+// Opens what an open path (O_PATH) refers to; `path`, from `directory`, is where it was found.
+Fd reopen(const Fd &place, int directory, const char *path) noexcept {
     char name[sizeof "/proc/self/fd/" + 11];
     (void)std::snprintf(name, sizeof name, "/proc/self/fd/%d", place.get());
     Fd file = open(AT_FDCWD, name, O_RDONLY | gently);
     if (file.valid() || errno != ENOENT) return file;
     // A bare chroot without /proc.
-    return open(links.directory(), links.path(), O_RDONLY | gently);  // GCOVR_EXCL_LINE: nor can it write counters
+    return open(directory, path, O_RDONLY | gently);  // GCOVR_EXCL_LINE: nor can it write counters
 }
 
 // Opens what a link leads to by way of a descriptor that opens nothing yet, so that a device is told apart before its
@@ -123,7 +124,7 @@ Fd openLinked(int directory, const char *path) {
         struct stat status {};
         if (!place.valid() || ::fstat(place.get(), &status) == -1) return {};
         if (S_ISLNK(status.st_mode)) continue;
-        return S_ISCHR(status.st_mode) ? refused(ENXIO) : reopen(place, links);
+        return S_ISCHR(status.st_mode) ? refused(ENXIO) : reopen(place, links.directory(), links.path());
     }
     return {};
 }
@@ -264,6 +265,14 @@ Fd openToRead(int directory, const char *path) noexcept {
     }
     if (file.valid()) errno = before;
     return file;
+}
+
+Fd openNoDevice(const char *path) noexcept {
+    const Fd place = open(AT_FDCWD, path, O_PATH);
+    struct stat status {};
+    if (!place.valid() || ::fstat(place.get(), &status) == -1) return {};
+    const bool acts = isDevice(status) && status.st_rdev != nullDevice;
+    return acts ? refused(ENXIO) : reopen(place, AT_FDCWD, path);
 }
 
 Fd openValue(int directory, const char *path, struct stat &status) noexcept {

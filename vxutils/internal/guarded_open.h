@@ -45,8 +45,13 @@ bool isKernelLink(const Fd &link) noexcept;
 // refused with ENXIO, because opening it makes its driver act.
 Fd openToRead(int directory, const char *path) noexcept;
 
-// Opens, in the same way, a file that holds a value: what is neither a regular file nor a directory is refused with
-// ENXIO. `status` receives the file's status.
+// Opens a file that another user may have named, for reading and without waiting. All links are followed, but what is
+// found is looked at before it is opened: a device is refused with ENXIO, because opening it makes its driver act (a
+// watchdog starts). The null device is allowed.
+Fd openNoDevice(const char *path) noexcept;
+
+// Opens, in the same way as openToRead(), a file that holds a value: what is neither a regular file nor a directory is
+// refused with ENXIO. `status` receives the file's status.
 Fd openValue(int directory, const char *path, struct stat &status) noexcept;
 
 // A file opened for writing.
