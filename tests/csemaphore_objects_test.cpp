@@ -132,6 +132,7 @@ private:
     }
 
     void replay() {
+        ::alarm(hangs_s);  // for each sequence anew: a busy board may need minutes for all
         ++sequences_;
         int depth = 0;
         for (const auto &[object, lock] : steps_) {
