@@ -18,7 +18,9 @@
  *
  * **Threads, signals, fork.** Only one thread at a time may use a function with a static buffer; timeformat() also uses
  * that of the C library's localtime(). Any number of threads may call the others at once. diffts() and uselapsed() are
- * async-signal-safe. A forked child may call all functions.
+ * async-signal-safe. A forked child may call all functions; if its parent had several threads, it must not call
+ * timeformat(), timeparse() and mkid() before exec, because another thread may have held a lock of the C library at the
+ * time of the fork.
  *
  * **Blocking.** No call blocks, except that the C library reads the time zone's file at first use.
  *
