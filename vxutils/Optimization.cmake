@@ -12,7 +12,7 @@ set(for_size ${VXUTILS_SOURCES})
 list(TRANSFORM for_size REPLACE "^${CMAKE_CURRENT_SOURCE_DIR}/" "")
 
 # Sources with such a benchmark. Without what makes -O2 large, copies of blocks and of small functions, they still keep
-# their figures.
+# their figures. Not storage.cpp: its one call, made at start, takes 13 % more for size, which saves 1,500 bytes of text.
 set(for_speed
   cfread.cpp configd.cpp configreader.cpp csemaphore.cpp csemaphore_mutex_mapping.cpp dio.cpp directory.cpp
   eventsource.cpp file.cpp interface.cpp messagequeue.cpp route.cpp statusinterface.cpp vxevent.cpp wwanmd.cpp
