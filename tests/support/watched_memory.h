@@ -56,8 +56,10 @@ inline void *watchedMalloc(size_t size) {
     return lastBlock = VXTEST_REAL_MEMORY(malloc)(size);
 }
 
-inline void watchFree(const void *block) {
-    if (block != nullptr && block == lastBlock) ++frees;
+// The address may be another thread's next block, so it is forgotten with the first free(). A second one is found by the
+// allocator, which ends the program.
+inline void watchFree(void *block) {
+    if (block != nullptr && lastBlock.compare_exchange_strong(block, nullptr)) ++frees;
 }
 
 }  // namespace vxtest::memory
