@@ -42,9 +42,9 @@ constexpr size_t readSize = 4096;
 
 static_assert(offsetof(storage_entry, list) == 0 && offsetof(storage_list, entries) == 0);
 
-struct FixedPartition {
-    std::string_view partition;
-    std::string_view device;
+struct FixedPartition {  // texts in place: the loader would have to relocate pointers
+    char partition[10];
+    char device[10];
 };
 constexpr FixedPartition fixedPartitions[] = {
     {"mmcblk0p3", "mmcblk0"}, {"mmcblk0p4", "mmcblk0"}, {"mmcblk1p3", "mmcblk1"},
@@ -211,7 +211,7 @@ bool exists(const std::string &path) {
 void examineName(storage_list &list, Mounts &mounts, std::string_view name) {
     if (name.starts_with('m')) {  // as those of all fixed partitions
         for (const FixedPartition &fixed : fixedPartitions) {
-            if (fixed.partition == name) examine(list, mounts, std::string(fixed.device), std::string(name));
+            if (name == fixed.partition) examine(list, mounts, std::string(fixed.device), std::string(name));
         }
         return;
     }
