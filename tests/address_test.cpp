@@ -1,63 +1,32 @@
 // SPDX-License-Identifier: MIT
-#include <arpa/inet.h>
-#include <netinet/in.h>
+// Addresses, networks and masks through the public interface. Rows of texts, odd masks and the ends of records are in
+// address_limits_test.cpp.
 #include <vxutils/address.h>
 
-#include <cstring>
+#include <netinet/in.h>
+
+#include <cerrno>
+#include <cstddef>
 #include <string>
 
+#include "support/address.h"
 #include "support/process.h"
 #include "support/resources.h"
 
 namespace {
 
-// Bytes seen as a record; what they are aligned to is the test's business.
-template <typename Type>
-Type *as(void *bytes) {
-    return static_cast<Type *>(bytes);
-}
+using namespace vxtest::address;
 
-// A record with room for either family, every byte that was not written set to 0xA5.
-class Record {
-public:
-    Record() { memset(&storage_, 0xA5, sizeof storage_); }
-    explicit Record(const std::string &text) : Record() { EXPECT_EQ(str2addr(text.c_str(), get()), 0) << text; }
-    static Record ofFamily(sa_family_t family) {
-        Record record;
-        record.storage_.sin6_family = family;
-        return record;
-    }
+// -------------------------------------------------------------------------------------------------- example
 
-    sockaddr *get() { return reinterpret_cast<sockaddr *>(&storage_); }
-    const sockaddr *get() const { return reinterpret_cast<const sockaddr *>(&storage_); }
-    operator const sockaddr *() const { return get(); }
-    sockaddr_in6 &v6() { return storage_; }
-    int family() const { return storage_.sin6_family; }
-    std::string raw() const { return {reinterpret_cast<const char *>(&storage_), sizeof storage_}; }
-    std::string text() const {
-        char buffer[INET6_ADDRSTRLEN];
-        return addr2str(buffer, get());
-    }
-
-private:
-    sockaddr_in6 storage_;
-};
-
-// A record of exactly `size` bytes in front of an unreadable page, as far out of alignment as it comes.
-class ShortRecord {
-public:
-    ShortRecord(size_t size, const Record &content) : buffer_(size) { memcpy(buffer_.data(), content.get(), size); }
-    sockaddr *get() { return as<sockaddr>(buffer_.data()); }
-
-private:
-    vxtest::GuardedBuffer buffer_;
-};
-
-route_record routeOf(const std::string &first, const std::string &second, const std::string &third) {
-    route_record route{};
-    const std::string *texts[] = {&first, &second, &third};
-    for (size_t i = 0; i < 3; ++i) memcpy(&route.slot[i], Record(*texts[i]).get(), sizeof route.slot[i]);
-    return route;
+TEST(AddressExample, CalculatesANetwork) {
+    const std::string program = vxtest::built("examples/address_netcalc");
+    EXPECT_EQ(vxtest::run({program, "192.168.1.77", "24"}).text,
+              "address 192.168.1.77\nnetmask 255.255.255.0\nnetwork 192.168.1.0/24\n");
+    EXPECT_EQ(vxtest::run({program, "fe80::1:2:3:4", "64"}).text,
+              "address fe80::1:2:3:4\nnetmask ffff:ffff:ffff:ffff::\nnetwork fe80::/64\nlink-local\n");
+    EXPECT_EQ(vxtest::run({program, "192.168.1.77", "33"}).status, 1);
+    EXPECT_EQ(vxtest::run({program, "192.168.1", "24"}).status, 1);
 }
 
 // --------------------------------------------------------------------------------------------- addr_differs
@@ -108,18 +77,6 @@ TEST(AddrDiffers, NullDiffersFromARecordAndEqualsNull) {
     EXPECT_EQ(addr_differs(nullptr, nullptr), 0);
 }
 
-TEST(AddrDiffers, ReadsNoMoreThanTheFamilysRecord) {
-    ShortRecord a(8, Record("10.0.0.1"));
-    ShortRecord b(8, Record("10.0.0.1"));
-    EXPECT_EQ(addr_differs(a.get(), b.get()), 0);
-    ShortRecord c(24, Record("fe80::1"));
-    ShortRecord d(24, Record("fe80::2"));
-    EXPECT_EQ(addr_differs(c.get(), d.get()), 1);
-    ShortRecord e(2, Record::ofFamily(7));
-    ShortRecord f(2, Record::ofFamily(7));
-    EXPECT_EQ(addr_differs(e.get(), f.get()), 0);
-}
-
 // -------------------------------------------------------------------------------------------- route_differs
 
 TEST(RouteDiffers, ComparesAllThreeSlotsButNotTheHead) {
@@ -145,15 +102,6 @@ TEST(RouteDiffers, ComparesOfIpv6WhatASlotHolds) {
     }
 }
 
-TEST(RouteDiffers, NeverReadsPastItsRecord) {
-    const route_record route = routeOf("1:2:3:4::", "::", "1:2:3:4::");
-    vxtest::GuardedBuffer a(sizeof route);
-    vxtest::GuardedBuffer b(sizeof route);
-    memcpy(a.data(), &route, sizeof route);
-    memcpy(b.data(), &route, sizeof route);
-    EXPECT_EQ(route_differs(as<route_record>(a.data()), as<route_record>(b.data())), 0);
-}
-
 TEST(RouteDiffers, NullDiffersFromARecordAndEqualsNull) {
     const route_record route = routeOf("10.0.0.0", "255.0.0.0", "192.168.1.1");
     EXPECT_EQ(route_differs(&route, nullptr), 1);
@@ -164,19 +112,6 @@ TEST(RouteDiffers, NullDiffersFromARecordAndEqualsNull) {
 static_assert(sizeof(route_record) == 52 && offsetof(route_record, slot) == 4);
 
 // ------------------------------------------------------------------------------------------------- addr2str
-
-TEST(Addr2Str, PrintsEveryOctetAsTheSystemDoes) {
-    for (uint32_t octet = 0; octet < 256; ++octet) {
-        for (unsigned int shift = 0; shift < 32; shift += 8) {
-            Record record("1.22.3.44");
-            auto &address = as<sockaddr_in>(record.get())->sin_addr;
-            address.s_addr = htonl((ntohl(address.s_addr) & ~(0xFFU << shift)) | octet << shift);
-            char expected[INET_ADDRSTRLEN];
-            inet_ntop(AF_INET, &address, expected, sizeof expected);
-            EXPECT_EQ(record.text(), expected);
-        }
-    }
-}
 
 TEST(Addr2Str, PrintsIpv6AsTheSystemDoes) {
     for (const char *text : {"::", "::1", "fe80::1", "1:2:3:4:5:6:7:8", "2001:db8::8:0:1", "::ffff:10.0.0.1",
@@ -218,12 +153,6 @@ TEST(Net2Str, JoinsAddressAndMask) {
     EXPECT_STREQ(net2str(buffer, Record::ofFamily(7), Record::ofFamily(7)), "/");
 }
 
-TEST(Net2Str, FitsTheLongestTexts) {
-    vxtest::GuardedBuffer buffer(32);
-    const Record ones("255.255.255.255");
-    EXPECT_STREQ(net2str(buffer.data(), ones, ones), "255.255.255.255/255.255.255.255");
-}
-
 TEST(Net2Str, OfNullIsNull) {
     char buffer[92] = "x";
     const Record a("10.1.2.3");
@@ -235,59 +164,6 @@ TEST(Net2Str, OfNullIsNull) {
 
 // ------------------------------------------------------------------------------------------------- str2addr
 
-TEST(Str2Addr4, TakesExactlyWhatTheSystemTakes) {
-    const char *texts[] = {"0.0.0.0",
-                           "1.2.3.4",
-                           "255.255.255.255",
-                           "10.20.30.40",
-                           "100.200.0.99",
-                           "",
-                           " 1.2.3.4",
-                           "1.2.3.4 ",
-                           "1.2.3.4\n",
-                           "1.2.3",
-                           "1.2.3.",
-                           "1.2.3.4.",
-                           "1.2.3.4.5",
-                           ".1.2.3.4",
-                           "1..3.4",
-                           "256.2.3.4",
-                           "1.2.3.256",
-                           "1.2.3.999",
-                           "1.2.3.1000",
-                           "01.2.3.4",
-                           "1.2.3.04",
-                           "00.0.0.0",
-                           "1.2.3.00",
-                           "0x1.2.3.4",
-                           "1.2.3.+4",
-                           "1.2.3.-4",
-                           "1,2,3,4",
-                           "a.b.c.d",
-                           "1.2.3.4a",
-                           "1.2.3.\xff",
-                           "1.2.3.4/24",
-                           "12345",
-                           "1.2.3./",
-                           "1.2.3.:",
-                           "1.2.3.4:80",
-                           "010.020.0.1",
-                           "0.0.0.00",
-                           "2550.1.1.1",
-                           "::1",
-                           "...",
-                           "4294967297.0.0.1",
-                           "1.2.3.25 5"};
-    for (const char *text : texts) {
-        in_addr expected{0xA5A5A5A5};
-        const bool valid = inet_pton(AF_INET, text, &expected) == 1;
-        Record record;
-        EXPECT_EQ(str2addr4(text, record.get()), valid ? 0 : -1) << text;
-        EXPECT_EQ(record.family(), AF_INET) << text;
-        EXPECT_EQ(as<sockaddr_in>(record.get())->sin_addr.s_addr, expected.s_addr) << text;
-    }
-}
-
 TEST(Str2Addr4, TouchesFamilyAndAddressOnly) {
     Record record;
     const std::string before = record.raw();
@@ -295,15 +171,6 @@ TEST(Str2Addr4, TouchesFamilyAndAddressOnly) {
     EXPECT_EQ(record.raw().substr(2, 2), before.substr(2, 2));
     EXPECT_EQ(record.raw().substr(4, 4), std::string("\1\2\3\4", 4));
     EXPECT_EQ(record.raw().substr(8), before.substr(8));
-}
-
-TEST(Str2Addr4, ReadsNothingAfterTheText) {
-    for (const std::string text : {"1.2.3.4", "1.2.3", "1.2.3.", "1", ""}) {
-        vxtest::GuardedBuffer buffer(text.size() + 1);
-        memcpy(buffer.data(), text.c_str(), text.size() + 1);
-        Record record;
-        EXPECT_EQ(str2addr4(buffer.data(), record.get()), text == "1.2.3.4" ? 0 : -1);
-    }
 }
 
 TEST(Str2Addr6, SetsFamilyAndAddressOnly) {
@@ -314,16 +181,6 @@ TEST(Str2Addr6, SetsFamilyAndAddressOnly) {
     EXPECT_EQ(record.raw().substr(2, 6), before.substr(2, 6));
     EXPECT_EQ(record.raw().substr(8, 16), "\1\2\3\4\5\6\7\10\11\12\13\14\15\16\17\20");
     EXPECT_EQ(record.raw().substr(24), before.substr(24));
-}
-
-TEST(Str2Addr6, KeepsTheFamilyWhenItRefusesTheText) {
-    for (const char *text : {"10.0.0.1", "", "1:2:3", "fe80::1\n", "fe80::1%eth0", "::g"}) {
-        Record record;
-        const std::string before = record.raw();
-        EXPECT_EQ(str2addr6(text, record.get()), -1) << text;
-        EXPECT_EQ(record.family(), AF_INET6);
-        EXPECT_EQ(record.raw().substr(2), before.substr(2));
-    }
 }
 
 TEST(Str2Addr, ChoosesIpv6ForATextWithAColonAnywhere) {
@@ -359,14 +216,6 @@ TEST(Str2Addr, OfNullFailsAndStoresNothing) {
     EXPECT_EQ(record.raw(), before);
 }
 
-TEST(Str2Addr, FillsAnIpv4RecordThatIsNoLongerAndNotAligned) {
-    vxtest::GuardedBuffer buffer(9);
-    auto *odd = as<sockaddr>(buffer.data() + 1);
-    ASSERT_EQ(str2addr("9.8.7.6", odd), 0);
-    char text[16];
-    EXPECT_STREQ(addr2str(text, odd), "9.8.7.6");
-}
-
 // --------------------------------------------------------------------- strip_host_part_from_network_address
 
 TEST(StripHostPart, MasksTheAddressInPlace) {
@@ -376,12 +225,6 @@ TEST(StripHostPart, MasksTheAddressInPlace) {
     Record v6("1:2:3:4:5:6:7:8");
     EXPECT_EQ(strip_host_part_from_network_address(v6.get(), Record("ffff::ffff:0:ffff")), 1);
     EXPECT_EQ(v6.text(), "1::6:0:8");
-}
-
-TEST(StripHostPart, TakesMasksThatAreNoPrefix) {
-    Record v4("255.255.255.255");
-    EXPECT_EQ(strip_host_part_from_network_address(v4.get(), Record("255.0.255.1")), 1);
-    EXPECT_EQ(v4.text(), "255.0.255.1");
 }
 
 TEST(StripHostPart, RefusesOtherAndDifferentFamiliesAndNull) {
@@ -405,25 +248,12 @@ TEST(Netmask2Cidr, CountsTheBitsOfAnIpv4Mask) {
     EXPECT_EQ(netmask2cidr(Record("255.255.255.254")), 31);
 }
 
-TEST(Netmask2Cidr, RefusesIpv4MasksWithHoles) {
-    for (const char *mask : {"255.0.255.0", "0.0.0.255", "127.255.255.255", "255.255.253.0", "0.0.0.1"}) {
-        EXPECT_EQ(netmask2cidr(Record(mask)), -1) << mask;
-    }
-}
-
 TEST(Netmask2Cidr, CountsTheBitsOfAnIpv6Mask) {
     EXPECT_EQ(netmask2cidr(Record("::")), 0);
     EXPECT_EQ(netmask2cidr(Record("8000::")), 1);
     EXPECT_EQ(netmask2cidr(Record("ffff:ffff:ffff:ffff::")), 64);
     EXPECT_EQ(netmask2cidr(Record("ffff:ffff:ffff:ffff:ffff:ffff:ffff:fffe")), 127);
     EXPECT_EQ(netmask2cidr(Record("ffff:ffff:ffff:ffff:ffff:ffff:ffff:ffff")), 128);
-}
-
-TEST(Netmask2Cidr, RefusesIpv6MasksWithHoles) {
-    for (const char *mask : {"ffff::ffff", "0:0:ffff:ffff::", "ffff:ffff:fffe:ffff::", "ffff:fff0:ffff::", "::1",
-                             "ffff:ffff:f000:0:8000::", "ffff:ffff:ffff:ffff::8000:0"}) {
-        EXPECT_EQ(netmask2cidr(Record(mask)), -1) << mask;
-    }
 }
 
 TEST(Netmask2Cidr, RefusesOtherFamiliesAndNull) {
@@ -449,13 +279,6 @@ TEST(Net2Cidr, MasksAllOfAnIpv6Address) {
     EXPECT_STREQ(net2cidr(buffer, host, Record("ffff:ffff:ffff:ffff::")), "1:2:3:4::/64");
     EXPECT_STREQ(net2cidr(buffer, host, Record("ffff:ffff:ffff:ffff:ffff:ffff::")), "1:2:3:4:5:6::/96");
     EXPECT_STREQ(net2cidr(buffer, host, Record("ffff:ffff:ffff:ffff:ffff:ffff:ffff:ffff")), "1:2:3:4:5:6:7:8/128");
-}
-
-TEST(Net2Cidr, ReadsAnIpv4RecordOfSixteenBytes) {
-    char buffer[93];
-    ShortRecord host(16, Record("192.168.1.77"));
-    ShortRecord mask(16, Record("255.255.0.0"));
-    EXPECT_STREQ(net2cidr(buffer, host.get(), mask.get()), "192.168.0.0/16");
 }
 
 TEST(Net2Cidr, IsNullAndWritesNothingWhenAStepFails) {
@@ -496,19 +319,6 @@ TEST(Cidr2Netmask, MakesEveryIpv6MaskThatNetmask2CidrReads) {
     Record mask;
     ASSERT_EQ(cidr2netmask(60, mask.get(), AF_INET6), 0);
     EXPECT_EQ(mask.text(), "ffff:ffff:ffff:fff0::");
-}
-
-TEST(Cidr2Netmask, RefusesOtherPrefixesAndFamiliesAndStoresNothing) {
-    Record mask;
-    const std::string before = mask.raw();
-    for (const int prefix : {-1, 33, 128, INT32_MIN, INT32_MAX})
-        EXPECT_EQ(cidr2netmask(prefix, mask.get(), AF_INET), -1);
-    for (const int prefix : {-1, 129, INT32_MIN, INT32_MAX}) EXPECT_EQ(cidr2netmask(prefix, mask.get(), AF_INET6), -1);
-    for (const int family : {0, 7, -1, 0x10000 + AF_INET, 0x10000 + AF_INET6}) {
-        EXPECT_EQ(cidr2netmask(24, mask.get(), family), -1) << family;
-    }
-    EXPECT_EQ(cidr2netmask(24, nullptr, AF_INET), -1);
-    EXPECT_EQ(mask.raw(), before);
 }
 
 TEST(Cidr2Netmask, TouchesFamilyAndMaskOnly) {
@@ -554,18 +364,6 @@ TEST(Address, FunctionsLeaveErrnoAlone) {
     EXPECT_EQ(netmask2cidr(Record::ofFamily(7)), -1);
     EXPECT_NE(net2cidr(buffer, Record("1.2.3.4"), Record("255.0.0.0")), nullptr);
     EXPECT_EQ(errno, 4711);
-}
-
-// -------------------------------------------------------------------------------------------------- example
-
-TEST(AddressExample, CalculatesANetwork) {
-    const std::string program = vxtest::built("examples/address_netcalc");
-    EXPECT_EQ(vxtest::run({program, "192.168.1.77", "24"}).text,
-              "address 192.168.1.77\nnetmask 255.255.255.0\nnetwork 192.168.1.0/24\n");
-    EXPECT_EQ(vxtest::run({program, "fe80::1:2:3:4", "64"}).text,
-              "address fe80::1:2:3:4\nnetmask ffff:ffff:ffff:ffff::\nnetwork fe80::/64\nlink-local\n");
-    EXPECT_EQ(vxtest::run({program, "192.168.1.77", "33"}).status, 1);
-    EXPECT_EQ(vxtest::run({program, "192.168.1", "24"}).status, 1);
 }
 
 }  // namespace
