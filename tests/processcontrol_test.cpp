@@ -1,81 +1,24 @@
 // SPDX-License-Identifier: MIT
-#include <sched.h>
-#include <sys/mount.h>
-#include <sys/stat.h>
+// ProcessControl and ProcessEntry in ordinary use. The limits are in processcontrol_limits_test.cpp.
 #include <sys/wait.h>
 #include <unistd.h>
 #include <vxutils/processcontrol.h>
 
 #include <algorithm>
-#include <cstring>
-#include <filesystem>
-#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include "support/files.h"
 #include "support/process.h"
+#include "support/processcontrol.h"
 #include "support/resources.h"
 
 namespace {
 
+using namespace vxtest::processes;
 using testing::ElementsAre;
 using testing::IsEmpty;
-using testing::UnorderedElementsAre;
-
-std::vector<ProcessEntry *> entriesOf(const ProcessControl &control) {
-    std::vector<ProcessEntry *> entries;
-    for (ProcessEntry *e = control.getNextProcessEntryByName(nullptr, nullptr); e != nullptr; e = e->getNext()) {
-        entries.push_back(e);
-    }
-    return entries;
-}
-
-std::vector<int> pidsOf(const ProcessControl &control) {
-    std::vector<int> pids;
-    for (const ProcessEntry *entry : entriesOf(control)) pids.push_back(entry->getPid());
-    return pids;
-}
-
-std::vector<std::string> namesOf(const ProcessControl &control) {
-    std::vector<std::string> names;
-    for (const ProcessEntry *entry : entriesOf(control)) names.emplace_back(entry->getName());
-    return names;
-}
-
-// A process of /proc made by a test: a directory with the command line in it. It has a number that no real process has:
-// an emulator answers itself for its own.
-void addProcess(int pid, const std::string &commandLine) {
-    vxtest::writeFile("/proc/" + std::to_string(pid) + "/cmdline", commandLine);
-}
-
-void removeProcess(int pid) { std::filesystem::remove_all("/proc/" + std::to_string(pid)); }
-
-// Runs `body`, which makes its expectations itself, in a child with an empty /proc.
-void withEmptyProc(const std::function<void()> &body) {
-    EXPECT_EQ(vxtest::inChild([&] {
-                  if (::unshare(CLONE_NEWNS) == -1) return 101;
-                  if (::mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == -1) return 102;
-                  if (::mount("none", "/proc", "tmpfs", 0, nullptr) == -1) return 103;
-                  body();
-                  return testing::Test::HasFailure() ? 1 : 0;
-              }),
-              0);
-}
-
-// Counts what is asked of it, and its own end.
-class CountingEntry : public ProcessEntry {
-public:
-    using ProcessEntry::ProcessEntry;
-    ~CountingEntry() override { ++deleted; }
-    int getPid() const override {
-        ++asked;
-        return ProcessEntry::getPid();
-    }
-    inline static long asked = 0;
-    inline static long deleted = 0;
-};
 
 // A process that has ended and is not waited for: it has no command line, like a thread of the kernel.
 class Zombie {
@@ -212,159 +155,6 @@ TEST(ProcessControl, AnIncrementalRefreshDoesNotReadNamesAgain) {
     });
 }
 
-TEST(ProcessControl, NamesAreCommandLinesWithBlanks) {
-    const std::pair<std::string, std::string> lines[] = {
-        {std::string("prog\0-a\0b c\0", 12), "prog -a b c"},
-        {"no terminator", "no terminator"},
-        {std::string("two\0\0", 5), "two "},
-        {"blank at the end ", "blank at the end"},
-        {std::string("\0", 1), ""},
-        {std::string("\0\0", 2), " "},
-        {std::string("\0first empty\0", 13), " first empty"},
-        {std::string(254, 'x') + std::string("\0", 1), std::string(254, 'x')},
-        {std::string(255, 'x'), std::string(255, 'x')},
-        {std::string(256, 'x'), std::string(255, 'x')},
-        {std::string(254, 'x') + std::string("\0yz", 3), std::string(254, 'x')},
-        {std::string(10000, 'x'), std::string(255, 'x')},
-        {"", "[700005]"},
-    };
-    for (const auto &line : lines) {
-        withEmptyProc([&] {
-            ProcessControl control;
-            addProcess(700005, line.first);
-            control.refresh(false);
-            EXPECT_THAT(namesOf(control), ElementsAre(line.second));
-            EXPECT_EQ(control.getNumberOfProcesses(), line.first.empty() ? 0 : 1);
-        });
-    }
-}
-
-TEST(ProcessControl, TakesDirectoriesWithNumericNamesOnly) {
-    withEmptyProc([] {
-        for (const char *name : {"self", "700005a", "-700005", "0x700005", " 700005", "700005 "}) {
-            vxtest::writeFile("/proc/" + std::string(name) + "/cmdline", "no");
-        }
-        vxtest::writeFile("/proc/700077", "a file");
-        addProcess(700006, "yes");
-        EXPECT_EQ(::symlink("700006", "/proc/700078"), 0);
-        EXPECT_EQ(::mkdir("/proc/700079", 0755), 0);  // without command line file: as a process that has just ended
-        vxtest::writeFile("/proc/99999999999999999999/cmdline", "no such number");
-        ProcessControl control;
-        control.refresh(false);
-        EXPECT_THAT(pidsOf(control), ElementsAre(700006));
-        EXPECT_THAT(namesOf(control), ElementsAre("yes"));
-        EXPECT_EQ(control.getNumberOfProcesses(), 1);
-    });
-}
-
-TEST(ProcessControl, ReadsTheProcessOfTheNumberWhateverTheDirectoryIsCalled) {
-    withEmptyProc([] {
-        vxtest::writeFile("/proc/0700007/cmdline", "of the padded one");
-        ProcessControl control;
-        control.refresh(false);
-        EXPECT_THAT(pidsOf(control), IsEmpty());
-        addProcess(700007, "");
-        control.refresh(false);
-        EXPECT_THAT(namesOf(control), UnorderedElementsAre("[700007]", "[0700007]"));
-    });
-}
-
-TEST(ProcessControl, FollowsProcessesThatComeAndGoInAnyOrder) {
-    withEmptyProc([] {
-        ProcessControl control;
-        std::vector<int> alive;
-        unsigned int random = 12345;
-        for (int round = 0; round < 40; ++round) {
-            for (int i = 0; i < 30; ++i) {
-                random = random * 1103515245 + 12345;
-                const int pid = static_cast<int>(random >> 16) % 200 + 700001;
-                const auto found = std::find(alive.begin(), alive.end(), pid);
-                if (found == alive.end()) {
-                    addProcess(pid, "p" + std::to_string(pid));
-                    alive.push_back(pid);
-                } else {
-                    removeProcess(pid);
-                    alive.erase(found);
-                }
-            }
-            const auto before = pidsOf(control);
-            control.refresh(true);
-            EXPECT_THAT(pidsOf(control), testing::UnorderedElementsAreArray(alive));
-            EXPECT_EQ(control.getNumberOfProcesses(), static_cast<int>(alive.size()));
-            // those that stayed keep their order, new ones are after them
-            std::vector<int> expected;
-            for (const int pid : before) {
-                if (std::find(alive.begin(), alive.end(), pid) != alive.end()) expected.push_back(pid);
-            }
-            auto now = pidsOf(control);
-            ASSERT_GE(now.size(), expected.size());
-            now.resize(expected.size());
-            EXPECT_EQ(now, expected);
-            for (const int pid : alive) {
-                EXPECT_EQ(control.getProcessEntryByPid(pid)->getName(), "p" + std::to_string(pid));
-            }
-        }
-    });
-}
-
-TEST(ProcessControl, AsksEachEntryAFewTimesOnlyHoweverLongTheList) {
-    constexpr int many = 3000;
-    for (const bool sameOrder : {true, false}) {
-        withEmptyProc([&] {
-            addProcess(1, "init");
-            ProcessControl control;
-            control.refresh(false);
-            for (int pid = 2; pid <= many; ++pid) EXPECT_EQ(::mkdir(("/proc/" + std::to_string(pid)).c_str(), 0755), 0);
-            std::vector<int> order;
-            for (const auto &entry : std::filesystem::directory_iterator("/proc")) {
-                order.push_back(std::stoi(entry.path().filename()));
-            }
-            if (!sameOrder) std::reverse(order.begin(), order.end());
-            ProcessEntry *tail = control.getProcessEntryByPid(1);
-            for (const int pid : order) {
-                if (pid == 1) continue;
-                tail->setNext(new CountingEntry(pid, "x"));
-                tail = tail->getNext();
-            }
-            CountingEntry::asked = 0;
-            control.refresh(true);
-            EXPECT_LT(CountingEntry::asked, 4L * many);
-            EXPECT_EQ(entriesOf(control).size(), static_cast<size_t>(many));
-        });
-    }
-}
-
-TEST(ProcessControl, AFullRefreshWithoutProcIsEmpty) {
-    ProcessControl control;
-    withEmptyProc([&] {
-        control.refresh(false);
-        EXPECT_THAT(pidsOf(control), IsEmpty());
-    });
-    control.refresh(false);
-    EXPECT_EQ(vxtest::inChild([&] {
-                  if (::chroot("/tmp") == -1) return 1;
-                  control.refresh(false);
-                  return control.getNumberOfProcesses() == 0 && pidsOf(control).empty() ? 0 : 2;
-              }),
-              0);
-}
-
-TEST(ProcessControl, AnIncrementalRefreshWithoutProcKeepsAllEntriesAsNotValid) {
-    ProcessControl control;
-    control.refresh(false);
-    EXPECT_EQ(vxtest::inChild([&] {
-                  const int count = control.getNumberOfProcesses();
-                  const auto pids = pidsOf(control);
-                  if (::chroot("/tmp") == -1) return 1;
-                  control.refresh(true);
-                  if (control.getNumberOfProcesses() != count || pidsOf(control) != pids || pids.empty()) return 2;
-                  const auto entries = entriesOf(control);
-                  return std::any_of(entries.begin(), entries.end(), [](ProcessEntry *e) { return e->isValid(); }) ? 3
-                                                                                                                   : 0;
-              }),
-              0);
-}
-
 TEST(ProcessControl, LeavesNoDescriptorOpen) {
     const vxtest::NoLeaks leaks;
     ProcessControl control;
@@ -467,15 +257,6 @@ TEST(ProcessControl, CountsRealProcessesByName) {
     EXPECT_EQ(control.getNumberOfProcessesByName("/bin/sleep 301.25"), 2);
 }
 
-TEST(ProcessControl, IsNumericForDecimalDigitsOnly) {
-    const ProcessControl control;
-    for (const char *text : {"", "0", "0123456789", "99999999999999999999999"}) EXPECT_TRUE(control.isNumeric(text));
-    for (const char *text : {"a", "1a", "-1", "+1", " 1", "1 ", "1.0", "/", ":", "\xb2"}) {
-        EXPECT_FALSE(control.isNumeric(text)) << text;
-    }
-    EXPECT_FALSE(control.isNumeric(nullptr));
-}
-
 // -------------------------------------------------------------------------------------------- own operations
 
 // Counts what refresh() asks of itself, and hides a process from it.
@@ -512,23 +293,6 @@ TEST(ProcessControl, RefreshGoesThroughItsOwnVirtualOperations) {
     EXPECT_EQ(entriesOf(control).size(), before.size());
     EXPECT_EQ(pidsOf(control).back(), 1);
     EXPECT_EQ(control.getNumberOfProcesses(), count);
-}
-
-TEST(ProcessControl, TwoListsOfOneThreadDoNotMeet) {
-    class Outer : public ProcessControl {
-    public:
-        ProcessEntry *getProcessEntryByPid(int pid) override {
-            inner.refresh(true);
-            return ProcessControl::getProcessEntryByPid(pid);
-        }
-        ProcessControl inner;
-    };
-    Outer outer;
-    outer.refresh(false);
-    const auto before = entriesOf(outer);
-    outer.refresh(true);
-    EXPECT_EQ(entriesOf(outer), before);
-    EXPECT_EQ(pidsOf(outer.inner), pidsOf(outer));
 }
 
 // ------------------------------------------------------------------------------------------------- example
