@@ -22,8 +22,8 @@
 #include "support/watched_memory.h"
 
 VXTEST_HOOK_AS(int, fstat, "__fstat64_time64", (int fd, struct stat *status), (fd, status))
-VXTEST_HOOK(int, poll, (pollfd * fds, nfds_t count, int timeout), (fds, count, timeout))
-VXTEST_HOOK(ssize_t, write, (int fd, const void *data, size_t size), (fd, data, size))
+VXTEST_THREAD_HOOK(int, poll, (pollfd * fds, nfds_t count, int timeout), (fds, count, timeout))
+VXTEST_THREAD_HOOK(ssize_t, write, (int fd, const void *data, size_t size), (fd, data, size))
 VXTEST_HOOK(int, zmq_msg_close, (zmq_msg_t * message), (message))
 VXTEST_HOOK(int, zmq_setsockopt, (void *socket, int option, const void *value, size_t size),
             (socket, option, value, size))
