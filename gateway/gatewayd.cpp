@@ -358,8 +358,8 @@ private:
     void endProgram() {
         ending_ = true;
         ::kill(program_, SIGTERM);
-        // SIGCONT takes away a SIGSTOP that is pending: a program in which the address sanitizer attaches to look for leaks
-        // would wait for that stop for ever.
+        // SIGCONT cancels a pending SIGSTOP: a program to which the address sanitizer attaches in its check for leaks would
+        // wait for that stop for ever.
         if (programIsStopped()) ::kill(program_, SIGCONT);
         killing_ = Clock::now() + graceToEnd;
     }

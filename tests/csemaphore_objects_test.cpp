@@ -132,7 +132,7 @@ private:
     }
 
     void replay() {
-        ::alarm(hangs_s);  // for each sequence anew: a busy board may need minutes for all
+        ::alarm(hangs_s);  // again for each sequence: a busy board may need minutes for all of them
         ++sequences_;
         int depth = 0;
         for (const auto &[object, lock] : steps_) {

@@ -560,7 +560,7 @@ TEST(Scenario, TimesCountFromAConditionAndRoundsRepeat) {
     EXPECT_EQ(output.status, 0);
 }
 
-// SIGCONT after SIGTERM takes away a SIGSTOP with which a tracer attaches meanwhile, as a check for leaks does.
+// SIGCONT cancels a pending SIGSTOP, such as the one by which a check for leaks attaches to the program's threads.
 TEST(Scenario, OnlyAStoppedProgramIsContinuedToEnd) {
     vxtest::writeFile("/tmp/program",
                       "#!/usr/bin/python3\nimport os, signal, time\n"
