@@ -79,7 +79,7 @@ public:
     /**
      * Tell the first IPv4 address.
      * @param name  interface's name
-     * @return the address, in host order; 0 when there is no such interface or it has no address.
+     * @return the address, in host order; 0 if the interface does not exist or has no address.
      */
     unsigned int getIpV4Address(const char *name) const;
 
@@ -94,7 +94,7 @@ public:
     /**
      * Tell the netmask of the first IPv4 address.
      * @param name  interface's name
-     * @return the netmask, in host order; 0 when there is no such interface or it has no address.
+     * @return the netmask, in host order; 0 if the interface does not exist or has no address.
      */
     unsigned int getIpV4Mask(const char *name) const;
 

@@ -72,8 +72,8 @@ struct storage_list {
 typedef struct storage_list storage_list; /**< the record's short name */
 
 /**
- * Find the storage devices, as they are at this moment: call it again to see what was plugged in since. The prefix of
- * the name is fixed; there is no newer function.
+ * Find the storage devices, as they are at this moment: call it again to see what was plugged in since. This is the
+ * function to use: the prefix "old_" is part of its fixed name only.
  *
  * @param mask  types that are wanted, 0 for all (then taken as 255)
  * @return the list, possibly empty; the caller empties it with old_free_storage() and frees the head with free(). NULL
