@@ -11,6 +11,7 @@ extern "C" size_t strlcpy(char *__restrict dest, const char *__restrict src, siz
 #include <vxutils/strutil.h>
 #pragma pop_macro("__GLIBC_MINOR__")
 
+#include <cerrno>
 #include <climits>
 #include <clocale>
 #include <cstdint>
@@ -24,6 +25,11 @@ extern "C" size_t strlcpy(char *__restrict dest, const char *__restrict src, siz
 
 // The sanitizer's allocator is to fail as the real one does.
 extern "C" const char *__asan_default_options() { return "allocator_may_return_null=1"; }
+
+// The program's own functions are found before the C library's, by the library too: a locale in which 0xe4 and 0xc4 are
+// a letter in both cases, which a machine need not have.
+int tolower(int c) noexcept { return (c >= 'A' && c <= 'Z') || c == 0xc4 ? c + 0x20 : c; }
+int toupper(int c) noexcept { return (c >= 'a' && c <= 'z') || c == 0xe4 ? c - 0x20 : c; }
 
 namespace {
 
@@ -75,32 +81,35 @@ TEST(Strlcpy, AnEmptyTextIsTheTerminatorAlone) {
 }
 
 TEST(Strtolower, ChangesInPlaceAndReturnsItsArgument) {
-    auto text = copyOf("MiXed 123 \xc4");
+    auto text = copyOf("MiXed 123 \xc5");
     EXPECT_EQ(strtolower(text.data()), text.data());
-    EXPECT_STREQ(text.data(), "mixed 123 \xc4");
+    EXPECT_STREQ(text.data(), "mixed 123 \xc5");
     char empty[1] = "";
     EXPECT_EQ(strtolower(empty), empty);
     EXPECT_EQ(strtolower(nullptr), nullptr);
 }
 
 TEST(Strtoupper, ChangesInPlaceAndReturnsItsArgument) {
-    auto text = copyOf("MiXed 123 \xe4");
+    auto text = copyOf("MiXed 123 \xe5");
     EXPECT_EQ(strtoupper(text.data()), text.data());
-    EXPECT_STREQ(text.data(), "MIXED 123 \xe4");
+    EXPECT_STREQ(text.data(), "MIXED 123 \xe5");
     char empty[1] = "";
     EXPECT_EQ(strtoupper(empty), empty);
     EXPECT_EQ(strtoupper(nullptr), nullptr);
 }
 
-TEST(Strtoupper, TakesEveryByteThroughTheLocalesTable) {
+TEST(Strtoupper, ItAndStrtolowerTakeEveryByteThroughTheCLibrarysFunctions) {
     for (int byte = 1; byte < 256; ++byte) {
         char text[2] = {static_cast<char>(byte), '\0'};
         strtoupper(text);
-        EXPECT_EQ(text[0], static_cast<char>(std::toupper(byte)));
+        EXPECT_EQ(text[0], static_cast<char>(toupper(byte))) << byte;
         text[0] = static_cast<char>(byte);
         strtolower(text);
-        EXPECT_EQ(text[0], static_cast<char>(std::tolower(byte)));
+        EXPECT_EQ(text[0], static_cast<char>(tolower(byte))) << byte;
     }
+    char letter[] = "\xc4";
+    EXPECT_STREQ(strtolower(letter), "\xe4");
+    EXPECT_STREQ(strtoupper(letter), "\xc4");
 }
 
 TEST(IsNumber, AcceptsDigitsAndSignsAnywhere) {
@@ -199,6 +208,16 @@ TEST(Strformat, CutsAt2046Characters) {
     EXPECT_EQ(::strlen(strformat("%2046d", 1)), 2046U);
     EXPECT_EQ(::strlen(strformat("%2047d", 1)), 2046U);
     EXPECT_EQ(::strlen(strformat("%100000d", 1)), 2046U);
+}
+
+TEST(Strformat, LeavesErrnoAlone) {
+    errno = ENOTTY;
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat"  // %m
+    EXPECT_STREQ(strformat("%m"), ::strerror(ENOTTY));
+#pragma GCC diagnostic pop
+    strformat("%lc", static_cast<wint_t>(0xd800));  // not a character: vsnprintf() fails
+    EXPECT_EQ(errno, ENOTTY);
 }
 
 std::string escaped(const std::string &src, size_t n, size_t size) {
@@ -348,6 +367,19 @@ TEST(ValidateTimeString, NeedsAllSixFieldsInRange) {
     EXPECT_EQ(validateTimeString(nullptr), -1);
     EXPECT_EQ(validateTimeString("2020-01-01T4294967297:00:00"), -1);
     EXPECT_EQ(validateTimeString("4294969316-01-01T00:00:00"), -1);
+}
+
+TEST(Validators, LeaveErrnoAlone) {
+    const std::string large(30, '9');
+    errno = ENOTTY;
+    EXPECT_EQ(validateDate((large + "-01-01").c_str()), -1);
+    EXPECT_EQ(errno, ENOTTY);
+    EXPECT_EQ(validateTime((large + ":00:00").c_str()), -1);
+    EXPECT_EQ(errno, ENOTTY);
+    EXPECT_EQ(validateTime(("-" + large + ":00:00").c_str()), 0);
+    EXPECT_EQ(errno, ENOTTY);
+    EXPECT_EQ(validateTimeString((large + "-01-01T00:00:00").c_str()), -1);
+    EXPECT_EQ(errno, ENOTTY);
 }
 
 TEST(Stricmp, FoldsAsciiLettersOnly) {

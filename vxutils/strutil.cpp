@@ -9,6 +9,7 @@
 #include <cstring>
 
 #include "vxutils/internal/digits.h"
+#include "vxutils/internal/errno_keeper.h"
 
 namespace {
 
@@ -120,6 +121,7 @@ char *stripwhite(char *s) { return stripchars(s, whiteSpace); }
 const char *strformat(const char *fmt, ...) {
     formatted[0] = '\0';
     if (fmt == nullptr) return formatted;
+    const vx::ErrnoKeeper keeper;
     va_list args;
     va_start(args, fmt);
     (void)std::vsnprintf(formatted, formatLimit, fmt, args);
@@ -160,10 +162,12 @@ int e164Number(const char *s) {
 }
 
 // What the three validators accept is what sscanf takes, blanks, signs and trailing text included. The numbers are read
-// with 64 bits: sscanf() would cut a larger one down to what may pass where long is wider than int.
+// with 64 bits: sscanf() would cut a larger one down to what may pass where long is wider than int. It sets errno for a
+// number of more than 64 bits.
 // NOLINTBEGIN(cert-err34-c)
 int validateTimeString(const char *s) {
     if (s == nullptr) return -1;
+    const vx::ErrnoKeeper keeper;
     long long year, month, day, hour, minute, second;
     const int fields = std::sscanf(s, "%lld-%lld-%lldT%lld:%lld:%lld", &year, &month, &day, &hour, &minute, &second);
     return verdict(fields == 6 && isDate(year, month, day) && isTime(hour, minute, second));
@@ -172,12 +176,14 @@ int validateTimeString(const char *s) {
 // Quirk Q6.
 int validateTime(const char *s) {
     if (s == nullptr) return -1;
+    const vx::ErrnoKeeper keeper;
     long long hour, minute, second;
     return verdict(std::sscanf(s, "%lld:%lld:%lld", &hour, &minute, &second) == 3 && isTime(hour, minute, second));
 }
 
 int validateDate(const char *s) {
     if (s == nullptr) return -1;
+    const vx::ErrnoKeeper keeper;
     long long year, month, day;
     return verdict(std::sscanf(s, "%lld-%lld-%lld", &year, &month, &day) == 3 && isDate(year, month, day));
 }
