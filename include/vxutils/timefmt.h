@@ -101,7 +101,8 @@ VXUTILS_API const char *format_size(int64_t bytes);
 
 /**
  * Write a transfer rate in "Kbit/s", "Mbit/s", "Gbit/s" or "Tbit/s" (each 1024 of the one before) with one decimal.
- * @param bytes_per_second a rate in bytes per second. The text for a negative rate is unspecified.
+ * @param bytes_per_second a rate in bytes per second. A negative one is printed in "Kbit/s", with a sign before each of
+ *        the two numbers that is not zero ("-7.-7 Kbit/s").
  * @return static text, valid until the next call, as "7.8 Kbit/s".
  */
 VXUTILS_API const char *format_rate(int64_t bytes_per_second);
