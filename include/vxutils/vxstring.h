@@ -414,11 +414,12 @@ public:
      * Replace the text by a formatted one. The compiler checks the arguments as it does for printf, and the same rule
      * holds here: a String is passed as `text.c_str()`.
      *
-     * Use only the conversions `d i u x X o c s p %`, with flags, width, precision and the lengths `h` and `l`. Pass a
-     * `size_t` as `%lu` with a cast to `unsigned long`, and a `long long` or a `double` as a text. The reason (Quirk
-     * Q4): the length comes from strlenf() (xprintf.h) and the bytes from the system's `vsnprintf`. A conversion that
-     * only the latter knows (`%zu`, `%lld`, `%hhu`, `%f`, `%e`, `%g`) is measured without its argument, and the text is
-     * cut or filled with NULs to that length. An empty result gives the shared empty buffer.
+     * Use only the conversions `d i u x X o c s p %`, with flags, width and precision, and the lengths `h` and `l` of
+     * numbers. Pass a `size_t` as `%lu` with a cast to `unsigned long`, and a `long long` or a `double` as a text. The
+     * reason (Quirk Q4): the length comes from strlenf() (xprintf.h) and the bytes from the system's `vsnprintf`. A
+     * conversion that only the latter knows (`%zu`, `%lld`, `%hhu`, `%f`, `%e`, `%g`) is measured without its argument,
+     * `%ls` and `%lc` as bytes, and the text is cut or filled with NULs to that length. An empty result gives the
+     * shared empty buffer.
      * @param fmt format; NULL counts as empty
      * @return this String
      */

@@ -32,6 +32,7 @@
  *
  * - A zero value always prints its one digit, also with precision 0. The 0 flag pads texts with zeros, too.
  * - n counts skipped characters and stops once the buffer is full.
+ * - l is ignored before c, s, p and n, h before c, s and p: with ls the argument is a text of bytes, with ln an int.
  * - Any other conversion character, floating point and a second l or h included, prints itself and takes no argument
  *   (but those of its stars); what came before it is dropped. A lone percent sign at the end ends the output.
  * - A negative \* precision counts as none. A width or precision written in digits wraps when it overflows.
