@@ -203,6 +203,15 @@ TEST(NbrOfChars, OfNoBytesToALineIsTheRoomForOneLine) {
     }
 }
 
+TEST(DataChunk2String, ALineThatIsNoWholeNumberOfWordsIsNeverBroken) {
+    const std::vector<uint32_t> words(25, 0xdeadbeef);
+    for (const unsigned int lineBytes : {1U, 2U, 3U, 5U, 6U, 7U, 10U, 99U, UINT_MAX}) {
+        vxtest::GuardedBuffer guarded(nbrOfChars_forDataChunk2String(100, 0));
+        dataChunk2String(words.data(), guarded.data(), 100, lineBytes);
+        EXPECT_EQ(std::string(guarded.data()), dumped(words, 100, 0)) << lineBytes;
+    }
+}
+
 TEST(NbrOfChars, DoesNotWrapAround) {
     EXPECT_EQ(nbrOfChars_forDataChunk2String(UINT_MAX, 4), UINT_MAX);
     EXPECT_EQ(nbrOfChars_forDataChunk2String(UINT_MAX, 0x80000000U), UINT_MAX);
