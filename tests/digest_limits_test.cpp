@@ -255,6 +255,23 @@ TYPED_TEST(EachDigest, DestroyAsksADerivedClassForTheCompleteLength) {
     EXPECT_EQ(context.getReturnedHashLength(), 12U);
 }
 
+// Writes more than it says, and only the part that it says is right.
+template <typename Context>
+class ShortWithRest : public Short<Context> {
+public:
+    void getHash(unsigned char *out) override {
+        Context::getHash(out);
+        out[wrong] = static_cast<unsigned char>(~out[wrong]);
+    }
+    size_t wrong = 12;
+};
+
+TYPED_TEST(EachDigest, TestComparesAsManyBytesAsTheDigestSaysItHas) {
+    ShortWithRest<TypeParam> context;
+    EXPECT_EQ(context.test(), 0);
+    for (context.wrong = 0; context.wrong < 12; ++context.wrong) EXPECT_EQ(context.test(), -1) << context.wrong;
+}
+
 // Takes every byte twice.
 template <typename Context>
 class Doubling : public Recording<Context> {
