@@ -129,6 +129,18 @@ TEST_F(Eventsource, WholeSecondsAndMillisecondsAddUp) {
     source->removeTimer(&longest);
 }
 
+// Slots of descriptors without a timer hold a null pointer, too.
+TEST_F(Eventsource, NoTimerIsThatOfNull) {
+    init();
+    Timer timer(100000, false);
+    EXPECT_FALSE(source->activeTimer(nullptr));
+    source->addTimer(&timer);
+    EXPECT_FALSE(source->activeTimer(nullptr));
+    source->removeTimer(nullptr);
+    EXPECT_TRUE(source->activeTimer(&timer));
+    source->removeTimer(&timer);
+}
+
 TEST_F(Eventsource, ALowerNumberAddedLaterIsRemovedFirst) {
     init();
     const int low = ::open("/dev/null", O_RDONLY | O_CLOEXEC);

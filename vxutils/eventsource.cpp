@@ -378,6 +378,7 @@ void CEPollEventsource::forgetTimer(TimerMap::iterator timer) {
 // addTimer() and removeTimer() take on the board, which is more than it saves with fewer than 120 descriptors.
 // Quirk Q65.
 int CEPollEventsource::lowestTimerOf(const ITimeoutEventsink *sink) const {
+    if (sink == nullptr) return -1;  // slots without a timer hold null as well
     const std::vector<Watched> &low = tables().byNumber;
     const auto found = std::find_if(low.begin(), low.end(), [=](const Watched &one) { return one.timer == sink; });
     if (found != low.end()) return static_cast<int>(found - low.begin());
