@@ -402,6 +402,24 @@ TEST_F(ConfigdTransportFaults, AnInterruptedWaitEndsAfterItsTenSecondsAndLeavesT
     EXPECT_STREQ(buffer, "abc");
 }
 
+TEST_F(ConfigdTransportFaults, ReceivingFromASocketOfTheCallersOwnEndsAfterItsTenSeconds) {
+    EXPECT_EQ(vxtest::inChild([] {
+                  ::alarm(30);
+                  int ends[2];
+                  if (::socketpair(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0, ends) == -1) return 1;
+                  configd_handle record{};
+                  record.fd = ends[0];
+                  char buffer[8];
+                  if (::send(ends[1], "Ready", 5, 0) != 5) return 2;
+                  if (configd_recv(&record, buffer, sizeof buffer) != 5) return 2;
+                  if (std::strcmp(buffer, "Ready") != 0) return 3;
+                  const auto start = Clock::now();
+                  if (configd_recv(&record, buffer, sizeof buffer) != -1) return 4;
+                  return Clock::now() - start >= 10s ? 0 : 5;
+              }),
+              0);
+}
+
 TEST_F(ConfigdTransportFaults, ADaemonThatStopsReadingIsAShortSendAfterTenSeconds) {
     const Handle handle = openHandle();
     daemon.tell("deaf");

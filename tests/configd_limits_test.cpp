@@ -102,15 +102,40 @@ TEST_F(ConfigdFetch, KeysAreCutTo254CharactersWhenAddedAndWhenFetched) {
     EXPECT_EQ(reinterpret_cast<configd_entry *>(handle->queries.next)->key, plain.substr(0, 254));
 }
 
-TEST_F(ConfigdFetch, AnEmptyKeyIsNotAdded) {
+TEST_F(ConfigdFetch, AnEmptyKeyIsAKeyLikeAnyOther) {
     const Handle handle = openHandle();
-    EXPECT_EQ(configd_add_query(handle.get(), "%s", ""), -1);
-    EXPECT_EQ(handle->count, 0);
     EXPECT_STREQ(configd_fetch(handle.get(), "%s", ""), "");
+    EXPECT_EQ(log.take(), (Log{{LOG_DEBUG, "key '' not found"}}));
+    configd_clear(handle.get());
+    daemon.tell(R"(raw all\n\0)");
+    daemon.tell("trace on");
+    for (int i = 0; i < 2; ++i) EXPECT_EQ(configd_add_query(handle.get(), "%s", ""), 0);
+    EXPECT_EQ(handle->count, 1);
+    EXPECT_STREQ(configd_fetch(handle.get(), "%s", ""), "all");
+    EXPECT_EQ(daemon.tell("trace off"), (Lines{R"(request "?\n\0")", R"(answer "all\n\0")"}));
+    EXPECT_EQ(log.take(), Log{});
+}
+
+// The C locale has no byte for this character: vsnprintf() fails.
+TEST_F(ConfigdFetch, AKeyThatCannotBePrintedIsNotAdded) {
+    const Handle handle = openHandle();
+    EXPECT_EQ(configd_add_query(handle.get(), "%ls", L"\u0100"), -1);
+    EXPECT_EQ(handle->count, 0);
+    EXPECT_STREQ(configd_fetch(handle.get(), "%ls", L"\u0100"), "");
     EXPECT_EQ(log.take(), (Log{{LOG_DEBUG, "key '' not found"}}));
 }
 
 // ---- values one by one
+
+TEST_F(ConfigdGet, ARecordWithAnEmptyKeyIsAskedForWhenItIsReadAlone) {
+    const Handle handle = openHandle();
+    daemon.tell(R"(raw all\n\0)");
+    daemon.tell("trace on");
+    auto none = entries({});
+    EXPECT_EQ(configd_prepare_get(handle.get(), none.data()), 0);
+    EXPECT_STREQ(none[0].value, "all");
+    EXPECT_EQ(daemon.tell("trace off"), (Lines{R"(request "?\n\0")", R"(answer "all\n\0")"}));
+}
 
 TEST_F(ConfigdGet, AKeyThatFillsItsFieldToTheLastByteIsReadNoFurther) {
     const Handle handle = openHandle();

@@ -98,7 +98,7 @@ Place findQuery(configd_handle *handle, std::string_view key, uint32_t hash) {
 
 using Key = std::array<char, queryKeySize>;
 
-// Returns the formatted key, cut to what `room` holds; empty when the format cannot be printed. A format without
+// Returns the formatted key, cut to what `room` holds; without data when the format cannot be printed. A format without
 // conversions is returned as it is, because most keys are plain texts and configd_fetch() is called often.
 __attribute__((format(printf, 2, 0))) std::string_view makeKey(Key &room, const char *format, va_list args) {
     const std::string_view plain = format;
@@ -453,7 +453,7 @@ int configd_add_query(configd_handle *handle, const char *format, ...) {
     va_start(args, format);
     const std::string_view key = makeKey(room, format, args);
     va_end(args);
-    return key.empty() ? -1 : addQuery(handle, key);
+    return key.data() == nullptr ? -1 : addQuery(handle, key);
 }
 
 // Quirk Q43.
@@ -471,7 +471,7 @@ const char *configd_fetch(configd_handle *handle, const char *format, ...) {
     va_start(args, format);
     const std::string_view key = makeKey(room, format, args);
     va_end(args);
-    if (!key.empty()) {
+    if (key.data() != nullptr) {
         const Query *query = findQuery(handle, key, vx::textHash(key.data(), key.size())).found;
         if (query != nullptr) return query->entry.value;
     }
@@ -540,6 +540,7 @@ int configd_send(configd_handle *handle, const char *data, int length) {
 // Quirk Q41.
 int configd_recv(configd_handle *handle, char *data, int size) {
     if (handle == nullptr || handle->fd < 0 || data == nullptr || size <= 0) return -1;
+    limitTime(handle->fd, SO_RCVTIMEO, promptAnswer);  // the socket may be the caller's own
     bool prompt = false;
     const int received = receiveAnswer(handle->fd, data, size, prompt);
     if (received == -1) {
@@ -552,7 +553,7 @@ int configd_recv(configd_handle *handle, char *data, int size) {
 
 // Quirk Q42.
 int configd_prepare_get(configd_handle *handle, configd_entry *entry) {
-    if (handle == nullptr || entry == nullptr || entry->key[0] == '\0') return -1;
+    if (handle == nullptr || entry == nullptr) return -1;
     Message message;
     const std::string_view key = fieldText(entry->key);
     message[0] = '?';

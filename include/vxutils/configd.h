@@ -72,9 +72,10 @@
  * until it answers. configd_get() and the first configd_fetch() do so once for each key. A program with an event loop
  * calls them in another thread and passes the results to the loop with messagequeue.h.
  *
- * **Errors.** A call that fails returns -1 to -4, NULL or an empty text and logs one line (LOG_ERR). Without the daemon
- * configd_get(), configd_set() and configd_done() fail at once ("unable to send query to configd") and configd_fetch()
- * returns empty texts; the same handle works as soon as the daemon runs. configd_fetch() also returns an empty text for
+ * **Errors.** A call that fails returns -1 to -4, NULL or an empty text. A failed exchange or connection is logged
+ * (LOG_ERR), wrong arguments are not; configd_fetch() adds "configd_get failed". Without the daemon configd_get(),
+ * configd_set() and configd_done() fail at once ("unable to send query to configd") and configd_fetch() returns empty
+ * texts; the same handle works as soon as the daemon runs. configd_fetch() also returns an empty text for
  * an empty value. To tell the two apart, call configd_get() with NULL first: it returns 0 only when the daemon has
  * answered for every key.
  *
@@ -145,7 +146,8 @@ VXUTILS_API void configd_close(configd_handle *handle);
  * contact the daemon.
  * @param handle  the connection
  * @param format  printf format of the key, which is cut to 254 characters
- * @return 0 when the key is in the list; -1 for NULL arguments, an empty key, a full list or when memory is short
+ * @return 0 when the key is in the list; -1 for NULL arguments, a key that cannot be printed, a full list or when
+ *         memory is short
  */
 VXUTILS_API int configd_add_query(configd_handle *handle, const char *format, ...) VXUTILS_PRINTF(2, 3);
 
@@ -226,8 +228,8 @@ VXUTILS_API int configd_recv(configd_handle *handle, char *data, int size);
  * Read the value of one record's key. On failure the record is unchanged and the handle is not reconnected. When the
  * failure was that no proper answer came, the socket receives nothing any more, and the next request connects again.
  * @param handle  the connection
- * @param entry   record with a key; receives the value
- * @return 0, or -1 for NULL arguments, an empty key or a failed exchange (logged).
+ * @param entry   record with a key, which may be empty; receives the value
+ * @return 0, or -1 for NULL arguments or a failed exchange (logged).
  */
 VXUTILS_API int configd_prepare_get(configd_handle *handle, configd_entry *entry);
 
