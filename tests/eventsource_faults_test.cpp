@@ -260,9 +260,15 @@ TEST_F(Eventsource, TheLoopReturnsAtOnceWhenInitHadNoPipe) {
     EXPECT_EQ(source->evtLoop(), -1);
 }
 
-TEST_F(Eventsource, TerminateWithoutInitIsLogged) {
+TEST_F(Eventsource, TerminateWithoutInitIsLoggedAndLost) {
     source->terminate();
     EXPECT_EQ(log.take(), (Lines{{errorLevel, "unable to write to command-pipe (fd=-1) - errno=Bad file descriptor"}}));
+    init();
+    Timer timer(1, true);
+    timer.whenFired = [&] { source->terminate(); };
+    source->addTimer(&timer);
+    runUntilTerminated();
+    EXPECT_EQ(timer.counts.size(), 1U);
 }
 
 TEST_F(Eventsource, TheArrayOfEventsGrowsWithSinksAndTimersAndNeverShrinks) {

@@ -3,6 +3,7 @@
 #include <vxutils/strutil.h>
 #include <vxutils/systeminfo.h>
 
+#include <cerrno>
 #include <climits>
 #include <cstring>
 #include <filesystem>
@@ -104,7 +105,10 @@ TEST_F(Systeminfo, HoldsUpTo256Variables) {
     ASSERT_NE(table, nullptr);
     EXPECT_EQ(table->count, 256);
     EXPECT_EQ(systeminfo_getint(table.get(), "V255"), 255);
-    EXPECT_EQ(read(text + "V256=1\n"), nullptr);
+    vxtest::writeFile(path, text + "V256=1\n");
+    errno = EXDEV;
+    EXPECT_EQ(systeminfo_init(), nullptr);
+    EXPECT_EQ(errno, EXDEV);
 }
 
 TEST_F(Systeminfo, TheFirstOfSeveralVariablesOfANameCounts) {
@@ -141,6 +145,7 @@ TEST_F(Systeminfo, NumbersAreWhatAtoiMakesOfThem) {
 TEST_F(Systeminfo, AMissingFileGivesNoTable) {
     std::filesystem::remove(path);
     EXPECT_EQ(systeminfo_init(), nullptr);
+    EXPECT_EQ(errno, ENOENT);
 }
 
 TEST_F(Systeminfo, WithoutMemoryThereIsNoTableAndNothingIsLeft) {

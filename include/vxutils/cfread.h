@@ -34,8 +34,9 @@
  * close it. An included FIFO is not waited for: it ends where there is nothing to read. An included device is not
  * opened, except /dev/null, because opening it makes its driver act: it fails as a file that cannot be opened.
  *
- * **Errors.** Every failure is logged with file and line at LOG_ERR. Line numbers count each file's lines from 1 and
- * leave out include lines. A read error counts as the end of the file.
+ * **Errors.** A file or line that fails ends the reading and is logged at LOG_ERR: a file with its name, a line with
+ * its number as well. Line numbers count each file's lines from 1 and leave out include lines. A read error counts as
+ * the end of the file. Of wrong arguments only a missing file name is logged.
  *
  * **Limits.** A line has at most 1023 bytes with its line end; key and value have at most 255 characters each. Files
  * nest as deep as there are descriptors; a file that includes itself fails when they run out. One read opens at most

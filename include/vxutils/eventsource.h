@@ -260,7 +260,8 @@ public:
 
     /**
      * Make evtLoop() return 0, now and whenever it is called later. May be called from any thread, callback or signal
-     * handler; does not block. Events that the loop had already fetched may still be served.
+     * handler; does not block. Events that the loop had already fetched may still be served. Before init() there is no
+     * pipe: that is logged, and the request is lost.
      */
     void terminate() override;
 

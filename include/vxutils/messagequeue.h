@@ -41,8 +41,9 @@
  * **Blocking.** A sender never waits for the loop, only for another thread that is inside the queue or between lock()
  * and unlock().
  *
- * **Errors.** init() and send() return -1 with the reason in the system log. lock() and send() throw std::system_error
- * when the lock cannot be taken. send() throws std::bad_alloc when memory is short; nothing is queued then.
+ * **Errors.** init() and send() return -1 with the reason in the system log. lock(), send() and onReadable() throw
+ * std::system_error when the lock cannot be taken; that of onReadable() comes out of the loop. send() throws
+ * std::bad_alloc when memory is short; nothing is queued then.
  *
  * **Limits.** The number of messages is limited by memory alone. Messages sent before the loop runs wait for it.
  *
@@ -133,7 +134,10 @@ public:
      */
     int send(const CQMsg &message);
 
-    /** Handle a wake-up: take the oldest message and pass it to the consumer. For the event source. */
+    /**
+     * Handle a wake-up: take the oldest message and pass it to the consumer. For the event source.
+     * @throws std::system_error as lock()
+     */
     void onReadable() override;
 
     /** Do nothing. */

@@ -23,8 +23,8 @@
  *
  * **Blocking.** systeminfo_init() takes as long as reading the file. The other functions do not block.
  *
- * **Errors.** systeminfo_init() returns NULL with the errno of the failed call. A variable that is not there gives an
- * empty text or -1. Nothing is logged.
+ * **Errors.** systeminfo_init() returns NULL with the errno of the failed call; too many variables set none. A variable
+ * that is not there gives an empty text or -1. Nothing is logged.
  *
  * **Limits.** At most 256 variables, duplicates included: a file with more gives no table. The first of several
  * variables of one name counts. Lines have at most 1022 bytes; what is longer counts as another line. Numbers out of
