@@ -128,6 +128,23 @@ TEST(Str2Addr4, TakesExactlyWhatTheSystemTakes) {
     }
 }
 
+// The characters beside the digits are a slash and a colon.
+TEST(Str2Addr4, ReadsEveryOctetInEveryPlaceAsTheSystemDoes) {
+    for (unsigned int octet = 0; octet < 1100; ++octet) {
+        for (const char *after : {"", "/", ":"}) {
+            const std::string text = std::to_string(octet) + after;
+            for (const std::string &quad :
+                 {text + ".22.3.44", "11." + text + ".3.44", "11.22." + text + ".44", "11.22.3." + text}) {
+                in_addr expected{0xA5A5A5A5};
+                const bool valid = inet_pton(AF_INET, quad.c_str(), &expected) == 1;
+                Record record;
+                ASSERT_EQ(str2addr4(quad.c_str(), record.get()), valid ? 0 : -1) << quad;
+                ASSERT_EQ(as<sockaddr_in>(record.get())->sin_addr.s_addr, expected.s_addr) << quad;
+            }
+        }
+    }
+}
+
 TEST(Str2Addr4, ReadsNothingAfterTheText) {
     for (const std::string text : {"1.2.3.4", "1.2.3", "1.2.3.", "1", ""}) {
         vxtest::GuardedBuffer buffer(text.size() + 1);
