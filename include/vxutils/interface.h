@@ -55,8 +55,9 @@ VXUTILS_BEGIN_DECLS
  * | the same, second WLAN module     | prefix, n + 1, '-', s                              | wlan1-1: WLAN2-1 |
  * | any other with sub-number        | prefix, n + 1, '-', s + 1                          | br0-1: BR1-2   |
  *
- * For WLAN the number after the name is one higher when "/tmp/status/wlan/status-wlan<n>" begins with "dualmode" or
- * "mesh-ap"; a second module is fitted when "/proc/sysinfo/wlan1/type" is not empty. Letters are shown in upper case.
+ * Of a WLAN with a sub-number the last number is one higher when "/tmp/status/wlan/status-wlan<n>" begins with
+ * "dualmode" or "mesh-ap"; a second module is fitted when "/proc/sysinfo/wlan1/type" is not empty. Letters are shown in
+ * upper case.
  *
  * @param name kernel's interface name, of any length.
  * @return at most 15 characters in a static buffer that the next call overwrites; a constant empty text for a NULL or

@@ -171,10 +171,13 @@ public:
 
     /** @} */
     /** @name Questions
-     * All are false unless the type is IPv4.
+     * All but isEmpty() are false unless the type is IPv4.
      * @{ */
 
-    /** @return whether the mask is valid. @param size gets the prefix length as s_isV4MaskValid() counts it. */
+    /**
+     * @param size  receives the prefix length as s_isV4MaskValid() counts it; unchanged unless the type is IPv4
+     * @return whether the mask is valid.
+     */
     bool isMaskValid(unsigned long &size) const;
 
     /**
