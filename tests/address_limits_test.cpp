@@ -52,6 +52,28 @@ TEST(RouteDiffers, NeverReadsPastItsRecord) {
     EXPECT_EQ(route_differs(as<route_record>(a.data()), as<route_record>(b.data())), 0);
 }
 
+// ------------------------------------------------------------------------------------------ ends of records
+
+TEST(Address, NothingIsReadOrWrittenAfterTheAddressOfARecord) {
+    char text[INET6_ADDRSTRLEN * 2];
+    ShortRecord four(8, Record("192.168.1.77"));
+    ShortRecord fourMask(8, Record("255.255.255.255"));
+    ShortRecord six(24, Record("fe80:2:3:4:5:6:7:8"));
+    ShortRecord sixMask(24, Record("ffff:ffff:ffff:ffff:ffff:ffff:ffff:ffff"));
+    EXPECT_STREQ(net2str(text, four.get(), fourMask.get()), "192.168.1.77/255.255.255.255");
+    EXPECT_STREQ(net2str(text, six.get(), sixMask.get()), "fe80:2:3:4:5:6:7:8/ffff:ffff:ffff:ffff:ffff:ffff:ffff:ffff");
+    EXPECT_EQ(netmask2cidr(fourMask.get()), 32);
+    EXPECT_EQ(netmask2cidr(sixMask.get()), 128);
+    EXPECT_EQ(is_link_local_address(six.get()), 1);
+    EXPECT_EQ(strip_host_part_from_network_address(four.get(), fourMask.get()), 1);
+    EXPECT_EQ(strip_host_part_from_network_address(six.get(), sixMask.get()), 1);
+    EXPECT_STREQ(addr2str(text, six.get()), "fe80:2:3:4:5:6:7:8");
+    EXPECT_EQ(cidr2netmask(32, four.get(), AF_INET), 0);
+    EXPECT_EQ(cidr2netmask(128, six.get(), AF_INET6), 0);
+    EXPECT_EQ(str2addr("10.0.0.1", four.get()), 0);
+    EXPECT_EQ(str2addr("::1", six.get()), 0);
+}
+
 // ----------------------------------------------------------------------------------------- addr2str, net2str
 
 TEST(Addr2Str, PrintsEveryOctetAsTheSystemDoes) {
