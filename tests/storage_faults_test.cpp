@@ -9,6 +9,7 @@
 
 #include <cerrno>
 #include <optional>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -109,6 +110,55 @@ TEST_F(StorageFaults, AUsbNameIsCutTo63Characters) {
     EXPECT_THAT(found(), ElementsAre("sda(sda) 16/0"));
     usbName(0, "xyz\n" + name);  // its last character is cut
     EXPECT_THAT(found(), ElementsAre("sda(sda) 8/0"));
+}
+
+// ---- the table of mounts
+
+// A table in the place of the kernel's, for this process.
+class MountTable {
+public:
+    explicit MountTable(const std::string &text) {
+        vxtest::writeFile("/tmp/mounts", text);
+        if (::mount("/tmp/mounts", path, nullptr, MS_BIND, nullptr) != 0) throw std::runtime_error("cannot cover it");
+    }
+    ~MountTable() { ::umount2(path, MNT_DETACH); }
+    MountTable(const MountTable &) = delete;
+    MountTable &operator=(const MountTable &) = delete;
+
+private:
+    static constexpr const char *path = "/proc/self/mounts";
+};
+
+TEST_F(StorageFaults, AMountPointIsTheSecondFieldOfTheDevicesFirstLine) {
+    link("mmcblk0p3", pci + "mmc_host/mmc0/mmcblk0p3");
+    const std::string line = "/dev/mmcblk0p3 /mnt/data ext4 rw 0 0\n";
+    const std::string page(4096 - line.size() / 2, 'x');  // the device's line lies across two reads
+    struct Case {
+        std::string table;
+        const char *mountPoint;
+    };
+    for (const Case &one : {
+             Case{line, "/mnt/data"},
+             Case{"/dev/mmcblk0p3 /mnt/data", "/mnt/data"},
+             Case{"/dev/other /mnt/other ext4 rw 0 0\n" + line, "/mnt/data"},
+             Case{line + "/dev/mmcblk0p3 /mnt/second ext4 rw 0 0\n", "/mnt/data"},
+             Case{"/dev/mmcblk0p33 /mnt/other ext4 rw 0 0\n" + line, "/mnt/data"},
+             Case{"overlay/dev/mmcblk0p3 /mnt/other ext4 rw 0 0\n" + line, "/mnt/data"},
+             Case{"x /dev/mmcblk0p3 /mnt/other rw 0 0\n" + line, "/mnt/data"},
+             Case{"/dev/mmcblk0p3\n" + line, "/mnt/data"},
+             Case{page + "\n" + line, "/mnt/data"},
+             Case{page + line, ""},
+             Case{"/dev/mmcblk0 /mnt/data ext4 rw 0 0\n", ""},
+             Case{"/dev/mmcblk0p3", ""},
+             Case{"", ""},
+         }) {
+        SCOPED_TRACE(one.table);
+        const MountTable table(one.table);
+        const Storage list(old_get_storage(0));
+        const storage_entry *entry = old_get_storage_device(list.get(), 2, 0);
+        ASSERT_NE(entry, nullptr);
+        EXPECT_STREQ(entry->mount_point, one.mountPoint);
+    }
 }
 
 // ---- file systems
