@@ -2,6 +2,7 @@
 // The board's lines: numbers and values at their limits, contents of each kind, files and drivers that fail.
 #include <vxutils/dio.h>
 
+#include <dirent.h>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -11,10 +12,17 @@
 #include <string>
 #include <vector>
 
+#include "support/call_hooks.h"
 #include "support/dio.h"
 #include "support/files.h"
 #include "support/resources.h"
 #include "support/syslog_capture.h"
+
+using ScandirFilter = int (*)(const dirent *);
+using ScandirOrder = int (*)(const dirent **, const dirent **);
+VXTEST_HOOK_AS(int, scandir, "scandir64",
+               (const char *path, dirent ***entries, ScandirFilter filter, ScandirOrder order),
+               (path, entries, filter, order))
 
 namespace {
 
@@ -40,6 +48,31 @@ TEST_F(DioFiles, NumbersOutside1To99AreOutOfRange) {
     }
     EXPECT_EQ(on, 77);
     EXPECT_EQ(record.first, 2);
+}
+
+TEST_F(DioFiles, OutputsThatCannotBeCountedKeepTheirLastCount) {
+    for (const char *name : {"din1", "dout1", "dout2"}) vxtest::makeDirs(tree + name);
+    unsigned int count = 77;
+    EXPECT_EQ(dio_count(&count), DIO_OK);
+    EXPECT_EQ(count, 3U);
+    for (const char *name : {"din2", "din3", "dout3"}) vxtest::makeDirs(tree + name);
+    const vxtest::NoLeaks leaks;
+    const struct {
+        int (*function)(unsigned int *);
+        unsigned int expected;
+    } counts[] = {{dio_rwCount, 2}, {dio_roCount, 3}, {dio_count, 5}};
+    for (const auto &[function, expected] : counts) {
+        const vxtest::Hooked outputsFail(vxtest::hooks::scandir, vxtest::failingWith(EIO, 1));
+        count = 77;
+        errno = E2BIG;
+        EXPECT_EQ(function(&count), DIO_OK);
+        EXPECT_EQ(count, expected);
+        EXPECT_EQ(errno, E2BIG);
+        EXPECT_THAT(log.take(),
+                    ElementsAre(LogLine{LOG_ERR, "Can't scandir(/sys/devices/vantorix/) - (Input/output error)"}));
+    }
+    EXPECT_EQ(dio_rwCount(&count), DIO_OK);
+    EXPECT_EQ(count, 3U);
 }
 
 TEST_F(DioFiles, ValuesAreOneCharacter) {
