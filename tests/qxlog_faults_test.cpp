@@ -36,6 +36,7 @@ VXTEST_HOOK(size_t, strftime, (char *text, size_t size, const char *format, cons
             (text, size, format, local))
 #pragma GCC diagnostic pop
 VXTEST_HOOK(int, flock, (int fd, int operation), (fd, operation))
+VXTEST_HOOK(int, rename, (const char *from, const char *to), (from, to))
 
 namespace {
 
@@ -165,6 +166,19 @@ TEST_F(DeviceLogFaults, AFailedRenameIsReportedAndLeavesTheTemporaryFile) {
     EXPECT_EQ(readFile(temporary), "1: 2026-11-15 08:40 entry\n");
     EXPECT_EQ(semaphoreValue(), 0);
     ::rmdir(logFile.c_str());
+}
+
+// A reader that is not root, and a writer that is killed right after the rename.
+TEST_F(DeviceLogFaults, TheLogIsReadableForAllFromTheMomentItHasItsName) {
+    mode_t mode = 0;
+    {
+        const Hooked watched(hooks::rename, [&](const char *from, const char *) -> std::optional<int> {
+            mode = modeOf(from);
+            return std::nullopt;
+        });
+        EXPECT_EQ(append(), 0);
+    }
+    EXPECT_EQ(mode, 0664u);
 }
 
 TEST_F(DeviceLogFaults, OnAFullDiskTheOldLogStays) {
