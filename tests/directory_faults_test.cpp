@@ -4,7 +4,9 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <linux/magic.h>
 #include <sys/stat.h>
+#include <sys/vfs.h>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -26,6 +28,7 @@ VXTEST_HOOK(int, fchmod, (int fd, mode_t mode), (fd, mode))
 VXTEST_HOOK_AS(int, fstat, "__fstat64_time64", (int fd, struct stat *status), (fd, status))
 VXTEST_HOOK_AS(int, fstatat, "__fstatat64_time64", (int directory, const char *path, struct stat *status, int flags),
                (directory, path, status, flags))
+VXTEST_HOOK_AS(int, fstatfs, "fstatfs64", (int fd, struct statfs *system), (fd, system))
 VXTEST_HOOK(ssize_t, getdents64, (int fd, void *buffer, size_t size), (fd, buffer, size))
 VXTEST_HOOK(char *, strdup, (const char *text), (text))
 
@@ -110,6 +113,64 @@ TEST_F(TryMkdirFaults, AnExistingEntryThatCannotBeExaminedIsReported) {
     EXPECT_EQ(errno, EIO);
     EXPECT_EQ(log.take(), (std::vector<LogLine>{{LOG_ERR, "Unknown errno using lstat in create_directory for " + dir +
                                                               ". errno=5, Input/output error"}}));
+}
+
+// A memory stick that every user may write to: all its directories have the owner and the mode of the mount, and fchmod()
+// changes nothing.
+class MemoryStick : public Directories {
+protected:
+    void SetUp() override {
+        Directories::SetUp();
+        vxtest::makeDirs(path("stick"));
+        ::chmod(path("stick").c_str(), 0777);
+        hooks::fstat = [this](int fd, struct stat *status) -> std::optional<int> {
+            if (vxtest::real::fstat(fd, status) == -1) return -1;
+            if (pathOf(fd).starts_with(path("stick/")) && S_ISDIR(status->st_mode)) {
+                status->st_uid = owner_;
+                status->st_mode = S_IFDIR | 0777;
+                if (otherDevice_) ++status->st_dev;
+            }
+            return 0;
+        };
+        hooks::fstatfs = [this](int fd, struct statfs *system) -> std::optional<int> {
+            if (vxtest::real::fstatfs(fd, system) == -1) return -1;
+            if (type_ != 0) system->f_type = type_;
+            return 0;
+        };
+    }
+    void TearDown() override {
+        hooks::fstat = nullptr;
+        hooks::fstatfs = nullptr;
+    }
+
+    decltype(statfs::f_type) type_ = MSDOS_SUPER_MAGIC;
+    uid_t owner_ = ::geteuid();
+    bool otherDevice_ = false;
+};
+
+TEST_F(MemoryStick, TakesDirectoriesWhoseOwnerAndModeAreThoseOfTheMount) {
+    writeFile(path("source/sub/file"), "copied");
+    for (const auto type : {MSDOS_SUPER_MAGIC, EXFAT_SUPER_MAGIC}) {
+        for (const uid_t owner : {::geteuid(), uid_t{12345}}) {
+            type_ = type;
+            owner_ = owner;
+            EXPECT_EQ(createDirectory(path("stick/a/b")), 0);
+            EXPECT_EQ(copyDirectory(path("source"), path("stick/copy")), 0);
+            EXPECT_EQ(readFile(path("stick/copy/sub/file")), "copied");
+            fs::remove_all(path("stick/a"));
+            fs::remove_all(path("stick/copy"));
+        }
+    }
+}
+
+TEST_F(MemoryStick, AnotherDirectoryIsStillRefusedOnOtherFileSystems) {
+    type_ = 0;
+    EXPECT_EQ(try_mkdir(path("stick/a").c_str()), -1);
+    EXPECT_EQ(errno, EACCES);
+    type_ = MSDOS_SUPER_MAGIC;
+    otherDevice_ = true;
+    EXPECT_EQ(try_mkdir(path("stick/b").c_str()), -1);
+    EXPECT_EQ(errno, EACCES);
 }
 
 TEST_F(CreateDirectoryFaults, WithoutMemoryNothingIsMade) {

@@ -187,15 +187,25 @@ Fd openLinkedDirectory(int directory, const char *path) {
     }
 }
 
+// Tells whether the file system of a directory stores neither owners nor modes: all its directories show those that it
+// was mounted with, and nothing changes them.
+bool storesNoModes(const Fd &directory) {
+    struct statfs system {};
+    if (::fstatfs(directory.get(), &system) == -1) return false;
+    return system.f_type == MSDOS_SUPER_MAGIC || system.f_type == EXFAT_SUPER_MAGIC;
+}
+
 // Tells whether a directory may be the one just made. Where only we can have replaced it, it is; elsewhere it has to
-// look like it: ours, without a right that it was not made with, and empty.
+// look like it: ours, without a right that it was not made with, and empty. On a memory stick, another directory of the
+// stick would have the same owner and the same rights.
 bool isTheOneMade(int directory, const std::string &path, const Fd &made, mode_t creationMode) {
     struct stat place {};
     if (::fstatat(directory, parentOf(path).c_str(), &place, 0) == -1) return false;
     if (isClosed(place)) return true;
     struct stat status {};
-    if (::fstat(made.get(), &status) == -1 || status.st_uid != ::geteuid()) return false;
-    if ((status.st_mode & allModes & ~(creationMode | S_ISGID)) != 0) return false;
+    if (::fstat(made.get(), &status) == -1) return false;
+    const bool ours = status.st_uid == ::geteuid() && (status.st_mode & allModes & ~(creationMode | S_ISGID)) == 0;
+    if (!ours && (status.st_dev != place.st_dev || !storesNoModes(made))) return false;
     EntryNames names;
     return names.read(made) && !names.next();
 }
