@@ -93,9 +93,13 @@ TEST_F(CreateDirectory, StopsAtTheFirstFailure) {
     writeFile(path("file"), "x");
     vxtest::SyslogCapture log;
     EXPECT_EQ(createDirectory(path("file/sub/deep")), -1);
-    EXPECT_EQ(log.take(),
-              (std::vector<LogLine>{{LOG_ERR, "Cannot create directory. " + path("file") +
-                                                  " exists and it is neither a directory nor a symbolic link"}}));
+    const std::vector<LogLine> reported{{LOG_ERR, "Cannot create directory. " + path("file") +
+                                                      " exists and it is neither a directory nor a symbolic link"}};
+    EXPECT_EQ(log.take(), reported);
+    for (const char *slashes : {"", "/", "//", "///"}) {
+        EXPECT_EQ(createDirectory(path("file") + slashes), -1);
+        EXPECT_EQ(log.take(), reported) << slashes;
+    }
 }
 
 TEST_F(CreateDirectory, WrongUseIsReported) {

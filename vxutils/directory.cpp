@@ -37,8 +37,10 @@ int cannotMake(const char *shown) {
     return -1;
 }
 
-// Returns 0 if what exists under the name of a directory counts as one.
 // Quirk Q23.
+bool countsAsDirectory(const struct stat &status) { return S_ISDIR(status.st_mode) || S_ISLNK(status.st_mode); }
+
+// Returns 0 if what exists under the name of a directory counts as one.
 int acceptExisting(int directory, const char *name, const char *shown) {
     struct stat status;
     if (::fstatat(directory, name, &status, AT_SYMLINK_NOFOLLOW) == -1) {
@@ -46,7 +48,7 @@ int acceptExisting(int directory, const char *name, const char *shown) {
                 std::strerror(errno));
         return -1;
     }
-    if (S_ISDIR(status.st_mode) || S_ISLNK(status.st_mode)) return 0;
+    if (countsAsDirectory(status)) return 0;
     vx::log(LOG_ERR, "Cannot create directory. %s exists and it is neither a directory nor a symbolic link", shown);
     return -1;
 }
@@ -81,10 +83,12 @@ int makeBelow(Fd &above, const char *name, const char *shown) {
 // another process puts in its place is not followed.
 int makeDirectories(char *path) {
     Fd made;
-    // Tries the whole path first, because most often the directory or its parent exists. Any other failure is left to
-    // the walk below, whose message names the directory that fails.
+    // Tries the whole path first, because most often the directory or its parent exists. Any failure is left to the
+    // walk below, whose message names the directory that fails.
     if (::mkdirat(AT_FDCWD, path, creationMode) == 0) return shareMade(AT_FDCWD, path, path, made);
-    if (errno == EEXIST) return acceptExisting(AT_FDCWD, path, path);
+    struct stat status;
+    const bool exists = errno == EEXIST && ::fstatat(AT_FDCWD, path, &status, AT_SYMLINK_NOFOLLOW) == 0;
+    if (exists && countsAsDirectory(status)) return 0;
     char *component = path;
     for (char *slash = std::strchr(path + 1, '/');; slash = std::strchr(component, '/')) {
         if (slash != nullptr) *slash = '\0';
