@@ -8,6 +8,7 @@
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <syslog.h>
+#include <termios.h>
 #include <unistd.h>
 #include <vxutils/strutil.h>
 
@@ -214,6 +215,38 @@ TEST_F(WriteFileAtomic, AShortDirectWriteFails) {
     EXPECT_EQ(log.take(),
               (std::vector<LogLine>{{LOG_ERR, "Unable to write to file (/dev/shm/direct) - errno=0(Success)"}}));
     ::unlink("/dev/shm/direct");
+}
+
+// A terminal takes a few KiB; the rest has to wait until they are read.
+TEST_F(WriteFileAtomic, ADirectWriteWaitsUntilADeviceHasTakenIt) {
+    const int master = ::posix_openpt(O_RDWR | O_NOCTTY);
+    ASSERT_NE(master, -1);
+    ASSERT_EQ(::grantpt(master), 0);
+    ASSERT_EQ(::unlockpt(master), 0);
+    const std::string name = ::ptsname(master);
+    const int slave = ::open(name.c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC);
+    termios settings{};
+    ASSERT_EQ(::tcgetattr(slave, &settings), 0);
+    ::cfmakeraw(&settings);
+    ASSERT_EQ(::tcsetattr(slave, TCSANOW, &settings), 0);
+
+    const std::string data(100000, 'x');
+    std::string taken;
+    std::thread reader([&] {
+        ::usleep(50000);
+        char piece[4096];
+        for (ssize_t got = 1; got > 0 && taken.size() < data.size();) {
+            got = ::read(master, piece, sizeof piece);
+            if (got > 0) taken.append(piece, static_cast<size_t>(got));
+        }
+    });
+    const int result = write_file_atomic(name.c_str(), data.data(), data.size(), 0, 1);
+    if (result != 0) ::close(slave);  // ends the reader
+    EXPECT_EQ(result, 0) << std::strerror(errno);
+    reader.join();
+    EXPECT_EQ(taken.size(), data.size());
+    if (result == 0) ::close(slave);
+    ::close(master);
 }
 
 TEST_F(WriteFileAtomic, AFullFileSystemKeepsTheOldContent) {

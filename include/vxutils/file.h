@@ -38,7 +38,7 @@
  * threads at once. Not for signal handlers. No call locks a file. A forked child may use all functions.
  *
  * **Blocking.** Calls take as long as the file system does. None waits for the other end of a FIFO, for a lease or for
- * a device. None flushes anything to the medium.
+ * a device to be opened; a direct write waits until a device has taken it. None flushes anything to the medium.
  *
  * **Errors.** Functions return 0 for success and -1 for failure unless they say otherwise. After a failure errno is
  * that of the system call that failed. Functions that log write one line. A copy that the kernel transferred only in
