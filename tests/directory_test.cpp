@@ -333,9 +333,6 @@ TEST_F(CopyDirectory, FillsAnExistingDirectory) {
 
 TEST_F(CopyDirectory, StopsAtTheFirstFailure) {
     ASSERT_EQ(::symlink("nowhere", path("empty").c_str()), 0);
-    vxtest::makeDirs(path("bad"));
-    ASSERT_EQ(::symlink("nowhere", path("bad/dangling").c_str()), 0);
-    EXPECT_EQ(copyDirectory(path("bad"), path("copy")), -1);
     EXPECT_EQ(copyDirectory(path("none"), path("copy2")), -1);
     EXPECT_EQ(modeOf(path("copy2")), 0755u);
     EXPECT_EQ(copyDirectory(path("outside"), path("tree/one")), -1);
@@ -343,6 +340,29 @@ TEST_F(CopyDirectory, StopsAtTheFirstFailure) {
     EXPECT_EQ(copyDirectory(path("outside"), path("none/copy")), -1);
     EXPECT_EQ(copy_directory(nullptr, "x"), -1);
     EXPECT_EQ(copy_directory("x", nullptr), -1);
+}
+
+TEST_F(CopyDirectory, OnlyTheCopiesOfFilesLog) {
+    ASSERT_EQ(::symlink("nowhere", path("tree/sub/dangling").c_str()), 0);
+    ASSERT_EQ(::unlink(path("tree/sub/fifo").c_str()), 0);
+    fs::remove_all(path("tree/sub/deep"));
+    vxtest::SyslogCapture log;
+    EXPECT_EQ(copyDirectory(path("none"), path("copy")), -1);
+    EXPECT_EQ(copyDirectory(path("outside"), path("tree/one")), -1);
+    EXPECT_EQ(copyDirectory(path("outside"), path("none/copy")), -1);
+    EXPECT_TRUE(log.take().empty());
+    EXPECT_EQ(copyDirectory(path("tree/sub"), path("copy")), -1);
+    EXPECT_EQ(log.take(), (std::vector<LogLine>{{LOG_ERR, "Source file " + path("tree/sub/dangling") +
+                                                              " could not be opened: No such file or directory (2)"}}));
+}
+
+TEST_F(CopyDirectory, ALinkToADirectoryIsAFileThatCannotBeCopied) {
+    vxtest::makeDirs(path("links"));
+    ASSERT_EQ(::symlink("../outside", path("links/way").c_str()), 0);
+    vxtest::SyslogCapture log;
+    EXPECT_EQ(copyDirectory(path("links"), path("copy")), -1);
+    EXPECT_EQ(log.take(), (std::vector<LogLine>{{LOG_ERR, "Sendfile error: Invalid argument (22)"}}));
+    EXPECT_TRUE(fs::is_empty(path("copy")));
 }
 
 TEST_F(CopyDirectory, OntoItselfChangesNothing) {

@@ -108,6 +108,21 @@ TEST_F(DirectoryLock, ReleaseAlwaysSucceeds) {
     EXPECT_FALSE(vxtest::exists("/tmp/lock/full/entry"));
 }
 
+TEST_F(DirectoryLock, OneThatTheRealUserMayNotReadIsNotReleased) {
+    if (!vxtest::hasOtherUsers()) GTEST_SKIP() << "a box made by an ordinary user has no other";
+    constexpr uid_t user = 12345;
+    ASSERT_EQ(::chown("/tmp/lock", user, user), 0);
+    EXPECT_EQ(vxtest::inChild([] {
+                  if (::setresuid(user, user, user) != 0 || acquire_lock(path.c_str(), 1) != 0) return 1;
+                  if (::chmod(path.c_str(), 0300) != 0 || release_lock(path.c_str()) != 0) return 2;
+                  if (!vxtest::exists(path)) return 3;
+                  if (::chmod(path.c_str(), 0700) != 0 || release_lock(path.c_str()) != 0) return 4;
+                  return vxtest::exists(path) ? 5 : 0;
+              }),
+              0);
+    ASSERT_EQ(::chown("/tmp/lock", 0, 0), 0);
+}
+
 class FirewallLock : public testing::Test {
 protected:
     void SetUp() override { vxtest::makeDirs("/var/lock"); }
