@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: MIT
-// Random operations on the event loop, message queues and configuration handles, beside models that are short enough to
-// be read as their rules. Tables, lists and strings have models in their own tests.
-#include <vxutils/configd.h>
+// Random operations on the event loop and message queues, beside models that are short enough to be read as their rules.
+// Configuration handles, tables, lists and strings have models in their own tests.
 #include <vxutils/eventsource.h>
 #include <vxutils/messagequeue.h>
 
@@ -18,14 +17,12 @@
 #include <climits>
 #include <cstring>
 #include <deque>
-#include <filesystem>
 #include <map>
 #include <memory>
 #include <optional>
 #include <string>
 #include <vector>
 
-#include "support/configd.h"
 #include "support/loop.h"
 #include "support/loop_calls.h"
 #include "support/model.h"
@@ -471,153 +468,6 @@ TEST(MessagequeueModel, AgreesOverRandomOperations) {
     EXPECT_EQ(vxtest::openDescriptors(), before);
     ::closelog();
     EXPECT_EQ(log.take(), std::vector<vxtest::LogLine>{});
-}
-
-// ---- Configuration handles ----
-
-// Handles on one daemon. A handle's keys keep their order; their values are read together when the first of them is
-// asked for, and stay as they were until the handle is cleared or read again.
-class HandleModel {
-public:
-    explicit HandleModel(ModelSteps &steps) : steps_(steps) {
-        for (Handle &handle : handles_) handle.real = configd_open();
-    }
-    ~HandleModel() {
-        for (Handle &handle : handles_) configd_close(handle.real);
-    }
-
-    // What was done, when the handle and its model differ after it; else empty.
-    std::string step() {
-        Handle &handle = handles_[steps_.below(handles_.size())];
-        const std::string key = "model." + std::to_string(steps_.below(12));
-        const bool right = act(handle, key);
-        return right && same(handle) ? "" : done_ + " " + key;
-    }
-
-private:
-    using Values = std::map<std::string, std::string>;
-    struct Handle {
-        configd_handle *real;
-        std::vector<std::string> keys;
-        Values values;
-        bool fetched = false;
-    };
-
-    bool act(Handle &handle, const std::string &key) {
-        switch (steps_.below(20)) {
-            case 0:
-            case 1:
-            case 2:
-            case 3:
-                return add(handle, key);
-            case 4:
-                return get(handle);
-            case 5:
-                return getArray(handle, key);
-            case 6:
-            case 7:
-                return set(handle, key);
-            case 8:
-                done_ = "done";
-                return configd_done(handle.real) == 0;
-            case 9:
-                return clear(handle);
-            case 10:
-                return steps_.oneIn(10) ? reopen(handle) : clear(handle);
-            default:
-                return fetch(handle, key);
-        }
-    }
-    bool add(Handle &handle, const std::string &key) {
-        done_ = "add";
-        const bool formatted = steps_.oneIn(2);
-        const int result = formatted ? configd_add_query(handle.real, "model.%s", key.c_str() + std::strlen("model."))
-                                     : configd_add_query(handle.real, "%s", key.c_str());
-        if (handle.values.emplace(key, "").second) handle.keys.push_back(key);
-        return result == 0;
-    }
-    void readAll(Handle &handle) {
-        for (auto &[key, value] : handle.values) value = store_[key];
-    }
-    bool get(Handle &handle) {
-        done_ = "get";
-        readAll(handle);
-        return configd_get(handle.real, nullptr) == 0;
-    }
-    bool getArray(Handle &handle, const std::string &key) {
-        done_ = "get of an array";
-        std::array<configd_entry, 3> entries{};
-        std::strcpy(entries[0].key, key.c_str());
-        std::strcpy(entries[1].key, "model.0");
-        return configd_get(handle.real, entries.data()) == 0 && entries[0].value == store_[key] &&
-               entries[1].value == store_["model.0"];
-    }
-    bool set(Handle &handle, const std::string &key) {
-        done_ = "set";
-        std::array<configd_entry, 3> entries{};
-        std::strcpy(entries[0].key, key.c_str());
-        std::string value = std::to_string(steps_.random()());
-        if (steps_.oneIn(20)) value.assign(steps_.below(CONFIGD_VALUE_LEN), 'v');
-        std::strcpy(entries[0].value, value.c_str());
-        if (configd_set(handle.real, entries.data()) != 0) return false;
-        store_[key] = value;
-        return true;
-    }
-    bool fetch(Handle &handle, const std::string &key) {
-        done_ = "fetch";
-        if (!handle.fetched) readAll(handle);
-        handle.fetched = true;
-        const auto found = handle.values.find(key);
-        return configd_fetch(handle.real, "%s", key.c_str()) == (found == handle.values.end() ? "" : found->second);
-    }
-    bool clear(Handle &handle) {
-        done_ = "clear";
-        configd_clear(handle.real);
-        handle = {handle.real, {}, {}};
-        return true;
-    }
-    bool reopen(Handle &handle) {
-        done_ = "open again";
-        configd_close(handle.real);
-        handle = {configd_open(), {}, {}};
-        return handle.real != nullptr;
-    }
-    static bool same(const Handle &handle) {
-        if (handle.real->count != static_cast<int>(handle.keys.size())) return false;
-        if (handle.real->fetched != (handle.fetched ? 1 : 0)) return false;
-        auto key = handle.keys.begin();
-        const list_link *const head = &handle.real->queries;
-        for (const list_link *link = head->next; link != head && link != nullptr; link = link->next, ++key) {
-            const auto *entry = reinterpret_cast<const configd_entry *>(link);
-            if (key == handle.keys.end() || *key != entry->key || handle.values.at(*key) != entry->value) return false;
-        }
-        return key == handle.keys.end();
-    }
-
-    ModelSteps &steps_;
-    std::array<Handle, 3> handles_{};
-    Values store_;
-    std::string done_;
-};
-
-TEST(ConfigdModel, AgreesOverRandomOperations) {
-    std::filesystem::create_directories("/var/run/configd");
-    vxtest::Configd daemon;
-    vxtest::SyslogCapture log;
-    ::openlog("models_test", LOG_NDELAY, LOG_USER);  // no further descriptor when something is logged
-    const auto before = vxtest::openDescriptors();
-    ModelSteps steps("configuration handles", 3000);
-    {
-        HandleModel model(steps);
-        while (steps.next()) {
-            ASSERT_EQ(model.step(), "") << steps.left() << " steps were left";
-            if (steps.left() % 1000 == 0) {  // unknown keys are logged
-                for (const vxtest::LogLine &line : log.take()) ASSERT_EQ(line.priority, LOG_DEBUG) << line.text;
-            }
-        }
-    }
-    EXPECT_EQ(vxtest::openDescriptors(), before);
-    ::closelog();
 }
 
 }  // namespace
