@@ -115,11 +115,27 @@ def coverage(recorded):
             + table(("source", "lines", "branches"), rows, "Lines and branches that the tests run"))
 
 
+def totals(what, caption):
+    """A table of rows that scripts/record has written, one for each run."""
+    def made(recorded):
+        columns = list(next(iter(recorded.values())))
+        rows = [[name, *(f"{row[c]:,}" if isinstance(row[c], int) and c != "seed" else str(row[c]) for c in columns)]
+                for name, row in recorded.items()]
+        return table((what, *columns), rows, caption)
+
+    return made
+
+
+MADE_OF = {"benchmarks": benchmarks, "coverage": coverage, "tests": tests,
+           "models": totals("family", "Random operations beside a model"),
+           "mutation": totals("source", "Changes of a source, and how many of them the tests noticed"),
+           "storms": totals("storm", "Processes killed at random moments")}
+
+
 def put_in(text):
     """Replaces each marker <!-- figures: NAME --> by the figures of that recorded run."""
     def made(match):
         recorded = load(match.group(1))
-        made_of = {"benchmarks": benchmarks, "coverage": coverage, "tests": tests}
-        return made_of[match.group(1)](recorded) if recorded else "<p>Nothing is recorded.</p>"
+        return MADE_OF[match.group(1)](recorded) if recorded else "<p>Nothing is recorded.</p>"
 
     return MARKER.sub(made, text)
