@@ -139,6 +139,7 @@ bool isFree() {
 }
 
 TEST_F(FirewallLock, ExcludesOtherProcessesUntilItIsGivenBack) {
+    vxtest::SyslogCapture log;
     ::unlink(firewallPath.c_str());
     firewall_lock_handle *handle = firewall_lock();
     ASSERT_NE(handle, nullptr);
@@ -148,6 +149,7 @@ TEST_F(FirewallLock, ExcludesOtherProcessesUntilItIsGivenBack) {
     EXPECT_FALSE(isFree());
     EXPECT_EQ(firewall_unlock(handle), 0);
     EXPECT_TRUE(isFree());
+    EXPECT_EQ(log.take(), std::vector<LogLine>{});
 }
 
 TEST_F(FirewallLock, WaitsForItsHolderAndEndsWithIt) {
@@ -298,7 +300,7 @@ TEST_F(FirewallLock, AStrangersLeaseDoesNotDelay) {
 TEST_F(FirewallLock, AFileThatOthersCanOpenIsClosedToThem) {
     if (!vxtest::hasOtherUsers()) GTEST_SKIP() << "a box made by an ordinary user has no other";
     vxtest::writeFile(firewallPath, "");
-    for (const mode_t mode : {0644U, 0666U, 0660U, 0604U}) {
+    for (const mode_t mode : {0644U, 0666U, 0660U, 0604U, 0601U}) {
         ASSERT_EQ(::chmod(firewallPath.c_str(), mode), 0);
         firewall_lock_handle *handle = firewall_lock();
         ASSERT_NE(handle, nullptr);
@@ -318,7 +320,7 @@ TEST_F(FirewallLock, AFileThatOthersCanOpenIsClosedToThem) {
 TEST_F(FirewallLock, AnotherProgramsFileUnderItsNameKeepsItsMode) {
     constexpr const char *other = "/var/lock/users";
     ::unlink(firewallPath.c_str());
-    vxtest::writeFile(other, "root:0");
+    vxtest::writeFile(other, "r");
     ASSERT_EQ(::chmod(other, 0644), 0);
     ASSERT_EQ(::link(other, firewallPath.c_str()), 0);
     EXPECT_EQ(refusal(), std::vector<LogLine>{cannotOpen("Operation not permitted")});
@@ -336,6 +338,16 @@ TEST_F(FirewallLock, ASecondNameOfItsFileDoesNotMatter) {
     EXPECT_NE(handle, nullptr);
     EXPECT_EQ(firewall_unlock(handle), 0);
     ::unlink("/var/lock/second");
+}
+
+// A shell script may write its process id into the file.
+TEST_F(FirewallLock, TheContentOfItsFileDoesNotMatter) {
+    vxtest::writeFile(firewallPath, "1234");
+    firewall_lock_handle *handle = firewall_lock();
+    EXPECT_NE(handle, nullptr);
+    EXPECT_EQ(firewall_unlock(handle), 0);
+    EXPECT_EQ(vxtest::readFile(firewallPath), "1234");
+    ::unlink(firewallPath.c_str());
 }
 
 TEST_F(FirewallLock, ALockThatTheKernelRefusesIsReported) {
