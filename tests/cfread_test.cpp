@@ -149,6 +149,16 @@ TEST_F(CfreadInclude, ReadsTheFileInPlace) {
     EXPECT_EQ(log.take(), Log{});
 }
 
+TEST_F(CfreadInclude, TheTableShowsTheIncludingFileAgainAfterwards) {
+    vxtest::writeFile("/etc/vx/sub/inner.conf", "c=3\n");
+    vxtest::writeFile("/etc/vx/more.conf", "b=2\ninclude sub/inner.conf\n");
+    for (const char *text : {"a=1\ninclude more.conf\n", "include more.conf\na=1\n"}) {
+        const Table table = openText(text);
+        ASSERT_NE(table, nullptr);
+        EXPECT_EQ(static_cast<const void *>(table->file), mainFile);
+    }
+}
+
 TEST_F(CfreadInclude, NeedsItsWordAndBlankInTheFirstColumn) {
     EXPECT_EQ(read(" include x\ninclude\tx\ninclude=y\nInclude x\ninclude\n"), (Pairs{{"include", "y"}}));
 }
