@@ -24,6 +24,7 @@
 #include "support/emulation.h"
 #include "support/file_dir.h"
 #include "support/files.h"
+#include "support/large_files.h"
 #include "support/process.h"
 #include "support/syslog_capture.h"
 
@@ -375,6 +376,7 @@ TEST_F(Readfile, ALinkToADeviceDoesNotOpenIt) {
 }
 
 TEST_F(Readfile, ASparseFileIsNotReadForEver) {
+    const vxtest::LargeFiles largeFiles;
     writeFile(path("value"), "");
     off_t size = std::numeric_limits<off_t>::max() & ~off_t{0xffff};
     while (::truncate(path("value").c_str(), size) == -1) size /= 2;
