@@ -359,6 +359,11 @@ TEST(FormatRate, StepsToTheNextUnitAbove99999Hundredths) {
     EXPECT_STREQ(format_rate(128000), "1.0 Mbit/s");     // one more
 }
 
+TEST(FormatRate, RoundsExactHalvesUpInEachStep) {
+    EXPECT_STREQ(format_rate(163184), "1.3 Mbit/s");  // 127487.5 and then 124.5 hundredths
+    EXPECT_STREQ(format_rate(163183), "1.2 Mbit/s");
+}
+
 TEST(FormatRate, FollowsTheSameIntegerStepsForEveryRate) {
     for (int64_t bytes = 1; bytes > 0 && bytes < INT64_MAX / 800 / 3; bytes = bytes * 3 + 1) {
         int64_t x = bytes * 800;
