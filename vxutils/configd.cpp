@@ -260,13 +260,13 @@ bool waitForAnswer(int fd, Clock::time_point deadline) {
 }
 
 // Receives at most `size` - 1 bytes and puts a NUL after them. Returns -1 and leaves `data` unchanged when no answer
-// came in time. `prompt` tells whether it came within `promptAnswer`.
-int receiveAnswer(int fd, char *data, int size, bool &prompt) {
+// came in time. `prompt` tells whether it came within `promptAnswer`. `flags` are those of the first recvfrom().
+int receiveAnswer(int fd, char *data, int size, int flags, bool &prompt) {
     const vx::SigpipeScope ignored;
     const auto start = Clock::now();
     const auto room = static_cast<size_t>(size) - 1;
-    // Most answers are prompt: this call waits as long as limitTime() has set, and saves them the poll().
-    ssize_t received = ::recvfrom(fd, data, room, 0, nullptr, nullptr);
+    // Most answers are prompt: without flags this call waits as long as limitTime() has set, and saves them the poll().
+    ssize_t received = ::recvfrom(fd, data, room, flags, nullptr, nullptr);
     prompt = received != -1;
     while (received == -1 && (errno == EINTR || errno == EAGAIN) && waitForAnswer(fd, start + answerTimeout)) {
         received = ::recvfrom(fd, data, room, MSG_DONTWAIT, nullptr, nullptr);
@@ -285,7 +285,7 @@ void useUp(const configd_handle *handle) {
 
 int receiveAnswer(const configd_handle *handle, Message &answer, int size) {
     bool prompt = false;
-    const int received = receiveAnswer(handle->fd, answer.data(), size, prompt);
+    const int received = receiveAnswer(handle->fd, answer.data(), size, 0, prompt);
     if (received < 0 || !prompt || answersAreRepeated) useUp(handle);
     return received;
 }
@@ -540,9 +540,9 @@ int configd_send(configd_handle *handle, const char *data, int length) {
 // Quirk Q41.
 int configd_recv(configd_handle *handle, char *data, int size) {
     if (handle == nullptr || handle->fd < 0 || data == nullptr || size <= 0) return -1;
-    limitTime(handle->fd, SO_RCVTIMEO, promptAnswer);  // the socket may be the caller's own
     bool prompt = false;
-    const int received = receiveAnswer(handle->fd, data, size, prompt);
+    // The socket may be the caller's own, without a time limit.
+    const int received = receiveAnswer(handle->fd, data, size, MSG_DONTWAIT, prompt);
     if (received == -1) {
         distrust(handle);
     } else {
