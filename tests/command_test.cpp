@@ -421,6 +421,20 @@ TEST_P(Power, TheMarkerIsAVeto) {
     EXPECT_TRUE(rebootCommands.empty());
 }
 
+TEST_P(Power, AMarkerThatCannotBeReadIsNoVeto) {
+    if (!vxtest::hasOtherUsers()) GTEST_SKIP() << "a box made by an ordinary user has no other";
+    writeFile(GetParam().marker, "");
+    ASSERT_EQ(::chmod(GetParam().marker.c_str(), 0600), 0);
+    vxtest::SyslogCapture log;
+    EXPECT_EQ(vxtest::inChild([this] {
+                  if (::setresuid(12345, 12345, 12345) != 0) return 1;
+                  GetParam().call(0, 0);
+                  return rebootCommands == std::vector{GetParam().kernelCommand} ? 0 : 2;
+              }),
+              0);
+    EXPECT_TRUE(log.take().empty());
+}
+
 TEST_P(Power, WithoutTheScriptTheKernelIsAsked) {
     vxtest::SyslogCapture log;
     GetParam().call(1, 2);

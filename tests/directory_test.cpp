@@ -356,6 +356,28 @@ TEST_F(CopyDirectory, OnlyTheCopiesOfFilesLog) {
                                                               " could not be opened: No such file or directory (2)"}}));
 }
 
+TEST_F(CopyDirectory, MessagesNameTheDestinationOfTheFile) {
+    writeFile(path("small/sub/file"), "");
+    vxtest::makeDirs(path("copy/sub/file"));
+    vxtest::SyslogCapture log;
+    const auto refused = [](const std::string &name) {
+        return std::vector<LogLine>{
+            {LOG_ERR, "Destination file " + name + " could not be opened: Is a directory (21)"}};
+    };
+    EXPECT_EQ(copyDirectory(path("small"), path("copy")), -1);
+    EXPECT_EQ(log.take(), refused(path("copy/sub/file")));
+    ASSERT_EQ(::rmdir(path("copy/sub/file").c_str()), 0);
+    vxtest::makeDirs(path("copy/top"));
+    for (int round = 0; round < 2; ++round) {  // whichever of "sub" and "top" the directory lists first
+        writeFile(path("small/top"), "");
+        EXPECT_EQ(copyDirectory(path("small"), path("copy")), -1);
+        EXPECT_EQ(log.take(), refused(path("copy/top")));
+        fs::remove_all(path("small"));
+        writeFile(path("small/top"), "");
+        writeFile(path("small/sub/file"), "");
+    }
+}
+
 TEST_F(CopyDirectory, ALinkToADirectoryIsAFileThatCannotBeCopied) {
     vxtest::makeDirs(path("links"));
     ASSERT_EQ(::symlink("../outside", path("links/way").c_str()), 0);
