@@ -206,6 +206,30 @@ TEST_F(HostileLog, ASetThatAStrangerMadeIsReplaced) {
               0);
 }
 
+// Daemons of two users, whose common group may write to the directory. One of them was killed in the middle of a call.
+TEST_F(HostileLog, ATemporaryFileThatAnotherUserLeftIsReplaced) {
+    constexpr gid_t common = 23456;
+    writeFile(logFile, "old\n");
+    ASSERT_EQ(::chown("/var/log", 0, common), 0);
+    ASSERT_EQ(::chmod("/var/log", 0775), 0);
+    for (const mode_t mode : {0600, 0660, 0664}) {
+        writeFile(temporary, "half");
+        ASSERT_EQ(::chown(temporary.c_str(), user + 1, common), 0);
+        ASSERT_EQ(::chmod(temporary.c_str(), mode), 0);
+        EXPECT_EQ(reported([] {
+                      return ::setresgid(common, common, common) == 0 && ::setresuid(user, user, user) == 0
+                                 ? appendSeen()
+                                 : 100;
+                  }),
+                  mode == 0600 ? (Reported{-1, "open: Permission denied\n"}) : fine);
+        EXPECT_EQ(kindOf(logFile), S_IFREG | (mode == 0600 ? 0644U : 0664U));
+    }
+    EXPECT_NE(readFile(logFile).find("seen\n"), std::string::npos);
+    EXPECT_FALSE(vxtest::exists(temporary));
+    ASSERT_EQ(::chown("/var/log", 0, 0), 0);
+    ASSERT_EQ(::chmod("/var/log", 0755), 0);
+}
+
 // --- files of other kinds
 
 TEST_F(HostileLog, ALinkInTheLogsPlaceIsNotFollowed) {

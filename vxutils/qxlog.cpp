@@ -59,6 +59,8 @@ struct Limits {
 };
 constexpr useconds_t pollPause_us = 2000;
 
+bool inTime(vx::SemaphoreDeadline deadline) { return vx::SemaphoreClock::now() < deadline; }
+
 // Removes the set if an untrusted user has made it, who could remove it at any time. Returns whether it was removed.
 bool removeStrangers(int id) {
     semid_ds status{};
@@ -74,7 +76,7 @@ int getSemaphore(const Limits &limits) {
     int id = -1;
     do {
         id = ::semget(key, 1, IPC_CREAT | semaphoreMode);
-    } while (id != -1 && removeStrangers(id) && vx::SemaphoreClock::now() < limits.semaphore);
+    } while (id != -1 && removeStrangers(id) && inTime(limits.semaphore));
     if (id == -1) {
         std::perror("semget");
         id = ::semget(key, 1, 0);
@@ -128,7 +130,7 @@ Lock lockFile(int fd, int operation, const char *path, vx::SemaphoreDeadline dea
             return Lock::renamed;
         }
         if (!busy) return Lock::taken;
-        if (vx::SemaphoreClock::now() >= deadline) return Lock::busy;
+        if (!inTime(deadline)) return Lock::busy;
         ::usleep(pollPause_us);
     }
 }
@@ -150,7 +152,8 @@ bool isOpenToStrangers(const struct stat &status) {
 // Opens the temporary file, empties it and locks it until it is closed. The semaphore may let two writers pass; this
 // lock makes one of them wait. If the file was renamed meanwhile, the writer opens the one that has the name now. Other
 // users cannot open the file, so the holder of its lock is a writer. The exception is a file that an untrusted user, or
-// a program with another mode, has made: it is replaced when its lock is held for long.
+// a program with another mode, has made: it is replaced when its lock is held for long. A file that a
+// killed writer of another user has left is replaced at once: only its owner could give it the log's mode.
 Fd openEmptiedTemporary(const Limits &limits) {
     for (;;) {
         struct stat status;
@@ -159,10 +162,12 @@ Fd openEmptiedTemporary(const Limits &limits) {
         const bool replaceable = isOpenToStrangers(status);
         const Lock lock = lockFile(fd.get(), LOCK_EX, temporaryPath, replaceable ? limits.semaphore : limits.temporary);
         if (lock == Lock::taken) {
-            const bool ready = ::fchmod(fd.get(), temporaryMode) == 0 && ::ftruncate(fd.get(), 0) == 0;
-            if (ready) return fd;
-            unlockFile(fd.get());
-            return Fd();
+            const bool closed = ::fchmod(fd.get(), temporaryMode) == 0;
+            if (closed && ::ftruncate(fd.get(), 0) == 0) return fd;
+            const bool othersLeftIt = !closed && status.st_uid != ::geteuid();
+            const bool removed = othersLeftIt && inTime(limits.temporary) && ::unlink(temporaryPath) == 0;
+            unlockFile(fd.get());  // after its name is gone: whoever waits for the lock opens the next file
+            if (!removed) return Fd();
         }
         if (lock == Lock::busy) {
             errno = EAGAIN;
