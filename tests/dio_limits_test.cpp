@@ -3,6 +3,7 @@
 #include <vxutils/dio.h>
 
 #include <dirent.h>
+#include <malloc.h>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -73,6 +74,18 @@ TEST_F(DioFiles, OutputsThatCannotBeCountedKeepTheirLastCount) {
     }
     EXPECT_EQ(dio_rwCount(&count), DIO_OK);
     EXPECT_EQ(count, 3U);
+}
+
+TEST_F(DioFiles, CountingKeepsNoMemory) {
+    for (int line = 1; line <= 20; ++line) {
+        for (const char *kind : {"din", "dout"}) vxtest::makeDirs(tree + kind + std::to_string(line));
+    }
+    unsigned int count = 0;
+    EXPECT_EQ(dio_count(&count), DIO_OK);  // fills the allocator's caches
+    const size_t before = ::mallinfo2().uordblks;
+    for (int i = 0; i < 10; ++i) EXPECT_EQ(dio_count(&count), DIO_OK);
+    EXPECT_EQ(count, 40U);
+    EXPECT_LE(::mallinfo2().uordblks, before + 1000);
 }
 
 TEST_F(DioFiles, ValuesAreOneCharacter) {

@@ -4,6 +4,7 @@
 
 #include <fcntl.h>
 #include <linux/loop.h>
+#include <malloc.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <sys/statfs.h>
@@ -372,6 +373,20 @@ TEST_F(StorageTest, DevicesAreFoundByTypeAndIndex) {
     EXPECT_EQ(old_get_storage_device(list.get(), 8, 0), nullptr);
     EXPECT_EQ(old_get_storage_device(list.get(), 10, 0), nullptr);
     EXPECT_EQ(old_get_storage_device(nullptr, 8, 1), nullptr);
+}
+
+TEST_F(StorageTest, AListIsFreedWholly) {
+    link("mtdblock3", pci + "mtd/mtdblock3");
+    link("sda", pci + "ata1/block/sda");
+    link("sdb", pci + "usb1/1-1/block/sdb");
+    EXPECT_EQ(found().size(), 3U);  // fills the allocator's caches
+    const size_t before = ::mallinfo2().uordblks;
+    for (int i = 0; i < 10; ++i) {
+        storage_list *list = old_get_storage(0);
+        old_free_storage(list);
+        std::free(list);
+    }
+    EXPECT_LE(::mallinfo2().uordblks, before + 1000);
 }
 
 TEST_F(StorageTest, FreeingLeavesTheHead) {
