@@ -9,6 +9,7 @@
 #include <syslog.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <csignal>
@@ -33,6 +34,8 @@ VXTEST_THREAD_HOOK(int, poll, (pollfd * waiting, nfds_t count, int timeout), (wa
 VXTEST_THREAD_HOOK(ssize_t, recv, (int fd, void *data, size_t size, int flags), (fd, data, size, flags))
 VXTEST_HOOK(int, connect, (int fd, const sockaddr *address, socklen_t size), (fd, address, size))
 VXTEST_HOOK_AS(int, clock_gettime, "__clock_gettime64", (clockid_t clock, timespec *now), (clock, now))
+VXTEST_HOOK_AS(int, clock_nanosleep, "__clock_nanosleep_time64",
+               (clockid_t clock, int flags, const timespec *request, timespec *left), (clock, flags, request, left))
 
 namespace {
 
@@ -405,6 +408,34 @@ TEST_F(WwanmdFaults, AResetThatBeginsBetweenSendAndReceiveIsSeen) {
     EXPECT_EQ(handle->fd, -1);
     EXPECT_THAT(logTexts(), ElementsAre("wwanmd0 is currently in reset", "command failed"));
     ::signal(SIGPIPE, SIG_DFL);  // left ignored, as by any receive that ends early
+}
+
+TEST_F(WwanmdFaults, AResetIsLookedForAtOnceAndFiveTimesMoreEachAfterOneSecond) {
+    constexpr int most = 6;
+    for (int goneAtLook = 1; goneAtLook <= most + 2; ++goneAtLook) {
+        SCOPED_TRACE(goneAtLook);
+        const std::string marker = "/tmp/status/wwanmd/card0/reset";
+        vxtest::writeFile(marker, "");
+        int looks = 0;
+        std::vector<long> pauses;
+        {
+            const Hooked looking(hooks::access, [&](const char *path, int) -> std::optional<int> {
+                EXPECT_EQ(path, marker);
+                if (++looks == goneAtLook) ::unlink(path);
+                return std::nullopt;
+            });
+            const Hooked pausing(hooks::clock_nanosleep,
+                                 [&](clockid_t, int, const timespec *request, timespec *) -> std::optional<int> {
+                                     EXPECT_EQ(request->tv_nsec, 0);
+                                     pauses.push_back(request->tv_sec);
+                                     return 0;
+                                 });
+            EXPECT_EQ(wwanmd_in_reset(0), goneAtLook <= most ? 0 : 1);
+        }
+        ::unlink(marker.c_str());
+        EXPECT_EQ(looks, std::min(goneAtLook, most));
+        EXPECT_EQ(pauses, std::vector<long>(static_cast<size_t>(looks - 1), 1)) << "after each look but the first";
+    }
 }
 
 TEST_F(WwanmdFaults, AFailedReconnectionLeavesTheTimeOfTheAttempt) {
