@@ -65,11 +65,10 @@ std::string spoilt(Fault fault, std::string answer) {
 class DaemonInside {
 public:
     DaemonInside()
-        : receiving_(vxtest::hooks::recvfrom,
-                     [this](int, void *, size_t, int flags, sockaddr *, socklen_t *) { return beforeReceiving(flags); }),
-          polling_(vxtest::hooks::poll, [this](pollfd *, nfds_t, int) {
-              return timesOut_ ? std::optional<int>(0) : std::nullopt;
-          }) {
+        : receiving_(vxtest::hooks::recvfrom, [this](int, void *, size_t, int flags, sockaddr *,
+                                                     socklen_t *) { return beforeReceiving(flags); }),
+          polling_(vxtest::hooks::poll,
+                   [this](pollfd *, nfds_t, int) { return timesOut_ ? std::optional<int>(0) : std::nullopt; }) {
         listen();
     }
     ~DaemonInside() { close(); }
@@ -306,7 +305,8 @@ private:
         if (arrived == "Ready") return 0;
         if (arrived == "Busy") return 1;
         const bool empty = arrived == "";
-        logs(LOG_ERR, empty ? "no response from configd" : "invalid response <" + arrived.value_or("") + "> from configd");
+        const std::string reason = "invalid response <" + arrived.value_or("") + "> from configd";
+        logs(LOG_ERR, empty ? "no response from configd" : reason);
         return empty ? -3 : -4;
     }
     bool fetch(Handle &handle, const std::string &key) {
@@ -360,8 +360,7 @@ private:
 // process of its own.
 class Course {
 public:
-    explicit Course(ModelSteps &steps)
-        : steps_(steps), faulty_(steps.left() / 5), repeating_(steps.left() / 50) {}
+    explicit Course(ModelSteps &steps) : steps_(steps), faulty_(steps.left() / 5), repeating_(steps.left() / 50) {}
 
     bool asksOtherProcess() const { return steps_.left() % 20000 < 200 && steps_.left() > faulty_; }
 

@@ -3,6 +3,7 @@
 // memory, and the hash of the library's private tables.
 #include <vxutils/hashtable.h>
 
+#include <malloc.h>
 #include <sys/mman.h>
 #include <sys/resource.h>
 
@@ -266,6 +267,27 @@ TEST(INStringHashTable, LongKeysAreWhole) {
     EXPECT_TRUE(table.getValueFromKey(one.c_str(), &value));
     EXPECT_FALSE(table.getValueFromKey(two.c_str(), &value));
     EXPECT_TRUE(table.removeEntry(one.c_str()));
+}
+
+// Bytes that malloc() gave out and did not get back. What it keeps for a thread counts as given out.
+size_t allocatedBytes() { return ::mallinfo2().uordblks; }
+
+TEST(INUInt32HashTable, ItsDestructionFreesItsEntries) {
+    const size_t before = allocatedBytes();
+    for (int round = 0; round < 200; ++round) {
+        INUInt32HashTable table(4, HASH_LOW_BITS);
+        for (unsigned long key = 0; key < 50; ++key) table.addEntry(key, slot(key));
+    }
+    EXPECT_LT(allocatedBytes(), before + 65536) << "an entry has 16 bytes at least";
+}
+
+TEST(INStringHashTable, ItsDestructionFreesItsEntries) {
+    const size_t before = allocatedBytes();
+    for (int round = 0; round < 200; ++round) {
+        INStringHashTable table(4);
+        for (int key = 0; key < 50; ++key) table.addEntry(std::to_string(key).c_str(), slot(0));
+    }
+    EXPECT_LT(allocatedBytes(), before + 65536) << "an entry has 16 bytes at least";
 }
 
 // A key of 80 MiB that no allocator has seen.
