@@ -166,7 +166,7 @@ Fd openEmptiedTemporary(const Limits &limits) {
             if (closed && ::ftruncate(fd.get(), 0) == 0) return fd;
             const bool othersLeftIt = !closed && status.st_uid != ::geteuid();
             const bool removed = othersLeftIt && inTime(limits.temporary) && ::unlink(temporaryPath) == 0;
-            unlockFile(fd.get());  // after its name is gone: whoever waits for the lock opens the next file
+            unlockFile(fd.get());  // after its name is gone: a process that waits for the lock opens the next file
             if (!removed) return Fd();
         }
         if (lock == Lock::busy) {
