@@ -152,8 +152,8 @@ bool isOpenToStrangers(const struct stat &status) {
 // Opens the temporary file, empties it and locks it until it is closed. The semaphore may let two writers pass; this
 // lock makes one of them wait. If the file was renamed meanwhile, the writer opens the one that has the name now. Other
 // users cannot open the file, so the holder of its lock is a writer. The exception is a file that an untrusted user, or
-// a program with another mode, has made: it is replaced when its lock is held for long. A file that a
-// killed writer of another user has left is replaced at once: only its owner could give it the log's mode.
+// a program with another mode, has made: it is replaced when its lock is held for long. A file that a killed writer of
+// another user has left is replaced at once: only its owner could give it the log's mode.
 Fd openEmptiedTemporary(const Limits &limits) {
     for (;;) {
         struct stat status;
@@ -166,7 +166,7 @@ Fd openEmptiedTemporary(const Limits &limits) {
             if (closed && ::ftruncate(fd.get(), 0) == 0) return fd;
             const bool othersLeftIt = !closed && status.st_uid != ::geteuid();
             const bool removed = othersLeftIt && inTime(limits.temporary) && ::unlink(temporaryPath) == 0;
-            unlockFile(fd.get());  // after its name is gone: a process that waits for the lock opens the next file
+            unlockFile(fd.get());  // only now: a waiting writer has to see that the name is gone
             if (!removed) return Fd();
         }
         if (lock == Lock::busy) {
