@@ -426,6 +426,13 @@ TEST(Strnicmp, ComparesNBytes) {
     EXPECT_EQ(strnicmp("ab", "ab", SIZE_MAX), 0);
 }
 
+TEST(Strnicmp, ItAndStricmpEndAtTheTerminator) {
+    EXPECT_EQ(strnicmp("ab\0x", "AB\0y", 4), 0);
+    EXPECT_EQ(strnicmp("ab\0y", "AB\0x", SIZE_MAX), 0);
+    EXPECT_EQ(stricmp("ab\0x", "AB\0y"), 0);
+    EXPECT_EQ(stricmp("ab\0y", "AB\0x"), 0);
+}
+
 TEST(Strnicmp, NeverReadsTheByteAfterTheNth) {
     vxtest::GuardedBuffer left(3), right(3);
     ::memcpy(left.data(), "abc", 3);
