@@ -12,12 +12,14 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <climits>
 #include <csignal>
 #include <cstring>
 #include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "support/call_hooks.h"
@@ -436,6 +438,66 @@ TEST_F(WwanmdFaults, AResetIsLookedForAtOnceAndFiveTimesMoreEachAfterOneSecond) 
         EXPECT_EQ(looks, std::min(goneAtLook, most));
         EXPECT_EQ(pauses, std::vector<long>(static_cast<size_t>(looks - 1), 1)) << "after each look but the first";
     }
+}
+
+// ---- waits, to the microsecond and the second
+
+TEST_F(WwanmdFaults, ThePauseBeforeACommandIsWhatIsMissingOf300Milliseconds) {
+    const Handle handle = connect();
+    timespec present{};
+    ::clock_gettime(CLOCK_MONOTONIC, &present);
+    present.tv_sec += 3600;
+    std::vector<long> pausesNs;
+    const auto pausesAfter = [&](long elapsedUs) {
+        const Hooked still(hooks::clock_gettime, [&](clockid_t, timespec *time) -> std::optional<int> {
+            *time = present;
+            return 0;
+        });
+        const Hooked pausing(hooks::clock_nanosleep,
+                             [&](clockid_t, int, const timespec *request, timespec *) -> std::optional<int> {
+                                 EXPECT_EQ(request->tv_sec, 0);
+                                 pausesNs.push_back(request->tv_nsec);
+                                 return 0;
+                             });
+        pausesNs.clear();
+        const long long last = present.tv_sec * 1000000LL + present.tv_nsec / 1000 - elapsedUs;
+        handle->last_io = {};
+        handle->last_io.tv_sec = last / 1000000;
+        handle->last_io.tv_nsec = static_cast<long>(last % 1000000) * 1000 + present.tv_nsec % 1000;
+        Message message("c");
+        EXPECT_EQ(wwanmd_command(handle.get(), &message), 0);
+        EXPECT_EQ(handle->last_io.tv_sec, present.tv_sec);
+        EXPECT_EQ(handle->last_io.tv_nsec, present.tv_nsec);
+        return pausesNs;
+    };
+    EXPECT_THAT(pausesAfter(0), ElementsAre(300000000));
+    EXPECT_THAT(pausesAfter(1), ElementsAre(299999000));
+    EXPECT_THAT(pausesAfter(299999), ElementsAre(1000));
+    for (const long elapsedUs : {300000L, 300001L, 2000000000L}) EXPECT_THAT(pausesAfter(elapsedUs), ElementsAre());
+    handle->flags = 0;
+    EXPECT_THAT(pausesAfter(0), ElementsAre()) << "before the first handshake has succeeded";
+}
+
+TEST_F(WwanmdFaults, TimeoutsAreThoseOfTheMessageFrom5To300Seconds) {
+    const Handle handle = connect();
+    std::vector<int> timeouts;
+    const std::pair<int, int> cases[] = {{INT_MIN, 5}, {-1, 5},    {0, 5},     {4, 5},     {5, 5},
+                                         {6, 6},       {299, 299}, {300, 300}, {301, 300}, {INT_MAX, 300}};
+    for (const auto &[asked, seconds] : cases) {
+        Message message("c", asked);
+        handle->last_io = {};
+        handle->failures = 0;
+        handle->flags = 1;  // no earlier answer is missing
+        const Hooked nothing(hooks::poll, [&](pollfd *, nfds_t, int timeout) -> std::optional<int> {
+            timeouts.push_back(timeout);
+            return 0;
+        });
+        EXPECT_EQ(wwanmd_send(handle.get(), &message), -1);
+        EXPECT_EQ(wwanmd_recv(handle.get(), &message), -1);
+        EXPECT_THAT(timeouts, ElementsAre(0, seconds * 1000, seconds * 1000)) << asked;
+        timeouts.clear();
+    }
+    EXPECT_TRUE(modem.happened().empty());
 }
 
 TEST_F(WwanmdFaults, AFailedReconnectionLeavesTheTimeOfTheAttempt) {
