@@ -360,6 +360,10 @@ TEST_F(RouteFaults, AnswersOfEveryKind) {
                         k.route(oif));
          },
          ""},
+        {"a message of a header alone is a whole one",
+         [&](const auto &k) { return one(k.message(NLMSG_NOOP, {}, 7) + k.route(oif)); }, ""},
+        {"also when it is the answer", [&](const auto &k) { return one(k.message(RTM_NEWROUTE, {})); },
+         "rtq: invalid answer"},
         {"the first of two answers counts",
          [&](const auto &k) { return one(k.route(oif) + k.route(attribute(RTA_OIF, word(2)))); }, ""},
         {"an answer may be larger than the request buffer",
