@@ -308,8 +308,10 @@ struct HugeKey {
 // The sanitizer's allocator has its limit; the plain one needs to be told that the address space ends here.
 void endAddressSpace() {
 #ifndef __SANITIZE_ADDRESS__
-    const rlimit limit = {0, RLIM_INFINITY};
-    ::setrlimit(RLIMIT_AS, &limit);
+    rlimit limit{};
+    ASSERT_EQ(::getrlimit(RLIMIT_AS, &limit), 0);
+    limit.rlim_cur = 0;  // a hard limit that is there already cannot be raised
+    ASSERT_EQ(::setrlimit(RLIMIT_AS, &limit), 0);
 #endif
 }
 
