@@ -137,6 +137,8 @@ TEST_F(SimpleSms, SendingTakesEmptyLongAndBinaryTexts) {
     const std::string longNumber(100000, '1');
     EXPECT_EQ(CSimpleSMS(longNumber, longText).send(), 0);
     EXPECT_EQ(vxtest::readFile("/tmp/sent"), "To: " + longNumber + "\n\n" + longText + "\n");
+    EXPECT_EQ(CSimpleSMS("*100#", "x").send(), 0);
+    EXPECT_EQ(vxtest::readFile("/tmp/sent"), "To: *100#\n\nx\n");
     EXPECT_EQ(CSimpleSMS("%s%n", "%d \x01\xff\r").send(), 0);
     EXPECT_EQ(vxtest::readFile("/tmp/sent"), "To: %s%n\n\n%d \x01\xff\r\n");
     EXPECT_EQ(CSimpleSMS("1", std::string("be\0hind", 7)).send(), 0);
@@ -217,6 +219,12 @@ TEST_F(SimpleSms, AnIncomingFileHasHeaderAndBody) {
     EXPECT_EQ(sms->getReceived(), "2024-05-06 12:13:14");
     EXPECT_EQ(sms->getText(), "hello\n\nworld");
     EXPECT_TRUE(log.take().empty());
+}
+
+TEST_F(SimpleSms, ASenderOfDigitsStarsAndNumberSignsIsOneWord) {
+    const auto sms = incoming("From: *100#1\n\nx");
+    ASSERT_NE(sms, nullptr);
+    EXPECT_EQ(sms->getNumber(), "*100#1");
 }
 
 TEST_F(SimpleSms, WordsAreSplitAtBlanks) {
