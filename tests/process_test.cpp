@@ -123,7 +123,8 @@ TEST(GetParentPid, TakesOddStatusLinesAsTheyAre) {
                         {"700011/stat", std::string(253, '1') + " 2 3 4"},
                         {"700012/stat", "1 2 3 " + std::string(300, '0') + "7"},
                         {"700013/stat", "1 2 " + std::string(248, '3') + " 456"},
-                        {"700014/stat", "1 2 3 \t+42x\n"}},
+                        {"700014/stat", "1 2 3 \t+42x\n"},
+                        {"700015/stat", "15 (a#b) S 42\n"}},
                        [] {
                            EXPECT_EQ(get_parent_pid(700005), 815);
                            EXPECT_EQ(get_parent_pid(700006), -1);
@@ -135,6 +136,7 @@ TEST(GetParentPid, TakesOddStatusLinesAsTheyAre) {
                            EXPECT_EQ(get_parent_pid(700012), 0);
                            EXPECT_EQ(get_parent_pid(700013), 4);
                            EXPECT_EQ(get_parent_pid(700014), 42);  // read as atoi() reads it
+                           EXPECT_EQ(get_parent_pid(700015), 42);
                            return testing::Test::HasFailure() ? 1 : 0;
                        }),
               0);
