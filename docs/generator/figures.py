@@ -127,6 +127,7 @@ def totals(what, caption):
 
 
 MADE_OF = {"benchmarks": benchmarks, "coverage": coverage, "tests": tests,
+           "fuzz": totals("target", "Inputs made by the fuzzer, and seconds of processor time"),
            "models": totals("family", "Random operations beside a model"),
            "mutation": totals("source", "Changes of a source, and how many of them the tests noticed"),
            "storms": totals("storm", "Processes killed at random moments")}
