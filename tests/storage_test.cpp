@@ -379,14 +379,15 @@ TEST_F(StorageTest, AListIsFreedWholly) {
     link("mtdblock3", pci + "mtd/mtdblock3");
     link("sda", pci + "ata1/block/sda");
     link("sdb", pci + "usb1/1-1/block/sdb");
-    EXPECT_EQ(found().size(), 3U);  // fills the allocator's caches
+    EXPECT_EQ(found().size(), 3U);
     const size_t before = ::mallinfo2().uordblks;
-    for (int i = 0; i < 10; ++i) {
+    for (int i = 0; i < 300; ++i) {
         storage_list *list = old_get_storage(0);
         old_free_storage(list);
         std::free(list);
     }
-    EXPECT_LE(::mallinfo2().uordblks, before + 1000);
+    // Some kilobytes may be blocks that malloc() keeps for the thread. Entries that are lost have more than 25.
+    EXPECT_LE(::mallinfo2().uordblks, before + 10000);
 }
 
 TEST_F(StorageTest, FreeingLeavesTheHead) {
