@@ -168,17 +168,19 @@ TEST_F(DeviceLogFaults, AFailedRenameIsReportedAndLeavesTheTemporaryFile) {
     ::rmdir(logFile.c_str());
 }
 
-// A reader that is not root, and a writer that is killed right after the rename.
-TEST_F(DeviceLogFaults, TheLogIsReadableForAllFromTheMomentItHasItsName) {
-    mode_t mode = 0;
+// The other writer would take a file that all users can open for a stranger's, and remove it after 0.2 s.
+TEST_F(DeviceLogFaults, AWriterThatHangsBeforeTheRenameKeepsItsFile) {
+    Reported other;
     {
-        const Hooked watched(hooks::rename, [&](const char *from, const char *) -> std::optional<int> {
-            mode = modeOf(from);
+        const Hooked hanging(hooks::rename, [&](const char *from, const char *) -> std::optional<int> {
+            EXPECT_EQ(modeOf(from), 0660u);
+            other = reported(append);
             return std::nullopt;
         });
         EXPECT_EQ(append(), 0);
     }
-    EXPECT_EQ(mode, 0664u);
+    EXPECT_EQ(other, (Reported{-1, "open: Resource temporarily unavailable\n"}));
+    EXPECT_EQ(modeOf(logFile), 0664u);
 }
 
 TEST_F(DeviceLogFaults, OnAFullDiskTheOldLogStays) {

@@ -228,16 +228,6 @@ bool copyOldLines(FILE *to, const Limits &limits) {
     return std::ferror(log.get()) == 0;
 }
 
-// Renames the temporary file. It has the log's mode before that: otherwise other users could not read the log for a
-// moment, or until the next entry when the process is killed at that moment.
-bool becomesLog(FILE *temporary) {
-    (void)::fchmod(::fileno(temporary), logMode);
-    if (std::rename(temporaryPath, logPath) == 0) return true;
-    const vx::ErrnoKeeper keeper;
-    (void)::fchmod(::fileno(temporary), temporaryMode);
-    return false;
-}
-
 }  // namespace
 
 // Quirk Q92.
@@ -261,9 +251,11 @@ int qxlog(int number, const char *message) {
     std::fprintf(temporary.get(), "%d: %s %s\n", number, time, vx::VisibleText(message).c_str());
     if (!copyOldLines(temporary.get(), limits)) return failed("open");
     // The file is complete when it becomes the log, and locked until then.
-    if (std::fflush(temporary.get()) != 0 || std::ferror(temporary.get()) != 0 || !becomesLog(temporary.get())) {
+    if (std::fflush(temporary.get()) != 0 || std::ferror(temporary.get()) != 0 ||
+        std::rename(temporaryPath, logPath) == -1) {
         return failed("rename");
     }
+    ::fchmod(::fileno(temporary.get()), logMode);  // not before: other writers would take the file for a stranger's
     temporary.reset();
 
     return turn.giveBack() ? 0 : failed("semop");
