@@ -218,12 +218,12 @@ private:
 
     void logs(int priority, const std::string &text) { log_.push_back({priority, text}); }
 
-    // False when there is no daemon to take the request.
+    // Returns false, with the message predicted, if the daemon does not run.
     bool sends() {
         if (plan_.fault == Fault::gone) logs(LOG_ERR, "unable to send query to configd");
         return plan_.fault != Fault::gone;
     }
-    // What arrives of the right answer; nothing when it does not come in time.
+    // Returns what the client receives instead of the right answer; nothing if it comes too late.
     std::optional<std::string> arriving(const std::string &right) {
         const Fault fault = requests_++ == plan_.request ? plan_.fault : Fault::none;
         return fault == Fault::late ? std::nullopt : std::optional(spoilt(fault, right));

@@ -98,7 +98,7 @@ Place findQuery(configd_handle *handle, std::string_view key, uint32_t hash) {
 
 using Key = std::array<char, queryKeySize>;
 
-// Returns the formatted key, cut to what `room` holds; without data when the format cannot be printed. A format without
+// Returns the formatted key, cut to what `room` holds; data() is null if the format cannot be printed. A format without
 // conversions is returned as it is, because most keys are plain texts and configd_fetch() is called often.
 __attribute__((format(printf, 2, 0))) std::string_view makeKey(Key &room, const char *format, va_list args) {
     const std::string_view plain = format;

@@ -210,8 +210,8 @@ public:
  * The event loop on Linux's epoll and timerfd. Construct it, call init(), register sinks and timers, call evtLoop(). A
  * source that was terminated stays terminated: evtLoop() then returns 0 at once.
  *
- * No pointer given to its functions may be null, except that no timer is that of null: activeTimer() returns false for
- * it, and removeTimer() has no effect.
+ * No pointer given to its functions may be null, with two exceptions: activeTimer() returns false for a null sink, and
+ * removeTimer() then has no effect.
  */
 class VXUTILS_API CEPollEventsource : public IFDEventsource, public ITimeoutEventsource {
 public:
