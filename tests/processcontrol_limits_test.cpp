@@ -10,6 +10,7 @@
 #include <utility>
 #include <vector>
 
+#include "support/close_on_exec.h"
 #include "support/files.h"
 #include "support/process.h"
 #include "support/processcontrol.h"
@@ -65,6 +66,20 @@ TEST(ProcessControl, TakesDirectoriesWithNumericNamesOnly) {
         EXPECT_THAT(pidsOf(control), ElementsAre(700006));
         EXPECT_THAT(namesOf(control), ElementsAre("yes"));
         EXPECT_EQ(control.getNumberOfProcesses(), 1);
+    });
+}
+
+TEST(ProcessControl, AProcessThatEndsWhileItIsReadIsLeftOut) {
+    withEmptyProc([] {
+        ProcessControl control;
+        addProcess(700001, "first");
+        std::filesystem::create_directory("/proc/700002");  // its command line has gone
+        addProcess(700003, "last");
+        for (const bool incremental : {false, true}) {
+            control.refresh(incremental);
+            EXPECT_THAT(namesOf(control), UnorderedElementsAre("first", "last"));
+            EXPECT_EQ(control.getNumberOfProcesses(), 2);
+        }
     });
 }
 
@@ -143,6 +158,16 @@ TEST(ProcessControl, AsksEachEntryAFewTimesOnlyHoweverLongTheList) {
             EXPECT_EQ(entriesOf(control).size(), static_cast<size_t>(many));
         });
     }
+}
+
+TEST(ProcessControl, NoDescriptorIsInheritedAcrossExec) {
+    withEmptyProc([] {
+        addProcess(700001, "daemon");
+        ProcessControl control;
+        const vxtest::ClosesOnExec closesOnExec;
+        control.refresh(false);
+        control.refresh(true);
+    });
 }
 
 TEST(ProcessControl, AFullRefreshWithoutProcIsEmpty) {
