@@ -5,6 +5,7 @@
 #include <vxutils/hashtable.h>
 #include <vxutils/numconv.h>
 
+#include <atomic>
 #include <barrier>
 #include <filesystem>
 #include <future>
@@ -13,9 +14,12 @@
 #include <thread>
 #include <vector>
 
+#include "support/call_hooks.h"
 #include "support/configreader.h"
 #include "support/files.h"
 #include "support/process.h"
+
+VXTEST_THREAD_HOOK(int, pthread_mutex_lock, (pthread_mutex_t * mutex), (mutex))
 
 namespace {
 
@@ -205,6 +209,82 @@ TEST_F(ConfigReaderLookup, CopiesOfOtherThreadsOutliveTheReader) {
     EXPECT_EQ(value("k"), "new");
 }
 
+// A String whose text nobody shares is changed in place. So this tells whether the reader has given up its own copy.
+bool isLastCopy(String &copy) {
+    const char *before = copy.c_str();
+    copy = "x";
+    return copy.c_str() == before;
+}
+
+std::vector<String> copiesFrom(const ConfigReader &reader) {
+    std::vector<String> copies;
+    for (const char *key : {"one", "two", "three"}) copies.push_back(reader.getValue(key, "none"));
+    return copies;
+}
+
+int lastCopies(std::vector<String> &copies) {
+    int count = 0;
+    for (String &copy : copies) count += isLastCopy(copy) ? 1 : 0;
+    return count;
+}
+
+class ConfigReaderMemory : public ConfigReaderTest {
+protected:
+    ConfigReaderMemory() { reading("one=first value\ntwo=second value\nthree=third value\n"); }
+};
+
+TEST_F(ConfigReaderMemory, TheStringsOfTheCallingThreadGoWithTheValues) {
+    String copy = reader.getValue("one", "none");
+    EXPECT_FALSE(isLastCopy(copy));
+    std::vector<String> copies = copiesFrom(reader);
+    reader.cleanup();
+    EXPECT_EQ(lastCopies(copies), 3);
+}
+
+TEST_F(ConfigReaderMemory, TheStringsOfAThreadThatHasEndedGoWithTheValues) {
+    std::vector<String> copies;
+    std::thread([&] { copies = copiesFrom(reader); }).join();
+    reader.cleanup();
+    EXPECT_EQ(lastCopies(copies), 3);
+}
+
+// Another thread must not touch them: their counts are plain integers, which that thread's copies change.
+TEST_F(ConfigReaderMemory, TheStringsOfAnotherThreadStayUntilItAsksAgain) {
+    std::promise<void> copied;
+    std::promise<void> cleaned;
+    std::thread thread([&] {
+        String copy = reader.getValue("one", "none");
+        std::vector<String> copies{reader.getValue("two", "none"), reader.getValue("three", "none")};
+        copied.set_value();
+        cleaned.get_future().wait();
+        EXPECT_FALSE(isLastCopy(copy));
+        ConfigReader other;
+        EXPECT_TRUE(other.initialize(path, 4));
+        EXPECT_STREQ(other.getValue("two", "none").c_str(), "second value");
+        EXPECT_EQ(lastCopies(copies), 2);
+    });
+    copied.get_future().wait();
+    reader.cleanup();
+    cleaned.set_value();
+    thread.join();
+}
+
+TEST_F(ConfigReaderMemory, TheStringsOfAnotherThreadGoWhenItEnds) {
+    std::promise<void> copied;
+    std::promise<void> cleaned;
+    std::vector<String> copies;
+    std::thread thread([&] {
+        copies = copiesFrom(reader);
+        copied.set_value();
+        cleaned.get_future().wait();
+    });
+    copied.get_future().wait();
+    reader.cleanup();
+    cleaned.set_value();
+    thread.join();
+    EXPECT_EQ(lastCopies(copies), 3);
+}
+
 // Otherwise a daemon with a thread for each connection would collect Strings.
 TEST_F(ConfigReaderLookup, AThreadTakesOverTheStringsOfOneThatHasEnded) {
     reading("k=v\n");
@@ -218,6 +298,63 @@ TEST_F(ConfigReaderLookup, AThreadTakesOverTheStringsOfOneThatHasEnded) {
 }
 
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)  // whose allocators may stay locked in a child
+TEST_F(ConfigReaderMemory, AThreadOfAChildTakesOverTheStringsOfTheThreadsThatForkLeftBehind) {
+    const char *ours = reader.getValue("one", "none").c_str();
+    const char *theirs = nullptr;
+    std::promise<void> asked;
+    std::promise<void> forked;
+    std::thread thread([&] {
+        theirs = reader.getValue("one", "none").c_str();
+        asked.set_value();
+        forked.get_future().wait();
+    });
+    asked.get_future().wait();
+    EXPECT_EQ(vxtest::inChild([&] {
+                  const char *inNewThread = nullptr;
+                  std::thread([&] { inNewThread = reader.getValue("one", "none").c_str(); }).join();
+                  if (inNewThread != theirs) return 1;
+                  return reader.getValue("one", "none").c_str() == ours ? 0 : 2;
+              }),
+              0);
+    forked.set_value();
+    thread.join();
+}
+
+// Otherwise the child could find the numbers half-changed.
+TEST_F(ConfigReaderMemory, ForkWaitsForAThreadThatIsTakingANumber) {
+    std::atomic<pthread_mutex_t *> held = nullptr;
+    std::atomic<bool> waiting = false;
+    std::atomic<bool> forked = false;
+    std::atomic<bool> goOn = false;
+    std::thread taking([&] {
+        const vxtest::Hooked hold(vxtest::hooks::pthread_mutex_lock, [&](pthread_mutex_t *mutex) -> std::optional<int> {
+            const int result = vxtest::real::pthread_mutex_lock(mutex);
+            held = mutex;
+            EXPECT_TRUE(vxtest::eventually([&] { return goOn.load(); }));
+            return result;
+        });
+        (void)reader.getValue("one", "none");
+    });
+    EXPECT_TRUE(vxtest::eventually([&] { return held != nullptr; }));
+    int result = -1;
+    std::thread forking([&] {
+        const vxtest::Hooked watch(vxtest::hooks::pthread_mutex_lock,
+                                   [&](const pthread_mutex_t *mutex) -> std::optional<int> {
+                                       if (mutex == held) waiting = true;
+                                       return std::nullopt;
+                                   });
+        const pid_t child = vxtest::startChild([&] { return value("one") == "first value" ? 0 : 1; });
+        forked = true;
+        result = vxtest::waitChild(child);
+    });
+    EXPECT_TRUE(vxtest::eventually([&] { return waiting || forked; }));
+    EXPECT_FALSE(forked);
+    goOn = true;
+    taking.join();
+    forking.join();
+    EXPECT_EQ(result, 0);
+}
+
 // While a reader goes, it gives up the Strings of another thread, which needs the lock of the thread numbers each time.
 TEST_F(ConfigReaderLookup, AChildOfForkMayAskWhateverTheOtherThreadsWereDoing) {
     constexpr int keys = 5000;

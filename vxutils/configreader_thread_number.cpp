@@ -51,6 +51,15 @@ struct Places {
         mutex.unlock();
     }
 
+    // Leaves an object to the thread of this number; false when that is the calling thread or has ended.
+    bool leave(OfOneThread *object, size_t thread) {
+        const std::lock_guard guard(mutex);
+        ThreadPlace &place = places[thread];
+        if (!place.taken || &place == ownPlace) return false;
+        place.add(object);
+        return true;
+    }
+
     std::mutex mutex;
     std::deque<ThreadPlace> places;
 };
@@ -68,24 +77,22 @@ public:
     }
     ~ThreadNumber() {
         ownPlace = nullptr;
-        deleteDropped(false);
+        ThreadPlace::destroy(takeDropped(false));
     }
     ThreadNumber(const ThreadNumber &) = delete;
     ThreadNumber &operator=(const ThreadNumber &) = delete;
 
     size_t value() const {
-        if (place_->dropped.load(std::memory_order_relaxed) != nullptr) deleteDropped(true);
+        ThreadPlace::destroy(takeDropped(true));
         return place_->number;
     }
 
 private:
-    void deleteDropped(bool staying) const {
-        Places &all = Places::all();
-        std::unique_lock guard(all.mutex);
-        OfOneThread *const dropped = place_->dropped.exchange(nullptr, std::memory_order_relaxed);
+    // Returns what other threads have left to this one.
+    OfOneThread *takeDropped(bool staying) const {
+        const std::lock_guard guard(Places::all().mutex);
         place_->taken = staying;
-        guard.unlock();
-        ThreadPlace::destroy(dropped);
+        return place_->dropped.exchange(nullptr, std::memory_order_relaxed);
     }
 
     ThreadPlace *place_ = nullptr;
@@ -101,12 +108,7 @@ size_t threadNumber() {
 }
 
 void OfOneThread::drop(OfOneThread *object, size_t thread) {
-    Places &all = Places::all();
-    std::unique_lock guard(all.mutex);
-    ThreadPlace &place = all.places[thread];
-    if (place.taken && &place != ownPlace) return place.add(object);
-    guard.unlock();
-    delete object;
+    if (!Places::all().leave(object, thread)) delete object;
 }
 
 }  // namespace vx
