@@ -21,6 +21,7 @@
 #include <thread>
 
 #include "support/call_hooks.h"
+#include "support/close_on_exec.h"
 #include "support/emulation.h"
 #include "support/file_dir.h"
 #include "support/files.h"
@@ -250,6 +251,23 @@ TEST_F(WriteFileAtomic, ADirectWriteWaitsUntilADeviceHasTakenIt) {
     ::close(master);
 }
 
+// Watchers of a directory see a file whose writer has closed it, under each of its names.
+TEST_F(WriteFileAtomic, TheTemporaryFileIsClosedBeforeItGetsTheName) {
+    const int watch = ::inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
+    ASSERT_NE(::inotify_add_watch(watch, dir.c_str(), IN_CREATE | IN_CLOSE_WRITE | IN_MOVED_TO), -1);
+    EXPECT_EQ(write_file_atomic(path("state").c_str(), "new", 3, 1, 0), 0);
+    alignas(inotify_event) char events[4096];
+    const ssize_t size = ::read(watch, events, sizeof events);
+    ::close(watch);
+    std::vector<uint32_t> seen;
+    for (ssize_t at = 0; at < size;) {
+        const auto *event = static_cast<const inotify_event *>(static_cast<const void *>(events + at));
+        seen.push_back(event->mask);
+        at += static_cast<ssize_t>(sizeof *event + event->len);
+    }
+    EXPECT_EQ(seen, (std::vector<uint32_t>{IN_CREATE, IN_CLOSE_WRITE, IN_MOVED_TO}));
+}
+
 TEST_F(WriteFileAtomic, AFullFileSystemKeepsTheOldContent) {
     const std::string disk = "/tmp/full";
     vxtest::makeDirs(disk);
@@ -337,6 +355,9 @@ TEST_F(Readfile, ReadsFilesLargerThanOnePiece) {
     for (int i = 0; i < 5000; ++i) text += std::to_string(i) + "\n";
     EXPECT_EQ(read(text, 100000), text.substr(0, text.size() - 1));
     EXPECT_EQ(read(text, 10000), text.substr(0, 9999));
+    const std::string line(20000, 'x');
+    EXPECT_EQ(read(line, 10000), line.substr(0, 9999));
+    EXPECT_EQ(read(line, 30000), line);
 }
 
 TEST_F(Readfile, WhatIsNotARegularFileIsEmptyAndNeverWaitedFor) {
@@ -421,8 +442,21 @@ TEST_F(Readfile, AFileThatTheRealUserMayNotReadIsEmpty) {
               0);
 }
 
+// What the whole buffer shows, and the result in it.
+struct ReadText {
+    std::string buffer;
+    std::string result;
+    bool operator==(const ReadText &) const = default;
+};
+
+ReadText readWhole(const std::string &name, size_t size) {
+    vxtest::GuardedBuffer buffer(size);
+    const char *result = readfile_r(name.c_str(), buffer.data(), size);
+    return {buffer.data(), result};
+}
+
 // The definition, written with the C library's line reader.
-std::string readLineWise(const std::string &name, size_t size) {
+ReadText readLineWise(const std::string &name, size_t size) {
     std::string buf(size, '\0');
     FILE *file = std::fopen(name.c_str(), "r");
     size_t used = 0;
@@ -435,7 +469,8 @@ std::string readLineWise(const std::string &name, size_t size) {
     }
     std::fclose(file);
     if (lines == 1 && buf[used - 1] == '\n') buf[used - 1] = '\0';
-    return stripwhite(buf.data());
+    const char *result = stripwhite(buf.data());
+    return {buf.c_str(), result};
 }
 
 TEST_F(Readfile, ReadsAnyBytesAsALineReaderDoes) {
@@ -446,9 +481,21 @@ TEST_F(Readfile, ReadsAnyBytesAsALineReaderDoes) {
         if (round % 50 == 0) content.resize(4090 + random() % 20);
         for (char &c : content) c = bytes[random() % bytes.size()];
         const size_t size = round % 50 == 0 ? 5000 : 2 + random() % 40;
-        const std::string ours = read(content, size);
-        ASSERT_EQ(ours, readLineWise(path("value"), size)) << testing::PrintToString(content);
+        writeFile(path("value"), content);
+        ASSERT_EQ(readWhole(path("value"), size), readLineWise(path("value"), size)) << testing::PrintToString(content);
     }
+}
+
+// Callers that look at their buffer instead of the result see no newline either.
+TEST_F(Readfile, TheNewlineOfASingleLineIsNotInTheBuffer) {
+    const auto bufferFor = [](const std::string &content) {
+        writeFile(path("value"), content);
+        return readWhole(path("value"), 16).buffer;
+    };
+    EXPECT_EQ(bufferFor("\n"), "");
+    EXPECT_EQ(bufferFor(" \n"), " ");
+    EXPECT_EQ(bufferFor("\0hidden\n\n"s), "") << "a line without text does not count";
+    EXPECT_EQ(bufferFor("\n\n"), "\n\n");
 }
 
 // ---- read_file_lines
@@ -486,6 +533,26 @@ TEST_F(ReadFileLines, AFileOfTooManyLinesCountsAsOutOfMemory) {
     EXPECT_EQ(readLines(text + line), READFILE_OUT_OF_MEMORY);
     EXPECT_EQ(errno, EFBIG);
     EXPECT_EQ(log.take(), (std::vector<LogLine>{{LOG_ERR, "Zalloc failed, errno: File too large"}}));
+}
+
+// ---- all of them
+
+using FileDescriptors = ReadFileLines;
+
+TEST_F(FileDescriptors, NoneIsInheritedAcrossExec) {
+    ASSERT_EQ(::symlink("value", path("link").c_str()), 0);
+    ASSERT_EQ(::symlink("link", path("chain").c_str()), 0);
+    ASSERT_EQ(::symlink(path("value").c_str(), "/dev/shm/direct"), 0);
+    const std::string target = path(longName);
+    const vxtest::ClosesOnExec closesOnExec;
+    EXPECT_EQ(writefile(path("value").c_str(), "192.0.2.7"), 0);
+    EXPECT_EQ(writefile("/dev/shm/direct", "192.0.2.7"), 0);
+    for (int i = 0; i < 2; ++i) EXPECT_EQ(writefile(target.c_str(), "made, then written again"), 0);
+    EXPECT_STREQ(readfile(path("value").c_str()), "192.0.2.7");
+    EXPECT_STREQ(readfile(path("chain").c_str()), "192.0.2.7");
+    EXPECT_EQ(read_file_lines(path("value").c_str(), &lines_), 1);
+    EXPECT_NE(create_tmpfile(path("work_XXXXXX").c_str()), nullptr);
+    ::unlink("/dev/shm/direct");
 }
 
 // ---- create_tmpfile

@@ -268,8 +268,10 @@ TEST_F(Readfile, ABufferWithoutRoomIsLeftAlone) {
 
 TEST_F(Readfile, ForgetsThePreviousValue) {
     writeFile(path("value"), "previous");
-    EXPECT_STREQ(readfile(path("value").c_str()), "previous");
+    const char *text = readfile(path("value").c_str());
+    EXPECT_STREQ(text, "previous");
     EXPECT_STREQ(readfile(path("none").c_str()), "");
+    EXPECT_EQ(std::string(text, 8), std::string(8, '\0')) << "none of it is left in the buffer";
 }
 
 TEST_F(Readfile, ReadsKernelAttributes) {
