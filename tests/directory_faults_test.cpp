@@ -5,6 +5,8 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <linux/magic.h>
+#include <sys/resource.h>
+#include <sys/sendfile.h>
 #include <sys/stat.h>
 #include <sys/vfs.h>
 #include <syslog.h>
@@ -20,8 +22,10 @@
 #include <vector>
 
 #include "support/call_hooks.h"
+#include "support/close_on_exec.h"
 #include "support/directories.h"
 #include "support/files.h"
+#include "support/process.h"
 #include "support/syslog_capture.h"
 
 VXTEST_HOOK(int, fchmod, (int fd, mode_t mode), (fd, mode))
@@ -30,6 +34,8 @@ VXTEST_HOOK_AS(int, fstatat, "__fstatat64_time64", (int directory, const char *p
                (directory, path, status, flags))
 VXTEST_HOOK_AS(int, fstatfs, "fstatfs64", (int fd, struct statfs *system), (fd, system))
 VXTEST_HOOK(ssize_t, getdents64, (int fd, void *buffer, size_t size), (fd, buffer, size))
+VXTEST_HOOK_AS(ssize_t, sendfile, "sendfile64", (int out, int in, off_t *offset, size_t count),
+               (out, in, offset, count))
 VXTEST_HOOK(char *, strdup, (const char *text), (text))
 
 namespace {
@@ -78,6 +84,18 @@ auto listCutAt(const std::string &which) {
     };
 }
 
+// Calls `change` when the status of this path has been asked for, so that the caller works on what is no longer there.
+auto changeAfterStatusOf(const std::string &which, std::function<void()> change) {
+    return
+        [which, change](int directory, const char *name, struct stat *status, int flags) mutable -> std::optional<int> {
+            if (!change || (directory == AT_FDCWD ? name : pathOf(directory) + "/" + name) != which)
+                return std::nullopt;
+            const int result = vxtest::real::fstatat(directory, name, status, flags);
+            std::exchange(change, nullptr)();
+            return result;
+        };
+}
+
 // Calls `change` once, when the entries are read.
 auto changeWhenListed(const std::string &which, std::function<void()> change) {
     return [which, change](int fd, void *, size_t) mutable -> std::optional<ssize_t> {
@@ -93,6 +111,22 @@ using CreateDirectoryFaults = Directories;
 using DeleteDirectoryFaults = Trees;
 using CopyFileFaults = Directories;
 using CopyDirectoryFaults = Trees;
+using DirectoryDescriptors = Trees;
+
+// Among them those that are opened again on the way up from a deep directory.
+TEST_F(DirectoryDescriptors, NoneIsInheritedAcrossExec) {
+    writeFile(path("source/file"), "x");
+    ASSERT_EQ(::symlink("file", path("source/link").c_str()), 0);
+    ASSERT_EQ(::symlink("source", path("top").c_str()), 0);
+    (void)makeChain(path("source"), path("source").size() + 40, 1);
+    const vxtest::ClosesOnExec closesOnExec;
+    EXPECT_EQ(createDirectory(path("new/../new/below")), 0);
+    EXPECT_EQ(copyDirectory(path("source"), path("copy")), 0);
+    EXPECT_EQ(copyDirectory(path("top"), path("copy")), 0);
+    EXPECT_EQ(delete_directory_contents(path("top").c_str()), 0);
+    EXPECT_EQ(delete_directory(path("copy").c_str()), 0);
+    EXPECT_EQ(delete_directory(path("tree").c_str()), 0);
+}
 
 TEST_F(TryMkdirFaults, AModeThatCannotBeSetIsReportedAndTheDirectoryStaysAsItWasMade) {
     ::umask(0);
@@ -204,6 +238,42 @@ TEST_F(DeleteDirectoryFaults, WhatCannotBeListedToItsEndStays) {
     EXPECT_FALSE(exists(path("tree/one")));
 }
 
+// What another process may put in a directory's place once it has been seen.
+struct Replacement {
+    const char *what;
+    std::function<void()> put;
+};
+
+std::vector<Replacement> replacementsOf(const std::string &directory) {
+    const auto away = [directory] { fs::rename(directory, dir + "/away"); };
+    return {{"a link",
+             [=] {
+                 away();
+                 fs::create_symlink(path("outside"), directory);
+             }},
+            {"a FIFO", [=] {
+                 away();
+                 EXPECT_EQ(::mkfifo(directory.c_str(), 0600), 0);
+             }}};
+}
+
+TEST_F(DeleteDirectoryFaults, WhatHasTakenADirectorysPlaceIsRemovedAndNotEntered) {
+    for (const auto &[what, put] : replacementsOf(path("tree/sub"))) {
+        EXPECT_EQ(vxtest::inChild([&, put = put] {
+                      ::alarm(20);
+                      const Hooked changed(hooks::fstatat, changeAfterStatusOf(path("tree/sub"), put));
+                      return delete_directory(path("tree").c_str());
+                  }),
+                  0)
+            << what;
+        EXPECT_FALSE(exists(path("tree"))) << what;
+        EXPECT_EQ(readFile(path("outside/kept")), "kept") << what;
+        EXPECT_EQ(readFile(path("away/deep/two")), "2") << what;
+        fs::remove_all(path("away"));
+        Trees::SetUp();
+    }
+}
+
 // The way back up is "..", which leads elsewhere once a directory has been moved.
 TEST_F(DeleteDirectoryFaults, DoesNotGoOnWhereADirectoryWasMovedTo) {
     vxtest::makeDirs(path("tree/a"));
@@ -219,6 +289,23 @@ TEST_F(DeleteDirectoryFaults, DoesNotGoOnWhereADirectoryWasMovedTo) {
     for (char name = 'b'; name <= 'z'; ++name) EXPECT_TRUE(exists(path("outside/") + name)) << name;
 }
 
+// From now on the process cannot open anything.
+void allowNoDescriptors() {
+    const rlimit none{};
+    EXPECT_EQ(::setrlimit(RLIMIT_NOFILE, &none), 0);
+}
+
+TEST_F(DeleteDirectoryFaults, ADirectoryThatCannotBeReachedAgainIsAFailure) {
+    const std::string innermost = makeChain(path("tree"), path("tree").size() + 40, 1);
+    EXPECT_EQ(vxtest::inChild([&] {
+                  const Hooked last(hooks::getdents64, changeWhenListed(innermost, allowNoDescriptors));
+                  return delete_directory(path("tree").c_str()) == -1 && errno == EMFILE ? 0 : 1;
+              }),
+              0);
+    EXPECT_FALSE(exists(innermost));
+    EXPECT_TRUE(exists(path("tree/d")));
+}
+
 TEST_F(CopyFileFaults, ASourceThatCannotBeExaminedIsReported) {
     writeFile(path("src"), "x");
     vxtest::SyslogCapture log;
@@ -229,6 +316,22 @@ TEST_F(CopyFileFaults, ASourceThatCannotBeExaminedIsReported) {
     }
     EXPECT_EQ(log.take(), (std::vector<LogLine>{{LOG_ERR, "Can't read file stats: Input/output error (5)"}}));
     EXPECT_FALSE(exists(path("dst")));
+}
+
+TEST_F(CopyFileFaults, AReaderThatLeavesDuringTheCopyIsAFailureWithoutASignal) {
+    writeFile(path("src"), "x");
+    ASSERT_EQ(::mkfifo(path("fifo").c_str(), 0600), 0);
+    vxtest::SyslogCapture log;
+    EXPECT_EQ(vxtest::inChild([] {
+                  const int reader = ::open(path("fifo").c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+                  const Hooked leaves(hooks::sendfile, [reader](const auto &...) -> std::optional<ssize_t> {
+                      ::close(reader);
+                      return std::nullopt;
+                  });
+                  return copyFile(path("src"), path("fifo")) == -1 && errno == EPIPE ? 0 : 1;
+              }),
+              0);
+    EXPECT_EQ(log.take(), (std::vector<LogLine>{{LOG_ERR, "Sendfile error: Broken pipe (32)"}}));
 }
 
 TEST_F(CopyFileFaults, WithoutMemoryForTheFoldersNameItFails) {
@@ -247,11 +350,47 @@ TEST_F(CopyDirectoryFaults, ADestinationWhoseModeCannotBeSetIsAFailure) {
     EXPECT_TRUE(log.take().empty());
 }
 
+// Whose directory it is decides whether it may be filled.
+TEST_F(CopyDirectoryFaults, AnExistingDestinationThatCannotBeExaminedIsNotFilled) {
+    vxtest::makeDirs(path("copy"));
+    {
+        const Hooked refused(hooks::fstat, [](int fd, struct stat *) -> std::optional<int> {
+            if (pathOf(fd) != path("copy")) return std::nullopt;
+            errno = EIO;
+            return -1;
+        });
+        EXPECT_EQ(copyDirectory(path("outside"), path("copy")), -1);
+        EXPECT_EQ(errno, EIO);
+    }
+    const Hooked refused(hooks::fstatat, statusRefusedAt(path(".")));
+    errno = 0;
+    EXPECT_EQ(copyDirectory(path("outside"), path("copy")), -1);
+    EXPECT_EQ(errno, EIO);
+    EXPECT_TRUE(fs::is_empty(path("copy")));
+}
+
 TEST_F(CopyDirectoryFaults, StopsAtAnEntryThatCannotBeExamined) {
     const Hooked refused(hooks::fstatat, statusRefusedAt(path("outside/kept")));
     EXPECT_EQ(copyDirectory(path("outside"), path("copy")), -1);
     EXPECT_EQ(errno, EIO);
     EXPECT_TRUE(fs::is_empty(path("copy")));
+}
+
+TEST_F(CopyDirectoryFaults, WhatHasTakenADirectorysPlaceIsNotCopied) {
+    for (const auto &[what, put] : replacementsOf(path("small/sub"))) {
+        fs::remove_all(path("small"));
+        fs::remove_all(path("copy"));
+        fs::remove_all(path("away"));
+        writeFile(path("small/sub/file"), "x");
+        EXPECT_EQ(vxtest::inChild([&, put = put] {
+                      ::alarm(20);
+                      const Hooked changed(hooks::fstatat, changeAfterStatusOf(path("small/sub"), put));
+                      return copyDirectory(path("small"), path("copy")) == -1 && errno == ENOTDIR ? 0 : 1;
+                  }),
+                  0)
+            << what;
+        EXPECT_TRUE(fs::is_empty(path("copy/sub"))) << what;
+    }
 }
 
 TEST_F(CopyDirectoryFaults, ASourceThatCannotBeListedToItsEndIsAFailure) {
@@ -269,6 +408,16 @@ TEST_F(CopyDirectoryFaults, ASourceThatCannotBeListedToItsEndIsAFailure) {
     }
     EXPECT_EQ(copyDirectory(path("around"), path("copy")), 0);
     EXPECT_TRUE(exists(path("copy/small/file39")));
+}
+
+TEST_F(CopyDirectoryFaults, ADirectoryThatCannotBeReachedAgainIsAFailure) {
+    vxtest::makeDirs(path("small"));
+    const std::string innermost = makeChain(path("small"), path("small").size() + 40, 1);
+    EXPECT_EQ(vxtest::inChild([&] {
+                  const Hooked last(hooks::getdents64, changeWhenListed(innermost, allowNoDescriptors));
+                  return copyDirectory(path("small"), path("copy")) == -1 && errno == EMFILE ? 0 : 1;
+              }),
+              0);
 }
 
 TEST_F(CopyDirectoryFaults, StopsWhenADirectoryOfTheSourceWasMovedElsewhere) {

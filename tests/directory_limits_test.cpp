@@ -227,6 +227,21 @@ TEST_F(CopyFile, WritesThroughLinksOfItsOwnUser) {
     EXPECT_EQ(errno, ELOOP);
 }
 
+TEST_F(CopyDirectory, AndDeletingStartInTheCurrentDirectory) {
+    EXPECT_EQ(vxtest::inChild([] {
+                  if (::chdir(dir.c_str()) != 0) return 100;
+                  if (copy_directory("outside", "copy") != 0) return 1;
+                  if (copy_directory("outside", "copy/sub/") != 0) return 2;
+                  if (delete_directory_contents("outside") != 0) return 3;
+                  return delete_directory("tree");
+              }),
+              0);
+    EXPECT_EQ(readFile(path("copy/kept")), "kept");
+    EXPECT_EQ(readFile(path("copy/sub/kept")), "kept");
+    EXPECT_FALSE(exists(path("outside/kept")));
+    EXPECT_FALSE(exists(path("tree")));
+}
+
 TEST_F(CopyDirectory, IntoItselfIsRefusedBeforeAnythingIsMade) {
     ASSERT_EQ(::symlink("tree/sub", path("way").c_str()), 0);
     for (const char *copy :

@@ -154,6 +154,17 @@ TEST_F(Trees, MakingGoesOnInWhatItMade) {
     EXPECT_FALSE(exists(ours + "/x"));
 }
 
+TEST_F(Trees, MakingNeedsNoRightToReadTheDirectoriesOfAPath) {
+    makeDir(dir + "/drop", 01733);
+    EXPECT_EQ(vxtest::asUser(stranger,
+                             [] {
+                                 std::string path = dir + "/drop/new/../other";
+                                 return create_directory(path.data());
+                             }),
+              0);
+    EXPECT_EQ(modeOf(dir + "/drop/other"), 0555u);
+}
+
 TEST_F(Trees, CopiesAreNotLedElsewhere) {
     const std::string source = dir + "/source";
     for (int i = 0; i < 20; ++i) writeFile(source + "/sub/new" + std::to_string(i), "new");
@@ -208,6 +219,7 @@ TEST_F(Trees, CopiesAreNotWrittenThroughAStrangersLink) {
     ASSERT_EQ(::symlink((ours + "/file0").c_str(), link.c_str()), 0);
     giveTo(stranger, link);
     vxtest::SyslogCapture log;
+    errno = 0;
     EXPECT_EQ(copy_file((dir + "/source/file").c_str(), link.c_str()), -1);
     EXPECT_EQ(errno, EACCES);
     EXPECT_EQ(
@@ -226,6 +238,7 @@ TEST_F(Trees, ASecretIsNotCopiedIntoAStrangersFile) {
         makeDir(dir + "/open", mode);
         writeFile(dir + "/open/copy", "mine");
         giveTo(stranger, dir + "/open/copy");
+        errno = 0;
         EXPECT_EQ(copy_file((ours + "/file0").c_str(), (dir + "/open/copy").c_str()), -1);
         EXPECT_EQ(errno, EACCES);
         EXPECT_EQ(readFile(dir + "/open/copy"), "mine");
@@ -249,6 +262,7 @@ TEST_F(Trees, ASecretIsNotCopiedIntoAStrangersDirectory) {
             writeFile(copy + level + "/key", "mine");
             ASSERT_EQ(::chmod((copy + level + "/key").c_str(), 0666), 0);
             giveTo(stranger, copy + level);
+            errno = 0;
             EXPECT_EQ(copy_directory((dir + "/source").c_str(), copy.c_str()), -1) << mode << level;
             EXPECT_EQ(errno, EACCES);
             EXPECT_EQ(readFile(copy + level + "/key"), "mine");
@@ -286,8 +300,10 @@ TEST_F(Trees, NothingIsWrittenIntoAStrangersFifo) {
         errno = 0;
         EXPECT_EQ(copy_file((ours + "/file0").c_str(), fifos[0].c_str()), -1);
         EXPECT_EQ(errno, EACCES);
+        errno = 0;
         EXPECT_FALSE(status.setStatus("/state", "secret"));
         EXPECT_EQ(errno, EACCES);
+        errno = 0;
         EXPECT_EQ(write_file_atomic(fifos[2].c_str(), "secret", 6, 0, 1), -1);
         EXPECT_EQ(errno, EACCES);
         for (const std::string &fifo : fifos) ::unlink(fifo.c_str());
@@ -301,7 +317,9 @@ TEST_F(Trees, ASecondNameInAnOpenDirectoryIsNotWritten) {
          std::array<std::pair<mode_t, uid_t>, 3>{{{0777, 0}, {01777, 0}, {0755, stranger}}}) {
         makeDir(dir + "/open", mode, owner);
         ASSERT_EQ(::link((ours + "/file0").c_str(), (dir + "/open/copy").c_str()), 0);
+        errno = 0;
         EXPECT_EQ(copy_file((dir + "/new").c_str(), (dir + "/open/copy").c_str()), -1);
+        EXPECT_EQ(errno, EACCES);
         EXPECT_EQ(readFile(ours + "/file0"), "secret");
         fs::remove_all(dir + "/open");
     }
@@ -324,6 +342,7 @@ TEST_F(FilesOfStrangers, TheDirectWriteFollowsNoLinkOfTheirs) {
     for (const std::string &target : {std::string("/dev/shm/link"), longName}) {
         ASSERT_EQ(::symlink(victim.c_str(), target.c_str()), 0);
         giveTo(stranger, target);
+        errno = 0;
         EXPECT_EQ(write_file_atomic(target.c_str(), "x", 1, 1, 1), -1);
         EXPECT_EQ(errno, EACCES);
         EXPECT_EQ(readFile(victim), "secret");
@@ -357,8 +376,12 @@ TEST_F(FilesOfStrangers, SecretsAreNotReadThroughLinksOfTheirs) {
             EXPECT_STREQ(readfile(name.c_str()), "");
             EXPECT_EQ(errno, EACCES);
             list_link lines{&lines, &lines};
+            errno = 0;
             EXPECT_EQ(read_file_lines(name.c_str(), &lines), READFILE_OPEN_FAILED);
+            EXPECT_EQ(errno, EACCES);
+            errno = 0;
             EXPECT_EQ(copy_file(name.c_str(), (dir + "/copy").c_str()), -1);
+            EXPECT_EQ(errno, EACCES);
         }
         fs::remove(dir + "/own");
         fs::remove_all(dir + "/open");
