@@ -24,6 +24,8 @@
 
 #include "support/call_hooks.h"
 #include "support/cfread.h"
+#include "support/close_on_exec.h"
+#include "support/descriptor_limit.h"
 #include "support/emulation.h"
 #include "support/process.h"
 
@@ -139,6 +141,30 @@ TEST_F(CfreadFiles, AReadErrorEndsTheFileWithSuccess) {
     ASSERT_NE(table, nullptr);
     EXPECT_EQ(table->count, 0);
     EXPECT_EQ(log.take(), Log{});
+}
+
+// The system log may need a descriptor when there is none left.
+TEST_F(CfreadFiles, AFailureIsLoggedWhenTheFileHadTakenTheLastDescriptor) {
+    const std::pair<const char *, const char *> failures[] = {
+        {"k", "cfread: non-terminated entry in /etc/vx/main.conf at line 1"},
+        {"include \n", "cfread: no include file given in /etc/vx/main.conf"},
+        {"include other.conf\n", "cfread: unable to open /etc/vx/other.conf"}};
+    for (const auto &[text, message] : failures) {
+        vxtest::writeFile(mainFile, text);
+        ::closelog();
+        {
+            const vxtest::DescriptorLimit one(1);
+            EXPECT_EQ(cfread_open(mainFile), nullptr);
+        }
+        EXPECT_EQ(log.take(), error(message));
+    }
+}
+
+TEST_F(CfreadFiles, NoDescriptorIsInheritedAcrossExec) {
+    vxtest::writeFile("/etc/vx/part.conf", "p=1\n");
+    vxtest::writeFile(mainFile, "a=1\ninclude part.conf\nb=2\n");
+    const vxtest::ClosesOnExec closesOnExec;
+    EXPECT_NE(openFile(), nullptr);
 }
 
 // ---- the limits of include
@@ -402,12 +428,67 @@ TEST_F(CfreadMemory, TheProcessEndsWhenNoSlotNumberIsLeft) {
     EXPECT_EQ(log.take(), (Log{{LOG_EMERG, "cfread: unable to get a free index"}}));
 }
 
-TEST_F(CfreadMemory, AnEntryThatFilesReplaceOftenKeepsNoMemory) {
+// Bytes of this process's memory that are in use.
+size_t allocated() {
 #ifdef __SANITIZE_ADDRESS__
-    const auto allocated = [] { return __sanitizer_get_current_allocated_bytes(); };
+    return __sanitizer_get_current_allocated_bytes();
 #else
-    const auto allocated = [] { return ::mallinfo2().uordblks; };
+    return ::mallinfo2().uordblks;
 #endif
+}
+
+// What a program may do with a table: entries of the file that it leaves alone, replaces, and replaces again, and entries
+// of its own, the first of which has the first slot of a table without entries.
+void useTable(const char *file) {
+    const Table table = openFile(file);
+    ASSERT_NE(table, nullptr);
+    for (int i = 0; i < 200; i += 2) {
+        ASSERT_NE(cfread_set_entry(table.get(), std::to_string(i).c_str(), "set by the program, once"), nullptr);
+    }
+    for (int i = 0; i < 200; i += 4) {
+        ASSERT_NE(cfread_set_entry(table.get(), std::to_string(i).c_str(), "set by the program, twice"), nullptr);
+    }
+}
+
+TEST_F(CfreadMemory, ATableGivesAllItsMemoryBack) {
+    std::string text;
+    for (int i = 0; i < 150; ++i) text += std::to_string(i) + "=" + std::string(200, 'v') + "\n";
+    vxtest::writeFile("/etc/vx/empty.conf", "");
+    vxtest::writeFile("/etc/vx/full.conf", text);
+    for (const char *file : {"/etc/vx/empty.conf", "/etc/vx/full.conf"}) {
+        useTable(file);  // the allocator may keep some blocks for later
+        const size_t before = allocated();
+        constexpr size_t rounds = 50;
+        for (size_t round = 0; round < rounds; ++round) useTable(file);
+        EXPECT_LT(allocated(), before + rounds * 8) << file << ": less than the smallest block per table";
+    }
+}
+
+TEST_F(CfreadMemory, ATableWithoutAPrivatePartGivesAllItsMemoryBack) {
+    vxtest::writeFile(mainFile, "a=1\nb=2\na=3\n");
+    const Hooked noPrivatePart(hooks::zalloc, refusing([](size_t size) {
+                                   return size != sizeof(cfread_table) && size != sizeof(cfread_entry);
+                               }));
+    EXPECT_NE(openFile(), nullptr);
+    const size_t before = allocated();
+    constexpr size_t rounds = 50;
+    for (size_t round = 0; round < rounds; ++round) EXPECT_NE(openFile(), nullptr);
+    EXPECT_LT(allocated(), before + rounds * 8);
+}
+
+TEST_F(CfreadMemory, TheCostOfAnEntryDoesNotDependOnTheirNumber) {
+    const Table table = openText("");
+    int moves = 0;
+    const Hooked counted(hooks::realloc, [&](void *, size_t) -> std::optional<void *> {
+        ++moves;
+        return std::nullopt;
+    });
+    for (int i = 0; i < 10000; ++i) ASSERT_NE(cfread_set_entry(table.get(), std::to_string(i).c_str(), "x"), nullptr);
+    EXPECT_LT(moves, 20) << "the slots grow by half";
+    EXPECT_GT(moves, 5) << "but are not allocated in advance";
+}
+
+TEST_F(CfreadMemory, AnEntryThatFilesReplaceOftenKeepsNoMemory) {
     const std::string filler(250, 'v');
     std::string text;
     for (int i = 0; i < 8000; ++i) text += "k=" + filler + std::to_string(i % 10) + "\n";
