@@ -26,6 +26,7 @@
 #include "support/directories.h"
 #include "support/files.h"
 #include "support/process.h"
+#include "support/short_memory.h"
 #include "support/syslog_capture.h"
 
 VXTEST_HOOK(int, fchmod, (int fd, mode_t mode), (fd, mode))
@@ -147,6 +148,62 @@ TEST_F(TryMkdirFaults, AnExistingEntryThatCannotBeExaminedIsReported) {
     EXPECT_EQ(errno, EIO);
     EXPECT_EQ(log.take(), (std::vector<LogLine>{{LOG_ERR, "Unknown errno using lstat in create_directory for " + dir +
                                                               ". errno=5, Input/output error"}}));
+}
+
+using WithoutMemory = Trees;
+
+// Makes the first allocation of a call fail, then the second one, and so on until the call succeeds.
+void failsWithEnomemAtEachAllocation(const char *what, const std::function<int()> &call) {
+    for (int allocations = 0;; ++allocations) {
+        errno = 0;
+        vxtest::objectsLeft = allocations;
+        vxtest::objectsRunOut = true;
+        const int result = call();
+        const int error = errno;
+        vxtest::objectsRunOut = false;
+        if (result == 0) {
+            EXPECT_GT(allocations, 0) << what;
+            return;
+        }
+        ASSERT_EQ(result, -1) << what << ", allocation " << allocations;
+        ASSERT_EQ(error, ENOMEM) << what << ", allocation " << allocations;
+    }
+}
+
+TEST_F(WithoutMemory, EachCallFailsWithEnomem) {
+    const std::string longName = path(std::string(200, 'n'));  // no string holds it without an allocation
+    fs::rename(path("outside"), longName);
+    const std::string link = path("link");
+    fs::create_symlink(longName, link);
+    const std::string linkToFile = path("file");
+    fs::create_symlink(longName + "/kept", linkToFile);
+    const std::string copy = path(std::string(200, 'c'));
+    const std::string file = copy + "/again";
+    failsWithEnomemAtEachAllocation("copy_directory", [&] { return copy_directory(longName.c_str(), copy.c_str()); });
+    failsWithEnomemAtEachAllocation("copy_file from a link",
+                                    [&] { return copy_file(linkToFile.c_str(), file.c_str()); });
+    failsWithEnomemAtEachAllocation("copy_file to a link", [&] { return copy_file(file.c_str(), linkToFile.c_str()); });
+    failsWithEnomemAtEachAllocation("delete_directory_contents", [&] {
+        const int result = delete_directory_contents(link.c_str());
+        return result == 0 && errno == ENOMEM ? -1 : result;  // a directory that cannot be opened is left as it is
+    });
+    EXPECT_EQ(readFile(file), "kept");
+    EXPECT_TRUE(fs::is_empty(longName));
+    failsWithEnomemAtEachAllocation("delete_directory", [&] { return delete_directory(copy.c_str()); });
+    EXPECT_FALSE(exists(copy));
+}
+
+TEST_F(WithoutMemory, ADirectoryWhoseModeCannotBeSetIsReported) {
+    const std::string name = path(std::string(200, 'n'));
+    vxtest::SyslogCapture log;
+    vxtest::objectsLeft = 0;
+    vxtest::objectsRunOut = true;
+    const int result = try_mkdir(name.c_str());
+    vxtest::objectsRunOut = false;
+    EXPECT_EQ(result, -1);
+    EXPECT_EQ(errno, ENOMEM);
+    EXPECT_EQ(log.take(), (std::vector<LogLine>{{LOG_DEBUG, "Cannot create directory. chmod " + name +
+                                                                " throw errno=12, Cannot allocate memory"}}));
 }
 
 // A memory stick that every user may write to: all its directories have the owner and the mode of the mount, and fchmod()
