@@ -209,7 +209,7 @@ TEST_F(ConfigReaderLookup, CopiesOfOtherThreadsOutliveTheReader) {
     EXPECT_EQ(value("k"), "new");
 }
 
-// A String whose text nobody shares is changed in place. So this tells whether the reader has given up its own copy.
+// A String whose text no other one shares is changed in place. So this tells whether the reader has given up its own copy.
 bool isLastCopy(String &copy) {
     const char *before = copy.c_str();
     copy = "x";
