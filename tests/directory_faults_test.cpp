@@ -13,6 +13,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <csignal>
 #include <cstring>
 #include <filesystem>
 #include <functional>
@@ -63,6 +64,14 @@ auto modeRefusedAt(const std::string &which) {
     return [which](int fd, mode_t) -> std::optional<int> {
         if (pathOf(fd) != which) return std::nullopt;
         errno = EPERM;
+        return -1;
+    };
+}
+
+auto statusOfOpenRefusedAt(const std::string &which) {
+    return [which](int fd, struct stat *) -> std::optional<int> {
+        if (pathOf(fd) != which) return std::nullopt;
+        errno = EIO;
         return -1;
     };
 }
@@ -287,6 +296,15 @@ TEST_F(DeleteDirectoryFaults, StopsAtAnEntryThatCannotBeExamined) {
     EXPECT_FALSE(exists(path("outside")));
 }
 
+TEST_F(DeleteDirectoryFaults, NothingIsEmptiedThroughALinkThatCannotBeExamined) {
+    fs::create_symlink("outside", path("link"));
+    for (const std::string &which : {path("link"), dir}) {
+        const Hooked refused(hooks::fstat, statusOfOpenRefusedAt(which));
+        EXPECT_EQ(delete_directory_contents(path("link").c_str()), 0) << which;
+        EXPECT_EQ(readFile(path("outside/kept")), "kept") << which;
+    }
+}
+
 TEST_F(DeleteDirectoryFaults, WhatCannotBeListedToItsEndStays) {
     for (int i = 0; i < 40; ++i) writeFile(path("tree/sub/file" + std::to_string(i)), "");
     const Hooked cut(hooks::getdents64, listCutAt(path("tree/sub")));
@@ -375,20 +393,71 @@ TEST_F(CopyFileFaults, ASourceThatCannotBeExaminedIsReported) {
     EXPECT_FALSE(exists(path("dst")));
 }
 
+// Copies into a FIFO whose reader leaves before the first byte, and returns whether SIGPIPE is pending or blocked then.
+std::string signalsAfterTheReaderLeft() {
+    const int reader = ::open(path("fifo").c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    const Hooked leaves(hooks::sendfile, [reader](const auto &...) -> std::optional<ssize_t> {
+        ::close(reader);
+        return std::nullopt;
+    });
+    if (copyFile(path("src"), path("fifo")) != -1 || errno != EPIPE) return "copied";
+    sigset_t pending;
+    sigset_t blocked;
+    ::sigpending(&pending);
+    ::pthread_sigmask(SIG_BLOCK, nullptr, &blocked);
+    return std::string(sigismember(&pending, SIGPIPE) == 1 ? "pending " : "") +
+           (sigismember(&blocked, SIGPIPE) == 1 ? "blocked" : "");
+}
+
 TEST_F(CopyFileFaults, AReaderThatLeavesDuringTheCopyIsAFailureWithoutASignal) {
     writeFile(path("src"), "x");
     ASSERT_EQ(::mkfifo(path("fifo").c_str(), 0600), 0);
     vxtest::SyslogCapture log;
+    EXPECT_EQ(vxtest::inChild([] { return signalsAfterTheReaderLeft().empty() ? 0 : 1; }), 0);
+    EXPECT_EQ(log.take(), (std::vector<LogLine>{{LOG_ERR, "Sendfile error: Broken pipe (32)"}}));
+    // A thread that has blocked the signal waits for it itself.
     EXPECT_EQ(vxtest::inChild([] {
-                  const int reader = ::open(path("fifo").c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
-                  const Hooked leaves(hooks::sendfile, [reader](const auto &...) -> std::optional<ssize_t> {
-                      ::close(reader);
-                      return std::nullopt;
-                  });
-                  return copyFile(path("src"), path("fifo")) == -1 && errno == EPIPE ? 0 : 1;
+                  sigset_t pipe;
+                  sigemptyset(&pipe);
+                  sigaddset(&pipe, SIGPIPE);
+                  ::pthread_sigmask(SIG_BLOCK, &pipe, nullptr);
+                  return signalsAfterTheReaderLeft() == "pending blocked" ? 0 : 1;
               }),
               0);
-    EXPECT_EQ(log.take(), (std::vector<LogLine>{{LOG_ERR, "Sendfile error: Broken pipe (32)"}}));
+}
+
+// What cannot be looked at might be a stranger's: a link, the directory it is in, and what it leads to.
+TEST_F(CopyFileFaults, NothingIsReadOrWrittenThroughWhatCannotBeExamined) {
+    writeFile(path("src"), "new");
+    writeFile(path("dst"), "old");
+    fs::create_symlink("dst", path("link"));
+    vxtest::SyslogCapture log;
+    for (const std::string &which : {path("link"), dir, path("dst")}) {
+        const Hooked refused(hooks::fstat, statusOfOpenRefusedAt(which));
+        errno = 0;
+        EXPECT_STREQ(readfile(path("link").c_str()), "") << which;
+        EXPECT_EQ(errno, EIO) << which;
+        errno = 0;
+        EXPECT_EQ(copyFile(path("src"), path("link")), -1) << which;
+        EXPECT_EQ(errno, EIO) << which;
+        EXPECT_EQ(readFile(path("dst")), "old") << which;
+    }
+    const Hooked refused(hooks::fstat, statusOfOpenRefusedAt(path("dst")));
+    EXPECT_STREQ(readfile(path("dst").c_str()), "");
+    EXPECT_EQ(copyFile(path("src"), path("dst")), -1);
+    EXPECT_EQ(readFile(path("dst")), "old");
+    EXPECT_EQ(log.take().size(), 4u);
+}
+
+TEST_F(CopyFileFaults, AFileWithTwoNamesIsNotWrittenInADirectoryThatCannotBeExamined) {
+    writeFile(path("src"), "new");
+    writeFile(path("dst"), "old");
+    fs::create_hard_link(path("dst"), path("name"));
+    vxtest::SyslogCapture log;
+    const Hooked refused(hooks::fstatat, statusRefusedAt(dir + "/"));
+    EXPECT_EQ(copyFile(path("src"), path("dst")), -1);
+    EXPECT_EQ(errno, EACCES);
+    EXPECT_EQ(readFile(path("dst")), "old");
 }
 
 TEST_F(CopyFileFaults, WithoutMemoryForTheFoldersNameItFails) {
@@ -411,11 +480,7 @@ TEST_F(CopyDirectoryFaults, ADestinationWhoseModeCannotBeSetIsAFailure) {
 TEST_F(CopyDirectoryFaults, AnExistingDestinationThatCannotBeExaminedIsNotFilled) {
     vxtest::makeDirs(path("copy"));
     {
-        const Hooked refused(hooks::fstat, [](int fd, struct stat *) -> std::optional<int> {
-            if (pathOf(fd) != path("copy")) return std::nullopt;
-            errno = EIO;
-            return -1;
-        });
+        const Hooked refused(hooks::fstat, statusOfOpenRefusedAt(path("copy")));
         EXPECT_EQ(copyDirectory(path("outside"), path("copy")), -1);
         EXPECT_EQ(errno, EIO);
     }

@@ -59,6 +59,19 @@ void onASmallStack(std::function<void()> function) {
 
 // --- making
 
+TEST_F(TryMkdir, TheUmaskMayTakeEveryRight) {
+    if (!vxtest::hasOtherUsers()) GTEST_SKIP() << "a box made by an ordinary user has no other";
+    vxtest::makeDirs(path("his"));
+    vxtest::giveTo(vxtest::stranger, path("his"));
+    EXPECT_EQ(vxtest::asUser(vxtest::stranger,
+                             [] {
+                                 ::umask(0777);
+                                 return try_mkdir(path("his/new").c_str());
+                             }),
+              0);
+    EXPECT_EQ(modeOf(path("his/new")), 0555u);
+}
+
 TEST_F(TryMkdir, AFailureOfTheKernelIsReported) {
     vxtest::SyslogCapture log;
     EXPECT_EQ(try_mkdir(path("none/new").c_str()), -1);

@@ -396,6 +396,60 @@ TEST_F(Readfile, ALinkToADeviceDoesNotOpenIt) {
     ::close(watch);
 }
 
+// As many as the kernel follows in one path.
+TEST_F(Readfile, FortyLinksAreFollowedAndNoMore) {
+    writeFile(path("link0"), "42");
+    for (int i = 1; i <= 41; ++i) {
+        ASSERT_EQ(::symlink(("link" + std::to_string(i - 1)).c_str(), path("link" + std::to_string(i)).c_str()), 0);
+    }
+    EXPECT_STREQ(readfile(path("link40").c_str()), "42");
+    EXPECT_STREQ(readfile(path("link41").c_str()), "");
+    EXPECT_EQ(errno, ELOOP);
+    EXPECT_EQ(copy_file(path("link40").c_str(), path("copy").c_str()), 0);
+    writeFile(path("new"), "43");
+    EXPECT_EQ(copy_file(path("new").c_str(), path("link41").c_str()), -1);
+    EXPECT_EQ(errno, ELOOP);
+    EXPECT_EQ(readFile(path("link0")), "42");
+    EXPECT_EQ(copy_file(path("new").c_str(), path("link40").c_str()), 0);
+    EXPECT_EQ(readFile(path("link0")), "43");
+    for (int i = 41; i >= 0; --i) ::unlink(path("link" + std::to_string(i)).c_str());
+
+    writeFile(path("folder/file"), "");
+    ASSERT_EQ(::symlink("folder", path("link1").c_str()), 0);
+    for (int i = 2; i <= 41; ++i) {
+        ASSERT_EQ(::symlink(("link" + std::to_string(i - 1)).c_str(), path("link" + std::to_string(i)).c_str()), 0);
+    }
+    EXPECT_EQ(delete_directory_contents(path("link41").c_str()), 0);
+    EXPECT_TRUE(vxtest::exists(path("folder/file")));
+    EXPECT_EQ(delete_directory_contents(path("link40").c_str()), 0);
+    EXPECT_FALSE(vxtest::exists(path("folder/file")));
+    ::rmdir(path("folder").c_str());
+}
+
+// Only the kernel can follow its links in /proc: their texts need not be paths.
+TEST_F(Readfile, TheKernelsLinksLeadToFilesWithoutAName) {
+    writeFile(path("value"), "42");
+    const int file = ::open(path("value").c_str(), O_RDWR | O_CLOEXEC);
+    ::unlink(path("value").c_str());
+    const std::string link = "/proc/self/fd/" + std::to_string(file);
+    EXPECT_STREQ(readfile(link.c_str()), "42");
+    ASSERT_EQ(::symlink(link.c_str(), path("own").c_str()), 0);
+    EXPECT_STREQ(readfile(path("own").c_str()), "42");
+    EXPECT_EQ(write_file_atomic(link.c_str(), "43", 2, 0, 1), 0);
+    EXPECT_STREQ(readfile(link.c_str()), "43");
+    writeFile(path("new"), "44");
+    EXPECT_EQ(copy_file(path("new").c_str(), path("own").c_str()), 0);
+    EXPECT_STREQ(readfile(link.c_str()), "44");
+    ::close(file);
+
+    writeFile(path("folder/file"), "");
+    const int folder = ::open(path("folder").c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    EXPECT_EQ(delete_directory_contents(("/proc/self/fd/" + std::to_string(folder)).c_str()), 0);
+    EXPECT_FALSE(vxtest::exists(path("folder/file")));
+    ::close(folder);
+    ::rmdir(path("folder").c_str());
+}
+
 TEST_F(Readfile, ASparseFileIsNotReadForEver) {
     const vxtest::LargeFiles largeFiles;
     writeFile(path("value"), "");
