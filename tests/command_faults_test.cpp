@@ -3,9 +3,11 @@
 // detached start is held by another process.
 #include <vxutils/command.h>
 
+#include <sched.h>
 #include <sys/ipc.h>
 #include <sys/resource.h>
 #include <sys/shm.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
@@ -14,14 +16,18 @@
 
 #include <atomic>
 #include <cerrno>
-#include <chrono>
+#include <cmath>
 #include <csignal>
+#include <cstdlib>
 #include <ctime>
 #include <fstream>
 #include <functional>
 #include <optional>
+#include <sstream>
 #include <string>
+#include <string_view>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "support/call_hooks.h"
@@ -29,6 +35,7 @@
 #include "support/emulation.h"
 #include "support/files.h"
 #include "support/interruptions.h"
+#include "support/open_hook.h"
 #include "support/process.h"
 #include "support/resources.h"
 #include "support/stranger.h"
@@ -39,6 +46,11 @@ extern "C" const char *__asan_default_options();
 extern "C" const char *__asan_default_options() { return "allocator_may_return_null=1"; }
 
 VXTEST_HOOK(int, shmget, (key_t key, size_t size, int flags), (key, size, flags))
+VXTEST_HOOK(void *, shmat, (int id, const void *at, int flags), (id, at, flags))
+VXTEST_HOOK(int, shmctl, (int id, int command, shmid_ds *status), (id, command, status))
+VXTEST_HOOK(pid_t, fork, (), ())
+VXTEST_HOOK(int, socket, (int domain, int type, int protocol), (domain, type, protocol))
+VXTEST_HOOK_AS(time_t, time, "__time64", (time_t * result), (result))
 VXTEST_HOOK_AS(int, clock_gettime, "__clock_gettime64", (clockid_t clock, timespec *time), (clock, time))
 
 namespace {
@@ -154,13 +166,13 @@ TEST_F(ExecCommandFaults, DetachedStartsAreSerialisedByTheirDirectory) {
         segmentRequests.push_back({asked, size, flags});
         return std::nullopt;
     };
-    const auto start = std::chrono::steady_clock::now();
     {
         const Hooked recorder(hooks::shmget, record);
+        WithoutPauses pauses;
         EXPECT_EQ(_exec_command(1, "/bin/true", "true", noMore), -1);
         EXPECT_EQ(errno, EEXIST);
+        EXPECT_EQ(pauses.lengths_ns, std::vector<long>(10, 100000000));
     }
-    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::seconds(1));
     EXPECT_EQ(segmentRequests, std::vector(10, SegmentRequest{key, 4, IPC_CREAT | IPC_EXCL | 0600}));
     std::vector<LogLine> expected;
     for (int attempt = 1; attempt <= 10; ++attempt) {
@@ -202,6 +214,19 @@ TEST_F(ExecCommandFaults, ASegmentThatCannotBeAttachedIsRemoved) {
     EXPECT_EQ(segments(), 0);
 }
 
+TEST_F(ExecCommandFaults, AFailedStartLeavesItsErrnoWhenTheSegmentIsAlreadyGone) {
+    const Hooked noAttachment(hooks::shmat,
+                              vxtest::answering(reinterpret_cast<void *>(static_cast<intptr_t>(-1)), ENOMEM));
+    const Hooked removedByAnother(hooks::shmctl, [](int id, int command, shmid_ds *status) -> std::optional<int> {
+        vxtest::real::shmctl(id, command, status);
+        return vxtest::real::shmctl(id, command, status);
+    });
+    errno = 0;
+    EXPECT_EQ(_exec_command(1, "/bin/true", "true", noMore), -1);
+    EXPECT_EQ(errno, ENOMEM);
+    EXPECT_EQ(segments(), 0);
+}
+
 // ---- tokens of processes that have ended, and of strangers
 
 LogLine removedTokenOf(pid_t pid, uid_t maker) {
@@ -216,6 +241,19 @@ TEST_F(ExecCommandFaults, TheTokenOfAnEndedProcessIsRemoved) {
     vxtest::SyslogCapture log;
     EXPECT_GT(_exec_command(1, "/bin/true", "true", noMore), 1);
     EXPECT_EQ(log.take(), std::vector{removedTokenOf(maker, 0)});
+}
+
+TEST_F(ExecCommandFaults, OtherSegmentsOfEndedProcessesAreLeftAlone) {
+    const auto make = [](const char *path) {
+        return vxtest::inChild([path] { return ::shmget(::ftok(path, 52), 4, IPC_CREAT | IPC_EXCL | 0600) == -1; });
+    };
+    for (const char *path : {"/", ".", "/tmp"}) ASSERT_EQ(make(path), 0) << path;
+    EXPECT_GT(_exec_command(1, "/bin/true", "true", noMore), 1);
+    for (const char *path : {"/", "/tmp"}) {
+        const int id = ::shmget(::ftok(path, 52), 4, 0);
+        EXPECT_NE(id, -1) << path;
+        ::shmctl(id, IPC_RMID, nullptr);
+    }
 }
 
 TEST_F(ExecCommandFaults, TheTokenOfAKilledProcessIsRemovedThoughItsParentDoesNotWait) {
@@ -247,6 +285,105 @@ TEST_F(ExecCommandFaults, AProcessThatIsYoungerThanTheTokenDidNotMakeIt) {
         EXPECT_GT(_exec_command(1, "/bin/true", "true", noMore), 1);
     }
     EXPECT_EQ(log.take(), std::vector{removedTokenOf(::getpid(), 0)});
+}
+
+TEST_F(ExecCommandFaults, TheTokenOfAProcessInAnotherPidNamespaceIsKept) {
+    const int id = makeToken();
+    ASSERT_NE(id, -1);
+    EXPECT_EQ(vxtest::inChild([] {
+                  if (::unshare(CLONE_NEWPID) != 0) return 100;
+                  return vxtest::inChild([] {
+                      WithoutPauses pauses;
+                      return _exec_command(1, "/bin/true", "true", noMore) == -1 && errno == EEXIST ? 0 : 1;
+                  });
+              }),
+              0);
+    EXPECT_EQ(segments(), 1);
+    ::shmctl(id, IPC_RMID, nullptr);
+}
+
+// The kernel keeps a token's time in whole seconds, so its maker may seem younger than it is.
+TEST_F(ExecCommandFaults, AProcessMustBeTwoSecondsYoungerThanTheTokenNotToBeItsMaker) {
+    const int id = makeToken();
+    shmid_ds token{};
+    ASSERT_EQ(::shmctl(id, IPC_STAT, &token), 0);
+    const std::string status = readFile("/proc/self/stat");
+    std::istringstream fields(status.substr(status.rfind(')') + 2));
+    std::string field;
+    for (int number = 3; number <= 22; ++number) fields >> field;
+    const double started_s = std::stod(field) / static_cast<double>(::sysconf(_SC_CLK_TCK));
+    const auto start = [&](double processAge_s, double tokenAge_s) {
+        const Hooked clocks(hooks::clock_gettime, [&](clockid_t clock, timespec *time) -> std::optional<int> {
+            const double now_s =
+                clock == CLOCK_BOOTTIME ? started_s + processAge_s : static_cast<double>(token.shm_ctime) + tokenAge_s;
+            time->tv_sec = static_cast<time_t>(now_s);
+            time->tv_nsec = static_cast<long>((now_s - std::floor(now_s)) * 1e9);
+            return 0;
+        });
+        WithoutPauses pauses;
+        return _exec_command(1, "/bin/true", "true", noMore);
+    };
+    for (const double age_s : {0.0, 10.25, 10.75, 1000.5}) {
+        EXPECT_EQ(start(age_s, age_s), -1) << age_s;
+        EXPECT_EQ(start(age_s, age_s + 1.9), -1) << age_s;
+        EXPECT_EQ(segments(), 1);
+    }
+    EXPECT_GT(start(10.75, 12.85), 1);
+}
+
+// Makes the status of every process what this file holds; without a name none can be opened.
+auto statusFrom(const std::string &file) {
+    return [file](const char *path, int flags) -> std::optional<int> {
+        if (!std::string_view(path).ends_with("/stat")) return std::nullopt;
+        if (!file.empty()) return ::open(file.c_str(), flags);
+        errno = ESRCH;
+        return -1;
+    };
+}
+
+TEST_F(ExecCommandFaults, AMakerHasEndedWhenItsStatusSaysSo) {
+    std::string sinceTheMachineStarted;
+    for (int number = 4; number <= 22; ++number) sinceTheMachineStarted += " 0";
+    const auto start = [&](char state) {
+        writeFile(path("status"), std::string("1 (a) Z) ") + state + sinceTheMachineStarted);
+        const Hooked status(hooks::open, statusFrom(path("status")));
+        WithoutPauses pauses;
+        return _exec_command(1, "/bin/true", "true", noMore);
+    };
+    for (const char dead : {'Z', 'X'}) {
+        ASSERT_NE(makeToken(), -1);
+        EXPECT_GT(start(dead), 1) << dead;
+        ASSERT_TRUE(vxtest::eventually([] { return segments() == 0; }));
+    }
+    const int id = makeToken();
+    for (const char alive : {'R', 'S', 'D', 'T', 't', 'I'}) EXPECT_EQ(start(alive), -1) << alive;
+    ::shmctl(id, IPC_RMID, nullptr);
+}
+
+// What is known about the maker without its status: whether it exists.
+TEST_F(ExecCommandFaults, AMakerWhoseStatusCannotBeReadKeepsItsTokenAndGetsNoSignal) {
+    writeFile(path("no name"), "1 sh S 1");
+    writeFile(path("cut"), "1 (sh) S 1");
+    const int id = makeToken();
+    ASSERT_NE(id, -1);
+    for (const std::string &file : {std::string(), std::string("/dev/null"), path("no name"), path("cut")}) {
+        const Hooked status(hooks::open, statusFrom(file));
+        WithoutPauses pauses;
+        EXPECT_EQ(_exec_command(1, "/bin/true", "true", noMore), -1) << file;  // SIGHUP would end this program
+    }
+    EXPECT_EQ(segments(), 1);
+    ::shmctl(id, IPC_RMID, nullptr);
+    ASSERT_EQ(vxtest::inChild([] { return makeToken() == -1 ? 1 : 0; }), 0);
+    const Hooked status(hooks::open, statusFrom(""));
+    EXPECT_GT(_exec_command(1, "/bin/true", "true", noMore), 1) << "this maker does not exist";
+}
+
+TEST_F(ExecCommandFaults, WhatIsReadAboutATokenIsClosedOnExec) {
+    ASSERT_EQ(vxtest::inChild([] { return makeToken() == -1 ? 1 : 0; }), 0);
+    const vxtest::OpenedFiles files;
+    EXPECT_GT(_exec_command(1, "/bin/true", "true", noMore), 1);
+    EXPECT_EQ(files.withoutCloseOnExec(), std::vector<std::string>{});
+    EXPECT_EQ(files.flagsOf("/proc/sysvipc/shm"), O_RDONLY);
 }
 
 TEST_F(ExecCommandFaults, TheTokenOfAStrangerIsRemovedWhileItsMakerLives) {
@@ -312,6 +449,7 @@ TEST_F(ExecCommandFaults, AnOrdinaryUserCannotRemoveAStrangersToken) {
     ASSERT_EQ(
         vxtest::inChild([] { return ::setresuid(stranger, stranger, stranger) != 0 || makeToken() == -1 ? 1 : 0; }), 0);
     EXPECT_EQ(vxtest::inChild([] {
+                  WithoutPauses pauses;
                   if (::setresuid(stranger + 1, stranger + 1, stranger + 1) != 0) return 100;
                   return _exec_command(1, "/bin/true", "true", noMore) == -1 && errno == EEXIST ? 0 : 1;
               }),
@@ -388,6 +526,94 @@ TEST_F(ForkFailure, AProgramThatTheCallerCannotBecomeEndsItWithTheErrorNumber) {
                                    return 1;
                                }),
               ENOENT);
+}
+
+// ---- the message of a child that cannot fork
+
+class SecondForkFailure : public Commands {
+protected:
+    void SetUp() override {
+        Commands::SetUp();
+        ::setenv("TZ", "UTC0", 1);
+        ::tzset();
+    }
+    void TearDown() override {
+        program_invocation_short_name = name_;
+        ::setlogmask(LOG_UPTO(LOG_DEBUG));
+        ::unsetenv("TZ");
+        ::tzset();
+        Commands::TearDown();
+    }
+
+    // What the child sends to the system log. The fork in the caller succeeds, the one in the child fails.
+    std::vector<std::string> logged() {
+        const Hooked failing(hooks::fork, vxtest::failingWith(EAGAIN, 1));
+        EXPECT_EQ(_exec_command(1, "/bin/true", "true", noMore), 0);
+        return log_.takeRaw();
+    }
+
+    std::vector<std::string> loggedAt(time_t now) {
+        const Hooked clock(hooks::time, [now](time_t *) -> std::optional<time_t> { return now; });
+        return logged();
+    }
+
+private:
+    char *const name_ = program_invocation_short_name;
+    vxtest::SyslogCapture log_;
+};
+
+TEST_F(SecondForkFailure, ItsLineHasTheFormOfTheSystemLog) {
+    program_invocation_short_name = const_cast<char *>("netd");
+    constexpr time_t newYear = 1767225600;  // of 2026
+    constexpr time_t day = 86400;
+    const std::vector<std::pair<time_t, std::string>> times{{newYear, "Jan  1 00:00:00"},
+                                                            {newYear + 40 * day + 3661, "Feb 10 01:01:01"},
+                                                            {newYear + 59 * day, "Mar  1 00:00:00"},
+                                                            {newYear + 90 * day, "Apr  1 00:00:00"},
+                                                            {newYear + 120 * day, "May  1 00:00:00"},
+                                                            {newYear + 151 * day, "Jun  1 00:00:00"},
+                                                            {newYear + 181 * day, "Jul  1 00:00:00"},
+                                                            {newYear + 212 * day, "Aug  1 00:00:00"},
+                                                            {newYear + 243 * day, "Sep  1 00:00:00"},
+                                                            {newYear + 273 * day, "Oct  1 00:00:00"},
+                                                            {newYear + 304 * day, "Nov  1 00:00:00"},
+                                                            {newYear + 365 * day - 1, "Dec 31 23:59:59"}};
+    for (const auto &[now, text] : times) {
+        EXPECT_EQ(loggedAt(now), std::vector<std::string>{"<11>" + text + " netd: second fork failed"});
+    }
+}
+
+TEST_F(SecondForkFailure, ItsTimeIsLocal) {
+    program_invocation_short_name = const_cast<char *>("netd");
+    ::setenv("TZ", "XYZ-5:30", 1);
+    ::tzset();
+    EXPECT_EQ(loggedAt(1767225600), std::vector<std::string>{"<11>Jan  1 05:30:00 netd: second fork failed"});
+}
+
+TEST_F(SecondForkFailure, AProgramsNameCannotBeginALineOfItsOwn) {
+    program_invocation_short_name = const_cast<char *>("a\n<0>b");
+    EXPECT_EQ(loggedAt(1767225600), std::vector<std::string>{"<11>Jan  1 00:00:00 a\\x0A<0>b: second fork failed"});
+}
+
+TEST_F(SecondForkFailure, ALongLineIsCut) {
+    std::string name(1000, 'n');
+    program_invocation_short_name = name.data();
+    EXPECT_EQ(loggedAt(1767225600), std::vector{"<11>Jan  1 00:00:00 " + name.substr(0, 235)});
+}
+
+TEST_F(SecondForkFailure, TheMaskOfPrioritiesIsRespected) {
+    ::setlogmask(LOG_UPTO(LOG_CRIT));
+    EXPECT_EQ(logged(), std::vector<std::string>{});
+    ::setlogmask(LOG_MASK(LOG_ERR));
+    EXPECT_EQ(logged().size(), 1u);
+}
+
+TEST_F(SecondForkFailure, ItsSocketIsClosedOnExec) {
+    const Hooked check(hooks::socket, [](int, int type, int) -> std::optional<int> {
+        if ((type & SOCK_CLOEXEC) == 0) ::_exit(99);  // in the child: the line is missing then
+        return std::nullopt;
+    });
+    EXPECT_EQ(logged().size(), 1u);
 }
 
 // ---- output and command lines

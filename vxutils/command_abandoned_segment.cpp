@@ -68,7 +68,7 @@ std::optional<Status> readStatus(pid_t pid) {
     const Fd file(retryEintr([&] { return ::open(path.data(), O_RDONLY | O_CLOEXEC); }));
     std::array<char, 1024> text;
     const ssize_t got = retryEintr([&] { return ::read(file.get(), text.data(), text.size() - 1); });
-    if (got <= 0) return std::nullopt;
+    if (got == -1) return std::nullopt;
     text[static_cast<size_t>(got)] = '\0';
     const char *afterName = std::strrchr(text.data(), ')');  // the name may hold anything
     Status status{};

@@ -5,8 +5,9 @@
 #include <sys/un.h>
 #include <syslog.h>
 
-#include <algorithm>
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <ctime>
 
 #include "vxutils/internal/fd.h"
@@ -20,23 +21,22 @@ constexpr sockaddr_un logSocket{AF_UNIX, _PATH_LOG};
 }  // namespace
 
 PreparedLog::PreparedLog(int priority, const char *text) noexcept {
+    if ((::setlogmask(0) & LOG_MASK(priority)) == 0) return;
     constexpr const char *months[] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
                                       "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
-    const ErrnoKeeper keeper;
     const time_t now = std::time(nullptr);
     tm local{};
     (void)::localtime_r(&now, &local);
-    const int length = std::snprintf(line_, sizeof line_, "<%d>%s %2d %02d:%02d:%02d %s: %s", LOG_USER | priority,
-                                     months[local.tm_mon], local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec,
-                                     VisibleText(program_invocation_short_name).c_str(), text);
-    length_ = std::min(static_cast<size_t>(std::max(length, 0)), sizeof line_ - 1);
+    std::snprintf(line_, sizeof line_, "<%d>%s %2d %02d:%02d:%02d %s: %s", LOG_USER | priority, months[local.tm_mon],
+                  local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec,
+                  VisibleText(program_invocation_short_name).c_str(), text);
 }
 
 void PreparedLog::send() const noexcept {
-    const ErrnoKeeper keeper;
+    if (*line_ == '\0') return;
     const Fd socket(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-    (void)::sendto(socket.get(), line_, length_, MSG_NOSIGNAL, reinterpret_cast<const sockaddr *>(&logSocket),
-                   sizeof logSocket);
+    (void)::sendto(socket.get(), line_, std::strlen(line_), MSG_NOSIGNAL,
+                   reinterpret_cast<const sockaddr *>(&logSocket), sizeof logSocket);
 }
 
 }  // namespace vx

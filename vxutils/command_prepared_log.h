@@ -2,13 +2,11 @@
 // A log line for the time between fork and exec.
 #pragma once
 
-#include <cstddef>
-
 namespace vx {
 
 // The C library's log call takes locks, which another thread may have held at the time of the fork. This line is
 // therefore formatted before the fork, as that call would format it (facility "user", the program's name), and sent by
-// plain system calls.
+// plain system calls. A priority that setlogmask() leaves out is not sent; of a very long line the end is missing.
 class PreparedLog {
 public:
     PreparedLog(int priority, const char *text) noexcept;
@@ -16,8 +14,7 @@ public:
     void send() const noexcept;  // async-signal-safe
 
 private:
-    char line_[256];
-    size_t length_;
+    char line_[256] = "";  // empty: nothing is sent
 };
 
 }  // namespace vx

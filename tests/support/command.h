@@ -10,13 +10,20 @@
 #include <vxutils/command.h>
 
 #include <cstring>
+#include <ctime>
 #include <fstream>
+#include <optional>
 #include <ostream>
 #include <string>
+#include <vector>
 
+#include "support/call_hooks.h"
 #include "support/files.h"
 #include "support/process.h"
 #include "support/resources.h"
+
+VXTEST_HOOK_AS(int, clock_nanosleep, "__clock_nanosleep_time64",
+               (clockid_t clock, int flags, const timespec *request, timespec *left), (clock, flags, request, left))
 
 namespace vxtest::command {
 
@@ -62,6 +69,20 @@ inline std::string openIn(int mode) {
 }
 
 inline int makeToken() { return ::shmget(::ftok(".", 52), 4, IPC_CREAT | IPC_EXCL | 0600); }
+
+// Lets every pause end at once and keeps its length.
+struct WithoutPauses {
+    std::vector<long> lengths_ns;
+    vxtest::Hooked<decltype(vxtest::hooks::clock_nanosleep)> hook{
+        vxtest::hooks::clock_nanosleep,
+        [this](clockid_t clock, int flags, const timespec *request, timespec *) -> std::optional<int> {
+            EXPECT_EQ(clock, CLOCK_MONOTONIC);
+            EXPECT_EQ(flags, 0);
+            EXPECT_EQ(request->tv_sec, 0);
+            lengths_ns.push_back(request->tv_nsec);
+            return 0;
+        }};
+};
 
 struct Evaluated {
     int result;
