@@ -300,11 +300,6 @@ bool prepareSend(const configd_handle *handle, const sockaddr_un &daemon) {
     return ::connect(handle->fd, reinterpret_cast<const sockaddr *>(&daemon), sizeof daemon) == 0;
 }
 
-bool isEmpty(int fd) {
-    char byte;
-    return vx::retryEintr([&] { return ::recv(fd, &byte, sizeof byte, MSG_DONTWAIT | MSG_PEEK); }) == -1;
-}
-
 // Empties the connected socket, unless a daemon sends without end. Returns whether an answer of the daemon was in it.
 bool discardAnswers(int fd) {
     bool found = false;
@@ -328,7 +323,7 @@ bool discardAnswers(int fd) {
 // socket with a new name.
 bool prepareExchange(configd_handle *handle, const sockaddr_un &daemon) {
     if (!prepareSend(handle, daemon)) return false;
-    if (isEmpty(handle->fd) || !discardAnswers(handle->fd)) return true;
+    if (!discardAnswers(handle->fd)) return true;
     answersAreRepeated = true;
     distrust(handle);
     reconnect(handle);
@@ -510,15 +505,14 @@ int configd_done(configd_handle *handle) {
     if (handle == nullptr) return -1;
     if (!sendRequest(handle, doneRequest.data(), static_cast<int>(doneRequest.size()))) return reconnected(handle, -2);
     Message answer;
-    const int received = receiveAnswer(handle, answer, changeAnswerSize);
-    if (received == 0) {
+    answer[0] = '\0';  // stays when no answer comes in time
+    if (receiveAnswer(handle, answer, changeAnswerSize) == 0) {
         vx::log(LOG_ERR, "no response from configd");
         return gaveUp(handle, -3);
     }
-    const char *text = received > 0 ? answer.data() : "";
-    if (std::strcmp(text, "Ready") == 0) return 0;
-    if (std::strcmp(text, "Busy") == 0) return 1;
-    vx::log(LOG_ERR, "invalid response <%s> from configd", text);
+    if (std::strcmp(answer.data(), "Ready") == 0) return 0;
+    if (std::strcmp(answer.data(), "Busy") == 0) return 1;
+    vx::log(LOG_ERR, "invalid response <%s> from configd", answer.data());
     return gaveUp(handle, -4);
 }
 

@@ -11,11 +11,12 @@ namespace {
 // One record and the empty one that ends the array.
 using Entries = std::array<configd_entry, 2>;
 
+// Fills in a field of zeros.
 template <size_t size>
 bool fill(char (&field)[size], String const &text) {
     const auto length = static_cast<size_t>(text.length());
     if (length >= size) return false;
-    std::memcpy(field, text.c_str(), length + 1);
+    std::memcpy(field, text.c_str(), length);
     return true;
 }
 
@@ -36,9 +37,8 @@ bool set(configd_handle *handle, String const &key, String const &value) {
     return configd_set(handle, entries.data()) == 0;
 }
 
-// Fills in entries[0].value; false on any failure.
+// Fills in entries[0].value of empty records; false on any failure.
 bool get(configd_handle *handle, String const &key, Entries &entries) {
-    entries = {};
     if (handle == nullptr || !fill(entries[0].key, key) || entries[0].key[0] == '\0') return false;
     return configd_get(handle, entries.data()) == 0;
 }
@@ -64,13 +64,13 @@ bool ConfigDaemonClient::setIndexedValueAsInt(String const &key, unsigned long i
 }
 
 String &ConfigDaemonClient::getValue(String const &key, String &value) const {
-    Entries entries;
+    Entries entries{};
     if (get(handle_, key, entries)) value = static_cast<const char *>(entries[0].value);
     return value;
 }
 
 long ConfigDaemonClient::getValueAsInt(String const &key, long &value) const {
-    Entries entries;
+    Entries entries{};
     if (get(handle_, key, entries)) value = vx::toInt(entries[0].value);
     return value;
 }
