@@ -16,6 +16,7 @@
 #include "support/call_hooks.h"
 #include "support/dio.h"
 #include "support/files.h"
+#include "support/open_hook.h"
 #include "support/resources.h"
 #include "support/syslog_capture.h"
 
@@ -31,6 +32,23 @@ using namespace vxtest::dio;
 
 using testing::ElementsAre;
 using vxtest::LogLine;
+
+TEST_F(DioFiles, AreOpenedForOneDirectionAndClosedOnExec) {
+    for (const std::string &file : {value("din1"), value("dout1"), value("dout2"), tree + "din1/frequency"}) {
+        vxtest::writeFile(file, "0");
+    }
+    const vxtest::OpenedFiles files;
+    unsigned char on = 77;
+    EXPECT_EQ(dio_roValue(1, &on), DIO_OK);
+    EXPECT_EQ(dio_rwValue(1, &on), DIO_OK);
+    EXPECT_EQ(dio_setValue(2, 1), DIO_OK);
+    EXPECT_EQ(dio_setFrequencyActive(1, 1), DIO_OK);
+    EXPECT_EQ(files.flagsOf(value("din1")), O_RDONLY);
+    EXPECT_EQ(files.flagsOf(value("dout1")), O_RDONLY);
+    EXPECT_EQ(files.flagsOf(value("dout2")), O_WRONLY);
+    EXPECT_EQ(files.flagsOf(tree + "din1/frequency"), O_WRONLY);
+    EXPECT_EQ(files.withoutCloseOnExec(), std::vector<std::string>{});
+}
 
 TEST_F(DioFiles, NumbersOutside1To99AreOutOfRange) {
     vxtest::writeFile(value("din1"), "1");

@@ -5,13 +5,18 @@
 #include <vxutils/dio.h>
 
 #include <array>
+#include <cerrno>
 #include <cstring>
 
 #include "support/board.h"
+#include "support/call_hooks.h"
 #include "support/files.h"
 #include "support/process.h"
 #include "support/resources.h"
 #include "support/syslog_capture.h"
+
+VXTEST_HOOK(int, dio_roCount, (unsigned int *n), (n))
+VXTEST_HOOK(int, dio_rwCount, (unsigned int *n), (n))
 
 namespace {
 
@@ -72,6 +77,20 @@ TEST_F(DioStatus, TheFirstLineThatCannotBeReadEndsTheCall) {
     EXPECT_EQ(dio_getStatus(&status), DIO_MISSING);
     EXPECT_EQ(status.in.mask[0], 0x09);
     EXPECT_EQ(status.out.count, 2U);
+}
+
+TEST_F(DioStatus, LinesThatCannotBeCountedEndTheCall) {
+    Board board(2, 2);
+    dio_status status{};
+    {
+        const vxtest::Hooked failing(vxtest::hooks::dio_roCount, vxtest::answering(int{DIO_SYSTEM}, EIO));
+        EXPECT_EQ(dio_getStatus(&status), DIO_SYSTEM);
+        EXPECT_EQ(status.in.count + status.out.count, 0U);
+    }
+    const vxtest::Hooked failing(vxtest::hooks::dio_rwCount, vxtest::answering(int{DIO_SYSTEM}, EIO));
+    EXPECT_EQ(dio_getStatus(&status), DIO_SYSTEM);
+    EXPECT_EQ(status.in.count, 2U);
+    EXPECT_EQ(status.out.count, 0U);
 }
 
 TEST_F(DioStatus, WithoutATreeTheRecordIsEmpty) {

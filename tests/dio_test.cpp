@@ -122,6 +122,16 @@ TEST_F(DioFiles, ATreeThatCannotBeReadKeepsTheLastCount) {
     EXPECT_EQ(counts(), (Counts{0, 0, 0}));
 }
 
+TEST_F(DioFiles, AProcessThatCouldNeverReadTheTreeCountsNoLines) {
+    vxtest::removePlainBoardTree();
+    vxtest::writeFile("/sys/devices/vantorix", "not a directory");
+    const auto output = vxtest::run({vxtest::built("examples/dio_follow"), "1", "1"});
+    EXPECT_EQ(output.text, "board: 0 inputs, 0 outputs\n");
+    EXPECT_EQ(output.status, DIO_SYSTEM);
+    EXPECT_EQ(log.take().size(), 3U);
+    vxtest::removePlainBoardTree();
+}
+
 TEST_F(DioFiles, MissingFilesAreTold) {
     const vxtest::NoLeaks leaks;
     unsigned char on = 77;

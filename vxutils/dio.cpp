@@ -8,6 +8,7 @@
 #include <unistd.h>
 #include <vxutils/dio_status.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <cerrno>
@@ -196,7 +197,7 @@ int readValueOf(std::string_view prefix, unsigned int line, unsigned char *on) {
 uint32_t to32Bits(unsigned long number) {
     constexpr unsigned long largest = std::numeric_limits<uint32_t>::max();
     const bool negative = -number <= largest;
-    return number <= largest || negative ? static_cast<uint32_t>(number) : static_cast<uint32_t>(largest);
+    return static_cast<uint32_t>(negative ? number : std::min(number, largest));
 }
 
 int readFrequency(FILE *file, const LinePath &path, dio_frequency_record *record) {
