@@ -49,6 +49,7 @@ VXTEST_HOOK(int, shmget, (key_t key, size_t size, int flags), (key, size, flags)
 VXTEST_HOOK(void *, shmat, (int id, const void *at, int flags), (id, at, flags))
 VXTEST_HOOK(int, shmctl, (int id, int command, shmid_ds *status), (id, command, status))
 VXTEST_HOOK(pid_t, fork, (), ())
+VXTEST_HOOK(ssize_t, read, (int fd, void *data, size_t size), (fd, data, size))
 VXTEST_HOOK(int, socket, (int domain, int type, int protocol), (domain, type, protocol))
 VXTEST_HOOK_AS(time_t, time, "__time64", (time_t * result), (result))
 VXTEST_HOOK_AS(int, clock_gettime, "__clock_gettime64", (clockid_t clock, timespec *time), (clock, time))
@@ -336,7 +337,7 @@ auto statusFrom(const std::string &file) {
     return [file](const char *path, int flags) -> std::optional<int> {
         if (!std::string_view(path).ends_with("/stat")) return std::nullopt;
         if (!file.empty()) return ::open(file.c_str(), flags);
-        errno = ESRCH;
+        errno = EMFILE;
         return -1;
     };
 }
@@ -370,6 +371,11 @@ TEST_F(ExecCommandFaults, AMakerWhoseStatusCannotBeReadKeepsItsTokenAndGetsNoSig
         const Hooked status(hooks::open, statusFrom(file));
         WithoutPauses pauses;
         EXPECT_EQ(_exec_command(1, "/bin/true", "true", noMore), -1) << file;  // SIGHUP would end this program
+    }
+    {
+        const Hooked ending(hooks::read, vxtest::failingWith(ESRCH, 1));  // the first read is of the table of segments
+        WithoutPauses pauses;
+        EXPECT_EQ(_exec_command(1, "/bin/true", "true", noMore), -1);
     }
     EXPECT_EQ(segments(), 1);
     ::shmctl(id, IPC_RMID, nullptr);

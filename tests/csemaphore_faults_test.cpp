@@ -4,7 +4,6 @@
 
 #include <fcntl.h>
 #include <pthread.h>
-#include <sched.h>
 #include <sys/ipc.h>
 #include <sys/mman.h>
 #include <sys/resource.h>
@@ -17,9 +16,7 @@
 #include <array>
 #include <atomic>
 #include <cerrno>
-#include <chrono>
 #include <csignal>
-#include <ctime>
 #include <string>
 #include <thread>
 #include <vector>
@@ -65,72 +62,6 @@ using vxtest::textf;
 using OwnerDeathFaults = vxtest::OwnerDeathTest;
 using PlainSemaphoreFaults = vxtest::SemaphoreTest;
 using RecursiveSemaphoreFaults = vxtest::SemaphoreTest;
-
-// ---- time limits
-
-// Ends every wait for a semaphore as at the end of its time, and checks how long it was to last at most.
-class WaitsEnded {
-public:
-    explicit WaitsEnded(std::chrono::seconds limit) : limit_(limit) {}
-    ~WaitsEnded() { EXPECT_GT(count_, 0); }
-
-private:
-    using Clock = std::chrono::steady_clock;
-
-    int end(const timespec &limit) {
-        ++count_;
-        const auto given = std::chrono::seconds(limit.tv_sec) + std::chrono::nanoseconds(limit.tv_nsec);
-        EXPECT_LE(given, limit_);
-        EXPECT_GE(given, limit_ - (Clock::now() - start_));
-        errno = EAGAIN;
-        return -1;
-    }
-
-    const std::chrono::nanoseconds limit_;
-    const Clock::time_point start_ = Clock::now();
-    int count_ = 0;
-    Hooked<decltype(hooks::semtimedop)> hook_{
-        hooks::semtimedop,
-        [this](int, sembuf *, size_t, const timespec *limit) -> std::optional<int> { return end(*limit); }};
-};
-
-TEST_F(RecursiveSemaphoreFaults, TheGuardIsWaitedForTenSeconds) {
-    CSemaphore guard(libraryFile, 1);
-    ASSERT_EQ(guard.init(), 0);
-    ASSERT_EQ(guard.lock(), 0);
-    {
-        const WaitsEnded waits(std::chrono::seconds(10));
-        EXPECT_EQ(CRecursiveSemaphore(fresh()).lock(), -1);
-    }
-    EXPECT_EQ(log.take(), (Lines{{LOG_ERR, textf("CSemaphore::lock() - semop failed, errno=%i", EAGAIN)},
-                                 {LOG_ERR, "recursive-semaphore: unable to lock guarding semaphore"}}));
-    EXPECT_EQ(guard.unlock(), 0);
-}
-
-TEST_F(PlainSemaphoreFaults, InitWaitsFiveSecondsForTheHolderOfASetThatIsBeingRemoved) {
-    const int id = ::semget(::ftok("/etc/hostname", 13), 1, IPC_CREAT | IPC_EXCL | 0700);  // 0100 marks it
-    sembuf freeAndTake[]{{0, 1, 0}, {0, -1, SEM_UNDO}};
-    ASSERT_EQ(::semop(id, freeAndTake, 2), 0);
-    {
-        const WaitsEnded waits(std::chrono::seconds(5));
-        EXPECT_EQ(CSemaphore("/etc/hostname", 13).init(), -1);
-    }
-    EXPECT_EQ(log.take(),
-              (Lines{{LOG_ERR, textf("CSemaphore::init() - unable to obtain semaphore-set - errno=%i", EAGAIN)}}));
-    EXPECT_EQ(::semctl(id, 0, IPC_RMID), 0);
-}
-
-TEST_F(PlainSemaphoreFaults, InitWaitsOneSecondForTheMakerOfASet) {
-    const int id = ::semget(::ftok("/etc/hostname", 14), 1, IPC_CREAT | IPC_EXCL | 0600);
-    CSemaphore lock("/etc/hostname", 14);
-    {
-        const WaitsEnded waits(std::chrono::seconds(1));
-        EXPECT_EQ(lock.init(), 0);
-    }
-    EXPECT_EQ(::semctl(id, 0, GETVAL), -1) << "replaced";
-    EXPECT_EQ(lock.lock(), 0);
-    EXPECT_EQ(lock.unlock(), 0);
-}
 
 // ---- a maker of a CRecursiveSemaphore was killed, or is at work
 
@@ -508,54 +439,6 @@ TEST_F(PlainSemaphoreFaults, InitReportsThatTheKernelGivesNoSemaphore) {
     const Hooked full(hooks::semget, failingWith(ENOSPC, 1));  // the exclusive attempt finds it there, opening it fails
     EXPECT_EQ(second.init(), -1);
     EXPECT_EQ(log.take(), expected);
-}
-
-TEST_F(PlainSemaphoreFaults, InitMakesTheSetThatAnotherRemovesWhileItIsOpened) {
-    ASSERT_NE(::semget(::ftok("/etc/hostname", 15), 1, IPC_CREAT | IPC_EXCL | 0600), -1);
-    const auto removed = [](key_t key, int count, int flags) -> std::optional<int> {
-        if ((flags & IPC_EXCL) != 0) return std::nullopt;
-        const int id = vxtest::real::semget(key, count, flags);
-        ::semctl(id, 0, IPC_RMID);
-        return std::nullopt;
-    };
-    CSemaphore lock("/etc/hostname", 15);
-    {
-        const Hooked remover(hooks::semget, removed);
-        EXPECT_EQ(lock.init(), 0);
-    }
-    EXPECT_EQ(lock.lock(), 0);
-    EXPECT_EQ(lock.unlock(), 0);
-}
-
-TEST_F(PlainSemaphoreFaults, InitMakesTheSetAgainThatAnotherRemovesBeforeItIsFreed) {
-    int removals = 0;
-    const auto removed = [&](int id, sembuf *, size_t) -> std::optional<int> {
-        if (++removals == 1) ::semctl(id, 0, IPC_RMID);
-        return std::nullopt;
-    };
-    CSemaphore lock("/etc/hostname", 16);
-    {
-        const Hooked remover(hooks::semop, removed);
-        EXPECT_EQ(lock.init(), 0);
-    }
-    EXPECT_EQ(removals, 2);
-    EXPECT_EQ(lock.lock(), 0);
-    EXPECT_EQ(lock.unlock(), 0);
-}
-
-// The process number of an operation is 0 for processes of another PID namespace.
-TEST_F(PlainSemaphoreFaults, ASetThatAnotherPidNamespaceHoldsIsNotTakenForUnfinished) {
-    CSemaphore lock("/etc/hostname", 17);
-    ASSERT_EQ(lock.init(), 0);
-    ASSERT_EQ(lock.lock(), 0);
-    const int id = ::semget(::ftok("/etc/hostname", 17), 1, 0);
-    EXPECT_EQ(vxtest::inChild([] {
-                  if (::unshare(CLONE_NEWPID) != 0) return 100;
-                  return vxtest::inChild([] { return CSemaphore("/etc/hostname", 17).init() == 0 ? 0 : 1; });
-              }),
-              0);
-    EXPECT_EQ(::semget(::ftok("/etc/hostname", 17), 1, 0), id);
-    EXPECT_EQ(lock.unlock(), 0);
 }
 
 TEST_F(PlainSemaphoreFaults, InitReportsThatANewSemaphoreCannotBeFreed) {

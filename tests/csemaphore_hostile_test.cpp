@@ -18,8 +18,8 @@
 #include <cerrno>
 #include <chrono>
 #include <csignal>
-#include <cstdarg>
 #include <functional>
+#include <optional>
 #include <random>
 #include <string>
 #include <thread>
@@ -32,28 +32,11 @@
 #include "support/large_files.h"
 #include "support/process.h"
 #include "support/resources.h"
+#include "support/semctl_hook.h"
 #include "support/syslog_capture.h"
 #include "support/text.h"
 
 VXTEST_HOOK(int, semop, (int id, sembuf *operations, size_t count), (id, operations, count))
-
-namespace {
-
-std::function<void(int command)> beforeSemctl;
-
-constexpr const char *semctlName = sizeof(long) == 4 ? "__semctl64" : "semctl";
-
-}  // namespace
-
-extern "C" int semctl(int id, int number, int command, ...) noexcept {
-    va_list arguments;
-    va_start(arguments, command);
-    void *const argument = va_arg(arguments, void *);
-    va_end(arguments);
-    if (beforeSemctl) beforeSemctl(command);
-    static const auto next = vxtest::nextCall<int (*)(int, int, int, ...)>(semctlName);
-    return next(id, number, command, argument);
-}
 
 namespace {
 
@@ -615,8 +598,8 @@ TEST_F(UnfinishedSet, ThatIsFreedWhileItIsReplacedLetsOneInAtATime) {
         auto *const inside = static_cast<std::atomic<int> *>(
             ::mmap(nullptr, sizeof(std::atomic<int>), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
         pid_t other = -1;
-        beforeSemctl = [&](int command) {
-            if (command != moment || other != -1) return;
+        vxtest::hooks::semctl = [&](int, int command, semid_ds *) -> std::optional<int> {
+            if (command != moment || other != -1) return std::nullopt;
             other = 0;  // once
             sembuf free{0, 1, 0};
             EXPECT_EQ(::semop(id, &free, 1), 0);
@@ -629,13 +612,14 @@ TEST_F(UnfinishedSet, ThatIsFreedWhileItIsReplacedLetsOneInAtATime) {
                 return lock.unlock() == 0 ? 0 : 2;
             });
             EXPECT_TRUE(vxtest::eventually([&] { return *inside == 1; }));
+            return std::nullopt;
         };
         CSemaphore lock("/etc/hostname", 26);
         EXPECT_EQ(lock.init(), 0);
         EXPECT_EQ(lock.lock(), 0);
         EXPECT_EQ(*inside, 2);
         EXPECT_EQ(lock.unlock(), 0);
-        beforeSemctl = nullptr;
+        vxtest::hooks::semctl = nullptr;
         EXPECT_NE(setOf("/etc/hostname", 26), id);
         ASSERT_GT(other, 0);
         EXPECT_EQ(vxtest::waitChild(other), 0);
@@ -726,7 +710,10 @@ TEST_F(HealingRace, NeverLetsTwoProcessesIn) {
                     delays.beforeOperation(*operations);
                     return std::nullopt;
                 };
-                beforeSemctl = [&delays](int) { delays.beforeCall(); };
+                vxtest::hooks::semctl = [&delays](int, int, semid_ds *) -> std::optional<int> {
+                    delays.beforeCall();
+                    return std::nullopt;
+                };
                 use(project, races_[set], delays.random);
                 return 0;
             }));

@@ -53,7 +53,7 @@ bool removeSet(int id) { return ::semctl(id, 0, IPC_RMID) == 0; }
 // at.
 State stateOf(int id) {
     const int value = ::semctl(id, 0, GETVAL);
-    const int lastUser = value == -1 ? -1 : ::semctl(id, 0, GETPID);
+    const int lastUser = ::semctl(id, 0, GETPID);
     semid_ds status{};
     if (value == -1 || lastUser == -1 || !readStatus(id, status)) {
         return errno == EIDRM || errno == EINVAL ? State::gone : State::unreadable;
@@ -108,7 +108,9 @@ bool replaceUnfinished(int id, SemaphoreDeadline deadline) {
 // The maker finished the set after all, when it had been marked.
 bool replaceMarked(int id, SemaphoreDeadline deadline) {
     if (changeSemaphoreBefore(id, -1, SEM_UNDO, deadline) == -1) return isSemaphoreGone(id);
-    return removeSet(id) || isSemaphoreGone(id);
+    if (removeSet(id) || isSemaphoreGone(id)) return true;
+    (void)changeSemaphore(id, +1, SEM_UNDO);  // else other processes wait until this one ends
+    return false;
 }
 
 // Brings the set nearer to being usable: the caller looks again. False with errno when nothing more can be done.
