@@ -155,8 +155,7 @@ bool dio_isDioDirent(const dirent *entry, std::string_view prefix) {
         return false;
 
     std::array<char, entryPathSize> path;
-    const int length = std::snprintf(path.data(), path.size(), entryPath, entry->d_name);
-    if (length < 0 || static_cast<size_t>(length) >= path.size()) return false;
+    std::snprintf(path.data(), path.size(), entryPath, entry->d_name);  // a name has at most 255 characters
     struct stat status {};
     if (::stat(path.data(), &status) == -1 || !S_ISDIR(status.st_mode)) return false;
     return ::access(path.data(), R_OK | X_OK) == 0;
