@@ -19,6 +19,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     if (file == nullptr) std::abort();
     std::array<char, vx::oemLineSize> value;
     value.fill('#');
+    value[0] = '\0';
     vx::findOemValue(file, key.c_str(), value.data());
     std::fclose(file);
     const size_t length = ::strnlen(value.data(), value.size());

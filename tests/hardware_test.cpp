@@ -68,6 +68,13 @@ TEST_F(Hardware, TheGenerationIsTheNumberOfItsFile) {
     EXPECT_EQ(inNewProcess(qxhw), INT_MIN);
 }
 
+TEST_F(Hardware, BoardDataIsReadUpToCharacter1023) {
+    sysinfo("qxhw", vxtest::repeated(1021, '0') + "187");
+    EXPECT_EQ(inNewProcess(qxhw), 18);
+    sysinfo("bd/1/prod_variant", vxtest::repeated(1022, '0') + "34");
+    EXPECT_EQ(get_extension_variant(), 3);
+}
+
 TEST_F(Hardware, TheGenerationIsKeptOnceItIsThere) {
     EXPECT_EQ(inNewProcess([] {
                   if (qxhw() != -1) return 1;
@@ -105,6 +112,9 @@ TEST_F(Hardware, OemFindsTheFirstLineOfAKey) {
     EXPECT_STREQ(oem("vendor"), "");
     EXPECT_STREQ(oem("Last"), "without newline");
     EXPECT_STREQ(oem(nullptr), "");
+    EXPECT_STREQ(oem("Last"), "without newline");
+    ::unlink(oemPath.c_str());
+    EXPECT_STREQ(oem("Last"), "");
 }
 
 TEST_F(Hardware, OemStripsOneNewlineAndNothingElse) {

@@ -119,6 +119,14 @@ TEST_F(WanLink, AnUnreadableHotLinkIsNone) {
     EXPECT_EQ(vxtest::inChild([] { return ::setuid(65534) == 0 ? wanlink_is_up() : 2; }), 1);
 }
 
+TEST_F(WanLink, StatesAreReadUpToCharacter1023) {
+    const std::string state = "/tmp/status/link-manager/wanlink1/state";
+    writeFile(state, std::string(1022, ' ') + "online");
+    EXPECT_EQ(wanlink_count(), 1);
+    writeFile(state, std::string(1023, ' ') + "online");
+    EXPECT_EQ(wanlink_count(), 0);
+}
+
 TEST_F(WanLink, WithoutDescriptorsThereIsNone) {
     writeFile("/tmp/status/link-manager/wanlink1/state", "online");
     rlimit before{};
@@ -191,6 +199,8 @@ TEST(BridgeMembers, OddTables) {
         {"br0\t8000\tno\t\t\t\t  eth0 \r\n", {5, "eth0 "}},  // stripped
         {" br0\t8000\tno\teth0\n", {0, ""}},                 // a continuation, not a bridge
         {"br0 \t8000\tno\teth0\n", {0, ""}},                 // another name
+        {"br0#\t8000\tno\teth0\n", {0, ""}},                 // another name
+        {"br0\t8000\tno\t#eth0#\n", {7, "#eth0# "}},
         {"br0\n", {0, ""}},
         {"br0", {0, ""}},
         {"br0\n  eth9\n", {5, "eth9 "}},          // begins with a blank

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 // Interface requests: on virtual cables of the box, set and read back, and beside the system's own tool.
 #include <fcntl.h>
+#include <malloc.h>
 #include <net/if.h>
 #include <sys/resource.h>
 #include <unistd.h>
@@ -55,6 +56,16 @@ TEST_F(Status, AnInterfaceIsAvailableWhenItsNameContainsTheText) {
     EXPECT_EQ(status.isInterfaceAvailable("ETH0"), 0);
     EXPECT_EQ(status.isInterfaceAvailable(missing), 0);
     EXPECT_EQ(status.isInterfaceAvailable(nullptr), 0);
+}
+
+TEST_F(Status, LookingForAnInterfaceKeepsNoMemory) {
+    status.isInterfaceAvailable("lo");
+    const size_t before = ::mallinfo2().uordblks;
+    for (int i = 0; i < 100; ++i) {
+        status.isInterfaceAvailable("lo");
+        status.isInterfaceAvailable(missing);
+    }
+    EXPECT_LE(::mallinfo2().uordblks, before + 1000);
 }
 
 TEST_F(Status, UpMeansUpAndRunning) {

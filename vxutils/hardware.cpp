@@ -48,7 +48,6 @@ namespace vx {
 
 void findOemValue(FILE *file, std::string_view key, char *value) {
     std::array<char, oemLineSize + 1> line;
-    value[0] = '\0';
     while (std::fgets(line.data(), line.size(), file) != nullptr) {
         std::string_view text = line.data();
         if (text.ends_with('\n')) text.remove_suffix(1);

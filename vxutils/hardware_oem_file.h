@@ -9,7 +9,7 @@ namespace vx {
 
 inline constexpr size_t oemLineSize = 1024;  // characters of a line, and of a value with its NUL
 
-// Puts the value of the first line "KEY=VALUE" into `value` (oemLineSize bytes), which stays empty without one.
+// Puts the value of the first line "KEY=VALUE" into `value` (oemLineSize bytes), which is unchanged without one.
 void findOemValue(FILE *file, std::string_view key, char *value);
 
 }  // namespace vx

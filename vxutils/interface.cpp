@@ -22,8 +22,8 @@ namespace {
 
 constexpr const char *linkDirectory = "/tmp/status/link-manager";
 constexpr const char *hotLink = "/tmp/status/link-manager/hotlink";
-constexpr const char *linkStateFormat = "/tmp/status/link-manager/%s/state";
-constexpr const char *wlanModeFormat = "/tmp/status/wlan/status-wlan%d";
+constexpr char linkStateFormat[] = "/tmp/status/link-manager/%s/state";
+constexpr char wlanModeFormat[] = "/tmp/status/wlan/status-wlan%d";
 constexpr const char *secondWlanModule = "/proc/sysinfo/wlan1/type";
 constexpr const char *bridgeTool = "/usr/sbin/brctl show 2> /dev/null";
 
@@ -84,7 +84,7 @@ public:
         return *this;
     }
     Display &operator<<(int number) {
-        std::array<char, 12> text;
+        std::array<char, displaySize> text;
         const auto end = std::to_chars(text.data(), text.data() + text.size(), number).ptr;
         return *this << std::string_view(text.data(), static_cast<size_t>(end - text.data()));
     }
@@ -116,7 +116,7 @@ private:
 
 // One more for a WLAN module that is access point and something else at once.
 int wlanModeOffset(int number) {
-    std::array<char, 64> path;
+    std::array<char, sizeof wlanModeFormat + digits> path;
     std::snprintf(path.data(), path.size(), wlanModeFormat, number);
     const StatusText mode(path.data());
     return mode.startsWith("dualmode") || mode.startsWith("mesh-ap") ? 1 : 0;
@@ -180,7 +180,7 @@ int wanlink_count(void) {
     int count = 0;
     while (const dirent *entry = readdir(directory.get())) {
         if (!std::string_view(entry->d_name).starts_with("wanlink")) continue;
-        std::array<char, 512> path;  // a directory entry has at most 255 characters
+        std::array<char, sizeof linkStateFormat + sizeof entry->d_name> path;
         std::snprintf(path.data(), path.size(), linkStateFormat, entry->d_name);
         const StatusText state(path.data());
         if (!state.empty() && !state.startsWith("disabled")) ++count;

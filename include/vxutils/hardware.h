@@ -21,8 +21,8 @@
  * **Errors.** When a file is missing, a function returns what it says for that; nothing is logged. Numbers are read as
  * by atoi(): a text that is not a number gives 0, and a number that does not fit in 32 bits the nearest one that does.
  *
- * **Limits.** Lines of the rebranding file end after 1024 characters at the latest. A value has at most 1023
- * characters, a product name 127.
+ * **Limits.** Of a board data file the first 1023 characters are read. Lines of the rebranding file end after 1024
+ * characters at the latest. A value has at most 1023 characters, a product name 127.
  *
  * **Privileges.** Read access to the files; a file that the caller may not read counts as missing. So does a progress
  * marker that a user who is neither root nor the process's user may have put there.

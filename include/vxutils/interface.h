@@ -22,7 +22,7 @@
  * or a directory above it may come from a user who is neither root nor the process's user. Nothing is logged.
  *
  * **Limits.** A display name has at most 15 characters. Numbers in names have at most six digits, the prefix at most 14
- * characters.
+ * characters. Of a status file the first 1023 characters are read.
  *
  * **Privileges.** Read access to "/tmp/status"; bridge_members() needs /bin/sh and an executable "/usr/sbin/brctl".
  *
