@@ -386,7 +386,7 @@ void fillDisk() {
 // ---- Figures ----
 
 struct Sample {
-    double at_s, memory_kib, heap_bytes, descriptors, round_us;
+    double at_s, memory_kib, heap_bytes, descriptors, round_us, processor_us;
 };
 
 constexpr size_t samplesAtMost = 500;
@@ -401,6 +401,13 @@ double memoryKib() {
     unsigned long total = 0, resident = 0;
     std::sscanf(vxtest::readFile("/proc/self/statm").c_str(), "%lu %lu", &total, &resident);
     return static_cast<double>(resident) * static_cast<double>(::sysconf(_SC_PAGESIZE)) / 1024;
+}
+
+// Of all threads of this process. It does not depend on what else the machine does.
+double processorUs() {
+    timespec used{};
+    ::clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &used);
+    return static_cast<double>(used.tv_sec) * 1e6 + static_cast<double>(used.tv_nsec) / 1e3;
 }
 
 // Least squares, per minute.
@@ -457,6 +464,7 @@ int main(int argc, char **argv) {
         if (rounds % 40 == 39) setInterface(up = !up), ++flaps;
         if (rounds % 60 == 59) fillDisk(), ++full;
         const auto began = Clock::now();
+        const double usedBefore = processorUs();
         configuration(config);
         files();
         texts();
@@ -473,12 +481,13 @@ int main(int argc, char **argv) {
         events(context);
         fifos(base);
         const std::chrono::duration<double, std::micro> took = Clock::now() - began;
+        const double used_us = processorUs() - usedBefore;
         log.take();
         card.events();
         // The first tenth is not counted: caches fill.
         if (since() < std::max(next_s, seconds / 10)) continue;
         next_s = since() + seconds / samplesAtMost;
-        samples.push_back({since(), memoryKib(), heapBytes(), descriptors(), took.count()});
+        samples.push_back({since(), memoryKib(), heapBytes(), descriptors(), took.count(), used_us});
     }
     configd_close(config);
     zmq_ctx_term(context);
@@ -490,8 +499,10 @@ int main(int argc, char **argv) {
                 since(), rounds, jumps * 2, flaps, full);
     std::printf("soak: memory %.0f KiB, slope %+.2f KiB/min; heap in use %.0f bytes, slope %+.1f bytes/min\n",
                 samples.back().memory_kib, memory, samples.back().heap_bytes, allocated * 60 / seconds);
-    std::printf("soak: descriptors %.0f, slope %+.3f/min; round %.0f us, slope %+.1f us/min\n",
-                samples.back().descriptors, held, samples.back().round_us, slope(samples, &Sample::round_us));
+    std::printf("soak: descriptors %.0f, slope %+.3f/min\n", samples.back().descriptors, held);
+    std::printf("soak: round %.0f us, slope %+.1f us/min; processor time of a round %.0f us, slope %+.1f us/min\n",
+                samples.back().round_us, slope(samples, &Sample::round_us), samples.back().processor_us,
+                slope(samples, &Sample::processor_us));
     const auto [least, most] = std::minmax_element(
         samples.begin(), samples.end(), [](const Sample &a, const Sample &b) { return a.descriptors < b.descriptors; });
     require(grown < 512, "memory grows by less than 512 KiB over the run");
