@@ -8,6 +8,7 @@
 #include <atomic>
 #include <barrier>
 #include <filesystem>
+#include <functional>
 #include <future>
 #include <new>
 #include <string>
@@ -228,9 +229,13 @@ int lastCopies(std::vector<String> &copies) {
     return count;
 }
 
+enum class Waits { yes, no };
+
 class ConfigReaderMemory : public ConfigReaderTest {
 protected:
     ConfigReaderMemory() { reading("one=first value\ntwo=second value\nthree=third value\n"); }
+
+    static Waits waitsForANumberBeingTaken(const std::function<void()> &action);
 };
 
 TEST_F(ConfigReaderMemory, TheStringsOfTheCallingThreadGoWithTheValues) {
@@ -297,6 +302,84 @@ TEST_F(ConfigReaderLookup, AThreadTakesOverTheStringsOfOneThatHasEnded) {
     }
 }
 
+// Tells whether `action`, in a thread of its own, waits for another one that is just taking a number.
+Waits ConfigReaderMemory::waitsForANumberBeingTaken(const std::function<void()> &action) {
+    std::atomic<pthread_mutex_t *> held = nullptr;
+    std::atomic<bool> waiting = false;
+    std::atomic<bool> done = false;
+    std::atomic<bool> goOn = false;
+    ConfigReader another;
+    EXPECT_TRUE(another.initialize(path, 4));
+    std::thread taking([&] {
+        const vxtest::Hooked hold(vxtest::hooks::pthread_mutex_lock, [&](pthread_mutex_t *mutex) -> std::optional<int> {
+            const int result = vxtest::real::pthread_mutex_lock(mutex);
+            held = mutex;
+            EXPECT_TRUE(vxtest::eventually([&] { return goOn.load(); }));
+            return result;
+        });
+        (void)another.getValue("one", "none");
+    });
+    EXPECT_TRUE(vxtest::eventually([&] { return held != nullptr; }));
+    std::thread acting([&] {
+        const vxtest::Hooked watch(vxtest::hooks::pthread_mutex_lock,
+                                   [&](const pthread_mutex_t *mutex) -> std::optional<int> {
+                                       if (mutex == held) waiting = true;
+                                       return std::nullopt;
+                                   });
+        action();
+        done = true;
+    });
+    EXPECT_TRUE(vxtest::eventually([&] { return waiting || done; }));
+    const Waits result = done ? Waits::no : Waits::yes;
+    goOn = true;
+    taking.join();
+    acting.join();
+    return result;
+}
+
+TEST_F(ConfigReaderMemory, GivingUpAnotherThreadsStringWaitsForAThreadThatIsTakingANumber) {
+    (void)reader.getValue("one", "none");
+    EXPECT_EQ(waitsForANumberBeingTaken([&] { reader.cleanup(); }), Waits::yes);
+}
+
+// Asks a reader when its thread's objects are destroyed, while a new thread has taken over the number.
+struct AsksAtTheEndOfItsThread {
+    ~AsksAtTheEndOfItsThread() {
+        if (reader == nullptr) return;
+        std::promise<void> asked;
+        std::promise<void> done;
+        std::thread successor([&] {
+            *successors = reader->getValue("one", "none").c_str();
+            asked.set_value();
+            done.get_future().wait();
+        });
+        asked.get_future().wait();
+        *own = reader->getValue("one", "none").c_str();
+        done.set_value();
+        successor.join();
+    }
+
+    const ConfigReader *reader = nullptr;
+    const char **own = nullptr;
+    const char **successors = nullptr;
+};
+
+TEST_F(ConfigReaderMemory, AThreadThatAsksWhileItEndsSharesNoStringWithItsSuccessor) {
+    const char *first = nullptr;
+    const char *own = nullptr;
+    const char *successors = nullptr;
+    std::thread([&] {
+        thread_local AsksAtTheEndOfItsThread last;  // made first, so destroyed last
+        last.reader = &reader;
+        last.own = &own;
+        last.successors = &successors;
+        first = reader.getValue("one", "none").c_str();
+    }).join();
+    EXPECT_EQ(successors, first);
+    EXPECT_NE(own, successors);
+    EXPECT_STREQ(own, "first value");
+}
+
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)  // whose allocators may stay locked in a child
 TEST_F(ConfigReaderMemory, AThreadOfAChildTakesOverTheStringsOfTheThreadsThatForkLeftBehind) {
     const char *ours = reader.getValue("one", "none").c_str();
@@ -322,37 +405,9 @@ TEST_F(ConfigReaderMemory, AThreadOfAChildTakesOverTheStringsOfTheThreadsThatFor
 
 // Otherwise the child could find the numbers half-changed.
 TEST_F(ConfigReaderMemory, ForkWaitsForAThreadThatIsTakingANumber) {
-    std::atomic<pthread_mutex_t *> held = nullptr;
-    std::atomic<bool> waiting = false;
-    std::atomic<bool> forked = false;
-    std::atomic<bool> goOn = false;
-    std::thread taking([&] {
-        const vxtest::Hooked hold(vxtest::hooks::pthread_mutex_lock, [&](pthread_mutex_t *mutex) -> std::optional<int> {
-            const int result = vxtest::real::pthread_mutex_lock(mutex);
-            held = mutex;
-            EXPECT_TRUE(vxtest::eventually([&] { return goOn.load(); }));
-            return result;
-        });
-        (void)reader.getValue("one", "none");
-    });
-    EXPECT_TRUE(vxtest::eventually([&] { return held != nullptr; }));
-    int result = -1;
-    std::thread forking([&] {
-        const vxtest::Hooked watch(vxtest::hooks::pthread_mutex_lock,
-                                   [&](const pthread_mutex_t *mutex) -> std::optional<int> {
-                                       if (mutex == held) waiting = true;
-                                       return std::nullopt;
-                                   });
-        const pid_t child = vxtest::startChild([&] { return value("one") == "first value" ? 0 : 1; });
-        forked = true;
-        result = vxtest::waitChild(child);
-    });
-    EXPECT_TRUE(vxtest::eventually([&] { return waiting || forked; }));
-    EXPECT_FALSE(forked);
-    goOn = true;
-    taking.join();
-    forking.join();
-    EXPECT_EQ(result, 0);
+    EXPECT_EQ(waitsForANumberBeingTaken(
+                  [&] { EXPECT_EQ(vxtest::inChild([&] { return value("one") == "first value" ? 0 : 1; }), 0); }),
+              Waits::yes);
 }
 
 // While a reader goes, it gives up the Strings of another thread, which needs the lock of the thread numbers each time.

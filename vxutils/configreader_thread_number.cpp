@@ -31,7 +31,7 @@ struct ThreadPlace {
 
 namespace {
 
-thread_local const ThreadPlace *ownPlace = nullptr;
+thread_local ThreadPlace *ownPlace = nullptr;
 
 // The places by number. Never destroyed: detached threads may end after static objects have gone.
 struct Places {
@@ -64,38 +64,28 @@ struct Places {
     std::deque<ThreadPlace> places;
 };
 
-class ThreadNumber {
-public:
-    ThreadNumber() {
-        Places &all = Places::all();
-        const std::lock_guard guard(all.mutex);
-        const auto free =
-            std::find_if(all.places.begin(), all.places.end(), [](const ThreadPlace &place) { return !place.taken; });
-        place_ = free != all.places.end() ? &*free : &all.places.emplace_back(all.places.size());
-        place_->taken = true;
-        ownPlace = place_;
-    }
-    ~ThreadNumber() {
-        ownPlace = nullptr;
-        ThreadPlace::destroy(takeDropped(false));
-    }
-    ThreadNumber(const ThreadNumber &) = delete;
-    ThreadNumber &operator=(const ThreadNumber &) = delete;
+void takeOwnPlace() {
+    Places &all = Places::all();
+    const std::lock_guard guard(all.mutex);
+    const auto free =
+        std::find_if(all.places.begin(), all.places.end(), [](const ThreadPlace &place) { return !place.taken; });
+    ownPlace = free != all.places.end() ? &*free : &all.places.emplace_back(all.places.size());
+    ownPlace->taken = true;
+}
 
-    size_t value() const {
+// Returns what other threads have left to this one. They leave nothing more to one that ends.
+OfOneThread *takeDropped(bool ends) {
+    const std::lock_guard guard(Places::all().mutex);
+    if (ends) ownPlace->taken = false;
+    return ownPlace->dropped.exchange(nullptr, std::memory_order_relaxed);
+}
+
+// Gives the place of a thread back at its end.
+struct EndOfThread {
+    ~EndOfThread() {
         ThreadPlace::destroy(takeDropped(true));
-        return place_->number;
+        ownPlace = nullptr;
     }
-
-private:
-    // Returns what other threads have left to this one.
-    OfOneThread *takeDropped(bool staying) const {
-        const std::lock_guard guard(Places::all().mutex);
-        place_->taken = staying;
-        return place_->dropped.exchange(nullptr, std::memory_order_relaxed);
-    }
-
-    ThreadPlace *place_ = nullptr;
 };
 
 }  // namespace
@@ -103,8 +93,11 @@ private:
 size_t threadNumber() {
     const ThreadPlace *place = ownPlace;  // all that most calls need
     if (place != nullptr && place->dropped.load(std::memory_order_relaxed) == nullptr) return place->number;
-    static thread_local const ThreadNumber number;
-    return number.value();
+    // A thread that asks while its thread_local objects are destroyed gets a new number, which stays taken.
+    if (place == nullptr) takeOwnPlace();
+    static thread_local EndOfThread end;
+    ThreadPlace::destroy(takeDropped(false));
+    return ownPlace->number;
 }
 
 void OfOneThread::drop(OfOneThread *object, size_t thread) {
