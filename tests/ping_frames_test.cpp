@@ -14,12 +14,15 @@
 #include <memory>
 #include <thread>
 
+#include "support/call_hooks.h"
 #include "support/emulation.h"
 #include "support/ping.h"
 #include "support/ping_watch.h"
 #include "support/syslog_capture.h"
 #include "support/wan.h"
 #include "vxutils/ping_arp_line.h"
+
+VXTEST_THREAD_HOOK(ssize_t, recv, (int fd, void *data, size_t size, int flags), (fd, data, size, flags))
 
 namespace {
 
@@ -155,6 +158,19 @@ TEST_F(PingFrames, AFloodOfForeignFramesNeverReachesTheProcess) {
     EXPECT_EQ(result, 0);
     EXPECT_EQ(flooded, 2100);
     EXPECT_EQ(reached, 1) << "the reply and nothing else";
+}
+
+TEST_F(PingFrames, AtMost65536FramesFromBeforeTheFilterAreDropped) {
+    knowGateway(wan->gateway);
+    Watch watch;
+    watch.receiveFromScript();
+    int reads = 0;
+    const vxtest::Hooked flood(vxtest::hooks::recv, [&](int, void *, size_t, int flags) -> std::optional<ssize_t> {
+        EXPECT_EQ(flags, MSG_DONTWAIT);
+        return ++reads < 200000 ? 0 : vxtest::failing(EAGAIN);
+    });
+    EXPECT_EQ(rawping("wan0", targetText, gatewayText, 0), -1);
+    EXPECT_EQ(reads, 65536);
 }
 
 TEST_F(PingFrames, AMarkOfZeroIsSetTooAndTheIpLevelNeverMarks) {
@@ -418,6 +434,35 @@ TEST_F(PingFrames, TheFirstUsableLineOfTheTableCountsWhateverItsDevice) {
     EXPECT_EQ(wayWith(arpHeading + arpEntry + "05"), "02 00 00 00 00 05") << "no newline at the end";
     EXPECT_EQ(wayWith(arpHeading), "ip");
     EXPECT_EQ(wayWith(""), "ip");
+}
+
+TEST_F(PingFrames, FlagsOfTheTableAreHexadecimalOctalOrDecimal) {
+    const auto wayWithFlags = [](const std::string &flags) {
+        return wayWith("192.0.2.1 0x1 " + flags + " 02:00:00:00:00:08 * wan0\n");
+    };
+    for (const char *flags : {"0x2", "0X2", "2", "02"}) EXPECT_EQ(wayWithFlags(flags), "02 00 00 00 00 08") << flags;
+    // Each of these has the flag's bit when its digits are read to a base next to the right one, or to one of the others.
+    for (const char *flags : {"0x1", "0x20", "020", "010", "20", "12"}) EXPECT_EQ(wayWithFlags(flags), "ip") << flags;
+}
+
+TEST_F(PingFrames, AddressesOfTheTableHaveSixBytesOfOneOrTwoHexadecimalDigits) {
+    const auto wayWithAddress = [](const std::string &address) {
+        return wayWith("192.0.2.1 0x1 0x2 " + address + "\n");
+    };
+    EXPECT_EQ(wayWithAddress("2:0:0:0:10:fF"), "02 00 00 00 10 ff");
+    EXPECT_EQ(wayWithAddress("2:0:0:0:0:9\r"), "02 00 00 00 00 09");
+    for (const char *address : {"", " ", "2:0:0:0:0:006", "2:0:0:0:0:0g", "2::0:0:0:6", "2:0:0:0:0:6:7", "2:0:0:0:0:6#",
+                                "2-0-0-0-0-6", "2:0:0:0:0", "2:0:0:0:0:"}) {
+        EXPECT_EQ(wayWithAddress(address), "ip") << address;
+    }
+}
+
+TEST_F(PingFrames, LinesOfTheTableThatOnlyResembleTheGatewaysDoNotCount) {
+    const std::string rest = "0x1 0x2 02:00:00:00:00:07 * wan0\n";
+    EXPECT_EQ(wayWith("192.0.2.11 " + rest), "ip");
+    EXPECT_EQ(wayWith("192.0.2.1\t" + rest), "ip");
+    EXPECT_EQ(wayWith("192.0.2.1#" + rest), "ip");
+    EXPECT_EQ(wayWith("192.0.2.1 " + rest), "02 00 00 00 00 07");
 }
 
 TEST_F(PingFrames, LinesOfTheTableAreReadInPiecesOf255Characters) {

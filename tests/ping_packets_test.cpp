@@ -5,6 +5,7 @@
 
 #include <arpa/inet.h>
 #include <net/if.h>
+#include <netdb.h>
 #include <sys/time.h>
 #include <syslog.h>
 
@@ -19,6 +20,9 @@
 #include "support/syslog_capture.h"
 #include "support/wan.h"
 
+VXTEST_THREAD_HOOK(int, gethostbyname_r,
+                   (const char *name, hostent *entry, char *buffer, size_t size, hostent **found, int *error),
+                   (name, entry, buffer, size, found, error))
 VXTEST_HOOK_AS(int, gettimeofday, "__gettimeofday64", (timeval * time, void *zone), (time, zone))
 
 namespace {
@@ -115,6 +119,48 @@ TEST_F(PingPackets, OfSeveralAddressesOfAHostTheFirstIsUsed) {
     EXPECT_EQ(hex(watch.sentTo[0].data() + 4, 4), "c0 00 02 01");
     EXPECT_EQ(hex(watch.sentTo[1].data() + 4, 4), "c0 00 02 01");
     EXPECT_EQ(hex(watch.sentTo[2].data() + 4, 4), "c0 00 02 4d");
+}
+
+TEST_F(PingPackets, TheAnswerAboutAHostMayTake64KiB) {
+    std::vector<size_t> sizes;
+    const vxtest::Hooked resolver(vxtest::hooks::gethostbyname_r,
+                                  [&](const char *, hostent *, char *, size_t size, hostent **, int *) {
+                                      sizes.push_back(size);
+                                      return std::optional<int>(ERANGE);
+                                  });
+    EXPECT_EQ(icmpping("wan0", "many", 0), -1);
+    EXPECT_EQ(sizes, (std::vector<size_t>{1024, 2048, 4096, 8192, 16384, 32768, 65536}));
+}
+
+TEST_F(PingPackets, AHostWithoutAnIpv4AddressIsInvalid) {
+    in_addr address{htonl(INADDR_LOOPBACK)};
+    char *one[] = {reinterpret_cast<char *>(&address), nullptr};
+    char *none[] = {nullptr};
+    struct Answer {
+        int result;
+        bool found;
+        int type;
+        char **addresses;
+        bool valid;
+    };
+    for (const Answer &answer : {Answer{0, true, AF_INET, one, true}, Answer{EAGAIN, true, AF_INET, one, false},
+                                 Answer{0, false, AF_INET, one, false}, Answer{0, true, AF_INET6, one, false},
+                                 Answer{0, true, AF_INET, none, false}}) {
+        ConnectedLog log;
+        Watch watch;
+        watch.receiveFromScript();
+        const vxtest::Hooked resolver(
+            vxtest::hooks::gethostbyname_r,
+            [&](const char *, hostent *entry, char *, size_t, hostent **found, int *) -> std::optional<int> {
+                entry->h_addrtype = answer.type;
+                entry->h_addr_list = answer.addresses;
+                *found = answer.found ? entry : nullptr;
+                return answer.result;
+            });
+        EXPECT_EQ(icmpping("lo", "host", 0), -1);
+        EXPECT_EQ(log.take().front().text == "icmpping[lo]: invalid target 'host'", !answer.valid);
+        EXPECT_EQ(watch.sent.size(), answer.valid ? 1U : 0U);
+    }
 }
 
 TEST_F(PingPackets, GivenAddressesAreNotAskedFor) {

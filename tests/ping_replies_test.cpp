@@ -15,7 +15,6 @@
 #include "support/ping_watch.h"
 #include "support/syslog_capture.h"
 #include "support/wan.h"
-#include "vxutils/ping_text_ring.h"
 
 namespace {
 
@@ -351,27 +350,6 @@ TEST_F(PingReplies, TheKernelsNoteOfTheArrivalIsUsedUnlessTheClockWasSet) {
             EXPECT_GE(time, fetched);
             EXPECT_LT(time, jump / 2);
         }
-    }
-}
-
-// ---- texts in the log ----
-
-TEST(TextRing, KeepsFourTextsAndThenReusesTheFirst) {
-    vx::TextRing ring;
-    const char *texts[5];
-    for (int i = 0; i < 4; ++i) texts[i] = ring.keep("text " + std::to_string(i));
-    for (int i = 0; i < 4; ++i) EXPECT_EQ(texts[i], "text " + std::to_string(i));
-    texts[4] = ring.keep("5th");
-    EXPECT_EQ(texts[4], texts[0]);
-    EXPECT_STREQ(texts[0], "5th");
-    EXPECT_STREQ(texts[1], "text 1");
-}
-
-TEST(TextRing, CutsAtSixtyThreeCharacters) {
-    vx::TextRing ring;
-    for (const size_t length : {0U, 62U, 63U, 64U, 1000U}) {
-        const std::string text(length, 'x');
-        EXPECT_EQ(ring.keep(text), text.substr(0, 63)) << length;
     }
 }
 

@@ -249,6 +249,25 @@ TEST_F(Client, PacketsWithoutEndDoNotKeepTheCaller) {
     EXPECT_EQ(packets, 1024);
 }
 
+TEST_F(Client, OfAPacketAtMost256BytesAreRead) {
+    PingClient client;
+    vxtest::Intercept calls;
+    calls->recvfrom = [](int, void *, size_t size, int) -> std::optional<ssize_t> {
+        EXPECT_EQ(size, 256U);
+        return vxtest::failing(EAGAIN);
+    };
+    EXPECT_EQ(client.checkPingResponse(), 2);
+}
+
+TEST_F(Client, CleaningUpTwiceClosesOnce) {
+    PingClient client;
+    ASSERT_EQ(client.sendSimplePing("192.0.2.10", "192.0.2.1"), 0);
+    errno = 0;
+    client.cleanup();
+    client.cleanup();
+    EXPECT_EQ(errno, 0) << "nothing that is not open was closed";
+}
+
 // What came in before the kernel was told whom to listen to.
 TEST_F(Client, PacketsReceivedBeforeTheEchoAreIgnored) {
     PingClient client;

@@ -21,7 +21,6 @@
 #include "vxutils/ping_icmp_echo.h"
 #include "vxutils/ping_packet_filter.h"
 #include "vxutils/ping_resolve.h"
-#include "vxutils/ping_text_ring.h"
 
 namespace {
 
@@ -52,7 +51,6 @@ struct EchoContext {
     const char *netmaskText;
     uint32_t sourceAddress;
     uint32_t targetAddress;
-    uint32_t gatewayAddress;
     uint32_t netmask;
     echo::MacAddress interfaceHardware;
     echo::MacAddress targetHardware;
@@ -75,20 +73,21 @@ const char *lastError() { return std::strerror(errno); }
 
 // ---- texts for messages ----
 
-vx::TextRing addressTexts;
-vx::TextRing hardwareTexts;
-
-const char *addressText(uint32_t address) {
+std::array<char, INET_ADDRSTRLEN> addressText(uint32_t address) {
     std::array<char, INET_ADDRSTRLEN> text;
     const in_addr network{htonl(address)};
-    return addressTexts.keep(inet_ntop(AF_INET, &network, text.data(), text.size()));
+    inet_ntop(AF_INET, &network, text.data(), text.size());
+    return text;
 }
 
-const char *hardwareText(const echo::MacAddress &address) {
-    std::array<char, 24> text;
+// Two digits and a colon, or the terminator, for each byte.
+using HardwareText = std::array<char, 3 * std::tuple_size_v<echo::MacAddress>>;
+
+HardwareText hardwareText(const echo::MacAddress &address) {
+    HardwareText text;
     std::snprintf(text.data(), text.size(), "%02x:%02x:%02x:%02x:%02x:%02x", address[0], address[1], address[2],
                   address[3], address[4], address[5]);
-    return hardwareTexts.keep(text.data());
+    return text;
 }
 
 // ---- what all echoes share ----
@@ -196,7 +195,7 @@ int sendPlain(EchoContext &context) {
     }
     // Quirk Q74: id and seq are exchanged; programs that read these logs expect it.
     vx::log(LOG_DEBUG, "icmpping: packet transmitted on %s for %s (%d bytes, id %d, seq %d)", context.interface,
-            addressText(context.targetAddress), static_cast<int>(message.size()), context.numbers.sequence,
+            addressText(context.targetAddress).data(), static_cast<int>(message.size()), context.numbers.sequence,
             context.numbers.identifier);
     return 0;
 }
@@ -216,7 +215,8 @@ bool isPlainReply(const EchoContext &context, echo::Bytes packet) {
     if (reply->numbers != context.numbers) return false;
     const uint32_t sender = echo::senderOf(packet);
     if (echo::mayAnswer(context.targetAddress, sender)) return true;
-    vx::log(LOG_DEBUG, "icmpping: not from target (%s != %s)", addressText(sender), addressText(context.targetAddress));
+    vx::log(LOG_DEBUG, "icmpping: not from target (%s != %s)", addressText(sender).data(),
+            addressText(context.targetAddress).data());
     return false;
 }
 
@@ -268,7 +268,7 @@ int sendIp(EchoContext &context, uint32_t address) {
     const auto packet = std::span(buffer).first(static_cast<size_t>(context.bufferSize));
     ++context.numbers.sequence;
     echo::ipRequest(packet, context.sourceAddress, address, context.numbers);
-    vx::log(LOG_DEBUG, "rawping[%s]: generated ip echo packet for %s", context.interface, addressText(address));
+    vx::log(LOG_DEBUG, "rawping[%s]: generated ip echo packet for %s", context.interface, addressText(address).data());
 
     if (!context.ipSocket.valid() && openIpSocket(context) == -1) return -1;
     const sockaddr_in host = hostAddress(address);
@@ -279,19 +279,19 @@ int sendIp(EchoContext &context, uint32_t address) {
     context.querySocket.reset();
     if (sent < static_cast<ssize_t>(packet.size())) {
         vx::log(LOG_ERR, "rawping[%s]: unable to send %d bytes to %s (%s)", context.interface, context.bufferSize,
-                addressText(address), lastError());
+                addressText(address).data(), lastError());
         return -1;
     }
-    vx::log(LOG_DEBUG, "rawping[%s]: ip packet transmitted for %s (%d bytes)", context.interface, addressText(address),
-            context.bufferSize);
+    vx::log(LOG_DEBUG, "rawping[%s]: ip packet transmitted for %s (%d bytes)", context.interface,
+            addressText(address).data(), context.bufferSize);
     return 0;
 }
 
 // Checks the sender of a reply that carries our numbers: what other hosts send does not count.
 bool isFromTarget(const EchoContext &context, uint32_t target, uint32_t sender) {
     if (echo::mayAnswer(target, sender)) return true;
-    vx::log(LOG_DEBUG, "rawping[%s]: not from target (%s != %s)", context.interface, addressText(sender),
-            addressText(target));
+    vx::log(LOG_DEBUG, "rawping[%s]: not from target (%s != %s)", context.interface, addressText(sender).data(),
+            addressText(target).data());
     return false;
 }
 
@@ -325,14 +325,14 @@ int waitForIpReply(EchoContext &context, uint32_t address) {
     switch (waitForReply(context, context.ipSocket.get(), room, CLOCK_REALTIME,
                          [&](echo::Bytes packet) { return isIpReply(context, address, packet); })) {
         case Wait::answered:
-            vx::log(LOG_DEBUG, "rawping[%s]: ip ping to %s succeeded", context.interface, addressText(address));
+            vx::log(LOG_DEBUG, "rawping[%s]: ip ping to %s succeeded", context.interface, addressText(address).data());
             return 0;
         case Wait::failed:
             vx::log(LOG_ERR, "rawping[%s]: unable to receive reply (%s)", context.interface, lastError());
             return -1;
         case Wait::exhausted:
             vx::log(LOG_DEBUG, "rawping[%s]: received no valid ip reply from %s", context.interface,
-                    addressText(address));
+                    addressText(address).data());
             return -1;
     }
     return -1;  // GCOVR_EXCL_LINE: each case returns
@@ -387,7 +387,7 @@ int sendLink(EchoContext &context, const uint32_t *mark) {
     echo::linkRequest(frame, {context.targetHardware, context.interfaceHardware}, context.sourceAddress,
                       context.targetAddress, context.numbers);
     vx::log(LOG_DEBUG, "rawping[%s]: generated raw echo packet for %s (id %d, seq %d)", context.interface,
-            addressText(context.targetAddress), context.numbers.identifier, context.numbers.sequence);
+            addressText(context.targetAddress).data(), context.numbers.identifier, context.numbers.sequence);
 
     if (openPacketSocket(context, mark) == -1) return -1;
     sockaddr_ll address = linkAddress(context);
@@ -401,11 +401,11 @@ int sendLink(EchoContext &context, const uint32_t *mark) {
     context.querySocket.reset();
     if (sent < static_cast<ssize_t>(frame.size())) {
         vx::log(LOG_ERR, "rawping[%s]: cannot send %d bytes to %s (%s)", context.interface, context.bufferSize,
-                addressText(context.targetAddress), lastError());
+                addressText(context.targetAddress).data(), lastError());
         return -1;
     }
     vx::log(LOG_DEBUG, "rawping[%s]: raw packet transmitted for %s (%d bytes)", context.interface,
-            addressText(context.targetAddress), context.bufferSize);
+            addressText(context.targetAddress).data(), context.bufferSize);
     return 0;
 }
 
@@ -423,13 +423,13 @@ bool isLinkReply(const EchoContext &context, echo::Bytes frame) {
                 numbers.sequence, numbers.identifier, context.numbers.sequence, context.numbers.identifier);
     }
     if (reply->ends.destination != context.interfaceHardware) {
-        vx::log(LOG_DEBUG, "rawping[%s]: not for us (%s != %s)", interface, hardwareText(reply->ends.destination),
-                hardwareText(context.interfaceHardware));
+        vx::log(LOG_DEBUG, "rawping[%s]: not for us (%s != %s)", interface,
+                hardwareText(reply->ends.destination).data(), hardwareText(context.interfaceHardware).data());
         return false;
     }
     if (reply->ends.source != context.targetHardware) {
-        vx::log(LOG_DEBUG, "rawping[%s]: not from target (%s != %s)", interface, hardwareText(reply->ends.source),
-                hardwareText(context.targetHardware));
+        vx::log(LOG_DEBUG, "rawping[%s]: not from target (%s != %s)", interface,
+                hardwareText(reply->ends.source).data(), hardwareText(context.targetHardware).data());
         return false;
     }
     if (reply->protocol != IPPROTO_ICMP) {
@@ -453,14 +453,14 @@ int waitForLinkReply(EchoContext &context) {
                          [&](echo::Bytes frame) { return isLinkReply(context, frame); })) {
         case Wait::answered:
             vx::log(LOG_DEBUG, "rawping[%s]: raw ping to %s succeeded", context.interface,
-                    addressText(context.targetAddress));
+                    addressText(context.targetAddress).data());
             return 0;
         case Wait::failed:
             vx::log(LOG_ERR, "rawping[%s]: unable to receive reply (%s)", context.interface, lastError());
             return -1;
         case Wait::exhausted:
             vx::log(LOG_ERR, "rawping[%s]: received no valid raw reply from %s", context.interface,
-                    addressText(context.targetAddress));
+                    addressText(context.targetAddress).data());
             return -1;
     }
     return -1;  // GCOVR_EXCL_LINE: each case returns
@@ -523,15 +523,10 @@ int findIndex(EchoContext &context) {
     return 0;
 }
 
-int findGateway(EchoContext &context) {
-    if (empty(context.gateway)) return 0;
-    const auto address = vx::resolveHost(context.gateway);
-    if (!address.has_value()) {
-        vx::log(LOG_ERR, "rawping[%s]: invalid gateway '%s'", context.interface, context.gateway);
-        return -1;
-    }
-    context.gatewayAddress = *address;
-    return 0;
+int checkGateway(const EchoContext &context) {
+    if (empty(context.gateway) || vx::resolveHost(context.gateway).has_value()) return 0;
+    vx::log(LOG_ERR, "rawping[%s]: invalid gateway '%s'", context.interface, context.gateway);
+    return -1;
 }
 
 int findHardwareAddress(EchoContext &context) {
@@ -555,10 +550,11 @@ int queryInterface(EchoContext &context) {
     if (findIndex(context) == -1) return -1;
     if (findAddress(context, context.sourceText, SIOCGIFADDR, "source", context.sourceAddress) == -1) return -1;
     if (findAddress(context, context.netmaskText, SIOCGIFNETMASK, "netmask", context.netmask) == -1) return -1;
-    if (findGateway(context) == -1) return -1;
+    if (checkGateway(context) == -1) return -1;
     if (findHardwareAddress(context) == -1) return -1;
-    vx::log(LOG_DEBUG, "rawping[%s]: interface runs %s/%s (%s)", context.interface, addressText(context.sourceAddress),
-            addressText(context.netmask), hardwareText(context.interfaceHardware));
+    vx::log(LOG_DEBUG, "rawping[%s]: interface runs %s/%s (%s)", context.interface,
+            addressText(context.sourceAddress).data(), addressText(context.netmask).data(),
+            hardwareText(context.interfaceHardware).data());
     return 0;
 }
 
@@ -633,7 +629,7 @@ bool findInArpTable(EchoContext &context) {
         const auto address = vx::arp::lookUp(line.data(), context.gateway);
         if (!address.has_value()) continue;
         context.targetHardware = *address;
-        vx::log(LOG_DEBUG, "rawping[%s]: discovered %s for %s", context.interface, hardwareText(*address),
+        vx::log(LOG_DEBUG, "rawping[%s]: discovered %s for %s", context.interface, hardwareText(*address).data(),
                 context.gateway);
         return true;
     }
@@ -651,7 +647,7 @@ bool findGatewayHardware(EchoContext &context) {
         vx::log(LOG_DEBUG, "rawping[%s]: hostbyname for %s failed", context.interface, context.gateway);
         return false;
     }
-    vx::log(LOG_DEBUG, "rawping[%s]: pinging %s", context.interface, addressText(*address));
+    vx::log(LOG_DEBUG, "rawping[%s]: pinging %s", context.interface, addressText(*address).data());
     (void)pingIp(context, *address);
     if (findInArpTable(context)) return true;
     vx::log(LOG_ERR, "rawping[%s]: can't resolve HW address for %s", context.interface, context.gateway);
@@ -664,7 +660,7 @@ int pingTarget(EchoContext &context, const uint32_t *mark) {
         return pingIp(context, context.targetAddress);
     }
     vx::log(LOG_DEBUG, "rawping[%s]: cannot ping %s directly, must use gateway %s", context.interface,
-            addressText(context.targetAddress), context.gateway);
+            addressText(context.targetAddress).data(), context.gateway);
     if (!findGatewayHardware(context)) {
         vx::log(LOG_DEBUG, "rawping[%s] => ARP lookup failed, sending ip ping to %s", context.interface,
                 context.target);

@@ -2,6 +2,7 @@
 // One line of the kernel's ARP table.
 #pragma once
 
+#include <algorithm>
 #include <array>
 #include <charconv>
 #include <cstdint>
@@ -15,9 +16,7 @@ namespace vx::arp {
 // Cuts the next word of a line, words standing between blanks; empty at its end.
 inline std::string_view nextWord(std::string_view &line) noexcept {
     constexpr std::string_view white = " \t\r\n";
-    const size_t first = line.find_first_not_of(white);
-    if (first == std::string_view::npos) return line = {};
-    line.remove_prefix(first);
+    line.remove_prefix(std::min(line.find_first_not_of(white), line.size()));
     const std::string_view word = line.substr(0, line.find_first_of(white));
     line.remove_prefix(word.size());
     return word;
@@ -62,7 +61,7 @@ inline std::optional<echo::MacAddress> lookUp(std::string_view line, std::string
     nextWord(line);  // hardware type
     const std::string_view flagsWord = nextWord(line);
     const std::string_view address = nextWord(line);
-    if (address.empty() || (flags(flagsWord) & complete) == 0) return std::nullopt;
+    if ((flags(flagsWord) & complete) == 0) return std::nullopt;
     return hardwareAddress(address);
 }
 

@@ -99,25 +99,20 @@ struct IpFields {
     uint32_t target;
 };
 
-// Writes 20 bytes, the checksum left zero.
+// Writes into 20 zero bytes, the checksum left zero.
 inline void putIpHeader(uint8_t *at, const IpFields &fields) noexcept {
     at[0] = 0x45;
-    at[1] = 0;
     put16(at + 2, fields.totalLength);
-    put16(at + 4, 0);
     put16(at + 6, fields.fragment);
     at[8] = fields.timeToLive;
     at[9] = IPPROTO_ICMP;
-    put16(at + 10, 0);
     put32(at + 12, fields.source);
     put32(at + 16, fields.target);
 }
 
-// Writes 8 bytes, the checksum left zero.
+// Writes into 8 zero bytes, the checksum left zero.
 inline void putEchoHeader(uint8_t *at, Numbers numbers, Order order) noexcept {
     at[0] = ICMP_ECHO;
-    at[1] = 0;
-    put16(at + 2, 0);
     putNumber(at + 4, numbers.identifier, order);
     putNumber(at + 6, numbers.sequence, order);
 }
@@ -158,10 +153,10 @@ inline void ipRequest(std::span<uint8_t> packet, uint32_t source, uint32_t targe
     putIpHeader(ip, {ipMinimum, 0, 64, source, target});
     putChecksum(ip + 10, {ip, ipHeader});
     putEchoHeader(icmp, numbers, Order::memory);
-    putChecksum(icmp + 2, {icmp, ipMinimum - ipHeader});
+    putChecksum(icmp + 2, {icmp, icmpHeader});  // the rest is zero and adds nothing
 }
 
-// Makes the smallest echo, both checksums left to the caller.
+// Writes the smallest echo into zero bytes, both checksums left to the caller.
 inline void simpleRequest(std::span<uint8_t, simpleSize> packet, uint32_t source, uint32_t target,
                           Numbers numbers) noexcept {
     putIpHeader(packet.data(), {simpleSize, 0, 128, source, target});
@@ -261,7 +256,6 @@ constexpr size_t filterSize = 13;
 
 // Lets pass the first 96 bytes of unfragmented ICMP echo replies that carry this identifier, and nothing else.
 inline std::array<sock_filter, filterSize> replyFilter(uint16_t identifier) noexcept {
-    constexpr size_t identifierAt = 10;
     constexpr uint32_t kept = 96;
     constexpr auto load = [](uint16_t size, uint16_t mode, uint32_t at) {
         return sock_filter{static_cast<uint16_t>(BPF_LD | size | mode), 0, 0, at};
@@ -269,7 +263,7 @@ inline std::array<sock_filter, filterSize> replyFilter(uint16_t identifier) noex
     constexpr auto unless = [](uint16_t test, uint32_t value, uint8_t whenTrue, uint8_t whenFalse) {
         return sock_filter{static_cast<uint16_t>(BPF_JMP | test | BPF_K), whenTrue, whenFalse, value};
     };
-    static constexpr std::array<sock_filter, filterSize> program{{
+    return {{
         /*  0 */ load(BPF_H, BPF_ABS, 12),
         /*  1 */ unless(BPF_JEQ, ETH_P_IP, 0, 10),
         /*  2 */ load(BPF_B, BPF_ABS, 23),
@@ -280,13 +274,10 @@ inline std::array<sock_filter, filterSize> replyFilter(uint16_t identifier) noex
         /*  7 */ load(BPF_B, BPF_IND, ethernetHeader),
         /*  8 */ unless(BPF_JEQ, ICMP_ECHOREPLY, 0, 3),
         /*  9 */ load(BPF_H, BPF_IND, ethernetHeader + 4),
-        /* 10 */ unless(BPF_JEQ, 1000, 0, 1),
+        /* 10 */ unless(BPF_JEQ, identifier, 0, 1),
         /* 11 */ {BPF_RET | BPF_K, 0, 0, kept},
         /* 12 */ {BPF_RET | BPF_K, 0, 0, 0},
     }};
-    std::array<sock_filter, filterSize> patched = program;
-    patched[identifierAt].k = identifier;
-    return patched;
 }
 
 }  // namespace vx::echo

@@ -25,12 +25,12 @@ enum CheckResult { checkFound = 0, checkNothing = 2, checkFailed = 3 };
 uint16_t randomNumber() { return static_cast<uint16_t>(std::rand() & 0xFFFF); }
 
 // Lets the kernel compare the senders, because the object, whose size is fixed, has no member for the destination.
-// Returns 0, or -1 when the filter cannot be attached.
-int receiveOnlyFrom(int fd, uint32_t target) {
-    if (!echo::answersItself(target)) return 0;
-    if (vx::attachFilter(fd, echo::senderFilter(target)) == -1) return -1;
+// Returns false when the filter cannot be attached.
+bool receiveOnlyFrom(int fd, uint32_t target) {
+    if (!echo::answersItself(target)) return true;
+    if (vx::attachFilter(fd, echo::senderFilter(target)) == -1) return false;
     vx::dropUnfiltered(fd);
-    return 0;
+    return true;
 }
 
 }  // namespace
@@ -51,7 +51,7 @@ int PingClient::sendSimplePing(const String &source, const String &destination) 
     if (setsockopt(socket_, IPPROTO_IP, IP_HDRINCL, &on, sizeof on) == -1) return sendFailed;
     const auto target = vx::resolveHost(destination.c_str());
     if (!target.has_value()) return sendFailed;
-    if (receiveOnlyFrom(socket_, *target) == -1) return sendFailed;
+    if (!receiveOnlyFrom(socket_, *target)) return sendFailed;
 
     std::array<unsigned short, echo::simpleSize / sizeof(unsigned short)> words{};
     auto *const bytes = reinterpret_cast<uint8_t *>(words.data());
@@ -88,5 +88,5 @@ void PingClient::cleanup() {
 }
 
 unsigned short PingClient::checksum(unsigned short *data, int length) const {
-    return echo::internetChecksum(data, length > 0 ? static_cast<size_t>(length) : 0);
+    return echo::internetChecksum(data, static_cast<size_t>(std::max(length, 0)));
 }
