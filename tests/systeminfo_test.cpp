@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
 // The device's system information.
+#include <malloc.h>
 #include <vxutils/strutil.h>
 #include <vxutils/systeminfo.h>
 
@@ -73,6 +74,7 @@ TEST_F(Systeminfo, OtherValuesKeepTheirLineFeedAndBlanks) {
 TEST_F(Systeminfo, AQuotedValueEndsAtTheNextQuoteOrAtTheLineFeed) {
     EXPECT_EQ(pairs("A=\"1\"2\"\nB=\"open\nC=\"\nD=\"\"\nE=\"\"x\"\n"),
               (Pairs{{"A", "1"}, {"B", "open"}, {"C", ""}, {"D", ""}, {"E", ""}}));
+    EXPECT_EQ(pairs("A=\"not # a comment\"\n"), (Pairs{{"A", "not # a comment"}}));
 }
 
 TEST_F(Systeminfo, CommentsAndLinesWithoutAValueAreSkipped) {
@@ -163,6 +165,14 @@ TEST_F(Systeminfo, WithoutMemoryThereIsNoTableAndNothingIsLeft) {
     const Table table(systeminfo_init(), &systeminfo_free);
     ASSERT_NE(table, nullptr);
     EXPECT_EQ(table->count, 2);
+}
+
+TEST_F(Systeminfo, FreeingATableFreesItsTexts) {
+    vxtest::writeFile(path, "A=\"1\"\n# comment\nB=\"2\"\n");
+    systeminfo_free(systeminfo_init());
+    const size_t before = ::mallinfo2().uordblks;
+    for (int i = 0; i < 100; ++i) systeminfo_free(systeminfo_init());
+    EXPECT_LE(::mallinfo2().uordblks, before + 1000);
 }
 
 TEST_F(Systeminfo, TheExamplePrintsVariables) {

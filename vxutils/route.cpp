@@ -22,12 +22,11 @@ namespace {
 
 using vx::netlink::Answer;
 
-constexpr size_t requestSize = 1052;
 constexpr size_t answerSize = 16384;
-constexpr socklen_t addressTextSize = 128;
 constexpr int sendBufferSize = 32768;
 constexpr int receiveBufferSize = 1048576;
 constexpr size_t routeHeader = sizeof(nlmsghdr) + sizeof(rtmsg);
+constexpr size_t requestSize = routeHeader + RTA_SPACE(sizeof(in6_addr));
 
 constexpr const char *noMemory = "rtq: no mem for request";
 constexpr const char *cannotOpen = "rtq: unable to open netlink socket";
@@ -40,29 +39,30 @@ constexpr const char *invalidAnswer = "rtq: invalid answer";
 constexpr const char *noInterface = "rtq: no dest interface found";
 
 static_assert(routeHeader == 28 && sizeof(sockaddr_nl) == 12);
-static_assert(routeHeader + RTA_SPACE(sizeof(in6_addr)) <= requestSize, "a question for the longest address fits");
 
 struct RouteQuery {
     vx::Fd socket;
     uint32_t sequence;
     sockaddr_nl local;
     int family;
-    std::array<char, addressTextSize> text;
+    std::array<char, INET6_ADDRSTRLEN> text;
     std::array<uint8_t, sizeof(in6_addr)> address;
     size_t addressLength;
     alignas(nlmsghdr) std::array<uint8_t, requestSize> request;
     size_t requestLength;
 };
 
-// Ends a failed call with one debug message and -1. errno stays as the failed system call has set it.
-int fail(const char *message) {
+// Each step below returns false when it fails. errno stays as the failed system call has set it.
+
+// Ends a failed call with one debug message.
+bool fail(const char *message) {
     vx::log(LOG_DEBUG, "%s", message);
-    return -1;
+    return false;
 }
 
-int failQuery() {
+bool failQuery() {
     vx::log(LOG_DEBUG, "rtq: netlink query failed: %s", std::strerror(errno));
-    return -1;
+    return false;
 }
 
 // Copies the address by way of its text, so that the message shows what is asked for.
@@ -79,11 +79,11 @@ bool takeAddress(RouteQuery &query, const addrinfo &target) {
         return false;
     }
     query.family = target.ai_family;
-    return inet_ntop(query.family, address, query.text.data(), addressTextSize) != nullptr &&
+    return inet_ntop(query.family, address, query.text.data(), INET6_ADDRSTRLEN) != nullptr &&
            inet_pton(query.family, query.text.data(), query.address.data()) == 1;
 }
 
-int openSocket(RouteQuery &query) {
+bool openSocket(RouteQuery &query) {
     query.socket.reset(::socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_ROUTE));
     if (!query.socket.valid()) return fail(cannotOpen);
     const int fd = query.socket.get();
@@ -98,7 +98,7 @@ int openSocket(RouteQuery &query) {
     if (getsockname(fd, local, &length) == -1 || length != sizeof query.local || query.local.nl_family != AF_NETLINK) {
         return fail(invalidSocket);
     }
-    return 0;
+    return true;
 }
 
 void buildRequest(RouteQuery &query) {
@@ -124,16 +124,16 @@ void buildRequest(RouteQuery &query) {
     std::memcpy(out + routeHeader + sizeof attribute, query.address.data(), query.addressLength);
 }
 
-int sendRequest(RouteQuery &query) {
+bool sendRequest(RouteQuery &query) {
     sockaddr_nl kernel{};
     kernel.nl_family = AF_NETLINK;
     iovec part{query.request.data(), query.requestLength};
     const msghdr message = vx::messageHeader(part, kernel);
-    return sendmsg(query.socket.get(), &message, 0) == -1 ? fail(cannotSend) : 0;
+    return sendmsg(query.socket.get(), &message, 0) != -1 || fail(cannotSend);
 }
 
 // Receives until the kernel has answered; the answer's payload lies in `buffer`.
-int receiveAnswer(const RouteQuery &query, std::span<uint8_t> buffer, Answer &answer) {
+bool receiveAnswer(const RouteQuery &query, std::span<uint8_t> buffer, Answer &answer) {
     errno = 0;  // recvmsg() returning 0 does not set it, and the message shows it
     for (;;) {
         sockaddr_nl sender{};
@@ -148,7 +148,7 @@ int receiveAnswer(const RouteQuery &query, std::span<uint8_t> buffer, Answer &an
         const bool truncated = (message.msg_flags & MSG_TRUNC) != 0;
         switch (answer.state) {
             case Answer::State::found:
-                return 0;
+                return true;
             case Answer::State::malformed:
                 return failQuery();
             case Answer::State::cut:
@@ -161,8 +161,8 @@ int receiveAnswer(const RouteQuery &query, std::span<uint8_t> buffer, Answer &an
 }
 
 // Fails on an error message, also on an acknowledgement, whose error number is 0: neither carries a route.
-int refuseError(const Answer &answer) {
-    if (answer.header.nlmsg_type != NLMSG_ERROR) return 0;
+bool refuseError(const Answer &answer) {
+    if (answer.header.nlmsg_type != NLMSG_ERROR) return true;
     const auto error = vx::netlink::errorField(answer.payload);
     if (error.has_value() && *error != 0) errno = static_cast<int>(0U - static_cast<uint32_t>(*error));
     return failQuery();
@@ -177,22 +177,20 @@ bool interfaceName(int fd, uint32_t index, char *name) {
     return true;
 }
 
-int readRoute(const RouteQuery &query, const Answer &answer, char *name) {
+bool readRoute(const RouteQuery &query, const Answer &answer, char *name) {
     if (answer.header.nlmsg_type != RTM_NEWROUTE) return fail(noRoute);
     if (answer.payload.size() < sizeof(rtmsg)) return fail(invalidAnswer);
     const auto index = vx::netlink::outputInterface(answer.payload.subspan(sizeof(rtmsg)));
     if (!index.has_value() || !interfaceName(query.socket.get(), *index, name)) return fail(noInterface);
     vx::log(LOG_DEBUG, "%s goes to %s", query.text.data(), name);
-    return 0;
+    return true;
 }
 
-int exchange(RouteQuery &query, char *name) {
+bool exchange(RouteQuery &query, char *name) {
     std::array<uint8_t, answerSize> buffer;
     Answer answer{Answer::State::none};
-    if (sendRequest(query) == -1) return -1;
-    if (receiveAnswer(query, buffer, answer) == -1) return -1;
-    if (refuseError(answer) == -1) return -1;
-    return readRoute(query, answer, name);
+    return sendRequest(query) && receiveAnswer(query, buffer, answer) && refuseError(answer) &&
+           readRoute(query, answer, name);
 }
 
 }  // namespace
@@ -200,11 +198,13 @@ int exchange(RouteQuery &query, char *name) {
 int route_get_interface(const addrinfo *target, char *name) {
     if (target == nullptr || name == nullptr || target->ai_addr == nullptr) return -1;
     const std::unique_ptr<RouteQuery> query(new (std::nothrow) RouteQuery{});
-    if (query == nullptr) return fail(noMemory);
+    if (query == nullptr) {
+        fail(noMemory);
+        return -1;
+    }
     query->sequence = static_cast<uint32_t>(std::time(nullptr));
-    if (!takeAddress(*query, *target)) return -1;
-    if (openSocket(*query) == -1) return -1;
+    if (!takeAddress(*query, *target) || !openSocket(*query)) return -1;
     vx::log(LOG_DEBUG, "looking up route for %s", query->text.data());
     buildRequest(*query);
-    return exchange(*query, name);
+    return exchange(*query, name) ? 0 : -1;
 }

@@ -5,7 +5,7 @@
 #include <linux/netlink.h>
 #include <linux/rtnetlink.h>
 
-#include <array>
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
 #include <optional>
@@ -27,7 +27,7 @@ std::optional<Record> peek(Bytes bytes) noexcept {
 // Netlink pads every message and attribute to a multiple of four; the padding of the last one may be missing.
 inline Bytes skipPadded(Bytes bytes, size_t length) noexcept {
     const size_t padded = (length + 3) / 4 * 4;
-    return padded < bytes.size() ? bytes.subspan(padded) : Bytes{};
+    return bytes.subspan(std::min(padded, bytes.size()));
 }
 
 // What a datagram says about one request.
@@ -49,7 +49,7 @@ inline Answer findAnswer(Bytes datagram, uint32_t senderPort, uint32_t ourPort, 
         const size_t length = header->nlmsg_len;
         if (length < sizeof(nlmsghdr) || length > datagram.size()) return {Answer::State::malformed};
         if (senderPort == 0 && header->nlmsg_pid == ourPort && header->nlmsg_seq == sequence) {
-            return {Answer::State::found, *header, datagram.subspan(sizeof(nlmsghdr), length - sizeof(nlmsghdr))};
+            return {Answer::State::found, *header, datagram.first(length).subspan(sizeof(nlmsghdr))};
         }
         datagram = skipPadded(datagram, length);
     }
@@ -61,17 +61,13 @@ inline std::optional<int32_t> errorField(Bytes payload) noexcept { return peek<i
 
 // Finds the output interface of a route message's attributes (those after its rtmsg); nothing when it names none.
 inline std::optional<uint32_t> outputInterface(Bytes attributes) noexcept {
-    constexpr size_t knownTypes = 31;
-    std::array<Bytes, knownTypes> first{};
     while (const auto attribute = peek<rtattr>(attributes)) {
         const size_t length = attribute->rta_len;
         if (length < sizeof(rtattr) || length > attributes.size()) break;
-        if (attribute->rta_type < knownTypes && first[attribute->rta_type].data() == nullptr) {
-            first[attribute->rta_type] = attributes.subspan(sizeof(rtattr), length - sizeof(rtattr));
-        }
+        if (attribute->rta_type == RTA_OIF) return peek<uint32_t>(attributes.first(length).subspan(sizeof(rtattr)));
         attributes = skipPadded(attributes, length);
     }
-    return peek<uint32_t>(first[RTA_OIF]);
+    return std::nullopt;
 }
 
 }  // namespace vx::netlink

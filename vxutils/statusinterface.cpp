@@ -29,7 +29,7 @@ extern "C" {
 
 namespace {
 
-constexpr std::array<const char *, 3> roots{"/tmp/status", "/nvstatus", "/proc"};  // in the order of BasePath
+constexpr std::array roots{"/tmp/status", "/nvstatus", "/proc"};  // in the order of BasePath
 constexpr size_t pieceSize = 99;
 constexpr size_t mostOfValue = size_t{1024} * 1024;
 
