@@ -90,7 +90,14 @@ TEST_F(VxeventFaults, AStepThatTheSystemRefusesFailsAtOnceWithItsError) {
     EXPECT_EQ(writes, 1) << "only a full FIFO is waited for";
 
     error = EAGAIN;
-    const Hooked poll(hooks::poll, vxtest::answering(-1, ENOMEM));
+    const Hooked poll(hooks::poll, [](pollfd *room, nfds_t count, int timeout) -> std::optional<int> {
+        EXPECT_EQ(count, 1U);
+        EXPECT_EQ(room->events, POLLOUT);
+        EXPECT_GT(timeout, 0);
+        EXPECT_LE(timeout, 1000);
+        errno = ENOMEM;
+        return -1;
+    });
     EXPECT_EQ(vxevent(1, 2, "x"), -1);
     EXPECT_EQ(errno, ENOMEM);
     EXPECT_EQ(writes, 2);

@@ -348,13 +348,19 @@ TEST(StringSearch, BackwardsForALongerTextReturnsTheDifferenceOfTheLengths) {
     EXPECT_EQ(String("ab").lastIndexOf(String("abcde")), -3);
     EXPECT_EQ(String("ab").lastIndexOf(String("abcde"), 1), -3);
     EXPECT_EQ(String("ab").lastIndexOf(String("abcde"), -1), -1);
+    EXPECT_EQ(String("ab").lastIndexOf(String("abcde"), -7), -1) << "not the difference";
+    EXPECT_EQ(s.lastIndexOf(String("abc"), -7), -1);
+    EXPECT_EQ(s.lastIndexOf(String("abc"), 0), 0);
     EXPECT_EQ(s.lastIndexOf(String("abc"), 2), 0);
     EXPECT_EQ(s.lastIndexOf(String("abc"), 100), 3);
     EXPECT_EQ(s.lastIndexOf(String(), 2), 2);
     EXPECT_EQ(s.lastIndexOfIgnoreCase(String("ABC")), 3);
     EXPECT_EQ(s.lastIndexOfIgnoreCase(String()), 6);
     EXPECT_EQ(s.lastIndexOfIgnoreCase(String("ABC"), 2), 0);
+    EXPECT_EQ(s.lastIndexOfIgnoreCase(String("ABC"), 0), 0);
     EXPECT_EQ(s.lastIndexOfIgnoreCase(String("ABC"), -1), -1);
+    EXPECT_EQ(s.lastIndexOfIgnoreCase(String("ABC"), -7), -1);
+    EXPECT_EQ(s.lastIndexOfIgnoreCase(String(), -7), -1);
     EXPECT_EQ(String("ab").lastIndexOfIgnoreCase(String("ABCDE")), -3);
 }
 

@@ -232,6 +232,7 @@ TEST(StringQuery, SubstringStartsAtTheBeginningForANegativePosition) {
     EXPECT_EQ(text(s.substring(6, 100)), "gh");
     EXPECT_TRUE(isEmptyBuffer(s.substring(4, 4)));
     EXPECT_TRUE(isEmptyBuffer(s.substring(5, 4)));
+    EXPECT_TRUE(isEmptyBuffer(s.substring(5, LONG_MIN)));
     EXPECT_TRUE(isEmptyBuffer(s.substring(8, 12)));
 }
 
@@ -256,6 +257,7 @@ TEST(StringSearch, FindsTheFirstAndTheLastOfACharacter) {
     EXPECT_EQ(s.lastIndexOf('c', 100), 5);
     EXPECT_EQ(s.lastIndexOf('a', 0), 0);
     EXPECT_EQ(s.lastIndexOf('a', -1), -1);
+    EXPECT_EQ(s.lastIndexOf('a', -7), -1);
     EXPECT_EQ(s.lastIndexOf('\0'), -1);
     EXPECT_EQ(String().lastIndexOf('a'), -1);
     EXPECT_EQ(String().lastIndexOf('a', 5), -1);

@@ -392,6 +392,27 @@ TEST_F(WwanmdFaults, AReceiveThatReconnectsIgnoresSigpipeUntilItReturns) {
     EXPECT_EQ(actionOfSigpipe(), SIG_DFL);
 }
 
+TEST_F(WwanmdFaults, SigpipeIsIgnoredAtEveryWaitOfACommandAndOfASend) {
+    const Handle handle = connect();
+    std::vector<sighandler_t> actions;
+    const Hooked waiting(hooks::poll, [&](pollfd *, nfds_t count, int) -> std::optional<int> {
+        EXPECT_EQ(count, 1U);
+        actions.push_back(actionOfSigpipe());
+        return std::nullopt;
+    });
+    const auto actionsDuring = [&](int (*step)(wwanmd_handle *, wwanmd_msg *)) {
+        actions.clear();
+        handle->last_io = {};
+        Message message("c");
+        EXPECT_EQ(step(handle.get(), &message), 0);
+        EXPECT_EQ(actionOfSigpipe(), SIG_DFL);
+        return actions;
+    };
+    EXPECT_THAT(actionsDuring(wwanmd_command), ElementsAre(SIG_IGN, SIG_IGN));
+    EXPECT_THAT(actionsDuring(wwanmd_send), ElementsAre(SIG_IGN));
+    EXPECT_THAT(actionsDuring(wwanmd_recv), ElementsAre(SIG_IGN));
+}
+
 TEST_F(WwanmdFaults, AResetThatBeginsBetweenSendAndReceiveIsSeen) {
     const Handle handle = connect();
     Message message("signal");

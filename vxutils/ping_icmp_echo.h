@@ -171,8 +171,8 @@ inline size_t ipHeaderLength(uint8_t first) noexcept { return static_cast<size_t
 // Where an IP header holds the address of the packet's sender.
 constexpr size_t senderAt = 12;
 
-// Returns the sender of an IP packet, 0 when the packet is too short for a header.
-inline uint32_t senderOf(Bytes packet) noexcept { return packet.size() < ipHeader ? 0 : get32(&packet[senderAt]); }
+// Returns the sender of an IP packet that has been read: it has a whole header.
+inline uint32_t senderOf(Bytes packet) noexcept { return get32(&packet[senderAt]); }
 
 // Whether replies to an echo that went to `target` come from that address: a group's members answer with their own
 // addresses, and so does this machine for the address 0.

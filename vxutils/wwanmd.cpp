@@ -15,6 +15,7 @@
 #include <array>
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <cstddef>
 #include <cstdint>
@@ -136,9 +137,9 @@ public:
     int wait(pollfd &waiting) {
         for (;;) {
             const timespec start = now();
-            const auto milliseconds = static_cast<int>((leftUs_ + 999) / 1000);
+            const auto milliseconds = std::chrono::ceil<std::chrono::milliseconds>(std::chrono::microseconds(leftUs_));
             errno = 0;
-            const int ready = ::poll(&waiting, 1, milliseconds);
+            const int ready = ::poll(&waiting, 1, static_cast<int>(milliseconds.count()));
             leftUs_ = std::max<int64_t>(0, leftUs_ - uselapsed(start, now()));
             if (ready != -1 || errno != EINTR) return ready;
         }
