@@ -37,6 +37,8 @@ VXTEST_HOOK(size_t, strftime, (char *text, size_t size, const char *format, cons
 #pragma GCC diagnostic pop
 VXTEST_HOOK(int, flock, (int fd, int operation), (fd, operation))
 VXTEST_HOOK(int, rename, (const char *from, const char *to), (from, to))
+VXTEST_HOOK(int, usleep, (useconds_t pause), (pause))
+VXTEST_HOOK_AS(int, clock_gettime, "__clock_gettime64", (clockid_t clock, timespec *now), (clock, now))
 
 namespace {
 
@@ -227,6 +229,71 @@ TEST_F(DeviceLogFaults, AWriterWaitsForTheTemporaryFileAndThenTakesANewOne) {
     ::close(fd);
     EXPECT_EQ(vxtest::waitChild(writer), 0);
     EXPECT_EQ(readFile(logFile), "2: 2026-11-15 08:40 second\n" + first);
+}
+
+// How long a call waits for a lock: each pause between two attempts takes no time, and is a millisecond by the clock.
+class DeviceLogWaits : public DeviceLog {
+protected:
+    void SetUp() override {
+        if (sizeof(long) == 4) GTEST_SKIP() << "the C++ library asks for the time by another function than this test";
+        DeviceLog::SetUp();
+    }
+
+    // Another process holds the lock of this file for ever.
+    void lockForEver(const std::string &name) {
+        struct stat held {};
+        ASSERT_EQ(::stat(name.c_str(), &held), 0);
+        hooks::flock = [inode = held.st_ino](int fd, int operation) -> std::optional<int> {
+            struct stat own {};
+            if (operation == LOCK_UN || ::fstat(fd, &own) == -1 || own.st_ino != inode) return std::nullopt;
+            errno = EWOULDBLOCK;
+            return -1;
+        };
+    }
+    int pausesOf(const std::function<void()> &call) {
+        int pauses = 0;
+        const Hooked clock(hooks::clock_gettime, [&](clockid_t, timespec *now) -> std::optional<int> {
+            *now = {1000 + pauses / 1000, pauses % 1000 * 1000000L};
+            return 0;
+        });
+        const Hooked pausing(hooks::usleep, [&](useconds_t pause) -> std::optional<int> {
+            EXPECT_EQ(pause, 2000U);
+            ++pauses;
+            return 0;
+        });
+        call();
+        return pauses;
+    }
+    void TearDown() override {
+        hooks::flock = nullptr;
+        DeviceLog::TearDown();
+    }
+};
+
+TEST_F(DeviceLogWaits, AWritersTemporaryFileIsWaitedForFor800Milliseconds) {
+    writeFile(temporary, "");
+    ASSERT_EQ(::chmod(temporary.c_str(), 0660), 0);
+    lockForEver(temporary);
+    EXPECT_EQ(pausesOf([] { EXPECT_EQ(append(), -1); }), 800);
+    EXPECT_TRUE(vxtest::exists(temporary));
+}
+
+TEST_F(DeviceLogWaits, AStrangersTemporaryFileIsReplacedAfter200Milliseconds) {
+    writeFile(temporary, "");
+    ASSERT_EQ(::chmod(temporary.c_str(), 0666), 0);
+    lockForEver(temporary);
+    EXPECT_EQ(pausesOf([] { EXPECT_EQ(append(), 0); }), 200);
+    EXPECT_EQ(readFile(logFile), "1: 2026-11-15 08:40 entry\n");
+}
+
+TEST_F(DeviceLogWaits, ALockedLogIsUsedAfterASecond) {
+    ASSERT_EQ(append(), 0);
+    lockForEver(logFile);
+    std::array<char, 300> text{};
+    EXPECT_EQ(pausesOf([&] { EXPECT_EQ(qxlog_read(text.data(), text.size()), 0); }), 1000);
+    EXPECT_STREQ(text.data(), "1: 2026-11-15 08:40 entry\n");
+    EXPECT_EQ(pausesOf([] { EXPECT_EQ(qxlog_clear(), 0); }), 1000);
+    EXPECT_EQ(readFile(logFile), "");
 }
 
 TEST_F(DeviceLogFaults, AWriterKilledAtAnyMomentLeavesAWholeLogAndBlocksNoOtherWriter) {
