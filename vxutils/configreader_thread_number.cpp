@@ -83,8 +83,9 @@ OfOneThread *takeDropped(bool ends) {
 // Gives the place of a thread back at its end.
 struct EndOfThread {
     ~EndOfThread() {
-        ThreadPlace::destroy(takeDropped(true));
-        ownPlace = nullptr;
+        OfOneThread *const dropped = takeDropped(true);
+        ownPlace = nullptr;  // it may be another thread's by now
+        ThreadPlace::destroy(dropped);
     }
 };
 
