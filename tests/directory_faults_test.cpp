@@ -449,6 +449,22 @@ TEST_F(CopyFileFaults, NothingIsReadOrWrittenThroughWhatCannotBeExamined) {
     EXPECT_EQ(log.take().size(), 4u);
 }
 
+TEST_F(CopyFileFaults, WhatWasLookedAtBehindALinkIsReadThoughItsNameLeadsElsewhereByThen) {
+    writeFile(path("value"), "seen");
+    writeFile(path("other"), "not seen");
+    fs::create_symlink("value", path("link"));
+    bool swapped = false;
+    const Hooked swap(hooks::fstat, [&](int fd, struct stat *status) -> std::optional<int> {
+        if (swapped || pathOf(fd) != path("value")) return std::nullopt;
+        swapped = true;
+        const int result = vxtest::real::fstat(fd, status);
+        fs::rename(path("other"), path("value"));
+        return result;
+    });
+    EXPECT_STREQ(readfile(path("link").c_str()), "seen");
+    EXPECT_TRUE(swapped);
+}
+
 TEST_F(CopyFileFaults, AFileWithTwoNamesIsNotWrittenInADirectoryThatCannotBeExamined) {
     writeFile(path("src"), "new");
     writeFile(path("dst"), "old");
