@@ -450,7 +450,7 @@ void useTable(const char *file) {
     }
 }
 
-// Expects that `use` gives back all memory. The allocator keeps some blocks for later, 6 KiB of these sizes at most, which
+// Expects that `use` gives all its memory back. The allocator keeps some blocks for later, 6 KiB of these sizes at most, which
 // count as allocated; so there are rounds enough for the smallest block to be more than that.
 void expectNothingKept(const std::function<void()> &use) {
     use();
