@@ -3,6 +3,7 @@
 // another question.
 #include <vxutils/configd.h>
 
+#include <fcntl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -90,6 +91,35 @@ TEST_F(ConfigdAnswers, ALateOneIsRefusedAtTheNameOfItsRequest) {
         expectOldAnswerLost(handle.get(), name);
     }
     expectConnected(handle.get());
+}
+
+TEST_F(ConfigdAnswers, ReachAHandleWhoseDescriptorIsZero) {
+    EXPECT_EQ(vxtest::inChild([this] {
+                  ::close(0);
+                  configd_handle *handle = configd_open();
+                  if (handle == nullptr || handle->fd != 0) return 100;
+                  if (configd_send(handle, "ask", 3) != 3) return 1;
+                  char text[16];
+                  if (daemon.send(daemon.receive(), "answer") != 0) return 101;
+                  if (configd_recv(handle, text, sizeof text) != 6) return 2;
+                  configd_close(handle);
+                  return ::fcntl(0, F_GETFD) == -1 ? 0 : 3;
+              }),
+              0);
+}
+
+// Addresses of handles, which first names are made from, are even.
+TEST_F(ConfigdAnswers, NewNamesHaveOddNumbersThatRise) {
+    const Handle handle = openHandle();
+    giveUp(handle.get());
+    unsigned long long last = 0;
+    for (int i = 0; i < 16; ++i) {
+        const std::string name = giveUp(handle.get());
+        const unsigned long long number = std::stoull(name.substr(name.rfind('.') + 1), nullptr, 16);
+        EXPECT_EQ(number % 2, 1U) << name;
+        EXPECT_GT(number, last) << name;
+        last = number;
+    }
 }
 
 TEST_F(ConfigdAnswers, ALateOneIsRefusedAtAHandleThatIsOpenedLaterAtTheSameAddress) {

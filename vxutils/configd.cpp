@@ -260,14 +260,14 @@ bool waitForAnswer(int fd, Clock::time_point deadline) {
 }
 
 // Receives at most `size` - 1 bytes and puts a NUL after them. Returns -1 and leaves `data` unchanged when no answer
-// came in time. `prompt` tells whether it came within `promptAnswer`. `flags` are those of the first recvfrom().
+// came in time. `prompt` tells whether an answer came within `promptAnswer`. `flags` are those of the first recvfrom().
 int receiveAnswer(int fd, char *data, int size, int flags, bool &prompt) {
     const vx::SigpipeScope ignored;
     const auto start = Clock::now();
     const auto room = static_cast<size_t>(size) - 1;
     // Most answers are prompt: without flags this call waits as long as limitTime() has set, and saves them the poll().
     ssize_t received = ::recvfrom(fd, data, room, flags, nullptr, nullptr);
-    prompt = received != -1;
+    prompt = true;
     while (received == -1 && (errno == EINTR || errno == EAGAIN) && waitForAnswer(fd, start + answerTimeout)) {
         received = ::recvfrom(fd, data, room, MSG_DONTWAIT, nullptr, nullptr);
         prompt = Clock::now() - start < promptAnswer;
