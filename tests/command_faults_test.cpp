@@ -47,7 +47,7 @@ extern "C" const char *__asan_default_options() { return "allocator_may_return_n
 
 VXTEST_HOOK(int, shmget, (key_t key, size_t size, int flags), (key, size, flags))
 VXTEST_HOOK(void *, shmat, (int id, const void *at, int flags), (id, at, flags))
-VXTEST_HOOK(int, shmctl, (int id, int command, shmid_ds *status), (id, command, status))
+VXTEST_HOOK_AS(int, shmctl, "__shmctl64", (int id, int command, shmid_ds *status), (id, command, status))
 VXTEST_HOOK(pid_t, fork, (), ())
 VXTEST_HOOK(ssize_t, read, (int fd, void *data, size_t size), (fd, data, size))
 VXTEST_HOOK(int, socket, (int domain, int type, int protocol), (domain, type, protocol))
@@ -216,8 +216,7 @@ TEST_F(ExecCommandFaults, ASegmentThatCannotBeAttachedIsRemoved) {
 }
 
 TEST_F(ExecCommandFaults, AFailedStartLeavesItsErrnoWhenTheSegmentIsAlreadyGone) {
-    const Hooked noAttachment(hooks::shmat,
-                              vxtest::answering(reinterpret_cast<void *>(static_cast<intptr_t>(-1)), ENOMEM));
+    const Hooked noAttachment(hooks::shmat, vxtest::answering(reinterpret_cast<void *>(intptr_t{-1}), ENOMEM));
     const Hooked removedByAnother(hooks::shmctl, [](int id, int command, shmid_ds *status) -> std::optional<int> {
         vxtest::real::shmctl(id, command, status);
         return vxtest::real::shmctl(id, command, status);
