@@ -262,7 +262,7 @@ TEST_F(DioDriver, OtherRefusalsAndShortWritesHaveTheirCodes) {
     EXPECT_EQ(active, 77);
 }
 
-TEST_F(DioDriver, AFailedCloseIsLoggedAndChangesNoResult) {
+TEST_F(DioDriver, AFailedCloseIsLoggedAndChangesNeitherResultNorErrno) {
     const vxtest::NoLeaks leaks;
     unsigned char on = 77;
     dio_frequency_record record{};
@@ -273,8 +273,10 @@ TEST_F(DioDriver, AFailedCloseIsLoggedAndChangesNoResult) {
         return LogLine{LOG_ERR, "Can't close(" + tree + path + ") - (Input/output error)"};
     };
     EXPECT_EQ(dio_roValue(1, &on), DIO_OK);
+    EXPECT_EQ(errno, 0);
     EXPECT_EQ(on, 1);
     EXPECT_EQ(dio_setValue(1, 1), DIO_OK);
+    EXPECT_EQ(errno, 0);
     EXPECT_EQ(dio_setFrequencyActive(1, 1), DIO_OK);
     EXPECT_THAT(log.take(),
                 ElementsAre(unclosable("din1/value"), unclosable("dout1/value"), unclosable("din1/frequency")));
@@ -285,6 +287,7 @@ TEST_F(DioDriver, AFailedCloseIsLoggedAndChangesNoResult) {
     EXPECT_THAT(log.take(),
                 ElementsAre(testing::_, unclosable("din1/frequency"), testing::_, unclosable("din1/frequency")));
     EXPECT_EQ(dio_frequency(1, &record), DIO_OK);
+    EXPECT_EQ(errno, 0);
     EXPECT_THAT(log.take(),
                 ElementsAre(LogLine{LOG_ERR, "Can't fclose(" + tree + "din1/frequency) - (Input/output error)"}));
     board.tell("text din1/value x");

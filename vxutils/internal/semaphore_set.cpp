@@ -36,7 +36,11 @@ bool readStatus(int id, semid_ds &status) {
     return ::semctl(id, 0, IPC_STAT, argument) != -1;
 }
 
-bool removeSet(int id) { return ::semctl(id, 0, IPC_RMID) == 0; }
+// Returns false with errno when this process may not remove the set.
+bool removeSet(int id) {
+    (void)::semctl(id, 0, IPC_RMID);
+    return isSemaphoreGone(id);
+}
 
 // Why replacing a set never lets two processes in at once, one through the old set and one through the new. A set is
 // finished once an operation on it has succeeded, and stays finished. It is marked before it is removed, and stays
@@ -102,13 +106,13 @@ bool replaceUnfinished(int id, SemaphoreDeadline deadline) {
     awaitMaker(id, std::min(deadline, SemaphoreClock::now() + makersTime));
     if (stateOf(id) != State::unfinished) return true;
     if (!mark(id)) return isSemaphoreGone(id);
-    return stateOf(id) != State::unfinished || removeSet(id) || isSemaphoreGone(id);
+    return stateOf(id) != State::unfinished || removeSet(id);
 }
 
 // The maker finished the set after all, when it had been marked.
 bool replaceMarked(int id, SemaphoreDeadline deadline) {
     if (changeSemaphoreBefore(id, -1, SEM_UNDO, deadline) == -1) return isSemaphoreGone(id);
-    if (removeSet(id) || isSemaphoreGone(id)) return true;
+    if (removeSet(id)) return true;
     (void)changeSemaphore(id, +1, SEM_UNDO);  // else other processes wait until this one ends
     return false;
 }
@@ -122,7 +126,7 @@ bool repair(int id, State state, SemaphoreDeadline deadline, SemaphoreProblem &p
             return replaceMarked(id, deadline);
         case State::strangers:
             problem = SemaphoreProblem::strangers;
-            return removeSet(id) || isSemaphoreGone(id);
+            return removeSet(id);
         case State::gone:
             return true;
         default:
