@@ -433,6 +433,23 @@ TEST_F(WwanmdFaults, AResetThatBeginsBetweenSendAndReceiveIsSeen) {
     ::signal(SIGPIPE, SIG_DFL);  // left ignored, as by any receive that ends early
 }
 
+TEST_F(WwanmdFaults, AResetThatBeginsDuringTheHandshakeIsNoErrorOfTheSystem) {
+    const Handle handle = connect();
+    wwanmd_close(handle.get());
+    logTexts();
+    {
+        const Hooked connecting(hooks::connect, [](int, const sockaddr *to, socklen_t) -> std::optional<int> {
+            if (to->sa_family == AF_UNIX) vxtest::writeFile("/tmp/status/wwanmd/card0/reset", "");
+            return std::nullopt;
+        });
+        const Hooked pausing(hooks::clock_nanosleep, [](const auto &...) { return std::optional<int>(0); });
+        errno = E2BIG;
+        EXPECT_EQ(wwanmd_open(handle.get()), -1);
+    }
+    ::unlink("/tmp/status/wwanmd/card0/reset");
+    EXPECT_THAT(logTexts(), ElementsAre("wwanmd0 is currently in reset", "cannot initialize wwanmd0 (Success)"));
+}
+
 TEST_F(WwanmdFaults, AResetIsLookedForAtOnceAndFiveTimesMoreEachAfterOneSecond) {
     constexpr int most = 6;
     for (int goneAtLook = 1; goneAtLook <= most + 2; ++goneAtLook) {
@@ -525,10 +542,13 @@ TEST_F(WwanmdFaults, AFailedReconnectionLeavesTheTimeOfTheAttempt) {
     const Handle handle = connect();
     wwanmd_close(handle.get());
     modem.die();
-    handle->last_io = {};
-    Message message("c");
-    EXPECT_EQ(wwanmd_send(handle.get(), &message), -1);
-    EXPECT_NE(handle->last_io.tv_sec + handle->last_io.tv_nsec, 0);
+    for (auto *step : {wwanmd_send, wwanmd_command, wwanmd_recv}) {
+        handle->last_io = {};
+        Message message("c");
+        EXPECT_EQ(step(handle.get(), &message), -1);
+        EXPECT_NE(handle->last_io.tv_sec + handle->last_io.tv_nsec, 0);
+    }
+    ::signal(SIGPIPE, SIG_DFL);  // left ignored, as by any receive that ends early
 }
 
 TEST_F(WwanmdFaults, DescriptorsBeyond1024Work) {
