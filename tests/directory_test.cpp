@@ -89,6 +89,16 @@ TEST_F(CreateDirectory, TheRootAndTheCurrentDirectoryAreThere) {
     EXPECT_TRUE(log.take().empty());
 }
 
+// Otherwise the kernel would follow a link.
+TEST_F(CreateDirectory, OneTrailingSlashIsIgnored) {
+    ASSERT_EQ(::symlink("nowhere", path("dangling").c_str()), 0);
+    vxtest::SyslogCapture log;
+    EXPECT_EQ(createDirectory(path("dangling/")), 0);
+    EXPECT_TRUE(log.take().empty());
+    EXPECT_EQ(createDirectory(path("dangling//")), -1);
+    EXPECT_FALSE(exists(path("nowhere")));
+}
+
 TEST_F(CreateDirectory, StopsAtTheFirstFailure) {
     writeFile(path("file"), "x");
     vxtest::SyslogCapture log;
