@@ -17,7 +17,6 @@
 #include <atomic>
 #include <cerrno>
 #include <csignal>
-#include <functional>
 #include <optional>
 #include <string>
 #include <thread>
@@ -416,39 +415,6 @@ TEST_F(OwnerDeathFaults, WithoutRepairIsReportedToThreadsThatWaitAndToTrylock) {
     ::alarm(0);
     EXPECT_EQ(lock.trylock(), ENOTRECOVERABLE);
     EXPECT_EQ(lock.trylock(), ENOTRECOVERABLE);
-}
-
-// The C library wakes one waiter when a lock is lost. This one does not use the library and so wakes no other.
-TEST_F(OwnerDeathFaults, WithoutRepairIsReportedToAllThatWaitWhenTrylockSeesIt) {
-    const std::string name = fresh();
-    CRecursiveSemaphore lock(name, manual());
-    log.take();
-    die(name);
-    ASSERT_EQ(lock.lock(), EOWNERDEAD);
-    const int fd = ::shm_open(name.c_str(), O_RDWR, 0);
-    auto *const mutex = static_cast<pthread_mutex_t *>(
-        ::mmap(nullptr, sizeof(pthread_mutex_t), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0));
-    ASSERT_NE(mutex, MAP_FAILED);
-    ::alarm(60);
-    const auto waiter = [](std::atomic<pid_t> &thread, const std::function<int()> &wait) {
-        return std::thread([&thread, wait] {
-            thread = static_cast<pid_t>(::syscall(SYS_gettid));
-            EXPECT_EQ(wait(), ENOTRECOVERABLE);
-        });
-    };
-    std::atomic<pid_t> first{0};
-    std::thread other = waiter(first, [mutex] { return pthread_mutex_lock(mutex); });
-    ASSERT_TRUE(vxtest::eventually([&] { return first != 0 && sleeps(first); }));
-    std::atomic<pid_t> second{0};
-    std::thread user = waiter(second, [&lock] { return lock.lock(); });
-    ASSERT_TRUE(vxtest::eventually([&] { return second != 0 && sleeps(second); }));
-    EXPECT_EQ(lock.unlock(), 0);
-    other.join();
-    EXPECT_EQ(lock.trylock(), ENOTRECOVERABLE);
-    user.join();
-    ::alarm(0);
-    ::munmap(mutex, sizeof(pthread_mutex_t));
-    ::close(fd);
 }
 
 TEST_F(OwnerDeathFaults, ThatCannotBeRepairedIsLoggedAndReportedAllTheSame) {
