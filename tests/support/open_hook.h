@@ -76,15 +76,18 @@ extern "C" int openat(int directory, const char *path, int flags, ...) {
     return next(directory, path, flags, mode);
 }
 
-// What fortified headers make of these calls when the flags are not constant and no mode is given.
+// What fortified headers make of these calls when the flags are not constant and no mode is given. The names are those that
+// the linker sees: where files have 64-bit offsets, headers give the first name the second one's symbol.
+namespace vxtest::hooks {
 extern "C" {
-int __open_2(const char *path, int flags);
-int __open64_2(const char *path, int flags);
-int __openat_2(int directory, const char *path, int flags);
-int __openat64_2(int directory, const char *path, int flags);
+int openFortified(const char *path, int flags) __asm__("__open_2");
+int open64Fortified(const char *path, int flags) __asm__("__open64_2");
+int openatFortified(int directory, const char *path, int flags) __asm__("__openat_2");
+int openat64Fortified(int directory, const char *path, int flags) __asm__("__openat64_2");
 
-int __open_2(const char *path, int flags) { return ::open(path, flags); }
-int __open64_2(const char *path, int flags) { return ::open(path, flags); }
-int __openat_2(int directory, const char *path, int flags) { return ::openat(directory, path, flags); }
-int __openat64_2(int directory, const char *path, int flags) { return ::openat(directory, path, flags); }
+int openFortified(const char *path, int flags) { return ::open(path, flags); }
+int open64Fortified(const char *path, int flags) { return ::open(path, flags); }
+int openatFortified(int directory, const char *path, int flags) { return ::openat(directory, path, flags); }
+int openat64Fortified(int directory, const char *path, int flags) { return ::openat(directory, path, flags); }
 }
+}  // namespace vxtest::hooks
