@@ -440,7 +440,8 @@ TEST_F(PingFrames, FlagsOfTheTableAreHexadecimalOctalOrDecimal) {
     const auto wayWithFlags = [](const std::string &flags) {
         return wayWith("192.0.2.1 0x1 " + flags + " 02:00:00:00:00:08 * wan0\n");
     };
-    for (const char *flags : {"0x2", "0X2", "0x12", "2", "02"}) EXPECT_EQ(wayWithFlags(flags), "02 00 00 00 00 08") << flags;
+    for (const char *flags : {"0x2", "0X2", "0x12", "2", "02"})
+        EXPECT_EQ(wayWithFlags(flags), "02 00 00 00 00 08") << flags;
     // Each of these has the flag's bit when its digits are read to a base next to the right one, or to one of the others.
     for (const char *flags : {"0x1", "0x20", "020", "010", "20", "12"}) EXPECT_EQ(wayWithFlags(flags), "ip") << flags;
 }
