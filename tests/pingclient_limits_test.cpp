@@ -138,6 +138,7 @@ TEST_F(Client, FailuresGiveOne) {
             return vxtest::failing(EPERM);
         };
         EXPECT_EQ(client.sendSimplePing("192.0.2.10", "192.0.2.1"), 1);
+        EXPECT_EQ(errno, EPERM) << "nothing was tried without a socket";
         EXPECT_EQ(client.checkPingResponse(), 3) << "no socket";
     }
     {

@@ -28,6 +28,7 @@ VXTEST_HOOK(bufferevent *, bufferevent_new,
             (evutil_socket_t fd, bufferevent_data_cb read, bufferevent_data_cb write, bufferevent_event_cb error,
              void *argument),
             (fd, read, write, error, argument))
+VXTEST_HOOK(int, mkfifoat, (int directory, const char *name, mode_t mode), (directory, name, mode))
 VXTEST_HOOK(int, bufferevent_enable, (bufferevent * bev, short what), (bev, what))
 VXTEST_WATCH(bufferevent_free, (bufferevent * bev), (bev))
 
@@ -142,6 +143,16 @@ TEST_F(StatusFifoFaults, FailsWhereNoneCanBeMade) {
     vxtest::makeDirs(directory_ + "/dir");
     EXPECT_EQ(status_.setupIpcRxFifo("/dir", &recorder_), 0U);
     EXPECT_TRUE(std::filesystem::is_directory(directory_ + "/dir"));
+}
+
+TEST_F(StatusFifoFaults, AFifoThatAnotherProgramMakesFirstIsNotUsed) {
+    const vxtest::NoLeaks leaks;
+    const Hooked late(hooks::mkfifoat, [](int directory, const char *name, mode_t mode) -> std::optional<int> {
+        EXPECT_EQ(vxtest::real::mkfifoat(directory, name, mode), 0);
+        errno = EEXIST;
+        return -1;
+    });
+    EXPECT_EQ(status_.setupIpcRxFifo("/rx", &recorder_), 0U);
 }
 
 TEST_F(StatusFifoFaults, LeavesItsFileInPlaceWhenALaterStepFails) {
