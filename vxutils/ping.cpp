@@ -194,9 +194,9 @@ int sendPlain(EchoContext &context) {
         return -1;
     }
     // Quirk Q74: id and seq are exchanged; programs that read these logs expect it.
+    const auto target = addressText(context.targetAddress);
     vx::log(LOG_DEBUG, "icmpping: packet transmitted on %s for %s (%d bytes, id %d, seq %d)", context.interface,
-            addressText(context.targetAddress).data(), static_cast<int>(message.size()), context.numbers.sequence,
-            context.numbers.identifier);
+            target.data(), static_cast<int>(message.size()), context.numbers.sequence, context.numbers.identifier);
     return 0;
 }
 
