@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "support/call_hooks.h"
+#include "support/clock_hook.h"
 #include "support/csemaphore.h"
 #include "support/process.h"
 #include "support/semctl_hook.h"
@@ -25,7 +26,6 @@ VXTEST_HOOK(int, semget, (key_t key, int count, int flags), (key, count, flags))
 VXTEST_HOOK(int, semop, (int id, sembuf *operations, size_t count), (id, operations, count))
 VXTEST_HOOK_AS(int, semtimedop, "__semtimedop64", (int id, sembuf *operations, size_t count, const timespec *limit),
                (id, operations, count, limit))
-VXTEST_HOOK_AS(int, clock_gettime, "__clock_gettime64", (clockid_t clock, timespec *time), (clock, time))
 
 namespace {
 
