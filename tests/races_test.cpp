@@ -124,9 +124,9 @@ private:
 };
 
 // Whether a process with threads can fork children that go on with the library. The emulator's own locks do not survive
-// that, nor do those of the address sanitizer's memory.
+// that, nor do those of the sanitizers' memory: a child that is forked while a thread allocates waits for them for ever.
 bool canFork() {
-#ifdef __SANITIZE_ADDRESS__
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
     return false;
 #else
     return !vxtest::emulated();
