@@ -94,7 +94,7 @@ auto listCutAt(const std::string &which) {
     };
 }
 
-// Calls `change` when the status of this path has been asked for, so that the caller works on what is no longer there.
+// Runs `change` right after the library has looked at this path, so that what it saw is out of date.
 auto changeAfterStatusOf(const std::string &which, std::function<void()> change) {
     return
         [which, change](int directory, const char *name, struct stat *status, int flags) mutable -> std::optional<int> {
