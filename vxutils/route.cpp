@@ -22,11 +22,12 @@ namespace {
 
 using vx::netlink::Answer;
 
+constexpr size_t requestSize = 1052;
 constexpr size_t answerSize = 16384;
+constexpr socklen_t addressTextSize = 128;
 constexpr int sendBufferSize = 32768;
 constexpr int receiveBufferSize = 1048576;
 constexpr size_t routeHeader = sizeof(nlmsghdr) + sizeof(rtmsg);
-constexpr size_t requestSize = routeHeader + RTA_SPACE(sizeof(in6_addr));
 
 constexpr const char *noMemory = "rtq: no mem for request";
 constexpr const char *cannotOpen = "rtq: unable to open netlink socket";
@@ -39,13 +40,14 @@ constexpr const char *invalidAnswer = "rtq: invalid answer";
 constexpr const char *noInterface = "rtq: no dest interface found";
 
 static_assert(routeHeader == 28 && sizeof(sockaddr_nl) == 12);
+static_assert(routeHeader + RTA_SPACE(sizeof(in6_addr)) <= requestSize, "a question for the longest address fits");
 
 struct RouteQuery {
     vx::Fd socket;
     uint32_t sequence;
     sockaddr_nl local;
     int family;
-    std::array<char, INET6_ADDRSTRLEN> text;
+    std::array<char, addressTextSize> text;
     std::array<uint8_t, sizeof(in6_addr)> address;
     size_t addressLength;
     alignas(nlmsghdr) std::array<uint8_t, requestSize> request;
@@ -79,7 +81,7 @@ bool takeAddress(RouteQuery &query, const addrinfo &target) {
         return false;
     }
     query.family = target.ai_family;
-    return inet_ntop(query.family, address, query.text.data(), INET6_ADDRSTRLEN) != nullptr &&
+    return inet_ntop(query.family, address, query.text.data(), addressTextSize) != nullptr &&
            inet_pton(query.family, query.text.data(), query.address.data()) == 1;
 }
 

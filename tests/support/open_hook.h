@@ -19,7 +19,9 @@ namespace vxtest {
 
 namespace hooks {
 inline std::function<std::optional<int>(const char *path, int flags)> open;
-}
+
+inline std::optional<int> answerTo(const char *path, int flags) { return open ? open(path, flags) : std::nullopt; }
+}  // namespace hooks
 
 // Records what is opened for as long as this lives.
 class OpenedFiles {
@@ -57,9 +59,7 @@ extern "C" int open(const char *path, int flags, ...) {
     va_start(arguments, flags);
     const auto mode = va_arg(arguments, mode_t);
     va_end(arguments);
-    if (vxtest::hooks::open) {
-        if (const std::optional<int> answer = vxtest::hooks::open(path, flags)) return *answer;
-    }
+    if (const std::optional<int> answer = vxtest::hooks::answerTo(path, flags)) return *answer;
     static const auto next = vxtest::nextCall<decltype(&::open)>(sizeof(long) == 4 ? "open64" : "open");
     return next(path, flags, mode);
 }
@@ -69,9 +69,7 @@ extern "C" int openat(int directory, const char *path, int flags, ...) {
     va_start(arguments, flags);
     const auto mode = va_arg(arguments, mode_t);
     va_end(arguments);
-    if (vxtest::hooks::open) {
-        if (const std::optional<int> answer = vxtest::hooks::open(path, flags)) return *answer;
-    }
+    if (const std::optional<int> answer = vxtest::hooks::answerTo(path, flags)) return *answer;
     static const auto next = vxtest::nextCall<decltype(&::openat)>(sizeof(long) == 4 ? "openat64" : "openat");
     return next(directory, path, flags, mode);
 }
