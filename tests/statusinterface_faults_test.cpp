@@ -14,11 +14,13 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
 #include "support/call_hooks.h"
 #include "support/files.h"
+#include "support/open_hook.h"
 #include "support/process.h"
 #include "support/resources.h"
 #include "support/statusinterface.h"
@@ -98,6 +100,26 @@ TEST_F(StatusFaults, IsNotWrittenWithoutItsDirectoryOrOverOne) {
     EXPECT_FALSE(status_.setStatus("/missing/state", "x"));
     vxtest::makeDirs(directory_ + "/dir");
     EXPECT_FALSE(status_.setStatus("/dir", "x"));
+}
+
+TEST(StatusSetupFaults, APathFromACurrentDirectoryThatCannotBeOpenedLeadsNowhere) {
+    const std::filesystem::path before = std::filesystem::current_path();
+    vxtest::makeDirs("/tmp/place/sub");
+    std::filesystem::current_path("/tmp/place");
+    StatusInterface status;
+    {
+        const Hooked closed(hooks::open, [](const char *path, int) -> std::optional<int> {
+            if (std::string_view(path) != ".") return std::nullopt;
+            errno = EACCES;
+            return -1;
+        });
+        EXPECT_FALSE(status.setStatus("sub/state", "x"));
+        EXPECT_EQ(errno, EACCES);
+        EXPECT_FALSE(vxtest::exists("state"));
+    }
+    EXPECT_TRUE(status.setStatus("sub/state", "x"));
+    std::filesystem::current_path(before);
+    std::filesystem::remove_all("/tmp/place");
 }
 
 TEST_F(StatusFaults, TellsWhenNotEveryByteWasTaken) {

@@ -26,6 +26,7 @@
 #include "support/call_hooks.h"
 #include "support/files.h"
 #include "support/large_files.h"
+#include "support/open_hook.h"
 #include "support/process.h"
 #include "support/stranger_files.h"
 #include "support/syslog_capture.h"
@@ -38,6 +39,7 @@ VXTEST_HOOK_AS(ssize_t, sendfile, "sendfile64", (int out, int in, off_t *offset,
 namespace {
 
 using namespace vxtest::strangers;
+using namespace std::string_literals;
 
 namespace hooks = vxtest::hooks;
 
@@ -297,6 +299,28 @@ TEST_F(StatusTree, SwappingDirectoriesLeadsNowhere) {
         return intact();
     });
     EXPECT_TRUE(intact());
+}
+
+// The race of the case above at its worst moment: between the look at the directories and the opening of the file.
+TEST_F(StatusTree, ADirectoryThatIsSwappedAfterTheLookIsNotUsed) {
+    makeDir("/tmp/status", 0777);
+    constexpr const char *bait = "/tmp/status/bait";
+    makeDir(bait, 0777);
+    giveTo(stranger, bait);
+    StatusInterface status;
+    ASSERT_TRUE(status.setup(BASEPATH_STATUS, "/daemon"));
+    bool swapped = false;
+    const Hooked attack(hooks::open, [&](const char *path, int) -> std::optional<int> {
+        if (!swapped && fs::path(path).filename() == "state") {
+            swapped = true;
+            swapEntries(daemon, bait);
+        }
+        return std::nullopt;
+    });
+    EXPECT_TRUE(status.setStatus("/state", "up"));
+    EXPECT_TRUE(swapped);
+    EXPECT_EQ(readFile(bait + "/state"s), "up") << "the daemon's directory, under its new name";
+    EXPECT_FALSE(exists(daemon + "/state"s));
 }
 
 TEST_F(StatusTree, SwappingLinksInAnOpenDirectoryWritesNothingElsewhere) {

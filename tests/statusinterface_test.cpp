@@ -129,6 +129,25 @@ TEST(StatusSetup, KnowsThreeTreesOnly) {
     }
 }
 
+TEST(StatusSetup, NamesArePathsBeforeIt) {
+    const std::filesystem::path before = std::filesystem::current_path();
+    vxtest::makeDirs("/tmp/place/sub/deeper");
+    std::filesystem::current_path("/tmp/place");
+    StatusInterface status;
+    for (const char *name : {"state", "sub/state", "sub//deeper/state", "./sub/../up", "/tmp/place/absolute"}) {
+        String value;
+        EXPECT_TRUE(status.setStatus(name, name)) << name;
+        EXPECT_TRUE(status.getStatus(name, value)) << name;
+        EXPECT_EQ(textOf(value), name);
+        EXPECT_EQ(vxtest::readFile(std::filesystem::path("/tmp/place") / name), name);
+    }
+    EXPECT_FALSE(status.setStatus("missing/state", "x"));
+    EXPECT_TRUE(status.setLink("sub/link", "state"));
+    EXPECT_EQ(std::filesystem::read_symlink("/tmp/place/sub/link"), "state");
+    std::filesystem::current_path(before);
+    std::filesystem::remove_all("/tmp/place");
+}
+
 // ---- setStatus(), getStatus()
 
 TEST_F(Status, IsWrittenAsItIs) {

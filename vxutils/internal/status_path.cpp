@@ -129,10 +129,10 @@ bool StatusPath::isFirm() {
 }
 
 bool StatusPath::walkTo(std::string_view path) {
-    const size_t slash = path.find_last_of('/');
-    const std::string_view directory = path.substr(0, slash == std::string_view::npos ? 0 : slash);
+    const size_t nameAt = path.find_last_of('/') + 1;  // 0 without a slash
+    const std::string_view directory = path.substr(0, nameAt);
     const bool there = forComponents(directory, [this](std::string_view component) { return walk_.enter(component); });
-    const std::string_view last = slash == std::string_view::npos ? path : path.substr(slash + 1);
+    const std::string_view last = path.substr(nameAt);
     name_ = walk_.nameOf(last.empty() && !path.empty() ? "." : last);
     return there;
 }

@@ -16,19 +16,19 @@ constexpr bool isHexDigit(unsigned char c) {
     return (c >= '0' && c <= '9') || (c >= 'A' && c <= 'F') || (c >= 'a' && c <= 'f');
 }
 
-// Returns the length of the UTF-8 character of several bytes that begins here, 0 when none does. Those of the control
-// characters U+0080 to U+009F do not count, nor do forms that are longer than necessary.
+// Returns the length of the UTF-8 character of several bytes that begins here, 0 when none does. Forms that are longer
+// than necessary do not count, nor do characters that begin with 0xC2: their second byte is shown or, in a control
+// character, escaped as a byte of its own.
 size_t wideCharacter(Bytes at, Bytes end) {
     const unsigned char first = *at;
-    if (first < 0xC2 || first > 0xF4) return 0;
+    if (first < 0xC3 || first > 0xF4) return 0;
     const size_t length = first < 0xE0 ? 2 : first < 0xF0 ? 3 : 4;
     if (static_cast<size_t>(end - at) < length) return 0;
     for (size_t i = 1; i < length; ++i) {
         if ((at[i] & 0xC0) != 0x80) return 0;
     }
-    const bool refused =
-        (first == 0xC2 && at[1] < 0xA0) || (first == 0xE0 && at[1] < 0xA0) || (first == 0xF0 && at[1] < 0x90);
-    return refused ? 0 : length;
+    const bool tooLong = (first == 0xE0 && at[1] < 0xA0) || (first == 0xF0 && at[1] < 0x90);
+    return tooLong ? 0 : length;
 }
 
 bool readsAsEscape(Bytes at, Bytes end) {
@@ -92,7 +92,6 @@ VisibleText::VisibleText(const char *text, size_t length) noexcept : shown_(text
             const size_t fitting = std::min(size, room - length_);
             std::memcpy(to + length_, from, fitting);
             length_ += fitting;
-            if (fitting < size) room = length_;
         },
         [&](unsigned char byte) {
             if (room - length_ < escapeLength) {
