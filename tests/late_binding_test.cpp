@@ -110,6 +110,7 @@ TEST(LateBinding, LibeventOfAPlugInIsUsedAndStays) {
     if (void *const whole = ::dlopen("libevent-2.1.so.7", RTLD_NOW)) {  // not on every machine
         ::dlclose(whole);
         EXPECT_EQ(steps({"whole-base", "loaded", "whole-base"}), "0\nreceived 7\n- event\nreceived 7\n");
+        EXPECT_EQ(steps({"both", "core-base"}), "0\nboth\nreceived 7\n");
     }
 }
 

@@ -136,11 +136,13 @@ TEST(VisibleText, WithoutMemoryTheEndIsMissing) {
     memoryRunsOut = true;
     const std::string few = visible(std::string(127, '\n'));
     const std::string many = visible(std::string(1000, '\n'));
+    const std::string nothingToEscape = visible(std::string(1000, 'a'));
     const std::string longRun = visible(std::string(1000, 'a') + "\n\n");
     const std::string cutBeforeEscape = visible(std::string(509, 'a') + "\nb");
     memoryRunsOut = false;
     EXPECT_EQ(unescaped(few), std::string(127, '\n'));  // needs none
     EXPECT_EQ(unescaped(many), std::string(127, '\n'));
+    EXPECT_EQ(nothingToEscape, std::string(1000, 'a'));
     EXPECT_EQ(longRun, std::string(511, 'a'));
     EXPECT_EQ(cutBeforeEscape, std::string(509, 'a'));
 }

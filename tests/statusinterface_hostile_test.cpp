@@ -39,7 +39,6 @@ VXTEST_HOOK_AS(ssize_t, sendfile, "sendfile64", (int out, int in, off_t *offset,
 namespace {
 
 using namespace vxtest::strangers;
-using namespace std::string_literals;
 
 namespace hooks = vxtest::hooks;
 
@@ -303,24 +302,28 @@ TEST_F(StatusTree, SwappingDirectoriesLeadsNowhere) {
 
 // The race of the case above at its worst moment: between the look at the directories and the opening of the file.
 TEST_F(StatusTree, ADirectoryThatIsSwappedAfterTheLookIsNotUsed) {
-    makeDir("/tmp/status", 0777);
-    constexpr const char *bait = "/tmp/status/bait";
+    const std::string root = "/nvstatus";
+    const std::string chosen = root + "/daemon";
+    const std::string bait = root + "/bait";
+    fs::remove_all(root);
+    makeDir(root, 0777);
     makeDir(bait, 0777);
     giveTo(stranger, bait);
     StatusInterface status;
-    ASSERT_TRUE(status.setup(BASEPATH_STATUS, "/daemon"));
+    ASSERT_TRUE(status.setup(BASEPATH_NVSTATUS, "/daemon"));
     bool swapped = false;
     const Hooked attack(hooks::open, [&](const char *path, int) -> std::optional<int> {
         if (!swapped && fs::path(path).filename() == "state") {
             swapped = true;
-            swapEntries(daemon, bait);
+            swapEntries(chosen.c_str(), bait.c_str());
         }
         return std::nullopt;
     });
     EXPECT_TRUE(status.setStatus("/state", "up"));
     EXPECT_TRUE(swapped);
-    EXPECT_EQ(readFile(bait + "/state"s), "up") << "the daemon's directory, under its new name";
-    EXPECT_FALSE(exists(daemon + "/state"s));
+    EXPECT_EQ(readFile(bait + "/state"), "up") << "the daemon's directory, under its new name";
+    EXPECT_FALSE(exists(chosen + "/state"));
+    fs::remove_all(root);
 }
 
 TEST_F(StatusTree, SwappingLinksInAnOpenDirectoryWritesNothingElsewhere) {

@@ -80,6 +80,13 @@ std::string withPluginsBase(const char *file) {
 std::string withCoreBase() { return withPluginsBase("libevent_core-2.1.so.7"); }
 std::string withWholeBase() { return withPluginsBase("libevent-2.1.so.7"); }
 
+// The variants of one library, side by side.
+std::string bothVariants() {
+    const bool core = ::dlopen("libevent_core-2.1.so.7", RTLD_NOW | RTLD_LOCAL) != nullptr;
+    const bool whole = ::dlopen("libevent-2.1.so.7", RTLD_NOW | RTLD_LOCAL) != nullptr;
+    return core && whole ? "both" : "not both";
+}
+
 std::string fromThreads() {
     std::vector<std::string> results(8);
     std::vector<std::thread> threads;
@@ -112,10 +119,14 @@ std::string withPlugin() {
 }  // namespace
 
 int main(int argc, char **argv) {
-    const std::map<std::string, std::string (*)()> steps{
-        {"loaded", loaded},           {"without-context", withoutContext}, {"threads", fromThreads},
-        {"plugin", withPlugin},       {"without-base", withoutBase},       {"core-base", withCoreBase},
-        {"whole-base", withWholeBase}};
+    const std::map<std::string, std::string (*)()> steps{{"loaded", loaded},
+                                                         {"without-context", withoutContext},
+                                                         {"threads", fromThreads},
+                                                         {"plugin", withPlugin},
+                                                         {"without-base", withoutBase},
+                                                         {"core-base", withCoreBase},
+                                                         {"whole-base", withWholeBase},
+                                                         {"both", bothVariants}};
     for (int i = 1; i < argc; ++i) {
         const auto step = steps.find(argv[i]);
         if (step == steps.end()) return 2;

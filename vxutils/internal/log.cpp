@@ -21,7 +21,7 @@ bool endsInNewline(const char *text) {
 // What a message shows of file names, peers' texts and other values from outside must not begin a line of its own or
 // steer the terminal of a reader of the log. Only the newline at the end of the format itself stays.
 void send(int priority, const char *format, const char *message, size_t length) {
-    const bool newline = endsInNewline(format) && length > 0 && message[length - 1] == '\n';
+    const bool newline = endsInNewline(format) && endsInNewline(message);
     const VisibleText text(message, newline ? length - 1 : length);
     ::syslog(priority, newline ? "%.*s\n" : "%.*s", static_cast<int>(text.length()), text.c_str());
 }
