@@ -6,9 +6,12 @@
 #include <arpa/inet.h>
 #include <net/if.h>
 #include <netdb.h>
+#include <sys/random.h>
 #include <sys/time.h>
 #include <syslog.h>
 
+#include <cstdint>
+#include <cstring>
 #include <memory>
 #include <set>
 
@@ -23,6 +26,7 @@
 VXTEST_THREAD_HOOK(int, gethostbyname_r,
                    (const char *name, hostent *entry, char *buffer, size_t size, hostent **found, int *error),
                    (name, entry, buffer, size, found, error))
+VXTEST_HOOK(ssize_t, getrandom, (void *buffer, size_t size, unsigned int flags), (buffer, size, flags))
 VXTEST_HOOK_AS(int, gettimeofday, "__gettimeofday64", (timeval * time, void *zone), (time, zone))
 
 namespace {
@@ -254,24 +258,50 @@ TEST_F(PingPackets, AnIpLevelPingLogsItsCourse) {
                             {LOG_DEBUG, "rawping[wan0]: ip ping to 192.0.2.1 succeeded"}}));
 }
 
+// Returns how often one ping reads the clock for its identifier.
+int clockReadings() {
+    Watch watch;
+    watch.calls->sendto = [](int, const void *, size_t, const sockaddr *, socklen_t) {
+        return std::optional<ssize_t>(vxtest::failing(ENETUNREACH));
+    };
+    int readings = 0;
+    const vxtest::Hooked clock(vxtest::hooks::gettimeofday, [&](timeval *, void *) -> std::optional<int> {
+        ++readings;
+        return std::nullopt;
+    });
+    EXPECT_EQ(rawping("wan0", gatewayText, nullptr, 0), -1);
+    return readings;
+}
+
 TEST_F(PingPackets, TheClockIsReadARandomNumberOfTimesForTheIdentifier) {
-    std::set<int> readings;
-    for (int i = 0; i < 20; ++i) {
-        Watch watch;
-        watch.calls->sendto = [](int, const void *, size_t, const sockaddr *, socklen_t) {
-            return std::optional<ssize_t>(vxtest::failing(ENETUNREACH));
-        };
-        int clockReadings = 0;
-        const vxtest::Hooked clock(vxtest::hooks::gettimeofday, [&](timeval *, void *) -> std::optional<int> {
-            ++clockReadings;
-            return std::nullopt;
-        });
-        EXPECT_EQ(rawping("wan0", gatewayText, nullptr, 0), -1);
-        EXPECT_GE(clockReadings, 1);
-        EXPECT_LE(clockReadings, 4096);
-        readings.insert(clockReadings);
+    const auto differ = [] {
+        std::set<int> readings;
+        for (int i = 0; i < 20; ++i) {
+            const int times = clockReadings();
+            EXPECT_GE(times, 1);
+            EXPECT_LE(times, 4096);
+            readings.insert(times);
+        }
+        return readings.size() > 10;
+    };
+    EXPECT_TRUE(differ());
+    const vxtest::Hooked early(vxtest::hooks::getrandom, [](void *, size_t, unsigned int) -> std::optional<ssize_t> {
+        return vxtest::failing(EAGAIN);  // the kernel has no random bits yet
+    });
+    EXPECT_TRUE(differ());
+}
+
+TEST_F(PingPackets, TheKernelsRandomBitsTellHowOften) {
+    for (const uint64_t bits : {0ULL, 1ULL, 4095ULL, 4096ULL, ~0ULL - 100}) {
+        const vxtest::Hooked known(
+            vxtest::hooks::getrandom, [&](void *buffer, size_t size, unsigned int flags) -> std::optional<ssize_t> {
+                EXPECT_EQ(flags, unsigned{GRND_NONBLOCK}) << "a ping at boot does not wait for them";
+                if (size != sizeof bits) return std::nullopt;
+                std::memcpy(buffer, &bits, size);
+                return static_cast<ssize_t>(size);
+            });
+        EXPECT_EQ(clockReadings(), static_cast<int>(bits % 4096) + 1);
     }
-    EXPECT_GT(readings.size(), 10U);
 }
 
 TEST_F(PingPackets, TheIdentifierComesFromTheTime) {

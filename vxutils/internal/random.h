@@ -7,14 +7,11 @@
 #include <cstdint>
 #include <ctime>
 
-#include "vxutils/internal/errno_keeper.h"
-
 namespace vx {
 
 // Asks the kernel, without waiting. Early at boot, while the kernel has none, from the clock and the place of the
-// stack.
+// stack. May change errno.
 inline uint64_t randomBits() noexcept {
-    const ErrnoKeeper keeper;
     uint64_t bits = 0;
     if (::getrandom(&bits, sizeof bits, GRND_NONBLOCK) == static_cast<ssize_t>(sizeof bits)) return bits;
     timespec now{};
