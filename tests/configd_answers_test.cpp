@@ -149,6 +149,23 @@ TEST_F(ConfigdAnswers, ALateOneIsRefusedAfterAFailedPrepareGet) {
     expectOldAnswerLost(handle.get(), name);
 }
 
+TEST_F(ConfigdAnswers, NoProcessorTimeGoesIntoWaitingForOneThatCannotCome) {
+    const Handle handle = openHandle();
+    auto array = entries({{"key", "untouched"}});
+    std::thread asking([&] { EXPECT_EQ(configd_prepare_get(handle.get(), array.data()), -1); });
+    EXPECT_EQ(daemon.send(daemon.receive(), "x"), 0);
+    asking.join();
+    const auto spent_s = [] {
+        timespec time{};
+        ::clock_gettime(CLOCK_THREAD_CPUTIME_ID, &time);
+        return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) / 1e9;
+    };
+    const double before_s = spent_s();
+    char text[16];
+    EXPECT_EQ(configd_recv(handle.get(), text, sizeof text), -1);
+    EXPECT_LT(spent_s() - before_s, 1.0);
+}
+
 TEST_F(ConfigdAnswers, AfterASurplusOneTheNextRequestHasAnotherName) {
     const Handle handle = openHandle();
     const std::string name = ask(handle.get());

@@ -255,7 +255,9 @@ bool waitForAnswer(int fd, Clock::time_point deadline) {
         if (left <= 0s) return false;
         const auto milliseconds = std::chrono::ceil<std::chrono::milliseconds>(left).count();
         const int ready = ::poll(&waiting, 1, static_cast<int>(milliseconds));
-        if (ready != -1 || errno != EINTR) return ready > 0;
+        if (ready == -1 && errno == EINTR) continue;
+        // A socket that useUp() has shut down is readable without end, but receives nothing.
+        return ready > 0 && (waiting.revents & POLLHUP) == 0;
     }
 }
 

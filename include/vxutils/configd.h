@@ -220,7 +220,8 @@ VXUTILS_API int configd_send(configd_handle *handle, const char *data, int lengt
  * @param data    buffer for the answer
  * @param size    bytes of the buffer; at most size - 1 are received, and the rest of a longer datagram is lost
  * @return bytes received, 0 for an empty datagram; -1 for a NULL argument, a closed handle, a size below 1, or when
- *         none came or receiving failed
+ *         none came or receiving failed. A socket to which an answer to an earlier request may still come receives
+ *         nothing: -1 at once; the next request connects again.
  */
 VXUTILS_API int configd_recv(configd_handle *handle, char *data, int size);
 
