@@ -78,6 +78,20 @@ TEST_F(ConfigReaderTest, InitializingAgainForgetsWhatWasRead) {
     reader.cleanup();
 }
 
+TEST_F(ConfigReaderTest, AValueOfTheReaderMayNameTheNextFile) {
+    const std::string other = "/etc/vx/a longer name than others have, of a second file.conf";
+    vxtest::writeFile(other, "k=2\n");
+    reading("k=1\nnext=" + other + "\n");
+    EXPECT_TRUE(reader.initialize(reader.getValue("next", ""), 16));
+    EXPECT_EQ(value("k"), "2");
+    reading("missing=/no/such file, whose name is longer than the names of others.conf\n");
+    testing::internal::CaptureStdout();
+    EXPECT_FALSE(reader.initialize(reader.getValue("missing", ""), 16));
+    EXPECT_EQ(testing::internal::GetCapturedStdout(),
+              "cfg: Error in config file /no/such file, whose name is longer than the names of others.conf, line 0:\n"
+              "cfg:   \n");
+}
+
 TEST_F(ConfigReaderTest, BeforeInitializationEveryQuestionGivesItsDefault) {
     const String text("d");
     EXPECT_EQ(&reader.getValue("k", text), &text);

@@ -12,6 +12,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <new>
+#include <string>
 #include <string_view>
 #include <utility>
 
@@ -206,13 +207,14 @@ ConfigReader::ConfigReader() : table_(nullptr) {}
 ConfigReader::~ConfigReader() { ConfigReader::cleanup(); }
 
 bool ConfigReader::initialize(String const &fileName, unsigned long tableSize) {
+    const std::string name = fileName.c_str();  // it may be one of the values that go
     cleanup();
     auto *table = new ValueTable(tableSize);
     table_ = table;
 
-    const vx::Fd file(vx::retryEintr([&] { return ::open(fileName.c_str(), O_RDONLY | O_CLOEXEC); }));
+    const vx::Fd file(vx::retryEintr([&] { return ::open(name.c_str(), O_RDONLY | O_CLOEXEC); }));
     if (!file.valid()) {
-        std::printf(noFileMessage, vx::VisibleText(fileName.c_str()).c_str(), 0L);
+        std::printf(noFileMessage, vx::VisibleText(name.c_str()).c_str(), 0L);
         std::printf(detailMessage, "");
         return false;
     }

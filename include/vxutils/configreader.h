@@ -55,7 +55,7 @@ public:
     /**
      * Call cleanup() and read a file.
      *
-     * @param fileName  name of the file
+     * @param fileName  name of the file; may be a value of this reader
      * @param tableSize number of buckets to begin with, about the number of keys
      * @return true; false when the file cannot be opened. Two lines on standard output then say so, and the reader is
      *         empty.
