@@ -12,6 +12,7 @@
 #include <memory>
 #include <thread>
 
+#include "support/call_hooks.h"
 #include "support/emulation.h"
 #include "support/files.h"
 #include "support/ping.h"
@@ -19,6 +20,8 @@
 #include "support/resources.h"
 #include "support/syslog_capture.h"
 #include "support/wan.h"
+
+VXTEST_THREAD_HOOK(int, setlogmask, (int mask), (mask))
 
 namespace {
 
@@ -233,6 +236,22 @@ TEST_F(Ping, ThreadsPingSideBySide) {
     }
     for (auto &thread : threads) thread.join();
     EXPECT_EQ(failures, 0);
+}
+
+// Each message asks for the log's mask after its addresses have become texts and before they are put together.
+TEST_F(Ping, MessagesShowTheirOwnAddressesWhateverOtherThreadsLog) {
+    ConnectedLog log;
+    int messages = 0;
+    {
+        const vxtest::Hooked between(vxtest::hooks::setlogmask, [&](int) -> std::optional<int> {
+            if (++messages == 1) std::thread([] { EXPECT_EQ(rawping("lo", "127.0.0.1", nullptr, 1000), 0); }).join();
+            return std::nullopt;
+        });
+        EXPECT_EQ(rawping("wan0", gatewayText, nullptr, 1000), 0);
+    }
+    EXPECT_GT(messages, 1);
+    EXPECT_THAT(log.texts(), testing::Contains("rawping[wan0]: interface runs 192.0.2.10/255.255.255.0 (" +
+                                               colons(vxtest::hardwareAddress("wan0")) + ")"));
 }
 
 // ---- rawping through a gateway

@@ -16,8 +16,8 @@
  *
  * **Ownership.** Texts and records belong to the caller; no pointer is kept.
  *
- * **Threads, signals, fork.** Any number of threads may ping at once; only the addresses in their debug messages can
- * get mixed up then. Signals do not shorten the waits. Not for signal handlers. A forked child may ping.
+ * **Threads, signals, fork.** Calls share nothing: any number of threads may ping at once. Signals do not shorten the
+ * waits. Not for signal handlers. A forked child may ping.
  *
  * **Blocking.** Each call waits for the reply. It looks for one at once and then every 300 ms, until the time-out plus
  * 300 ms are used up or it has looked at 1024 packets. Resolving a name may take longer than the time-out. A program
