@@ -297,6 +297,19 @@ TEST_F(PingFrames, ALinkLevelReplyOfAnotherHostDoesNotCount) {
                 testing::Contains(LogLine{LOG_DEBUG, "rawping[wan0]: not from target (192.0.2.77 != 198.51.100.9)"}));
 }
 
+TEST_F(PingFrames, AnyHostMayAnswerABroadcast) {
+    knowGateway(wan->gateway);
+    Watch watch;
+    watch.receiveFromScript([&](const Bytes &) {
+        Bytes frame = vxtest::echoReply(watch.sent.at(0));
+        std::copy(strangers[0].begin(), strangers[0].end(), frame.begin() + 26);
+        return frame;
+    });
+    watch.script.emplace_back();
+    EXPECT_EQ(rawping("wan0", "255.255.255.255", gatewayText, 0), 0);
+    EXPECT_EQ(hex(&watch.sent.at(0)[30], 4), "ff ff ff ff");
+}
+
 TEST_F(PingFrames, TheLinkLevelWaitHasTheSameBudget) {
     knowGateway(wan->gateway);
     for (const unsigned int timeout : {0U, 601U, 60000U}) {

@@ -174,9 +174,11 @@ constexpr size_t senderAt = 12;
 // Returns the sender of an IP packet that has been read: it has a whole header.
 inline uint32_t senderOf(Bytes packet) noexcept { return get32(&packet[senderAt]); }
 
-// Whether replies to an echo that went to `target` come from that address: a group's members answer with their own
-// addresses, and so does this machine for the address 0.
-inline bool answersItself(uint32_t target) noexcept { return target != INADDR_ANY && !IN_MULTICAST(target); }
+// Whether replies to an echo that went to `target` come from that address: a group's members and the hosts that a
+// broadcast reaches answer with their own addresses, and so does this machine for the address 0.
+inline bool answersItself(uint32_t target) noexcept {
+    return target != INADDR_ANY && target != INADDR_BROADCAST && !IN_MULTICAST(target);
+}
 
 inline bool mayAnswer(uint32_t target, uint32_t sender) noexcept { return sender == target || !answersItself(target); }
 

@@ -27,8 +27,9 @@
  *
  * **Limits.** Time-outs are 500 to 10000 ms, packets 48 to 1450 bytes; other values count as the nearest of these.
  * An interface name is used up to its 15th character. Hosts are dotted quads or names (first IPv4 address). A reply
- * counts when it comes from the target's address (from any address when the target is a multicast group or 0.0.0.0). A
- * host that forges that address can answer in the target's place: ICMP has no protection against it.
+ * counts when it comes from the target's address (from any address when the target is a multicast group,
+ * 255.255.255.255 or 0.0.0.0). A host that forges that address can answer in the target's place: ICMP has no protection
+ * against it.
  *
  * **Privileges.** CAP_NET_RAW in the network namespace. rawping() reads "/proc/net/arp".
  *
