@@ -430,7 +430,26 @@ TEST_F(WwanmdFaults, AResetThatBeginsBetweenSendAndReceiveIsSeen) {
     EXPECT_EQ(result, -1);
     EXPECT_EQ(handle->fd, -1);
     EXPECT_THAT(logTexts(), ElementsAre("wwanmd0 is currently in reset", "command failed"));
-    ::signal(SIGPIPE, SIG_DFL);  // left ignored, as by any receive that ends early
+    EXPECT_EQ(actionOfSigpipe(), SIG_IGN) << "as by any receive that ends early";
+    ::signal(SIGPIPE, SIG_DFL);
+}
+
+TEST_F(WwanmdFaults, AResetThatBeginsBeforeTheAnswerToAHandshakeLeavesSigpipeIgnored) {
+    const Handle handle = connect();
+    int looks = 0;
+    {
+        const Hooked beginning(hooks::access, [&](const char *path, int) -> std::optional<int> {
+            // The looks before those are for connecting and for sending.
+            if (std::string_view(path).ends_with("/reset") && ++looks == 3) vxtest::writeFile(path, "");
+            return std::nullopt;
+        });
+        const Hooked pausing(hooks::clock_nanosleep, [](const auto &...) { return std::optional<int>(0); });
+        EXPECT_EQ(wwanmd_open(handle.get()), -1);
+    }
+    ::unlink("/tmp/status/wwanmd/card0/reset");
+    EXPECT_EQ(handle->fd, -1);
+    EXPECT_EQ(actionOfSigpipe(), SIG_IGN);
+    ::signal(SIGPIPE, SIG_DFL);
 }
 
 TEST_F(WwanmdFaults, AResetThatBeginsDuringTheHandshakeIsNoErrorOfTheSystem) {

@@ -171,6 +171,14 @@ TEST_F(WwanmdTimeouts, AnotherReceiveGoesOnWaitingForAnAnswerThatTimedOut) {
     Message again;
     EXPECT_EQ(wwanmd_recv(handle.get(), &again), 0);
     EXPECT_EQ(again.text(), " first");
+    EXPECT_EQ(handle->flags, 3) << "it may come once more";
+    modem.happened();
+    modem.tell("times 0");
+    Message second("second");
+    EXPECT_EQ(command(handle, second), 0);
+    EXPECT_EQ(handle->flags, 1);
+    EXPECT_THAT(modem.happened(),
+                testing::UnorderedElementsAre("closed", "connected", "command init tester", "command second"));
 }
 
 TEST_F(WwanmdTimeouts, ABusyCommandWhoseTimeIsUpIsCountedAndFollowedByANewConnection) {

@@ -46,7 +46,7 @@ constexpr int inReset = -11;  // result while the card is in reset
 
 // Bits of wwanmd_handle::flags.
 constexpr int initialized = 1;
-constexpr int answerMissing = 2;  // the last wait for an answer timed out: it may still come on this connection
+constexpr int answerMissing = 2;  // the time for an answer was used up: it may still come on this connection, or twice
 
 constexpr int64_t usPerSecond = 1000000;
 constexpr int64_t pacingUs = 300000;

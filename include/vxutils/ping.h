@@ -31,7 +31,8 @@
  * 255.255.255.255 or 0.0.0.0). A host that forges that address can answer in the target's place: ICMP has no protection
  * against it.
  *
- * **Privileges.** CAP_NET_RAW in the network namespace. rawping() reads "/proc/net/arp".
+ * **Privileges.** CAP_NET_RAW in the network namespace; for a mark, kernels before 5.17 ask for CAP_NET_ADMIN as well.
+ * rawping() reads "/proc/net/arp".
  *
  * **Compatibility.** Behaviour kept on purpose (docs/compatibility.md): Q71 an invalid source leaves a socket open; Q72
  * IP_HDRINCL is set twice; Q73 one message ends in a line feed; Q74 one message exchanges id and seq; Q75 the

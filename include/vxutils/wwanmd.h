@@ -34,10 +34,10 @@
  * **Ownership.** wwanmd_init() makes a handle, wwanmd_free() closes and frees it. Messages belong to the caller.
  *
  * **Threads, signals, fork.** A handle belongs to one thread at a time; nothing is locked. SIGPIPE is ignored while a
- * call sends or receives and has its default action afterwards, whatever handler was set before; wwanmd_recv() leaves
- * it ignored when it returns early because the card is in reset or no connection could be made. Signals with handlers
- * do not shorten or lengthen the waits. Not for signal handlers. A child of fork() must not use its parent's handle.
- * Descriptors are close-on-exec.
+ * call sends or receives and has its default action afterwards, whatever handler was set before. It stays ignored when
+ * wwanmd_recv(), or the receiving part of wwanmd_command() or a handshake, returns early because the card is in reset
+ * or no connection could be made. Signals with handlers do not shorten or lengthen the waits. Not for signal handlers.
+ * A child of fork() must not use its parent's handle. Descriptors are close-on-exec.
  *
  * **Blocking.** Most calls block. A program with an event loop calls them in another thread and passes the results to
  * the loop with messagequeue.h. T is the message's time-out (5 to 300 s); "opening" means one wwanmd_open(). The
@@ -95,7 +95,7 @@ struct wwanmd_handle {
     int card;                /**< card number */
     char app[16];            /**< name of the calling application, at most 15 characters */
     int fd;                  /**< the stream socket; -1 while closed */
-    int flags;               /**< bit 0: a handshake has succeeded once; never cleared. Bit 1: last wait timed out */
+    int flags;               /**< bit 0: a handshake has succeeded once; never cleared. Bit 1: a late answer may come */
     int failures;            /**< consecutive failed sends and receives */
     int busy_count;          /**< consecutive commands that ended in "BUSY" */
     struct timespec last_io; /**< CLOCK_MONOTONIC time of the last send attempt or (re)connection */
