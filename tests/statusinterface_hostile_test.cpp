@@ -448,6 +448,32 @@ TEST_F(StatusTree, MarkersOfAStrangerAreNotBelieved) {
     fs::remove_all("/tmp/progress");
 }
 
+// Daemons that root trusts with a directory: its owner, its group.
+TEST_F(StatusTree, MarkersOfThoseWhomRootGaveADirectoryAreBelieved) {
+    const auto believed = [] {
+        return in_maintenance() + 2 * wwanmd_is_suspended(0) + 4 * wanlink_is_up() + 8 * wanlink_count();
+    };
+    const auto makeAll = [] {
+        writeFile("/tmp/progress/config", "");
+        writeFile("/tmp/status/wwanmd/card0/suspended", "");
+        writeFile("/tmp/status/link-manager/hotlink", "");
+        writeFile("/tmp/status/link-manager/wanlink1/state", "up");
+        return 0;
+    };
+    for (const mode_t mode : {0755, 0777, 01777}) {
+        SCOPED_TRACE(mode);
+        makeDir("/tmp/progress", 0775);
+        ASSERT_EQ(::chown("/tmp/progress", 0, stranger), 0);
+        makeDir("/tmp/status/wwanmd/card0", mode, stranger);
+        makeDir("/tmp/status/link-manager", mode, stranger);
+        ASSERT_EQ(vxtest::asUser(stranger, makeAll), 0);
+        EXPECT_EQ(believed(), 15);
+        EXPECT_EQ(vxtest::asUser(stranger + 1, believed), 15);
+        fs::remove_all("/tmp/progress");
+        fs::remove_all("/tmp/status");
+    }
+}
+
 TEST_F(StatusTree, ValuesAreOfBoundedSize) {
     constexpr off_t most = 1024 * 1024;
     const vxtest::LargeFiles large;

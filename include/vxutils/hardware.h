@@ -25,7 +25,8 @@
  * characters at the latest. A value has at most 1023 characters, a product name 127.
  *
  * **Privileges.** Read access to the files; a file that the caller may not read counts as missing. So does a progress
- * marker that a user who is neither root nor the process's user may have put there.
+ * marker when it, or a directory or link above it, is in a directory that every user may write to and belongs neither
+ * to root, nor to the process's user, nor to that directory's owner.
  *
  * **Compatibility.** Behaviour kept on purpose (docs/compatibility.md): Q88 the key of a product's name is cut.
  */
@@ -72,7 +73,7 @@ VXUTILS_API int has_sim_holder(void);
 
 /**
  * @return 1 while an update or configuration is in progress (a marker below "/tmp/progress" is readable), else 0. A
- *         marker that a user who is neither root nor the process's user may have put there does not count.
+ *         marker of an untrusted user does not count (see Privileges).
  */
 VXUTILS_API int in_maintenance(void);
 
