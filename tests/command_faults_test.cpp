@@ -271,6 +271,28 @@ TEST_F(ExecCommandFaults, TheTokenOfAKilledProcessIsRemovedThoughItsParentDoesNo
     vxtest::waitChild(maker);
 }
 
+TEST_F(ExecCommandFaults, TheTokenOfAProcessWhoseFirstThreadHasEndedIsKept) {
+    if (vxtest::emulated()) GTEST_SKIP() << "the emulator has no threads in children of processes with threads";
+    const pid_t maker = vxtest::startChild([] {
+        std::thread([] {
+            makeToken();
+            ::pause();
+        }).detach();
+        return static_cast<int>(::syscall(SYS_exit, 0));
+    });
+    const std::string status = "/proc/" + std::to_string(maker) + "/stat";
+    ASSERT_TRUE(
+        vxtest::eventually([&] { return segments() == 1 && readFile(status).find(") Z ") != std::string::npos; }));
+    {
+        WithoutPauses pauses;
+        EXPECT_EQ(_exec_command(1, "/bin/true", "true", noMore), -1);
+        EXPECT_EQ(errno, EEXIST);
+    }
+    ::kill(maker, SIGKILL);
+    vxtest::waitChild(maker);
+    EXPECT_GT(_exec_command(1, "/bin/true", "true", noMore), 1);
+}
+
 TEST_F(ExecCommandFaults, AProcessThatIsYoungerThanTheTokenDidNotMakeIt) {
     const int id = makeToken();
     ASSERT_NE(id, -1);

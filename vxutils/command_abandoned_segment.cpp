@@ -59,6 +59,7 @@ double seconds(clockid_t clock) {
 // The part of /proc/PID/stat that is needed here.
 struct Status {
     char state;
+    int threads;
     double age_s;
 };
 
@@ -73,8 +74,10 @@ std::optional<Status> readStatus(pid_t pid) {
     const char *afterName = std::strrchr(text.data(), ')');  // the name may hold anything
     Status status{};
     unsigned long long startTicks = 0;
-    constexpr const char *fields = ") %c %*d %*d %*d %*d %*d %*u %*u %*u %*u %*u %*u %*u %*d %*d %*d %*d %*d %*d %llu";
-    if (afterName == nullptr || std::sscanf(afterName, fields, &status.state, &startTicks) != 2) return std::nullopt;
+    constexpr const char *fields = ") %c %*d %*d %*d %*d %*d %*u %*u %*u %*u %*u %*u %*u %*d %*d %*d %*d %d %*d %llu";
+    if (afterName == nullptr) return std::nullopt;
+    const int found = std::sscanf(afterName, fields, &status.state, &status.threads, &startTicks);
+    if (found != 3) return std::nullopt;
     const auto ticksPerSecond = static_cast<double>(::sysconf(_SC_CLK_TCK));
     status.age_s = seconds(CLOCK_BOOTTIME) - static_cast<double>(startTicks) / ticksPerSecond;
     return status;
@@ -85,7 +88,8 @@ bool hasEnded(const Segment &segment) {
     if (segment.makerPid <= 0) return false;
     const std::optional<Status> status = readStatus(segment.makerPid);
     if (!status) return ::kill(segment.makerPid, 0) == -1 && errno == ESRCH;
-    if (status->state == 'Z' || status->state == 'X') return true;
+    // The state is that of the first thread, which other threads can outlive.
+    if ((status->state == 'Z' || status->state == 'X') && status->threads <= 1) return true;
     constexpr double coarseness_s = 2;  // the segment's time is in whole seconds
     const double segmentAge_s = seconds(CLOCK_REALTIME) - static_cast<double>(segment.made_s);
     return status->age_s + coarseness_s < segmentAge_s;
