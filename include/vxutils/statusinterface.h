@@ -29,7 +29,8 @@
  * - for every call except getStatus(), if a link on it belongs neither to root nor to the process's user, unless that
  *   link is in a directory of one of these two that not every user may write to.
  *
- * The call then fails and logs "Refused status path PATH: "NAME" belongs to user UID!" (LOG_ERR).
+ * The call then fails and logs "Refused status path PATH: "NAME" belongs to user UID!" (LOG_ERR). When the value's name
+ * itself is such a link, the call fails and nothing is logged.
  *
  * **Ownership.** The object owns its FIFOs and removes their files. Observers belong to the caller and must outlive
  * their FIFOs.
