@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
 // ConfigReader: keys of every shape, long lines and files, hostile keys, threads and fork, virtual operations.
+#include <dlfcn.h>
 #include <unistd.h>
 #include <vxutils/configreader.h>
 #include <vxutils/hashtable.h>
@@ -343,42 +344,78 @@ TEST_F(ConfigReaderMemory, GivingUpAnotherThreadsStringWaitsForAThreadThatIsTaki
     EXPECT_EQ(waitsForANumberBeingTaken([&] { reader.cleanup(); }), Waits::yes);
 }
 
-// Asks a reader when its thread's objects are destroyed, while a new thread has taken over the number.
-struct AsksAtTheEndOfItsThread {
-    ~AsksAtTheEndOfItsThread() {
-        if (reader == nullptr) return;
+// The texts that a thread gets from a reader, and what another thread gets while the first one ends.
+struct TextsAtTheEnd {
+    const ConfigReader &reader;
+    const char *before = nullptr;
+    const char *meanwhile = nullptr;
+    const char *ofAnother = nullptr;
+
+    void askAtTheEnd() {
         std::promise<void> asked;
         std::promise<void> done;
-        std::thread successor([&] {
-            *successors = reader->getValue("one", "none").c_str();
+        std::thread another([&] {
+            ofAnother = reader.getValue("one", "none").c_str();
             asked.set_value();
             done.get_future().wait();
         });
         asked.get_future().wait();
-        *own = reader->getValue("one", "none").c_str();
+        meanwhile = reader.getValue("one", "none").c_str();
         done.set_value();
-        successor.join();
+        another.join();
     }
-
-    const ConfigReader *reader = nullptr;
-    const char **own = nullptr;
-    const char **successors = nullptr;
 };
 
-TEST_F(ConfigReaderMemory, AThreadThatAsksWhileItEndsSharesNoStringWithItsSuccessor) {
-    const char *first = nullptr;
-    const char *own = nullptr;
-    const char *successors = nullptr;
+// While its thread_local objects are destroyed.
+TextsAtTheEnd textsAtTheEndOfAThread(const ConfigReader &reader) {
+    struct AsksAtTheEnd {
+        ~AsksAtTheEnd() { texts->askAtTheEnd(); }
+        TextsAtTheEnd *texts = nullptr;
+    };
+    TextsAtTheEnd texts{reader};
     std::thread([&] {
-        thread_local AsksAtTheEndOfItsThread last;  // made first, so destroyed last
-        last.reader = &reader;
-        last.own = &own;
-        last.successors = &successors;
-        first = reader.getValue("one", "none").c_str();
+        thread_local AsksAtTheEnd last;  // made first, so destroyed last
+        last.texts = &texts;
+        texts.before = reader.getValue("one", "none").c_str();
     }).join();
-    EXPECT_EQ(successors, first);
-    EXPECT_NE(own, successors);
-    EXPECT_STREQ(own, "first value");
+    return texts;
+}
+
+// After that, in the destructor of a key.
+TextsAtTheEnd textsAfterTheEndOfAThread(const ConfigReader &reader) {
+    TextsAtTheEnd texts{reader};
+    pthread_key_t key;
+    EXPECT_EQ(::pthread_key_create(&key, [](void *its) { static_cast<TextsAtTheEnd *>(its)->askAtTheEnd(); }), 0);
+    std::thread([&] {
+        EXPECT_EQ(::pthread_setspecific(key, &texts), 0);
+        texts.before = reader.getValue("one", "none").c_str();
+    }).join();
+    ::pthread_key_delete(key);
+    return texts;
+}
+
+// Its thread_local objects may hold copies of the reader's Strings.
+TEST_F(ConfigReaderMemory, AThreadSharesNoStringUntilItsObjectsAreDestroyed) {
+    const TextsAtTheEnd texts = textsAtTheEndOfAThread(reader);
+    EXPECT_EQ(texts.meanwhile, texts.before);
+    EXPECT_NE(texts.ofAnother, texts.before);
+    EXPECT_STREQ(texts.ofAnother, "first value");
+}
+
+TEST_F(ConfigReaderMemory, AThreadThatAsksAfterThatSharesNoStringEither) {
+    (void)reader.getValue("one", "none");  // the library's key is made first, so its destructor is called first
+    const TextsAtTheEnd texts = textsAfterTheEndOfAThread(reader);
+    EXPECT_EQ(texts.ofAnother, texts.before);
+    EXPECT_NE(texts.meanwhile, texts.ofAnother);
+    EXPECT_STREQ(texts.meanwhile, "first value");
+}
+
+TEST_F(ConfigReaderMemory, TheStringsOfThreadsThatAskWhileTheyEndAreTakenOver) {
+    (void)reader.getValue("one", "none");
+    for (const auto texts : {textsAtTheEndOfAThread, textsAfterTheEndOfAThread}) {
+        const TextsAtTheEnd first = texts(reader);
+        for (int i = 0; i < 3; ++i) EXPECT_EQ(texts(reader).meanwhile, first.meanwhile);
+    }
 }
 
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)  // whose allocators may stay locked in a child
@@ -403,6 +440,43 @@ TEST_F(ConfigReaderMemory, AThreadOfAChildTakesOverTheStringsOfTheThreadsThatFor
               0);
     forked.set_value();
     thread.join();
+}
+
+// As a program does whose plug-in needs the library.
+TEST_F(ConfigReaderMemory, AThreadMayEndAfterTheLibraryHasBeenUnloaded) {
+    if (vxtest::emulated()) GTEST_SKIP() << "the emulator has no threads in children of processes with threads";
+    Dl_info library{};
+    ASSERT_NE(::dladdr(reinterpret_cast<void *>(&valueOf32), &library), 0);
+    if (std::string(library.dli_fname).find(".so") == std::string::npos) GTEST_SKIP() << "a static library stays";
+    static constexpr const char *plugin = "/tmp/libvxutils-copy.so";
+    std::filesystem::copy_file(library.dli_fname, plugin, std::filesystem::copy_options::overwrite_existing);
+    EXPECT_EQ(vxtest::inChild([] {
+                  void *const copy = ::dlopen(plugin, RTLD_NOW | RTLD_LOCAL | RTLD_DEEPBIND);
+                  if (copy == nullptr) return 100;
+                  using Getter = const String &(*)(const ConfigReader *, const String &, const String &);
+                  const auto make = reinterpret_cast<void (*)(void *)>(::dlsym(copy, "_ZN12ConfigReaderC1Ev"));
+                  const auto get = reinterpret_cast<Getter>(::dlsym(copy, "_ZNK12ConfigReader8getValueERK6StringS2_"));
+                  if (make == nullptr || get == nullptr) return 101;
+                  alignas(ConfigReader) char memory[sizeof(ConfigReader)];
+                  make(memory);
+                  auto *const itsReader = reinterpret_cast<ConfigReader *>(memory);
+                  itsReader->initialize(path, 4);
+                  std::promise<void> asked;
+                  std::promise<void> unloaded;
+                  std::thread thread([&] {
+                      (void)get(itsReader, "one", "none");
+                      asked.set_value();
+                      unloaded.get_future().wait();
+                  });
+                  asked.get_future().wait();
+                  itsReader->cleanup();
+                  ::dlclose(copy);
+                  const bool gone = ::dlopen(plugin, RTLD_NOW | RTLD_NOLOAD) == nullptr;
+                  unloaded.set_value();
+                  thread.join();
+                  return gone ? 0 : 1;
+              }),
+              0);
 }
 
 // Otherwise the child could find the numbers half-changed.

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <climits>
 #include <deque>
 #include <mutex>
 #include <utility>
@@ -33,6 +34,10 @@ namespace {
 
 thread_local ThreadPlace *ownPlace = nullptr;
 
+void giveBackPlace(void *);
+
+constexpr pthread_key_t noKey = PTHREAD_KEYS_MAX;  // all calls refuse it
+
 // The places by number. Never destroyed: detached threads may end after static objects have gone.
 struct Places {
     static Places &all() {
@@ -44,11 +49,26 @@ struct Places {
     Places() {
         [[maybe_unused]] const int registered =
             ::pthread_atfork([] { all().mutex.lock(); }, [] { all().mutex.unlock(); }, [] { all().goOnInChild(); });
+        (void)::pthread_key_create(&key, &giveBackPlace);
     }
 
     void goOnInChild() {
         for (ThreadPlace &place : places) place.taken = &place == ownPlace;
         mutex.unlock();
+    }
+
+    void takeOwn() {
+        const std::lock_guard guard(mutex);
+        const auto free =
+            std::find_if(places.begin(), places.end(), [](const ThreadPlace &place) { return !place.taken; });
+        ownPlace = free != places.end() ? &*free : &places.emplace_back(places.size());
+        ownPlace->taken = true;
+        (void)::pthread_setspecific(key, ownPlace);  // where that fails the place stays taken
+    }
+
+    void forgetKey() {
+        const std::lock_guard guard(mutex);
+        ::pthread_key_delete(std::exchange(key, noKey));
     }
 
     // Leaves an object to the thread of this number; false when that is the calling thread or has ended.
@@ -62,15 +82,18 @@ struct Places {
 
     std::mutex mutex;
     std::deque<ThreadPlace> places;
+    pthread_key_t key = noKey;
+};
+
+// Threads that have a place may go on after a program has unloaded the library.
+struct Unloading {
+    ~Unloading() { Places::all().forgetKey(); }
 };
 
 void takeOwnPlace() {
     Places &all = Places::all();
-    const std::lock_guard guard(all.mutex);
-    const auto free =
-        std::find_if(all.places.begin(), all.places.end(), [](const ThreadPlace &place) { return !place.taken; });
-    ownPlace = free != all.places.end() ? &*free : &all.places.emplace_back(all.places.size());
-    ownPlace->taken = true;
+    static const Unloading unloading;
+    all.takeOwn();
 }
 
 // Returns what other threads have left to this one. They leave nothing more to one that ends.
@@ -80,23 +103,20 @@ OfOneThread *takeDropped(bool ends) {
     return ownPlace->dropped.exchange(nullptr, std::memory_order_relaxed);
 }
 
-// Gives the place of a thread back at its end.
-struct EndOfThread {
-    ~EndOfThread() {
-        OfOneThread *const dropped = takeDropped(true);
-        ownPlace = nullptr;  // it may be another thread's by now
-        ThreadPlace::destroy(dropped);
-    }
-};
+// Gives the place of a thread back at its end. The C library calls this after the destructors of thread_local objects,
+// which may be the last to use Strings of the thread.
+void giveBackPlace(void *) {
+    OfOneThread *const dropped = takeDropped(true);
+    ownPlace = nullptr;  // it may be another thread's by now
+    ThreadPlace::destroy(dropped);
+}
 
 }  // namespace
 
 size_t threadNumber() {
     const ThreadPlace *place = ownPlace;  // all that most calls need
     if (place != nullptr && place->dropped.load(std::memory_order_relaxed) == nullptr) return place->number;
-    // A thread that asks while its thread_local objects are destroyed gets a new number, which stays taken.
     if (place == nullptr) takeOwnPlace();
-    static thread_local EndOfThread end;
     ThreadPlace::destroy(takeDropped(false));
     return ownPlace->number;
 }
