@@ -47,9 +47,8 @@ bool removeSet(int id) {
 // marked.
 //
 // - A process uses a set only when it has seen first that the set is finished and then that it is not marked.
-// - A process removes a set only when it has seen first that the set is marked and then that it is not finished, or
-// when
-//   it holds the semaphore, so that no other process is inside.
+// - A process removes a set only when it holds the semaphore, so that no other process is inside, or when it has seen
+//   first that the set is marked and then that it is not finished.
 //
 // Assume that P uses a set that R removes as not finished. P saw no mark after it saw the set finished, R saw the mark
 // before it saw the set unfinished. A mark stays, so P's last look came before R's first one. Then P saw the set
