@@ -85,8 +85,8 @@ VXUTILS_API int wanlink_count(void);
  * @param buffer receives the list; emptied first. At most @p size - 2 characters and the terminator are written.
  * @param size   bytes of @p buffer.
  * @return number of characters of the whole list, also of what did not fit; 0 when the bridge is unknown, has no
- *         members or the tool is missing or prints nothing, its exit status is ignored; -1 when @p bridge is null or
- *         empty, @p buffer null, @p size 0 or no process could be started.
+ *         members, or the tool is missing or prints nothing (its exit status does not count); -1 when @p bridge is null
+ *         or empty, @p buffer null, @p size 0 or no process could be started.
  *
  * Runs a shell and waits for it.
  */
