@@ -458,8 +458,9 @@ TEST_F(ConfigReaderMemory, AThreadMayEndAfterTheLibraryHasBeenUnloaded) {
                   const auto get = reinterpret_cast<Getter>(::dlsym(copy, "_ZNK12ConfigReader8getValueERK6StringS2_"));
                   if (make == nullptr || get == nullptr) return 101;
                   alignas(ConfigReader) char memory[sizeof(ConfigReader)];
-                  make(memory);
-                  auto *const itsReader = reinterpret_cast<ConfigReader *>(memory);
+                  void *const place = memory;
+                  make(place);
+                  auto *const itsReader = static_cast<ConfigReader *>(place);
                   itsReader->initialize(path, 4);
                   std::promise<void> asked;
                   std::promise<void> unloaded;

@@ -21,6 +21,7 @@
 #include "support/vxevent.h"
 #include "support/watched_memory.h"
 
+VXTEST_HOOK(int, close, (int fd), (fd))
 VXTEST_HOOK_AS(int, fstat, "__fstat64_time64", (int fd, struct stat *status), (fd, status))
 VXTEST_THREAD_HOOK(int, poll, (pollfd * fds, nfds_t count, int timeout), (fds, count, timeout))
 VXTEST_THREAD_HOOK(ssize_t, write, (int fd, const void *data, size_t size), (fd, data, size))
@@ -69,6 +70,21 @@ TEST_F(VxeventFaults, AFifoThatStaysFullFailsAfterASecondWhateverTheSignals) {
     EXPECT_EQ(drain().size(), before) << "no half record";
     EXPECT_EQ(vxevent(9, 9, "later"), 0);
     EXPECT_EQ(drain(), bytes(9, 9, "later"));
+}
+
+TEST_F(VxeventFaults, TheErrorIsThatOfTheFirstFailureAndNotOfClosing) {
+    makeFifo();
+    const Hooked fstat(hooks::fstat, vxtest::answering(-1, ENOMEM));
+    int closed = 0;
+    const Hooked close(hooks::close, [&](int fd) -> std::optional<int> {
+        ++closed;
+        vxtest::real::close(fd);
+        errno = EIO;
+        return -1;
+    });
+    EXPECT_EQ(vxevent(1, 2, "x"), -1);
+    EXPECT_EQ(errno, ENOMEM);
+    EXPECT_EQ(closed, 1);
 }
 
 TEST_F(VxeventFaults, AStepThatTheSystemRefusesFailsAtOnceWithItsError) {
