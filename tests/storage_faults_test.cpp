@@ -14,7 +14,9 @@
 #include <vector>
 
 #include "support/call_hooks.h"
+#include "support/emulation.h"
 #include "support/files.h"
+#include "support/process.h"
 #include "support/resources.h"
 #include "support/short_memory.h"
 #include "support/storage.h"
@@ -159,6 +161,18 @@ TEST_F(StorageFaults, AMountPointIsTheSecondFieldOfTheDevicesFirstLine) {
         ASSERT_NE(entry, nullptr);
         EXPECT_STREQ(entry->mount_point, one.mountPoint);
     }
+}
+
+TEST_F(StorageFaults, TheTableIsReadAlsoAfterTheFirstThreadHasEnded) {
+    if (vxtest::emulated()) GTEST_SKIP() << "the emulator has no threads in children of processes with threads";
+    link("mmcblk0p3", pci + "mmc_host/mmc0/mmcblk0p3");
+    const Mount mounted("/dev/mmcblk0p3", "/mnt/data");
+    EXPECT_EQ(vxtest::inLaterThread([] {
+                  const Storage list(old_get_storage(0));
+                  const storage_entry *entry = old_get_storage_device(list.get(), 2, 0);
+                  return entry != nullptr && std::string(entry->mount_point) == "/mnt/data" && entry->total > 0 ? 0 : 1;
+              }),
+              0);
 }
 
 // ---- file systems

@@ -20,6 +20,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "vxutils/internal/fd.h"
 #include "vxutils/internal/handles.h"
@@ -30,6 +31,7 @@ namespace {
 
 constexpr const char *blockDirectory = "/sys/class/block";
 constexpr const char *mountsFile = "/proc/mounts";
+constexpr const char *threadMountsFile = "/proc/thread-self/mounts";
 constexpr const char *usbNamePath = "/proc/sysinfo/usbport%d/usbName";
 constexpr std::string_view overlayMountPoint = "/overlay";
 
@@ -121,6 +123,16 @@ std::string decoded(std::string_view field) {
     return path;
 }
 
+vx::Fd openToRead(const char *path) {
+    return vx::Fd(vx::retryEintr([&] { return ::open(path, O_RDONLY | O_CLOEXEC); }));
+}
+
+// The first file is that of the process's first thread: when that thread has ended, it cannot be opened.
+vx::Fd openMounts() {
+    vx::Fd fd = openToRead(mountsFile);
+    return fd.valid() ? std::move(fd) : openToRead(threadMountsFile);
+}
+
 // The table of mounts, read once, when the first device asks for it. The C library's getmntent() takes many times the
 // instructions for each line.
 class Mounts {
@@ -138,7 +150,7 @@ public:
 private:
     void read() {
         lines_.assign(1, '\n');
-        const vx::Fd fd(vx::retryEintr([&] { return ::open(mountsFile, O_RDONLY | O_CLOEXEC); }));
+        const vx::Fd fd = openMounts();
         ssize_t got = fd.valid() ? 1 : 0;
         for (size_t size = 1; got > 0; lines_.resize(size)) {
             lines_.resize(size + readSize);
@@ -151,7 +163,7 @@ private:
 };
 
 int64_t deviceSize(const std::string &node) {
-    const vx::Fd fd(vx::retryEintr([&] { return ::open(node.c_str(), O_RDONLY | O_CLOEXEC); }));
+    const vx::Fd fd = openToRead(node.c_str());
     uint64_t bytes = 0;
     if (!fd.valid() || ::ioctl(fd.get(), BLKGETSIZE64, &bytes) == -1) return unknown;
     return static_cast<int64_t>(bytes);

@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/prctl.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -18,6 +19,7 @@
 #include <thread>
 
 #include "support/emulation.h"
+#include "support/files.h"
 
 namespace vxtest {
 namespace {
@@ -164,6 +166,17 @@ int waitChild(pid_t pid) {
 }
 
 int inChild(const std::function<int()> &body) { return waitChild(startChild(body)); }
+
+int inLaterThread(const std::function<int()> &body) {
+    return inChild([&] {
+        const std::string status = "/proc/" + std::to_string(::getpid()) + "/stat";
+        std::thread([&body, status] {
+            const bool ended = eventually([&] { return readFile(status).find(") Z ") != std::string::npos; });
+            ::_exit(ended ? body() : 98);
+        }).detach();
+        return static_cast<int>(::syscall(SYS_exit, 0));  // of this thread alone; nothing of it is unwound
+    });
+}
 
 bool hasOtherUsers() {
     constexpr uid_t other = 12345;

@@ -55,6 +55,9 @@ Output run(const std::vector<std::string> &command);
 // result is body's; it leaves with _exit, so that neither leak checks nor destructors of the test run twice.
 int inChild(const std::function<int()> &body);
 
+// Runs `body` in a thread of a forked child whose first thread has ended, and returns the child's exit status.
+int inLaterThread(const std::function<int()> &body);
+
 // Forks a child running `body` and returns its process id at once.
 pid_t startChild(const std::function<int()> &body);
 int waitChild(pid_t pid);

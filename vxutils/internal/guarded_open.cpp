@@ -104,10 +104,11 @@ private:
     bool kernels_ = false;
 };
 
-// Opens what an open path (O_PATH) refers to; `path`, from `directory`, is where it was found.
+// Opens what an open path (O_PATH) refers to; `path`, from `directory`, is where it was found. By way of the calling
+// thread: /proc/self shows no descriptors when the process's first thread has ended.
 Fd reopen(const Fd &place, int directory, const char *path) noexcept {
-    char name[sizeof "/proc/self/fd/" + 11];
-    (void)std::snprintf(name, sizeof name, "/proc/self/fd/%d", place.get());
+    char name[sizeof "/proc/thread-self/fd/" + 11];
+    (void)std::snprintf(name, sizeof name, "/proc/thread-self/fd/%d", place.get());
     Fd file = open(AT_FDCWD, name, O_RDONLY | gently);
     if (file.valid() || errno != ENOENT) return file;
     // A bare chroot without /proc.
