@@ -25,6 +25,7 @@
 #include "support/call_hooks.h"
 #include "support/close_on_exec.h"
 #include "support/directories.h"
+#include "support/emulation.h"
 #include "support/files.h"
 #include "support/process.h"
 #include "support/short_memory.h"
@@ -465,6 +466,28 @@ TEST_F(CopyFileFaults, WhatWasLookedAtBehindALinkIsReadThoughItsNameLeadsElsewhe
     EXPECT_TRUE(swapped);
 }
 
+// The kernel gives up what /proc/self shows of descriptors when the first thread ends.
+TEST_F(CopyFileFaults, WhatWasLookedAtBehindALinkIsReadAlsoAfterTheFirstThreadHasEnded) {
+    if (vxtest::emulated()) GTEST_SKIP() << "the emulator has no threads in children of processes with threads";
+    writeFile(path("value"), "seen");
+    writeFile(path("other"), "not seen");
+    fs::create_symlink("value", path("link"));
+    struct stat value {};
+    ASSERT_EQ(::stat(path("value").c_str(), &value), 0);
+    const auto read = [&] {
+        bool swapped = false;
+        const Hooked swap(hooks::fstat, [&](int fd, struct stat *status) -> std::optional<int> {
+            const int result = vxtest::real::fstat(fd, status);
+            if (swapped || result != 0 || status->st_ino != value.st_ino) return result;
+            swapped = true;
+            fs::rename(path("other"), path("value"));
+            return result;
+        });
+        return readfile(path("link").c_str()) == std::string("seen") && swapped ? 0 : 1;
+    };
+    EXPECT_EQ(vxtest::inLaterThread(read), 0);
+}
+
 TEST_F(CopyFileFaults, AFileWithTwoNamesIsNotWrittenInADirectoryThatCannotBeExamined) {
     writeFile(path("src"), "new");
     writeFile(path("dst"), "old");
@@ -505,6 +528,22 @@ TEST_F(CopyDirectoryFaults, AnExistingDestinationThatCannotBeExaminedIsNotFilled
     EXPECT_EQ(copyDirectory(path("outside"), path("copy")), -1);
     EXPECT_EQ(errno, EIO);
     EXPECT_TRUE(fs::is_empty(path("copy")));
+}
+
+// Whether it is inside the source is not known then.
+TEST_F(CopyDirectoryFaults, WhereTheDestinationCannotBeExaminedNothingIsMade) {
+    for (const char *copy : {"tree/sub/in", "tree/sub/deep"}) {
+        const std::string examined = path(exists(path(copy)) ? copy : "tree/sub");
+        const Hooked refused(hooks::fstat, statusOfOpenRefusedAt(examined));
+        EXPECT_EQ(copyDirectory(path("tree"), path(copy)), -1) << copy;
+        EXPECT_EQ(errno, EIO) << copy;
+    }
+    EXPECT_FALSE(exists(path("tree/sub/in")));
+    EXPECT_FALSE(exists(path("tree/sub/deep/one")));
+    const Hooked refused(hooks::fstat, statusOfOpenRefusedAt(path("tree")));
+    EXPECT_EQ(copyDirectory(path("tree"), path("copy")), -1);
+    EXPECT_EQ(errno, EIO);
+    EXPECT_FALSE(exists(path("copy")));
 }
 
 TEST_F(CopyDirectoryFaults, StopsAtAnEntryThatCannotBeExamined) {

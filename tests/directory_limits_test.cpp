@@ -272,6 +272,35 @@ TEST_F(CopyDirectory, IntoItselfIsRefusedBeforeAnythingIsMade) {
     EXPECT_FALSE(exists(path("tree/sub/in")));
 }
 
+// By way of the mount, ".." does not lead from the destination to the source.
+TEST_F(CopyDirectory, IntoItselfThroughABindMountEndsWhereItMeetsItsDestination) {
+    vxtest::makeDirs(path("small/sub"));
+    vxtest::makeDirs(path("mounted"));
+    ASSERT_EQ(::mount(path("small/sub").c_str(), path("mounted").c_str(), nullptr, MS_BIND, nullptr), 0);
+    const int result = vxtest::inChild([] {
+        ::alarm(2);  // a copy without end ends then
+        return copyDirectory(path("small"), path("mounted/copy")) == -1 && errno == EINVAL ? 0 : 1;
+    });
+    EXPECT_EQ(result, 0);
+    EXPECT_EQ(::umount(path("mounted").c_str()), 0);
+    EXPECT_FALSE(exists(path("small/sub/copy/sub/copy")));
+    if (result != 0) vxtest::run({"rm", "-rf", path("small")});
+}
+
+TEST_F(CopyDirectory, OntoItselfThroughABindMountChangesNothing) {
+    writeFile(path("small/sub/file"), "kept");
+    vxtest::makeDirs(path("mounted"));
+    ASSERT_EQ(::mount(path("small").c_str(), path("mounted").c_str(), nullptr, MS_BIND, nullptr), 0);
+    EXPECT_EQ(copyDirectory(path("small"), path("mounted")), 0);
+    EXPECT_EQ(::umount(path("mounted").c_str()), 0);
+    // A part of the tree that shows the tree again is itself the place that it is copied to.
+    vxtest::makeDirs(path("small/again"));
+    ASSERT_EQ(::mount(path("small").c_str(), path("small/again").c_str(), nullptr, MS_BIND, nullptr), 0);
+    EXPECT_EQ(copyDirectory(path("small"), path("small")), 0);
+    EXPECT_EQ(::umount(path("small/again").c_str()), 0);
+    EXPECT_EQ(readFile(path("small/sub/file")), "kept");
+}
+
 TEST_F(CopyDirectory, AFifoInTheSourceIsAFailureAndNeverWaitedFor) {
     vxtest::makeDirs(path("status"));
     ASSERT_EQ(::mkfifo(path("status/command").c_str(), 0666), 0);

@@ -152,10 +152,8 @@ Fd openCopy(int directory, const char *name) {
     return openExisting(directory, name);
 }
 
-// Tells whether a directory is inside the tree whose top is `top`, or is the top itself.
-bool isInside(Fd directory, const struct stat &top) {
-    struct stat status {};
-    if (::fstat(directory.get(), &status) == -1) return false;
+// Tells whether a directory with this status is inside the tree whose top is `top`, or is the top itself.
+bool isInside(Fd directory, struct stat status, const struct stat &top) {
     for (;;) {
         if (isSame(status, top)) return true;
         Fd above(::openat(directory.get(), "..", O_PATH | O_DIRECTORY | O_CLOEXEC));
@@ -169,8 +167,8 @@ bool isInside(Fd directory, const struct stat &top) {
 // Copies a tree level by level, without recursion, so that a deep tree does not need a deep stack.
 class TreeCopy {
 public:
-    TreeCopy(Fd from, Fd to, const char *src, const char *dst)
-        : from_(std::move(from), O_RDONLY), to_(std::move(to), O_PATH), src_(src), dst_(dst) {}
+    TreeCopy(Fd from, Fd to, const struct stat &top, const char *src, const char *dst)
+        : from_(std::move(from), O_RDONLY), to_(std::move(to), O_PATH), top_(top), src_(src), dst_(dst) {}
 
     int run() {
         if (!enter()) return -1;
@@ -205,10 +203,20 @@ private:
     bool copyEntry(const char *name) {
         struct stat status;
         if (::fstatat(from_.here().get(), name, &status, AT_SYMLINK_NOFOLLOW) == -1) return false;
-        return S_ISDIR(status.st_mode) ? copySubdirectory(name) : copyFile(name);
+        if (!S_ISDIR(status.st_mode)) return copyFile(name);
+        if (isSame(status, top_) && !isCopiedOntoItself(name, status)) {
+            errno = EINVAL;
+            return false;
+        }
+        return copySubdirectory(name);
     }
 
     bool copyFile(const char *name);
+
+    bool isCopiedOntoItself(const char *name, const struct stat &status) const {
+        struct stat copy {};
+        return ::fstatat(to_.here().get(), name, &copy, AT_SYMLINK_NOFOLLOW) == 0 && isSame(copy, status);
+    }
 
     bool copySubdirectory(const char *name) {
         Fd copy = openCopy(to_.here().get(), name);
@@ -221,6 +229,7 @@ private:
 
     TreePlace from_;
     TreePlace to_;
+    struct stat top_;  // of the destination: found in the source by way of a bind mount, it would grow without end
     std::string src_;  // of the current directory, for messages
     std::string dst_;
     std::vector<Level> levels_;
@@ -232,14 +241,19 @@ bool TreeCopy::copyFile(const char *name) {
     return from.valid() && transfer(from, status, {to_.here().get(), name, &dst_}) == 0;
 }
 
-// Tells whether the destination is inside the source tree, so that the copy would never end.
-bool hasNoEnd(const vx::LastComponent &dst, const struct stat &source) {
+// Fails with EINVAL for a destination inside the source tree, where the copy would never end, and with the reason when
+// that cannot be told.
+bool hasEnd(const vx::LastComponent &dst, const struct stat &source) {
     constexpr int flags = O_PATH | O_DIRECTORY | O_CLOEXEC;
-    Fd copy(::openat(dst.directory(), dst.name(), flags | O_NOFOLLOW));
+    Fd place(::openat(dst.directory(), dst.name(), flags | O_NOFOLLOW));
+    const bool exists = place.valid();
+    if (!exists) place = Fd(::openat(dst.directory(), ".", flags));
     struct stat status {};
-    if (!copy.valid()) return isInside(Fd(::openat(dst.directory(), ".", flags)), source);
+    if (!place.valid() || ::fstat(place.get(), &status) == -1) return false;
     // The source itself as destination is allowed: each of its files is left as it is.
-    return ::fstat(copy.get(), &status) == 0 && !isSame(status, source) && isInside(std::move(copy), source);
+    if ((exists && isSame(status, source)) || !isInside(std::move(place), status, source)) return true;
+    errno = EINVAL;
+    return false;
 }
 
 int copyTree(const char *src, const char *dst) {
@@ -247,10 +261,7 @@ int copyTree(const char *src, const char *dst) {
     if (!last.valid()) return -1;
     Fd from(::open(src, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     struct stat source {};
-    if (from.valid() && (::fstat(from.get(), &source) == -1 || hasNoEnd(last, source))) {
-        errno = EINVAL;
-        return -1;
-    }
+    if (from.valid() && (::fstat(from.get(), &source) == -1 || !hasEnd(last, source))) return -1;
     const int whyNoSource = errno;
     Fd to = openCopy(last.directory(), last.name());  // made even when there is nothing to copy
     if (!to.valid()) return -1;
@@ -258,7 +269,9 @@ int copyTree(const char *src, const char *dst) {
         errno = whyNoSource;
         return -1;
     }
-    return TreeCopy(std::move(from), std::move(to), src, dst).run();
+    struct stat top {};
+    if (::fstat(to.get(), &top) == -1) return -1;
+    return TreeCopy(std::move(from), std::move(to), top, src, dst).run();
 }
 
 }  // namespace
