@@ -99,6 +99,18 @@ TEST_F(Provider, UnknownNetworksGiveAnEmptyText) {
     EXPECT_STREQ(pdb_find_provider("1"), "");
 }
 
+TEST_F(Provider, ANetworkMayBeTheTextThatTheLastCallReturned) {
+    tool("provider: 26201\n");
+    const char *found = pdb_find_provider("first");
+    ASSERT_STREQ(found, "26201");
+    ::unlink("/tmp/pdb-calls");
+    EXPECT_STREQ(pdb_find_provider(found), "26201");
+    EXPECT_EQ(calls(), "[-n]\n[26201]\n");
+    tool("nothing found\n");
+    EXPECT_STREQ(pdb_find_provider(found), "");
+    EXPECT_EQ(calls(), "[-n]\n[26201]\n");
+}
+
 TEST_F(Provider, NullAndEmptyNetworksGiveNull) {
     tool("provider: known\n");
     EXPECT_EQ(pdb_find_provider(nullptr), nullptr);

@@ -86,10 +86,11 @@ int card2family(const char *module) {
 
 const char *pdb_find_provider(const char *network) {
     if (network == nullptr || *network == '\0') return nullptr;
-    provider[0] = '\0';
-    if (!isNetworkText(network)) return provider;
+    // The command is complete before the buffer is emptied: the network may be what the last call returned.
     char *command = nullptr;
-    if (::asprintf(&command, providerCommand, network) == -1) return provider;
+    const bool made = isNetworkText(network) && ::asprintf(&command, providerCommand, network) != -1;
+    provider[0] = '\0';
+    if (!made) return provider;
     const vx::MallocText owner(command);
     vx::ShellOutput output(command);
     if (output.running()) readProvider(output);

@@ -61,7 +61,7 @@ VXUTILS_API int card2family(const char *module);
  * and no word of it may begin with a dash, which would make it an option of the tool. Any other text is not passed on
  * and counts as a network without a known provider.
  *
- * @param network  the network, as the tool's option "-n" takes it
+ * @param network  the network, as the tool's option "-n" takes it; may be the text that the last call returned
  * @return the provider's name, at most 63 characters in a static buffer, valid until the next call; empty when none is
  *         known or the tool cannot be run; NULL for NULL and the empty text
  */
