@@ -14,6 +14,7 @@
 #include <array>
 #include <cerrno>
 #include <csignal>
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <fstream>
@@ -340,6 +341,30 @@ TEST_F(DeviceLogFaults, AChildForkedDuringACallKeepsNoLock) {
         ::kill(child, SIGKILL);
         vxtest::waitChild(child);
     }
+}
+
+// exit() writes what the streams of the process still hold, and sets back the place of what they have read ahead.
+TEST_F(DeviceLogFaults, AChildForkedDuringACallMayEndWithExit) {
+    for (int number = 1; number <= 20; ++number) ASSERT_EQ(qxlog(number, message(number).c_str()), 0);
+    const auto exitInAChild = [] {
+        const pid_t child = ::fork();  // not by way of startChild(), which writes what the streams hold before
+        if (child == 0) std::exit(0);
+        EXPECT_EQ(vxtest::waitChild(child), 0);
+    };
+    {
+        const Hooked forking(hooks::flock, [&](int fd, int operation) -> std::optional<int> {
+            const int result = vxtest::real::flock(fd, operation);
+            exitInAChild();
+            return result;
+        });
+        EXPECT_EQ(qxlog(21, message(21).c_str()), 0);
+    }
+    const auto lines = logLines();
+    ASSERT_EQ(lines.size(), 21u);
+    for (int number = 21; number >= 1; --number) {
+        EXPECT_TRUE(lines[static_cast<size_t>(21 - number)].starts_with(std::to_string(number) + ": ")) << number;
+    }
+    expectWholeLines(readFile(logFile));
 }
 
 }  // namespace

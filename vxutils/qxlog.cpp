@@ -14,10 +14,13 @@
 #include <cstring>
 #include <ctime>
 #include <memory>
+#include <optional>
+#include <string_view>
 #include <utility>
 
 #include "vxutils/internal/errno_keeper.h"
 #include "vxutils/internal/fd.h"
+#include "vxutils/internal/line_buffer.h"
 #include "vxutils/internal/retry.h"
 #include "vxutils/internal/safe_open.h"
 #include "vxutils/internal/semaphore_set.h"
@@ -144,6 +147,21 @@ struct UnlockAndClose {
 };
 using LockedFile = std::unique_ptr<FILE, UnlockAndClose>;
 
+class LockedFd {
+public:
+    explicit LockedFd(Fd fd) : fd_(std::move(fd)) {}
+    LockedFd(LockedFd &&) = default;
+    ~LockedFd() {
+        if (fd_.valid()) unlockFile(fd_.get());
+    }
+
+    [[nodiscard]] bool valid() const { return fd_.valid(); }
+    [[nodiscard]] int get() const { return fd_.get(); }
+
+private:
+    Fd fd_;
+};
+
 // Tells whether an untrusted user may have opened the file, and so may hold its lock.
 bool isOpenToStrangers(const struct stat &status) {
     return (status.st_mode & S_IRWXO) != 0 || !vx::isTrustedUser(status.st_uid);
@@ -176,11 +194,13 @@ Fd openEmptiedTemporary(const Limits &limits) {
     }
 }
 
-LockedFile toStream(Fd fd, const char *mode) {
+// Without a buffer: a child that another thread forks meanwhile has a copy of it, and exit() would write it there.
+LockedFile toStream(Fd fd) {
     if (!fd.valid()) return nullptr;
-    LockedFile file(::fdopen(fd.get(), mode));
+    LockedFile file(::fdopen(fd.get(), "w+"));
     if (file) {
         (void)fd.release();
+        (void)std::setvbuf(file.get(), nullptr, _IONBF, 0);
     } else {
         unlockFile(fd.get());
     }
@@ -189,12 +209,12 @@ LockedFile toStream(Fd fd, const char *mode) {
 
 // Opens the log for reading, with a lock that keeps qxlog_clear() from cutting it off in the middle of a line. If
 // another process holds the lock for too long, the log is read without it.
-LockedFile openLog(const Limits &limits) {
+LockedFd openLog(const Limits &limits) {
     for (;;) {
         struct stat status;
         Fd fd = vx::openRegular(logPath, O_RDONLY, 0, status);
         if (fd.valid() && lockFile(fd.get(), LOCK_SH, logPath, limits.log) == Lock::renamed) continue;
-        return toStream(std::move(fd), "r");
+        return LockedFd(std::move(fd));
     }
 }
 
@@ -211,21 +231,39 @@ void emptyLog(const Limits &limits) {
     }
 }
 
-// Reads one line, or a piece of a long line, without its newline.
-bool readLine(FILE *file, char (&line)[lineSize]) {
-    if (std::fgets(line, sizeof line, file) == nullptr) return false;
-    line[std::strcspn(line, "\n")] = '\0';
-    return true;
-}
+// The lines of the log. Not by fgets(): where a forked child ends with exit(), the C library sets the place in the file
+// back to the end of what the child's copy of the stream has returned, for this process too.
+class LogLines {
+public:
+    explicit LogLines(const LockedFd &log) : fd_(log.get()) {}
+
+    // Returns the next line, or a piece of a long line, without its newline and up to its first NUL byte.
+    std::optional<std::string_view> next() {
+        const auto line = lines_.next(fd_, lineSize - 1);
+        if (line.empty()) return std::nullopt;
+        const size_t length = line.back() == '\n' ? line.size() - 1 : line.size();
+        return std::string_view(line.data(), ::strnlen(line.data(), length));
+    }
+
+    [[nodiscard]] bool failed() const { return lines_.failed(); }
+
+private:
+    int fd_;
+    vx::LineBuffer lines_;
+};
 
 // Returns false with errno set when there is an old log that cannot be read. A log that is not a regular file counts as
 // empty.
 bool copyOldLines(FILE *to, const Limits &limits) {
-    const LockedFile log = openLog(limits);
-    if (!log) return errno == ENOENT || errno == EISDIR || errno == EINVAL;
-    char line[lineSize];
-    for (int copied = 0; copied < oldLinesKept && readLine(log.get(), line); ++copied) std::fprintf(to, "%s\n", line);
-    return std::ferror(log.get()) == 0;
+    const LockedFd log = openLog(limits);
+    if (!log.valid()) return errno == ENOENT || errno == EISDIR || errno == EINVAL;
+    LogLines lines(log);
+    for (int copied = 0; copied < oldLinesKept; ++copied) {
+        const auto line = lines.next();
+        if (!line) break;
+        std::fprintf(to, "%.*s\n", static_cast<int>(line->size()), line->data());
+    }
+    return !lines.failed();
 }
 
 }  // namespace
@@ -246,7 +284,7 @@ int qxlog(int number, const char *message) {
     char time[timeSize];
     if (std::strftime(time, sizeof time, timeFormat, &local) == 0) return failed("strftime");
 
-    LockedFile temporary = toStream(openEmptiedTemporary(limits), "w+");
+    LockedFile temporary = toStream(openEmptiedTemporary(limits));
     if (!temporary) return failed("open");
     std::fprintf(temporary.get(), "%d: %s %s\n", number, time, vx::VisibleText(message).c_str());
     if (!copyOldLines(temporary.get(), limits)) return failed("open");
@@ -283,10 +321,13 @@ int qxlog_read(char *buf, size_t size) {
     const size_t room = size - 1;
     size_t used = 0;
     {
-        const LockedFile log = openLog(limits);
-        char line[lineSize];
-        while (log && used < room && readLine(log.get(), line)) {
-            used += static_cast<size_t>(std::snprintf(buf + used, room - used, "%s\n", line));
+        const LockedFd log = openLog(limits);
+        LogLines lines(log);
+        while (log.valid() && used < room) {
+            const auto line = lines.next();
+            if (!line) break;
+            const auto length = static_cast<int>(line->size());
+            used += static_cast<size_t>(std::snprintf(buf + used, room - used, "%.*s\n", length, line->data()));
         }
     }
     return turn.giveBack() ? 0 : failed("semop");
