@@ -274,6 +274,14 @@ TEST_F(Readfile, ForgetsThePreviousValue) {
     EXPECT_EQ(std::string(text, 8), std::string(8, '\0')) << "none of it is left in the buffer";
 }
 
+TEST_F(Readfile, ANameInTheBufferIsTheEmptyName) {
+    writeFile(path("value"), path("other"));
+    writeFile(path("other"), "value of the other");
+    EXPECT_STREQ(readfile(readfile(path("value").c_str())), "");
+    std::string buffer = path("value");
+    EXPECT_STREQ(readfile_r(buffer.data(), buffer.data(), buffer.size()), "");
+}
+
 TEST_F(Readfile, ReadsKernelAttributes) {
     EXPECT_STREQ(readfile("/proc/sys/kernel/ostype"), "Linux");
     EXPECT_NE(*readfile("/proc/self/status"), '\0');

@@ -95,8 +95,8 @@ typedef struct file_line file_line;
  * @param path  file to read
  * @param lines initialised head of a list; a file_line for each line is added at its tail. The caller frees records and
  *              texts.
- * @return the number of entries appended; READFILE_OPEN_FAILED, also for NULL arguments and for what is not a regular
- *         file (ENXIO); READFILE_OUT_OF_MEMORY (logged, LOG_ERR), after which the entries that were appended stay in
+ * @return the number of entries appended, 0 for a directory; READFILE_OPEN_FAILED, also for NULL arguments and for what
+ *         is neither a regular file nor a directory (ENXIO); READFILE_OUT_OF_MEMORY (logged, LOG_ERR), after which the entries that were appended stay in
  *         the list
  */
 VXUTILS_API int read_file_lines(const char *path, struct list_link *lines);
@@ -160,7 +160,7 @@ VXUTILS_API int writefile(const char *name, const char *text);
  * not even through a link), a directory. A NUL byte hides the rest of its line; reading ends after 1 MiB that yields no
  * text.
  *
- * @param name file; NULL reads as empty
+ * @param name file; NULL reads as empty, and so does a name inside @p buf, which is emptied first
  * @param buf  receives at most @p size - 1 characters and a terminator
  * @param size size of @p buf in bytes
  * @return the text: a pointer into @p buf, after the leading white space; @p buf itself when it is NULL or @p size is 0
@@ -170,7 +170,7 @@ VXUTILS_API char *readfile_r(const char *name, char *buf, size_t size);
 /**
  * Read a file as readfile_r() does, into a static buffer of 1024 bytes.
  *
- * @param name file; NULL reads as empty
+ * @param name file; NULL reads as empty, and so does a text of the last call, because the buffer is cleared first
  * @return the text, a pointer into the buffer, valid until the next call of readfile() or readaddress(); the caller may
  *         change the text
  */
