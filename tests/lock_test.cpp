@@ -199,6 +199,36 @@ TEST_F(FirewallLock, GoesOnWaitingThroughSignals) {
     }
 }
 
+TEST_F(FirewallLock, IsSharedWithAForkedChild) {
+    vxtest::SyslogCapture log;
+    firewall_lock_handle *handle = firewall_lock();
+    ASSERT_NE(handle, nullptr);
+    const pid_t child = vxtest::startChild([] { return ::pause(); });
+    EXPECT_EQ(firewall_unlock(handle), 0);
+    EXPECT_TRUE(isFree()) << "given back by the parent for both";
+    ::kill(child, SIGKILL);
+    vxtest::waitChild(child);
+    handle = firewall_lock();
+    EXPECT_EQ(vxtest::inChild([&] { return firewall_unlock(handle); }), 0);
+    EXPECT_TRUE(isFree()) << "given back by the child for both";
+    EXPECT_EQ(firewall_unlock(handle), 0);
+    const pid_t holder = vxtest::startChild([] {
+        (void)firewall_lock();
+        const pid_t heir = ::fork();
+        if (heir == 0) {
+            ::pause();
+            ::_exit(0);
+        }
+        vxtest::writeFile("/tmp/heir", std::to_string(heir));
+        return 0;
+    });
+    EXPECT_EQ(vxtest::waitChild(holder), 0);
+    EXPECT_FALSE(isFree()) << "the child of a process that has ended holds it";
+    ::kill(std::stoi(vxtest::readFile("/tmp/heir")), SIGKILL);
+    EXPECT_TRUE(vxtest::eventually([] { return isFree(); }));
+    EXPECT_THAT(log.take(), testing::IsEmpty());
+}
+
 TEST_F(FirewallLock, IsNotInheritedByPrograms) {
     firewall_lock_handle *handle = firewall_lock();
     ASSERT_NE(handle, nullptr);

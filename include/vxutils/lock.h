@@ -20,9 +20,9 @@
  *
  * **Threads, signals, fork.** Any thread may call the functions. The directory lock has no owner: it stays until
  * release_lock(), even when the process that took it dies. The firewall lock ends with the process that holds it. It is
- * not inherited across exec, but a forked child shares it until the child ends, too. A process that takes it twice
- * waits for itself without end. Signals do not end the waits, except that they shorten one sleep of acquire_lock(). Not
- * for signal handlers.
+ * not inherited across exec, but a forked child shares it: firewall_unlock() in either process gives it back for both,
+ * and without that it lasts until both have ended. A process that takes it twice waits for itself without end. Signals
+ * do not end the waits, except that they shorten one sleep of acquire_lock(). Not for signal handlers.
  *
  * **Blocking.** acquire_lock() sleeps for 1 s after each failure. firewall_lock() waits until the lock is free, without
  * a limit: do not call it in an event loop.
