@@ -10,9 +10,12 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <filesystem>
 #include <memory>
 #include <new>
+#include <optional>
+#include <utility>
 
 #include "support/call_hooks.h"
 #include "support/files.h"
@@ -22,6 +25,7 @@
 #include "support/syslog_capture.h"
 
 VXTEST_HOOK(int, closedir, (DIR * directory), (directory))
+VXTEST_HOOK(int, fclose, (FILE * file), (file))
 VXTEST_HOOK(FILE *, fdopen, (int fd, const char *mode), (fd, mode))
 
 namespace {
@@ -116,6 +120,24 @@ TEST_F(SimpleSms, SendingHandsTheFileToTheTool) {
     struct stat status {};
     ASSERT_EQ(::stat(files[0].c_str(), &status), 0);
     EXPECT_EQ(status.st_mode & 0777U, 0600U);
+}
+
+// What fork() in another thread of a daemon does: exit() writes what the child's copies of the streams hold.
+TEST_F(SimpleSms, AChildForkedWhileTheFileIsWrittenMayEndWithExit) {
+    tool(0);
+    bool forked = false;
+    {
+        const vxtest::Hooked forking(vxtest::hooks::fclose, [&](FILE *) -> std::optional<int> {
+            if (std::exchange(forked, true)) return std::nullopt;
+            const pid_t child = ::fork();
+            if (child == 0) std::exit(0);
+            EXPECT_EQ(vxtest::waitChild(child), 0);
+            return std::nullopt;
+        });
+        EXPECT_EQ(CSimpleSMS("1", "hello").send(), 0);
+    }
+    EXPECT_TRUE(forked);
+    EXPECT_EQ(vxtest::readFile("/tmp/sent"), "To: 1\n\nhello\n");
 }
 
 TEST_F(SimpleSms, WhatTheToolRefusesIsRemoved) {

@@ -53,7 +53,7 @@ public:
 
     /**
      * Make an outgoing message.
-     * @param number  recipient
+     * @param number  recipient; a NUL byte ends it
      * @param text    body; a NUL byte ends it
      */
     CSimpleSMS(const std::string &number, const std::string &text);
