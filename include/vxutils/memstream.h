@@ -54,7 +54,7 @@ typedef struct mem_stream mem_stream;
  * Append formatted text, as the C library's vsnprintf() writes it.
  *
  * @param stream stream
- * @param format printf format
+ * @param format printf format; neither it nor a text among its arguments may be in the stream's buffer
  * @return 0 when all of it fitted; 1 when it was cut (the stream is full then), or @c buf_size is 0 (nothing is
  *         written)
  */
