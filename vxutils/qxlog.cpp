@@ -11,15 +11,16 @@
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
-#include <memory>
 #include <optional>
 #include <string_view>
 #include <utility>
 
 #include "vxutils/internal/errno_keeper.h"
 #include "vxutils/internal/fd.h"
+#include "vxutils/internal/handles.h"
 #include "vxutils/internal/line_buffer.h"
 #include "vxutils/internal/retry.h"
 #include "vxutils/internal/safe_open.h"
@@ -138,15 +139,6 @@ Lock lockFile(int fd, int operation, const char *path, vx::SemaphoreDeadline dea
     }
 }
 
-struct UnlockAndClose {
-    void operator()(FILE *file) const {
-        std::fflush(file);
-        unlockFile(::fileno(file));
-        std::fclose(file);
-    }
-};
-using LockedFile = std::unique_ptr<FILE, UnlockAndClose>;
-
 class LockedFd {
 public:
     explicit LockedFd(Fd fd) : fd_(std::move(fd)) {}
@@ -194,18 +186,37 @@ Fd openEmptiedTemporary(const Limits &limits) {
     }
 }
 
-// Without a buffer: a child that another thread forks meanwhile has a copy of it, and exit() would write it there.
-LockedFile toStream(Fd fd) {
-    if (!fd.valid()) return nullptr;
-    LockedFile file(::fdopen(fd.get(), "w+"));
-    if (file) {
-        (void)fd.release();
-        (void)std::setvbuf(file.get(), nullptr, _IONBF, 0);
-    } else {
-        unlockFile(fd.get());
+// The new log's text, which becomes the temporary file's content at once. Gathered in memory: of a stream that writes to
+// the file a child that another thread forks meanwhile has a copy, and exit() would write what the copy holds.
+class NewText {
+public:
+    NewText() : stream_(::open_memstream(&text_, &size_)) {}
+    ~NewText() {
+        stream_.reset();
+        std::free(text_);
     }
-    return file;
-}
+    NewText(const NewText &) = delete;
+    NewText &operator=(const NewText &) = delete;
+
+    [[nodiscard]] bool valid() const { return stream_ != nullptr; }
+    [[nodiscard]] FILE *stream() const { return stream_.get(); }
+
+    // False with errno when not all of it could be gathered or written.
+    bool writeTo(int fd) {
+        if (std::fflush(stream_.get()) != 0 || std::ferror(stream_.get()) != 0) return false;
+        for (size_t done = 0; done < size_;) {
+            const ssize_t written = vx::retryEintr([&] { return ::write(fd, text_ + done, size_ - done); });
+            if (written == -1) return false;
+            done += static_cast<size_t>(written);
+        }
+        return true;
+    }
+
+private:
+    char *text_ = nullptr;
+    size_t size_ = 0;
+    vx::FilePtr stream_;
+};
 
 // Opens the log for reading, with a lock that keeps qxlog_clear() from cutting it off in the middle of a line. If
 // another process holds the lock for too long, the log is read without it.
@@ -284,17 +295,17 @@ int qxlog(int number, const char *message) {
     char time[timeSize];
     if (std::strftime(time, sizeof time, timeFormat, &local) == 0) return failed("strftime");
 
-    LockedFile temporary = toStream(openEmptiedTemporary(limits));
-    if (!temporary) return failed("open");
-    std::fprintf(temporary.get(), "%d: %s %s\n", number, time, vx::VisibleText(message).c_str());
-    if (!copyOldLines(temporary.get(), limits)) return failed("open");
-    // The file is complete when it becomes the log, and locked until then.
-    if (std::fflush(temporary.get()) != 0 || std::ferror(temporary.get()) != 0 ||
-        std::rename(temporaryPath, logPath) == -1) {
-        return failed("rename");
+    {
+        const LockedFd temporary(openEmptiedTemporary(limits));
+        if (!temporary.valid()) return failed("open");
+        NewText text;
+        if (!text.valid()) return failed("open");
+        std::fprintf(text.stream(), "%d: %s %s\n", number, time, vx::VisibleText(message).c_str());
+        if (!copyOldLines(text.stream(), limits)) return failed("open");
+        // The file is complete when it becomes the log, and locked until then.
+        if (!text.writeTo(temporary.get()) || std::rename(temporaryPath, logPath) == -1) return failed("rename");
+        ::fchmod(temporary.get(), logMode);  // not before: other writers would take the file for a stranger's
     }
-    ::fchmod(::fileno(temporary.get()), logMode);  // not before: other writers would take the file for a stranger's
-    temporary.reset();
 
     return turn.giveBack() ? 0 : failed("semop");
 }

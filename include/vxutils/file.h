@@ -96,8 +96,8 @@ typedef struct file_line file_line;
  * @param lines initialised head of a list; a file_line for each line is added at its tail. The caller frees records and
  *              texts.
  * @return the number of entries appended, 0 for a directory; READFILE_OPEN_FAILED, also for NULL arguments and for what
- *         is neither a regular file nor a directory (ENXIO); READFILE_OUT_OF_MEMORY (logged, LOG_ERR), after which the entries that were appended stay in
- *         the list
+ *         is neither a regular file nor a directory (ENXIO); READFILE_OUT_OF_MEMORY (logged, LOG_ERR), after which the
+ *         entries that were appended stay in the list
  */
 VXUTILS_API int read_file_lines(const char *path, struct list_link *lines);
 

@@ -15,8 +15,8 @@
  *
  * **Threads, signals, fork.** Any number of threads and processes may call the functions at once. A child that is
  * forked while another thread is inside a call keeps no lock of that call, and changes nothing in the log when it ends
- * with exit(). If its parent has threads, it should call
- * the functions after exec() only: another thread may have held a lock of the C library. Not for signal handlers.
+ * with exit(). If its parent has threads, it should call the functions after exec() only: another thread may have held
+ * a lock of the C library. Not for signal handlers.
  *
  * **Blocking.** The calls of all processes take turns by a System V semaphore. Every call first sets it to free (Quirk
  * Q91), so a process that died in the middle never blocks the log. If two writers get their turn together, they wait

@@ -341,6 +341,7 @@ extern "C" int fcntl(int fd, int command, ...) {
 }
 
 VX_CALL(FILE *, fopen, (const char *path, const char *mode), (path, mode), nullptr, EMFILE, ENOMEM)
+VX_CALL_NOEXCEPT(FILE *, open_memstream, (char **text, size_t *size), (text, size), nullptr, ENOMEM)
 VX_CALL_NOEXCEPT(FILE *, fdopen, (int fd, const char *mode), (fd, mode), nullptr, ENOMEM)
 VX_DONE_BUT(int, fclose, (FILE * file), (file), EOF, EIO)
 VX_CALL(int, fflush, (FILE * file), (file), EOF, ENOSPC, EIO)
