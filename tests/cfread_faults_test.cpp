@@ -417,6 +417,36 @@ TEST_F(CfreadMemory, OutOfMemoryForTheCopiesAlsoClearsSlotZero) {
     EXPECT_EQ(log.take(), error("cfread: unable to add entry 'second' in /etc/vx/main.conf"));
 }
 
+// Each such failure lowers the count by one, so it no longer tells how many entries the search has to hold.
+TEST_F(CfreadMemory, EntriesAreFoundAlsoWhenTheCountIsTooLow) {
+    if (vxtest::emulated()) GTEST_SKIP() << "user-mode emulation does not pass memory limits through";
+    constexpr int failures = 160;
+    EXPECT_EQ(vxtest::inChild([] {
+                  constexpr unsigned int enough = 20;  // seconds, in place of a search without end
+                  constexpr int entries = 400;
+                  ::alarm(enough);
+                  const Table table = openText("");
+                  const char *huge = hugeText(257u << 20);
+                  if (huge == nullptr) return 10;
+                  limitMemory();
+                  for (int i = 0; i < failures; ++i) {
+                      if (cfread_set_entry(table.get(), "k", huge) != nullptr) return 1;
+                  }
+                  if (table->count != -failures) return 2;
+                  for (int i = 0; i < entries; ++i) {
+                      const std::string text = std::to_string(i);
+                      if (cfread_set_entry(table.get(), text.c_str(), text.c_str()) == nullptr) return 3;
+                  }
+                  for (int i = 0; i < entries; ++i) {
+                      const std::string text = std::to_string(i);
+                      if (value(table, text.c_str()) != text) return 4;
+                  }
+                  return value(table, "none") == "(none)" ? 0 : 5;
+              }),
+              0);
+    EXPECT_EQ(log.take().size(), static_cast<size_t>(failures));
+}
+
 TEST_F(CfreadMemory, TheProcessEndsWhenNoSlotNumberIsLeft) {
     EXPECT_EQ(vxtest::inChild([] {
                   cfread_table table{};

@@ -147,10 +147,18 @@ void putCell(Index &index, uint32_t hash, int slot) {
     *cell = {hash, slot + 1};
 }
 
+// Counts the entries themselves: after quirk Q34 the table's count is too low, even negative.
+uint32_t countEntries(const cfread_table &table) {
+    uint32_t entries = 0;
+    for (int slot = 0; slot < table.size; ++slot) entries += table.entries[slot] != nullptr ? 1 : 0;
+    return entries;
+}
+
 // Replaces the cells by at least twice as many as there are entries. Without memory the table has no cells any more.
 void renewCells(cfread_table &table, Index &index) {
+    const uint32_t entries = countEntries(table);
     uint32_t cellCount = firstCells;
-    while (cellCount / 2 < static_cast<uint32_t>(std::max(table.count, 0))) cellCount *= 2;
+    while (cellCount / 2 < entries) cellCount *= 2;
     const vx::MallocPtr<Cell> old(index.cells);
     const uint32_t oldCount = std::exchange(index.cellCount, cellCount);
     index.cells = static_cast<Cell *>(std::calloc(cellCount, sizeof(Cell)));
@@ -174,7 +182,7 @@ Index *privatePart(cfread_table &table) {
         table.index = static_cast<Index *>(zalloc(sizeof(Index)));
         if (table.index == nullptr) return nullptr;
         table.index->slotRoom = std::max(table.size, 0);
-        table.index->separate = table.count != 0;
+        table.index->separate = countEntries(table) != 0;
     }
     Index &index = *table.index;
     if (index.cells == nullptr || index.used >= index.cellCount / 4 * 3) renewCells(table, index);
