@@ -192,6 +192,12 @@ TEST(Strformat, FormatsIntoOneBuffer) {
     EXPECT_STREQ(first, "2.5");
 }
 
+TEST(Strformat, AnArgumentMayBeTheResultOfAnEarlierCall) {
+    EXPECT_STREQ(strformat("%s/%s", strformat("/sys/%s", "class"), "net"), "/sys/class/net");
+    EXPECT_STREQ(strformat("%d: %s", 7, strformat("%s", "text")), "7: text");
+    EXPECT_EQ(::strlen(strformat("%s%s", strformat("%2046d", 1), "more")), 2046U);
+}
+
 TEST(Strformat, ANullFormatEmptiesTheBuffer) {
     const char *const buffer = strformat("abc");
     const char *volatile none = nullptr;

@@ -16,7 +16,7 @@ namespace {
 constexpr char whiteSpace[] = " \t\r\n";
 
 constexpr size_t formatLimit = 2047;  // what vsnprintf may write into the static buffer, terminator included
-char formatted[formatLimit + 1];
+char formatted[formatLimit];
 
 constexpr long long firstYear = 1999;
 constexpr long long lastYear = 2035;
@@ -119,14 +119,17 @@ char *stripchars(char *s, const char *set) {
 char *stripwhite(char *s) { return stripchars(s, whiteSpace); }
 
 const char *strformat(const char *fmt, ...) {
-    formatted[0] = '\0';
-    if (fmt == nullptr) return formatted;
-    const vx::ErrnoKeeper keeper;
-    va_list args;
-    va_start(args, fmt);
-    (void)std::vsnprintf(formatted, formatLimit, fmt, args);
-    va_end(args);
-    return formatted;
+    // The format and its arguments may be results of earlier calls, which lie in the static buffer.
+    char text[formatLimit];
+    text[0] = '\0';
+    if (fmt != nullptr) {
+        const vx::ErrnoKeeper keeper;
+        va_list args;
+        va_start(args, fmt);
+        (void)std::vsnprintf(text, sizeof text, fmt, args);
+        va_end(args);
+    }
+    return std::strcpy(formatted, text);
 }
 
 char *escape(const char *src, size_t n, char *dst, size_t size) {

@@ -131,7 +131,8 @@ VXUTILS_API char *stripwhite(char *s);
 /**
  * Format into a static buffer with the C library's vsnprintf(): for a log line or a path that is used at once.
  *
- * All callers of the process share one buffer, so only one thread at a time may use it.
+ * All callers of the process share one buffer, so only one thread at a time may use it. An argument may be the result
+ * of an earlier call.
  *
  * @param fmt printf format; NULL empties the buffer
  * @return the buffer, valid until the next call; a text of more than 2046 characters is cut
