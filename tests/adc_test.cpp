@@ -1,11 +1,13 @@
 // SPDX-License-Identifier: MIT
 #include <vxutils/adc.h>
 
+#include <locale.h>
 #include <sys/stat.h>
 #include <syslog.h>
 #include <unistd.h>
 
 #include <climits>
+#include <cstdlib>
 #include <filesystem>
 
 #include "support/board.h"
@@ -59,6 +61,26 @@ TEST_F(Adc, MultipliesByTheScaleFile) {
     vxtest::writeFile(scale, "no number");
     EXPECT_EQ(adc_read(raw, scale, &value), 0);
     EXPECT_EQ(value, 0.0F);
+}
+
+TEST_F(Adc, TheFactorHasADecimalPointInEveryLocale) {
+    vxtest::writeFile("/tmp/comma.def",
+                      "LC_NUMERIC\ndecimal_point \",\"\nthousands_sep \"\"\ngrouping -1\nEND LC_NUMERIC\n");
+    vxtest::run({"/bin/sh", "-c", "localedef -c -i /tmp/comma.def -f UTF-8 /tmp/comma"});
+    vxtest::writeFile(raw, "100\n");
+    vxtest::writeFile(scale, "0.5\n");
+    constexpr int noLocale = 77;
+    const int result = vxtest::inChild([] {
+        ::setenv("LOCPATH", "/tmp", 1);
+        const locale_t comma = ::newlocale(LC_NUMERIC_MASK, "comma", nullptr);
+        if (comma == nullptr) return noLocale;
+        ::uselocale(comma);
+        if (std::strtod("0,5", nullptr) != 0.5) return 1;
+        float volts = 0;
+        return adc_read(raw, scale, &volts) == 0 && volts == 50.0F ? 0 : 2;
+    });
+    if (result == noLocale) GTEST_SKIP() << "this machine cannot make a locale with a decimal comma";
+    EXPECT_EQ(result, 0);
 }
 
 TEST_F(Adc, FailsWithZeroWhereAFileIsMissingOrEmpty) {

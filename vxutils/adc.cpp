@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include <vxutils/adc.h>
 
+#include <locale.h>  // newlocale
 #include <sys/stat.h>
 #include <syslog.h>
 #include <unistd.h>
@@ -9,7 +10,7 @@
 
 #include <array>
 #include <cstdio>
-#include <cstdlib>
+#include <cstdlib>  // strtod_l
 
 #include "vxutils/internal/log.h"
 #include "vxutils/internal/number.h"
@@ -37,6 +38,15 @@ bool isRegularFile(const char *path, bool &exists) {
     return exists && S_ISREG(status.st_mode);
 }
 
+// Reads a factor as drivers write it, with a decimal point. The program's locale may have a comma there. The C library
+// has the "C" locale ready: asking for it allocates nothing and cannot fail.
+double toFactor(const char *text) {
+    const locale_t cLocale = ::newlocale(LC_ALL_MASK, "C", nullptr);
+    const double factor = ::strtod_l(text, nullptr, cLocale);
+    ::freelocale(cLocale);
+    return factor;
+}
+
 // Multiplies what a converter gave by the board's factor, which leaves a failure's 0 as it is.
 int multiplied(int result, float *value, double factor) {
     if (value != nullptr) *value = static_cast<float>(static_cast<double>(*value) * factor);
@@ -59,7 +69,7 @@ int adc_read(const char *raw_path, const char *scale_path, float *value) {
     if (scale_path != nullptr) {
         text = readfile_r(scale_path, buffer.data(), buffer.size());
         if (*text == '\0') return -1;
-        factor = std::strtod(text, nullptr);
+        factor = toFactor(text);
     }
     *value = static_cast<float>(raw * factor);
     return 0;

@@ -42,7 +42,7 @@ VXUTILS_BEGIN_DECLS
 /**
  * Read a converter.
  * @param raw_path    file with the converter's number; NULL gives -1
- * @param scale_path  file with the factor; NULL for a factor of 1
+ * @param scale_path  file with the factor, which has a decimal point in every locale; NULL for a factor of 1
  * @param value       receives number × factor, or 0 on failure; NULL gives -1
  * @return 0; -1 when a pointer is NULL, a file is missing or empty, or the number is below 0
  */
