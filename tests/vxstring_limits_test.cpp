@@ -415,6 +415,16 @@ TEST(StringSearch, ASearchFromTheStartEndsAtTheFirstNul) {
     EXPECT_EQ(s.indexOfIgnoreCase(nul), 8) << "strnicmp sees no difference after two NULs";
     EXPECT_EQ(s.indexOfIgnoreCase(String("NEEDLE")), 9) << "the search itself goes on after a NUL";
     EXPECT_EQ(s.lastIndexOf(String("needle")), 16);
+    EXPECT_EQ(s.lastIndexOf('n'), 16);
+    EXPECT_EQ(s.lastIndexOfIgnoreCase(String("NEEDLE")), 16);
+}
+
+TEST(StringQuery, ASubstringWithAnEndEndsAtTheFirstNul) {
+    String s;
+    s.concat("ab\0cd", 5);
+    EXPECT_EQ(text(s.substring(0, 5)), "ab");
+    EXPECT_EQ(text(s.substring(3, 5)), "");
+    EXPECT_EQ(text(s.substring(1)), std::string("b\0cd", 4)) << "without an end it holds all";
 }
 
 // --- changes
@@ -514,10 +524,20 @@ TEST(StringChange, WhereTheTwoFormattersDifferTheMeasuredLengthHolds) {
     EXPECT_EQ(text(s), "(ni");
     s.format("%lld", 123456789LL);  // measured as "ld" would be: two characters
     EXPECT_EQ(text(s), "12");
+    s.format("%#.3o", 8U);  // measured with the prefix before three digits, of which the system makes it the first
+    EXPECT_EQ(text(s), std::string("010\0", 4));
+    s.format("%.0c|", 'x');  // measured without the character
+    EXPECT_EQ(text(s), "x");
     String t("x");
     t.concatf("%.0d|", 0);
     EXPECT_EQ(text(t), std::string("x|\0", 3));
     EXPECT_EQ(t.c_str()[3], '\0');
+}
+
+TEST(StringChange, AFormattedTextAboveTheLimitCountsAsEmpty) {
+    String s("old");
+    EXPECT_EQ(text(s.concatf("%2000000000d%2000000000d", 1, 2)), "old");
+    EXPECT_TRUE(isEmptyBuffer(s.format("%2000000000d%2000000000d", 1, 2)));
 }
 
 TEST(StringChange, TheMeasuredLengthHoldsForFormatsOfEveryShape) {

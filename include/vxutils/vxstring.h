@@ -14,9 +14,10 @@
  * name.format("%lu", (unsigned long)sizeof path);      // not %zu: format() lists the conversions that it understands
  * @endcode
  *
- * **Texts.** A text is any sequence of bytes, always followed by a NUL. It may hold NULs, but comparisons by `strcmp`
- * and searches see it only up to the first one. Case is folded for `A`..`Z` only, whatever the locale. A position out
- * of range is never an error: each operation says what it does then.
+ * **Texts.** A text is any sequence of bytes, always followed by a NUL. It may hold NULs, but comparisons by `strcmp`,
+ * indexOf(), toInteger() and substring() with an end see it only up to the first one. The other searches see all of it.
+ * Case is folded for `A`..`Z` only, whatever the locale. A position out of range is never an error: each operation says
+ * what it does then.
  *
  * **Ownership.** Copies share one block (String::StringBuffer). An operation that changes a String with a shared block
  * gives it a block of its own first. c_str() is valid until the next change or the end of the String. An argument may
@@ -32,7 +33,8 @@
  * **Errors.** The process is aborted when there is no memory for a text, or when a text would be longer than the limit.
  * No operation throws.
  *
- * **Limits.** Lengths and positions are `long` and count bytes; a text is at most 2^31 - 1 bytes long.
+ * **Limits.** Lengths and positions are `long` and count bytes; a text is at most 2^31 - 1 bytes long. A formatted text
+ * that would be longer counts as empty.
  *
  * **Privileges.** None.
  *
@@ -283,11 +285,12 @@ public:
     String substring(long begin) const;
 
     /**
-     * Copy the piece from @p begin up to, not including, @p end. A negative @p begin starts at 0 without shortening
-     * the piece: `substring(-2, 3)` gives the first five bytes (Quirk Q3).
+     * Copy the piece from @p begin up to, not including, @p end. It ends at the text's first NUL at the latest. A
+     * negative @p begin starts at 0 without shortening the piece: `substring(-2, 3)` gives the first five bytes (Quirk
+     * Q3).
      * @param begin  position of the first byte
      * @param end    position after the last byte
-     * @return the piece; empty unless @p begin is below @p end and below the length.
+     * @return the piece; empty unless @p begin is below @p end, below the length and not after the first NUL.
      */
     String substring(long begin, long end) const;
 
@@ -418,8 +421,9 @@ public:
      * numbers. Pass a `size_t` as `%lu` with a cast to `unsigned long`, and a `long long` or a `double` as a text. The
      * reason (Quirk Q4): the length comes from strlenf() (xprintf.h) and the bytes from the system's `vsnprintf`. A
      * conversion that only the latter knows (`%zu`, `%lld`, `%hhu`, `%f`, `%e`, `%g`) is measured without its argument,
-     * `%ls` and `%lc` as bytes, and the text is cut or filled with NULs to that length. An empty result gives the
-     * shared empty buffer.
+     * `%ls` and `%lc` as bytes, and the text is cut or filled with NULs to that length. So it is with NULL for `%p` and
+     * for a `%s` with a precision, with the number 0 and a precision of 0, with `%#o` and a precision, and with a `%c`
+     * whose precision is 0. An empty result gives the shared empty buffer.
      * @param fmt format; NULL counts as empty
      * @return this String
      */
