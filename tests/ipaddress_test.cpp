@@ -296,6 +296,12 @@ TEST(IpAddressKind, OfTheUsualAddresses) {
     EXPECT_TRUE(IpAddress("255.255.255.255").isLimBcType());
     const IpAddress tooLong("192.168.1.5/31");
     EXPECT_FALSE(tooLong.isNetType() || tooLong.isIfaceType() || tooLong.isDirBcType() || tooLong.isValidAddress());
+    // Class D, class E, a first byte of 0, a network part of all ones.
+    for (const char *no : {"224.0.1.0/24", "240.0.0.0/8", "0.1.2.0/24", "192.0.0.0/2"}) {
+        EXPECT_FALSE(IpAddress(no).isNetType()) << no;
+    }
+    EXPECT_FALSE(IpAddress("224.0.1.5/24").isIfaceType());
+    EXPECT_FALSE(IpAddress("224.0.1.255/24").isDirBcType());
     const IpAddress gateway("0.0.0.0/0");
     EXPECT_TRUE(gateway.isDefGwType());
     EXPECT_TRUE(gateway.isNetType());

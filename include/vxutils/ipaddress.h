@@ -246,18 +246,20 @@ public:
      */
     bool isLimBcType() const;
     /**
-     * Tell whether this is a network, its host part all zeros, with a prefix of 2 to 30 bits; or the default gateway.
+     * Tell whether this is a network, its host part all zeros, or the default gateway. A network is of class A, B or C,
+     * has a first byte other than 0 and a valid mask of 2 to 30 bits, and its network part is not all zeros or all
+     * ones.
      * @return whether this is such an address
      */
     bool isNetType() const;
     /**
-     * Tell whether this is a host within a network, its host part neither all zeros nor all ones, with a prefix of 2 to
-     * 30 bits.
+     * Tell whether this is a host within such a network as isNetType() describes, its host part neither all zeros nor
+     * all ones.
      * @return whether this is such an address
      */
     bool isIfaceType() const;
     /**
-     * Tell whether this is a network's broadcast, its host part all ones, with a prefix of 2 to 30 bits.
+     * Tell whether this is the broadcast of such a network as isNetType() describes, its host part all ones.
      * @return whether this is such an address
      */
     bool isDirBcType() const;
