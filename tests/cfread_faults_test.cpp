@@ -77,6 +77,14 @@ TEST_F(CfreadFiles, ALongCommentGoesOnAsANewLine) {
     EXPECT_EQ(log.take(), error("cfread: non-terminated entry in /etc/vx/main.conf at line 3"));
 }
 
+TEST_F(CfreadFiles, ALongIncludeOrACarriageReturnGoesOnAsANewLine) {
+    vxtest::writeFile("/etc/vx/more.conf", "m=1\n");
+    const std::string include = "include more.conf";
+    EXPECT_EQ(read(include + std::string(1023 - include.size(), ' ') + "a=1\n"), (Pairs{{"m", "1"}, {"a", "1"}}));
+    const std::string entry = "k=1\r";
+    EXPECT_EQ(read(entry + std::string(1023 - entry.size(), 'c') + "a=1\n"), (Pairs{{"k", "1"}, {"a", "1"}}));
+}
+
 TEST_F(CfreadFiles, AFifoIsReadAsItComes) {
     vxtest::makeDirs("/etc/vx");
     ASSERT_EQ(::mkfifo("/etc/vx/fifo", 0600), 0);
