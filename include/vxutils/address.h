@@ -22,8 +22,8 @@
  * **Ownership.** All memory belongs to the caller; the functions keep no pointer.
  *
  * **Threads, signals, fork.** The functions keep no state: any number of threads may call them at once, also in a
- * forked child. They call only inet_ntop() and inet_pton() of the C library, which POSIX does not list for signal
- * handlers.
+ * forked child. Not for signal handlers: inet_ntop(), inet_pton() and snprintf(), which some of them call, are not on
+ * POSIX's list for these.
  *
  * **Blocking.** No call blocks.
  *
