@@ -79,7 +79,8 @@ public:
     virtual void getCompleteHash(unsigned char *out) = 0;
 
     /**
-     * Digest "abc", compare with the published digest and begin a new message.
+     * Digest "abc", compare with the published digest and begin a new message as initialize() with 0 does: getHash()
+     * then writes the complete digest.
      * @return 0 when they are equal, else -1
      */
     virtual int test() = 0;
