@@ -4,10 +4,46 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+
+#include "support/call_hooks.h"
 #include "support/files.h"
 #include "support/interruptions.h"
 #include "support/process.h"
 #include "support/resources.h"
+
+VXTEST_HOOK(FILE *, popen, (const char *command, const char *mode), (command, mode))
+
+namespace {
+
+bool noMemoryForTexts = false;
+
+__attribute__((format(printf, 2, 0))) int makeText(char **text, const char *format, va_list args) {
+    if (!noMemoryForTexts) return ::vasprintf(text, format, args);
+    errno = ENOMEM;
+    return -1;
+}
+
+}  // namespace
+
+// By the name that the library calls: the second one where its headers are fortified.
+extern "C" __attribute__((format(printf, 2, 3))) int asprintf(char **text, const char *format, ...) noexcept {
+    va_list args;
+    va_start(args, format);
+    const int length = makeText(text, format, args);
+    va_end(args);
+    return length;
+}
+extern "C" __attribute__((format(printf, 3, 4))) int __asprintf_chk(char **text, int, const char *format,
+                                                                    ...) noexcept {
+    va_list args;
+    va_start(args, format);
+    const int length = makeText(text, format, args);
+    va_end(args);
+    return length;
+}
 
 namespace {
 
@@ -109,6 +145,22 @@ TEST_F(Provider, ANetworkMayBeTheTextThatTheLastCallReturned) {
     tool("nothing found\n");
     EXPECT_STREQ(pdb_find_provider(found), "");
     EXPECT_EQ(calls(), "[-n]\n[26201]\n");
+}
+
+TEST_F(Provider, WithoutMemoryForTheCommandNothingRuns) {
+    tool("provider: known\n");
+    EXPECT_STREQ(pdb_find_provider("1"), "known");
+    bool ran = false;
+    const vxtest::Hooked watching(vxtest::hooks::popen, [&](const char *, const char *) -> std::optional<FILE *> {
+        ran = true;
+        return std::nullopt;
+    });
+    noMemoryForTexts = true;
+    EXPECT_STREQ(pdb_find_provider("1"), "");
+    noMemoryForTexts = false;
+    EXPECT_FALSE(ran);
+    EXPECT_STREQ(pdb_find_provider("1"), "known");
+    EXPECT_TRUE(ran);
 }
 
 TEST_F(Provider, NullAndEmptyNetworksGiveNull) {
