@@ -3,6 +3,7 @@
 #include <vxutils/csemaphore.h>
 
 #include <fcntl.h>
+#include <linux/futex.h>
 #include <pthread.h>
 #include <sys/ipc.h>
 #include <sys/mman.h>
@@ -415,6 +416,45 @@ TEST_F(OwnerDeathFaults, WithoutRepairIsReportedToThreadsThatWaitAndToTrylock) {
     ::alarm(0);
     EXPECT_EQ(lock.trylock(), ENOTRECOVERABLE);
     EXPECT_EQ(lock.trylock(), ENOTRECOVERABLE);
+}
+
+// The one waiter that the C library wakes may be killed before it wakes the others. Threads that wait for the mutex
+// itself stand for it here: they do not wake the others.
+TEST_F(OwnerDeathFaults, WithoutRepairIsReportedToThoseWhoStillWaitWhenTrylockSeesTheLoss) {
+    constexpr int waiting = 4;
+    const std::string name = fresh();
+    CRecursiveSemaphore lock(name, manual());
+    log.take();
+    die(name);
+    ASSERT_EQ(lock.lock(), EOWNERDEAD);
+    const int fd = ::shm_open(name.c_str(), O_RDWR, 0);
+    void *const page = ::mmap(nullptr, sizeof(pthread_mutex_t), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+    ASSERT_NE(page, MAP_FAILED);
+    ::close(fd);
+    auto *const mutex = static_cast<pthread_mutex_t *>(page);
+    std::atomic<int> told{0};
+    std::array<std::atomic<pid_t>, waiting> waiters{};
+    std::vector<std::thread> threads;
+    for (std::atomic<pid_t> &waiter : waiters) {
+        threads.emplace_back([&] {
+            waiter = static_cast<pid_t>(::syscall(SYS_gettid));
+            EXPECT_EQ(pthread_mutex_lock(mutex), ENOTRECOVERABLE);
+            ++told;
+        });
+    }
+    for (std::atomic<pid_t> &waiter : waiters) {
+        ASSERT_TRUE(vxtest::eventually([&] { return waiter != 0 && sleeps(waiter); }));
+    }
+    EXPECT_EQ(lock.unlock(), 0);
+    EXPECT_TRUE(vxtest::eventually([&] { return told == 1; }));
+    EXPECT_EQ(lock.trylock(), ENOTRECOVERABLE);
+    EXPECT_TRUE(vxtest::eventually([&] { return told == waiting; })) << told;
+    while (told != waiting) {  // else a failure would hang here
+        ::syscall(SYS_futex, page, FUTEX_WAKE, waiting, nullptr, nullptr, 0);
+        ::usleep(1000);
+    }
+    for (std::thread &thread : threads) thread.join();
+    ::munmap(page, sizeof(pthread_mutex_t));
 }
 
 TEST_F(OwnerDeathFaults, ThatCannotBeRepairedIsLoggedAndReportedAllTheSame) {
