@@ -471,6 +471,12 @@ TEST(XmlReadAttr, DoesNotReadPastTheDocument) {
     EXPECT_EQ(xml_readattr(document.data(), "m"), nullptr);
 }
 
+TEST(XmlReadAttr, TakesItsOwnResultAsATag) {
+    const char *tag = xml_readattr("<wanted>name</wanted>", "wanted");
+    ASSERT_STREQ(tag, "name");
+    EXPECT_STREQ(xml_readattr("<>nameless</><name>wan1</name>", tag), "wan1");
+}
+
 TEST(XmlReadAttr, LeavesNothingOfTheResultBefore) {
     char *first = xml_readattr("<n>something long</n>", "n");
     EXPECT_EQ(xml_readattr("<m>x</m>", "n"), nullptr);

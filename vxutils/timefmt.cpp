@@ -140,18 +140,21 @@ const char *format_rate(int64_t bytes_per_second) {
 char *xml_readattr(const char *document, const char *tag) {
     static char element[elementSize];
     if (document == nullptr || *document == '\0' || tag == nullptr || *tag == '\0') return nullptr;
-    memset(element, 0, sizeof element);
+    // The tag may be this function's previous result: it is used up before the buffer is cleared.
     const std::string_view name(tag, strnlen(tag, longestTagName + 1));
-    if (name.size() > longestTagName) return nullptr;
+    const bool fits = name.size() <= longestTagName;
+    const Tag opening("<", name.substr(0, longestTagName));
+    const Tag closing("</", name.substr(0, longestTagName));
+    memset(element, 0, sizeof element);
+    if (!fits) return nullptr;
 
-    const Tag opening("<", name);
     const char *found = strstr(document, opening.text());
     if (found == nullptr) return nullptr;
     const char *content = found + strlen(opening.text());
     if (*content == '\0') return nullptr;
 
     memcpy(element, content, strnlen(content, sizeof element - 1));
-    char *end = strstr(element, Tag("</", name).text());
+    char *end = strstr(element, closing.text());
     if (end == nullptr) return nullptr;
     *end = '\0';
     return element;

@@ -111,7 +111,7 @@ VXUTILS_API const char *format_rate(int64_t bytes_per_second);
  * Find the raw text between the first "<tag>" of a document and the first "</tag>" after it. An element with attributes
  * is not found, nested elements and entities are not interpreted, and white space is kept.
  * @param document NUL-terminated text. It must not be this function's own previous result, which is cleared first.
- * @param tag name of the element, without brackets.
+ * @param tag name of the element, without brackets. It may be this function's own previous result.
  * @return static text, valid until the next call, which the caller may change until then. It and the closing tag have
  *         at most 1023 characters together. NULL when a pointer is NULL, a text is empty, a tag is missing, or the
  *         closing one does not end within the 1023 characters that follow the opening one.
