@@ -191,6 +191,22 @@ TEST_F(Eventsource, ATimerThatGotAClosedSinksNumberOutlivesTheSinksRemoval) {
     EXPECT_EQ(timer.counts, std::vector<unsigned int>{1});
 }
 
+TEST_F(Eventsource, ATimerThatGotAClosedSinksNumberOutlivesAChangeOfTheSinksMask) {
+    init();
+    Sink sink;
+    const int fd = sink.getFd();
+    source->addSink(&sink, IFDEventsource::ET_READ);
+    sink.closeNow();
+    Timer timer(1, true);
+    timer.whenFired = [&] { source->terminate(); };
+    source->addTimer(&timer);
+    ASSERT_EQ(timerDescriptors(), std::vector<int>{fd});
+    source->modifyEventMask(&sink, IFDEventsource::ET_NONE);
+    source->removeSink(&sink);
+    runUntilTerminated();
+    EXPECT_EQ(timer.counts, std::vector<unsigned int>{1});
+}
+
 TEST_F(Eventsource, ModifyingToTheStoredTypeMakesNoSystemCall) {
     init();
     Sink sink;

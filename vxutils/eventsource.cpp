@@ -151,6 +151,7 @@ void CEPollEventsource::modifyEventMask(IFDEventsink *sink, event_type type) {
     if (found == sinks_.end() || found->second.type == type) return;
     found->second.type = type;
     epoll_event event = eventFor(fd, eventTypeToEpoll(type));
+    if (timers_.contains(fd)) return;  // taken over, see removeSink(): the change would stop that timer
     Batch::narrow(tables().batch, fd, event.events);
     if (::epoll_ctl(epollFd_, EPOLL_CTL_MOD, fd, &event) == -1) {
         vx::log(DL_ERR, "Sink 0x%p (fd=%i) epoll_ctl(mod) failed - errno=%s", static_cast<void *>(sink), fd,
