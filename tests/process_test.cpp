@@ -3,13 +3,16 @@
 #include <sched.h>
 #include <sys/mount.h>
 #include <sys/prctl.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 #include <vxutils/process.h>
 
+#include <csignal>
 #include <cstring>
 #include <functional>
 #include <string>
+#include <thread>
 
 #include "support/files.h"
 #include "support/process.h"
@@ -84,6 +87,17 @@ TEST(PidAlive, EndsWhenAProcessHasEndedAndWasWaitedFor) {
 }
 
 // ------------------------------------------------------------------------------------------- get_parent_pid
+
+TEST(PidAlive, IsOneForTheNumberOfAThread) {
+    int alive = 0;
+    pid_t thread = 0;
+    std::thread([&] {
+        thread = static_cast<pid_t>(::syscall(SYS_gettid));
+        alive = pid_alive(thread);
+    }).join();
+    EXPECT_NE(thread, ::getpid());
+    EXPECT_EQ(alive, 1);
+}
 
 TEST(GetParentPid, IsTheFourthWordOfTheStatusLine) {
     EXPECT_EQ(vxtest::inChild([] { return get_parent_pid(::getpid()) == ::getppid() ? 0 : 1; }), 0);
@@ -304,6 +318,23 @@ TEST(ProcName, IsEmptyForNoProcessAndForZombies) {
     siginfo_t info{};
     ASSERT_EQ(::waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOWAIT), 0);
     EXPECT_STREQ(procname(pid), "");
+    vxtest::waitChild(pid);
+}
+
+// The kernel shows the command line of the first thread's memory, which that thread has given back.
+TEST(ProcName, IsEmptyForAProcessWhoseFirstThreadHasEnded) {
+    const pid_t pid = vxtest::startChild([]() -> int {
+        std::thread([] {
+            for (;;) ::pause();
+        }).detach();
+        ::syscall(SYS_exit, 0);  // this thread alone
+        return 1;
+    });
+    const std::string status = "/proc/" + std::to_string(pid) + "/status";
+    EXPECT_TRUE(vxtest::eventually([&] { return vxtest::readFile(status).find("State:\tZ") != std::string::npos; }));
+    EXPECT_STREQ(procname(pid), "");
+    EXPECT_EQ(pid_alive(pid), 1);
+    ::kill(pid, SIGKILL);
     vxtest::waitChild(pid);
 }
 

@@ -37,7 +37,8 @@
 VXUTILS_BEGIN_DECLS
 
 /**
- * Tell whether a process exists; one that has ended and was not waited for still does.
+ * Tell whether a process exists; one that has ended and was not waited for still does. The kernel answers for the
+ * number of any thread as it does for a process: a number from an old PID file may by now belong to a thread.
  * @param pid  process id; no process has 0 or a negative one
  * @return 1 when "/proc/PID" is readable, else 0
  */
@@ -72,7 +73,8 @@ VXUTILS_API int get_caller(char *dst, size_t n);
  * "utdown" for "shutdown" (Quirk Q52).
  * @param pid  process id
  * @return static text of at most 255 characters, valid until the next call; never NULL. Empty for a process that does
- *         not exist or has no command line (a kernel thread, a zombie).
+ *         not exist or has no command line (a kernel thread, a zombie, a process whose first thread has ended while
+ *         others still run).
  */
 VXUTILS_API const char *procname(int pid);
 

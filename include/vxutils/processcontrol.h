@@ -92,8 +92,8 @@ private:
  * The list of all processes, in the order of the directory /proc.
  *
  * An entry's name is its command line with blanks between the arguments, cut after 255 bytes. A process without a
- * command line (a kernel thread, a zombie) is named after its number, "[2]"; it is in the list, but
- * getNumberOfProcesses() does not count it (Quirk Q53).
+ * command line (a kernel thread, a zombie, a process whose first thread has ended while others still run) is named
+ * after its number, "[2]"; it is in the list, but getNumberOfProcesses() does not count it (Quirk Q53).
  */
 class VXUTILS_API ProcessControl {
 public:
