@@ -81,6 +81,12 @@ TEST(DynamicModule, LoadsALibraryWithoutEntryPoints) {
     EXPECT_FALSE(isLoaded(bare));
 }
 
+TEST(DynamicModule, TheEmptyPathIsTheProgramItself) {
+    CDynamicModule module("");
+    EXPECT_EQ(module.load(nullptr), 0);
+    EXPECT_EQ(module.getClassFactory(), nullptr);
+}
+
 TEST(DynamicModule, IsNotLoadedTwice) {
     vxtest::SyslogCapture log;
     std::string diary;

@@ -22,7 +22,10 @@
  * - `getClassFactory`, without arguments: returns what getClassFactory() hands out.
  *
  * **Ownership.** The object owns the loaded library. Objects and functions of a plug-in must not be used any more after
- * its CDynamicModule was destroyed: their code is unloaded.
+ * its CDynamicModule was destroyed: their code is unloaded. That includes exceptions of a type that the plug-in
+ * defines: make the CDynamicModule outside the `try` block that catches them, or it is destroyed first. Destroy the
+ * object before exit(): one of static storage duration calls `dynamic_module_done` after the plug-in's own static
+ * objects have been destroyed.
  *
  * **Threads, signals, fork.** An object belongs to one thread at a time. Not for signal handlers. A forked child has
  * the library loaded too; its destructor calls `dynamic_module_done` a second time.
@@ -53,7 +56,7 @@ class VXUTILS_API CDynamicModule {
 public:
     /**
      * Load nothing yet.
-     * @param libPath path of the library, as dlopen() takes it; copied.
+     * @param libPath path of the library, as dlopen() takes it; copied. The empty path means the program itself.
      */
     CDynamicModule(const std::string &libPath);
 
