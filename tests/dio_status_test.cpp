@@ -168,8 +168,13 @@ TEST_F(DioStatus, NinetyNineLinesAreReadAndSet) {
     unsigned char on = 0;
     EXPECT_EQ(dio_roValue(97, &on), DIO_OK);
     EXPECT_EQ(on, 1);
+    std::memset(status.out.mask, 0xFF, sizeof status.out.mask);
     EXPECT_EQ(dio_setStatusOut(&status.out), DIO_OK);
-    EXPECT_EQ(board.happened().size(), 99U);
+    const auto happened = board.happened();
+    ASSERT_EQ(happened.size(), 99U);
+    EXPECT_EQ(happened[95], "out 96 = 1");
+    EXPECT_EQ(happened[96], "out 97 = 0");
+    EXPECT_EQ(happened[98], "out 99 = 0");
 }
 
 // What the C library's assertion handler prints before it aborts.

@@ -85,7 +85,7 @@ VXUTILS_API int dio_getStatusIn(dio_status_half *status);
 VXUTILS_API int dio_getStatusOut(dio_status_half *status);
 
 /**
- * Set the outputs 1 to count as the record says.
+ * Set the outputs 1 to count as the record says. Outputs 97 to 99, which have no bit, are set to 0.
  * @param status  a record's half for outputs, count at most 99; must not be NULL
  * @return DIO_OK, also for a count of 0; or the result of the first output that cannot be set, after which none is
  */
