@@ -176,6 +176,10 @@ TEST_F(Status, AddressAndMaskAreSetAndReadBackInHostOrder) {
     EXPECT_EQ(status.setIpV4Address("eth0", 0x0A010203), 1);
     EXPECT_TRUE(toolSays("eth0", "inet 10.1.2.3/8"));
     EXPECT_EQ(status.setIpV4Mask("eth0", 0xFF00FF00), 0) << "a mask with a hole";
+    EXPECT_EQ(status.setIpV4Address("eth0", 0xE0000001), 0) << "a multicast address";
+    EXPECT_EQ(status.getIpV4Address("eth0"), 0x0A010203U);
+    EXPECT_EQ(status.setIpV4Address("eth0", 0), 1);
+    EXPECT_EQ(status.getIpV4Address("eth0"), 0U) << "0 removes the address";
     EXPECT_EQ(status.getIpV4Address("lo"), 0x7F000001U);
     EXPECT_EQ(status.getIpV4Mask("lo"), 0xFF000000U);
 }

@@ -86,7 +86,7 @@ public:
     /**
      * Set the IPv4 address. The kernel sets the netmask of the address's class; call setIpV4Mask() afterwards.
      * @param name     interface's name
-     * @param address  address, in host order
+     * @param address  address, in host order; 0 removes the address
      * @return 1 on success, 0 on failure.
      */
     int setIpV4Address(const char *name, unsigned int address);
