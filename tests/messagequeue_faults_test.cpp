@@ -106,6 +106,20 @@ TEST_F(MessagequeueFaults, InitFailsWithoutDescriptors) {
     EXPECT_EQ(queue->init(), 0);
 }
 
+TEST_F(MessagequeueFaults, InitThrowsWhatTheSourceThrowsAndTheQueueCanBeDestroyed) {
+    struct FullSource : CEPollEventsource {
+        void addSink(IFDEventsink *, event_type) override { throw std::bad_alloc(); }
+    };
+    FullSource source;
+    ASSERT_EQ(source.init(), 0);
+    const auto before = vxtest::openDescriptors();
+    {
+        CMessageQueue unregistered(nullptr, &source);
+        EXPECT_THROW(unregistered.init(), std::bad_alloc);
+    }
+    EXPECT_EQ(vxtest::openDescriptors(), before);
+}
+
 TEST_F(MessagequeueFaults, SendingBeforeInitFailsAndQueuesNothing) {
     EXPECT_EQ(queue->send(CQMsg(1)), -1);
     EXPECT_EQ(log.take(), (Lines{{vxtest::errorLevel, "Unable to write to pipe - errno=Bad file descriptor"}}));

@@ -49,9 +49,11 @@
  *
  * **Threads, signals, fork.** Everything except CEPollEventsource::terminate() belongs to the one thread that runs the
  * loop; nothing is locked. To hand something to that thread use CMessageQueue (messagequeue.h). terminate() only writes
- * one byte to a pipe and keeps `errno`, so a signal handler may call it. After fork() the child shares the epoll set
- * and the pipe with its parent, and what it registers or removes changes the parent's loop: the child must not use its
- * copy, and makes a new source if it needs one.
+ * one byte to a pipe and keeps `errno`, so a signal handler may call it after init() has returned 0 (before that, the
+ * failure is logged, which a handler must not do). After fork() the child shares the epoll set and the pipe with its
+ * parent, and what it registers or removes changes the parent's loop: the child must not use its copy, and makes a new
+ * source if it needs one. Destructors of sinks that call removeSink() count as use: a child that does not call exec
+ * ends with _exit(), because exit() runs the destructors of static objects.
  *
  * **Blocking.** evtLoop() waits until something happens, without limit. Nothing else blocks. Callbacks must not block:
  * they hold up all other sinks and timers.

@@ -36,14 +36,16 @@
  * **Threads, signals, fork.** Any thread may call send(), lock() and unlock(); everything else belongs to the loop's
  * thread. The consumer is called without the lock held and may send to the same queue; such a message is served on a
  * later round. Not for signal handlers. A child of fork() must not use its parent's queue: the wake-up pipe would be
- * shared and the messages would not.
+ * shared and the messages would not. It must not destroy the queue either, because that takes the parent's queue out of
+ * the shared epoll set; a child that does not call exec ends with _exit(), which runs no destructors.
  *
  * **Blocking.** A sender never waits for the loop, only for another thread that is inside the queue or between lock()
  * and unlock().
  *
  * **Errors.** init() and send() return -1 with the reason in the system log. lock(), send() and onReadable() throw
  * std::system_error when the lock cannot be taken; that of onReadable() comes out of the loop. send() throws
- * std::bad_alloc when memory is short; nothing is queued then.
+ * std::bad_alloc when memory is short; nothing is queued then. The constructor throws std::bad_alloc as well, and
+ * init() throws what the source's addSink() throws; such a queue can only be destroyed.
  *
  * **Limits.** The number of messages is limited by memory alone. Messages sent before the loop runs wait for it.
  *
