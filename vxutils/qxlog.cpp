@@ -186,8 +186,8 @@ Fd openEmptiedTemporary(const Limits &limits) {
     }
 }
 
-// The new log's text, which becomes the temporary file's content at once. Gathered in memory: of a stream that writes to
-// the file a child that another thread forks meanwhile has a copy, and exit() would write what the copy holds.
+// The new log's text, which becomes the temporary file's content at once. Gathered in memory: a child that another
+// thread forks meanwhile has a copy of a stream's buffer, and exit() would write it to the file.
 class NewText {
 public:
     NewText() : stream_(::open_memstream(&text_, &size_)) {}
