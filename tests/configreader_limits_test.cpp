@@ -348,7 +348,7 @@ TEST_F(ConfigReaderMemory, GivingUpAnotherThreadsStringWaitsForAThreadThatIsTaki
 struct TextsAtTheEnd {
     const ConfigReader &reader;
     const char *before = nullptr;
-    const char *meanwhile = nullptr;
+    const char *atTheEnd = nullptr;
     const char *ofAnother = nullptr;
 
     void askAtTheEnd() {
@@ -360,7 +360,7 @@ struct TextsAtTheEnd {
             done.get_future().wait();
         });
         asked.get_future().wait();
-        meanwhile = reader.getValue("one", "none").c_str();
+        atTheEnd = reader.getValue("one", "none").c_str();
         done.set_value();
         another.join();
     }
@@ -397,7 +397,7 @@ TextsAtTheEnd textsAfterTheEndOfAThread(const ConfigReader &reader) {
 // Its thread_local objects may hold copies of the reader's Strings.
 TEST_F(ConfigReaderMemory, AThreadSharesNoStringUntilItsObjectsAreDestroyed) {
     const TextsAtTheEnd texts = textsAtTheEndOfAThread(reader);
-    EXPECT_EQ(texts.meanwhile, texts.before);
+    EXPECT_EQ(texts.atTheEnd, texts.before);
     EXPECT_NE(texts.ofAnother, texts.before);
     EXPECT_STREQ(texts.ofAnother, "first value");
 }
@@ -406,15 +406,15 @@ TEST_F(ConfigReaderMemory, AThreadThatAsksAfterThatSharesNoStringEither) {
     (void)reader.getValue("one", "none");  // the library's key is made first, so its destructor is called first
     const TextsAtTheEnd texts = textsAfterTheEndOfAThread(reader);
     EXPECT_EQ(texts.ofAnother, texts.before);
-    EXPECT_NE(texts.meanwhile, texts.ofAnother);
-    EXPECT_STREQ(texts.meanwhile, "first value");
+    EXPECT_NE(texts.atTheEnd, texts.ofAnother);
+    EXPECT_STREQ(texts.atTheEnd, "first value");
 }
 
 TEST_F(ConfigReaderMemory, TheStringsOfThreadsThatAskWhileTheyEndAreTakenOver) {
     (void)reader.getValue("one", "none");
     for (const auto texts : {textsAtTheEndOfAThread, textsAfterTheEndOfAThread}) {
         const TextsAtTheEnd first = texts(reader);
-        for (int i = 0; i < 3; ++i) EXPECT_EQ(texts(reader).meanwhile, first.meanwhile);
+        for (int i = 0; i < 3; ++i) EXPECT_EQ(texts(reader).atTheEnd, first.atTheEnd);
     }
 }
 

@@ -418,8 +418,8 @@ TEST_F(OwnerDeathFaults, WithoutRepairIsReportedToThreadsThatWaitAndToTrylock) {
     EXPECT_EQ(lock.trylock(), ENOTRECOVERABLE);
 }
 
-// The one waiter that the C library wakes may be killed before it wakes the others. Threads that wait for the mutex
-// itself stand for it here: they do not wake the others.
+// The one waiter that the C library wakes may be killed before it wakes the others. The test does this with threads that
+// wait for the mutex itself: when one of them is woken, it wakes none of the others.
 TEST_F(OwnerDeathFaults, WithoutRepairIsReportedToThoseWhoStillWaitWhenTrylockSeesTheLoss) {
     constexpr int waiting = 4;
     const std::string name = fresh();

@@ -278,7 +278,7 @@ TEST_F(CopyDirectory, IntoItselfThroughABindMountEndsWhereItMeetsItsDestination)
     vxtest::makeDirs(path("mounted"));
     ASSERT_EQ(::mount(path("small/sub").c_str(), path("mounted").c_str(), nullptr, MS_BIND, nullptr), 0);
     const int result = vxtest::inChild([] {
-        ::alarm(2);  // a copy without end ends then
+        ::alarm(20);  // a copy without end ends then
         return copyDirectory(path("small"), path("mounted/copy")) == -1 && errno == EINVAL ? 0 : 1;
     });
     EXPECT_EQ(result, 0);

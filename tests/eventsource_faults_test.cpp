@@ -176,35 +176,38 @@ TEST_F(Eventsource, AClosedSinkCanStillBeRemoved) {
     EXPECT_GT(next.reads, 0);
 }
 
-TEST_F(Eventsource, ATimerThatGotAClosedSinksNumberOutlivesTheSinksRemoval) {
-    init();
+// A sink is closed before it is removed, and a timer gets its number.
+class TimerWithAClosedSinksNumber : public Eventsource {
+protected:
+    void SetUp() override {
+        Eventsource::SetUp();
+        init();
+        const int fd = sink.getFd();
+        source->addSink(&sink, IFDEventsource::ET_READ);
+        sink.closeNow();
+        timer.whenFired = [this] { source->terminate(); };
+        source->addTimer(&timer);
+        ASSERT_EQ(timerDescriptors(), std::vector<int>{fd});
+    }
+
+    void expectTheTimerFires() {
+        runUntilTerminated();
+        EXPECT_EQ(timer.counts, std::vector<unsigned int>{1});
+    }
+
     Sink sink;
-    const int fd = sink.getFd();
-    source->addSink(&sink, IFDEventsource::ET_READ);
-    sink.closeNow();
-    Timer timer(1, true);
-    timer.whenFired = [&] { source->terminate(); };
-    source->addTimer(&timer);
-    ASSERT_EQ(timerDescriptors(), std::vector<int>{fd});
+    Timer timer{1, true};
+};
+
+TEST_F(TimerWithAClosedSinksNumber, OutlivesTheSinksRemoval) {
     source->removeSink(&sink);
-    runUntilTerminated();
-    EXPECT_EQ(timer.counts, std::vector<unsigned int>{1});
+    expectTheTimerFires();
 }
 
-TEST_F(Eventsource, ATimerThatGotAClosedSinksNumberOutlivesAChangeOfTheSinksMask) {
-    init();
-    Sink sink;
-    const int fd = sink.getFd();
-    source->addSink(&sink, IFDEventsource::ET_READ);
-    sink.closeNow();
-    Timer timer(1, true);
-    timer.whenFired = [&] { source->terminate(); };
-    source->addTimer(&timer);
-    ASSERT_EQ(timerDescriptors(), std::vector<int>{fd});
+TEST_F(TimerWithAClosedSinksNumber, OutlivesAChangeOfTheSinksMask) {
     source->modifyEventMask(&sink, IFDEventsource::ET_NONE);
     source->removeSink(&sink);
-    runUntilTerminated();
-    EXPECT_EQ(timer.counts, std::vector<unsigned int>{1});
+    expectTheTimerFires();
 }
 
 TEST_F(Eventsource, ModifyingToTheStoredTypeMakesNoSystemCall) {

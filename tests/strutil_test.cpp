@@ -198,6 +198,13 @@ TEST(Strformat, AnArgumentMayBeTheResultOfAnEarlierCall) {
     EXPECT_EQ(::strlen(strformat("%s%s", strformat("%2046d", 1), "more")), 2046U);
 }
 
+TEST(Strformat, KeepsWhatFollowsANulCharacter) {
+    const std::string longest(2044, 'x');
+    EXPECT_EQ(std::string(strformat("a%cb", '\0'), 4), std::string("a\0b\0", 4));
+    EXPECT_EQ(std::string(strformat("%c%s%c", '\0', longest.c_str(), 'y'), 2047), '\0' + longest + "y" + '\0');
+    EXPECT_EQ(std::string(strformat("%c%s%s", '\0', longest.c_str(), "yz") + 2045, 2), std::string("y\0", 2));
+}
+
 TEST(Strformat, ANullFormatEmptiesTheBuffer) {
     const char *const buffer = strformat("abc");
     const char *volatile none = nullptr;

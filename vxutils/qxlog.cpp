@@ -114,7 +114,7 @@ bool isNamed(int fd, const char *path) {
            own.st_ino == named.st_ino;
 }
 
-// Gives the lock of a file up. Closing is not enough: a child that another thread forked meanwhile has a copy of the
+// Gives the lock of a file up. Closing is not enough: a child that another thread has forked has a copy of the
 // descriptor, and would keep the lock as long as it lives.
 void unlockFile(int fd) {
     const vx::ErrnoKeeper keeper;
@@ -160,7 +160,7 @@ bool isOpenToStrangers(const struct stat &status) {
 }
 
 // Opens the temporary file, empties it and locks it until it is closed. The semaphore may let two writers pass; this
-// lock makes one of them wait. If the file was renamed meanwhile, the writer opens the one that has the name now. Other
+// lock makes one of them wait. If the file was renamed while it waited, the writer opens the one that has the name now. Other
 // users cannot open the file, so the holder of its lock is a writer. The exception is a file that an untrusted user, or
 // a program with another mode, has made: it is replaced when its lock is held for long. A file that a killed writer of
 // another user has left is replaced at once: only its owner could give it the log's mode.
@@ -187,7 +187,7 @@ Fd openEmptiedTemporary(const Limits &limits) {
 }
 
 // The new log's text, which becomes the temporary file's content at once. Gathered in memory: a child that another
-// thread forks meanwhile has a copy of a stream's buffer, and exit() would write it to the file.
+// thread forks at that moment has a copy of a stream's buffer, and exit() would write it to the file.
 class NewText {
 public:
     NewText() : stream_(::open_memstream(&text_, &size_)) {}

@@ -82,7 +82,7 @@ public:
         vx::FilePtr file(::fdopen(fd_.get(), "w+"));
         if (!file) return false;
         (void)fd_.release();
-        // A child that another thread forks meanwhile has a copy of a buffer, and exit() would write it there.
+        // A child that another thread forks at that moment has a copy of a buffer, and exit() would write it there.
         (void)std::setvbuf(file.get(), nullptr, _IONBF, 0);
         std::fprintf(file.get(), "To: %s\n\n", number.c_str());
         std::fprintf(file.get(), "%s\n", text.c_str());

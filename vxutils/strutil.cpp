@@ -121,15 +121,18 @@ char *stripwhite(char *s) { return stripchars(s, whiteSpace); }
 const char *strformat(const char *fmt, ...) {
     // The format and its arguments may be results of earlier calls, which lie in the static buffer.
     char text[formatLimit];
+    int length = 0;
     text[0] = '\0';
     if (fmt != nullptr) {
         const vx::ErrnoKeeper keeper;
         va_list args;
         va_start(args, fmt);
-        (void)std::vsnprintf(text, sizeof text, fmt, args);
+        length = std::vsnprintf(text, sizeof text, fmt, args);
         va_end(args);
     }
-    return std::strcpy(formatted, text);
+    const size_t kept = length < 0 ? std::strlen(text) : std::min(static_cast<size_t>(length), sizeof text - 1);
+    std::memcpy(formatted, text, kept + 1);  // "%c" may have written NULs in front of other characters
+    return formatted;
 }
 
 char *escape(const char *src, size_t n, char *dst, size_t size) {

@@ -25,8 +25,9 @@
  * characters at the latest. A value has at most 1023 characters, a product name 127.
  *
  * **Privileges.** Read access to the files; a file that the caller may not read counts as missing. So does a progress
- * marker when it, or a directory or link above it, is in a directory that every user may write to and belongs neither
- * to root, nor to the process's user, nor to that directory's owner.
+ * marker that an untrusted user may have made: that is when the marker, or a directory or link on its path, lies in a
+ * directory that every user may write to, and its owner is neither root, nor the process's user, nor the owner of that
+ * directory.
  *
  * **Compatibility.** Behaviour kept on purpose (docs/compatibility.md): Q88 the key of a product's name is cut.
  */

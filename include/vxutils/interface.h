@@ -18,9 +18,10 @@
  *
  * **Blocking.** bridge_members() runs a shell and waits for it without a limit; the others read small files.
  *
- * **Errors.** A missing file or directory means that there is no such link or member. A status file is ignored when it,
- * or a directory or link above it, is in a directory that every user may write to and belongs neither to root, nor to
- * the process's user, nor to that directory's owner. Nothing is logged.
+ * **Errors.** A missing file or directory means that there is no such link or member. A status file that an untrusted
+ * user may have made is ignored: that is when the file, or a directory or link on its path, lies in a directory that
+ * every user may write to, and its owner is neither root, nor the process's user, nor the owner of that directory.
+ * Nothing is logged.
  *
  * **Limits.** A display name has at most 15 characters. Numbers in names have at most six digits, the prefix at most 14
  * characters. Of a status file the first 1023 characters are read.

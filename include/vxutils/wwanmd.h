@@ -75,8 +75,9 @@
  *
  * **Privileges.** Write access to the socket "/var/run/wwanmdN/server". Its directory must be writable by trusted users
  * only. A marker in "/tmp/status/wwanmd", which keeps a card from being used, is ignored when the caller cannot read
- * it, and when it, or a directory or link above it, is in a directory that every user may write to and belongs neither
- * to root, nor to the user of the process, nor to that directory's owner.
+ * it, and when an untrusted user may have made it: that is when the marker, or a directory or link on its path, lies in
+ * a directory that every user may write to, and its owner is neither root, nor the process's user, nor the owner of
+ * that directory.
  *
  * **Compatibility.** Behaviour kept on purpose (docs/compatibility.md): Q41 SIGPIPE has its default action afterwards;
  * Q82 an answer in pieces is cut at its first piece; Q83 ERROR answers never reconnect; Q84 wwanmd_init() opens the
