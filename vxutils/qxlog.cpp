@@ -160,10 +160,10 @@ bool isOpenToStrangers(const struct stat &status) {
 }
 
 // Opens the temporary file, empties it and locks it until it is closed. The semaphore may let two writers pass; this
-// lock makes one of them wait. If the file was renamed while it waited, the writer opens the one that has the name now. Other
-// users cannot open the file, so the holder of its lock is a writer. The exception is a file that an untrusted user, or
-// a program with another mode, has made: it is replaced when its lock is held for long. A file that a killed writer of
-// another user has left is replaced at once: only its owner could give it the log's mode.
+// lock makes one of them wait. If the file was renamed while it waited, the writer opens the one that has the name now.
+// Other users cannot open the file, so the holder of its lock is a writer. The exception is a file that an untrusted
+// user, or a program with another mode, has made: it is replaced when its lock is held for long. A file that a killed
+// writer of another user has left is replaced at once: only its owner could give it the log's mode.
 Fd openEmptiedTemporary(const Limits &limits) {
     for (;;) {
         struct stat status;
