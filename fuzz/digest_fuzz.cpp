@@ -53,7 +53,8 @@ void expectStartOf(const Digest &whole, const Digest &got, size_t wanted) {
 
 void checkDigest(HashContext &context, const EVP_MD *reference, const Input &input) {
     Digest whole(EVP_MD_get_size(reference));
-    stage::check(EVP_Digest(input.message.data(), input.message.size(), whole.data(), nullptr, reference, nullptr) == 1);
+    stage::check(EVP_Digest(input.message.data(), input.message.size(), whole.data(), nullptr, reference, nullptr) ==
+                 1);
     stage::check(context.initialize(input.wanted) == 0);
     hashInPieces(context, input);
     Digest got(whole.size(), untouched);

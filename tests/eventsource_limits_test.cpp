@@ -4,6 +4,7 @@
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
+#include <malloc.h>
 #include <pthread.h>
 #include <sys/epoll.h>
 #include <sys/timerfd.h>
@@ -85,6 +86,23 @@ TEST_F(Eventsource, HighDescriptorNumbersWorkAsLowOnesDo) {
         }
         ::close(high);
     }
+}
+
+size_t allocatedBytes() {
+    const auto info = ::mallinfo2();
+    return info.uordblks + info.hblkhd;
+}
+
+TEST_F(Eventsource, MemoryGrowsWithTheSinksAndNotWithTheirNumbers) {
+    init();
+    Sink low;
+    Sink high(::fcntl(low.getFd(), F_DUPFD_CLOEXEC, 9000));
+    ASSERT_EQ(high.getFd(), 9000);
+    const size_t before = allocatedBytes();
+    source->addSink(&high, IFDEventsource::ET_READ);
+    EXPECT_LT(allocatedBytes(), before + 2000);
+    source->removeSink(&high);
+    ::close(high.getFd());
 }
 
 // --- timers
