@@ -130,8 +130,9 @@ const char *strformat(const char *fmt, ...) {
         length = std::vsnprintf(text, sizeof text, fmt, args);
         va_end(args);
     }
-    const size_t kept = length < 0 ? std::strlen(text) : std::min(static_cast<size_t>(length), sizeof text - 1);
-    std::memcpy(formatted, text, kept + 1);  // "%c" may have written NULs in front of other characters
+    // "%c" may have written NULs in front of other characters. A failure counts as a text that is cut.
+    const size_t kept = std::min(static_cast<size_t>(length), sizeof text - 1);
+    std::memcpy(formatted, text, kept + 1);
     return formatted;
 }
 
