@@ -151,6 +151,16 @@ TEST_F(TryMkdirFaults, AModeThatCannotBeSetIsReportedAndTheDirectoryStaysAsItWas
     EXPECT_EQ(modeOf(path("new")), 0x755u & 01777u) << "mkdir() ignores the set-user-id and set-group-id bits";
 }
 
+// It is not known then whether the new directory is the one just made.
+TEST_F(TryMkdirFaults, ANewDirectoryWhoseParentCannotBeExaminedIsReported) {
+    const Hooked refused(hooks::fstatat, statusRefusedAt(dir + "/"));
+    vxtest::SyslogCapture log;
+    EXPECT_EQ(try_mkdir(path("new").c_str()), -1);
+    EXPECT_EQ(errno, EIO);
+    EXPECT_EQ(log.take(), (std::vector<LogLine>{{LOG_DEBUG, "Cannot create directory. chmod " + path("new") +
+                                                                " throw errno=5, Input/output error"}}));
+}
+
 TEST_F(TryMkdirFaults, AnExistingEntryThatCannotBeExaminedIsReported) {
     const Hooked refused(hooks::fstatat, statusRefusedAt(dir));
     vxtest::SyslogCapture log;
@@ -495,7 +505,7 @@ TEST_F(CopyFileFaults, AFileWithTwoNamesIsNotWrittenInADirectoryThatCannotBeExam
     vxtest::SyslogCapture log;
     const Hooked refused(hooks::fstatat, statusRefusedAt(dir + "/"));
     EXPECT_EQ(copyFile(path("src"), path("dst")), -1);
-    EXPECT_EQ(errno, EACCES);
+    EXPECT_EQ(errno, EIO);
     EXPECT_EQ(readFile(path("dst")), "old");
 }
 

@@ -33,6 +33,11 @@ Fd refused(int error) noexcept {
     return {};
 }
 
+bool denied() noexcept {
+    errno = EACCES;
+    return false;
+}
+
 // Opens for writing, and creates what is missing in a step of its own: only O_EXCL tells a new file from one that
 // another process made a moment earlier.
 Target openOrCreate(int directory, const char *path, mode_t mode) noexcept {
@@ -132,22 +137,22 @@ Fd openLinked(int directory, const char *path) {
 
 bool isDevice(const struct stat &file) { return S_ISCHR(file.st_mode) || S_ISBLK(file.st_mode); }
 
-// Tells whether a file or FIFO may be written where it was found.
+// Tells whether a file or FIFO may be written where it was found; false with errno.
 bool mayBeWritten(int directory, const char *path, const struct stat &file) {
     if (isOurs(file) && file.st_nlink <= 1) return true;
     struct stat place {};
-    if (::fstatat(directory, parentOf(path).c_str(), &place, 0) == -1 || mayBeForeign(place, file)) return false;
+    if (::fstatat(directory, parentOf(path).c_str(), &place, 0) == -1) return false;
+    if (mayBeForeign(place, file)) return denied();
     // A second name may be an attacker's, for a file that only we may write.
-    return file.st_nlink <= 1 || isClosed(place);
+    return file.st_nlink <= 1 || isClosed(place) || denied();
 }
 
-// Closes a target that must not be written where it was found: EACCES.
+// Closes a target that cannot be examined or must not be written where it was found; errno says which.
 void admit(Target &target, int directory, const char *path) {
     if (!target.valid() || target.created) return;
-    if (::fstat(target.file.get(), &target.status) == -1) {
+    if (::fstat(target.file.get(), &target.status) == -1 ||
+        (!isDevice(target.status) && !mayBeWritten(directory, path, target.status))) {
         target.file.reset();
-    } else if (!isDevice(target.status) && !mayBeWritten(directory, path, target.status)) {
-        target.file = refused(EACCES);
     }
 }
 
@@ -198,7 +203,7 @@ bool storesNoModes(const Fd &directory) {
 
 // Tells whether a directory may be the one just made. Where only we can have replaced it, it is; elsewhere it has to
 // look like it: ours, without a right that it was not made with, and empty. On a memory stick, another directory of the
-// stick would have the same owner and the same rights.
+// stick would have the same owner and the same rights. False with errno.
 bool isTheOneMade(int directory, const std::string &path, const Fd &made, mode_t creationMode) {
     struct stat place {};
     if (::fstatat(directory, parentOf(path).c_str(), &place, 0) == -1) return false;
@@ -206,9 +211,9 @@ bool isTheOneMade(int directory, const std::string &path, const Fd &made, mode_t
     struct stat status {};
     if (::fstat(made.get(), &status) == -1) return false;
     const bool ours = status.st_uid == ::geteuid() && (status.st_mode & allModes & ~(creationMode | S_ISGID)) == 0;
-    if (!ours && (status.st_dev != place.st_dev || !storesNoModes(made))) return false;
+    if (!ours && (status.st_dev != place.st_dev || !storesNoModes(made))) return denied();
     EntryNames names;
-    return names.read(made) && !names.next();
+    return names.read(made) && (!names.next() || denied());
 }
 
 Fd openMade(int directory, const std::string &path, mode_t creationMode, mode_t mode) {
@@ -219,7 +224,7 @@ Fd openMade(int directory, const std::string &path, mode_t creationMode, mode_t 
         if (errno != EACCES || ::fchmodat(directory, path.c_str(), mode, AT_SYMLINK_NOFOLLOW) == -1) return {};
         return open(directory, path.c_str(), flags);
     }
-    if (!isTheOneMade(directory, path, made, creationMode)) return refused(EACCES);
+    if (!isTheOneMade(directory, path, made, creationMode)) return {};
     return ::fchmod(made.get(), mode) == 0 ? std::move(made) : Fd();
 }
 
