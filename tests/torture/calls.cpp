@@ -120,6 +120,13 @@ bool canBeShort(int fd) {
     return S_ISSOCK(status.st_mode) && ::getsockopt(fd, SOL_SOCKET, SO_TYPE, &type, &size) == 0 && type == SOCK_STREAM;
 }
 
+bool isFifo(int fd) {
+    if (!torture::armed()) return false;
+    const Disarmed quiet;
+    struct stat status {};
+    return ::fstat(fd, &status) == 0 && S_ISFIFO(status.st_mode);
+}
+
 int transferFault(const char *call, int fd, size_t size, std::initializer_list<int> errors) {
     if (!torture::armed()) return 0;
     if (size < 2 || ![&] {
@@ -177,6 +184,7 @@ void torture::interceptCalls(bool on) {
     if (!on) return;
     vxtest::socketCalls().nanosleep = [](const timespec *request) -> std::optional<int> {
         if (!armed()) return std::nullopt;
+        if (const int error = fault("nanosleep", {EINTR})) return vxtest::failing(error);
         rest(toDuration(*request));
         return 0;
     };
@@ -275,8 +283,8 @@ extern "C" int open(const char *path, int flags, ...) {
     va_start(arguments, flags);
     const auto mode = va_arg(arguments, mode_t);
     va_end(arguments);
-    if (const int error = (flags & O_CREAT) != 0 ? fault("open", {EMFILE, ENOSPC, EACCES, EINTR})
-                                                 : fault("open", {EMFILE, EACCES, EINTR})) {
+    if (const int error = (flags & O_CREAT) != 0 ? fault("open", {EMFILE, ENOSPC, EACCES, EINTR, ENOMEM})
+                                                 : fault("open", {EMFILE, EACCES, EINTR, ENOMEM})) {
         return vxtest::failing(error);
     }
     return static_cast<int>(::syscall(SYS_openat, AT_FDCWD, path, flags, mode));
@@ -287,7 +295,10 @@ extern "C" int openat(int directory, const char *path, int flags, ...) {
     va_start(arguments, flags);
     const auto mode = va_arg(arguments, mode_t);
     va_end(arguments);
-    if (const int error = fault("openat", {EMFILE, EACCES})) return vxtest::failing(error);
+    if (const int error = (flags & O_CREAT) != 0 ? fault("openat", {EMFILE, ENOSPC, EACCES, EINTR, ENOMEM})
+                                                 : fault("openat", {EMFILE, EACCES, EINTR, ENOMEM})) {
+        return vxtest::failing(error);
+    }
     return static_cast<int>(::syscall(SYS_openat, directory, path, flags, mode));
 }
 
@@ -298,7 +309,9 @@ extern "C" ssize_t read(int fd, void *buffer, size_t size) {
 }
 
 extern "C" ssize_t write(int fd, const void *buffer, size_t size) {
-    const int error = transferFault("write", fd, size, {ENOSPC, EIO, EINTR});
+    // A pipe with room takes a small write whole.
+    const int error =
+        isFifo(fd) ? fault("write", {EPIPE, EINTR}) : transferFault("write", fd, size, {ENOSPC, EIO, EINTR});
     if (error > 0) return vxtest::failing(error);
     return ::syscall(SYS_write, fd, buffer, error == shortTransfer ? size / 2 : size);
 }
@@ -340,7 +353,7 @@ extern "C" int fcntl(int fd, int command, ...) {
     return static_cast<int>(::syscall(SYS_fcntl, fd, command, argument));
 }
 
-VX_CALL(FILE *, fopen, (const char *path, const char *mode), (path, mode), nullptr, EMFILE, ENOMEM)
+VX_CALL(FILE *, fopen, (const char *path, const char *mode), (path, mode), nullptr, EMFILE, ENOMEM, EACCES, EINTR)
 VX_CALL_NOEXCEPT(FILE *, open_memstream, (char **text, size_t *size), (text, size), nullptr, ENOMEM)
 VX_CALL_NOEXCEPT(FILE *, fdopen, (int fd, const char *mode), (fd, mode), nullptr, ENOMEM)
 VX_DONE_BUT(int, fclose, (FILE * file), (file), EOF, EIO)
@@ -377,7 +390,7 @@ VX_CALL_NOEXCEPT(int, fstat, (int fd, struct stat *status), (fd, status), -1, EN
 VX_CALL_NOEXCEPT(int, statfs, (const char *path, struct statfs *status), (path, status), -1, EIO)
 VX_CALL_NOEXCEPT(int, fstatfs, (int fd, struct statfs *status), (fd, status), -1, EIO)
 VX_CALL_NOEXCEPT(ssize_t, getdents64, (int fd, void *buffer, size_t size), (fd, buffer, size), -1, EIO, EINTR)
-VX_CALL(DIR *, opendir, (const char *path), (path), nullptr, EMFILE, ENOMEM)
+VX_CALL(DIR *, opendir, (const char *path), (path), nullptr, EMFILE, ENOMEM, EACCES)
 VX_CALL(dirent *, readdir, (DIR * directory), (directory), nullptr, EIO)
 VX_DONE_BUT(int, closedir, (DIR * directory), (directory), -1, EIO)
 VX_CALL_NOEXCEPT(void *, mmap, (void *address, size_t size, int protection, int flags, int fd, off_t offset),
@@ -436,7 +449,9 @@ extern "C" pid_t fork() noexcept {
 }
 
 VX_CALL(FILE *, popen, (const char *command, const char *mode), (command, mode), nullptr, EMFILE, EAGAIN)
-VX_CALL(pid_t, waitpid, (pid_t pid, int *status, int options), (pid, status, options), -1, EINTR)
+// The child is reaped although its status is lost: so it is in a process that ignores SIGCHLD.
+VX_DONE_BUT(int, pclose, (FILE * stream), (stream), -1, ECHILD)
+VX_CALL(pid_t, waitpid, (pid_t pid, int *status, int options), (pid, status, options), -1, EINTR, ECHILD)
 VX_CALL_NOEXCEPT(pid_t, setsid, (), (), -1, EPERM)
 VX_CALL_NOEXCEPT(int, execv, (const char *path, char *const arguments[]), (path, arguments), -1, ENOMEM, ENOENT)
 VX_CALL_NOEXCEPT(int, dup2, (int from, int to), (from, to), -1, EBUSY, EINTR)
@@ -452,21 +467,21 @@ extern "C" int reboot(int /*command*/) noexcept {
 // ---- IPC and threads ----
 
 VX_CALL_NOEXCEPT(key_t, ftok, (const char *path, int project), (path, project), -1, EACCES)
-VX_CALL_NOEXCEPT(int, semget, (key_t key, int count, int flags), (key, count, flags), -1, ENOSPC, ENOMEM)
+VX_CALL_NOEXCEPT(int, semget, (key_t key, int count, int flags), (key, count, flags), -1, ENOSPC, ENOMEM, EACCES)
 
 // An operation that only adds neither waits nor needs an undo record of its own.
 extern "C" int semop(int set, sembuf *operations, size_t count) noexcept {
     const bool canFail = std::any_of(operations, operations + count, [](const sembuf &one) { return one.sem_op <= 0; });
-    if (const int error = canFail ? fault("semop", {EINTR, ENOSPC}) : 0) return vxtest::failing(error);
+    if (const int error = canFail ? fault("semop", {EINTR, ENOSPC, EIDRM}) : 0) return vxtest::failing(error);
     VX_NEXT(semop);
     return real(set, operations, count);
 }
 
 VX_CALL_NOEXCEPT(int, semtimedop, (int set, sembuf *operations, size_t count, const timespec *limit),
-                 (set, operations, count, limit), -1, EINTR, ENOMEM)
-VX_CALL_NOEXCEPT(int, shmget, (key_t key, size_t size, int flags), (key, size, flags), -1, ENOSPC, ENOMEM)
+                 (set, operations, count, limit), -1, EINTR, ENOMEM, EAGAIN, EIDRM)
+VX_CALL_NOEXCEPT(int, shmget, (key_t key, size_t size, int flags), (key, size, flags), -1, ENOSPC, ENOMEM, EACCES)
 VX_CALL_NOEXCEPT(void *, shmat, (int segment, const void *address, int flags), (segment, address, flags),
-                 reinterpret_cast<void *>(-1), ENOMEM, EMFILE)
+                 reinterpret_cast<void *>(-1), ENOMEM, EMFILE, EIDRM)
 VX_CALL(int, shm_open, (const char *name, int flags, mode_t mode), (name, flags, mode), -1, EMFILE, ENOSPC, EACCES)
 VX_CALL(int, shm_unlink, (const char *name), (name), -1, EACCES)
 
@@ -547,8 +562,10 @@ extern "C" int gettimeofday(timeval *result, void * /*zone*/) noexcept {
     return 0;
 }
 
+// A signal that ends a sleep comes at its beginning.
 extern "C" unsigned int sleep(unsigned int seconds) {
     if (torture::armed()) {
+        if (fault("sleep", {EINTR}) != 0) return seconds;
         rest(std::chrono::seconds(seconds));
         return 0;
     }
@@ -558,6 +575,7 @@ extern "C" unsigned int sleep(unsigned int seconds) {
 
 extern "C" int usleep(useconds_t microseconds) {
     if (torture::armed()) {
+        if (const int error = fault("usleep", {EINTR})) return vxtest::failing(error);
         rest(std::chrono::microseconds(microseconds));
         return 0;
     }
@@ -567,6 +585,10 @@ extern "C" int usleep(useconds_t microseconds) {
 
 extern "C" int clock_nanosleep(clockid_t clock, int flags, const timespec *request, timespec *left) {
     if (torture::armed()) {
+        if (const int error = fault("clock_nanosleep", {EINTR})) {
+            if (left != nullptr && flags != TIMER_ABSTIME) *left = *request;
+            return error;
+        }
         timespec now{};
         ::clock_gettime(clock, &now);
         const auto wanted = toDuration(*request);
@@ -599,7 +621,7 @@ extern "C" ssize_t send(int fd, const void *data, size_t size, int flags) {
     return ::syscall(SYS_sendto, fd, data, error == shortTransfer ? size / 2 : size, flags, nullptr, 0);
 }
 
-VX_CALL(ssize_t, getrandom, (void *buffer, size_t size, unsigned int flags), (buffer, size, flags), -1, EAGAIN)
+VX_CALL(ssize_t, getrandom, (void *buffer, size_t size, unsigned int flags), (buffer, size, flags), -1, EAGAIN, ENOSYS)
 
 VX_QUIET(int, getifaddrs, (ifaddrs * *list), (list), -1, EMFILE, ENOMEM)
 

@@ -80,12 +80,11 @@ int main(int argc, char **argv) {
     ::chmod("/usr/local/sbin/system-reboot", 0755);
     // A process that cannot fork becomes the program itself: documented, and tested apart.
     const std::set<std::string> noFork{"fork"};
-    const std::vector<std::string> watched{"/tmp/torture"};
     return torture::torment(argc, argv,
-                            {{"command: foreground", foreground, watched, noFork},
+                            {{"command: foreground", foreground, noFork},
                              {"command: output", output},
-                             {"command: background", background, watched, noFork},
-                             {"command: abandoned token", abandonedToken, watched, noFork},
+                             {"command: background", background, noFork},
+                             {"command: abandoned token", abandonedToken, noFork},
                              {"command: words", words},
-                             {"command: restart", restart, watched, noFork}});
+                             {"command: restart", restart, noFork}});
 }

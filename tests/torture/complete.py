@@ -32,7 +32,6 @@ REASONS = {
     "kill": "asks with signal 0; each of its answers is tested",
     "lseek": "fails on what cannot be positioned: a scenario of its own in the tests",
     "newlocale": "gives the C locale's own object, for which nothing is allocated",
-    "pclose": "reaps the child in any case",
     "pthread_key_create": "runs once in a process, and is missed only where a program has used up all keys",
     "pthread_setspecific": "allocates nothing for the first 32 keys of a process",
     "setvbuf": "takes the buffer of a new stream away, which allocates nothing",

@@ -62,7 +62,5 @@ void change(Run &run) {
 
 int main(int argc, char **argv) {
     vxtest::makeDirs("/var/run/configd");
-    return torture::torment(argc, argv,
-                            {{"configd: query", query, {"/var/run/configd", "/tmp/torture"}},
-                             {"configd: change", change, {"/var/run/configd", "/tmp/torture"}}});
+    return torture::torment(argc, argv, {{"configd: query", query}, {"configd: change", change}});
 }

@@ -34,9 +34,6 @@ void readAndWrite(Run &run) {
 int main(int argc, char **argv) {
     vxtest::makeDirs("/var/run/configd");
     // String aborts a process that has no memory for a text: documented.
-    return torture::torment(argc, argv,
-                            {{"configdaemonclient: read and write",
-                              readAndWrite,
-                              {"/var/run/configd", "/tmp/torture"},
-                              {"malloc", "realloc", "operator new"}}});
+    return torture::torment(
+        argc, argv, {{"configdaemonclient: read and write", readAndWrite, {"malloc", "realloc", "operator new"}}});
 }

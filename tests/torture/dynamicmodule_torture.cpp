@@ -28,5 +28,5 @@ void load(Run &run) {
 
 int main(int argc, char **argv) {
     // What a plug-in allocates is not the library's.
-    return torture::torment(argc, argv, {{"dynamicmodule: load", load, {"/tmp/torture"}, {"malloc", "operator new"}}});
+    return torture::torment(argc, argv, {{"dynamicmodule: load", load, {"malloc", "operator new"}}});
 }

@@ -6,7 +6,8 @@
 // on, with each error that is legal there, and with all calls failing from a certain one on. Each disturbed run is
 // followed by an undisturbed one in the same process, which has to give the right results.
 //
-// Waiting costs no real time: inside the library's calls sleeps and time-outs advance a clock of their own.
+// Waiting costs no real time: inside the library's calls sleeps and time-outs advance a clock of their own. A scenario has
+// the directory /tmp/torture for its files.
 #pragma once
 
 #include <chrono>
@@ -99,6 +100,7 @@ public:
     bool hit() const;                     // a call failed on purpose during the last library call
     bool disturbed() const;               // a call failed on purpose in this run
     int error() const { return error_; }  // errno after the last library call
+    bool told() const;  // errno is one with which a call failed on purpose during the last library call
     bool failed(const char *call) const;  // this call failed on purpose during the last library call
     bool wasShort() const { return fault_.error == shortTransfer; }
 
@@ -119,6 +121,7 @@ private:
     Fault fault_;
     int error_ = 0;
     std::chrono::nanoseconds virtualStart_{};
+    std::chrono::steady_clock::time_point realStart_{};
     std::vector<std::string> findings_;
 };
 
@@ -126,8 +129,7 @@ private:
 struct Scenario {
     const char *name;
     std::function<void(Run &)> run;
-    std::vector<std::string> watched{"/tmp/torture"};  // directories whose entries are the same before and after
-    std::set<std::string> excluded{};                  // calls that never fail here; the reason is beside the list
+    std::set<std::string> excluded{};  // calls that never fail here; the reason is beside the list
 };
 
 // Runs the scenarios with the program's arguments; the program's exit status.

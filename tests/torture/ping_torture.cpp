@@ -66,7 +66,8 @@ void route(Run &run) {
     target.ai_addrlen = sizeof address;
     char name[16] = "";
     const int found = run([&] { return route_get_interface(&target, name); });
-    run.outcome("route_get_interface", found == 0 && std::string(name) == "wan0", found == -1, "rtq: ");
+    run.outcome("route_get_interface", found == 0 && std::string(name) == "wan0",
+                found == -1 && (run.told() || run.failed("operator new")), "rtq: ");
 }
 
 }  // namespace

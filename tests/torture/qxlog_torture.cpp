@@ -72,7 +72,7 @@ int main(int argc, char **argv) {
     vxtest::writeFile("/etc/fstab", "");
     if (std::freopen("/dev/null", "w", stderr) == nullptr) return 2;  // what failed is reported there, documented
     return torture::torment(argc, argv,
-                            {{"qxlog: write and read", writeAndRead, {"/var/log"}},
-                             {"qxlog: long message", writeLongMessage, {"/var/log"}},
-                             {"qxlog: semaphore of a stranger", replaceAStrangersSemaphore, {"/var/log"}}});
+                            {{"qxlog: write and read", writeAndRead},
+                             {"qxlog: long message", writeLongMessage},
+                             {"qxlog: semaphore of a stranger", replaceAStrangersSemaphore}});
 }

@@ -4,17 +4,24 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/mman.h>
+#include <sys/sem.h>
 #include <sys/shm.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <syslog.h>
 #include <unistd.h>
 
 #include <array>
+#include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <string>
+#include <thread>
+#include <utility>
 
 #include "torture/faults.h"
 
@@ -105,6 +112,78 @@ void leavesASegment(Run &run) {
     });
 }
 
+// Each failure leaves one more mapping of the same file.
+void leavesAMapping(Run &run) {
+    run([] {
+        const int fd = ::open("/etc/torture", O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+        if (fd == -1) return;
+        void *address = ::mmap(nullptr, 1, PROT_READ, MAP_SHARED, fd, 0);
+        ::close(fd);
+        char byte;
+        const int null = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+        if (null != -1 && ::read(null, &byte, 1) != -1) ::munmap(address, 1);
+        if (null != -1) ::close(null);
+    });
+}
+
+void leavesASemaphore(Run &run) {
+    run([] {
+        const int set = ::semget(IPC_PRIVATE, 1, 0600);
+        sembuf take{0, -1, IPC_NOWAIT};
+        if (::semop(set, &take, 1) == -1 && errno == EINTR) return;
+        ::semctl(set, 0, IPC_RMID);
+    });
+}
+
+void leavesAThread(Run &run) {
+    run([] {
+        const int fd = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+        char byte;
+        if (fd != -1 && ::read(fd, &byte, 1) == -1) std::thread([] { ::pause(); }).detach();
+        if (fd != -1) ::close(fd);
+    });
+}
+
+void leavesAFileElsewhere(Run &run) {
+    run([] {
+        const char *const elsewhere = "/var/tmp/left";
+        const int fd = ::open(elsewhere, O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
+        if (fd != -1 && ::write(fd, "x", 1) == -1) {
+            ::close(fd);
+            return;
+        }
+        if (fd != -1) ::close(fd);
+        ::unlink(elsewhere);
+    });
+}
+
+void leavesADirectory(Run &run) {
+    run([] {
+        const char *const made = "/tmp/torture/made";
+        char byte;
+        const bool exists = ::mkdir(made, 0700) == 0;
+        const int fd = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+        const bool read = fd != -1 && ::read(fd, &byte, 1) != -1;
+        if (fd != -1) ::close(fd);
+        if (read && exists) ::rmdir(made);
+    });
+    if (!run.hit()) ::rmdir("/tmp/torture/made");
+}
+
+// The virtual clock does not know the wait: it is a real one.
+void waitsTooLongForReal(Run &run) {
+    static bool waited = false;  // once is enough to be seen
+    run([] {
+        const int fd = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+        char byte;
+        if (fd != -1 && ::read(fd, &byte, 1) == -1 && !std::exchange(waited, true)) {
+            const timespec pause{13, 0};
+            ::syscall(SYS_clock_nanosleep, CLOCK_MONOTONIC, 0, &pause, nullptr);
+        }
+        if (fd != -1) ::close(fd);
+    });
+}
+
 void waitsTooLong(Run &run) {
     run([] {
         pollfd nothing{-1, 0, 0};
@@ -165,6 +244,12 @@ const Case cases[] = {
     {leavesAFile, "left: file /tmp/torture/file"},
     {leavesAChild, "left: child"},
     {leavesASegment, "left: System V shm"},
+    {leavesASemaphore, "left: System V sem"},
+    {leavesAMapping, "left: mapping /etc/torture"},
+    {leavesAThread, "left: thread"},
+    {leavesAFileElsewhere, "left: file /var/tmp/left"},
+    {leavesADirectory, "left: file /tmp/torture/made"},
+    {waitsTooLongForReal, "longer than documented"},
     {waitsTooLong, "longer than documented"},
     {doesNotLog, "not logged: \"cannot open\""},
     {failsAfterwards, "the scenario fails afterwards"},

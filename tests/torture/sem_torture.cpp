@@ -34,5 +34,5 @@ void plainFace(Run &run) {
 
 int main(int argc, char **argv) {
     vxtest::writeFile("/usr/lib/libvxutils.so.1.0.0", "");
-    return torture::torment(argc, argv, {{"sem: plain face", plainFace, {"/dev/shm", "/tmp/torture"}}});
+    return torture::torment(argc, argv, {{"sem: plain face", plainFace}});
 }

@@ -42,7 +42,7 @@ void spoolOf(Run &run) {
     int deleted = -1;
     memory = run([&] { return hasMemory([&] { deleted = CSimpleSMS::DeleteIncomingSMSById(id); }); });
     run.outcome("DeleteIncomingSMSById", deleted == 0 && !vxtest::exists(spool + "id"),
-                deleted == -1 && vxtest::exists(spool + "id"));
+                deleted == -1 && (run.told() || !memory) && vxtest::exists(spool + "id"));
     [[maybe_unused]] const int removed = std::system(("rm -f " + spool + "*").c_str());
 }
 
@@ -61,10 +61,9 @@ void sendOne(Run &run) {
 }  // namespace
 
 int main(int argc, char **argv) {
-    vxtest::makeDirs("/tmp/torture");
+    vxtest::makeDirs(spool);
     // A process that cannot fork becomes the program itself: documented for run_command(). The wait for the script is
     // not repeated after a signal and counts as success: documented there, too.
-    return torture::torment(
-        argc, argv,
-        {{"simplesms: spool", spoolOf, {spool}}, {"simplesms: send", sendOne, {"/tmp"}, {"fork", "waitpid"}}});
+    return torture::torment(argc, argv,
+                            {{"simplesms: spool", spoolOf}, {"simplesms: send", sendOne, {"fork", "waitpid"}}});
 }

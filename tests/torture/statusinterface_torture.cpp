@@ -90,8 +90,7 @@ void detours(Run &run) {
 int main(int argc, char **argv) {
     vxtest::makeDirs("/tmp/status");
     // String aborts a process that has no memory for a text: documented. "new" and "malloc" are mostly its calls.
-    return torture::torment(
-        argc, argv,
-        {{"statusinterface: status", status, {"/tmp/status"}, {"malloc", "realloc", "operator new"}},
-         {"statusinterface: detours", detours, {"/tmp/status"}, {"malloc", "realloc", "operator new"}}});
+    return torture::torment(argc, argv,
+                            {{"statusinterface: status", status, {"malloc", "realloc", "operator new"}},
+                             {"statusinterface: detours", detours, {"malloc", "realloc", "operator new"}}});
 }

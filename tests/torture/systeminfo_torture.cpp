@@ -14,7 +14,8 @@ void readFile(Run &run) {
     systeminfo_table *table = run([] { return systeminfo_init(); });
     const bool whole = table != nullptr && systeminfo_getint(table, "NUMBER") == 7 &&
                        std::string(systeminfo_getvar(table, "NAME")) == "some name";
-    run.outcome("systeminfo_init", whole, table == nullptr || run.failed("fgets") || run.failed("malloc"));
+    run.outcome("systeminfo_init", whole,
+                (table == nullptr && run.told()) || run.failed("fgets") || run.failed("malloc"));
     run([&] { systeminfo_free(table); });
 }
 

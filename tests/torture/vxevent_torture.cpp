@@ -27,7 +27,7 @@ void fifo(Run &run) {
     const ssize_t got = ::read(reader, &record, sizeof record);
     const bool whole =
         got == static_cast<ssize_t>(sizeof record) && record.id == 7 && std::strcmp(record.text, "text") == 0;
-    run.outcome("vxevent", thrown == 0 && whole, thrown == -1);
+    run.outcome("vxevent", thrown == 0 && whole, thrown == -1 && run.told());
     run.always("a record arrives whole or not at all", whole || got <= 0);
     ::close(reader);
 }
@@ -37,12 +37,12 @@ void publish(Run &run) {
     const char *const endpoint = "inproc://torture";
     void *source = run([&] { return create_legacy_source_with_addr(context, endpoint); });
     void *sink = nullptr;
-    if (run.outcome("create_legacy_source_with_addr", source != nullptr, source == nullptr)) {
+    if (run.outcome("create_legacy_source_with_addr", source != nullptr, source == nullptr && run.told())) {
         sink = run([&] { return register_legacy_sink_with_addr(context, endpoint); });
-        run.outcome("register_legacy_sink_with_addr", sink != nullptr, sink == nullptr);
+        run.outcome("register_legacy_sink_with_addr", sink != nullptr, sink == nullptr && run.told());
         const vxevent_record record{1, 2, "text"};
         const int sent = run([&] { return dispatch_legacy_event(source, &record); });
-        run.outcome("dispatch_legacy_event", sent == 0, sent == -1);
+        run.outcome("dispatch_legacy_event", sent == 0, sent == -1 && run.told());
     }
     if (sink != nullptr) zmq_close(sink);
     if (source != nullptr) zmq_close(source);
