@@ -42,6 +42,7 @@
 #include <map>
 #include <memory>
 #include <random>
+#include <sstream>
 #include <string>
 #include <utility>
 #include <vector>
@@ -269,8 +270,8 @@ void deviceLog(Report &report, size_t rounds) {
         report.kill();
         const std::string content = vxtest::readFile("/var/log/qxlog");
         report.expect(content.empty() || content.back() == '\n', "the log ends within a line");
-        for (size_t at = 0; at < content.size(); at = content.find('\n', at) + 1) {
-            const std::string line = content.substr(at, content.find('\n', at) - at);
+        std::istringstream lines(content);
+        for (std::string line; std::getline(lines, line);) {
             const bool whole = (line.rfind("7: ", 0) == 0 || line.rfind("8: ", 0) == 0) && line.size() == 29 &&
                                line.substr(20) == "a message";
             report.expect(whole, "a torn line: " + line);
@@ -452,7 +453,7 @@ void directoryLocks(Report &report, size_t rounds) {
         if (held) report.saw("directories left");
         if (held) report.expect(release_lock(path.c_str()) == 0, "the directory cannot be removed");
         report.expect(acquire_lock(path.c_str(), 1) == 0, "a free lock cannot be had");
-        report.expect(!std::filesystem::exists(path) || ::mkdir(path.c_str(), 0755) == -1, "a second holder");
+        report.expect(::mkdir(path.c_str(), 0755) == -1 && errno == EEXIST, "the lock keeps no second holder out");
         (void)release_lock(path.c_str());
     }
 }
@@ -526,10 +527,11 @@ void configurationDaemon(Report &report, size_t rounds) {
     configd_handle *handle = configd_open();
     configd_entry change[2]{};
     strlcpy(change[0].key, "changed.key", sizeof change[0].key);
-    strlcpy(change[0].value, "third", sizeof change[0].value);
+    size_t changeCount = 0;
     for (size_t i = 0; i < rounds; ++i) {
         report.round();
         bool killed = false;
+        bool changed = false;  // the daemon has confirmed the last change
         {
             Assassin assassin(daemon.pid(), 1000);
             killed = assassin.kills();
@@ -539,8 +541,13 @@ void configurationDaemon(Report &report, size_t rounds) {
                 const bool first = exchange % 2 == 0;
                 strlcpy(entry[0].key, first ? "a.key" : "another.key", sizeof entry[0].key);
                 const bool changes = exchange % 3 == 2;
+                if (changes) {
+                    const std::string value = std::to_string(++changeCount);
+                    strlcpy(change[0].value, value.c_str(), sizeof change[0].value);
+                }
                 const int result = changes ? configd_set(handle, change) : configd_get(handle, entry);
                 report.saw(result == 0 ? "exchanges" : "failed exchanges");
+                if (changes) changed = result == 0;
                 if (!changes && result == 0) {
                     report.expect(std::string(entry[0].value) == (first ? "first" : "second"),
                                   std::string("a wrong value: ") + entry[0].value);
@@ -557,24 +564,36 @@ void configurationDaemon(Report &report, size_t rounds) {
         strlcpy(entry[0].key, "another.key", sizeof entry[0].key);
         report.expect(configd_get(handle, entry) == 0 && std::string(entry[0].value) == "second",
                       std::string("the daemon is there and the value is ") + entry[0].value);
+        if (killed || !changed) continue;
+        report.saw("changes read back");
+        entry[0] = {};
+        strlcpy(entry[0].key, "changed.key", sizeof entry[0].key);
+        report.expect(configd_get(handle, entry) == 0 && std::strcmp(entry[0].value, change[0].value) == 0,
+                      std::string("a confirmed change is lost: ") + entry[0].value);
     }
     configd_close(handle);
     report.expect(!vxtest::exists("/var/run/configd/client." + std::to_string(::getpid())), "a socket is left");
 }
 
+// Each answer is that to its own command, however late others come.
 void modemDaemon(Report &report, size_t rounds) {
     Daemon daemon({vxtest::built("gateway/wwanmd"), "0"});
+    daemon.sync("echo", "done");
     wwanmd_handle *handle = wwanmd_init(0, "storm");
     if (handle == nullptr) {
         report.finding("no connection");
         return;
     }
+    size_t number = 0;
     const auto command = [&] {
         wwanmd_msg message{};
-        std::strcpy(message.data, "status");
-        message.len = 6;
+        const std::string text = "status " + std::to_string(++number);
+        std::strcpy(message.data, text.c_str());
+        message.len = static_cast<int>(text.size());
         const Impatience impatience;
-        return wwanmd_command(handle, &message);
+        const int result = wwanmd_command(handle, &message);
+        if (result == 0) report.expect(" " + text == message.data, "the answer to " + text + " is" + message.data);
+        return result;
     };
     for (size_t i = 0; i < rounds; ++i) {
         report.round();
@@ -592,7 +611,7 @@ void modemDaemon(Report &report, size_t rounds) {
             report.kill();
             daemon.restart();
         }
-        daemon.sync("sync", "done");
+        daemon.sync("echo", "done");
         // The connection to a daemon that ended is noticed with the first command, and made anew within four failures.
         int tries = 0;
         while (command() != 0 && ++tries < 6) continue;
