@@ -260,6 +260,23 @@ TEST_F(WwanmdFaults, ACommandTheSocketTakesOnlyInPartHasFailed) {
                                         "sending to wwanmd0 failed (1 failures)"));
 }
 
+// The daemon would read it as the rest of the one that was cut.
+TEST_F(WwanmdFaults, TheCommandAfterOneThatWasSentInPartGoesOutOnANewConnection) {
+    const Handle handle = connect();
+    modem.tell("clog");
+    const int smallest = 1;
+    ASSERT_EQ(::setsockopt(handle->fd, SOL_SOCKET, SO_SNDBUF, &smallest, sizeof smallest), 0);
+    Message cut(std::string(8190, 'f'));
+    EXPECT_EQ(command(handle, cut), -1);
+    modem.tell("normal");
+    modem.happened();
+    Message message("signal");
+    EXPECT_EQ(command(handle, message), 0);
+    EXPECT_EQ(handle->failures, 0);
+    EXPECT_THAT(modem.happened(),
+                testing::IsSupersetOf({"closed", "connected", "command init tester", "command signal"}));
+}
+
 TEST_F(WwanmdFaults, ADaemonThatAcceptsAndClosesAtOnceEndsEachCallAndIsRecoveredFrom) {
     const Handle handle = connect();
     modem.tell("drop");

@@ -46,7 +46,7 @@ constexpr int inReset = -11;  // result while the card is in reset
 
 // Bits of wwanmd_handle::flags.
 constexpr int initialized = 1;
-constexpr int answerMissing = 2;  // the time for an answer was used up: it may still come on this connection, or twice
+constexpr int usedUp = 2;  // the connection: an answer that was waited for in vain may still come, or a command was cut
 
 constexpr int64_t usPerSecond = 1000000;
 constexpr int64_t pacingUs = 300000;
@@ -271,6 +271,7 @@ bool sendAll(wwanmd_handle *handle, const wwanmd_msg &message) {
     if (sent == message.len) return true;
     vx::log(LOG_DEBUG, "could not send %d bytes to wwanmd%d (%s)", message.len, handle->card, std::strerror(errno));
     if (errno == EPIPE) stalled(handle);
+    if (sent > 0) handle->flags |= usedUp;  // the next command would be read as the rest of this one
     return false;
 }
 
@@ -289,7 +290,8 @@ bool terminateCommand(wwanmd_msg *message) {
 }
 
 // Replaces a connection on which the answer to an earlier command may still come: an answer does not tell which command
-// it belongs to, but what is sent on a closed connection is lost. Keeps the counts of failures and of "BUSY".
+// it belongs to, but what is sent on a closed connection is lost. So is a command that was cut. Keeps the counts of
+// failures and of "BUSY".
 int renewConnection(wwanmd_handle *handle) {
     (void)flushStaleAnswers(*handle);  // only to log what has come already
     const int failures = handle->failures;
@@ -304,7 +306,7 @@ int renewConnection(wwanmd_handle *handle) {
 int sendMessage(wwanmd_handle *handle, wwanmd_msg *message, Part part) {
     if (handle == nullptr || message == nullptr || !validCard(handle->card)) return -1;
     if (!terminateCommand(message)) return -1;
-    if ((handle->flags & answerMissing) != 0) {
+    if ((handle->flags & usedUp) != 0) {
         const int result = renewConnection(handle);
         if (result != 0) {
             handle->last_io = now();
@@ -362,7 +364,7 @@ Reply receiveReply(wwanmd_handle *handle, wwanmd_msg *message, Budget &budget, R
     const int ready = budget.wait(waiting);
     if (ready == 0) vx::log(LOG_DEBUG, "recv from wwanmd%d timed out", handle->card);
     if (ready != 1) {
-        handle->flags |= answerMissing;
+        handle->flags |= usedUp;
         return Reply::failed;
     }
     errno = 0;
@@ -391,7 +393,7 @@ Reply receiveAnswer(wwanmd_handle *handle, wwanmd_msg *message) {
                 static_cast<unsigned long>(budget.leftUs() / usPerSecond),
                 static_cast<unsigned long>(budget.leftUs() % usPerSecond));
         if (budget.leftUs() < usPerSecond) {
-            handle->flags |= answerMissing;
+            handle->flags |= usedUp;
             break;
         }
     }
@@ -497,7 +499,7 @@ int wwanmd_open(wwanmd_handle *handle) {
 
 void wwanmd_close(wwanmd_handle *handle) {
     if (handle == nullptr) return;
-    handle->flags &= ~answerMissing;
+    handle->flags &= ~usedUp;
     const vx::Fd closed(handle->fd);
     handle->fd = -1;
 }

@@ -59,7 +59,7 @@
  *
  * - by the fourth failure in a row of sending or receiving, and by a broken pipe at once; a complete send sets
  *   `failures` back to 0;
- * - before the next command, when the last one timed out;
+ * - before the next command, when the last one timed out or was sent only in part;
  * - by the 17th command in a row that ends in "BUSY"; an "OK" sets `busy_count` back to 0;
  * - before a command on a closed handle.
  *
@@ -97,7 +97,7 @@ struct wwanmd_handle {
     int card;                /**< card number */
     char app[16];            /**< name of the calling application, at most 15 characters */
     int fd;                  /**< the stream socket; -1 while closed */
-    int flags;               /**< bit 0: a handshake has succeeded once; never cleared. Bit 1: a late answer may come */
+    int flags;               /**< bit 0: a handshake has succeeded once; never cleared. Bit 1: connect anew */
     int failures;            /**< consecutive failed sends and receives */
     int busy_count;          /**< consecutive commands that ended in "BUSY" */
     struct timespec last_io; /**< CLOCK_MONOTONIC time of the last send attempt or (re)connection */
