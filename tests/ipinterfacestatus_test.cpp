@@ -4,17 +4,22 @@
 #include <malloc.h>
 #include <net/if.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
+#include <syslog.h>
 #include <unistd.h>
 #include <vxutils/ipinterfacestatus.h>
 
+#include <filesystem>
 #include <functional>
 #include <type_traits>
+#include <vector>
 
 #include "support/files.h"
 #include "support/intercept.h"
 #include "support/netns.h"
 #include "support/process.h"
 #include "support/resources.h"
+#include "support/short_memory.h"
 #include "support/syslog_capture.h"
 
 namespace {
@@ -254,7 +259,30 @@ TEST_F(Status, ConnectivityIsTheHotLinksInterfaceFile) {
     EXPECT_EQ(status.haveNetworkConnectivity(), 0);
 }
 
-TEST_F(Status, NothingIsLogged) {
+TEST_F(Status, WithoutMemoryThereIsNoConnectivity) {
+    vxtest::writeFile("/tmp/status/link-manager/hotlink/interface", "");
+    vxtest::objectsRunOut = true;
+    const int connected = status.haveNetworkConnectivity();
+    vxtest::objectsRunOut = false;
+    EXPECT_EQ(connected, 0);
+    EXPECT_EQ(status.haveNetworkConnectivity(), 1);
+    ::unlink("/tmp/status/link-manager/hotlink/interface");
+}
+
+TEST_F(Status, ARefusedTreeIsLogged) {
+    vxtest::writeFile("/tmp/status/link-manager/hotlink/interface", "");
+    ASSERT_EQ(::chmod("/tmp/status/link-manager", 0777), 0);
+    ASSERT_EQ(::chown("/tmp/status/link-manager/hotlink", 65534, 65534), 0);
+    vxtest::SyslogCapture log;
+    EXPECT_EQ(status.haveNetworkConnectivity(), 0);
+    const std::vector<vxtest::LogLine> expected{
+        {LOG_ERR,
+         "Refused status path /tmp/status/link-manager/hotlink/interface: \"hotlink\" belongs to user 65534!"}};
+    EXPECT_EQ(log.take(), expected);
+    std::filesystem::remove_all("/tmp/status/link-manager");
+}
+
+TEST_F(Status, NothingElseIsLogged) {
     vxtest::SyslogCapture log;
     status.isInterfaceUp(missing);
     status.setIpV4Address(missing, 1);

@@ -11,6 +11,7 @@
 #include <cerrno>
 #include <csignal>
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -23,6 +24,7 @@
 #include "support/open_hook.h"
 #include "support/process.h"
 #include "support/resources.h"
+#include "support/short_memory.h"
 #include "support/statusinterface.h"
 #include "support/syslog_capture.h"
 
@@ -94,6 +96,40 @@ TEST(StatusSetupFaults, LogsPathsOfAnyLength) {
     const auto lines = log.take();
     ASSERT_EQ(lines.size(), 2U);
     EXPECT_EQ(lines[1].text, "Could not setup status interface for /tmp/status/" + longName + "!");
+}
+
+// Only String ends the process when there is no memory.
+TEST_F(StatusFifo, WithoutMemoryEachCallFails) {
+    StatusInterface status;
+    const String place("/a/place/with/a/name/that/is/not/short");
+    const String name("/value");
+    Recorder observer;
+    const std::function<bool()> calls[] = {
+        [&] { return status.setup(BASEPATH_STATUS, place); },
+        [&] { return status.setStatus(name, String("text")); },
+        [&] {
+            String value;
+            return status.getStatus(name, value);
+        },
+        [&] { return status.setLink(String("/link"), name); },
+        [&] { return status.setupIpcRxFifo(String("/fifo"), &observer) != 0; },
+    };
+    for (const auto &call : calls) {
+        int allocations = 0;
+        for (bool done = false; !done; ++allocations) {
+            vxtest::objectsLeft = allocations;
+            vxtest::objectsRunOut = true;
+            EXPECT_NO_THROW(done = call());
+            vxtest::objectsRunOut = false;
+            ASSERT_LT(allocations, 100);
+        }
+        EXPECT_GT(allocations, 1) << "call " << &call - calls;
+    }
+    vxtest::objectsLeft = 0;
+    vxtest::objectsRunOut = true;
+    status.cleanup();
+    vxtest::objectsRunOut = false;
+    std::filesystem::remove_all("/tmp/status/a");
 }
 
 TEST_F(StatusFaults, IsNotWrittenWithoutItsDirectoryOrOverOne) {

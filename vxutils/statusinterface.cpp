@@ -16,6 +16,7 @@ extern "C" {
 #include <cstdint>
 #include <cstdlib>
 #include <memory>
+#include <new>
 #include <string>
 #include <string_view>
 
@@ -174,12 +175,15 @@ bool StatusInterface::setup(BasePath basePath, const String &name) {
         return false;
     }
     path_ = root + name;
-    const std::string failed = makeDirectories(path_.c_str());
-    if (!failed.empty()) {
+    try {
+        const std::string failed = makeDirectories(path_.c_str());
+        if (failed.empty()) return true;
         vx::log(LOG_ERR, directoryFailed, failed.c_str(), errno);
         vx::log(LOG_ERR, setupFailed, failed.c_str());
+    } catch (const std::bad_alloc &) {
+        vx::log(LOG_ERR, setupFailed, path_.c_str());
     }
-    return failed.empty();
+    return false;
 }
 
 // Quirk Q68.
@@ -217,7 +221,8 @@ bool StatusInterface::setLink(const String &name, const String &target) {
 
 // Quirk Q69.
 unsigned long StatusInterface::setupIpcRxFifo(const String &name, StatusFifoObserver *observer) {
-    auto fifo = std::unique_ptr<Fifo>(new Fifo{nullptr, -1, nullptr, path_ + name});
+    std::unique_ptr<Fifo> fifo(new (std::nothrow) Fifo{nullptr, -1, nullptr, path_ + name});
+    if (fifo == nullptr) return 0;
     vx::Fd fd = makeFifo(fifo->path);
     if (!fd.valid()) return 0;
     const Libevent libevent = lateLibevent.get();

@@ -18,7 +18,8 @@
  *
  * **Blocking.** Calls wait for the kernel's answer only.
  *
- * **Errors.** A call that fails returns 0, which a question returns for "no" as well. Nothing is logged.
+ * **Errors.** A call that fails returns 0, which a question returns for "no" as well. Nothing is logged but a path that
+ * haveNetworkConnectivity() refuses (LOG_ERR).
  *
  * **Limits.** Addresses and netmasks are 32-bit words in host order. Interface names are used up to their 15th
  * character; a NULL name counts as a missing interface. The address is the first IPv4 address of the interface.

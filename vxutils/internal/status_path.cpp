@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <climits>
+#include <new>
 #include <utility>
 
 #include "vxutils/internal/guarded_open.h"
@@ -104,11 +105,21 @@ void StatusWalk::logUnsafe(const char *path) const {
         static_cast<unsigned int>(owner_));
 }
 
-StatusPath::StatusPath(const char *path, Use use) : walk_(use, *path == '/'), name_(path), valid_(isFirm()) {
-    if (valid_) return;
-    valid_ = walkTo(path);
+StatusPath::StatusPath(const char *path, Use use) noexcept : walk_(use, *path == '/') {
+    try {
+        valid_ = find(path);
+    } catch (const std::bad_alloc &) {
+        errno = ENOMEM;
+    }
+}
+
+bool StatusPath::find(const char *path) {
+    name_ = path;
+    if (isFirm()) return true;
+    const bool found = walkTo(path);
     status_ = walk_.status();
     if (walk_.isUnsafe()) walk_.logUnsafe(path);
+    return found;
 }
 
 // Tells whether the path may be used as it is: it leads through directories only, no links, and each of them stays what

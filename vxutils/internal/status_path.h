@@ -49,9 +49,10 @@ private:
 };
 
 // Where a path's last component is to be found, for the functions ending in "at". An unsafe path is logged (LOG_ERR).
+// Not valid, with ENOMEM, when there is no memory.
 class StatusPath {
 public:
-    StatusPath(const char *path, Use use);
+    StatusPath(const char *path, Use use) noexcept;
 
     [[nodiscard]] bool valid() const { return valid_; }
     [[nodiscard]] bool isUnsafe() const { return walk_.isUnsafe(); }
@@ -62,13 +63,14 @@ public:
     [[nodiscard]] const struct stat &directoryStatus() const { return status_; }
 
 private:
+    bool find(const char *path);
     bool isFirm();
     bool walkTo(std::string_view path);
 
     StatusWalk walk_;
     std::string name_;
     struct stat status_ {};
-    bool valid_;
+    bool valid_ = false;
 };
 
 }  // namespace vx
