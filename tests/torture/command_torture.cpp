@@ -70,6 +70,10 @@ void restart(Run &run) {
     const bool started = run.hit() || vxtest::eventually([] { return vxtest::readFile("/tmp/rebooted") == "1 2\n"; });
     run.outcome("system_reboot", started, true);
     reap();
+    run([] { system_poweroff(3, 4); }, 3s);
+    const bool off = run.hit() || vxtest::eventually([] { return vxtest::readFile("/tmp/rebooted") == "3 4\n"; });
+    run.outcome("system_poweroff", off, true);
+    reap();
 }
 
 }  // namespace
@@ -78,6 +82,8 @@ int main(int argc, char **argv) {
     // Written once: a program that still runs cannot be written to.
     vxtest::writeFile("/usr/local/sbin/system-reboot", "#!/bin/sh\necho \"$*\" > /tmp/rebooted\n");
     ::chmod("/usr/local/sbin/system-reboot", 0755);
+    vxtest::writeFile("/usr/local/sbin/system-poweroff", "#!/bin/sh\necho \"$*\" > /tmp/rebooted\n");
+    ::chmod("/usr/local/sbin/system-poweroff", 0755);
     // A process that cannot fork becomes the program itself: documented, and tested apart.
     const std::set<std::string> noFork{"fork"};
     return torture::torment(argc, argv,

@@ -58,9 +58,44 @@ void change(Run &run) {
     run([&] { configd_close(handle); });
 }
 
+// The steps of an exchange, one by one.
+void steps(Run &run) {
+    daemon().tell("set wan.apn internet");
+    configd_handle *handle = run([] { return configd_open(); });
+    if (!run.outcome("configd_open", handle != nullptr, handle == nullptr, "configd")) return;
+    configd_entry entries[2]{};
+    strlcpy(entries[0].key, "wan.apn", sizeof entries[0].key);
+    const int got = run([&] { return configd_get(handle, entries); }, oneExchange);
+    run.outcome("configd_get", got == 0 && std::string(entries[0].value) == "internet", got == -1, "configd");
+    const int added = run([&] { return configd_add_query(handle, "wan.pin"); });
+    run.outcome("configd_add_query", added == 0, added == -1);
+    run([&] { configd_clear(handle); });
+    run.always("nothing is left to be asked for", run([&] { return configd_get(handle, nullptr); }) == 0);
+
+    const int again = run([&] { return __configd_open(handle); });
+    if (run.outcome("__configd_open", again == 0, again == -1, "configd")) {
+        entries[0].value[0] = '\0';
+        const int one = run([&] { return configd_prepare_get(handle, entries); }, oneExchange);
+        const std::string value = entries[0].value;
+        if (run.outcome("configd_prepare_get", one == 0 && value == "internet", one == -1 && value.empty(),
+                        "configd")) {
+            const std::string request = "wan.apn=new\n";
+            const auto size = static_cast<int>(request.size());
+            const int sent = run([&] { return configd_send(handle, request.data(), size); }, 11s);
+            run.outcome("configd_send", sent == size, sent == -1 && run.told());
+            char answer[64] = "";
+            const int received = run([&] { return configd_recv(handle, answer, sizeof answer); }, 11s);
+            if (sent == size) run.outcome("configd_recv", received == size && request == answer, received == -1);
+        }
+        run([&] { __configd_close(handle); });
+    }
+    run([&] { configd_close(handle); });
+}
+
 }  // namespace
 
 int main(int argc, char **argv) {
     vxtest::makeDirs("/var/run/configd");
-    return torture::torment(argc, argv, {{"configd: query", query}, {"configd: change", change}});
+    return torture::torment(argc, argv,
+                            {{"configd: query", query}, {"configd: change", change}, {"configd: steps", steps}});
 }

@@ -15,6 +15,15 @@ void lines(Run &run) {
     const int counted = run([&] { return dio_count(&count); });
     // A tree that cannot be read leaves the counters of the last call, and is logged.
     run.outcome("dio_count", counted == DIO_OK && count == 6, counted == DIO_OK);
+    unsigned int inputs = 0;
+    const int countedInputs = run([&] { return dio_roCount(&inputs); });
+    run.outcome("dio_roCount", countedInputs == DIO_OK && inputs == 4, countedInputs == DIO_OK);
+    unsigned int outputs = 0;
+    const int countedOutputs = run([&] { return dio_rwCount(&outputs); });
+    run.outcome("dio_rwCount", countedOutputs == DIO_OK && outputs == 2, countedOutputs == DIO_OK);
+    unsigned char input = 7;
+    const int read = run([&] { return dio_roValue(1, &input); });
+    run.outcome("dio_roValue", read == DIO_OK && input == 0, read == DIO_SYSTEM && input == 7, "Can't");
     const int set = run([] { return dio_setValue(1, 1); });
     run.outcome("dio_setValue", set == DIO_OK, set == DIO_SYSTEM, "Can't");
     unsigned char on = 7;
@@ -56,11 +65,24 @@ void record(Run &run) {
     }
 }
 
+void halves(Run &run) {
+    dio_status_half in{};
+    const int inputs = run([&] { return dio_getStatusIn(&in); });
+    run.outcome("dio_getStatusIn", inputs == DIO_OK && in.count == 4, inputs == DIO_SYSTEM || inputs == DIO_OK,
+                inputs == DIO_OK ? nullptr : "Can't");
+    dio_status_half out{};
+    const int outputs = run([&] { return dio_getStatusOut(&out); });
+    run.outcome("dio_getStatusOut", outputs == DIO_OK && out.count == 2, outputs == DIO_SYSTEM || outputs == DIO_OK,
+                outputs == DIO_OK ? nullptr : "Can't");
+}
+
 void onBoard(Run &run) {
     static vxtest::Board board(4, 2);
     lines(run);
     frequency(run);
     record(run);
+    halves(run);
+    (void)board.happened();  // else it would once wait for somebody to read this
 }
 
 }  // namespace

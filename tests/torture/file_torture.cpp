@@ -81,6 +81,14 @@ void smallJobs(Run &run) {
     run.outcome("readaddress", read == 0 && address.sin_addr.s_addr == htonl(0xC0000207),
                 run.wasShort() || (read == -1 && run.told()));
 
+    const std::string value = run([] { return readfile(path); });
+    run.outcome("readfile", value == "192.0.2.7", std::string("192.0.2.7").rfind(value, 0) == 0);
+
+    const int made = run([] { return try_mkdir("/tmp/torture/made"); });
+    run.outcome("try_mkdir", made == 0 && vxtest::exists("/tmp/torture/made"), made == -1 && run.told(),
+                "create directory");
+    ::rmdir("/tmp/torture/made");
+
     const char *name = run([] { return create_tmpfile("/tmp/torture/made.XXXXXX"); });
     run.outcome("create_tmpfile", name != nullptr && vxtest::exists(name), name == nullptr && run.told());
     if (name != nullptr) ::unlink(name);

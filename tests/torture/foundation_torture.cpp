@@ -1,5 +1,8 @@
 // SPDX-License-Identifier: MIT
 // The families that fail by lack of memory only.
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <vxutils/address.h>
 #include <vxutils/digest.h>
 #include <vxutils/hashtable.h>
 #include <vxutils/processcontrol.h>
@@ -71,6 +74,11 @@ void texts(Run &run) {
     run.outcome("timeformat", time.size() == 19, time.size() == 19);
     const long up = run([] { return jiffy(); });
     run.outcome("jiffy", up >= 0, true);
+    sockaddr_in address{};
+    const int read = run([&] { return str2addr("192.0.2.7", reinterpret_cast<sockaddr *>(&address)); });
+    run.outcome("str2addr", read == 0 && address.sin_addr.s_addr == htonl(0xC0000207), read == -1);
+    const time_t moment = run([] { return timeparse("2026-11-23 12:00:00"); });
+    run.outcome("timeparse", moment > 1790000000, moment == 0);
     const ProcessEntry entry(1, "init");
     run.always("a process entry has a name", std::string(entry.getName()) == "init");
 }

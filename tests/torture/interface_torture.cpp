@@ -44,15 +44,30 @@ void requests(Run &run) {
     run.outcome("setInterfaceUp", up == 1, up == 0);
     const int available = run([&] { return status.isInterfaceAvailable("torture0"); });
     run.outcome("isInterfaceAvailable", available == 1, available == 0);
+    const int masked = run([&] { return status.setIpV4Mask("torture0", 0xFFFFFF80); });
+    run.outcome("setIpV4Mask", masked == 1 || set == 0, masked == 0);
+    const unsigned int mask = run([&] { return status.getIpV4Mask("torture0"); });
+    run.outcome("getIpV4Mask", mask == 0xFFFFFF80 || masked == 0, mask == 0);
+    const int running = run([&] { return status.isInterfaceUp("torture0"); });
+    run.always("isInterfaceUp of a cable without its other end", running == 0);
     const int length = run([&] { return status.setTxQueueLen("torture0", 100); });
     run.outcome("setTxQueueLen", length == 1, length == 0);
     (void)status.setInterfaceUp("torture0", 0);
 }
 
+void connectivity(Run &run) {
+    vxtest::writeFile("/tmp/status/link-manager/hotlink/interface", "wan0\n");
+    IpInterfaceStatus status;
+    const int connected = run([&] { return status.haveNetworkConnectivity(); });
+    run.outcome("haveNetworkConnectivity", connected == 1, connected == 0);
+}
+
 }  // namespace
 
 int main(int argc, char **argv) {
-    return torture::torment(
-        argc, argv,
-        {{"interface: links", links}, {"interface: bridge", bridge}, {"ipinterfacestatus: requests", requests}});
+    return torture::torment(argc, argv,
+                            {{"interface: links", links},
+                             {"interface: bridge", bridge},
+                             {"ipinterfacestatus: requests", requests},
+                             {"ipinterfacestatus: connectivity", connectivity}});
 }

@@ -2,6 +2,8 @@
 #include <sys/mman.h>
 #include <vxutils/sem.h>
 
+#include <cerrno>
+
 #include "support/files.h"
 #include "torture/faults.h"
 
@@ -23,7 +25,15 @@ void plainFace(Run &run) {
     if (usable) run.outcome("sem_lock", locked == 0, locked != 0);
     run.always("an unusable lock is refused", locked == 0 || locked == -1);
     if (locked == 0) run.always("sem_unlock", run([&] { return sem_unlock(handle); }) == 0);
+    sem_handle *second = run([&] { return sem_create(name); });
+    const bool also = run.outcome("sem_create", second != nullptr && !run.hit(), true);
+    const int tried = run([&] { return sem_trylock(second); });
+    if (also) run.outcome("sem_trylock", tried == 0, tried != 0);
+    const bool held = run.failed("pthread_mutex_timedlock") && tried == EBUSY;
+    run.always("an unusable lock is refused", tried == 0 || tried == -1 || held);
+    if (tried == 0) run.always("sem_unlock", run([&] { return sem_unlock(second); }) == 0);
     run([&] {
+        sem_release(second);
         sem_release(handle);
         semopts_release(options);
     });

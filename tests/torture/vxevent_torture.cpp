@@ -49,10 +49,23 @@ void publish(Run &run) {
     zmq_ctx_term(context);
 }
 
+// The gateway's own endpoint.
+void legacy(Run &run) {
+    void *const context = zmq_ctx_new();
+    void *const source = run([&] { return create_legacy_source(context); });
+    run.outcome("create_legacy_source", source != nullptr, source == nullptr && run.told());
+    void *const sink = run([&] { return register_legacy_sink(context); });
+    run.outcome("register_legacy_sink", sink != nullptr, sink == nullptr && run.told());
+    if (sink != nullptr) zmq_close(sink);
+    if (source != nullptr) zmq_close(source);
+    zmq_ctx_term(context);
+}
+
 }  // namespace
 
 int main(int argc, char **argv) {
     vxtest::makeDirs("/tmp/status/event-manager");
     if (::mkfifo(fifoPath, 0666) == -1) return 2;
-    return torture::torment(argc, argv, {{"vxevent: FIFO", fifo}, {"vxevent: publish", publish}});
+    return torture::torment(argc, argv,
+                            {{"vxevent: FIFO", fifo}, {"vxevent: publish", publish}, {"vxevent: legacy", legacy}});
 }

@@ -31,17 +31,32 @@ private:
 
 void command(Run &run) {
     static Modem modem;
-    modem.tell("sync");
+    modem.tell("echo");
     wwanmd_handle *handle = run([] { return wwanmd_init(0, "torture"); }, 12s);
     run.outcome("wwanmd_init", handle != nullptr, handle == nullptr, "wwanmd");
     if (handle != nullptr) {
         for (int i = 0; i < 2; ++i) {
             wwanmd_msg message{};
-            std::strcpy(message.data, "status");
-            message.len = 6;
+            const std::string text = "status " + std::to_string(i);
+            std::strcpy(message.data, text.c_str());
+            message.len = static_cast<int>(text.size());
             // A command that finds the daemon silent connects again, with a handshake.
             const int result = run([&] { return wwanmd_command(handle, &message); }, 25s);
-            run.outcome("wwanmd_command", result == 0, result == -1 || result == -11);
+            run.outcome("wwanmd_command", result == 0 && " " + text == message.data, result == -1, "wwanmd");
+        }
+        const int opened = run([&] { return wwanmd_open(handle); }, 15300ms);
+        if (run.outcome("wwanmd_open", opened == 0, opened == -1, "wwanmd")) {
+            wwanmd_msg message{};
+            std::strcpy(message.data, "one");
+            message.len = 3;
+            const int sent = run([&] { return wwanmd_send(handle, &message); }, 25s);
+            if (run.outcome("wwanmd_send", sent == 0, sent == -1, "wwanmd")) {
+                const int received = run([&] { return wwanmd_recv(handle, &message); }, 25s);
+                const bool right = received == 0 && std::string(message.data) == " one";
+                run.outcome("wwanmd_recv", right, received == -1, "wwanmd");
+            }
+            run([&] { wwanmd_close(handle); });
+            run.always("a closed handle has no descriptor", handle->fd == -1);
         }
     }
     run([&] { wwanmd_free(handle); });
