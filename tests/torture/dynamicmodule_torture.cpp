@@ -17,6 +17,7 @@ namespace {
 void load(Run &run) {
     static const std::string path = vxtest::built("tests/plugin_full.so");
     std::string diary;
+    diary.reserve(64);  // what the plug-in's code allocates is not the library's
     auto module = std::make_unique<CDynamicModule>(path);
     const int loaded = run([&] { return module->load(&diary); });
     run.outcome("load", loaded == 0 && diary == "init;", loaded == -1, "Unable to open shared library");
@@ -26,7 +27,4 @@ void load(Run &run) {
 
 }  // namespace
 
-int main(int argc, char **argv) {
-    // What a plug-in allocates is not the library's.
-    return torture::torment(argc, argv, {{"dynamicmodule: load", load, {"malloc", "operator new"}}});
-}
+int main(int argc, char **argv) { return torture::torment(argc, argv, {{"dynamicmodule: load", load}}); }

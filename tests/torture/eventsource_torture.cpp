@@ -67,17 +67,21 @@ void loop(Run &run) {
     };
     const bool added = run([&] { return guarded([&] { source.addSink(&sink, IFDEventsource::ET_READ); }); });
     const bool watched = run.outcome("addSink", added && !run.hit(), true, added ? "epoll" : nullptr);
+    const bool changed = run([&] { return guarded([&] { source.modifyEventMask(&sink, IFDEventsource::ET_NONE); }); });
+    run.outcome("modifyEventMask", changed && !run.hit(), changed, "epoll");
+    run([&] { source.modifyEventMask(&sink, IFDEventsource::ET_READ); });
+    const bool reading = run.outcome("modifyEventMask", !run.hit(), true, "epoll");
     run([&] { guarded([&] { source.addTimer(&timer); }); });
     const bool timed = run.outcome("addTimer", !run.hit(), true);
     // A timer whose time cannot be set stays open and unregistered: documented.
     sink.wake();
-    if (!watched) source.terminate();
+    if (!watched || !reading) source.terminate();
     const int ended = run([&] {
         int result = -2;
         guarded([&] { result = source.evtLoop(); });
         return result;
     });
-    if (watched) run.outcome("evtLoop", ended == 0 && sink.reads == 1, ended == -1 || ended == -2);
+    if (watched && reading) run.outcome("evtLoop", ended == 0 && sink.reads == 1, ended == -1 || ended == -2);
     run.always("a timer that could not be armed does not expire", timed || timer.calls == 0);
     run([&] {
         source.removeTimer(&timer);

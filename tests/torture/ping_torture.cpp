@@ -7,6 +7,8 @@
 #include <vxutils/route.h>
 #include <vxutils/vxstring.h>
 
+#include <cstdint>
+#include <ctime>
 #include <memory>
 #include <string>
 
@@ -34,7 +36,19 @@ void plain(Run &run) {
 void throughGateway(Run &run) {
     (void)wan();
     const int answered = run([] { return rawping("wan0", "198.51.100.9", "192.0.2.1", 1000); }, 4s);
-    run.outcome("rawping", answered == 0, answered == -1);
+    run.outcome("rawping", answered == 0, answered == -1, "rawping");
+}
+
+void atIpLevel(Run &run) {
+    (void)wan();
+    const uint32_t mark = 7;
+    timespec roundTrip{-1, 0};
+    const int answered = run(
+        [&] {
+            return __rawping("wan0", "192.0.2.1", nullptr, "192.0.2.10", "255.255.255.0", 1000, 100, &roundTrip, &mark);
+        },
+        4s);
+    run.outcome("__rawping", answered == 0 && roundTrip.tv_sec == 0, answered == -1, "rawping");
 }
 
 void client(Run &run) {
@@ -76,6 +90,7 @@ int main(int argc, char **argv) {
     return torture::torment(argc, argv,
                             {{"ping: plain", plain},
                              {"ping: through the gateway", throughGateway},
+                             {"ping: at IP level", atIpLevel},
                              {"pingclient: one echo", client},
                              {"route: interface", route}});
 }

@@ -62,8 +62,8 @@ void sendOne(Run &run) {
 
 int main(int argc, char **argv) {
     vxtest::makeDirs(spool);
-    // A process that cannot fork becomes the program itself: documented for run_command(). The wait for the script is
-    // not repeated after a signal and counts as success: documented there, too.
+    // A process that cannot fork becomes the program itself, and a wait that fails counts as success: Quirks Q44 and Q45
+    // of run_command().
     return torture::torment(argc, argv,
                             {{"simplesms: spool", spoolOf}, {"simplesms: send", sendOne, {"fork", "waitpid"}}});
 }
