@@ -182,10 +182,31 @@ TEST_F(Install, InstalledAgainItIsTheSameAndUninstallingLeavesNothing) {
     EXPECT_EQ(filesBelow(prefix), installed);
     shell("cmake --build " + build + " --target uninstall");
     EXPECT_EQ(filesBelow(prefix), before);
-    EXPECT_FALSE(vxtest::exists(prefix + "/include/vxutils"));
-    EXPECT_FALSE(vxtest::exists(prefix + "/lib/cmake/vxutils"));
+    for (const char *own : {"include/vxutils", "lib/cmake/vxutils", "libexec/vxutils-gateway", "share/vxutils"})
+        EXPECT_FALSE(vxtest::exists(prefix + "/" + own)) << own;
     EXPECT_THAT(shell("rm " + build + "/install_manifest.txt && cmake --build " + build + " --target uninstall", 1),
                 HasSubstr("Nothing was installed from this build tree"));
+}
+
+TEST_F(Install, UninstallingRemovesWhatWasInstalledAndNothingElse) {
+    for (const std::string prefix : {"/opt/m\u00fcller", "/opt/vxutils", "/opt/release[1]"}) {
+        SCOPED_TRACE(prefix);
+        const std::string other = prefix + "/include/vxutils/other.h";
+        shell("cmake --install " + build + " --prefix " + quoted(prefix));
+        EXPECT_TRUE(vxtest::exists(prefix + "/include/vxutils/sem.h"));
+        vxtest::writeFile(other, "not the library's");
+        shell("cmake --build " + build + " --target uninstall");
+        EXPECT_THAT(filesBelow(prefix), testing::ElementsAre(other));
+    }
+}
+
+TEST_F(Install, UninstallingHonoursAnAbsoluteDestdirAndRefusesARelativeOne) {
+    shell("cd /srv && DESTDIR=image cmake --install " + build);
+    EXPECT_THAT(shell("cd /srv && DESTDIR=image cmake --build " + build + " --target uninstall", 1),
+                HasSubstr("give an absolute path"));
+    EXPECT_TRUE(vxtest::exists("/srv/image/usr/lib/libvxutils.so.1.0.0"));
+    shell("DESTDIR=/srv/image cmake --build " + build + " --target uninstall");
+    EXPECT_THAT(filesBelow("/srv/image"), testing::IsEmpty());
 }
 
 TEST_F(Install, AllUsersCanReadItWhateverTheUmaskIs) {
