@@ -260,6 +260,15 @@ TEST(PartOfAProject, BySubdirectoryItCanBeAStaticLibrary) {
     EXPECT_THAT(cache, Not(HasSubstr("libvxutils.so")));
 }
 
+TEST(PartOfAProject, TheStandInForTheLoggingLibraryIsBuiltBesideTheLibrary) {
+    parentProject("set(CMAKE_LIBRARY_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/all/libraries)\nadd_subdirectory(" + source +
+                      " vxutils)",
+                  "");
+    const std::string targets = shell("ninja -C /tmp/parent/build -t targets all");
+    EXPECT_THAT(targets, HasSubstr("all/libraries/libvxutils.so.1.0.0: "));
+    EXPECT_THAT(targets, HasSubstr("all/libraries/libdevlog.so.1: "));
+}
+
 // The objects of the shared library serve, so that only the archive is made.
 TEST_F(Install, AsAStaticLibraryItIsUsedFromOutside) {
     const std::string prefix = randomDirectory() + "/static libraries";
