@@ -16,6 +16,7 @@
 #include <fcntl.h>
 #include <linux/capability.h>
 #include <net/if.h>
+#include <poll.h>
 #include <sched.h>
 #include <sys/ioctl.h>
 #include <sys/mount.h>
@@ -37,6 +38,8 @@
 #include <string>
 #include <string_view>
 #include <vector>
+
+#include "gateway/standard_streams.h"
 
 namespace {
 
@@ -250,6 +253,11 @@ public:
         ::close(ends_[1]);
         char byte = 0;
         return ::read(ends_[0], &byte, 1) == 1;
+    }
+    // After pass(): whether the other process has ended since.
+    bool isAlone() const {
+        pollfd waiting{ends_[0], POLLIN, 0};
+        return ::poll(&waiting, 1, 0) == 1 && (waiting.revents & POLLHUP) != 0;
     }
 
 private:
@@ -484,6 +492,7 @@ struct Options {
     check(::setresgid(0, 0, 0), "become root");
     check(::setresuid(0, 0, 0), "become root");
     check(::prctl(PR_SET_PDEATHSIG, SIGKILL), "end with the parent");
+    if (mapped.isAlone()) std::exit(cannotMakeBox);  // a parent that ended before sends no signal
     check(::unshare(CLONE_NEWNS | CLONE_NEWIPC | CLONE_NEWUTS | CLONE_NEWNET), "namespaces");
     check(::mount(newRoot.c_str(), newRoot.c_str(), nullptr, MS_BIND | MS_REC, nullptr), "bind " + newRoot);
     mountSys(options.privileged);
@@ -551,6 +560,8 @@ Options parse(int argc, char **argv) {
 }  // namespace
 
 int main(int argc, char **argv) {
+    openStandardStreams();
+    std::signal(SIGCHLD, SIG_DFL);  // a caller that ignores it has the kernel throw away the program's status
     const Options options = parse(argc, argv);
     bool othersFiles = false;
     if (::geteuid() != 0 || ::unshare(CLONE_NEWNS) == -1) {
@@ -563,8 +574,8 @@ int main(int argc, char **argv) {
     boxInit = ::fork();
     check(boxInit, "fork");
     if (boxInit == 0) runBox(options, othersFiles, inUserNamespace, mapped);
-    // Ctrl-C belongs to the program inside; a request to end takes the whole box down.
-    std::signal(SIGINT, SIG_IGN);
+    // Signals of the terminal belong to the program inside; a request to end takes the whole box down.
+    for (const int signal : {SIGINT, SIGQUIT}) std::signal(signal, SIG_IGN);
     for (const int signal : {SIGTERM, SIGHUP}) std::signal(signal, endBox);
     if (inUserNamespace.pass()) {
         if (!options.privileged) mapSameIds(boxInit);

@@ -26,6 +26,7 @@
 #include "gateway/core/junit.h"
 #include "gateway/core/recorder.h"
 #include "gateway/core/scenario.h"
+#include "gateway/standard_streams.h"
 
 namespace {
 
@@ -495,6 +496,8 @@ int list(const Arguments &arguments) {
 }  // namespace
 
 int main(int argc, char **argv) {
+    openStandardStreams();
+    std::signal(SIGCHLD, SIG_DFL);  // a caller that ignores it has the kernel throw away the program's status
     const Arguments arguments(argv + 1, argv + argc);
     if (arguments.empty()) wrong("a command is missing");
     const std::string &command = arguments[0];

@@ -14,6 +14,8 @@
 
 #include <array>
 #include <cerrno>
+#include <csignal>
+#include <cstdlib>
 #include <string>
 #include <vector>
 
@@ -171,6 +173,59 @@ TEST_F(BoxCommand, TellsItsOwnFailuresFromTheProgramsOnes) {
     EXPECT_EQ(missing.status, 125);
     EXPECT_EQ(missing.text, "vxbox: open /no/such/dir: No such file or directory\n");
     EXPECT_EQ(box({"--help"}).status, 0);
+}
+
+TEST_F(BoxCommand, TellsTheStatusWhenTheCallerIgnoresItsChildren) {
+    EXPECT_EQ(box({"--", "sh", "-c", "exit 7"}, {"env", "--ignore-signal=CHLD"}).status, 7);
+}
+
+// A pipe of the box's own that took the place of standard error would get its messages.
+TEST_F(BoxCommand, WorksWithoutStandardStreams) {
+    EXPECT_EQ(vxtest::run({"sh", "-c", "exec \"$@\" <&- >&- 2>&-", "sh", vxtest::built("gateway/vxbox"), "--", "sh",
+                           "-c", "test -c /proc/self/fd/0 && test -c /proc/self/fd/2 && exit 9"})
+                  .status,
+              9);
+}
+
+TEST_F(BoxCommand, LeavesTheSignalsOfTheTerminalToTheProgram) {
+    vxtest::Process box({vxtest::built("gateway/vxbox"), "--", "sh", "-c",
+                         "trap 'exit 5' QUIT; echo ready; while :; do sleep 0.01; done"});
+    EXPECT_EQ(box.readLine(), "ready");
+    box.signal(SIGQUIT);
+    box.signal(SIGINT);
+    box.closeInput();
+    EXPECT_EQ(vxtest::run({"sh", "-c", "sleep 0.1; pkill -QUIT -f '[t]rap .exit 5. QUIT'"}).status, 0);
+    EXPECT_EQ(box.wait(), 5);
+}
+
+pid_t onlyChild(pid_t parent) {
+    const std::string id = std::to_string(parent);
+    const std::string children = vxtest::readFile("/proc/" + id + "/task/" + id + "/children");
+    return static_cast<pid_t>(std::strtol(children.c_str(), nullptr, 10));
+}
+
+bool hasState(pid_t pid, char state) {
+    return vxtest::readFile("/proc/" + std::to_string(pid) + "/stat").find(std::string(") ") + state) !=
+           std::string::npos;
+}
+
+// Stopped in turn, so that the parent is killed after it has let its child go on and before the child has asked the
+// kernel to be told of that.
+TEST_F(BoxCommand, LeavesNothingWhenItIsKilledWhileItStarts) {
+    vxtest::Process box({vxtest::built("gateway/vxbox"), "--", "sleep", "1000"});
+    ASSERT_TRUE(vxtest::eventually([&] { return onlyChild(box.pid()) != 0; }));
+    const pid_t child = onlyChild(box.pid());
+    box.signal(SIGSTOP);
+    ::usleep(300000);  // until the child waits for its parent
+    ASSERT_TRUE(vxtest::eventually([&] { return hasState(child, 'S'); }));
+    ::kill(child, SIGSTOP);
+    ASSERT_TRUE(vxtest::eventually([&] { return hasState(child, 'T'); }));
+    box.signal(SIGCONT);
+    ::usleep(100000);  // until the parent has let it go on
+    box.signal(SIGKILL);
+    EXPECT_EQ(box.wait(), 137);
+    ::kill(child, SIGCONT);
+    EXPECT_TRUE(vxtest::eventually([&] { return !vxtest::exists("/proc/" + std::to_string(child)); }, 5000));
 }
 
 // The kernel puts an overlay over an overlay, and no third one on top.

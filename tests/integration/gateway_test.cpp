@@ -96,6 +96,24 @@ TEST(VxGateway, EndsAProgramWhoseTimeIsOver) {
     EXPECT_EQ(vxgateway_({"run", "--net", "none", "--timeout", "0.1", "--", "sleep", "100"}).status, 124);
 }
 
+TEST(VxGateway, TellsTheStatusWhenTheCallerIgnoresItsChildren) {
+    EXPECT_EQ(vxtest::run({"env", "--ignore-signal=CHLD", vxtest::built("gateway/vxgateway"), "run", "--net", "none",
+                           "--timeout", "20", "--", "sh", "-c", "exit 7"})
+                  .status,
+              7);
+}
+
+// Without standard error the report would take its number, and get the messages.
+TEST(VxGateway, WritesNoMessageIntoTheReport) {
+    EXPECT_EQ(vxtest::run({"sh", "-c", "exec \"$@\" 2>&-", "sh", vxtest::built("gateway/vxgateway"), "run", "--net",
+                           "none", "--timeout", "0.1", "--junit", "/tmp/closed.xml", "--", "sleep", "100"})
+                  .status,
+              124);
+    const std::string report = vxtest::readFile("/tmp/closed.xml");
+    EXPECT_THAT(report, testing::StartsWith("<?xml"));
+    EXPECT_THAT(report, testing::EndsWith("</testsuites>\n"));
+}
+
 TEST(VxGateway, KeepsLogsRecordAndStatusAndWritesAReport) {
     vxtest::makeDirs("/tmp/kept");
     vxtest::writeFile("/tmp/kept/mine", "precious");

@@ -136,6 +136,24 @@ TEST(Recorder, KeepsWhatWasToldBeforeTheProgramDied) {
     EXPECT_EQ(missing.text, "vxgateway: /nowhere/program: No such file or directory\n");
 }
 
+TEST(Recorder, TellsTheStatusWhenTheCallerIgnoresItsChildren) {
+    if (vxtest::emulated()) GTEST_SKIP() << "the emulator is the caller";
+    EXPECT_EQ(vxtest::run({"timeout", "20", "env", "--ignore-signal=CHLD", vxtest::built("gateway/vxgateway"), "record",
+                           "-o", file, "--", "sh", "-c", "exit 7"})
+                  .status,
+              7);
+}
+
+// Without standard error the file would take its number, and get the message.
+TEST(Recorder, WritesNoMessageIntoTheFile) {
+    if (vxtest::emulated()) GTEST_SKIP() << "the emulator opens files of its own";
+    EXPECT_EQ(vxtest::run({"sh", "-c", "exec \"$@\" 2>&-", "sh", vxtest::built("gateway/vxgateway"), "record", "-o",
+                           file, "--", vxtest::built("tests/silent")})
+                  .status,
+              0);
+    EXPECT_THAT(recorded(), ElementsAre("1 exit 0"));
+}
+
 TEST(Recorder, SaysWhenItHeardNothing) {
     EXPECT_THAT(record(command("tests/silent", {})).text, HasSubstr("could not be listened to: linked statically"));
 }
