@@ -194,30 +194,48 @@ __attribute__((constructor)) void beginEarly() {
     if (tapMode != Mode::off) reach();
 }
 
-// One line on its way. Holds the lock, and keeps errno for the program.
+// Holds the lock. Meanwhile neither a signal handler of this thread, which would wait for the lock, is listened to, nor is
+// the thread cancelled, which would leave the lock taken.
+class Lock {
+public:
+    Lock() {
+        ::pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancelState_);
+        busy = true;
+        ::pthread_mutex_lock(&mutex);
+    }
+    ~Lock() {
+        ::pthread_mutex_unlock(&mutex);
+        busy = false;
+        ::pthread_setcancelstate(cancelState_, nullptr);
+    }
+    Lock(const Lock &) = delete;
+    Lock &operator=(const Lock &) = delete;
+
+private:
+    int cancelState_ = PTHREAD_CANCEL_ENABLE;
+};
+
+// One line on its way. Keeps errno for the program.
 class Note {
 public:
     explicit Note(const char *word) : error_(errno) {
-        busy = true;
-        ::pthread_mutex_lock(&mutex);
         const long long time = now_us();
         end_ = static_cast<size_t>(
             std::snprintf(line, sizeof line, "%lld.%06lld %s %s", time / 1000000, time % 1000000, source, word));
     }
-    ~Note() {
-        ::pthread_mutex_unlock(&mutex);
-        busy = false;
-        errno = error_;
-    }
+    ~Note() { errno = error_; }
     Note(const Note &) = delete;
     Note &operator=(const Note &) = delete;
 
     Note &bytes(const void *data, size_t size) {
         constexpr const char *digits = "0123456789abcdef";
         const auto *const all = static_cast<const unsigned char *>(data);
+        // What there is no room for is left out, and the line stays one that can be read.
+        const auto isFull = [this] { return end_ + roomForEnd >= sizeof line; };
+        if (isFull()) return *this;
         add(' ');
         add('"');
-        for (size_t i = 0; i < size && i < longestRecorded; ++i) {
+        for (size_t i = 0; i < size && i < longestRecorded && !isFull(); ++i) {
             const unsigned char byte = all[i];
             if (byte == '"' || byte == '\\') {
                 add('\\');
@@ -281,11 +299,14 @@ public:
     }
 
 private:
+    static constexpr size_t roomForEnd = 64;  // for a byte, the quote, and the result
+
     void add(char c) {
         if (end_ < sizeof line) line[end_++] = c;
     }
 
     int error_;
+    Lock lock_;
     size_t end_ = 0;
 };
 
@@ -393,7 +414,9 @@ int modemCard(const sockaddr *address, socklen_t length) {
     constexpr const char *beginning = "/var/run/wwanmd";
     Path path = "";
     const char *const given = unixPath(address, length);
-    std::snprintf(path, sizeof path, "%.*s", static_cast<int>(sizeof(sockaddr_un::sun_path)), given);
+    if (given[0] == '\0') return -1;
+    const size_t room = length - offsetof(sockaddr_un, sun_path);
+    std::snprintf(path, sizeof path, "%.*s", static_cast<int>(room < sizeof path ? room : sizeof path), given);
     const size_t digits = std::strlen(beginning);
     if (std::strncmp(path, beginning, digits) != 0) return -1;
     char *end = nullptr;
@@ -1138,9 +1161,10 @@ WRAP ssize_t recvfrom(int fd, void *buffer, size_t size, int flags, sockaddr *fr
     if (got < 0) countLook(fd);
     if (got < 0 || (flags & MSG_PEEK) != 0 || !active() || replays()) return got;
     Descriptor *const one = at(fd);
-    if (const Descriptor *const echoes = echoSocket(fd)) noteReply(*echoes, buffer, static_cast<size_t>(got), nullptr);
+    const size_t seen = static_cast<size_t>(got) < size ? static_cast<size_t>(got) : size;  // MSG_TRUNC counts all
+    if (const Descriptor *const echoes = echoSocket(fd)) noteReply(*echoes, buffer, seen, nullptr);
     if (one == nullptr || (one->kind != Kind::config && one->kind != Kind::modem)) return got;
-    Note("receive").channelOf(*one).bytes(buffer, static_cast<size_t>(got)).tell();
+    Note("receive").channelOf(*one).bytes(buffer, seen).tell();
     return got;
 }
 
@@ -1576,7 +1600,7 @@ WRAP int posix_spawnp(pid_t *pid, const char *file, const posix_spawn_file_actio
 WRAP pid_t fork() noexcept {
     REAL("fork", pid_t(*)());
     if (!active()) return real();
-    ::pthread_mutex_lock(&mutex);  // the child has one thread, and it holds the lock
+    const Lock lock;  // the child has one thread, and it holds the lock
     const int number = ++children;
     const pid_t pid = real();
     if (pid == 0) {
@@ -1584,7 +1608,6 @@ WRAP pid_t fork() noexcept {
         std::snprintf(source + length, sizeof source - length, "/%d", number);
         children = threads = connections = 0;
     }
-    ::pthread_mutex_unlock(&mutex);
     return pid;
 }
 

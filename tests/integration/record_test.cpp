@@ -136,6 +136,40 @@ TEST(Recorder, KeepsWhatWasToldBeforeTheProgramDied) {
     EXPECT_EQ(missing.text, "vxgateway: /nowhere/program: No such file or directory\n");
 }
 
+TEST(Recorder, LeavesAProgramThatCancelsItsThreadsAlone) {
+    const auto output = record(command("tests/rough", {"cancel"}));
+    EXPECT_EQ(output.text, "done\n");
+    EXPECT_EQ(output.status, 0);
+}
+
+TEST(Recorder, LeavesAProgramThatForksUnderSignalsAlone) {
+    const auto output = record(command("tests/rough", {"signal"}));
+    EXPECT_EQ(output.text, "done\n");
+    EXPECT_EQ(output.status, 0);
+}
+
+TEST(Recorder, ReadsNoMoreOfAnAnswerThanTheProgramGot) {
+    const Daemons daemons({"long=" + std::string(20000, 'x')});
+    const auto output = record(command("tests/rough", {"longer"}));
+    EXPECT_EQ(output.text, "20002 bytes\ndone\n");
+    EXPECT_EQ(output.status, 0);
+    EXPECT_THAT(recorded(), testing::Contains(R"(1 receive config.1 "xxxx")"));
+}
+
+TEST(Recorder, ReadsNoMoreOfAnAddressThanTheProgramGave) {
+    const auto output = record(command("tests/rough", {"exact"}));
+    EXPECT_EQ(output.text, "done\n");
+    EXPECT_THAT(recorded(), ElementsAre("1 connect modem0.1 ENOENT", "1 exit 0"));
+}
+
+TEST(Recorder, LeavesOutWordsForWhichALineHasNoRoom) {
+    const auto output = record(command("tests/rough", {"words"}));
+    EXPECT_EQ(output.text, "done\n");
+    EXPECT_EQ(output.status, 0);
+    EXPECT_THAT(recorded(), testing::Contains(testing::StartsWith(R"(1/1 run "true" "\x01)")));
+    if (!vxtest::emulated()) EXPECT_EQ(replay(command("tests/rough", {"words"})).text, "done\n");
+}
+
 TEST(Recorder, TellsTheStatusWhenTheCallerIgnoresItsChildren) {
     if (vxtest::emulated()) GTEST_SKIP() << "the emulator is the caller";
     EXPECT_EQ(vxtest::run({"timeout", "20", "env", "--ignore-signal=CHLD", vxtest::built("gateway/vxgateway"), "record",
