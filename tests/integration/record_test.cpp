@@ -2,8 +2,11 @@
 // Recordings: what a program exchanges is written down, and a replay finds the first thing that it does in another way.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
+#include <csignal>
 #include <cstdlib>
+#include <filesystem>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -186,6 +189,50 @@ TEST(Recorder, WritesNoMessageIntoTheFile) {
                   .status,
               0);
     EXPECT_THAT(recorded(), ElementsAre("1 exit 0"));
+}
+
+TEST(Recorder, EndsWithTheProgramWhateverItLeftDoes) {
+    if (vxtest::emulated()) GTEST_SKIP() << "40 busy emulators are too many";
+    const auto output = record(command("tests/rough", {"leave"}));
+    EXPECT_EQ(vxtest::run({"pgrep", "-f", "rough leave$"}).status, 0) << "ended before the recorder";
+    vxtest::writeFile("/tmp/rough-ends", "");
+    EXPECT_EQ(output.text, "done\n");
+    EXPECT_EQ(output.status, 0);
+    EXPECT_EQ(recorded().back(), "1 exit 0");
+    EXPECT_TRUE(vxtest::eventually([] { return vxtest::run({"pgrep", "-f", "rough leave$"}).status != 0; }));
+}
+
+std::vector<std::string> placesLeft() {
+    std::vector<std::string> names;
+    for (const auto &entry : std::filesystem::directory_iterator("/tmp")) {
+        const std::string name = entry.path().filename();
+        if (name.rfind("vxgateway.", 0) == 0) names.push_back(name);
+    }
+    return names;
+}
+
+TEST(Recorder, LeavesNothingInTheDirectoryForTemporaryFiles) {
+    if (vxtest::emulated()) GTEST_SKIP() << "the emulator's signals come later";
+    const std::string gateway = vxtest::built("gateway/vxgateway");
+    {
+        vxtest::Process killed({gateway, "record", "-o", file, "--", "sh", "-c", "echo runs; exec sleep 100"});
+        EXPECT_EQ(killed.readLine(), "runs");
+        EXPECT_THAT(placesLeft(), testing::SizeIs(1));
+        killed.signal(SIGKILL);
+        EXPECT_EQ(killed.wait(), 137);
+        EXPECT_TRUE(vxtest::eventually([] { return placesLeft().empty(); }));
+    }
+    vxtest::run({"mkfifo", "/tmp/waits-for-a-reader"});
+    vxtest::Process waiting({gateway, "record", "-o", "/tmp/waits-for-a-reader", "true"});
+    ::usleep(100000);
+    waiting.signal(SIGINT);
+    EXPECT_EQ(waiting.wait(), 130);
+    EXPECT_THAT(placesLeft(), IsEmpty());
+    const auto piped = vxtest::run({"bash", "-c",
+                                    gateway + " record -o /dev/stdout -- sh -c 'sleep 0.3; exit 5' | " +
+                                        "head -c 1 >/dev/null; echo ${PIPESTATUS[0]}"});
+    EXPECT_THAT(piped.text, HasSubstr("/dev/stdout: Broken pipe\n125\n"));
+    EXPECT_THAT(placesLeft(), IsEmpty());
 }
 
 TEST(Recorder, SaysWhenItHeardNothing) {
