@@ -294,13 +294,13 @@ private:
     std::string spoil(std::string text) const {
         switch (mode_) {
             case Mode::shorter:
-                text.pop_back();
+                if (!text.empty()) text.pop_back();  // the echo of an empty request
                 break;
             case Mode::longer:
                 text += 'x';
                 break;
             case Mode::wrong:
-                text[0] = static_cast<char>(text[0] ^ 1);
+                if (!text.empty()) text[0] = static_cast<char>(text[0] ^ 1);
                 break;
             case Mode::empty:
                 return {};

@@ -394,14 +394,37 @@ private:
                 options_.program.empty() ? options_.scenario : fs::path(options_.program[0]).filename().string();
             const std::string why =
                 player_ && !player_->failure().empty() ? player_->failure() : "exit status " + std::to_string(status_);
-            writeReport(options_.report, {name, seconds, status_ == 0 ? "" : why}, gateway_.record());
+            if (!writeReport(options_.report, {name, seconds, status_ == 0 ? "" : why}, gateway_.record()))
+                std::fprintf(stderr, "vxgateway: --junit: the report is incomplete: %s\n", std::strerror(errno));
         }
         if (!options_.keep) return;
-        std::error_code ignored;
-        fs::copy("/tmp/status", std::string(logDirectory) + "/status",
-                 fs::copy_options::recursive | fs::copy_options::overwrite_existing, ignored);
+        const bool kept = keepStatus();
         std::ofstream record(std::string(logDirectory) + "/record.json");
         for (const Entry &entry : gateway_.record().entries()) record << entry.json() << '\n';
+        record.close();
+        if (!kept || !record)
+            std::fputs("vxgateway: --keep: the directory is incomplete; is there room on its disk?\n", stderr);
+    }
+
+    // Its directories and values; FIFOs take commands.
+    static bool keepStatus() {
+        const fs::path tree = "/tmp/status";
+        bool all = true;
+        std::error_code end;
+        for (auto entry = fs::recursive_directory_iterator(tree, end);
+             !end && entry != fs::recursive_directory_iterator(); entry.increment(end)) {
+            const fs::path copy = logDirectory / ("status" / entry->path().lexically_relative(tree));
+            std::error_code ignored;
+            std::error_code error;
+            if (entry->is_directory(ignored)) {
+                fs::create_directories(copy, error);
+            } else if (entry->is_regular_file(ignored)) {
+                fs::create_directories(copy.parent_path(), error);
+                fs::copy_file(entry->path(), copy, fs::copy_options::overwrite_existing, error);
+            }
+            all = all && !error;
+        }
+        return all && !end;
     }
 
     const Options &options_;

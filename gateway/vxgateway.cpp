@@ -433,7 +433,8 @@ int run(Options options) {
     struct stat about {};
     if (report != -1 && ::fstat(report, &about) == 0 && about.st_size == 0) {
         const std::string name = program.empty() ? options.scenario : fs::path(program[0]).filename().string();
-        vxgateway::writeReport(report, {name, 0, "the gateway ended early, status " + std::to_string(status)}, {});
+        (void)vxgateway::writeReport(report, {name, 0, "the gateway ended early, status " + std::to_string(status)},
+                                     {});
     }
     return status;
 }

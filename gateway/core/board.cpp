@@ -203,7 +203,8 @@ void layOutBoard(const std::string &programs) {
     fs::create_directories("/usr/local/sbin");
     for (const char *log : {"/sms.log", "/power.log"}) writeText(std::string(logDirectory) + log, "");
     const std::string gw = "'" + programs + "/gw'";
-    makeScript("send-sms", "exec " + gw + " deliver sms \"$1\"\n");
+    makeScript("send-sms",
+               "case $1 in /*) file=$1 ;; *) file=$PWD/$1 ;; esac\nexec " + gw + " deliver sms \"$file\"\n");
     for (const char *name : {"system-reboot", "system-poweroff"}) {
         makeScript(name, "exec " + gw + " deliver power \"" + name + " $*\"\n");
     }

@@ -15,6 +15,9 @@ bool hasPattern(const Words &words, size_t first) {
 }  // namespace
 
 Pattern::Pattern(const std::string &text) {
+    // The C library compiles each bracket by a deeper call of its own.
+    constexpr size_t longest = 1024;
+    if (text.size() > longest) throw std::runtime_error("longer than " + std::to_string(longest) + " bytes");
     auto fresh = std::make_unique<regex_t>();
     const int error = ::regcomp(fresh.get(), text.c_str(), REG_EXTENDED | REG_NOSUB);
     if (error != 0) {

@@ -90,15 +90,17 @@ void Control::accept() {
 
 void Control::read(const Shared &client) {
     std::string request(packetSize, '\0');
-    const ssize_t got = ::recv(client->fd.get(), request.data(), request.size(), 0);
+    const ssize_t got = ::recv(client->fd.get(), request.data(), request.size(), MSG_TRUNC);
     if (got == -1 && (errno == EAGAIN || errno == EINTR)) return;
     if (got <= 0) {
         client->gone = true;
         return;
     }
-    request.resize(static_cast<size_t>(got));
     if (client->asked) return;
     client->asked = true;
+    if (static_cast<size_t>(got) > packetSize)
+        return refuse(*client, "more than " + std::to_string(packetSize) + " bytes of words", 2);
+    request.resize(static_cast<size_t>(got));
     obey(client, wordsOf(request));
 }
 

@@ -279,6 +279,8 @@ std::optional<long long> number(const std::string &text, long long least, long l
     const size_t digits = !text.empty() && text[0] == '-' ? 1 : 0;
     if (text.size() == digits || text.size() > 12 || text.find_first_not_of("0123456789", digits) != std::string::npos)
         return std::nullopt;
+    // One spelling for each number: words are kept and handed on as they are.
+    if (text[digits] == '0' && text.size() > 1) return std::nullopt;
     const long long value = std::strtoll(text.c_str(), nullptr, 10);
     if (value < least || value > most) return std::nullopt;
     return value;

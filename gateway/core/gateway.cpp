@@ -362,7 +362,7 @@ std::optional<Outcome> Gateway::performHere(const Words &words) {
     } else if (what == "note") {
         note({0, "note", join(words, 1, words.size()), {{"text", join(words, 1, words.size())}}});
     } else if (what == "deliver") {
-        deliver(words);
+        return deliver(words);
     } else if (what == "clock") {
         return setClock(words);
     } else if (what == "program") {
@@ -378,10 +378,13 @@ std::optional<Outcome> Gateway::performHere(const Words &words) {
 }
 
 // What the firmware's scripts would do for real is written down.
-void Gateway::deliver(const Words &words) {
+Outcome Gateway::deliver(const Words &words) {
     const std::string text = join(words, 2, words.size());
     Entry entry{0, words[1], text, {}};
     if (words[1] == "sms") {
+        // To open a FIFO is to wait for its writer.
+        std::error_code error;
+        if (!fs::is_regular_file(text, error)) return {false, text + ": not a file"};
         std::istringstream message(readText(text));
         ::unlink(text.c_str());
         std::string number;
@@ -397,6 +400,7 @@ void Gateway::deliver(const Words &words) {
     }
     std::ofstream(std::string(logDirectory) + "/" + words[1] + ".log", std::ios::app) << entry.line << '\n';
     note(std::move(entry));
+    return {true, ""};
 }
 
 Outcome Gateway::setClock(const Words &words) {

@@ -74,7 +74,7 @@ private:
     Outcome setClock(const Words &words);
     Outcome performProgram(const Words &words) const;
     Outcome performPeer(const Words &words);
-    void deliver(const Words &words);
+    Outcome deliver(const Words &words);
     void remember(const Words &words);
     std::optional<Problem> checkLines(const Words &words) const;
 

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <array>
+#include <cerrno>
 #include <cstdio>
 
 namespace vxgateway {
@@ -27,7 +28,7 @@ std::string xml(const std::string &text) {
 
 }  // namespace
 
-void writeReport(int fd, const Result &result, const Record &record) {
+bool writeReport(int fd, const Result &result, const Record &record) {
     std::array<char, 32> seconds;
     (void)std::snprintf(seconds.data(), seconds.size(), "%.3f", result.seconds);
     const bool passed = result.failure.empty();
@@ -44,9 +45,11 @@ void writeReport(int fd, const Result &result, const Record &record) {
     text += "</system-out>\n</testcase>\n</testsuite>\n</testsuites>\n";
     for (size_t at = 0; at < text.size();) {
         const ssize_t written = ::write(fd, text.data() + at, text.size() - at);
-        if (written <= 0) return;
+        if (written == -1 && errno == EINTR) continue;
+        if (written <= 0) return false;
         at += static_cast<size_t>(written);
     }
+    return true;
 }
 
 }  // namespace vxgateway

@@ -15,8 +15,8 @@ struct Result {
     std::string failure;  // "": passed
 };
 
-// Writes the result with the system log to the descriptor.
-void writeReport(int fd, const Result &result, const Record &record);
+// Writes the result with the system log to the descriptor. False, with errno, when not all of it could be written.
+bool writeReport(int fd, const Result &result, const Record &record);
 
 }  // namespace vxgateway
 

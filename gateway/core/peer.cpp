@@ -11,6 +11,7 @@
 #include <csignal>
 #include <cstring>
 #include <stdexcept>
+#include <utility>
 
 namespace vxgateway {
 
@@ -58,6 +59,7 @@ void Peer::start(const std::string &logPath) {
     log_ = std::ofstream(logPath, std::ios::app);
     ready_ = false;
     partial_.clear();
+    unsent_.clear();
     said_.clear();
     pid_ = ::fork();
     if (pid_ == -1) throw std::runtime_error(std::string("fork: ") + std::strerror(errno));
@@ -74,6 +76,7 @@ void Peer::kill() const {
 
 void Peer::ended() {
     read();
+    unsent_.clear();
     pid_ = -1;
     ready_ = false;
     input_.close();
@@ -89,13 +92,25 @@ void Peer::ended() {
 void Peer::order(const std::string &text, Done done) {
     if (!running()) return done({false, name_ + " does not run"});
     const std::string line = text + "\n";
-    if (::write(input_.get(), line.data(), line.size()) != static_cast<ssize_t>(line.size())) {
-        return done({false, name_ + " takes no orders"});
-    }
+    // A stopped process leaves no room in the pipe, or room for a part of the line.
+    const ssize_t sent = unsent_.empty() ? ::write(input_.get(), line.data(), line.size()) : -1;
+    if (sent <= 0) return done({false, name_ + " takes no orders"});
+    unsent_ = line.substr(static_cast<size_t>(sent));
     pending_.push_back({text, std::move(done), Clock::now() + patience, "", false});
 }
 
+void Peer::sendRest() {
+    const ssize_t sent = unsent_.empty() ? 0 : ::write(input_.get(), unsent_.data(), unsent_.size());
+    if (sent > 0) unsent_.erase(0, static_cast<size_t>(sent));
+}
+
+bool Peer::isBusy() const {
+    return !unsent_.empty() ||
+           std::any_of(pending_.begin(), pending_.end(), [](const Pending &order) { return order.done != nullptr; });
+}
+
 void Peer::read() {
+    sendRest();
     std::array<char, 65536> piece;
     ssize_t got;
     while (output_.get() != -1 && (got = ::read(output_.get(), piece.data(), piece.size())) > 0) {
@@ -118,6 +133,7 @@ void Peer::take(const std::string &line) {
         ready_ = line == "ready";
         return;
     }
+    skipLost(line);
     if (!pending_.empty()) {
         Pending &order = pending_.front();
         if (line == "ok die") return;  // obeyed when it has ended: it can be started again then
@@ -146,16 +162,25 @@ void Peer::take(const std::string &line) {
     hear_(line);
 }
 
+// Forgets orders that were given up and whose confirmation did not come before that of a later one.
+void Peer::skipLost(const std::string &line) {
+    const auto confirmed = std::find_if(pending_.begin(), pending_.end(), [&](const Pending &order) {
+        return order.done != nullptr || line == "ok " + order.text || line == order.text;
+    });
+    if (confirmed != pending_.end() && (line == "ok " + confirmed->text || line == confirmed->text))
+        pending_.erase(pending_.begin(), confirmed);
+}
+
 void Peer::finish(bool obeyed) {
     const Pending order = std::move(pending_.front());
     pending_.pop_front();
-    order.done({obeyed, order.answer});
+    if (order.done) order.done({obeyed, order.answer});
 }
 
 void Peer::giveUp(Clock::time_point now) {
-    while (!pending_.empty() && pending_.front().deadline <= now) {
-        pending_.front().answer = name_ + " does not answer";
-        finish(false);
+    for (size_t i = 0; i < pending_.size() && pending_[i].deadline <= now; ++i) {
+        const Done done = std::exchange(pending_[i].done, nullptr);
+        if (done) done({false, name_ + " does not answer"});
     }
 }
 

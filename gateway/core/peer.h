@@ -70,18 +70,20 @@ public:
     void order(const std::string &text, Done done);
     void read();
     void giveUp(Clock::time_point now);  // on orders whose time is over
-    bool isBusy() const { return !pending_.empty(); }
+    bool isBusy() const;                 // something is to be done without news from its process
 
 private:
     struct Pending {
         std::string text;
-        Done done;
+        Done done;  // none once its time was over: its confirmation still comes, before those of later orders
         Clock::time_point deadline;
         std::string answer;
         bool refused = false;
     };
     void take(const std::string &line);
+    void skipLost(const std::string &line);
     void finish(bool obeyed);
+    void sendRest();
 
     std::string name_;
     std::vector<std::string> command_;
@@ -91,6 +93,7 @@ private:
     Descriptor output_;
     std::ofstream log_;
     std::string partial_;
+    std::string unsent_;  // rest of an order
     std::string said_;
     bool ready_ = false;
     std::deque<Pending> pending_;

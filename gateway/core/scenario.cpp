@@ -148,7 +148,7 @@ private:
 // As it is written in the file.
 std::string textOf(const Step &step) {
     std::array<char, 32> time{};
-    (void)std::snprintf(time.data(), time.size(), "%g", step.seconds);
+    (void)std::snprintf(time.data(), time.size(), "%.8g", step.seconds);
     const std::string words = join(step.words, 0, step.words.size());
     if (step.kind == Step::Kind::at) return std::string("at ") + time.data() + " " + words;
     return (step.kind == Step::Kind::when ? "when " : "expect ") + words + " within " + time.data();

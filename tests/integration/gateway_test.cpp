@@ -3,6 +3,7 @@
 // that nothing of a gateway remains.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -130,6 +131,34 @@ TEST(VxGateway, KeepsLogsRecordAndStatusAndWritesAReport) {
     const std::string report = vxtest::readFile("/tmp/kept.xml");
     EXPECT_THAT(report, HasSubstr("<failure message=\"exit status 3\"/>"));
     EXPECT_THAT(report, HasSubstr("err tester: a &#60;text&#62;"));
+}
+
+TEST(VxGateway, KeepsTheWholeStatusTreeAroundFifos) {
+    vxtest::makeDirs("/tmp/kept-tree");
+    const auto output = inGateway(
+        "mkdir -p /tmp/status/a; echo 1 >/tmp/status/a/first; mkfifo /tmp/status/a/command; echo 2 "
+        ">/tmp/status/a/last\n"
+        "ln -s nowhere /tmp/status/a/link\n",
+        {"--net", "none", "--keep", "/tmp/kept-tree"});
+    EXPECT_EQ(output.status, 0);
+    EXPECT_EQ(output.text, "");
+    EXPECT_EQ(vxtest::readFile("/tmp/kept-tree/status/a/first"), "1\n");
+    EXPECT_EQ(vxtest::readFile("/tmp/kept-tree/status/a/last"), "2\n");
+    EXPECT_TRUE(vxtest::exists("/tmp/kept-tree/status/wwanmd/card0"));
+}
+
+TEST(VxGateway, SaysWhatItCouldNotWriteToAFullDisk) {
+    vxtest::makeDirs("/tmp/full");
+    ASSERT_EQ(::mount("full", "/tmp/full", "tmpfs", 0, "size=64k"), 0);
+    vxtest::makeDirs("/tmp/full/kept");
+    vxtest::writeFile("/tmp/full/report.xml", "");
+    vxtest::run({"dd", "if=/dev/zero", "of=/tmp/full/filler", "bs=4096"});
+    const auto output = vxgateway_({"run", "--net", "none", "--keep", "/tmp/full/kept", "--junit",
+                                    "/tmp/full/report.xml", "--", "sh", "-c", "exit 3"});
+    EXPECT_EQ(output.status, 3);
+    EXPECT_THAT(output.text, HasSubstr("vxgateway: --junit: the report is incomplete: No space left on device\n"));
+    EXPECT_THAT(output.text, HasSubstr("vxgateway: --keep: the directory is incomplete"));
+    EXPECT_EQ(::umount2("/tmp/full", MNT_DETACH), 0);
 }
 
 TEST(VxGateway, RunsAProgramAsAnOrdinaryUser) {
@@ -276,6 +305,10 @@ TEST(Gw, RefusesNonsenseBeforeAnythingIsDone) {
         "check 2 gw usb\n"
         "check 2 gw usb sideways\n"
         "check 2 gw voltage 3 1\n"
+        "check 2 gw input 1 01\n"
+        "check 2 gw input 1 -0\n"
+        "check 2 gw modem signal -067\n"
+        "check 2 gw wait log \"$(printf '%02000d' 0)\"\n"
         "check 2 gw wan loss 101\n"
         "check 2 gw wan delay -1\n"
         "check 2 gw config\n"
@@ -317,6 +350,55 @@ TEST(Gw, IsRefusedByAPeerThatDoesNotAnswer) {
                   {"--net", "none"});
     EXPECT_EQ(output.status, 0) << output.text;
     EXPECT_EQ(output.text, "gw: modem does not answer\n");
+}
+
+// The orders that it did not answer in time are confirmed later, and one of them was sent in part.
+TEST(Gw, IsObeyedAgainByAPeerThatGoesOn) {
+    const auto output = inGateway(
+        "pkill -STOP -x wwanmd\n"
+        "check 1 gw modem error one 2>/dev/null\n"
+        "gw modem busy 2 two & sleep 0.2; pkill -CONT -x wwanmd; check 0 wait $!\n"
+        "check 0 gw modem sync\n"
+        "check 1 sh -c \"gw record | grep 'modem: done'\"\n"
+        "long=$(printf '%030000d' 0)\n"
+        "pkill -STOP -x configd\n"
+        "for i in 1 2 3 4; do gw config set k$i $long 2>/dev/null & done; wait\n"
+        "pkill -CONT -x configd\n"
+        "until gw config set hello world 2>/dev/null; do :; done\n"
+        "check 0 test \"$(gw config get hello)\" = hello=world\n"
+        "check 1 grep -E '^k[0-9]=.*[^0]' <(gw config list)\n",
+        {"--net", "none"});
+    EXPECT_EQ(output.status, 0) << output.text;
+    EXPECT_EQ(output.text, "");
+}
+
+TEST(Gw, PeersLiveThroughEmptyRequests) {
+    const auto output = inGateway(
+        "for i in short wrong long; do gw config $i; python3 -c 'import socket\n"
+        "s = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM); s.sendto(b\"\", \"/var/run/configd/daemon.sock\")'\n"
+        "check 0 gw config trace off; done\n",
+        {"--net", "none"});
+    EXPECT_EQ(output.status, 0) << output.text;
+}
+
+TEST(Gw, RefusesARequestThatIsTooLong) {
+    const auto output = inGateway(
+        "python3 -c 'import socket; s = socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET); "
+        "s.connect(\"/run/vxgateway\"); "
+        "s.send(b\"note\\0\" + b\"x\" * 40000 + b\"\\0\"); print(s.recv(100).decode(), end=\"\")'\n"
+        "check 1 grep xxx <(gw record)\n",
+        {"--net", "none"});
+    EXPECT_EQ(output.status, 0) << output.text;
+    EXPECT_EQ(output.text, "egw: more than 32768 bytes of words\n");
+}
+
+TEST(Gw, IsNotHeldUpByAMessageThatIsNoFile) {
+    const auto output = inGateway(
+        "mkfifo /tmp/message; check 1 send-sms /tmp/message; check 1 send-sms /nowhere/message\n"
+        "cd /tmp; printf 'To: +1\\n\\nhello\\n' >message.txt; check 0 send-sms message.txt; gw sms\n",
+        {"--net", "none", "--timeout", "20"});
+    EXPECT_EQ(output.status, 0) << output.text;
+    EXPECT_EQ(output.text, "gw: /tmp/message: not a file\ngw: /nowhere/message: not a file\n+1 hello\n");
 }
 
 TEST(Gw, ShowsWhatProgramsDidAsTextAndAsJson) {
@@ -484,7 +566,8 @@ TEST(Gw, SetsTheClockOfAProgramOfTheLibrary) {
 
 TEST(Gw, PlaysAScenarioAndShowsHowFarItIs) {
     vxtest::writeFile("/tmp/played.scenario",
-                      "question What is left?\nrepeat 2\nat 0.1 input 1 1\nend\nexpect output 2 1 within 0.1\n");
+                      "question What is left?\nrepeat 2\nat 0.1 input 1 1\nend\nexpect output 2 1 within 0.1\n"
+                      "at 12345.678 input 1 0\n");
     const auto output = inGateway(
         "check 1 gw scenario play no-such-scenario 2>/dev/null\n"
         "check 0 test \"$(gw scenario)\" = null\n"
@@ -502,6 +585,7 @@ TEST(Gw, PlaysAScenarioAndShowsHowFarItIs) {
     EXPECT_THAT(output.text,
                 HasSubstr("\"question\":\"What is left?\",\"state\":\"failed\",\"line\":5,\"failure\":\""));
     EXPECT_THAT(output.text, HasSubstr("{\"line\":3,\"text\":\"at 0.1 input 1 1\",\"times\":2,\"done\":2}"));
+    EXPECT_THAT(output.text, HasSubstr("{\"line\":6,\"text\":\"at 12345.678 input 1 0\",\"times\":1,\"done\":0}"));
     EXPECT_THAT(output.text, HasSubstr("bad-minute: Does the daemon"));
 }
 
