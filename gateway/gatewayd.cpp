@@ -258,7 +258,7 @@ private:
     void step() {
         std::vector<pollfd> waiting{
             {signals_.get(), POLLIN, 0}, {gateway_.logSocket(), POLLIN, 0}, {options_.leash, POLLIN, 0}};
-        bool busy = false;
+        bool busy = control_.isFull();
         for (const Peer *peer : gateway_.peers()) {
             waiting.push_back({peer->output(), POLLIN, 0});
             busy = busy || peer->isBusy();

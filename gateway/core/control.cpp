@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "gateway/core/control.h"
 
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -21,6 +22,17 @@ namespace {
 constexpr size_t packetSize = 32768;
 constexpr size_t mostPackets = 4096;  // kept for a client that does not read
 constexpr double defaultWait_s = 10;
+constexpr std::chrono::seconds longestSilence{1};  // of a client that keeps others from being served
+
+// As many as leave descriptors for what they ask.
+size_t mostClients() {
+    constexpr rlim_t most = 512;
+    constexpr rlim_t least = 16;
+    constexpr rlim_t kept = 64;
+    rlimit descriptors{};
+    if (::getrlimit(RLIMIT_NOFILE, &descriptors) == -1 || descriptors.rlim_cur <= kept + least) return least;
+    return static_cast<size_t>(std::min(descriptors.rlim_cur - kept, most));
+}
 
 Words wordsOf(const std::string &request) {
     Words words;
@@ -44,6 +56,7 @@ std::optional<std::string> takeOption(Words &words, const std::string &name) {
 }  // namespace
 
 void Control::listen() {
+    most_ = mostClients();
     ::unlink(controlSocket);
     listener_ = Descriptor(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     sockaddr_un address{};
@@ -59,7 +72,7 @@ void Control::listen() {
 void Control::leave() const { ::unlink(controlSocket); }
 
 void Control::addTo(std::vector<pollfd> &waiting) const {
-    waiting.push_back({listener_.get(), POLLIN, 0});
+    waiting.push_back({isFull() ? -1 : listener_.get(), POLLIN, 0});
     for (const Shared &client : clients_) {
         waiting.push_back({client->fd.get(), static_cast<short>(client->packets.empty() ? POLLIN : POLLOUT), 0});
     }
@@ -73,6 +86,7 @@ bool Control::waits() const {
 void Control::serve() {
     accept();
     for (const Shared &client : clients_) read(client);
+    dropSilent();
     // Only then, because what one client has ordered may be what another one waits for.
     for (const Shared &client : clients_) {
         proceed(*client);
@@ -82,10 +96,17 @@ void Control::serve() {
 }
 
 void Control::accept() {
-    for (int fd; (fd = ::accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK)) != -1;) {
+    for (int fd;
+         !isFull() && (fd = ::accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK)) != -1;) {
         clients_.push_back(std::make_shared<Client>());
         clients_.back()->fd = Descriptor(fd);
     }
+}
+
+void Control::dropSilent() {
+    if (!isFull()) return;
+    const auto last = Clock::now() - longestSilence;
+    for (const Shared &client : clients_) client->gone = client->gone || (!client->asked && client->since < last);
 }
 
 void Control::read(const Shared &client) {

@@ -25,6 +25,7 @@ public:
     void addTo(std::vector<pollfd> &waiting) const;
     void serve();  // whatever is to be done now; never waits
     bool waits() const;
+    bool isFull() const { return clients_.size() >= most_; }
 
 private:
     struct Client {
@@ -35,6 +36,7 @@ private:
         bool watching = false;
         bool json = false;
         size_t seen = 0;
+        Clock::time_point since = Clock::now();
         bool asked = false;
         bool over = false;  // nothing more to be said once the packets are sent
         bool gone = false;
@@ -42,6 +44,7 @@ private:
     using Shared = std::shared_ptr<Client>;
 
     void accept();
+    void dropSilent();
     void read(const Shared &client);
     void obey(const Shared &client, Words words);
     void wait(const Shared &client, Words words);
@@ -53,6 +56,7 @@ private:
 
     Gateway &gateway_;
     Descriptor listener_;
+    size_t most_ = 0;  // clients at once
     std::list<Shared> clients_;
 };
 

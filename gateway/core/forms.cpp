@@ -25,6 +25,7 @@ constexpr std::array numberTypes{
     NumberType{"SUPPLY", 1, 2},         NumberType{"MILLIVOLTS", 0, 100000}, NumberType{"RAW", 0, 65535},
     NumberType{"DBM", -140, 0},         NumberType{"ERRNO", 0, 4095},        NumberType{"ID", 0, 4294967295},
     NumberType{"PARAM", 0, 4294967295}, NumberType{"MIB", 1, 65536},         NumberType{"TIME", 0, 4102444800},
+    NumberType{"LINES", 0, 200},
 };
 
 // One fixed word, or a choice of several.
@@ -162,7 +163,7 @@ const std::vector<Form> &forms() {
         {Group::order, "board gone|unclosable KEY", "has no such file; fails to close it"},
         {Group::order, "board refuse KEY ERRNO", "fails writes to the file with this error number"},
         {Group::order, "board frequency INPUT COUNT COUNT COUNT", "sets the three numbers of a pulse counter"},
-        {Group::order, "board inputs|outputs COUNT", "has this many inputs, outputs"},
+        {Group::order, "board inputs|outputs LINES", "has this many inputs, outputs"},
         {Group::order, "board in INPUT LEVEL", "moves a digital input"},
         {Group::order, "board pulse INPUT COUNT", "gives a digital input this many pulses"},
         {Group::order, "board normal", "forgets text, gone, refuse and unclosable"},

@@ -308,6 +308,7 @@ TEST(Gw, RefusesNonsenseBeforeAnythingIsDone) {
         "check 2 gw input 1 01\n"
         "check 2 gw input 1 -0\n"
         "check 2 gw modem signal -067\n"
+        "check 2 gw board inputs 201\n"
         "check 2 gw wait log \"$(printf '%02000d' 0)\"\n"
         "check 2 gw wan loss 101\n"
         "check 2 gw wan delay -1\n"
@@ -379,6 +380,23 @@ TEST(Gw, PeersLiveThroughEmptyRequests) {
         "check 0 gw config trace off; done\n",
         {"--net", "none"});
     EXPECT_EQ(output.status, 0) << output.text;
+}
+
+// More of them than the gateway may have descriptors.
+TEST(Gw, IsNotHeldUpByClientsThatSayNothing) {
+    vxtest::makeDirs("/tmp/silent");
+    vxtest::writeFile("/tmp/silent/silent.py",
+                      "import signal, socket\n"
+                      "kept = [socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET) for i in range(35)]\n"
+                      "for one in kept: one.connect('/run/vxgateway')\n"
+                      "print('connected', flush=True); signal.pause()\n");
+    const std::string gateway = vxtest::built("gateway/vxgateway");
+    const auto output = vxtest::run(
+        {"prlimit", "--nofile=64:64", gateway, "run", "--net", "none", "--timeout", "30", "--show", "/tmp/silent", "--",
+         "bash", "-c",
+         "for i in 1 2; do exec {fd}< <(python3 /tmp/silent/silent.py); read -u $fd; done; gw config list | head -1"});
+    EXPECT_EQ(output.status, 0);
+    EXPECT_EQ(output.text, "hostname=gateway\n");
 }
 
 TEST(Gw, RefusesARequestThatIsTooLong) {
