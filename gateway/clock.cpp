@@ -301,7 +301,8 @@ bool isWallCondition(const pthread_cond_t *condition) { return (condition->__dat
     }
 
 #define WRAP_WAITS(suffix, Timespec, mutexTimed, mutexClock, readTimed, readClock, writeTimed, writeClock,          \
-                   conditionTimed, conditionClock, semaphoreTimed, semaphoreClock, joinTimed, joinClock)            \
+                   conditionTimed, conditionClock, semaphoreTimed, semaphoreClock, joinTimed, joinClock, mtxTimed,  \
+                   cndTimed)                                                                                        \
     WRAP_WAIT(mutexTimedlock##suffix, mutexTimed, Timespec, (pthread_mutex_t * lock, const Timespec *until),        \
               (pthread_mutex_t *, const Timespec *), true, lock, deadline)                                          \
     WRAP_WAIT(mutexClocklock##suffix, mutexClock, Timespec,                                                         \
@@ -334,7 +335,12 @@ bool isWallCondition(const pthread_cond_t *condition) { return (condition->__dat
               (pthread_t, void **, const Timespec *), true, thread, status, deadline)                               \
     WRAP_WAIT(clockJoin##suffix, joinClock, Timespec,                                                               \
               (pthread_t thread, void **status, clockid_t clock, const Timespec *until),                            \
-              (pthread_t, void **, clockid_t, const Timespec *), isWall(clock), thread, status, clock, deadline)
+              (pthread_t, void **, clockid_t, const Timespec *), isWall(clock), thread, status, clock, deadline)    \
+    /* Of threads.h, whose types are those of pthreads in the C library: they call nothing that is wrapped. */      \
+    WRAP_WAIT(mtxTimedlock##suffix, mtxTimed, Timespec, (void *lock, const Timespec *until),                        \
+              (void *, const Timespec *), true, lock, deadline)                                                     \
+    WRAP_WAIT(cndTimedwait##suffix, cndTimed, Timespec, (void *condition, void *lock, const Timespec *until),       \
+              (void *, void *, const Timespec *), true, condition, lock, deadline)
 
 #define WRAP_SLEEP(function, name, Timespec)                                                                        \
     WRAP_WAIT(function, name, Timespec, (clockid_t clock, int flags, const Timespec *until, Timespec *rest),        \
@@ -380,7 +386,7 @@ WRAP_CLOCK(, "clock_gettime", "clock_settime", "gettimeofday", "settimeofday", "
 WRAP_WAITS(, timespec, "pthread_mutex_timedlock", "pthread_mutex_clocklock", "pthread_rwlock_timedrdlock",
            "pthread_rwlock_clockrdlock", "pthread_rwlock_timedwrlock", "pthread_rwlock_clockwrlock",
            "pthread_cond_timedwait", "pthread_cond_clockwait", "sem_timedwait", "sem_clockwait", "pthread_timedjoin_np",
-           "pthread_clockjoin_np")
+           "pthread_clockjoin_np", "mtx_timedlock", "cnd_timedwait")
 WRAP_SLEEP(sleepUntil, "clock_nanosleep", timespec)
 WRAP_TIMER(setTimerTime, "timerfd_settime", itimerspec)
 WRAP_RECVMSG(receive, "recvmsg")
@@ -400,7 +406,8 @@ WRAP_CLOCK(Wide, "__clock_gettime64", "__clock_settime64", "__gettimeofday64", "
 WRAP_WAITS(Wide, WideTimespec, "__pthread_mutex_timedlock64", "__pthread_mutex_clocklock64",
            "__pthread_rwlock_timedrdlock64", "__pthread_rwlock_clockrdlock64", "__pthread_rwlock_timedwrlock64",
            "__pthread_rwlock_clockwrlock64", "__pthread_cond_timedwait64", "__pthread_cond_clockwait64",
-           "__sem_timedwait64", "__sem_clockwait64", "__pthread_timedjoin_np64", "__pthread_clockjoin_np64")
+           "__sem_timedwait64", "__sem_clockwait64", "__pthread_timedjoin_np64", "__pthread_clockjoin_np64",
+           "__mtx_timedlock64", "__cnd_timedwait64")
 WRAP_SLEEP(sleepUntilWide, "__clock_nanosleep_time64", WideTimespec)
 WRAP_TIMER(setTimerTimeWide, "__timerfd_settime64", WideTimerspec)
 WRAP_RECVMSG(receiveWide, "__recvmsg64")

@@ -543,6 +543,10 @@ timed("pthread_cond_timedwait", condition, other, None)
 timed("pthread_cond_clockwait", condition, other, 0, None)
 timed("sem_timedwait", semaphore, None)
 timed("sem_clockwait", semaphore, 0, None)
+mtx, cnd = (ctypes.create_string_buffer(256) for i in range(2))
+c.mtx_init(mtx, 2); c.mtx_lock(mtx); c.cnd_init(cnd)
+timed("mtx_timedlock", mtx, None)
+timed("cnd_timedwait", cnd, mtx, None)
 timed("clock_nanosleep", 0, 1, None, 0)
 begun, until = time.monotonic(), time.time() + 0.05
 c.timerfd_settime(timer, 1, ctypes.byref(TimerTime(Time(0, 0), Time(int(until), int(until % 1 * 1e9)))), 0)
@@ -566,7 +570,8 @@ TEST(Gw, ADeadlineIsReachedByTheClockThatTheProgramSees) {
         expected += std::string(name) + " 110 True\n";
     }
     expected +=
-        "sem_timedwait ETIMEDOUT True\nsem_clockwait ETIMEDOUT True\nclock_nanosleep 0 True\ntimerfd_settime True\n"
+        "sem_timedwait ETIMEDOUT True\nsem_clockwait ETIMEDOUT True\nmtx_timedlock 4 True\ncnd_timedwait 4 True\n"
+        "clock_nanosleep 0 True\ntimerfd_settime True\n"
         "stamp True\nstamp True\nmonotonic True\n";
     const auto output = inGateway(
         "for i in -1h +1s @0; do check 0 gw clock $i; check 0 timeout 60 python3 /share/tmp/waits/waits.py; done\n",
