@@ -66,7 +66,7 @@ constexpr const char *usage =
     "gw\n"
     "moves things and shows what came of it: gw help.\n";
 
-enum ExitStatus { wrongUsage = 2, noGateway = 125, cannotRun = 126, notFound = 127 };
+enum ExitStatus { failed = 1, wrongUsage = 2, noGateway = 125, cannotRun = 126, notFound = 127 };
 
 [[noreturn]] void refuse(int status, const std::string &what) {
     std::fprintf(stderr, "vxgateway: %s\n", what.c_str());
@@ -459,6 +459,12 @@ int record(const Arguments &arguments) {
     return vxgateway::record(wanted);
 }
 
+// The status of what only prints.
+int written() {
+    if (std::fflush(stdout) != 0) refuse(failed, std::string("standard output: ") + std::strerror(errno));
+    return 0;
+}
+
 int list(const Arguments &arguments) {
     if (arguments.size() > 2 || (arguments.size() == 2 && arguments[1] != "scenarios"))
         wrong("list takes only the word scenarios");
@@ -480,7 +486,7 @@ int list(const Arguments &arguments) {
             "power    reboot and power-off           /usr/local/sbin/system-reboot, system-poweroff\n"
             "status   status tree                    /tmp/status, /nvstatus\n",
             stdout);
-        return 0;
+        return written();
     }
     std::vector<fs::path> files;
     std::error_code error;
@@ -491,7 +497,7 @@ int list(const Arguments &arguments) {
         const auto scenario = vxgateway::readScenario(file.filename(), {std::istreambuf_iterator<char>(text), {}});
         std::printf("%-22s %s\n", file.stem().c_str(), scenario.question.c_str());
     }
-    return 0;
+    return written();
 }
 
 }  // namespace
@@ -504,7 +510,7 @@ int main(int argc, char **argv) {
     const std::string &command = arguments[0];
     if (command == "--help" || command == "-h" || command == "--version") {
         std::fputs(command == "--version" ? "vxgateway " VXGATEWAY_VERSION "\n" : usage, stdout);
-        return 0;
+        return written();
     }
     try {
         if (command == "list") return list(arguments);

@@ -3,7 +3,7 @@
 //
 //   state   the gateway as "gw show --json" prints it, at the beginning and whenever it has changed
 //   record  one entry of "gw watch --json": the newest ones at the beginning, then each as it comes
-//   trip    a measured round-trip time to the target: {"time":seconds,"ms":milliseconds, or null when none came back}
+//   trip    a measured round-trip time to the target: {"ms":milliseconds, or null when none came back}
 #ifndef VXGATEWAY_PANEL_FEED_H
 #define VXGATEWAY_PANEL_FEED_H
 

@@ -33,9 +33,11 @@ class Gateway:
         self.began = self("now").strip()
 
     def __call__(self, *words):
-        """Says an order to the gateway; what it prints is the result."""
+        """Says an order to the gateway; what it prints is the result. Bytes that are not UTF-8 are in it as os.fsdecode()
+        gives them."""
         words = [str(word) for word in words]
-        result = subprocess.run(["gw", *words], capture_output=True, text=True, check=False)
+        result = subprocess.run(["gw", *words], capture_output=True, encoding="utf-8", errors="surrogateescape",
+                                check=False)
         if result.returncode != 0:
             raise GatewayError(words, result)
         return result.stdout
@@ -45,8 +47,9 @@ class Gateway:
         return json.loads(self(*words, "--json"))
 
     def wait(self, *condition, timeout=10, since=None):
-        """Waits for a condition of `gw wait`; what happened since this test began counts."""
-        self("wait", *condition, "--for", timeout, "--since", since or self.began)
+        """Waits for a condition of `gw wait`; what happened since this test began counts, or since another time of `gw
+        now`, of which 0 is the gateway's start."""
+        self("wait", *condition, "--for", f"{float(timeout):.3f}", "--since", self.began if since is None else since)
 
     def start(self, *command):
         """Starts a program that is ended with the test."""

@@ -93,6 +93,14 @@ TEST(VxGateway, RefusesWrongUsage) {
     EXPECT_THAT(vxgateway_({"list"}).text, HasSubstr("/sys/devices/vantorix"));
 }
 
+TEST(VxGateway, SaysWhenItCannotPrint) {
+    for (const char *words : {" list", " list scenarios", " --help", " --version"}) {
+        const auto output = vxtest::run({"sh", "-c", vxtest::built("gateway/vxgateway") + words + " >/dev/full"});
+        EXPECT_EQ(output.status, 1) << words;
+        EXPECT_EQ(output.text, "vxgateway: standard output: No space left on device\n") << words;
+    }
+}
+
 TEST(VxGateway, EndsAProgramWhoseTimeIsOver) {
     EXPECT_EQ(vxgateway_({"run", "--net", "none", "--timeout", "0.1", "--", "sleep", "100"}).status, 124);
 }
@@ -628,6 +636,46 @@ TEST(Gw, HasEveryFormInItsManualPage) {
         if (form.group == Group::internal || form.group == Group::wait) continue;
         EXPECT_THAT(page, HasSubstr(".It Li \"" + std::string(form.syntax) + "\"\n"));
     }
+}
+
+// ---- the plugin for pytest
+
+TEST(Pytest, WaitsSinceTheStartAndTakesBytesThatAreNoText) {
+    if (vxtest::run({"/usr/bin/python3", "-c", "import pytest"}).status != 0) GTEST_SKIP() << "pytest is not installed";
+    vxtest::makeDirs("/tmp/pytest");
+    vxtest::writeFile("/tmp/pytest/test_it.py",
+                      "import subprocess, pytest\n"
+                      "subprocess.run(['logger', b'before \\xe9'])\n"
+                      "subprocess.run(['gw', 'wait', 'log', 'before'])\n"
+                      "def test_since(gateway):\n"
+                      "    gateway.wait('log', 'before', timeout=0, since=0)\n"
+                      "    with pytest.raises(AssertionError, match='not in time'):\n"
+                      "        gateway.wait('log', 'before', timeout=1e-5)\n"
+                      "def test_bytes(gateway):\n"
+                      "    assert '\\udce9' in gateway('log')\n");
+    const std::string plugin = VXTEST_SOURCE_DIR "/gateway/pytest";
+    const auto output = vxtest::run({"env",
+                                     "PYTHONPATH=" + plugin,
+                                     "PYTHONDONTWRITEBYTECODE=1",
+                                     vxtest::built("gateway/vxgateway"),
+                                     "run",
+                                     "--net",
+                                     "none",
+                                     "--show",
+                                     plugin,
+                                     "--show",
+                                     "/tmp/pytest",
+                                     "--",
+                                     "/usr/bin/python3",
+                                     "-m",
+                                     "pytest",
+                                     "-q",
+                                     "-p",
+                                     "no:cacheprovider",
+                                     "-p",
+                                     "vxgateway_pytest",
+                                     "/tmp/pytest/test_it.py"});
+    EXPECT_EQ(output.status, 0) << output.text;
 }
 
 // ---- scenarios
