@@ -243,6 +243,8 @@ void fillDisk(const std::string &name, bool full) {
         return;
     }
     if (!diskPresent(name)) throw std::runtime_error("the disk is not in");
+    // A program may have unmounted it; what is below is the machine's memory.
+    if (!isMounted(diskOf(name).mountPoint)) throw std::runtime_error("the disk is not mounted");
     std::ofstream file(path, std::ios::binary | std::ios::app);
     const std::string piece(65536, '\0');
     while (file.write(piece.data(), static_cast<std::streamsize>(piece.size())).flush()) continue;

@@ -441,7 +441,8 @@ Outcome Gateway::performPeer(const Words &words) {
         openToUsers();
         return {true, ""};
     }
-    if (!one->running()) return {words[0] == "kill", words[1] + " does not run"};  // killed or dead is the same
+    if (!one->running() && words[0] == "kill") return {true, ""};  // killed or dead is the same
+    if (!one->running()) return {false, words[1] + " does not run"};
     if (words[0] == "kill") {
         one->kill();
     } else {

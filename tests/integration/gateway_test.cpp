@@ -270,6 +270,7 @@ TEST(Gw, ObeysEveryOrder) {
                                           "stop modem",
                                           "start modem",
                                           "kill events",
+                                          "kill events",
                                           "start events",
                                           "config die 1",
                                           "program signal CONT",
@@ -416,6 +417,14 @@ TEST(Gw, RefusesARequestThatIsTooLong) {
         {"--net", "none"});
     EXPECT_EQ(output.status, 0) << output.text;
     EXPECT_EQ(output.text, "egw: more than 32768 bytes of words\n");
+}
+
+// The directory below the disk is in the machine's memory. A limit for the size of files stands in for the end of that.
+TEST(Gw, FillsNoDiskThatTheProgramHasUnmounted) {
+    const auto output = vxtest::run({"prlimit", "--fsize=16777216", vxtest::built("gateway/vxgateway"), "run", "--net",
+                                     "none", "--", "sh", "-c", "umount /data; gw disk fill data; exit 7"});
+    EXPECT_EQ(output.status, 7);
+    EXPECT_EQ(output.text, "gw: the disk is not mounted\n");
 }
 
 TEST(Gw, IsNotHeldUpByAMessageThatIsNoFile) {
