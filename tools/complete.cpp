@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "complete.h"
 
+#include <exception>
 #include <string_view>
 
 #include "commands/commands.h"
@@ -133,6 +134,7 @@ private:
 
 int complete(const std::vector<std::string> &words) {
     Output out;
+    int status = statusDone;
     const std::string current = words.empty() ? std::string() : words.back();
     try {
         for (const Candidate &candidate : Before(words).candidates(current)) {
@@ -145,9 +147,15 @@ int complete(const std::vector<std::string> &words) {
         }
     } catch (const Failure &) {
         // What cannot be read offers nothing.
+    } catch (const std::exception &) {
+        status = statusFailed;  // memory is short
     }
-    out.flush();
-    return statusDone;
+    try {
+        out.flush();
+    } catch (const Failure &) {
+        status = statusFailed;
+    }
+    return status;
 }
 
 }  // namespace tool

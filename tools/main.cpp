@@ -1,5 +1,8 @@
 // SPDX-License-Identifier: MIT
 // vx: the facilities of the library from the shell.
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <csignal>
 #include <cstdio>
 #include <cstring>
@@ -117,13 +120,25 @@ int run(int argc, char **argv) {
     }
 }
 
-// A write beyond the limit of file sizes fails with EFBIG, which is told, and does not end the tool. Not ignored: that would
-// hold in the programs that the tool runs, too.
+// A write beyond the limit of file sizes fails with EFBIG, which is told, and does not end the tool. Not ignored, unless the
+// caller ignores it: that would hold in the programs that the tool runs, too.
 void failWhereFilesAreFull() {
     struct sigaction action {};
+    struct sigaction before {};
     action.sa_handler = [](int) {};
     action.sa_flags = SA_RESTART;
-    ::sigaction(SIGXFSZ, &action, nullptr);
+    ::sigaction(SIGXFSZ, &action, &before);
+    if (before.sa_handler == SIG_IGN) ::sigaction(SIGXFSZ, &before, nullptr);
+}
+
+// The numbers of closed standard streams are kept from sockets and files that are opened later, into which the tool would
+// print. Reading and writing fail as on the closed ones, and programs that the tool runs find them closed.
+void occupyClosedStreams() {
+    for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+        if (::fcntl(fd, F_GETFD) != -1) continue;
+        [[maybe_unused]] const int occupied =
+            ::open("/dev/null", (fd == STDIN_FILENO ? O_WRONLY : O_RDONLY) | O_CLOEXEC);
+    }
 }
 
 }  // namespace
@@ -131,6 +146,7 @@ void failWhereFilesAreFull() {
 }  // namespace tool
 
 int main(int argc, char **argv) {
+    tool::occupyClosedStreams();
     // Asked for by the completions of the shells.
     if (argc > 1 && std::strcmp(argv[1], "__complete") == 0) return tool::complete({argv + 2, argv + argc});
     tool::failWhereFilesAreFull();

@@ -116,6 +116,15 @@ VxResult vx(const std::vector<std::string> &words, const VxSetting &setting) {
     return collect(vxCommand(words), setting);
 }
 
+int becomeVx(const std::vector<std::string> &words) {
+    const std::vector<std::string> command = vxCommand(words);
+    std::vector<char *> argv;
+    for (const std::string &word : command) argv.push_back(const_cast<char *>(word.c_str()));
+    argv.push_back(nullptr);
+    ::execvp(argv[0], argv.data());
+    return 127;
+}
+
 VxResult vxScript(const std::string &script, const VxSetting &setting) {
     static const std::string directory = "/tmp/vx-command";
     if (!exists(directory + "/vx")) {

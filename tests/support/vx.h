@@ -36,6 +36,9 @@ VxResult vx(const std::vector<std::string> &words, const VxSetting &setting = {}
 // Words that start vx, for a Process or a shell.
 std::vector<std::string> vxCommand(const std::vector<std::string> &words);
 
+// In a forked child: becomes vx. Returns only where that fails, with the child's status.
+int becomeVx(const std::vector<std::string> &words);
+
 // Runs a shell script in which "vx" is the tool.
 VxResult vxScript(const std::string &script, const VxSetting &setting = {});
 

@@ -90,6 +90,13 @@ TEST_F(VxDigest, TellsOfLinesThatAreLeftOut) {
     EXPECT_EQ(result.err, "vx: digest md5: -: left out 2 lines that are not digests of this kind\n");
 }
 
+TEST_F(VxDigest, NoFileHasANameWithANulCharacter) {
+    const auto result =
+        inDirectory("md5sum abc >list; md5sum empty | sed 's/$/\\x00more/' >>list; vx digest md5 -c list");
+    EXPECT_EQ(result.out, "abc: OK\n");
+    EXPECT_EQ(result.err, "vx: digest md5: list: left out 1 lines that are not digests of this kind\n");
+}
+
 // A secret need not be on the disk, nor a list.
 TEST_F(VxDigest, TakesKeysAndListsFromPipes) {
     writeFile(directory + "/key", "Jefe");

@@ -8,10 +8,13 @@
 #include <vxutils/vxevent.h>
 #include <zmq.h>
 
+#include <atomic>
+#include <chrono>
 #include <csignal>
 #include <cstring>
 #include <filesystem>
 #include <string>
+#include <thread>
 
 #include "support/files.h"
 #include "support/vx.h"
@@ -160,6 +163,60 @@ TEST_F(VxEvent, ListenTakesABurstWhole) {
     EXPECT_EQ(listener.readLine(), "501 0 " + std::string(128, 'y'));
     zmq_close(source);
     zmq_ctx_term(context);
+}
+
+// One line of text is as long as the number that wakes up ZeroMQ's threads.
+TEST_F(VxEvent, ListenWithClosedStreamsFailsAsWithOthersThatCannotBeWritten) {
+    const auto result =
+        vxtest::vxScript("vx event listen --count 1 <&- >&- & vx event publish --wait 60 1 2 abc; wait $!; echo $?");
+    EXPECT_EQ(result.out, "1\n");
+    EXPECT_EQ(result.err, "vx: event listen: standard output: Bad file descriptor\n");
+}
+
+TEST_F(VxEvent, ListenEndsInTimeUnderAPublisherThatIsAlwaysAhead) {
+    void *context = zmq_ctx_new();
+    void *source = create_legacy_source_with_addr(context, "ipc:///tmp/flood");
+    for (const bool wellFormed : {true, false}) {
+        std::atomic<bool> ended{false};
+        std::thread publisher([&] {
+            vxevent_record record{1, 2, "flood"};
+            while (!ended) {
+                if (wellFormed) {
+                    dispatch_legacy_event(source, &record);
+                } else {
+                    zmq_send(source, "short", 5, 0);
+                }
+            }
+        });
+        Process listener(vxCommand({"event", "listen", "--endpoint", "ipc:///tmp/flood", "--for", "1"}));
+        // Slower than both.
+        const bool inTime = vxtest::eventually(
+            [&] {
+                try {
+                    listener.readLine();
+                    return false;
+                } catch (const std::exception &) {
+                    return true;
+                }
+            },
+            30000);
+        EXPECT_TRUE(inTime);
+        if (!inTime) listener.signal(SIGKILL);
+        EXPECT_EQ(listener.wait(), 0);
+        ended = true;
+        publisher.join();
+    }
+    zmq_close(source);
+    zmq_ctx_term(context);
+}
+
+// As a number of milliseconds these are 100 more than 2^32.
+TEST_F(VxEvent, PublishWaitsForAsLongAsItIsTold) {
+    Process publisher(vxCommand({"event", "publish", "--wait", "4294967.396", "1", "2", "late"}));
+    std::this_thread::sleep_for(std::chrono::milliseconds(1000));
+    Process listener(vxCommand({"event", "listen", "--count", "1"}));
+    EXPECT_EQ(publisher.wait(), 0);
+    EXPECT_EQ(listener.readLine(), "1 2 late");
 }
 
 TEST_F(VxEvent, PublishWithoutASubscriberIsAFailure) {

@@ -2,6 +2,8 @@
 // vx ping, route, link and addr over the gateway's WAN link.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <csignal>
@@ -99,6 +101,50 @@ TEST(VxPing, CtrlCEndsAtOnceWithStatistics) {
     good.readLine();
     good.signal(SIGTERM);
     EXPECT_EQ(good.wait(), 0);
+}
+
+// A name server on the loopback interface that never answers.
+class SilentNameServer {
+public:
+    SilentNameServer() : before_(vxtest::readFile(settings)), socket_(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_port = htons(53);
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        EXPECT_EQ(::bind(socket_, reinterpret_cast<const sockaddr *>(&address), sizeof address), 0);
+        vxtest::writeFile(settings, "nameserver 127.0.0.1\noptions timeout:30 attempts:5\n");
+    }
+    ~SilentNameServer() {
+        ::close(socket_);
+        vxtest::writeFile(settings, before_);
+    }
+    SilentNameServer(const SilentNameServer &) = delete;
+    SilentNameServer &operator=(const SilentNameServer &) = delete;
+
+    bool takeQuery(int flags) const {
+        char query;
+        return ::recv(socket_, &query, 1, flags) == 1;
+    }
+
+private:
+    static constexpr const char *settings = "/etc/resolv.conf";
+    std::string before_;
+    int socket_;
+};
+
+// A look-up of a name takes as long as the resolver waits for its server.
+TEST(VxPing, EndsInTimeWhileANameIsLookedUp) {
+    theWan();
+    const SilentNameServer server;
+    const auto result = vx({"ping", "-c", "1", "--for", "0.3", "some.host.example"}, {.alarm_s = 25});
+    EXPECT_EQ(result.status, 1);
+    EXPECT_THAT(result.out, StartsWith("some.host.example sent=0 received=0 loss_percent=0.0 "));
+    while (server.takeQuery(MSG_DONTWAIT)) continue;
+    Process ping(vxCommand({"ping", "some.host.example"}));
+    EXPECT_TRUE(server.takeQuery(0));
+    ping.signal(SIGTERM);
+    EXPECT_THAT(ping.readLine(), StartsWith("some.host.example sent=0 "));
+    EXPECT_EQ(ping.wait(), 1);
 }
 
 TEST(VxPing, JsonLinesAreValid) {

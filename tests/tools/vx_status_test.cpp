@@ -3,7 +3,9 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/ioctl.h>
 #include <sys/mount.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <vxutils/statusinterface.h>
@@ -379,6 +381,50 @@ TEST_F(VxStatus, WatchEndsWhenItsReaderHasGone) {
     writeFile(tree + "/a", "1");
     const auto result = vxtest::vxScript("vx status watch | head -1; echo ${PIPESTATUS[0]}");
     EXPECT_EQ(result.out, "a=1\n0\n");
+}
+
+// Runs vx with this descriptor as its standard output. An alarm ends it where it would not end by itself.
+pid_t startInto(int output, const std::vector<std::string> &words) {
+    return vxtest::startChild([&] {
+        ::dup2(output, 1);
+        ::alarm(30);
+        return vxtest::becomeVx(words);
+    });
+}
+
+TEST_F(VxStatus, WatchEndsWithStatus0WhenNothingReadsItsFirstLine) {
+    writeFile(tree + "/a", "1");
+    const std::string closedPipe = "mkfifo /tmp/no-reader; exec 5<>/tmp/no-reader 6>/tmp/no-reader 5<&-\n";
+    for (const char *command : {"vx status watch >&6; echo $?", "trap '' PIPE; vx status watch >&6; echo $?"}) {
+        const auto result = vxtest::vxScript("rm -f /tmp/no-reader; " + closedPipe + command);
+        EXPECT_EQ(result.out, "0\n") << command;
+        EXPECT_EQ(result.err, "") << command;
+    }
+}
+
+TEST_F(VxStatus, WatchEndsWhenThePeerOfItsSocketHasGone) {
+    int ends[2];
+    ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
+    const pid_t pid = startInto(ends[1], {"status", "watch", "none"});
+    ::close(ends[1]);
+    ::close(ends[0]);
+    EXPECT_EQ(vxtest::waitChild(pid), 0);
+}
+
+TEST_F(VxStatus, AReaderThatDoesNotReadKeepsWatchNotFromEnding) {
+    writeFile(tree + "/big", std::string(300000, 'x'));
+    int ends[2];
+    ASSERT_EQ(::pipe2(ends, O_CLOEXEC), 0);
+    EXPECT_EQ(vxtest::waitChild(startInto(ends[1], {"status", "watch", "big", "--for", "0.1"})), 0);
+    char piece[4096];
+    int waiting = 0;
+    while (::ioctl(ends[0], FIONREAD, &waiting) == 0 && waiting > 0) EXPECT_GT(::read(ends[0], piece, sizeof piece), 0);
+    const pid_t pid = startInto(ends[1], {"status", "watch", "big"});
+    EXPECT_TRUE(vxtest::eventually([&] { return ::ioctl(ends[0], FIONREAD, &waiting) == 0 && waiting > 0; }));
+    ::kill(pid, SIGTERM);
+    EXPECT_EQ(vxtest::waitChild(pid), 0);
+    ::close(ends[0]);
+    ::close(ends[1]);
 }
 
 // ---- send

@@ -75,11 +75,12 @@ std::string digestOf(const std::string &name, Algorithm algorithm, const std::op
     const Fd file(standardInput ? -1 : ::open(name.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY));
     if (!standardInput && !file.valid()) throw systemFailure(name);
     std::array<unsigned char, 65536> piece;
+    const int fd = standardInput ? STDIN_FILENO : file.get();
     for (;;) {
-        const ssize_t got = ::read(standardInput ? STDIN_FILENO : file.get(), piece.data(), piece.size());
+        const ssize_t got = ::read(fd, piece.data(), piece.size());
         if (got == 0) return digest.finish();
         if (got > 0) digest.add(piece.data(), static_cast<size_t>(got));
-        if (got < 0 && errno != EINTR) throw systemFailure(name);
+        if (got < 0 && !canGoOn(fd, POLLIN)) throw systemFailure(name);
     }
 }
 
@@ -120,7 +121,8 @@ std::optional<Expected> expectedFrom(std::string_view line, size_t length) {
     const std::string turned = fromTagged(line, length == md5Length ? "MD5 (" : "SHA1 (");
     if (!turned.empty()) line = turned;
     const bool complete =
-        line.size() > length + 2 && line[length] == ' ' && (line[length + 1] == ' ' || line[length + 1] == '*');
+        line.size() > length + 2 && line[length] == ' ' && (line[length + 1] == ' ' || line[length + 1] == '*') &&
+        line.find('\0') == std::string_view::npos;  // no file has such a name: another one would be read
     if (!complete || line.substr(0, length).find_first_not_of("0123456789abcdefABCDEF") != std::string_view::npos)
         return std::nullopt;
     std::string digest(line.substr(0, length));

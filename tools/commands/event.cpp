@@ -4,7 +4,9 @@
 #include <poll.h>
 #include <vxutils/vxevent.h>
 
+#include <algorithm>
 #include <chrono>
+#include <climits>
 #include <cstring>
 #include <memory>
 
@@ -106,12 +108,13 @@ int listen(const Arguments &arguments, Output &out) {
         for (int got; (got = receive(socket.get(), event)) != 0;) {
             if (got < 0) {
                 out.note("a message that is not an event is left out");
-                continue;
+            } else {
+                const std::string text(event.text, ::strnlen(event.text, sizeof event.text));
+                const Record record{{"id", event.id}, {"param", event.param}, {"text", text}};
+                if (!follow.print(record, Plain::words)) return statusDone;
             }
-            const std::string text(event.text, ::strnlen(event.text, sizeof event.text));
-            if (!follow.print({{"id", event.id}, {"param", event.param}, {"text", text}}, Plain::words)) {
-                return statusDone;
-            }
+            // A publisher may always be ahead.
+            if (follow.wait(-1, milliseconds(0)) == Follow::Event::over) return statusDone;
         }
         if (follow.wait(fd) == Follow::Event::over) return statusDone;
     }
@@ -120,7 +123,14 @@ int listen(const Arguments &arguments, Output &out) {
 // Waits for a connection that is made; false when none came in time.
 bool waitForSubscriber(void *monitor, milliseconds longest) {
     zmq_pollitem_t item{monitor, 0, ZMQ_POLLIN, 0};
-    return zeroMq().zmq_poll(&item, 1, static_cast<int>(longest.count())) > 0;
+    const auto end = Follow::Clock::now() + longest;
+    for (;;) {
+        const auto left = std::chrono::ceil<milliseconds>(end - Follow::Clock::now()).count();
+        const int got = zeroMq().zmq_poll(&item, 1, static_cast<int>(std::clamp<int64_t>(left, 0, INT_MAX)));
+        if (got > 0) return true;
+        if (got < 0 && zeroMq().zmq_errno() != EINTR) throw zmqFailure("");
+        if (left <= 0) return false;
+    }
 }
 
 int publish(const Arguments &arguments, Output &out) {

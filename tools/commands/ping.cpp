@@ -3,7 +3,6 @@
 #include <arpa/inet.h>
 #include <net/if.h>
 #include <netdb.h>
-#include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <unistd.h>
 #include <vxutils/address.h>
@@ -15,7 +14,6 @@
 #include <array>
 #include <cmath>
 #include <memory>
-#include <thread>
 
 #include "commands/commands.h"
 #include "core/failure.h"
@@ -170,32 +168,20 @@ int ping(const Arguments &arguments, Output &out) {
     Probe probe = probeFrom(arguments);
     Follow follow(arguments, out);
     checkRights();
-    complete(probe, arguments);
-    const Fd answered(::eventfd(0, EFD_CLOEXEC));
-    if (!answered.valid()) throw systemFailure("eventfd");
     Statistics statistics;
     Answer answer{};
-    for (int64_t number = 1; !follow.over(); ++number) {
-        // The library's wait cannot be ended; Ctrl-C ends the process instead, with the statistics so far.
+    // Neither the look-up of a name nor the library's wait can be ended; Ctrl-C ends the process instead, with the
+    // statistics so far.
+    const bool known = follow.finishes([&] { complete(probe, arguments); });
+    for (int64_t number = 1; known && !follow.over(); ++number) {
         const auto next = Follow::Clock::now() + interval;
-        std::thread worker([&] {
-            answer = send(probe);
-            ::eventfd_write(answered.get(), 1);
-        });
-        if (follow.wait(answered.get()) != Follow::Event::ready) {
-            worker.detach();
-            break;
-        }
-        worker.join();
-        eventfd_t count = 0;
-        ::eventfd_read(answered.get(), &count);
+        if (!follow.finishes([&] { answer = send(probe); })) break;
         statistics.add(answer);
         if (!follow.print(recordOf(probe, number, answer), Plain::row)) break;
         follow.wait(-1, std::chrono::ceil<milliseconds>(
                             std::max(next - Follow::Clock::now(), Follow::Clock::duration::zero())));
     }
-    out.print(statistics.record(probe), Plain::row);
-    out.flush();
+    follow.printLast(statistics.record(probe), Plain::row);
     // A probe under way is given up with the process.
     ::_exit(statistics.received > 0 ? statusDone : statusFailed);
 }

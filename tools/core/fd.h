@@ -2,8 +2,10 @@
 // Owner of one descriptor.
 #pragma once
 
+#include <poll.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <utility>
 
 namespace tool {
@@ -32,5 +34,14 @@ public:
 private:
     int fd_ = -1;
 };
+
+// After a read() or write() that failed: whether it is to be repeated. Another process that has the same terminal or pipe
+// open may have made it non-blocking; this waits until it is ready then.
+inline bool canGoOn(int fd, short event) {
+    if (errno == EINTR) return true;
+    if (errno != EAGAIN) return false;
+    pollfd waiting{fd, event, 0};
+    return ::poll(&waiting, 1, -1) >= 0 || errno == EINTR;
+}
 
 }  // namespace tool

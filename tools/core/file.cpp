@@ -40,7 +40,7 @@ std::string readAll(int fd, std::string_view name) {
         const ssize_t got = ::read(fd, piece.data(), piece.size());
         if (got == 0) return text;
         if (got > 0) text.append(piece.data(), static_cast<size_t>(got));
-        if (got < 0 && errno != EINTR) throw systemFailure(name);
+        if (got < 0 && !canGoOn(fd, POLLIN)) throw systemFailure(name);
     }
 }
 

@@ -11,6 +11,7 @@
 #include <cstdio>
 
 #include "core/failure.h"
+#include "core/fd.h"
 
 namespace tool {
 
@@ -124,7 +125,7 @@ void writeAll(std::string_view bytes) {
         const ssize_t written = ::write(STDOUT_FILENO, bytes.data(), bytes.size());
         if (written >= 0) {
             bytes.remove_prefix(static_cast<size_t>(written));
-        } else if (errno != EINTR) {
+        } else if (!canGoOn(STDOUT_FILENO, POLLOUT)) {
             throw systemFailure("standard output");
         }
     }
@@ -163,16 +164,15 @@ std::string Output::plain(const Record &record, Plain form, Escape escape) {
     return text;
 }
 
-void Output::print(const Record &record, Plain form) {
-    if (!json_) {
-        buffer_ += plain(record, form, escape(form));
-        return;
-    }
+std::string Output::document(const Record &record, Plain form, Escape escape) const {
+    if (!json_) return plain(record, form, escape);
     rapidjson::StringBuffer text;
     Json json(text);
     writeRecord(json, record);
-    buffer_ += forTerminals({text.GetString(), text.GetSize()});
+    return forTerminals({text.GetString(), text.GetSize()});
 }
+
+void Output::print(const Record &record, Plain form) { buffer_ += document(record, form, escape(form)); }
 
 void Output::print(const std::vector<Record> &records, Plain form) {
     if (!json_) {
@@ -191,14 +191,9 @@ void Output::done() {
     if (json_) print(Record{{"done", true}}, Plain::fields);
 }
 
-void Output::event(const Record &record, Plain form) {
+std::string Output::event(const Record &record, Plain form) const {
     // A value of several lines is still one event.
-    if (!json_ && form == Plain::value) {
-        buffer_ += plain(record, form, escape(Plain::pair));
-    } else {
-        print(record, form);
-    }
-    flush();
+    return document(record, form, escape(form == Plain::value ? Plain::pair : form));
 }
 
 void Output::line(std::string_view text) {

@@ -52,8 +52,8 @@ public:
     void print(const std::vector<Record> &records, Plain form);
     void done();  // what a command prints that only acts: nothing, or {"done": true}
 
-    // One line of a command that follows something, written at once.
-    void event(const Record &record, Plain form);
+    // The line that a command that follows something prints of a record. It is for the caller to write.
+    std::string event(const Record &record, Plain form) const;
 
     // Plain text without a form: help, tables in a format of their own, bytes as they are.
     void write(std::string_view bytes) { buffer_ += bytes; }
@@ -76,6 +76,7 @@ public:
 private:
     Escape escape(Plain form) const;
     static std::string plain(const Record &record, Plain form, Escape escape);
+    std::string document(const Record &record, Plain form, Escape escape) const;
 
     bool json_ = false;
     bool quiet_ = false;
