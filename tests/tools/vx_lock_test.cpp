@@ -116,6 +116,19 @@ TEST_F(VxLock, SignalsGoToTheCommandAndTheLockIsGivenBack) {
     EXPECT_TRUE(isFree("/sig"));
 }
 
+// vx would end and give the lock back while the command goes on.
+TEST_F(VxLock, EverySignalThatWouldEndVxGoesToTheCommand) {
+    for (const int number : {SIGHUP, SIGUSR1, SIGUSR2, SIGPIPE, SIGALRM, SIGVTALRM, SIGPROF, SIGXCPU, SIGRTMIN}) {
+        Process holder(
+            vxCommand({"lock", "every", "--", "sh", "-c",
+                       "trap 'exit 3' " + std::to_string(number) + "; echo up; while :; do sleep 0.05; done"}));
+        EXPECT_EQ(holder.readLine(), "up") << number;
+        holder.signal(number);
+        EXPECT_EQ(holder.wait(), 3) << number;
+        EXPECT_TRUE(isFree("/every")) << number;
+    }
+}
+
 TEST_F(VxLock, FirewallTakesThePacketFiltersLock) {
     firewall_lock_handle *held = firewall_lock();
     ASSERT_NE(held, nullptr);
@@ -181,6 +194,42 @@ TEST(VxRun, PassesTheStatusThroughOrEndsTheCommand) {
 TEST(VxRun, ACommandThatIgnoresSigtermIsKilled) {
     EXPECT_EQ(vx({"run", "--timeout", "0.1", "--", "sh", "-c", "trap '' TERM; while :; do sleep 0.1; done"}).status,
               124);
+}
+
+TEST(VxRun, WhatOutlivesTheCommandIsKilledAsWell) {
+    const auto result = vx({"run", "--timeout", "1", "--", "sh", "-c",
+                            "sh -c \"trap '' TERM; echo \\$\\$; exec sleep 600 >/dev/null 2>&1\" & wait"});
+    EXPECT_EQ(result.status, 124);
+    ASSERT_NE(result.out, "");
+    EXPECT_TRUE(vxtest::eventually([&] { return ::kill(std::stoi(result.out), 0) != 0; }));
+}
+
+TEST(VxRun, ATimeIsNotNegative) {
+    for (const char *time : {"--timeout=-1", "--timeout=-0.5", "--timeout=-0"}) {
+        EXPECT_EQ(vx({"run", time, "--", "true"}).status, 2) << time;
+    }
+}
+
+TEST(VxRun, SignalsThatTheCallerIgnoresAreIgnoredByTheCommand) {
+    if (vxtest::emulated()) GTEST_SKIP() << "the process table is the emulator's";
+    const std::string ignored =
+        "sh -c 'while read -r name mask; do [ $name = SigIgn: ] && echo $mask; done </proc/$$/status'";
+    const std::string plain = vxScript("trap '' XFSZ HUP PIPE; " + ignored).out;
+    EXPECT_NE(plain, "");
+    EXPECT_EQ(vxScript("trap '' XFSZ HUP PIPE; vx run -- " + ignored).out, plain);
+}
+
+// It is started from the directory "/".
+TEST(VxRun, DetachFindsAProgramFromTheWorkingDirectory) {
+    vxtest::writeFile("/tmp/relative/bin/program", "#!/bin/sh\n: >/tmp/relative/$1\n");
+    EXPECT_EQ(::chmod("/tmp/relative/bin/program", 0755), 0);
+    EXPECT_EQ(vx({"run", "--detach", "--", "bin/program", "one"}, {.directory = "/tmp/relative"}).status, 0);
+    EXPECT_TRUE(vxtest::eventually([] { return vxtest::exists("/tmp/relative/one"); }));
+    EXPECT_EQ(vxJson("run", {"run", "--detach", "--", "program", "two"},
+                     {.directory = "/tmp/relative", .environment = {{"PATH", "bin:/usr/bin:/bin"}}})
+                  .substr(0, 43),
+              R"({"program":"/tmp/relative/bin/program","pid)");
+    EXPECT_TRUE(vxtest::eventually([] { return vxtest::exists("/tmp/relative/two"); }));
 }
 
 TEST(VxRun, DetachesAndPrintsTheProcess) {

@@ -4,9 +4,12 @@
 #include <vxutils/command.h>
 
 #include <array>
+#include <cstdlib>
+#include <cstring>
 
 #include "commands/commands.h"
 #include "core/failure.h"
+#include "core/owned.h"
 #include "core/spawn.h"
 
 namespace tool {
@@ -15,9 +18,17 @@ namespace {
 
 constexpr size_t mostWords = 16;  // the program and what the library passes on
 
+// The library starts the program from the directory "/".
+std::string absolute(const std::string &path) {
+    if (path[0] == '/') return path;
+    const Owned<char, &std::free> directory(::getcwd(nullptr, 0));
+    if (!directory) throw Failure("working directory", std::strerror(errno), statusCannotRun);
+    return std::string(directory.get()) + "/" + path;
+}
+
 int detach(const std::vector<std::string> &command, Output &out) {
     if (command.size() > mostWords) throw Usage{"--detach passes on at most 15 arguments"};
-    const std::string path = findProgram(command[0]);
+    const std::string path = absolute(findProgram(command[0]));
     std::array<const char *, mostWords> words{};
     for (size_t i = 0; i < command.size(); ++i) words[i] = command[i].c_str();
     const char *end = nullptr;

@@ -20,6 +20,7 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 constexpr milliseconds killTime{5000};
+constexpr milliseconds groupPause{10};
 constexpr const char *defaultPath = "/usr/local/bin:/usr/bin:/bin";
 
 Failure cannotRun(const std::string &name, int error) {
@@ -27,11 +28,16 @@ Failure cannotRun(const std::string &name, int error) {
 }
 
 // The signals that are waited for, held back from construction on; a program that is started gets the mask from before.
+// They are SIGCHLD and all that would end this process, but for those that tell of a fault of its own and SIGXFSZ.
 class Signals {
 public:
     Signals() {
         sigemptyset(&set_);
-        for (const int signal : {SIGCHLD, SIGTERM, SIGHUP, SIGINT, SIGQUIT}) sigaddset(&set_, signal);
+        for (const int signal : {SIGCHLD, SIGHUP, SIGINT, SIGQUIT, SIGABRT, SIGUSR1, SIGUSR2, SIGPIPE, SIGALRM, SIGTERM,
+                                 SIGSTKFLT, SIGXCPU, SIGVTALRM, SIGPROF, SIGIO, SIGPWR}) {
+            sigaddset(&set_, signal);
+        }
+        for (int signal = SIGRTMIN; signal <= SIGRTMAX; ++signal) sigaddset(&set_, signal);
         ::sigprocmask(SIG_BLOCK, &set_, &before_);
         ::signal(SIGCHLD, SIG_DFL);  // a caller that ignores it would take the status away
     }
@@ -61,7 +67,24 @@ struct Child {
     bool ownGroup;
 
     void send(int signal) const { ::kill(ownGroup ? -pid : pid, signal); }
+
+    void passOn(int signal, const siginfo_t &info) const {
+        // The terminal sends its signals to a program in the same group itself.
+        const bool ofTerminal = signal == SIGINT || signal == SIGQUIT || signal == SIGHUP;
+        if (signal <= 0 || signal == SIGCHLD || (!ownGroup && ofTerminal && info.si_code == SI_KERNEL)) return;
+        send(signal);
+    }
 };
+
+// After the end of a program that had been told to end: waits for the others of its group, and kills what is left then.
+void endGroup(const Child &child, const Signals &signals, Clock::time_point until) {
+    while (::kill(-child.pid, 0) == 0) {
+        if (Clock::now() >= until) return child.send(SIGKILL);
+        siginfo_t info{};
+        const int signal = signals.wait(std::min(until, Clock::now() + groupPause), info);
+        child.passOn(signal, info);
+    }
+}
 
 // The child tells through a pipe that closes on exec why it could not become the program.
 Child start(const std::vector<std::string> &command, const Signals &signals, bool ownGroup) {
@@ -129,7 +152,10 @@ int runProgram(const std::vector<std::string> &command, std::optional<millisecon
     for (;;) {
         int status = 0;
         if (::waitpid(child.pid, &status, WNOHANG) == child.pid) {
-            if (timedOut) return statusTimedOut;
+            if (timedOut) {
+                endGroup(child, signals, *until);
+                return statusTimedOut;
+            }
             return WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
         }
         siginfo_t info{};
@@ -139,9 +165,8 @@ int runProgram(const std::vector<std::string> &command, std::optional<millisecon
             child.send(SIGCONT);
             timedOut = true;
             until = Clock::now() + killTime;
-        } else if (signal > 0 && signal != SIGCHLD && (child.ownGroup || info.si_code != SI_KERNEL)) {
-            // The terminal sends its signals to a program in the same group itself.
-            child.send(signal);
+        } else {
+            child.passOn(signal, info);
         }
     }
 }

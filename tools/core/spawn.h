@@ -14,8 +14,8 @@ namespace tool {
 std::string findProgram(const std::string &name);
 
 // Runs a program found along PATH and returns its exit status, 128 + signal number when a signal ended it, or
-// statusTimedOut after the time-out: the program and what it started get SIGTERM then, and SIGKILL 5 s later. SIGTERM,
-// SIGHUP, SIGINT and SIGQUIT that are sent to this process go to the program.
+// statusTimedOut after the time-out: the program and what it started in its process group get SIGTERM then, and SIGKILL
+// 5 s later, also what outlives the program. Signals that would end this process go to the program.
 int runProgram(const std::vector<std::string> &command, std::optional<milliseconds> timeout = std::nullopt);
 
 }  // namespace tool

@@ -70,7 +70,8 @@ std::optional<int64_t> wholeNumber(std::string_view text, int64_t least, int64_t
 std::optional<milliseconds> seconds(std::string_view text) {
     const size_t point = text.find('.');
     const auto whole = wholeNumber(text.substr(0, point), 0, mostSeconds);
-    if (!whole || text.substr(0, 2) == "0x") return std::nullopt;
+    // Neither hexadecimal nor "-0.5", whose whole part is 0.
+    if (!whole || text[0] == '-' || text.substr(0, 2) == "0x") return std::nullopt;
     int64_t thousandths = 0;
     if (point != std::string_view::npos) {
         std::string decimals(text.substr(point + 1));
