@@ -427,6 +427,23 @@ TEST_F(VxStatus, AReaderThatDoesNotReadKeepsWatchNotFromEnding) {
     ::close(ends[1]);
 }
 
+TEST_F(VxStatus, WatchTakesNamesAsTheyAreGiven) {
+    writeFile(tree + "/a/b", "1");
+    writeFile(tree + "/a/c", "1");
+    writeFile(tree + "/a/.hidden", "1");
+    writeFile(tree + "/a/.other", "1");
+    Process watch(vxCommand({"status", "watch", "//a//b/", "a/c", "a/.hidden"}));
+    EXPECT_EQ(watch.readLine(), "a/.hidden=1");
+    EXPECT_EQ(watch.readLine(), "a/b=1");
+    EXPECT_EQ(watch.readLine(), "a/c=1");
+    writeFile(tree + "/a/b", "2");
+    EXPECT_EQ(watch.readLine(), "a/b=2");
+    writeFile(tree + "/a/.other", "2");
+    writeFile(tree + "/a/.hidden", "2");
+    EXPECT_EQ(watch.readLine(), "a/.hidden=2");
+    EXPECT_EQ(vx({"status", "get", "a//b", "a/c"}).out, "a/b=2\na/c=1\n");
+}
+
 // ---- send
 
 TEST_F(VxStatus, SendWritesToAReaderAndNeverHangs) {

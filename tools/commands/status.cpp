@@ -39,19 +39,21 @@ Tree treeOf(const Arguments &arguments) {
     return {BASEPATH_STATUS, "/tmp/status", false};
 }
 
-// A name as it is used below the tree: without slashes at its ends, and never out of the tree.
+// A name as it is used below the tree: with single slashes and none at its ends, and never out of the tree.
 std::string checkedName(std::string_view word) {
-    while (!word.empty() && word.front() == '/') word.remove_prefix(1);
-    while (!word.empty() && word.back() == '/') word.remove_suffix(1);
-    if (word.empty()) throw Usage{"NAME is empty"};
+    std::string name;
     for (size_t at = 0; at <= word.size();) {
         const size_t end = std::min(word.find('/', at), word.size());
         const std::string_view part = word.substr(at, end - at);
+        at = end + 1;
         if (part == "." || part == "..")
             throw Usage{"NAME '" + std::string(word) + "' holds '" + std::string(part) + "'"};
-        at = end + 1;
+        if (part.empty()) continue;
+        if (!name.empty()) name += '/';
+        name += part;
     }
-    return std::string(word);
+    if (name.empty()) throw Usage{"NAME is empty"};
+    return name;
 }
 
 // "" for the tree itself.
@@ -209,7 +211,7 @@ public:
                 // Another set of directories, or changes that were lost: everything is looked at again.
                 if (change.name.empty() || change.isDirectory) {
                     all = true;
-                } else if (change.name[0] != '.' && !(change.isNew && isPlainFile(change))) {
+                } else if (isShown(change) && !(change.isNew && isPlainFile(change))) {
                     changed.push_back(nameOf(change));
                 }
             }
@@ -229,6 +231,11 @@ private:
         struct stat status {};
         return ::lstat((change.directory + "/" + change.name).c_str(), &status) == 0 && S_ISREG(status.st_mode) &&
                status.st_nlink == 1;
+    }
+
+    // Names that begin with a dot are temporary files, unless one was asked for.
+    bool isShown(const DirectoryWatch::Change &change) const {
+        return change.name[0] != '.' || std::find(targets_.begin(), targets_.end(), nameOf(change)) != targets_.end();
     }
 
     // Name within the tree; empty for what is outside.
