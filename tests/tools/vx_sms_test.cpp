@@ -89,6 +89,10 @@ TEST_F(VxSms, WatchPrintsEachMessageOnce) {
     writeFile("/var/spool/sms/new2", "From: +1\n\ntwo");
     fs::rename("/var/spool/sms/new2", spool + "/new2");
     EXPECT_EQ(watch.readLine(), "new2");
+    // Another mode or time makes no new message.
+    for (const char *name : {"old", "new1", "new2"}) fs::permissions(spool + "/" + name, fs::perms::owner_all);
+    receive("new4", "four");
+    EXPECT_EQ(watch.readLine(), "new4");
     watch.signal(SIGTERM);
     EXPECT_EQ(watch.wait(), 0);
     const auto result = vx({"sms", "watch", "--for", "0.05"});
@@ -101,6 +105,14 @@ TEST_F(VxSms, WatchPrintsEachMessageOnce) {
     EXPECT_EQ(line, R"({"id":"new3","from":"+4930123","received":"2026-11-15 08:40","text":"three"})");
     EXPECT_EQ(vxtest::schemaErrors("sms-watch", line + "\n"), "");
     EXPECT_EQ(json.wait(), 0);
+}
+
+TEST_F(VxSms, WatchFailsWhenItsDirectoryHasGone) {
+    Process watch(vxCommand({"sms", "watch"}));
+    vxtest::waitForWatch(watch);
+    fs::remove_all(spool);
+    EXPECT_EQ(watch.readLine(), "vx: sms watch: " + spool + ": No such file or directory");
+    EXPECT_EQ(watch.wait(), 1);
 }
 
 }  // namespace

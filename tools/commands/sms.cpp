@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <memory>
+#include <set>
 
 #include "commands/commands.h"
 #include "core/failure.h"
@@ -83,17 +84,53 @@ int remove(const Arguments &arguments, Output &out) {
     return statusDone;
 }
 
+// The spool, watched for messages that come in.
+class Incoming {
+public:
+    Incoming() { look(); }
+
+    int fd() const { return watch_.fd(); }
+
+    std::vector<Record> messages() {
+        std::vector<Record> found;
+        for (const auto &change : watch_.changes()) {
+            if (change.name.empty()) {
+                look();
+            } else if (auto message = messageAt(change)) {
+                found.push_back(std::move(*message));
+            }
+        }
+        return found;
+    }
+
+private:
+    // Also where the directory has gone, or been replaced.
+    void look() {
+        watch_.add(spool);
+        checkSpool();
+    }
+
+    // A message is there when its file has been written to its end or has got its name, and may be read.
+    std::optional<Record> messageAt(const DirectoryWatch::Change &change) {
+        if (change.name[0] == '.' || change.isDirectory || change.isNew) return std::nullopt;
+        const bool waitedFor = unreadable_.erase(change.name) > 0;
+        if (change.onlyAttributes && !waitedFor) return std::nullopt;
+        auto message = messageOf(change.name);
+        const std::string path = std::string(spool) + "/" + change.name;
+        if (!message && ::access(path.c_str(), F_OK) == 0) unreadable_.insert(change.name);
+        return message;
+    }
+
+    DirectoryWatch watch_;
+    std::set<std::string> unreadable_;  // those that may be messages when their mode has changed
+};
+
 int watch(const Arguments &arguments, Output &out) {
     Follow follow(arguments, out);
-    DirectoryWatch watch;
-    watch.add(spool);
-    checkSpool();
-    while (follow.wait(watch.fd()) == Follow::Event::ready) {
-        for (const auto &change : watch.changes()) {
-            // A message is there when its file has been written to its end or has got its name.
-            if (change.name.empty() || change.name[0] == '.' || change.isDirectory || change.isNew) continue;
-            const auto message = messageOf(change.name);
-            if (message && !follow.print(*message, Plain::name)) return statusDone;
+    Incoming incoming;
+    while (follow.wait(incoming.fd()) == Follow::Event::ready) {
+        for (const Record &message : incoming.messages()) {
+            if (!follow.print(message, Plain::name)) return statusDone;
         }
     }
     return statusDone;

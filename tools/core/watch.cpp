@@ -59,7 +59,8 @@ std::vector<DirectoryWatch::Change> DirectoryWatch::changes() {
                 if ((event.mask & IN_Q_OVERFLOW) != 0) found.push_back({});
                 continue;
             }
-            found.push_back({path->second, name, (event.mask & IN_ISDIR) != 0, (event.mask & IN_CREATE) != 0});
+            found.push_back({path->second, name, (event.mask & IN_ISDIR) != 0, (event.mask & IN_CREATE) != 0,
+                             (event.mask & IN_ATTRIB) != 0});
             if ((event.mask & IN_IGNORED) != 0) paths_.erase(path);
         }
     }

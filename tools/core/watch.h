@@ -17,7 +17,8 @@ public:
         std::string directory;  // as it was given to add(); empty when changes were lost
         std::string name;       // entry that changed; empty when the directory itself did
         bool isDirectory;
-        bool isNew;  // just made: a regular file's contents are still to come
+        bool isNew;           // just made: a regular file's contents are still to come
+        bool onlyAttributes;  // mode, owner or times: the contents are the same
     };
 
     DirectoryWatch();
