@@ -29,8 +29,8 @@
  * **Power failures.** An entry is in the file when qxlog() returns, but not necessarily on the disk: the library does
  * not flush it, and a power failure can lose the latest entries.
  *
- * **Limits.** The file keeps the new entry and 32 older lines. Lines have at most 1023 characters. qxlog_read() needs a
- * buffer of more than 256 bytes.
+ * **Limits.** The file keeps the new entry and 32 older lines. Older lines have at most 1023 characters, the newline
+ * included: longer ones are split. qxlog_read() needs a buffer of more than 256 bytes.
  *
  * **Privileges.** qxlog() needs write access to the directory /var/log, qxlog_clear() to the file, and qxlog_read()
  * read access to the file. The file has mode 0664 and is always replaced as a whole, so that other readers of the file

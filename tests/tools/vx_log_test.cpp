@@ -6,6 +6,7 @@
 #include <unistd.h>
 #include <vxutils/qxlog.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <string>
 
@@ -16,6 +17,7 @@ namespace {
 
 using testing::HasSubstr;
 using testing::MatchesRegex;
+using testing::StartsWith;
 using vxtest::readFile;
 using vxtest::vx;
 using vxtest::vxJson;
@@ -49,6 +51,35 @@ TEST_F(VxLog, LinesOfAnotherFormAreText) {
               R"([{"number":3,"time":"2026-11-15 08:40","text":"ok"},{"number":null,"time":null,"text":"free text"},)"
               R"({"number":null,"time":null,"text":"9: short"},{"number":null,"time":null,"text":""}])"
               "\n");
+}
+
+TEST_F(VxLog, WhatIsNoTimeIsText) {
+    for (const std::string entry : {"5: 0123456789abcdef text", "5: 2026-11-15T08:40 text",
+                                    "5: 2026-11-15 08:4\xff text", "5: 2026-11-15 08:401text", "5: 2026-11-15 08:40"}) {
+        writeFile(log, entry + "\n");
+        EXPECT_THAT(vxJson("log-show", {"log", "show"}), StartsWith(R"([{"number":null,"time":null,"text":)")) << entry;
+    }
+    writeFile(log, "5: 2026-11-15 08:40 \n");
+    EXPECT_EQ(vxJson("log-show", {"log", "show"}), R"([{"number":5,"time":"2026-11-15 08:40","text":""}])"
+                                                   "\n");
+}
+
+// The library splits older lines of more than 1023 characters, and what follows would be an entry of its own.
+TEST_F(VxLog, ALongTextForgesNoEntry) {
+    const std::string forged = std::string(1003, 'x') + "9: 2026-01-01 00:00 forged";
+    const auto result = vx({"log", "add", "1", forged});
+    EXPECT_EQ(result.status, 2);
+    EXPECT_THAT(result.err, HasSubstr("TEXT is longer than 992 bytes"));
+    const std::string longest(992, 'x');
+    const std::string escaped(248, '\x1b');
+    EXPECT_EQ(vx({"log", "add", "--", "-2147483648", longest}).status, 0);
+    EXPECT_EQ(vx({"log", "add", "--", "-2147483648", escaped}).status, 0);
+    for (const std::string &text : {longest + "x", escaped + "\x1b", escaped + "\\", escaped + "\x9f"}) {
+        EXPECT_EQ(vx({"log", "add", "1", text}).status, 2);
+    }
+    EXPECT_EQ(vx({"log", "add", "1", "next"}).status, 0);
+    const std::string all = vx({"log", "show"}).out;
+    EXPECT_EQ(std::count(all.begin(), all.end(), '\n'), 3) << all;
 }
 
 TEST_F(VxLog, ALogOfAnySizeIsShownWhole) {

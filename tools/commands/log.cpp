@@ -5,6 +5,7 @@
 #include <unistd.h>
 #include <vxutils/qxlog.h>
 
+#include <algorithm>
 #include <cstring>
 
 #include "commands/commands.h"
@@ -16,6 +17,9 @@ namespace tool {
 namespace {
 
 constexpr const char *path = "/var/log/qxlog";
+// The library splits longer lines into several, of which the later ones would be entries of their own.
+constexpr size_t longestText = 1022 - sizeof "-2147483648: YYYY-MM-DD HH:MM " + 1;
+constexpr size_t escapeLength = 4;
 constexpr size_t firstSize = 65536;
 constexpr size_t largestSize = 64U << 20;
 
@@ -58,11 +62,25 @@ void checked(Function function) {
     throw Failure(path, error.empty() ? "failed" : error);
 }
 
+// Bytes that the library writes for a text, at most: it escapes some as "\xNN".
+size_t writtenLength(std::string_view text) {
+    size_t length = 0;
+    for (const char c : text) {
+        const auto byte = static_cast<unsigned char>(c);
+        length += byte < 0x20 || (byte >= 0x7F && byte < 0xA0) || c == '\\' ? escapeLength : 1;
+    }
+    return length;
+}
+
 int add(const Arguments &arguments, Output &out) {
     const int number = static_cast<int>(arguments.wordAsNumber(0, "NUMBER", INT32_MIN, INT32_MAX));
     const std::string &text = arguments[1];
     if (text.empty()) throw Usage{"TEXT is empty"};
     if (text.find('\n') != std::string::npos) throw Usage{"TEXT holds a line feed"};
+    if (writtenLength(text) > longestText) {
+        throw Usage{"TEXT is longer than " + std::to_string(longestText) +
+                    " bytes, control characters and backslashes counted as " + std::to_string(escapeLength)};
+    }
     checked([&] { return qxlog(number, text.c_str()); });
     out.done();
     return statusDone;
@@ -78,16 +96,23 @@ std::string readLog() {
     }
 }
 
+// Whether a text begins like "2026-11-15 08:40 ".
+bool beginsWithTime(std::string_view text) {
+    constexpr std::string_view form = "0000-00-00 00:00 ";
+    return std::equal(form.begin(), form.end(), text.begin(), text.begin() + std::min(text.size(), form.size()),
+                      [](char wanted, char c) { return wanted == '0' ? c >= '0' && c <= '9' : c == wanted; });
+}
+
 // "3: 2026-11-15 08:40 modem restarted"; a line of another form is all text.
 Record entryOf(const std::string &line) {
     constexpr size_t timeLength = 16;
     const size_t colon = line.find(": ");
     const auto number = wholeNumber(line.substr(0, colon), INT32_MIN, INT32_MAX);
-    const size_t end = colon + 2 + timeLength;
-    if (colon == std::string::npos || !number || line.size() <= end || line[end] != ' ') {
+    if (colon == std::string::npos || !number || !beginsWithTime(std::string_view(line).substr(colon + 2))) {
         return {{"number", Value()}, {"time", Value()}, {"text", line}};
     }
-    return {{"number", *number}, {"time", line.substr(colon + 2, timeLength)}, {"text", line.substr(end + 1)}};
+    const std::string rest = line.substr(colon + 2);
+    return {{"number", *number}, {"time", rest.substr(0, timeLength)}, {"text", rest.substr(timeLength + 1)}};
 }
 
 int show(const Arguments &, Output &out) {
