@@ -206,6 +206,10 @@ TEST_F(VxBoard, ReadsConvertersOfEachBoardType) {
     EXPECT_EQ(vx({"adc", "0", "--board", "beta"}).out, "25876.266\n");
     EXPECT_EQ(vx({"adc", "0", "--board", "gamma", "--factor", "0.5"}).out, "453.000\n");
     EXPECT_EQ(vx({"adc", "2", "--board", "delta"}).status, 1);
+    const auto beyond = vx({"-j", "adc", "0", "--board", "gamma", "--factor", "3e38"});
+    EXPECT_EQ(beyond.status, 1);
+    EXPECT_EQ(beyond.out, "");
+    EXPECT_EQ(beyond.err, "vx: adc: 0: the voltage is beyond the range of numbers\n");
     for (const auto &words : {std::vector<std::string>{"x"},
                               {"-1"},
                               {"16"},

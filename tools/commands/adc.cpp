@@ -52,7 +52,9 @@ std::optional<Reading> readInput(const char *board, int input, float factor) {
         board != nullptr ? std::vector<std::string>{board} : std::vector<std::string>{"delta", "alpha"};
     for (const std::string &type : types) {
         float volts = 0;
-        if (read(type, input, factor, volts)) return Reading{type, volts};
+        if (!read(type, input, factor, volts)) continue;
+        if (!std::isfinite(volts)) throw Failure(std::to_string(input), "the voltage is beyond the range of numbers");
+        return Reading{type, volts};
     }
     return std::nullopt;
 }
