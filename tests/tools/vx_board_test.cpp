@@ -188,6 +188,11 @@ TEST_F(VxBoard, PrintsValuesOfTheRebrandingFile) {
     EXPECT_EQ(vxJson("board", {"board", "--oem=Vendor"}), R"({"key":"Vendor","value":"Example"})"
                                                           "\n");
     EXPECT_EQ(vx({"board", "--oem", "None"}).status, 1);
+    EXPECT_EQ(vx({"board", "--oem", ""}).err, "vx: board: '': not in /etc/oem/oem.conf\n");
+    fs::remove("/etc/oem/oem.conf");
+    ::mkfifo("/etc/oem/oem.conf", 0644);
+    EXPECT_EQ(vx({"board", "--oem", "Vendor"}, {.alarm_s = 20}).err, "vx: board: /etc/oem/oem.conf: is a FIFO\n");
+    fs::remove("/etc/oem/oem.conf");
     EXPECT_EQ(vx({"board", "x"}).status, 2);
 }
 

@@ -113,7 +113,7 @@ TEST_F(VxConfig, NoAnswerWithinTenSecondsIsAFailureWithoutOutput) {
 TEST_F(VxConfig, ASignalLeavesNoSocketBehind) {
     vxtest::Configd daemon({"a=1"});
     daemon.tell("silent");
-    for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGALRM, SIGUSR1, SIGUSR2}) {
         vxtest::Process process(vxtest::vxCommand({"config", "get", "a"}));
         ASSERT_TRUE(vxtest::eventually([] { return leftSockets() == 1; }));
         process.signal(signal);

@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/mount.h>
+#include <sys/stat.h>
 #include <unistd.h>
 #include <vxutils/qxlog.h>
 
@@ -149,6 +150,12 @@ TEST(VxSysinfo, PrintsAllOrSome) {
 TEST(VxSysinfo, FailuresAreNamed) {
     ::unlink(info.c_str());
     EXPECT_EQ(vx({"sysinfo"}).err, "vx: sysinfo: " + info + ": No such file or directory\n");
+    vxtest::makeDirs(info);
+    EXPECT_EQ(vx({"sysinfo"}).err, "vx: sysinfo: " + info + ": is a directory\n");
+    ::rmdir(info.c_str());
+    ::mkfifo(info.c_str(), 0644);
+    EXPECT_EQ(vx({"sysinfo"}, {.alarm_s = 20}).err, "vx: sysinfo: " + info + ": is a FIFO\n");
+    ::unlink(info.c_str());
     std::string many;
     for (int i = 0; i < 257; ++i) many += "V" + std::to_string(i) + "=1\n";
     writeFile(info, many);

@@ -184,6 +184,27 @@ TEST_F(VxStatus, SetTakesBinaryValuesFromStandardInput) {
     EXPECT_EQ(vx({"status", "set", "x", "y", "--stdin"}).status, 2);
 }
 
+TEST_F(VxStatus, ASignalDuringSetLeavesNoTemporaryFile) {
+    const std::string value(32 << 20, 'x');
+    writeFile("/tmp/long-value", value);
+    const auto names = [] {
+        std::vector<std::string> found;
+        for (const auto &entry : fs::directory_iterator(tree)) found.push_back(entry.path().filename());
+        return found;
+    };
+    for (const int number : {SIGTERM, SIGUSR1, SIGALRM}) {
+        fs::remove(tree + "/x");
+        std::vector<std::string> command{"sh", "-c", "exec \"$@\" </tmp/long-value", "sh"};
+        for (const std::string &word : vxCommand({"status", "set", "x", "--stdin"})) command.push_back(word);
+        Process set(command);
+        EXPECT_TRUE(vxtest::eventually([&] { return !names().empty(); }));
+        set.signal(number);
+        set.wait();
+        EXPECT_THAT(names(), ElementsAre("x")) << number;
+    }
+    fs::remove("/tmp/long-value");
+}
+
 TEST_F(VxStatus, SetFollowsALinkAndRefusesOtherKinds) {
     writeFile(tree + "/target", "1");
     fs::create_symlink("target", tree + "/link");

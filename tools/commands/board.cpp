@@ -5,18 +5,22 @@
 
 #include "commands/commands.h"
 #include "core/failure.h"
+#include "core/file.h"
 
 namespace tool {
 
 namespace {
 
+constexpr const char *oemPath = "/etc/oem/oem.conf";
+
 Value unlessNegative(int number) { return number >= 0 ? Value(number) : Value(); }
 
 int board(const Arguments &arguments, Output &out) {
     if (const char *key = arguments.text("oem")) {
-        if (::access("/etc/oem/oem.conf", R_OK) != 0) throw systemFailure("/etc/oem/oem.conf");
+        readFile(oemPath,
+                 oemPath);  // the library takes for empty what it cannot read, and waits for the writer of a FIFO
         const std::string value = oem(key);
-        if (value.empty()) throw Failure(key, "not in /etc/oem/oem.conf");
+        if (value.empty()) throw Failure(named(key), std::string("not in ") + oemPath);
         out.print(Record{{"key", key}, {"value", value}}, Plain::value);
         return statusDone;
     }

@@ -30,7 +30,7 @@ constexpr milliseconds longestBusy{60000};
 
 using Clock = std::chrono::steady_clock;
 
-constexpr int endingSignals[] = {SIGINT, SIGTERM, SIGHUP};
+constexpr int endingSignals[] = {SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGALRM, SIGUSR1, SIGUSR2};
 
 // The handle's socket file, which must not be left by a signal.
 char clientSocket[sizeof(configd_handle::client_path)];
@@ -172,7 +172,7 @@ int get(const Arguments &arguments, Output &out) {
         const Table table = openFile(file);
         for (const std::string &key : arguments.words()) {
             const cfread_entry *entry = cfread_find_entry(table.get(), key.c_str());
-            if (entry == nullptr) throw Failure(key, std::string("not in ") + file);
+            if (entry == nullptr) throw Failure(named(key), std::string("not in ") + file);
             values.push_back({{"key", key}, {"value", entry->value}});
         }
     } else {

@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: MIT
 // vx sysinfo: the variables that describe the device.
-#include <unistd.h>
 #include <vxutils/systeminfo.h>
 
 #include <memory>
@@ -31,13 +30,13 @@ const systeminfo_var *find(const systeminfo_table &table, const std::string &nam
 }
 
 int sysinfo(const Arguments &arguments, Output &out) {
-    if (::access(path, R_OK) != 0) throw systemFailure(path);
+    readFile(path, path);  // the library takes for empty what it cannot read, and waits for the writer of a FIFO
     const Table table(systeminfo_init());
     if (!table) throw Failure(path, "holds more than 256 variables, or memory is short");
     std::vector<Record> values;
     for (const std::string &name : arguments.words()) {
         const systeminfo_var *variable = find(*table, name);
-        if (variable == nullptr) throw Failure(name, std::string("not in ") + path);
+        if (variable == nullptr) throw Failure(named(name), std::string("not in ") + path);
         values.push_back(recordOf(*variable));
     }
     if (arguments.size() == 0) {

@@ -44,13 +44,12 @@ std::string readAll(int fd, std::string_view name) {
     }
 }
 
-// Signals that end the process wait until the temporary file is gone.
+// Signals, of which most end the process, wait until the temporary file is gone.
 class HeldSignals {
 public:
     HeldSignals() {
         sigset_t held;
-        sigemptyset(&held);
-        for (const int signal : {SIGINT, SIGTERM, SIGHUP, SIGQUIT}) sigaddset(&held, signal);
+        sigfillset(&held);
         ::sigprocmask(SIG_BLOCK, &held, &before_);
     }
     ~HeldSignals() { ::sigprocmask(SIG_SETMASK, &before_, nullptr); }
