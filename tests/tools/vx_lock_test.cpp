@@ -9,6 +9,7 @@
 
 #include <cerrno>
 #include <csignal>
+#include <filesystem>
 #include <string>
 
 #include "support/emulation.h"
@@ -146,6 +147,29 @@ TEST_F(VxLock, FirewallTakesThePacketFiltersLock) {
         EXPECT_EQ(vx({"lock", "--wait", "0", "--firewall", "--", "true"}).status, 0);
         EXPECT_EQ(vx({"lock", "--try", "--firewall", "--", "true"}).status, 0);
     }
+}
+
+// The thread that has taken the lock may still be there when the command runs, and must not be the one to get a signal.
+TEST_F(VxLock, OnlyTheFirstThreadGetsSignals) {
+    if (vxtest::emulated()) GTEST_SKIP() << "the process table is the emulator's";
+    firewall_lock_handle *held = firewall_lock();
+    ASSERT_NE(held, nullptr);
+    Process waiter(vxCommand({"lock", "--firewall", "--wait", "60", "--", "true"}));
+    const std::string process = std::to_string(waiter.pid());
+    const auto otherThread = [&] {
+        for (const auto &entry : std::filesystem::directory_iterator("/proc/" + process + "/task")) {
+            if (entry.path().filename() != process) return vxtest::readFile(entry.path() / "status");
+        }
+        return std::string();
+    };
+    EXPECT_TRUE(vxtest::eventually([&] {
+        const std::string status = otherThread();
+        const size_t at = status.find("SigBlk:\t");
+        if (at == std::string::npos) return false;
+        return (std::stoull(status.substr(at + 8), nullptr, 16) >> (SIGTERM - 1) & 1) != 0;
+    }));
+    firewall_unlock(held);
+    EXPECT_EQ(waiter.wait(), 0);
 }
 
 TEST_F(VxLock, WrongUsage) {

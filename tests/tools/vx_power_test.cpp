@@ -2,9 +2,12 @@
 // vx reboot, poweroff and doctor. A box cannot restart the machine whatever is tried.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <array>
 #include <filesystem>
 #include <string>
 
@@ -124,6 +127,27 @@ TEST(VxDoctor, NamesWhatIsMissingAndWhatToDo) {
     EXPECT_THAT(vx({"doctor", "modem"}).out, HasSubstr("missing modem daemons"));
     EXPECT_EQ(vx({"doctor", "addr"}).status, 2);
     EXPECT_EQ(vx({"doctor", "bogus"}).status, 2);
+}
+
+// A daemon that hangs, with as many connections waiting as it allows.
+TEST(VxDoctor, APublisherThatTakesNoConnectionIsNotWaitedFor) {
+    const int server = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(47011);
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    ASSERT_EQ(::bind(server, reinterpret_cast<const sockaddr *>(&address), sizeof address), 0);
+    ASSERT_EQ(::listen(server, 0), 0);
+    std::array<int, 4> clients{};
+    for (int &client : clients) {
+        client = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+        (void)::connect(client, reinterpret_cast<const sockaddr *>(&address), sizeof address);
+    }
+    const auto result = vx({"doctor", "event"}, {.alarm_s = 20});
+    EXPECT_EQ(result.status, 1);
+    EXPECT_THAT(result.out, HasSubstr("missing event publisher: tcp://127.0.0.1:47011: Connection timed out; "));
+    for (const int client : clients) ::close(client);
+    ::close(server);
 }
 
 // A gateway as it should be, built up here; each command that the doctor finds well does work.

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 // vx doctor: what of all this works on this machine, for this user.
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -58,6 +59,8 @@ std::function<Finding()> may(const char *path, int mode) {
 Finding answersAt(const std::string &path, int type) { return answers(path, type) ? found(path) : fromErrno(path); }
 
 // ---- what is looked at
+
+constexpr int connectTime_ms = 2000;
 
 Finding eventFifo() {
     constexpr const char *path = "/tmp/status/event-manager/throw";
@@ -128,13 +131,25 @@ Finding routes() {
     return route_get_interface(&target, name.data()) == 0 ? found() : lacking(std::strerror(errno));
 }
 
+// Waits for a connection on its way. False with errno set when it fails or takes too long.
+bool isConnected(int fd) {
+    pollfd waiting{fd, POLLOUT, 0};
+    int error = ETIMEDOUT;
+    socklen_t size = sizeof error;
+    if (::poll(&waiting, 1, connectTime_ms) == 1) ::getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &size);
+    errno = error;
+    return error == 0;
+}
+
 Finding publisher() {
-    const Fd fd(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    // A daemon that hangs takes no connections: a blocking call would wait for minutes.
+    const Fd fd(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_port = htons(47011);
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    const bool connected = ::connect(fd.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0;
+    const bool connected = ::connect(fd.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0 ||
+                           (errno == EINPROGRESS && isConnected(fd.get()));
     return connected ? found() : lacking(std::string("tcp://127.0.0.1:47011: ") + std::strerror(errno));
 }
 

@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <chrono>
 #include <condition_variable>
+#include <csignal>
 #include <memory>
 #include <mutex>
 #include <thread>
@@ -92,6 +93,10 @@ firewall_lock_handle *lockFirewall(std::optional<milliseconds> longest) {
     // The library waits without limit; a thread that waits in vain ends with the process.
     const auto waiting = std::make_shared<Waiting>();
     std::thread([waiting] {
+        // Until this thread has ended, signals would end the process here that are held back where the command runs.
+        sigset_t all;
+        sigfillset(&all);
+        ::pthread_sigmask(SIG_BLOCK, &all, nullptr);
         firewall_lock_handle *handle = firewall_lock();
         const std::lock_guard guard(waiting->mutex);
         waiting->handle = handle;
