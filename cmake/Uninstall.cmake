@@ -29,7 +29,7 @@ list(REMOVE_DUPLICATES own_directories)
 list(SORT own_directories ORDER DESCENDING)  # a directory after those that are in it
 foreach(directory IN LISTS own_directories)
   if(IS_DIRECTORY "${directory}")
-    # Not file(REMOVE_RECURSE): what somebody else put there stays.
+    # Not file(REMOVE_RECURSE): files that are not from this installation stay.
     execute_process(COMMAND rmdir --ignore-fail-on-non-empty -- "${directory}")
   endif()
 endforeach()

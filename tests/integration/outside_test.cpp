@@ -266,4 +266,50 @@ TEST_F(Outside, TextIsFoldedAtTheTerminalsWidth) {
     EXPECT_GT(longest, 30U) << output.text;
 }
 
+// A user's own directory may hold a link to a script, and cd may search directories of the user's choice.
+TEST(Scripts, ExplainThemselvesFromAnyDirectoryAndThroughALink) {
+    for (const std::string name : {"abi", "bench", "board", "format", "fresh", "gateways", "models", "package", "soak",
+                                   "sysroot", "test", "torture"}) {
+        const std::string script = VXTEST_SOURCE_DIR "/scripts/" + name;
+        ASSERT_EQ(::symlink(script.c_str(), ("/tmp/vx-" + name).c_str()), 0);
+        for (const std::string &command :
+             {"cd / && /tmp/vx-" + name, "cd " VXTEST_SOURCE_DIR " && CDPATH=.:/tmp scripts/" + name,
+              "cd " VXTEST_SOURCE_DIR "/scripts && ./" + name}) {
+            const auto output = vxtest::run({"bash", "-c", command + " --no-such-option"});
+            EXPECT_EQ(output.status, 2) << command << "\n" << output.text;
+            EXPECT_THAT(output.text, testing::ContainsRegex("(^|\n)scripts/" + name + "[ :]")) << command;
+        }
+    }
+}
+
+// A program reads "ten" as 0: it would do nothing and find nothing.
+TEST(Scripts, RefuseWordsWhereTheyNeedANumber) {
+    for (const std::string command : {"models --steps", "models --seed", "torture --sample", "torture --seed",
+                                      "torture --rounds", "soak --minutes", "test --minutes"}) {
+        for (const char *value : {"", " ten", " 10k"}) {
+            const auto output = vxtest::run({"bash", "-c", VXTEST_SOURCE_DIR "/scripts/" + command + value});
+            EXPECT_EQ(output.status, 2) << command << value << "\n" << output.text;
+            EXPECT_THAT(output.text, HasSubstr("needs a number")) << command << value;
+        }
+    }
+}
+
+TEST(Scripts, NameWhatTheyDoNotKnowBeforeAnythingIsInstalled) {
+    for (const auto &[command, message] :
+         {std::pair("test no-such-stage", "test: no stage 'no-such-stage'"),
+          std::pair("bench no-such-family", "bench: no benchmark of 'no-such-family'")}) {
+        const auto output = vxtest::run({"bash", "-c", std::string(VXTEST_SOURCE_DIR "/scripts/") + command});
+        EXPECT_EQ(output.status, 2) << output.text;
+        EXPECT_EQ(output.text.rfind(message, 0), 0U) << output.text;
+    }
+}
+
+// As root in another user's tree, where git refuses to name the files.
+TEST(Scripts, FormatFailsWhereGitNamesNoFiles) {
+    vxtest::writeFile("/tmp/tree/.git", "gitdir: /no/such/directory");
+    vxtest::writeFile("/tmp/tree/scripts/format", vxtest::readFile(VXTEST_SOURCE_DIR "/scripts/format"));
+    const auto output = vxtest::run({"bash", "-c", "bash /tmp/tree/scripts/format --check </dev/null"});
+    EXPECT_NE(output.status, 0) << output.text;
+}
+
 }  // namespace
