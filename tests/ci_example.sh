@@ -41,19 +41,24 @@ inside() {  # inside COMMAND...
 }
 
 work() {  # work NAME [WRAPPER...]
-  local dir=$stage/$1 pytest=()
+  local dir=$stage/$1 options=()
   mkdir "$dir"
   cp -r "$top/examples/ci" "$dir/project"
   chmod 0755 "$dir"
   if [ "$1" = user ]; then chown -R 65534:65534 "$dir"; fi
   # From a build tree the library is found by its prefix; the interpreter is the one that has Debian's pytest.
-  if [ -z "$root" ]; then pytest=(-DCMAKE_PREFIX_PATH="$stage/usr" -DPython3_EXECUTABLE=/usr/bin/python3); fi
+  if [ -z "$root" ]; then options=(-DCMAKE_PREFIX_PATH="$stage/usr" -DPython3_EXECUTABLE=/usr/bin/python3); fi
+  # Programs are built where the project, or a generator for several configurations, wants them.
+  case "$1" in
+    user) options+=(-DCMAKE_RUNTIME_OUTPUT_DIRECTORY=programs) ;;
+    root) [ -n "$root" ] || options+=(-G 'Ninja Multi-Config') ;;
+  esac
   # What ctest itself says is left out but for its last lines.
   inside "${@:2}" bash -ec 'dir=$1; shift
     cmake -S "$dir/project" -B "$dir/build" "$@" && cmake --build "$dir/build" &&
-    ctest --test-dir "$dir/build" -j2 --output-on-failure --no-tests=error
+    ctest --test-dir "$dir/build" -C Debug -j2 --output-on-failure --no-tests=error
     for test in shell bouncing-input own-scenario pytest; do grep -q "failures=\"0\"" "$dir/build/$test.junit.xml"; done' \
-    work "$seen/$1" "${pytest[@]}" >"$dir.log" 2>&1
+    work "$seen/$1" "${options[@]}" >"$dir.log" 2>&1
 }
 jobs=()
 unset CMAKE_C_COMPILER_LAUNCHER CMAKE_CXX_COMPILER_LAUNCHER  # their caches need not be open to other users
