@@ -290,6 +290,18 @@ TEST_F(Install, AsAStaticLibraryItIsUsedFromOutside) {
     EXPECT_EQ(filesBelow("/srv"), before);
 }
 
+// On a machine that has both, removing the packages leaves what "cmake --install" has put into /usr.
+TEST_F(Install, RemovingTheDebianPackageKeepsALibraryThatIsNotThePackages) {
+    const std::string file = "/usr/lib/libvxutils.so.1.0.0";
+    const std::string script = "sh " + source + "/debian/libvxutils-common.postrm ";
+    shell("cmake --install " + build + " --component runtime && " + script + "remove");
+    EXPECT_TRUE(vxtest::exists(file));
+    shell("cp " + source + "/packaging/lock-file " + file + " && " + script + "upgrade 2");
+    EXPECT_TRUE(vxtest::exists(file));
+    shell(script + "remove && " + script + "purge");
+    EXPECT_FALSE(vxtest::exists(file));
+}
+
 TEST(Configure, NamesThePackagesThatAreMissing) {
     shell("rm /usr/include/zmq.h /usr/include/event.h");
     const std::string output = shell("cmake -G Ninja -DBUILD_TESTING=OFF -S " + source + " -B /tmp/missing", 1);
