@@ -312,4 +312,19 @@ TEST(Scripts, FormatFailsWhereGitNamesNoFiles) {
     EXPECT_NE(output.status, 0) << output.text;
 }
 
+// The demo's build has no tests; README.md names it first.
+TEST(Scripts, ConfigureTheTestsAlsoWhereTheDemoHasConfiguredTheBuild) {
+    vxtest::makeDirs("/tmp/tree");
+    vxtest::run({"cp", "-r", VXTEST_SOURCE_DIR "/scripts", "/tmp/tree/scripts"});
+    vxtest::writeFile("/tmp/tree/build/dev/build.ninja", "");
+    vxtest::writeFile("/tmp/stand-in/cmake", "#!/bin/sh\necho \"cmake $*\" >&2\nexit 1\n");
+    ASSERT_EQ(::chmod("/tmp/stand-in/cmake", 0755), 0);
+    for (const char *script : {"models", "soak", "torture --kill", "torture --power", "gateways"}) {
+        const auto output =
+            vxtest::run({"bash", "-c", std::string("PATH=/tmp/stand-in:$PATH; bash /tmp/tree/scripts/") + script});
+        EXPECT_NE(output.status, 0) << script;
+        EXPECT_THAT(output.text, HasSubstr("cmake --preset dev\n")) << script;
+    }
+}
+
 }  // namespace
