@@ -327,4 +327,20 @@ TEST(Scripts, ConfigureTheTestsAlsoWhereTheDemoHasConfiguredTheBuild) {
     }
 }
 
+TEST(Scripts, ShowWhyABuildFailed) {
+    vxtest::makeDirs("/tmp/tree/bench");
+    vxtest::writeFile("/tmp/tree/bench/list_bench.cpp", "");
+    vxtest::run({"cp", "-r", VXTEST_SOURCE_DIR "/scripts", "/tmp/tree/scripts"});
+    vxtest::writeFile("/tmp/tree/scripts/setup", "");
+    vxtest::writeFile("/tmp/stand-in/cmake", "#!/bin/sh\ncase $1 in --build) echo error: why; exit 1 ;; esac\n");
+    ASSERT_EQ(::chmod("/tmp/stand-in/cmake", 0755), 0);
+    for (const char *script : {"bash /tmp/tree/scripts/bench list", "bash /tmp/tree/scripts/gateways",
+                               "python3 /tmp/tree/scripts/coverage list"}) {
+        const auto output = vxtest::run({"bash", "-c", std::string("PATH=/tmp/stand-in:$PATH; ") + script});
+        EXPECT_EQ(output.status, 1) << script;
+        EXPECT_THAT(output.text, HasSubstr("error: why\n")) << script;
+        EXPECT_THAT(output.text, HasSubstr("the build failed")) << script;
+    }
+}
+
 }  // namespace
