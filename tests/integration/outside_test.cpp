@@ -241,6 +241,7 @@ TEST_F(Outside, TheDemoSaysWhatIsWrongWithItsArguments) {
     refused({"--run", "/data"}, 126, "/data: not a program that can be run");
     refused({"--run"}, 2, "--run needs a program");
     refused({"--share", "/no/such/dir", "--run", "true"}, 2, "/no/such/dir is not a directory");
+    refused({"--only", "no-such-chapter"}, 2, "no chapter's file name holds 'no-such-chapter':\n00-");
     refused({"--frob"}, 2, "unknown option --frob");
 }
 
