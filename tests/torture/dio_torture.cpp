@@ -82,7 +82,7 @@ void onBoard(Run &run) {
     frequency(run);
     record(run);
     halves(run);
-    (void)board.happened();  // else it would once wait for somebody to read this
+    (void)board.happened();  // else the board would wait for a reader one day
 }
 
 }  // namespace
