@@ -3,7 +3,7 @@
 # user at the same time.
 # ci_example.sh --root ROOT: the same in a root directory in which the packages are installed. Only examples/ci is copied there.
 set -euo pipefail
-top=$(cd "$(dirname "$0")/.." && pwd)
+top=$(dirname "$(dirname "$(readlink -f "$0")")")
 root=''
 [ "$1" != --root ] || root=$(realpath "$2")
 # There the example lies directly in /tmp.

@@ -1,7 +1,7 @@
 #!/bin/bash
 # guides.sh BUILD: installs the library from a build tree into a directory, and works through the guides with it in a gateway.
 set -euo pipefail
-top=$(cd "$(dirname "$0")/.." && pwd)
+top=$(dirname "$(dirname "$(readlink -f "$0")")")
 stage=$(mktemp -d)
 trap 'rm -rf "$stage"' EXIT
 cmake --install "$1" --prefix "$stage/usr" >"$stage/install.log" || { cat "$stage/install.log"; exit 1; }
