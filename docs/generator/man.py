@@ -271,8 +271,9 @@ def write(library, directory):
     man3, man7 = directory / "man3", directory / "man7"
     for place in (man3, man7):
         place.mkdir(parents=True, exist_ok=True)
-        for old in place.iterdir():
-            old.unlink()
+    # Pages of families and guides that are gone now. Pages of others stay: the directory may be the user's own.
+    for old in [*man3.glob(f"*.{SECTION}"), *man7.glob("vxutils*.7")]:
+        old.unlink()
     names = set()
     for family in library.families.values():
         (man3 / f"{family.name}.{SECTION}").write_text(family_page(library, family))

@@ -16,6 +16,7 @@ import figures
 import model
 
 ASSETS = ("style.css", "search.js")
+SEARCH_INDEX = "search-index.js"
 PROJECT_PAGES = {"README.md": "readme.html", "CHANGELOG.md": "changelog.html", "CONTRIBUTING.md": "contributing.html",
                  "SECURITY.md": "reporting.html", "LICENSE": "licence.html", "packaging/README.md": "packaging.html"}
 
@@ -325,13 +326,16 @@ def write(library, directory):
     site = Site(library)
     site.build()
     if directory.exists():
+        if any(directory.iterdir()) and not (directory / SEARCH_INDEX).exists():
+            raise model.ModelError(f"{directory} has files that are not of a site made here: name an empty directory or a new one")
         shutil.rmtree(directory)
     directory.mkdir(parents=True)
+    index = [[title, kind, address, summary, search_text(text)] for title, kind, address, summary, text in site.entries]
+    # Before the pages: it tells that all of the directory is ours, also where making the pages is interrupted.
+    (directory / SEARCH_INDEX).write_text("const INDEX = " + json.dumps(index, ensure_ascii=False, separators=(",", ":"))
+                                               + ";\n")
     for page in site.pages:
         (directory / page.file).write_text(site.framed(page))
-    index = [[title, kind, address, summary, search_text(text)] for title, kind, address, summary, text in site.entries]
-    (directory / "search-index.js").write_text("const INDEX = " + json.dumps(index, ensure_ascii=False, separators=(",", ":"))
-                                               + ";\n")
     for name in ASSETS:
         shutil.copyfile(model.ROOT / "docs/generator" / name, directory / name)
     for picture in (model.ROOT / "docs").glob("*.png"):

@@ -344,4 +344,32 @@ TEST(Scripts, ShowWhyABuildFailed) {
     }
 }
 
+TEST(Scripts, TheDocumentationLeavesOtherFilesAlone) {
+    const std::string docs = "/usr/bin/python3 " VXTEST_SOURCE_DIR "/scripts/docs ";
+    vxtest::writeFile("/tmp/site/other.txt", "precious");
+    const auto site = vxtest::run({"bash", "-c", docs + "--html /tmp/site"});
+    EXPECT_EQ(site.status, 1) << site.text;
+    EXPECT_THAT(site.text, HasSubstr("/tmp/site has files that are not of a site made here"));
+    EXPECT_EQ(vxtest::readFile("/tmp/site/other.txt"), "precious");
+
+    for (const char *page : {"man3/other.3", "man3/gone.3vx", "man7/other.7"}) {
+        vxtest::writeFile(std::string("/tmp/pages/") + page, "");
+    }
+    const auto pages = vxtest::run({"bash", "-c", docs + "--man /tmp/pages"});
+    EXPECT_EQ(pages.status, 0) << pages.text;
+    EXPECT_TRUE(vxtest::exists("/tmp/pages/man3/adc.3vx"));
+    EXPECT_TRUE(vxtest::exists("/tmp/pages/man3/other.3"));
+    EXPECT_TRUE(vxtest::exists("/tmp/pages/man7/other.7"));
+    EXPECT_FALSE(vxtest::exists("/tmp/pages/man3/gone.3vx")) << "the page of a family that is gone";
+}
+
+TEST(Scripts, TheManualPagesAreTheSameInEveryLocale) {
+    const std::string make = " /usr/bin/python3 " VXTEST_SOURCE_DIR "/scripts/docs --man /tmp/";
+    const auto output = vxtest::run(
+        {"bash", "-ec",
+         "localedef -i en_US -f ISO-8859-1 /tmp/en_US.ISO-8859-1 || [ -d /tmp/en_US.ISO-8859-1 ]; LC_ALL=C.UTF-8" +
+             make + "utf8; LOCPATH=/tmp LC_ALL=en_US.ISO-8859-1" + make + "latin1; diff -r /tmp/utf8 /tmp/latin1"});
+    EXPECT_EQ(output.status, 0) << output.text.substr(0, 1000);
+}
+
 }  // namespace
