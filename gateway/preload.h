@@ -5,8 +5,24 @@
 
 #include <dlfcn.h>
 
+// Threads and signal handlers may look a function up at the same time: all find the same. A static variable with an
+// initial value would not do, because without the C++ run-time its guard is set before the variable.
+template <typename Function>
+Function lookUp(Function &found, const char *name) {
+    Function function = __atomic_load_n(&found, __ATOMIC_RELAXED);
+    if (function == nullptr) {
+        function = reinterpret_cast<Function>(::dlsym(RTLD_NEXT, name));
+        __atomic_store_n(&found, function, __ATOMIC_RELAXED);
+    }
+    return function;
+}
+template <typename Type>
+using Itself = Type;
+
 // The function that a wrapper stands before, as `real`.
-#define REAL(name, type) static const auto real = reinterpret_cast<type>(::dlsym(RTLD_NEXT, name))
+#define REAL(name, type)                       \
+    static Itself<type> foundBefore = nullptr; \
+    const auto real = lookUp(foundBefore, name)
 
 // Gives a wrapper the name that programs call. Headers may give that name to other types: on 32-bit machines there are
 // several of each.

@@ -173,6 +173,17 @@ TEST(Recorder, LeavesOutWordsForWhichALineHasNoRoom) {
     if (!vxtest::emulated()) EXPECT_EQ(replay(command("tests/rough", {"words"})).text, "done\n");
 }
 
+// Without the C++ run-time a guard of a static variable is set before the variable: another thread would call a null
+// pointer.
+TEST(Recorder, TheLoadedLibrariesHaveNoGuardedVariables) {
+    for (const char *library : {"gateway/libvxtap.so", "gateway/libvxclock.so"}) {
+        const auto symbols = vxtest::run({"nm", vxtest::built(library)});
+        if (symbols.status != 0 || symbols.text.find(" _ZZ") == std::string::npos)
+            GTEST_SKIP() << "no nm, or a library without local symbols";
+        EXPECT_THAT(symbols.text, Not(HasSubstr(" _ZGV"))) << library;
+    }
+}
+
 TEST(Recorder, TellsTheStatusWhenTheCallerIgnoresItsChildren) {
     if (vxtest::emulated()) GTEST_SKIP() << "the emulator is the caller";
     EXPECT_EQ(vxtest::run({"timeout", "20", "env", "--ignore-signal=CHLD", vxtest::built("gateway/vxgateway"), "record",
