@@ -156,6 +156,7 @@ std::string scenarioFile(const std::string &name, bool &setsClock) {
 }
 
 std::string recordingFile(const std::string &name) {
+    if (fs::exists(name) && !fs::is_regular_file(name)) refuse(wrongUsage, name + ": not a file");
     std::ifstream file(name);
     if (!file) refuse(wrongUsage, name + ": " + std::strerror(errno));
     const std::string text{std::istreambuf_iterator<char>(file), {}};

@@ -362,9 +362,12 @@ TEST(Replay, RefusesWhatIsNotARecording) {
     EXPECT_THAT(empty.text, HasSubstr(std::string(file) + ":1:1: not a recording, the file is empty"));
     vxtest::writeFile(file, std::string(vxgateway::recordingHeader) + "\n0.000001 1 dance\n");
     EXPECT_THAT(replay({"true"}).text, HasSubstr(std::string(file) + ":2:12: unknown word 'dance'"));
+    vxtest::run({"mkfifo", "/tmp/fifo"});
     for (const std::vector<std::string> &arguments :
          std::vector<std::vector<std::string>>{{"replay"},
                                                {"replay", "/nowhere/file", "true"},
+                                               {"replay", "/tmp", "true"},
+                                               {"replay", "/tmp/fifo", "true"},
                                                {"replay", file},
                                                {"replay", "--tolerance", "x", file, "true"},
                                                {"record"},
