@@ -676,16 +676,18 @@ int openAt(int directory, const char *path, int flags, Call call) {
 template <typename Call>
 ssize_t readFile(int fd, void *buffer, size_t size, Call call) {
     const Descriptor *const one = active() ? at(fd) : nullptr;
-    if (one == nullptr || (one->kind != Kind::file && one->kind != Kind::fifo)) return call();
+    if (one == nullptr || one->text == nullptr || (one->kind != Kind::file && one->kind != Kind::fifo)) return call();
+    Path path;  // another thread may close the file before the call is over
+    copyPath(path, one->text);
     if (one->kind == Kind::fifo) {
         const ssize_t got = call();
-        if (got > 0 && !replays()) Note("fifo").bytes(one->text).bytes(buffer, static_cast<size_t>(got)).tell();
+        if (got > 0 && !replays()) Note("fifo").bytes(path).bytes(buffer, static_cast<size_t>(got)).tell();
         return got;
     }
     if (!replays()) {
         const ssize_t got = call();
         Note("read")
-            .bytes(one->text)
+            .bytes(path)
             .bytes(buffer, got < 0 ? 0 : static_cast<size_t>(got))
             .result(got < 0 ? errno : 0)
             .tell();
@@ -696,7 +698,7 @@ ssize_t readFile(int fd, void *buffer, size_t size, Call call) {
     {
         Note note("read");
         const char *bytes = nullptr;
-        answer = note.bytes(one->text).bytes("").result(0).ask(&bytes);
+        answer = note.bytes(path).bytes("").result(0).ask(&bytes);
         given = answer.length < size ? answer.length : size;
         if (answer.error == 0) std::memcpy(buffer, bytes, given);
     }
@@ -715,8 +717,10 @@ uint32_t number32(const char *data) {
 template <typename Call>
 ssize_t writeFile(int fd, const void *data, size_t size, Call call) {
     Descriptor *const one = active() ? at(fd) : nullptr;
-    if (one == nullptr || (one->kind != Kind::file && one->kind != Kind::fifo)) return call();
+    if (one == nullptr || one->text == nullptr || (one->kind != Kind::file && one->kind != Kind::fifo)) return call();
     one->noted = true;
+    Path path;  // another thread may close the file before the call is over
+    copyPath(path, one->text);
     const auto *const bytes = static_cast<const char *>(data);
     // What could be written where it was recorded can be written.
     const auto doIt = [&]() -> long {
@@ -724,7 +728,7 @@ ssize_t writeFile(int fd, const void *data, size_t size, Call call) {
         return done == -1 && replays() ? static_cast<long>(size) : done;
     };
     long result;
-    if (std::strcmp(one->text, eventFifo) == 0 && size == eventLength) {
+    if (std::strcmp(path, eventFifo) == 0 && size == eventLength) {
         const char *const text = bytes + 8;
         result = around(
             "event",
@@ -734,7 +738,7 @@ ssize_t writeFile(int fd, const void *data, size_t size, Call call) {
             doIt);
     } else {
         result = around(
-            "write", [&](Note &note) { note.bytes(one->text).bytes(data, size); }, doIt);
+            "write", [&](Note &note) { note.bytes(path).bytes(data, size); }, doIt);
     }
     return result;
 }
@@ -944,7 +948,7 @@ FILE *openStream(const char *path, const char *mode, Open open) {
 void noteStream(FILE *stream) {
     const int fd = ::fileno(stream);
     Descriptor *const one = at(fd, Kind::file);
-    if (one == nullptr || one->noted || std::fflush(stream) != 0) return;
+    if (one == nullptr || one->text == nullptr || one->noted || std::fflush(stream) != 0) return;
     char self[64];
     std::snprintf(self, sizeof self, "/proc/self/fd/%d", fd);
     const int again = realOpen(self, O_RDONLY | O_CLOEXEC);
@@ -1268,12 +1272,14 @@ WRAP ssize_t readv(int fd, const iovec *pieces, int count) {
     if (one == nullptr || count < 1 || (one->kind != Kind::file && one->kind != Kind::fifo))
         return real(fd, pieces, count);
     if (one->kind == Kind::file || count == 1) return read(fd, pieces[0].iov_base, pieces[0].iov_len);
+    Path path = "";
+    if (one->text != nullptr) copyPath(path, one->text);
     const ssize_t got = real(fd, pieces, count);
     if (got <= 0 || replays()) return got;
     auto left = static_cast<size_t>(got);
     for (int i = 0; i < count && left > 0; ++i) {
         const size_t piece = left < pieces[i].iov_len ? left : pieces[i].iov_len;
-        Note("fifo").bytes(one->text).bytes(pieces[i].iov_base, piece).tell();
+        Note("fifo").bytes(path).bytes(pieces[i].iov_base, piece).tell();
         left -= piece;
     }
     return got;

@@ -165,6 +165,13 @@ TEST(Recorder, ReadsNoMoreOfAnAddressThanTheProgramGave) {
     EXPECT_THAT(recorded(), ElementsAre("1 connect modem0.1 ENOENT", "1 exit 0"));
 }
 
+TEST(Recorder, LeavesAProgramAloneThatClosesWhatAnotherThreadReads) {
+    vxtest::makeDirs("/tmp/status");
+    const auto output = record(command("tests/rough", {"close"}));
+    EXPECT_EQ(output.text, "read x\ndone\n");
+    EXPECT_THAT(recorded(), testing::Contains(R"(1.1 fifo "/tmp/status/rough-fifo" "x")"));
+}
+
 TEST(Recorder, LeavesOutWordsForWhichALineHasNoRoom) {
     const auto output = record(command("tests/rough", {"words"}));
     EXPECT_EQ(output.text, "done\n");

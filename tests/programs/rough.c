@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: MIT */
 /* Does what is hard on a library that is loaded into it. Its argument says what: "cancel", "signal", "longer", "exact", "words",
- * "leave". */
+ * "leave", "close". */
 #define _GNU_SOURCE
 #include <fcntl.h>
 #include <pthread.h>
@@ -11,6 +11,7 @@
 #include <string.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/time.h>
 #include <sys/un.h>
 #include <sys/wait.h>
@@ -121,6 +122,30 @@ static void leave_processes(void) {
     usleep(100000);
 }
 
+static void *read_byte(void *fd) {
+    char byte = 0;
+    if (read(*(int *)fd, &byte, 1) != 1) exit(9);
+    printf("read %c\n", byte);
+    return NULL;
+}
+
+/* Closes a FIFO that another thread reads. */
+static void close_under_a_reader(void) {
+    const char *path = "/tmp/status/rough-fifo";
+    pthread_t thread;
+    int fd, read_fd, writer;
+    mkfifo(path, 0600);
+    fd = open(path, O_RDWR);
+    read_fd = fd;
+    pthread_create(&thread, NULL, read_byte, &read_fd);
+    usleep(200000);
+    writer = open(path, O_WRONLY);
+    close(fd);
+    if (write(writer, "x", 1) != 1) exit(9);
+    pthread_join(thread, NULL);
+    unlink(path);
+}
+
 int main(int argc, char **argv) {
     const char *what = argc > 1 ? argv[1] : "";
     if (strcmp(what, "cancel") == 0) cancel_threads();
@@ -129,6 +154,7 @@ int main(int argc, char **argv) {
     if (strcmp(what, "exact") == 0) connect_to_exact_address();
     if (strcmp(what, "words") == 0) run_many_words();
     if (strcmp(what, "leave") == 0) leave_processes();
+    if (strcmp(what, "close") == 0) close_under_a_reader();
     puts("done");
     return 0;
 }
