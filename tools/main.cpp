@@ -147,6 +147,8 @@ void occupyClosedStreams() {
 
 int main(int argc, char **argv) {
     tool::occupyClosedStreams();
+    // A caller that ignores it would take the status of every program away that is run here or by the library.
+    ::signal(SIGCHLD, SIG_DFL);
     // Asked for by the completions of the shells.
     if (argc > 1 && std::strcmp(argv[1], "__complete") == 0) return tool::complete({argv + 2, argv + argc});
     tool::failWhereFilesAreFull();

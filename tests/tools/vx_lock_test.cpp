@@ -228,6 +228,18 @@ TEST(VxRun, WhatOutlivesTheCommandIsKilledAsWell) {
     EXPECT_TRUE(vxtest::eventually([&] { return ::kill(std::stoi(result.out), 0) != 0; }));
 }
 
+TEST(VxRun, ACallerThatIgnoresTheEndsOfItsChildrenGetsTheStatus) {
+    for (const auto &words : {std::vector<std::string>{"run", "--", "sh", "-c", "exit 7"},
+                              {"run", "--timeout", "60", "--", "sh", "-c", "exit 7"},
+                              {"lock", "ignoring", "--", "sh", "-c", "exit 7"}}) {
+        EXPECT_EQ(vxtest::inChild([&] {
+                      ::signal(SIGCHLD, SIG_IGN);
+                      return vxtest::becomeVx(words);
+                  }),
+                  7);
+    }
+}
+
 TEST(VxRun, ATimeIsNotNegative) {
     for (const char *time : {"--timeout=-1", "--timeout=-0.5", "--timeout=-0"}) {
         EXPECT_EQ(vx({"run", time, "--", "true"}).status, 2) << time;

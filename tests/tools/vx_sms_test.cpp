@@ -52,6 +52,12 @@ TEST_F(VxSms, SendFailsWithItsReason) {
     EXPECT_EQ(vx({"sms", "send", "+1", "x"}).err, "vx: sms send: " + script + ": No such file or directory\n");
     installScript("exit 3");
     EXPECT_EQ(vx({"sms", "send", "+1", "x"}).err, "vx: sms send: +1: " + script + " did not accept the message\n");
+    // Where children are not waited for, their status is lost.
+    EXPECT_EQ(vxtest::inChild([] {
+                  ::signal(SIGCHLD, SIG_IGN);
+                  return vxtest::becomeVx({"sms", "send", "+1", "x"});
+              }),
+              1);
     EXPECT_EQ(vx({"sms", "send", "+1\nTo: +2", "x"}).status, 2);
     EXPECT_EQ(vx({"sms", "send", "", "x"}).status, 2);
     EXPECT_EQ(vx({"sms", "send", "+1"}).status, 2);

@@ -39,7 +39,6 @@ public:
         }
         for (int signal = SIGRTMIN; signal <= SIGRTMAX; ++signal) sigaddset(&set_, signal);
         ::sigprocmask(SIG_BLOCK, &set_, &before_);
-        ::signal(SIGCHLD, SIG_DFL);  // a caller that ignores it would take the status away
     }
     ~Signals() { ::sigprocmask(SIG_SETMASK, &before_, nullptr); }
     Signals(const Signals &) = delete;
