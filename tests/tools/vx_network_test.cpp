@@ -134,6 +134,7 @@ private:
 
 // A look-up of a name takes as long as the resolver waits for its server.
 TEST(VxPing, EndsInTimeWhileANameIsLookedUp) {
+    if (vxtest::emulated()) GTEST_SKIP() << "the emulator looks for the resolver's settings in its sysroot";
     theWan();
     const SilentNameServer server;
     const auto result = vx({"ping", "-c", "1", "--for", "0.3", "some.host.example"}, {.alarm_s = 25});

@@ -67,11 +67,11 @@ struct Child {
 
     void send(int signal) const { ::kill(ownGroup ? -pid : pid, signal); }
 
+    // The terminal sends its signals to a program in the same group itself, but SIGHUP to the leader of the session alone.
     void passOn(int signal, const siginfo_t &info) const {
-        // The terminal sends its signals to a program in the same group itself.
-        const bool ofTerminal = signal == SIGINT || signal == SIGQUIT || signal == SIGHUP;
-        if (signal <= 0 || signal == SIGCHLD || (!ownGroup && ofTerminal && info.si_code == SI_KERNEL)) return;
-        send(signal);
+        if (signal <= 0 || signal == SIGCHLD) return;
+        const bool toAll = signal == SIGINT || signal == SIGQUIT || (signal == SIGHUP && ::getsid(0) != ::getpid());
+        if (ownGroup || !toAll || info.si_code != SI_KERNEL) send(signal);
     }
 };
 
