@@ -31,7 +31,10 @@ void writeAndRead(Run &run) {
     const int read = run([&] { return qxlog_read(text, sizeof text); });
     run.outcome("qxlog_read", read == 0 && content == text, read == -1 || content.rfind(text, 0) == 0);
     const int cleared = run([] { return qxlog_clear(); });
-    run.outcome("qxlog_clear", cleared == 0 && vxtest::readFile("/var/log/qxlog").empty(), true);
+    // Only the semaphore counts: Quirk Q93.
+    const bool semaphore = run.failed("ftok") || run.failed("semget") || run.failed("semctl") || run.failed("semop") ||
+                           run.failed("semtimedop");
+    run.outcome("qxlog_clear", cleared == 0 && vxtest::readFile("/var/log/qxlog").empty(), cleared == 0 || semaphore);
     ::unlink("/var/log/qxlog");
     ::unlink("/var/log/qxlog.tmp");
     removeSemaphore();
