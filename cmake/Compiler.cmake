@@ -54,7 +54,12 @@ if(NOT VXUTILS_SANITIZE)
   # 32-bit Arm has no control-flow protection, and compilers know only a costly stack-clash protection for it: 7 % of text.
   if(CMAKE_SYSTEM_PROCESSOR STREQUAL "x86_64")
     target_compile_options(vxutils_hardened INTERFACE -fstack-clash-protection -fcf-protection=full)
-    # The C library's start files carry no mark, so the linker would drop it. They leave return addresses alone.
-    target_link_options(vxutils_hardened INTERFACE LINKER:-z,shstk)
+    # The C library's start files carry no mark, so the linker would drop it. They leave return addresses alone. GNU gold
+    # cannot set the mark.
+    include(CheckLinkerFlag)
+    check_linker_flag(CXX LINKER:-z,shstk VXUTILS_LINKER_MARKS_SHADOW_STACKS)
+    if(VXUTILS_LINKER_MARKS_SHADOW_STACKS)
+      target_link_options(vxutils_hardened INTERFACE LINKER:-z,shstk)
+    endif()
   endif()
 endif()
