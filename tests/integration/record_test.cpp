@@ -7,6 +7,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
+#include <regex>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -47,7 +48,11 @@ vxtest::Output record(const std::vector<std::string> &program, std::vector<std::
     if (vxtest::emulated()) options.insert(options.end(), {"--tap", vxtest::built("gateway/libvxtap.so")});
     options.emplace_back("--");
     options.insert(options.end(), program.begin(), program.end());
-    return vxtest::run(options);
+    auto output = vxtest::run(options);
+    // The tap was built for the emulated machine, so the loader of the emulator itself refuses it.
+    static const std::regex notice("^ERROR: ld\\.so: .*libvxtap.*\n");
+    if (vxtest::emulated()) output.text = std::regex_replace(output.text, notice, "");
+    return output;
 }
 
 // Lines of the recording without their times, from what the program did on.
@@ -160,6 +165,7 @@ TEST(Recorder, ReadsNoMoreOfAnAnswerThanTheProgramGot) {
 }
 
 TEST(Recorder, ReadsNoMoreOfAnAddressThanTheProgramGave) {
+    if (vxtest::emulated()) GTEST_SKIP() << "the emulator itself reads one byte more";
     const auto output = record(command("tests/rough", {"exact"}));
     EXPECT_EQ(output.text, "done\n");
     EXPECT_THAT(recorded(), ElementsAre("1 connect modem0.1 ENOENT", "1 exit 0"));
