@@ -421,7 +421,7 @@ TEST(Gw, RefusesARequestThatIsTooLong) {
 
 // The directory below the disk is in the machine's memory. A limit for the size of files stands in for the end of that.
 TEST(Gw, FillsNoDiskThatTheProgramHasUnmounted) {
-    const auto output = vxtest::run({"prlimit", "--fsize=16777216", vxtest::built("gateway/vxgateway"), "run", "--net",
+    const auto output = vxtest::run({"prlimit", "--fsize=67108864", vxtest::built("gateway/vxgateway"), "run", "--net",
                                      "none", "--", "sh", "-c", "umount /data; gw disk fill data; exit 7"});
     EXPECT_EQ(output.status, 7);
     EXPECT_EQ(output.text, "gw: the disk is not mounted\n");

@@ -34,9 +34,13 @@ extern "C" void *calloc(size_t count, size_t size) noexcept {
 
 // A whole set of these, as the sanitizers want memory back the way it was given out; not inlined, as the compiler then
 // takes malloc() and delete for a mismatch.
-[[gnu::noinline]] void *operator new(size_t size) {
+[[gnu::noinline]] void *operator new(size_t size, const std::nothrow_t &) noexcept {
     const bool refused = vxtest::objectsRunOut && vxtest::objectsLeft-- <= 0;
-    void *const memory = refused ? nullptr : std::malloc(size);
+    return refused ? nullptr : std::malloc(size);
+}
+
+[[gnu::noinline]] void *operator new(size_t size) {
+    void *const memory = ::operator new(size, std::nothrow);
     if (memory == nullptr) throw std::bad_alloc();
     return memory;
 }
