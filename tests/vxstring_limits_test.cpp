@@ -528,6 +528,14 @@ TEST(StringChange, WhereTheTwoFormattersDifferTheMeasuredLengthHolds) {
     EXPECT_EQ(text(s), std::string("010\0", 4));
     s.format("%.0c|", 'x');  // measured without the character
     EXPECT_EQ(text(s), "x");
+    s.format("a%cb", '\0');  // measured without the NUL, which the system writes
+    EXPECT_EQ(text(s), std::string("a\0", 2));
+    s.format("a%2cb", '\0');  // a width makes both write as many bytes
+    EXPECT_EQ(text(s), std::string("a \0b", 4));
+    s.format("%'d", 1234567);  // measured as the two characters after the percent sign
+    EXPECT_EQ(text(s), "12");
+    s.format("%+p", reinterpret_cast<void *>(0x12));  // measured without a sign
+    EXPECT_EQ(text(s), "+0x1");
     String t("x");
     t.concatf("%.0d|", 0);
     EXPECT_EQ(text(t), std::string("x|\0", 3));

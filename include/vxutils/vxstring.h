@@ -14,10 +14,11 @@
  * name.format("%lu", (unsigned long)sizeof path);      // not %zu: format() lists the conversions that it understands
  * @endcode
  *
- * **Texts.** A text is any sequence of bytes, always followed by a NUL. It may hold NULs, but comparisons by `strcmp`,
- * indexOf(), toInteger() and substring() with an end see it only up to the first one. The other searches see all of it.
- * Case is folded for `A`..`Z` only, whatever the locale. A position out of range is never an error: each operation says
- * what it does then.
+ * **Texts.** A text is any sequence of bytes, always followed by a NUL. It may hold NULs, but comparisons by `strcmp`
+ * and `stricmp`, toInteger() and substring() with an end see it only up to the first one. indexOf() sees its text from
+ * the starting position to the next NUL, and a text to look for up to its first NUL. The other searches see all of
+ * both, except that those that ignore the case compare by `strnicmp`. Case is folded for `A`..`Z` only, whatever the
+ * locale. A position out of range is never an error: each operation says what it does then.
  *
  * **Ownership.** Copies share one block (String::StringBuffer). An operation that changes a String with a shared block
  * gives it a block of its own first. c_str() is valid until the next change or the end of the String. An argument may
@@ -417,13 +418,14 @@ public:
      * Replace the text by a formatted one. The compiler checks the arguments as it does for printf, and the same rule
      * holds here: a String is passed as `text.c_str()`.
      *
-     * Use only the conversions `d i u x X o c s p %`, with flags, width and precision, and the lengths `h` and `l` of
-     * numbers. Pass a `size_t` as `%lu` with a cast to `unsigned long`, and a `long long` or a `double` as a text. The
-     * reason (Quirk Q4): the length comes from strlenf() (xprintf.h) and the bytes from the system's `vsnprintf`. A
-     * conversion that only the latter knows (`%zu`, `%lld`, `%hhu`, `%f`, `%e`, `%g`) is measured without its argument,
-     * `%ls` and `%lc` as bytes, and the text is cut or filled with NULs to that length. So it is with NULL for `%p` and
-     * for a `%s` with a precision, with the number 0 and a precision of 0, with `%#o` and a precision, and with a `%c`
-     * whose precision is 0. An empty result gives the shared empty buffer.
+     * Use only the conversions `d i u x X o c s p %`, with the flags `-`, `+`, `#`, `0` and blank, width and precision,
+     * and the lengths `h` and `l` of numbers. Pass a `size_t` as `%lu` with a cast to `unsigned long`, and a `double`
+     * or a `long long` as a text. The reason (Quirk Q4): the length comes from strlenf() (xprintf.h) and the bytes from
+     * the system's `vsnprintf`. A conversion that only the latter knows (`%zu`, `%lld`, `%hhu`, `%f`, `%e`, `%g`,
+     * `%'d`) is measured without its argument, `%ls` and `%lc` as bytes, and the text is cut or filled with NULs to
+     * that length. So it is with NULL for `%p` and for a `%s` with a precision, with `+` or a blank for `%p`, with the
+     * number 0 and a precision of 0, with `%#o` and a precision, with a `%c` whose precision is 0, and with a NUL for a
+     * `%c` without a width. An empty result gives the shared empty buffer.
      * @param fmt format; NULL counts as empty
      * @return this String
      */
