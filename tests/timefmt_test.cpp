@@ -111,6 +111,8 @@ TEST(TimeFormat, PrintsYearsOfAnyLength) {
     EXPECT_STREQ(timeformat(&far), "10000-01-01 00:00:00");
     const time_t lastYear = 67768036191676799;  // the last second whose year count from 1900 is an int
     EXPECT_STREQ(timeformat(&lastYear), "2147485547-12-31 23:59:59");
+    const time_t firstYear = -67768040609740800;
+    EXPECT_STREQ(timeformat(&firstYear), "-2147481748-01-01 00:00:00");
     const time_t ancient = -62167219200;
     EXPECT_STREQ(timeformat(&ancient), "0000-01-01 00:00:00");
     const time_t older = ancient - 1;
@@ -119,7 +121,8 @@ TEST(TimeFormat, PrintsYearsOfAnyLength) {
 
 TEST(TimeFormat, ATimeWithoutCalendarYearIsTheEpoch) {
     const Zone utc("UTC");
-    for (const time_t beyond : {time_t{67768036191676800}, time_t{INT64_MAX}, time_t{INT64_MIN}}) {
+    for (const time_t beyond :
+         {time_t{67768036191676800}, time_t{-67768040609740801}, time_t{INT64_MAX}, time_t{INT64_MIN}}) {
         EXPECT_STREQ(timeformat(&beyond), "1970-01-01 00:00:00");
     }
 }
@@ -155,11 +158,20 @@ TEST(TimeParse, IsZeroForWhatIsNoTimeStamp) {
         EXPECT_EQ(timeparse(text), 0) << text;
     }
     EXPECT_EQ(timeparse(nullptr), 0);
+    EXPECT_EQ(timeparse("70-01-01 00:00:00"), 0) << "the time stamp of that result";
+    EXPECT_EQ(timeparse("69-12-31 23:59:59"), -1);
 }
 
 TEST(TimeParse, IgnoresWhatFollowsTheSeconds) {
     const Zone utc("UTC");
     EXPECT_EQ(timeparse("2024-02-29 12:00:00.75 UTC"), leapNoon);
+}
+
+TEST(TimeParse, ReadsNumbersWithBlanksInsteadOfZeros) {
+    const Zone utc("UTC");
+    EXPECT_EQ(timeparse("24-2-9 1:2:3"), timeparse("2024-02-09 01:02:03"));
+    EXPECT_EQ(timeparse(" 24- 2- 9  1: 2: 3"), timeparse("2024-02-09 01:02:03"));
+    EXPECT_EQ(timeparse("24 -02-09 01:02:03"), 0) << "not after a number";
 }
 
 TEST(TimeParse, CarriesADayThatItsMonthDoesNotHave) {
@@ -174,6 +186,8 @@ TEST(TimeParse, ShiftsByTheZoneOffsetTwice) {
     }
     const Zone zone("WEST5");
     EXPECT_EQ(timeparse("2024-02-29 12:00:00"), leapNoon + 2 * 18000);
+    EXPECT_EQ(timeparse("70-01-01 00:00:00"), 2 * 18000);
+    EXPECT_EQ(timeparse("69-12-31 14:00:00"), 0) << "ten hours before, whatever the text says";
 }
 
 // Another thread may be reading the record that gmtime() and localtime() return.
@@ -244,6 +258,9 @@ TEST(UsElapsed, CutsNanosecondsTowardZero) {
     EXPECT_EQ(uselapsed(at(0, 1999), at(0, 0)), -1);
     // one second less 1999 ns: the nanoseconds are cut on their own, before they meet the second
     EXPECT_EQ(uselapsed(at(0, 1999), at(1, 0)), 999999);
+    EXPECT_EQ(uselapsed(at(0, 1), at(1, 0)), 1000000);
+    EXPECT_EQ(uselapsed(at(1, 0), at(0, 999999000)), -1);
+    EXPECT_EQ(uselapsed(at(1, 0), at(0, 999999999)), -1) << "earlier by a nanosecond";
 }
 
 TEST(UsElapsed, IsA64BitCount) {

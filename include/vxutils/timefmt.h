@@ -50,19 +50,22 @@ VXUTILS_API long jiffy(void);
 /**
  * Write a time stamp in local time, as in "2024-02-29 23:59:59".
  * @param t seconds since 1970 (UTC); NULL means now.
- * @return static text, valid until the next call; "1970-01-01 00:00:00" for a time whose year does not fit into an int.
+ * @return static text, valid until the next call; "1970-01-01 00:00:00" for a time that localtime() refuses, because
+ *         its year less 1900 does not fit into an int.
  */
 VXUTILS_API const char *timeformat(const time_t *t);
 
 /**
- * Read a time stamp with a two-digit year ("24-02-29 23:59:59": 69 to 99 mean 1969 to 1999, 00 to 68 mean 2000 to
- * 2068) or, failing that, a four-digit one. What follows the seconds is ignored. Daylight saving time is taken to be
- * off.
+ * Read a time stamp with a two-digit year ("24-02-29 23:59:59": 69 to 99 mean 1969 to 1999, 00 to 68 mean 2000 to 2068)
+ * or, failing that, a four-digit one. Leading zeros may be missing, and blanks may come before each number. A day that
+ * its month does not have is carried into the next month. What follows the seconds is ignored. Daylight saving time is
+ * taken to be off.
  *
  * The text is read as local time, and the universal time of that is read as local time once more. In the zone UTC the
  * result is the time itself; elsewhere it is shifted by the zone's offset a second time (Quirk Q54).
  * @param text time stamp; NULL or empty is not a time stamp.
- * @return seconds since 1970; 0 when the text is not a time stamp, and for 1970-01-01 00:00:00 itself.
+ * @return seconds since 1970, negative before that; 0 when the text is not a time stamp, and for a time stamp whose
+ *         result that is ("1970-01-01 00:00:00" in the zone UTC).
  */
 VXUTILS_API time_t timeparse(const char *text);
 
@@ -76,10 +79,12 @@ VXUTILS_API time_t timeparse(const char *text);
 VXUTILS_API struct timespec diffts(struct timespec start, struct timespec end);
 
 /**
- * Compute the microseconds from @p start to @p end.
+ * Compute the microseconds from @p start to @p end. The difference of the nanoseconds is cut toward zero to
+ * microseconds before it is added to that of the seconds. So the result may be one more than the whole microseconds
+ * that have passed: 1000000 from 0 s and 1 ns to 1 s.
  * @param start  earlier time
  * @param end    later time
- * @return the difference, negative when @p end is the earlier one; nanoseconds are cut toward zero.
+ * @return the difference, negative when @p end is the earlier one by a microsecond or more.
  */
 VXUTILS_API int64_t uselapsed(struct timespec start, struct timespec end);
 
