@@ -142,6 +142,10 @@ TEST_F(Systeminfo, NumbersAreWhatAtoiMakesOfThem) {
     EXPECT_EQ(systeminfo_getint(table.get(), "A"), -12);
     EXPECT_EQ(systeminfo_getint(table.get(), "B"), 3);
     EXPECT_EQ(systeminfo_getint(table.get(), "C"), 0);
+    const Table nothing = read("A=\nB=\"\"\nC=");
+    EXPECT_EQ(systeminfo_getint(nothing.get(), "A"), 0) << "a line feed alone";
+    EXPECT_EQ(systeminfo_getint(nothing.get(), "B"), -1);
+    EXPECT_EQ(systeminfo_getint(nothing.get(), "C"), -1);
 }
 
 TEST_F(Systeminfo, AMissingFileGivesNoTable) {

@@ -11,10 +11,11 @@
  * @endcode
  *
  * **Syntax.** A line "NAME=VALUE" is a variable. Blanks before the name are skipped; blanks between the name and the
- * "=" belong to the name. Lines without "=", lines with nothing after it, and comments ("#" as the first character that
- * is not a blank) are skipped. A value in double quotes is what is between them; without a closing quote it ends before
- * the line feed. Any other value keeps its leading blanks and its line feed (Quirk Q38), so write texts in quotes. The
- * file is read up to the first line that begins with a NUL.
+ * "=" belong to the name. Lines without "=" and comments ("#" as the first character that is not a blank) are skipped.
+ * A value in double quotes is what is between them; without a closing quote it ends before the line feed. Any other
+ * value keeps its leading blanks and its line feed (Quirk Q38), so write texts in quotes: the line "NAME=" is a
+ * variable whose value is a line feed. It is skipped only where the file ends after the "=". The file is read up to the
+ * first line that begins with a NUL.
  *
  * **Ownership.** systeminfo_init() makes a table, systeminfo_free() frees it with its texts.
  *
@@ -73,8 +74,8 @@ VXUTILS_API const char *systeminfo_getvar(const systeminfo_table *table, const c
  * Tell the value of a variable as a number.
  * @param table  from systeminfo_init(), or NULL
  * @param name   name of the variable; NULL finds nothing
- * @return the value as atoi() reads it (0 for a text that is not a number), or the nearest int when it is out of range;
- *         -1 when there is no value or it is empty, also for NULL
+ * @return the value as atoi() reads it (0 for a text that is not a number, a line feed alone included), or the nearest
+ *         int when it is out of range; -1 when there is no value or it is empty (NAME=""), also for NULL
  */
 VXUTILS_API int systeminfo_getint(const systeminfo_table *table, const char *name);
 
