@@ -189,6 +189,16 @@ TEST_F(Status, AddressAndMaskAreSetAndReadBackInHostOrder) {
     EXPECT_EQ(status.getIpV4Mask("lo"), 0xFF000000U);
 }
 
+TEST_F(Status, AnAddressOfAPointToPointInterfaceGetsTheNetmaskOfAHost) {
+    if (::access("/dev/net/tun", R_OK | W_OK) != 0) GTEST_SKIP() << "this machine has no /dev/net/tun";
+    ip("tuntap add mode tun name tun0");
+    EXPECT_EQ(status.setIpV4Address("tun0", 0x0A010203), 1);
+    EXPECT_EQ(status.getIpV4Mask("tun0"), 0xFFFFFFFFU);
+    EXPECT_EQ(status.setIpV4Mask("tun0", 0xFFFFFF00), 1);
+    EXPECT_EQ(status.getIpV4Mask("tun0"), 0xFFFFFF00U);
+    ip("link delete tun0");
+}
+
 TEST_F(Status, AddressesOfMissingInterfacesAreZeroAndNotSet) {
     for (const char *name : {missing, "", static_cast<const char *>(nullptr)}) {
         EXPECT_EQ(status.getIpV4Address(name), 0U);

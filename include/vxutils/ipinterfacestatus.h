@@ -11,8 +11,8 @@
  * printf("%08x\n", status.getIpV4Mask("lo"));
  * @endcode
  *
- * **Ownership.** The object holds nothing; every member is one request to the kernel on a socket of its own, closed
- * before it returns.
+ * **Ownership.** The object holds nothing; every call opens the socket or file that it needs and closes it before it
+ * returns.
  *
  * **Threads, signals, fork.** One object may be shared by threads. Not for signal handlers. A forked child may use it.
  *
@@ -22,7 +22,8 @@
  * haveNetworkConnectivity() refuses (LOG_ERR).
  *
  * **Limits.** Addresses and netmasks are 32-bit words in host order. Interface names are used up to their 15th
- * character; a NULL name counts as a missing interface. The address is the first IPv4 address of the interface.
+ * character, but the text that isInterfaceAvailable() looks for is used in full; a NULL name counts as a missing
+ * interface. The address is the first IPv4 address of the interface.
  *
  * **Privileges.** Setting needs CAP_NET_ADMIN in the network namespace; every user may read.
  *
@@ -85,7 +86,8 @@ public:
     unsigned int getIpV4Address(const char *name) const;
 
     /**
-     * Set the IPv4 address. The kernel sets the netmask of the address's class; call setIpV4Mask() afterwards.
+     * Set the IPv4 address. The kernel sets the netmask of the address's class, on a point-to-point interface
+     * 255.255.255.255; call setIpV4Mask() afterwards.
      * @param name     interface's name
      * @param address  address, in host order; 0 removes the address
      * @return 1 on success, 0 on failure.
