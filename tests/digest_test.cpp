@@ -3,6 +3,8 @@
 // digest_limits_test.cpp.
 #include <vxutils/digest.h>
 
+#include <climits>
+#include <cstdint>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -207,6 +209,8 @@ TEST(Hmac, KeepsTheLengthAskedForAndWritesAtMostTheCompleteDigest) {
     }
     hmac.initialize(bytesOf("key"), 3, 0);
     EXPECT_EQ(hmac.getReturnedHashLength(), 20U);
+    hmac.initialize(bytesOf("key"), 3, ULONG_MAX);
+    EXPECT_EQ(hmac.getReturnedHashLength(), UINT32_MAX);
 }
 
 TEST(Hmac, ResetBeginsTheNextMessageWithTheSameKey) {

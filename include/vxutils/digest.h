@@ -44,7 +44,10 @@
 #include <stdint.h>
 #include <vxutils/api.h>
 
-/** A digest that takes its message in pieces. */
+/**
+ * A digest that takes its message in pieces. The contexts of this library pass the padding and the bit count that end a
+ * message through hash(): a derived class that overrides it sees them, too.
+ */
 class VXUTILS_API HashContext {
 public:
     virtual ~HashContext();
@@ -212,7 +215,7 @@ public:
     /** @return the inner context's complete length. */
     unsigned long getCompleteHashLength() const override;
 
-    /** @return the returned length asked for, even if it is more than the complete one (Quirk Q94). */
+    /** @return the returned length asked for, even if it is more than the complete one (Quirk Q94), up to 2^32 - 1. */
     unsigned long getReturnedHashLength() const override;
 
 private:
