@@ -42,8 +42,10 @@ VXUTILS_BEGIN_DECLS
 /**
  * Tell the name that users see for a kernel interface.
  *
- * The kernel's name is a prefix, a number n and, after a '-', a sub-number s. Numbers are decimal and of at most six
- * digits, the prefix of at most 14 characters; characters beyond that, and any after the number, are ignored.
+ * The kernel's name is a prefix, a number n and, after a '-', a sub-number s. All digits before the first '-' make n,
+ * all later ones s, whatever is between them: eth0.5 is shown as ETH6. All other characters before the first digit of
+ * n, without any '-', make the prefix: br-lan is shown as BRLAN. Numbers are decimal and of at most six digits, the
+ * prefix of at most 14 characters; all further characters are ignored.
  *
  * | kernel's name                    | shown                                              | example        |
  * |----------------------------------|----------------------------------------------------|----------------|
@@ -82,7 +84,7 @@ VXUTILS_API int wanlink_count(void);
  * List the members of a bridge, each followed by one blank, as "/usr/sbin/brctl show" names them. Members of bridges
  * that the tool lists after the wanted one are appended as well, except the first of each.
  *
- * @param bridge bridge's interface name.
+ * @param bridge bridge's interface name; it must not be in @p buffer.
  * @param buffer receives the list; emptied first. At most @p size - 2 characters and the terminator are written.
  * @param size   bytes of @p buffer.
  * @return number of characters of the whole list, also of what did not fit; 0 when the bridge is unknown, has no
