@@ -20,8 +20,9 @@
  * - a comment, beginning with "#" in the first column.
  * - an entry. Blanks before the first "=" vanish wherever they are (tabs do not), and what is left is the key. Blanks
  *   right after that "=" are skipped, and all that follows is the value, further "=" and blanks included. A line
- *   without key or without value adds nothing. The line ends at a line feed or a carriage return, which the file's last
- *   entry needs too. A later entry replaces an earlier one of the same key.
+ *   without key or without value adds nothing. The entry ends at a line feed or a carriage return, which the file's
+ *   last entry needs too; what follows a carriage return up to the line feed is ignored. A later entry replaces an
+ *   earlier one of the same key.
  *
  * **Ownership.** cfread_open() makes a table, cfread_close() frees it with all its entries. Entries belong to the
  * table; a pointer to one is valid until its key is set again or the table is closed. The file's name is the caller's

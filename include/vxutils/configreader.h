@@ -20,9 +20,9 @@
  * **Ownership.** The reader owns its values; references are valid until cleanup(), initialize() or the end of the
  * reader. Copies outlive it.
  *
- * **Threads, signals, fork.** Several threads may call the const functions at once after initialize() has returned,
- * unlike those of the tables of hashtable.h. Each thread gets a String of its own, which it may copy: as with any
- * String, copies belong to that thread. Not for signal handlers. A forked child has a copy of its own.
+ * **Threads, signals, fork.** Several threads may call the const functions at once after initialize() has returned, as
+ * long as none calls another function. Each thread gets a String of its own, which it may copy: as with any String,
+ * copies belong to that thread. Not for signal handlers. A forked child has a copy of its own.
  *
  * **Blocking.** initialize() takes as long as the file system does. The other functions do not block.
  *

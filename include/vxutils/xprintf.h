@@ -44,8 +44,9 @@
  * **Threads, signals, fork.** All functions are reentrant and async-signal-safe, and leave the locale and `errno`
  * alone.
  *
- * **Blocking.** No call blocks. Padding and texts outside the slice are passed over in one step, so the time depends on
- * what is stored and on the format.
+ * **Blocking.** No call blocks. Padding outside the slice is passed over in one step, so the time depends on what is
+ * stored, on the format and on the lengths of the texts. No text is read further than the slice and its own width
+ * reach.
  *
  * **Errors.** No call fails: every format gives a text. With a NULL buffer, a size of 0 or a negative skip the result
  * is 0 and nothing is stored.
