@@ -117,6 +117,9 @@ TEST_F(WanLink, AnUnreadableHotLinkIsNone) {
     EXPECT_EQ(vxtest::inChild([] { return ::setuid(65534) == 0 ? wanlink_is_up() : 2; }), 0);
     ::chmod("/tmp/status/link-manager/hotlink", 0444);
     EXPECT_EQ(vxtest::inChild([] { return ::setuid(65534) == 0 ? wanlink_is_up() : 2; }), 1);
+    ::chmod("/tmp/status/link-manager/hotlink", 0400);
+    EXPECT_EQ(vxtest::inChild([] { return ::setresuid(65534, 0, 0) == 0 ? wanlink_is_up() : 2; }), 0)
+        << "the real user may not read";
 }
 
 TEST_F(WanLink, StatesAreReadUpToCharacter1023) {

@@ -26,7 +26,8 @@
  * **Limits.** A display name has at most 15 characters. Numbers in names have at most six digits, the prefix at most 14
  * characters. Of a status file the first 1023 characters are read.
  *
- * **Privileges.** Read access to "/tmp/status"; bridge_members() needs /bin/sh and an executable "/usr/sbin/brctl".
+ * **Privileges.** Read access to "/tmp/status", which the real user must have in a set-user-id program;
+ * bridge_members() needs /bin/sh and an executable "/usr/sbin/brctl".
  *
  * **Compatibility.** Behaviour kept on purpose (docs/compatibility.md): Q79 PPPOE is told by the length of the name;
  * Q80 members of later bridges are appended.
