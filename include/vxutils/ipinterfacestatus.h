@@ -73,7 +73,7 @@ public:
     /**
      * Set the transmit queue's length in packets.
      * @param name     interface's name
-     * @param packets  number of packets, 0 or more
+     * @param packets  number of packets, 0 to 2147483647; the kernel refuses more
      * @return 1 on success, 0 on failure.
      */
     int setTxQueueLen(const char *name, unsigned int packets);
