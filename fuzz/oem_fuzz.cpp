@@ -20,10 +20,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     std::array<char, vx::oemLineSize> value;
     value.fill('#');
     value[0] = '\0';
-    vx::findOemValue(file, key.c_str(), value.data());
+    const bool found = vx::findOemValue(file, key.c_str(), value.data());
     std::fclose(file);
     const size_t length = ::strnlen(value.data(), value.size());
     if (length == value.size() || value[0] == ' ') std::abort();
+    if (!found && length > 0) std::abort();
     if (length > 0 && content.find(std::string(key.c_str()) + "=") == std::string::npos) std::abort();
     return 0;
 }

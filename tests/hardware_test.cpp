@@ -117,6 +117,12 @@ TEST_F(Hardware, OemFindsTheFirstLineOfAKey) {
     EXPECT_STREQ(oem("Last"), "");
 }
 
+TEST_F(Hardware, OemTakesItsLastResultAsAKey) {
+    vxtest::writeFile(oemPath, "Default=ProductType\n=nameless\nProductType=Gateway\n");
+    EXPECT_STREQ(oem(oem("Default")), "Gateway");
+    EXPECT_STREQ(oem(oem("ProductType")), "") << "no line begins with \"Gateway=\"";
+}
+
 TEST_F(Hardware, OemStripsOneNewlineAndNothingElse) {
     vxtest::writeFile(oemPath, "a=1\r\n\nb=2\n\n");
     EXPECT_STREQ(oem("a"), "1\r");

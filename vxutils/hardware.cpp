@@ -46,7 +46,7 @@ bool readable(const char *path) { return ::access(path, R_OK) == 0; }
 
 namespace vx {
 
-void findOemValue(FILE *file, std::string_view key, char *value) {
+bool findOemValue(FILE *file, std::string_view key, char *value) {
     std::array<char, oemLineSize + 1> line;
     while (std::fgets(line.data(), line.size(), file) != nullptr) {
         std::string_view text = line.data();
@@ -56,8 +56,9 @@ void findOemValue(FILE *file, std::string_view key, char *value) {
         text.remove_prefix(std::min(text.find_first_not_of(' '), text.size()));
         std::memcpy(value, text.data(), text.size());
         value[text.size()] = '\0';
-        return;
+        return true;
     }
+    return false;
 }
 
 }  // namespace vx
@@ -73,10 +74,9 @@ int qxhw(void) {
 }
 
 const char *oem(const char *key) {
-    oemValue[0] = '\0';
-    if (key == nullptr) return oemValue;
-    const vx::FilePtr file(std::fopen(oemFile, "re"));
-    if (file) vx::findOemValue(file.get(), key, oemValue);
+    const vx::FilePtr file(key != nullptr ? std::fopen(oemFile, "re") : nullptr);
+    // The buffer is emptied last: the key may be what the last call returned.
+    if (!file || !vx::findOemValue(file.get(), key, oemValue)) oemValue[0] = '\0';
     return oemValue;
 }
 

@@ -9,7 +9,8 @@ namespace vx {
 
 inline constexpr size_t oemLineSize = 1024;  // characters of a line, and of a value with its NUL
 
-// Puts the value of the first line "KEY=VALUE" into `value` (oemLineSize bytes), which is unchanged without one.
-void findOemValue(FILE *file, std::string_view key, char *value);
+// Puts the value of the first line "KEY=VALUE" into `value` (oemLineSize bytes), which may hold the key. Returns false,
+// and leaves `value` unchanged, when there is no such line.
+bool findOemValue(FILE *file, std::string_view key, char *value);
 
 }  // namespace vx

@@ -48,7 +48,7 @@ VXUTILS_API int qxhw(void);
  * Look up a value in "/etc/oem/oem.conf". The first line that begins with the key and a '=' counts; blanks after the
  * '=' are skipped. What follows the 1024th character of a line counts as another line.
  *
- * @param key  the key; NULL finds nothing
+ * @param key  the key; NULL finds nothing. May be the text that the last call returned.
  * @return the value, or an empty text; at most 1023 characters in a static buffer, valid until the next call (also of
  *         get_product())
  */
