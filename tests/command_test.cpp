@@ -12,6 +12,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <cstring>
 #include <filesystem>
@@ -241,6 +242,32 @@ TEST_F(EvalCommand, TakesLongLinesInPieces) {
     const std::string line = "head -c 3000 /dev/zero | tr '\\0' x; echo";
     EXPECT_EQ(eval(line, 4000), (Evaluated{3001, std::string(3000, 'x') + "\n"}));
     EXPECT_EQ(eval(line, 1500), (Evaluated{2044, std::string(1498, 'x')}));
+}
+
+TEST_F(EvalCommand, KeepsDirectoryMaskAndDescriptorsOfTheCaller) {
+    const mode_t before = ::umask(077);
+    EXPECT_EQ(eval("pwd; umask", 100).text, dir + "\n0077\n");
+    ::umask(before);
+    const int inherited = ::open("/dev/null", O_RDONLY);  // NOLINT(android-cloexec-open): as the test is about
+    const int closing = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+    const std::string isOpen = "[ -e /proc/self/fd/" + std::to_string(inherited) + " ]";
+    const std::string isClosed = "[ ! -e /proc/self/fd/" + std::to_string(closing) + " ]";
+    EXPECT_EQ(eval(isOpen + " && " + isClosed, 100).result, 0);
+    ::close(inherited);
+    ::close(closing);
+}
+
+TEST_F(EvalCommand, WaitsForEveryProcessThatHasTheOutput) {
+    EXPECT_EQ(eval("(sleep 0.3; echo late) & echo early", 100), (Evaluated{11, "early\nlate\n"}));
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(eval("sleep 30 >/dev/null & echo early", 100), (Evaluated{6, "early\n"}));
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(20));
+}
+
+TEST_F(EvalCommand, FailsWhereItsExitCodeIsLost) {
+    std::signal(SIGCHLD, SIG_IGN);
+    EXPECT_EQ(eval("echo text", 100), (Evaluated{-1, "text\n"}));
+    std::signal(SIGCHLD, SIG_DFL);
 }
 
 TEST_F(EvalCommand, RefusesMissingArguments) {

@@ -11,20 +11,24 @@
  * @endcode
  *
  * **The child.** In the new process, descriptors from 3 on are closed, the working directory is "/" and the file mode
- * mask 022. It inherits the caller's environment, signal mask and ignored signals.
+ * mask 022. The shell of eval_command() keeps the caller's directory and mask, and all descriptors that are not
+ * close-on-exec. Either inherits the caller's environment, signal mask and ignored signals.
  *
  * **Ownership.** makeargv() allocates an array that freeargv() frees. eval_command() writes into the caller's buffer.
  *
  * **Threads, signals, fork.** Any thread may call the functions: between fork and exec only async-signal-safe calls are
  * made. Signals neither end the wait for a child nor cut its output. Not for signal handlers. A caller that ignores
- * SIGCHLD, or that waits for any child in another thread, loses the exit code.
+ * SIGCHLD, or that waits for any child in another thread, loses the exit code: the run then counts as successful (Quirk
+ * Q45), and eval_command() returns -1.
  *
- * **Blocking.** Foreground runs and eval_command() wait until the program ends, without a limit: do not call them in an
- * event loop. A detached start waits at most about 1 s for other detached starts. system_reboot() and
- * system_poweroff() take 100 ms.
+ * **Blocking.** Foreground runs wait until the program ends, and eval_command() also until every process that has
+ * inherited its output has ended or closed it. There is no limit: do not call them in an event loop. A detached start
+ * waits at most about 1 s for other detached starts. system_reboot() and system_poweroff() take 100 ms more.
  *
- * **Errors.** Functions return -1 and log the reason; each description names message and priority. A program that
- * cannot be started ends with errno as its exit code. The shell ends with 127 when it does not find a program.
+ * **Errors.** Functions return -1. Too many arguments, and steps of _exec_command() that fail, are logged (LOG_ERR),
+ * except that the token's memory cannot be attached. A NULL or empty argument, eval_command() and makeargv() log
+ * nothing. A program that cannot be started ends with errno as its exit code. The shell ends with 127 when it does not
+ * find a program.
  *
  * **Limits.** 15 arguments after argument 0 in _exec_command(), 255 in makeargv(). eval_command() stores at most two
  * characters less than the buffer has bytes.
@@ -88,8 +92,9 @@ VXUTILS_API int run_command(const char *command, int background);
  * @param size    size of @p out in bytes
  * @return the number of characters of the stored lines; a line that was cut counts with all its characters, later lines
  *         do not count (pieces of 1022 characters count as lines). -1 when the exit code is not 0, when the command
- *         could not be run or its output could not be read to its end, and for a NULL or empty @p command, a NULL
- *         @p out or a @p size of 0. A command that a signal has ended counts as successful (Quirk Q46).
+ *         could not be run or its output could not be read to its end, when the caller loses the exit code (see
+ *         Threads), and for a NULL or empty @p command, a NULL @p out or a @p size of 0. A command that a signal has
+ *         ended counts as successful (Quirk Q46).
  */
 VXUTILS_API int eval_command(const char *command, char *out, size_t size);
 
