@@ -126,6 +126,14 @@ TEST_F(VxeventFaults, OnlyAFifoIsWrittenTo) {
     EXPECT_EQ(vxevent(1, 2, "x"), -1);
     EXPECT_EQ(errno, EINVAL);
     ::unlink(fifoPath.c_str());
+    ASSERT_EQ(::mkdir(fifoPath.c_str(), 0755), 0);
+    EXPECT_EQ(vxevent(1, 2, "x"), -1);
+    EXPECT_EQ(errno, EISDIR);
+    ::rmdir(fifoPath.c_str());
+    ASSERT_EQ(::mknod(fifoPath.c_str(), S_IFSOCK | 0666, 0), 0);
+    EXPECT_EQ(vxevent(1, 2, "x"), -1);
+    EXPECT_EQ(errno, ENXIO);
+    ::unlink(fifoPath.c_str());
     for (const std::string &target : {secret, std::string("/tmp/other-fifo"), std::string("/tmp/none")}) {
         ASSERT_EQ(::symlink(target.c_str(), fifoPath.c_str()), 0);
         ::mkfifo("/tmp/other-fifo", 0600);

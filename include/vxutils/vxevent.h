@@ -68,8 +68,8 @@ extern VXUTILS_API devlog_level *DL_MQCONTENTS;
  * @param param  its parameter
  * @param text   its text, cut after 127 bytes; NULL counts as empty
  * @return 0 when the record was written; -1 with errno when not: ENOENT without a FIFO (none is made), EAGAIN when it
- *         stays full, ELOOP for a link and EINVAL for another file in its place. A signal handler that calls this saves
- *         errno.
+ *         stays full; in its place ELOOP for a link, EISDIR for a directory, ENXIO for a socket and EINVAL for a
+ *         regular file. A signal handler that calls this saves errno.
  */
 VXUTILS_API int vxevent(unsigned int id, unsigned int param, const char *text);
 
