@@ -3,6 +3,7 @@
 #include <vxutils/csemaphore.h>
 
 #include <pthread.h>
+#include <sched.h>
 #include <sys/ipc.h>
 #include <sys/sem.h>
 #include <sys/stat.h>
@@ -12,6 +13,7 @@
 #include <atomic>
 #include <cerrno>
 #include <csignal>
+#include <functional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -35,6 +37,30 @@ using RecursiveSemaphore = vxtest::SemaphoreTest;
 static_assert(EOWNERDEAD == 130);
 
 // ---- CRecursiveSemaphore: lock, unlock, trylock
+
+// The owner is known by its thread's number, which two PID namespaces give out twice.
+TEST_F(RecursiveSemaphore, DoesNotTellTheFirstProcessesOfTwoPidNamespacesApart) {
+    const std::string name = fresh();
+    const CRecursiveSemaphore made(name);
+    log.take();
+    const auto asFirstProcess = [](const std::function<int()> &body) {
+        return vxtest::startChild([&] {
+            if (::unshare(CLONE_NEWPID) != 0) return 100;
+            return vxtest::inChild([&] { return ::getpid() == 1 ? body() : 101; });
+        });
+    };
+    const SharedPage page;
+    const pid_t owner = asFirstProcess([&] {
+        CRecursiveSemaphore lock(name);
+        const int result = lock.lock();
+        page->ready = 1;
+        return result == 0 && vxtest::eventually([&] { return page->go == 1; }) ? lock.unlock() : 1;
+    });
+    EXPECT_TRUE(vxtest::eventually([&] { return page->ready == 1; }));
+    EXPECT_EQ(vxtest::waitChild(asFirstProcess([&] { return CRecursiveSemaphore(name).trylock(); })), 0);
+    page->go = 1;
+    vxtest::waitChild(owner);
+}
 
 TEST_F(RecursiveSemaphore, TheFirstObjectCreatesTheLockAndTheSecondOpensIt) {
     const vxtest::NoLeaks leaks;

@@ -39,7 +39,9 @@
  * **Errors.** Failures are written to the system log and reported by results. Nothing is thrown except std::bad_alloc
  * from constructors.
  *
- * **Limits.** A name is "/" and up to 255 further characters. The kernel's limit on System V semaphores holds for
+ * **Limits.** All users of a CRecursiveSemaphore must be in one PID namespace: it knows its owner by the thread's
+ * number, and a thread of another namespace that has the same number counts as the owner, too. Across PID namespaces
+ * use a CSemaphore. A name is "/" and up to 255 further characters. The kernel's limit on System V semaphores holds for
  * CSemaphore (32000 sets on Linux).
  *
  * **Privileges.** A lock serves the processes of one user: both kinds are made with mode 0600. Other users cannot open

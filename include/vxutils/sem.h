@@ -28,7 +28,8 @@
  * **Errors.** Calls return an error number of pthread_mutex_lock(), or -1 for a handle whose lock could not be set up;
  * the reason for the latter is in the system log.
  *
- * **Limits.** A name is "/" and up to 255 further characters, none of them "/".
+ * **Limits.** A name is "/" and up to 255 further characters, none of them "/". All users of a lock must be in one PID
+ * namespace (see csemaphore.h).
  *
  * **Privileges.** A lock serves the processes of one user: it is made with mode 0600, and only its owner may use it. An
  * object of that name which another ordinary user has made is not used (see csemaphore.h). A lock needs /dev/shm and
