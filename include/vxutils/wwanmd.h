@@ -17,7 +17,8 @@
  *
  * **Answers.** An answer is what one recv() yields; it may hold any bytes. It begins with "OK" (result 0), "ERROR" or
  * "BUSY" (result -1). In all three cases the message holds the text after that word. An answer that the daemon sends in
- * pieces ends at its first piece; the rest is stale and is thrown away before the next command.
+ * pieces ends at its first piece; the rest is stale and is thrown away before the next command. That is done by one
+ * recv() of at most 8191 bytes: what is left of a longer rest is taken for the answer to that command.
  *
  * **Late answers.** An answer does not tell which command it belongs to. After a command that timed out, the next
  * wwanmd_send() or wwanmd_command() therefore connects again before it sends, and what the daemon still sends on the
@@ -162,7 +163,8 @@ VXUTILS_API void wwanmd_close(wwanmd_handle *handle);
  *
  * @param handle   the connection; NULL gives -1
  * @param message  the command, at most 8190 bytes; NULL gives -1
- * @return 0 when all of it was sent; -1 on failure; -11 while the card is in reset (the connection is closed then)
+ * @return 0 when all of it was sent; -1 on failure; -11 while the card is in reset (the connection is closed then). On
+ *         a closed handle a card in reset gives -1: it cannot be connected to.
  */
 VXUTILS_API int wwanmd_send(wwanmd_handle *handle, wwanmd_msg *message);
 
@@ -172,7 +174,7 @@ VXUTILS_API int wwanmd_send(wwanmd_handle *handle, wwanmd_msg *message);
  * @param handle   the connection; NULL gives -1
  * @param message  receives the answer; its time-out counts. NULL gives -1
  * @return 0 for "OK"; -1 for any other answer and for none; -11 while the card is in reset (the connection is closed
- *         then)
+ *         then). On a closed handle a card in reset gives -1, as for wwanmd_send().
  */
 VXUTILS_API int wwanmd_recv(wwanmd_handle *handle, wwanmd_msg *message);
 
