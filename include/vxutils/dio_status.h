@@ -23,7 +23,7 @@
  *
  * **Errors.** Functions return the result codes of dio.h. A NULL record, or a line that the record does not have, is a
  * mistake of the calling program: an assertion that names the source vxutils/dio_status aborts the process, in every
- * build.
+ * build. So does a board on which dio_roCount() or dio_rwCount() finds more than 99 lines.
  *
  * **Limits.** Numbers go up to 99, but a half holds 96 bits and its 16 bytes are shared with other programs. Lines 97
  * to 99 read as 0 from a record and are not stored in it; they never touch the neighbouring half. Their single-line
