@@ -44,8 +44,9 @@
  * **Errors.** A call that fails returns false or 0. Refused paths, directories that cannot be made and values that are
  * too large are logged (LOG_ERR).
  *
- * **Limits.** A name is appended to the directory as it is, so it begins with "/". Values are regular files of at most
- * 1 MiB. FIFO data arrives in pieces of at most 99 bytes; where a message ends is not kept.
+ * **Limits.** A name is appended to the directory as it is, so it begins with "/". getStatus() reads regular files
+ * of at most 1 MiB; setStatus() has no limit. FIFO data arrives in pieces of at most 99 bytes; where a message ends is
+ * not kept.
  *
  * **Privileges.** Write access to the tree. A tree that root has made is safe, whatever its mode, and so is one that
  * the process's own user has made. Daemons of several users share a tree that root makes at boot, with mode 0755 and
