@@ -57,6 +57,19 @@ void onASmallStack(std::function<void()> function) {
     ::pthread_attr_destroy(&attributes);
 }
 
+// --- removing
+
+using DeleteRegularFile = Directories;
+
+TEST_F(DeleteRegularFile, WhatCannotBeLookedUpCountsAsRemoved) {
+    if (!vxtest::hasOtherUsers()) GTEST_SKIP() << "a box made by an ordinary user has no other";
+    vxtest::makeDirs(path("closed"));
+    vxtest::writeFile(path("closed/file"), "x");
+    ::chmod(path("closed").c_str(), 0700);
+    EXPECT_EQ(vxtest::asUser(vxtest::stranger, [] { return delete_regular_file(path("closed/file").c_str()); }), 0);
+    EXPECT_TRUE(vxtest::exists(path("closed/file")));
+}
+
 // --- making
 
 TEST_F(TryMkdir, TheUmaskMayTakeEveryRight) {

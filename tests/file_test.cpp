@@ -280,6 +280,9 @@ TEST_F(Readfile, ANameInTheBufferIsTheEmptyName) {
     EXPECT_STREQ(readfile(readfile(path("value").c_str())), "");
     std::string buffer = path("value");
     EXPECT_STREQ(readfile_r(buffer.data(), buffer.data(), buffer.size()), "");
+    // Only the first byte of the caller's buffer is emptied: a name further on is whole when the file is opened.
+    std::string later = "//" + path("value");
+    EXPECT_EQ(readfile_r(later.data() + 2, later.data(), later.size()), path("other"));
 }
 
 TEST_F(Readfile, ReadsKernelAttributes) {

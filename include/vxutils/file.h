@@ -41,7 +41,8 @@
  * a device to be opened; a direct write waits until a device has taken it. None flushes anything to the medium.
  *
  * **Errors.** Functions return 0 for success and -1 for failure unless they say otherwise. After a failure errno is
- * that of the system call that failed. Functions that log write one line. A copy that the kernel transferred only in
+ * that of the system call that failed. A write that takes only a part is a failure as well, but sets no errno: neither
+ * errno nor the message tells its reason. Functions that log write one line. A copy that the kernel transferred only in
  * part counts as a success (Quirk Q27).
  *
  * **Limits.** Relative paths start at the current directory. readfile() returns at most 1023 characters,
@@ -156,11 +157,12 @@ VXUTILS_API int writefile(const char *name, const char *text);
 
 /**
  * Read a small text file into the caller's buffer, without white space at both ends. A file that the real user cannot
- * read gives the empty text, and so does everything that is not a regular file: a FIFO, a device (which is not opened,
- * not even through a link), a directory. A NUL byte hides the rest of its line; reading ends after 1 MiB that yields no
- * text.
+ * read gives the empty text, and so does everything that is not a regular file: a FIFO, a device, a directory. A device
+ * that a link leads to is not even opened; one that @p name itself names is, and its driver may act. A NUL byte hides
+ * the rest of its line; reading ends after 1 MiB that yields no text.
  *
- * @param name file; NULL reads as empty, and so does a name inside @p buf, which is emptied first
+ * @param name file; NULL reads as empty, and so does a name that begins at @p buf, which is emptied first. A name
+ *             further on in @p buf is read; the text replaces it.
  * @param buf  receives at most @p size - 1 characters and a terminator
  * @param size size of @p buf in bytes
  * @return the text: a pointer into @p buf, after the leading white space; @p buf itself when it is NULL or @p size is 0
@@ -208,7 +210,8 @@ VXUTILS_API int create_directory(char *path);
 /**
  * Remove a regular file. Anything else, such as a link, a directory or a device, is refused.
  *
- * @param name file; one that does not exist counts as removed, and so does NULL
+ * @param name file; one that does not exist, or that the caller may not look up (EACCES), counts as removed, and so
+ *             does NULL
  * @return 0; -1 when it is not a regular file or cannot be removed
  */
 VXUTILS_API int delete_regular_file(const char *name);
