@@ -285,6 +285,17 @@ TEST(GetCaller, FailsWhenAProcessOnTheWayIsNotThere) {
               0);
 }
 
+TEST(GetCaller, FailsWhenTheParentIsInAnotherPidNamespace) {
+    EXPECT_EQ(vxtest::inChild([] {
+                  if (::unshare(CLONE_NEWPID) != 0) return 100;
+                  return vxtest::inChild([] {
+                      char caller[8] = "old";
+                      return get_caller(caller, sizeof caller) == -1 && *caller == '\0' ? 0 : 1;
+                  });
+              }),
+              0);
+}
+
 TEST(GetCaller, SeesTheDaemonThroughARealShell) {
     const std::string program = vxtest::built("examples/process_whoami");
     EXPECT_THAT(vxtest::run({program}).text, testing::HasSubstr("called by " + ownName() + "\n"));

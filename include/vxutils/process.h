@@ -62,7 +62,8 @@ VXUTILS_API int get_parent_pid(int pid);
  * @param dst  receives the name, NUL-terminated and cut to @p n - 1 characters; empty on failure
  * @param n    size of @p dst in bytes, at least 2
  * @return 0, also when the name was cut; -1 when @p dst is NULL or @p n below 2 (nothing is written then), when one of
- *         the processes has ended, or when all three are shells
+ *         the processes has ended or cannot be seen (hidepid, a parent in another PID namespace), or when all three are
+ *         shells
  */
 VXUTILS_API int get_caller(char *dst, size_t n);
 
