@@ -110,6 +110,24 @@ TEST_F(Ping, ForgedPlainRepliesOnTheWireDoNotCount) {
     EXPECT_EQ(icmpping("wan0", gatewayText, 3000), 0);
 }
 
+// A reply that comes after its call has given up, while the next call waits for one of its own.
+TEST_F(Ping, APlainEchoTakesTheLateReplyToAnEarlierOne) {
+    vxtest::Wan::answers(wan->gateway, false);
+    std::vector<Bytes> requests;
+    std::unique_ptr<vxtest::Responder> responder;
+    wan->gateway.inside([&] {
+        responder = std::make_unique<vxtest::Responder>("gw0", [&](const Bytes &request) {
+            requests.push_back(request);
+            if (requests.size() < 2) return std::vector<Bytes>{};
+            return std::vector<Bytes>{vxtest::echoReply(requests.front())};
+        });
+    });
+    EXPECT_EQ(icmpping("wan0", gatewayText, 0), -1);
+    EXPECT_EQ(icmpping("wan0", gatewayText, 3000), 0);
+    responder.reset();
+    EXPECT_EQ(requests.size(), 2U);
+}
+
 TEST_F(Ping, WithoutThePrivilegeNoSocketOpens) {
     ConnectedLog log;
     EXPECT_EQ(vxtest::inChild([] {

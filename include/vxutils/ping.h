@@ -54,6 +54,9 @@ struct timespec;
  * Send a plain echo and wait for its reply: an ICMP message of 64 bytes with identifier 0 and sequence number 1, on a
  * raw ICMP socket bound to the interface. RFC 792.
  *
+ * All plain echoes have the same numbers. The reply to another one to the same target, which any process sends at the
+ * same time or has sent before, counts as well. The echoes of rawping() are told apart.
+ *
  * @param interface  interface to send and receive on.
  * @param target     host to ping.
  * @param timeout_ms milliseconds to wait for the reply; below 500 it is 500, above 10000 it is 10000.
