@@ -87,6 +87,29 @@ TEST(DynamicModule, TheEmptyPathIsTheProgramItself) {
     EXPECT_EQ(module.getClassFactory(), nullptr);
 }
 
+TEST(DynamicModule, TheProgramItselfHasTheEntryPointsOfWhatIsLoaded) {
+    std::string diary;
+    CDynamicModule module(full);
+    ASSERT_EQ(module.load(nullptr), 0);
+    {
+        CDynamicModule program("");
+        EXPECT_EQ(program.load(&diary), 0);
+        EXPECT_EQ(diary, "init;");
+        EXPECT_EQ(program.getClassFactory(), module.getClassFactory());
+    }
+    EXPECT_EQ(diary, "init;factory;factory;done;");
+    EXPECT_TRUE(isLoaded(full));
+}
+
+TEST(DynamicModule, AMissingEntryPointIsAnErrorOfTheLoader) {
+    CDynamicModule module(bare);
+    (void)module.lastError();
+    ASSERT_EQ(module.load(nullptr), 0);
+    const char *error = module.lastError();
+    ASSERT_NE(error, nullptr);
+    EXPECT_THAT(error, testing::HasSubstr("dynamic_module_init"));
+}
+
 TEST(DynamicModule, IsNotLoadedTwice) {
     vxtest::SyslogCapture log;
     std::string diary;

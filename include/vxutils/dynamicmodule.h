@@ -21,6 +21,9 @@
  * - `dynamic_module_done`, without arguments: called right before it is closed;
  * - `getClassFactory`, without arguments: returns what getClassFactory() hands out.
  *
+ * They are looked up as by dlsym(): where the plug-in itself has none, that of a library which it is linked with is
+ * called. For the program itself (the empty path) that includes all libraries that load() has opened.
+ *
  * **Ownership.** The object owns the loaded library. Objects and functions of a plug-in must not be used any more after
  * its CDynamicModule was destroyed: their code is unloaded. That includes exceptions of a type that the plug-in
  * defines: make the CDynamicModule outside the `try` block that catches them, or it is destroyed first. Destroy the
@@ -77,7 +80,8 @@ public:
     /**
      * Return the dynamic loader's last error text of this thread and clear it, as dlerror() does.
      * @return the text, valid until this thread's next call of the loader; null when there was no error since the last
-     *         call.
+     *         call. A missing entry point is an error of the loader as well: there may be a text after load() returned
+     *         0.
      */
     const char *lastError() const;
 
