@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <climits>
+#include <cmath>
 #include <cstdlib>
 #include <filesystem>
 
@@ -137,6 +138,16 @@ TEST_F(Adc, EachBoardHasItsFactor) {
     vxtest::writeFile(iio + "in_voltage_scale", "0.5\n");
     EXPECT_EQ(qxalpha_adc_read(raw, &value), 0);
     EXPECT_FLOAT_EQ(value, 15189.5F);
+}
+
+TEST_F(Adc, AFailuresZeroIsMultipliedAsWell) {
+    for (const float factor : {0.25F, -1.0F}) {
+        value = 77;
+        EXPECT_EQ(qxgamma_adc_read("/tmp/none", &value, factor), -1);
+        EXPECT_EQ(value, 0.0F) << factor;
+    }
+    EXPECT_EQ(qxgamma_adc_read("/tmp/none", &value, INFINITY), -1);
+    EXPECT_TRUE(std::isnan(value));
 }
 
 TEST_F(Adc, BoardReadersTakeNull) {

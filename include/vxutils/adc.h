@@ -75,8 +75,8 @@ VXUTILS_API int qxbeta_adc_read(const char *path, float *value);
 /**
  * Read a converter of the third board type: number × @p factor.
  * @param path    file with the converter's number; NULL gives -1
- * @param value   receives the number × @p factor, or 0 on failure; NULL gives -1
- * @param factor  factor of the input
+ * @param value   receives the number × @p factor, or 0 × @p factor on failure; NULL gives -1
+ * @param factor  factor of the input; with an infinite one the result of a failure is not a number
  * @return as adc_read()
  */
 VXUTILS_API int qxgamma_adc_read(const char *path, float *value, float factor);
