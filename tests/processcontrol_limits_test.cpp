@@ -6,14 +6,18 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include "support/call_hooks.h"
 #include "support/close_on_exec.h"
 #include "support/files.h"
 #include "support/process.h"
 #include "support/processcontrol.h"
+
+VXTEST_HOOK(char *, strdup, (const char *text), (text))
 
 namespace {
 
@@ -49,6 +53,21 @@ TEST(ProcessControl, NamesAreCommandLinesWithBlanks) {
             EXPECT_EQ(control.getNumberOfProcesses(), line.first.empty() ? 0 : 1);
         });
     }
+}
+
+TEST(ProcessControl, ANameThatMemoryDoesNotHoldIsEmpty) {
+    withEmptyProc([] {
+        ProcessControl control;
+        addProcess(700005, "prog");
+        {
+            const vxtest::Hooked full(vxtest::hooks::strdup,
+                                      [](const char *) -> std::optional<char *> { return nullptr; });
+            control.refresh(false);
+        }
+        EXPECT_THAT(namesOf(control), ElementsAre(""));
+        EXPECT_EQ(control.getNumberOfProcesses(), 1);
+        EXPECT_EQ(control.getNumberOfProcessesByName("prog"), 0);
+    });
 }
 
 TEST(ProcessControl, TakesDirectoriesWithNumericNamesOnly) {

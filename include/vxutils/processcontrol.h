@@ -24,8 +24,9 @@
  * **Blocking.** refresh() reads the directory /proc and one file for each new process. No other call blocks.
  *
  * **Errors.** Nothing is logged. When /proc cannot be read, a full refresh leaves an empty list, and an incremental one
- * marks all entries as not valid. A process for which memory is short is left out. An incremental refresh in which many
- * processes have come and gone may throw std::bad_alloc; the list can still be used then.
+ * marks all entries as not valid. A process for which memory is short is left out, or has an empty name when only
+ * that did not fit; so has a ProcessEntry that a program makes. An incremental refresh in which many processes have
+ * come and gone may throw std::bad_alloc; the list can still be used then.
  *
  * **Subclasses.** Both classes use the virtual operations of each other, so a subclass may name, link or find entries
  * in another way.
