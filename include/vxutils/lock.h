@@ -57,7 +57,7 @@ typedef struct firewall_lock_handle firewall_lock_handle;
  *
  * @param path  directory of the lock
  * @param tries how often to try; 0 fails at once, a negative number succeeds at once and locks nothing
- * @return 0 when the lock is taken, -1 when it is not; -1 for a NULL path
+ * @return 0 when the lock is taken, -1 when it is not; -1 for a NULL path, unless @p tries is negative
  */
 VXUTILS_API int acquire_lock(const char *path, int tries);
 
