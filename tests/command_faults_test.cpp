@@ -309,6 +309,24 @@ TEST_F(ExecCommandFaults, AProcessThatIsYoungerThanTheTokenDidNotMakeIt) {
     EXPECT_EQ(log.take(), std::vector{removedTokenOf(::getpid(), 0)});
 }
 
+TEST_F(ExecCommandFaults, ATokenInUseIsKeptWhenTheClockIsSet) {
+    const int id = makeToken();
+    void *const attached = ::shmat(id, nullptr, 0);
+    {
+        const Hooked later(hooks::clock_gettime, [](clockid_t clock, timespec *time) -> std::optional<int> {
+            const int result = vxtest::real::clock_gettime(clock, time);
+            if (clock == CLOCK_REALTIME) time->tv_sec += 1000000000;
+            return result;
+        });
+        WithoutPauses pauses;
+        EXPECT_EQ(_exec_command(1, "/bin/true", "true", noMore), -1);
+        EXPECT_EQ(errno, EEXIST);
+    }
+    EXPECT_EQ(segments(), 1);
+    ::shmdt(attached);
+    ::shmctl(id, IPC_RMID, nullptr);
+}
+
 TEST_F(ExecCommandFaults, TheTokenOfAProcessInAnotherPidNamespaceIsKept) {
     const int id = makeToken();
     ASSERT_NE(id, -1);

@@ -29,7 +29,8 @@ constexpr size_t longestLine = 512;
 
 struct Segment {
     int id;
-    pid_t makerPid;  // 0 when it belongs to another PID namespace
+    pid_t makerPid;          // 0 when it belongs to another PID namespace
+    unsigned long attached;  // how many processes have it in their memory
     uid_t makerUser;
     long long made_s;  // wall-clock time
 };
@@ -42,10 +43,10 @@ std::optional<Segment> findSegment(key_t key) {
         line.back() = '\0';
         int lineKey = 0;
         Segment segment{};
-        constexpr const char *fields = "%d %d %*o %*u %d %*d %*u %*u %*u %u %*u %*u %*u %lld";
-        const int found = std::sscanf(line.data(), fields, &lineKey, &segment.id, &segment.makerPid, &segment.makerUser,
-                                      &segment.made_s);
-        if (found == 5 && lineKey == key) return segment;
+        constexpr const char *fields = "%d %d %*o %*u %d %*d %lu %*u %*u %u %*u %*u %*u %lld";
+        const int found = std::sscanf(line.data(), fields, &lineKey, &segment.id, &segment.makerPid, &segment.attached,
+                                      &segment.makerUser, &segment.made_s);
+        if (found == 6 && lineKey == key) return segment;
     }
     return std::nullopt;  // GCOVR_EXCL_LINE: it was removed since the caller saw it
 }
@@ -83,13 +84,16 @@ std::optional<Status> readStatus(pid_t pid) {
     return status;
 }
 
-// A process that is younger than the segment is not its maker but has got the same number.
+// A process that is younger than the segment is not its maker but has got the same number. The ages prove nothing when
+// the clock was set in between, as on a board that learns the time after its start; but then the maker, or its child,
+// still has the segment in its memory.
 bool hasEnded(const Segment &segment) {
     if (segment.makerPid <= 0) return false;
     const std::optional<Status> status = readStatus(segment.makerPid);
     if (!status) return ::kill(segment.makerPid, 0) == -1 && errno == ESRCH;
     // The state is that of the first thread, which other threads can outlive.
     if ((status->state == 'Z' || status->state == 'X') && status->threads <= 1) return true;
+    if (segment.attached > 0) return false;
     constexpr double coarseness_s = 2;  // the segment's time is in whole seconds
     const double segmentAge_s = seconds(CLOCK_REALTIME) - static_cast<double>(segment.made_s);
     return status->age_s + coarseness_s < segmentAge_s;
