@@ -4,6 +4,8 @@
 #include <dirent.h>
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <linux/sockios.h>
+#include <sys/ioctl.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -11,6 +13,7 @@
 
 #include <array>
 #include <cerrno>
+#include <chrono>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -57,6 +60,14 @@ int boundSocket(int type, const char *path) {
     ::unlink(path);
     if (fd == -1 || ::bind(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address) == -1) std::abort();
     return fd;
+}
+
+// Waits until the other side has read, or thrown away by closing, what was sent to it.
+void waitUntilRead(int fd) {
+    for (int unread = 1;;) {
+        if (::ioctl(fd, SIOCOUTQ, &unread) == -1 || unread == 0) return;
+        std::this_thread::sleep_for(std::chrono::microseconds(50));
+    }
 }
 
 }  // namespace
@@ -138,7 +149,7 @@ void startDatagramPeer(const char *path, std::function<std::string(std::string_v
     }).detach();
 }
 
-void startStreamPeer(const char *path, std::function<std::optional<std::string>(std::string_view request)> answer) {
+void startStreamPeer(const char *path, std::function<Reply(std::string_view request)> answer) {
     const int listener = boundSocket(SOCK_STREAM, path);
     check(::listen(listener, 8) == 0);
     std::thread([listener, answer = std::move(answer)] {
@@ -148,9 +159,12 @@ void startStreamPeer(const char *path, std::function<std::optional<std::string>(
             for (;;) {
                 const ssize_t got = ::recv(fd, request.data(), request.size(), 0);
                 if (got <= 0) break;
-                const auto reply = answer({request.data(), static_cast<size_t>(got)});
-                if (!reply.has_value()) break;
-                ::send(fd, reply->data(), reply->size(), MSG_NOSIGNAL);
+                const Reply reply = answer({request.data(), static_cast<size_t>(got)});
+                for (const std::string &part : reply.parts) {
+                    waitUntilRead(fd);
+                    ::send(fd, part.data(), part.size(), MSG_NOSIGNAL);
+                }
+                if (reply.hangUp) break;
             }
             ::close(fd);
         }

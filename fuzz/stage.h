@@ -5,11 +5,14 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <deque>
 #include <functional>
 #include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
+#include <vector>
 
 namespace stage {
 
@@ -38,10 +41,15 @@ struct Disks {
 };
 inline std::optional<Disks> disks;
 
-// A socket's peer on a thread of its own: answers each request with what `answer` returns, and hangs up for nothing.
-// Made once, and there until the process ends.
+// A socket's peer on a thread of its own, made once and there until the process ends. The datagram peer answers each
+// request with what `answer` returns; the stream peer sends each part when the one before has been read, and then hangs
+// up if it was told to.
+struct Reply {
+    std::vector<std::string> parts;
+    bool hangUp;
+};
 void startDatagramPeer(const char *path, std::function<std::string(std::string_view request)> answer);
-void startStreamPeer(const char *path, std::function<std::optional<std::string>(std::string_view request)> answer);
+void startStreamPeer(const char *path, std::function<Reply(std::string_view request)> answer);
 
 // Pieces of an input, separated by the byte 0xFF.
 class Pieces {
@@ -76,6 +84,28 @@ public:
 private:
     std::mutex mutex_;
     Pieces pieces_{{}};
+};
+
+// What a peer was asked, in order. The peer's thread adds, the target's thread takes: an answer that it has got belongs
+// to a request that is here.
+class Requests {
+public:
+    void add(std::string_view request) {
+        const std::lock_guard lock(mutex_);
+        requests_.emplace_back(request);
+    }
+    // Nothing when all are taken.
+    std::optional<std::string> take() {
+        const std::lock_guard lock(mutex_);
+        if (requests_.empty()) return std::nullopt;
+        std::string first = std::move(requests_.front());
+        requests_.pop_front();
+        return first;
+    }
+
+private:
+    std::mutex mutex_;
+    std::deque<std::string> requests_;
 };
 
 inline std::string_view text(const uint8_t *data, size_t size) { return {reinterpret_cast<const char *>(data), size}; }
