@@ -4,8 +4,6 @@
 #include <dirent.h>
 #include <dlfcn.h>
 #include <fcntl.h>
-#include <linux/sockios.h>
-#include <sys/ioctl.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -13,7 +11,6 @@
 
 #include <array>
 #include <cerrno>
-#include <chrono>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -62,12 +59,23 @@ int boundSocket(int type, const char *path) {
     return fd;
 }
 
-// Waits until the other side has read, or thrown away by closing, what was sent to it.
-void waitUntilRead(int fd) {
-    for (int unread = 1;;) {
-        if (::ioctl(fd, SIOCOUTQ, &unread) == -1 || unread == 0) return;
-        std::this_thread::sleep_for(std::chrono::microseconds(50));
-    }
+// Sends a part that one recv() of the other side brings, even when more has come: the kernel ends a read after bytes that
+// a descriptor was passed with. Without a buffer for it the receiver does not get the descriptor.
+void sendAlone(int fd, const std::string &part) {
+    static const int passed = contentFile("");
+    alignas(cmsghdr) std::array<char, CMSG_SPACE(sizeof passed)> control{};
+    iovec bytes{const_cast<char *>(part.data()), part.size()};
+    msghdr message{};
+    message.msg_iov = &bytes;
+    message.msg_iovlen = 1;
+    message.msg_control = control.data();
+    message.msg_controllen = control.size();
+    cmsghdr *const header = CMSG_FIRSTHDR(&message);
+    header->cmsg_level = SOL_SOCKET;
+    header->cmsg_type = SCM_RIGHTS;
+    header->cmsg_len = CMSG_LEN(sizeof passed);
+    std::memcpy(CMSG_DATA(header), &passed, sizeof passed);
+    ::sendmsg(fd, &message, MSG_NOSIGNAL);
 }
 
 }  // namespace
@@ -160,10 +168,7 @@ void startStreamPeer(const char *path, std::function<Reply(std::string_view requ
                 const ssize_t got = ::recv(fd, request.data(), request.size(), 0);
                 if (got <= 0) break;
                 const Reply reply = answer({request.data(), static_cast<size_t>(got)});
-                for (const std::string &part : reply.parts) {
-                    waitUntilRead(fd);
-                    ::send(fd, part.data(), part.size(), MSG_NOSIGNAL);
-                }
+                for (const std::string &part : reply.parts) sendAlone(fd, part);
                 if (reply.hangUp) break;
             }
             ::close(fd);

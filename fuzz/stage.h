@@ -42,8 +42,8 @@ struct Disks {
 inline std::optional<Disks> disks;
 
 // A socket's peer on a thread of its own, made once and there until the process ends. The datagram peer answers each
-// request with what `answer` returns; the stream peer sends each part when the one before has been read, and then hangs
-// up if it was told to.
+// request with what `answer` returns; the stream peer sends parts that are received one by one, and then hangs up if it
+// was told to.
 struct Reply {
     std::vector<std::string> parts;
     bool hangUp;
