@@ -390,6 +390,7 @@ struct Sample {
 };
 
 constexpr size_t samplesAtMost = 500;
+constexpr size_t samplesAtLeast = 20;
 
 // Blocks of all arenas that are in use. Unlike the resident memory it does not depend on which pages were touched.
 double heapBytes() {
@@ -493,6 +494,12 @@ int main(int argc, char **argv) {
     zmq_ctx_term(context);
     event_base_free(base);
 
+    require(jumps > 0 && flaps > 0 && full > 0, "long enough for clock jumps, interface changes and a full disk");
+    require(samples.size() >= samplesAtLeast, "enough rounds for slopes");
+    if (samples.empty()) {
+        std::printf("soak: %lu failures\n", failures);
+        return 1;
+    }
     const double memory = slope(samples, &Sample::memory_kib), held = slope(samples, &Sample::descriptors);
     const double grown = memory * seconds / 60, allocated = slope(samples, &Sample::heap_bytes) * seconds / 60;
     std::printf("soak: %.0f s, %lu rounds, %lu clock jumps of 9 years, %lu interface changes, %lu times a full disk\n",
