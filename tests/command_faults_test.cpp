@@ -423,6 +423,21 @@ TEST_F(ExecCommandFaults, AMakerWhoseStatusCannotBeReadKeepsItsTokenAndGetsNoSig
     EXPECT_GT(_exec_command(1, "/bin/true", "true", noMore), 1) << "this maker does not exist";
 }
 
+TEST_F(ExecCommandFaults, ATokenStaysAsLongAsTheTableOfSegmentsCannotBeRead) {
+    ASSERT_EQ(vxtest::inChild([] { return makeToken() == -1 ? 1 : 0; }), 0);
+    {
+        const Hooked noTable(hooks::open, [](const char *path, int) -> std::optional<int> {
+            if (std::string_view(path) != "/proc/sysvipc/shm") return std::nullopt;
+            errno = EMFILE;
+            return -1;
+        });
+        WithoutPauses pauses;
+        EXPECT_EQ(_exec_command(1, "/bin/true", "true", noMore), -1);
+    }
+    EXPECT_EQ(segments(), 1);
+    EXPECT_GT(_exec_command(1, "/bin/true", "true", noMore), 1) << "this maker does not exist";
+}
+
 TEST_F(ExecCommandFaults, WhatIsReadAboutATokenIsClosedOnExec) {
     ASSERT_EQ(vxtest::inChild([] { return makeToken() == -1 ? 1 : 0; }), 0);
     const vxtest::OpenedFiles files;

@@ -138,6 +138,27 @@ TEST_F(StatusFaults, IsNotWrittenWithoutItsDirectoryOrOverOne) {
     EXPECT_FALSE(status_.setStatus("/dir", "x"));
 }
 
+// Not there when it is opened, there when it is created: as if another process made and removed it all the time.
+TEST(StatusSetupFaults, AFileThatComesAndGoesAllTheTimeIsGivenUp) {
+    vxtest::makeDirs("/tmp/place");
+    int attempts = 0;
+    StatusInterface status;
+    {
+        const Hooked flickering(hooks::open, [&](const char *path, int flags) -> std::optional<int> {
+            if (!std::string_view(path).ends_with("state")) return std::nullopt;
+            ++attempts;
+            errno = (flags & O_CREAT) != 0 ? EEXIST : ENOENT;
+            return -1;
+        });
+        EXPECT_FALSE(status.setStatus("/tmp/place/state", "x"));
+        EXPECT_EQ(errno, EACCES);
+    }
+    EXPECT_EQ(attempts, 80) << "to open and to create it, 40 times";
+    EXPECT_FALSE(vxtest::exists("/tmp/place/state"));
+    EXPECT_TRUE(status.setStatus("/tmp/place/state", "x"));
+    std::filesystem::remove_all("/tmp/place");
+}
+
 TEST(StatusSetupFaults, APathFromACurrentDirectoryThatCannotBeOpenedLeadsNowhere) {
     const std::filesystem::path before = std::filesystem::current_path();
     vxtest::makeDirs("/tmp/place/sub");
