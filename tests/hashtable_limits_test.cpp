@@ -5,9 +5,11 @@
 
 #include <malloc.h>
 #include <sys/mman.h>
+#include <sys/random.h>
 #include <sys/resource.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <climits>
 #include <cstdint>
 #include <cstdlib>
@@ -15,6 +17,7 @@
 #include <functional>
 #include <map>
 #include <new>
+#include <optional>
 #include <random>
 #include <set>
 #include <string>
@@ -22,11 +25,14 @@
 #include <utility>
 #include <vector>
 
+#include "support/call_hooks.h"
 #include "support/emulation.h"
 #include "support/hashtable.h"
 #include "support/model.h"
 #include "support/process.h"
 #include "vxutils/internal/text_hash.h"
+
+VXTEST_HOOK(ssize_t, getrandom, (void *buffer, size_t size, unsigned int flags), (buffer, size, flags))
 
 // The sanitizer's allocator refuses large blocks, as a machine without memory does.
 extern "C" const char *__asan_default_options() { return "allocator_may_return_null=1:max_allocation_size_mb=64"; }
@@ -136,32 +142,41 @@ TEST(INUInt32HashTable, SizesThatCannotBeHadAreRefusedAtOnce) {
     }
 }
 
+// Both tables do the same, with texts for the numbers. Half of the numbers have only zeros in the bits that choose the
+// bucket.
 TEST(INUInt32HashTableModel, AgreesOverRandomOperations) {
     vxtest::ModelSteps steps("tables", 50000);
-    std::mt19937 &random = steps.random();
-    INUInt32HashTable table(32, HASH_LOW_BITS);
+    const auto anyKey = [&] { return static_cast<uint32_t>(steps.below(64) * (steps.oneIn(2) ? 1 : 0x01000000)); };
+    INUInt32HashTable numbers(32, HASH_LOW_BITS);
+    INStringHashTable texts(32);
     std::multimap<uint32_t, void *> model;  // equal keys in order of insertion
     while (steps.next()) {
-        const uint32_t key = random() % 64 * (random() % 2 == 0 ? 1 : 0x01000000);
-        if (random() % 2 == 0) {
-            void *const value = slot(random() % 1000);
-            table.addEntry(key, value);
+        const uint32_t key = anyKey();
+        if (steps.oneIn(2)) {
+            void *const value = slot(steps.below(1000));
+            numbers.addEntry(key, value);
+            texts.addEntry(std::to_string(key).c_str(), value);
             model.emplace(key, value);
         } else {
             const auto found = model.lower_bound(key);
             const bool known = found != model.end() && found->first == key;
-            ASSERT_EQ(table.removeEntry(key), known);
+            ASSERT_EQ(numbers.removeEntry(key), known);
+            ASSERT_EQ(texts.removeEntry(std::to_string(key).c_str()), known);
             if (known) model.erase(found);
         }
-        const uint32_t asked = random() % 64;
+        const uint32_t asked = anyKey();
         const auto found = model.lower_bound(asked);
         const bool known = found != model.end() && found->first == asked;
-        void *value = nullptr;
-        ASSERT_EQ(table.getValueFromKey(asked, &value), known);
+        void *value = nullptr, *ofText = nullptr;
+        ASSERT_EQ(numbers.getValueFromKey(asked, &value), known);
         ASSERT_EQ(value, known ? found->second : nullptr);
+        ASSERT_EQ(texts.getValueFromKey(std::to_string(asked).c_str(), &ofText), known);
+        ASSERT_EQ(ofText, value);
         if (steps.left() % 1000 == 0) {
-            ASSERT_EQ(table.getNumberOfKeys(), model.size());
-            table.removeAllEntries();
+            ASSERT_EQ(numbers.getNumberOfKeys(), model.size());
+            ASSERT_EQ(texts.getNumberOfKeys(), model.size());
+            numbers.removeAllEntries();
+            texts.removeAllEntries();
             model.clear();
         }
     }
@@ -348,6 +363,21 @@ TEST(TextHash, ATextHasOneHashWhereverItStands) {
             EXPECT_EQ(vx::textHash(buffer + offset, length), hash) << length;
         }
     }
+}
+
+TEST(TextHash, HasASecretBeforeTheKernelHasRandomBits) {
+    const vxtest::Hooked early(vxtest::hooks::getrandom, [](void *, size_t, unsigned int) -> std::optional<ssize_t> {
+        errno = EAGAIN;
+        return -1;
+    });
+    errno = EDOM;
+    const vx::TextHashSecret one, other;
+    EXPECT_EQ(errno, EDOM);
+    std::set<uint32_t> words(one.words.begin(), one.words.end());
+    words.insert(other.words.begin(), other.words.end());
+    EXPECT_GT(words.size(), one.words.size()) << "of " << 2 * one.words.size() << ", of which few may be alike";
+    EXPECT_EQ(words.count(0), 0U);
+    EXPECT_NE(vx::textHash("a key", 5, one), vx::textHash("a key", 5, other));
 }
 
 TEST(TextHash, EveryByteAndTheLengthCount) {

@@ -23,7 +23,7 @@ struct TextHashSecret {
         const ErrnoKeeper keeper;
         static_assert(sizeof *this == 256, "more may be interrupted by a signal");
         if (::getrandom(this, sizeof *this, GRND_NONBLOCK) != static_cast<ssize_t>(sizeof *this)) {
-            // GCOVR_EXCL_START: once in a process, before a test can begin
+            // GCOVR_EXCL_START: once in a process; tests make secrets of their own
             for (uint32_t &word : words) word = static_cast<uint32_t>(randomBits() * multiplier >> 32);
             // GCOVR_EXCL_STOP
         }
