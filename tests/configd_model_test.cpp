@@ -367,10 +367,11 @@ public:
     Plan next() {
         Plan plan;
         plan.busy = !asksOtherProcess() && steps_.oneIn(4);
-        if (steps_.left() > faulty_ || !steps_.oneIn(10)) return plan;
-        constexpr std::array faults{Fault::shorter, Fault::longer, Fault::wrong, Fault::empty,
-                                    Fault::late,    Fault::gone,   Fault::twice};
-        plan.fault = faults[steps_.below(faults.size() - (steps_.left() > repeating_ ? 1 : 0))];
+        const bool repeats = steps_.left() <= repeating_;
+        if (steps_.left() > faulty_ || !steps_.oneIn(repeats ? 3 : 10)) return plan;
+        constexpr std::array faults{Fault::shorter, Fault::longer, Fault::wrong,
+                                    Fault::empty,   Fault::late,   Fault::gone};
+        plan.fault = repeats && steps_.oneIn(2) ? Fault::twice : faults[steps_.below(faults.size())];
         plan.request = steps_.below(3);
         plan.inRealTime = steps_.oneIn(10000);
         return plan;
