@@ -64,8 +64,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         const systeminfo_var &var = table->vars[i];
         require((var.name != nullptr) == (i < expected->size()) && (var.value != nullptr) == (var.name != nullptr));
         if (var.name == nullptr) continue;
-        const auto &[name, value] = (*expected)[i];
-        require(var.name == name && var.value == value);
+        const std::string &name = (*expected)[i].first;
+        require(var.name == name && var.value == (*expected)[i].second);
         const auto first =
             std::find_if(expected->begin(), expected->end(), [&](auto &one) { return one.first == name; });
         require(systeminfo_getvar(table, name.c_str()) == first->second);
