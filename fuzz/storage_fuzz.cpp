@@ -43,7 +43,7 @@ struct Device {
     std::string mountPoint;  // as the kernel knows it
 };
 
-// Names that nothing is known about are left out. This machine has no board data, hence no known port.
+// Names that nothing is known about are left out. This machine has no board data, so no port is known.
 std::optional<Device> slowDevice(const std::string &name) {
     if (name == "mmcblk0p3") return Device{"mmcblk0", name, 0, 0, ""};
     if (name == "mmcblk1p1") return Device{"mmcblk1", name, 0, 0, ""};
