@@ -194,8 +194,8 @@ __attribute__((constructor)) void beginEarly() {
     if (tapMode != Mode::off) reach();
 }
 
-// Holds the lock. Meanwhile neither a signal handler of this thread, which would wait for the lock, is listened to, nor is
-// the thread cancelled, which would leave the lock taken.
+// Holds the lock. While it does, calls in a signal handler of this thread are not recorded, because they would wait for the
+// lock, and the thread is not cancelled, because the lock would stay taken.
 class Lock {
 public:
     Lock() {
@@ -230,7 +230,7 @@ public:
     Note &bytes(const void *data, size_t size) {
         constexpr const char *digits = "0123456789abcdef";
         const auto *const all = static_cast<const unsigned char *>(data);
-        // What there is no room for is left out, and the line stays one that can be read.
+        // Words that do not fit into a line are left out, so that the line can still be read.
         const auto isFull = [this] { return end_ + roomForEnd >= sizeof line; };
         if (isFull()) return *this;
         add(' ');

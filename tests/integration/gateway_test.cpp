@@ -419,7 +419,7 @@ TEST(Gw, RefusesARequestThatIsTooLong) {
     EXPECT_EQ(output.text, "egw: more than 32768 bytes of words\n");
 }
 
-// The directory below the disk is in the machine's memory. A limit for the size of files stands in for the end of that.
+// The directory below the disk is in the machine's memory. The test does not fill that: files have a limit of size.
 TEST(Gw, FillsNoDiskThatTheProgramHasUnmounted) {
     const auto output = vxtest::run({"prlimit", "--fsize=67108864", vxtest::built("gateway/vxgateway"), "run", "--net",
                                      "none", "--", "sh", "-c", "umount /data; gw disk fill data; exit 7"});
