@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
-// A configuration daemon whose answers are the pieces of the input; when they are used up it answers with nothing. A
-// piece that is "=" alone stands for an echo of the request. Results, values and requests must be those that a slow
+// A configuration daemon whose answers are the pieces of the input; when they are used up it answers with nothing. For
+// the piece "=" it sends the request back. Results, values and requests must be those that a slow
 // reading of the protocol predicts.
 #include <sys/stat.h>
 #include <syslog.h>

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
-// Replies of any bytes, handed to every reader of the ping families in a block of exactly their size. What they read is
-// what stands at the offsets that RFC 791 and RFC 792 give.
+// Replies of any bytes, handed to every reader of the ping families in a block of exactly their size. They must
+// read the bytes at the offsets of RFC 791 and RFC 792.
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>

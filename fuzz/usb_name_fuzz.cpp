@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
-// A USB port's names, and after the first byte 0xFF a device's path: it leads through the port when one of the names
-// stands in it between slashes.
+// A USB port's names, and after the first byte 0xFF a device's path: it leads through the port when one of
+// its components is one of the names.
 #include <cstdint>
 #include <cstdlib>
 #include <string>

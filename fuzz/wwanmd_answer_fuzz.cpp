@@ -58,7 +58,7 @@ public:
     Outcome command(const std::string &text) {
         if (!connected_ && !open()) return {-1, static_cast<int>(text.size()), text};
         const std::string request = text.ends_with('\n') ? text : text + "\n";
-        if (hungUp_) {  // the client connects anew at once, but the command is lost
+        if (hungUp_) {  // the client reconnects at once, but the command is lost
             open();
             return {-1, static_cast<int>(request.size()), request};
         }

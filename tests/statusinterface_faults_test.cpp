@@ -98,7 +98,7 @@ TEST(StatusSetupFaults, LogsPathsOfAnyLength) {
     EXPECT_EQ(lines[1].text, "Could not setup status interface for /tmp/status/" + longName + "!");
 }
 
-// Only String ends the process when there is no memory.
+// String aborts without memory; everything else fails.
 TEST_F(StatusFifo, WithoutMemoryEachCallFails) {
     StatusInterface status;
     const String place("/a/place/with/a/name/that/is/not/short");

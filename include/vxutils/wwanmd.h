@@ -98,7 +98,7 @@ struct wwanmd_handle {
     int card;                /**< card number */
     char app[16];            /**< name of the calling application, at most 15 characters */
     int fd;                  /**< the stream socket; -1 while closed */
-    int flags;               /**< bit 0: a handshake has succeeded once; never cleared. Bit 1: connect anew */
+    int flags;               /**< bit 0: a handshake has succeeded once; never cleared. Bit 1: reconnect first */
     int failures;            /**< consecutive failed sends and receives */
     int busy_count;          /**< consecutive commands that ended in "BUSY" */
     struct timespec last_io; /**< CLOCK_MONOTONIC time of the last send attempt or (re)connection */

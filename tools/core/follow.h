@@ -23,7 +23,7 @@ public:
 
     // Waits until the descriptor (-1: no descriptor) is readable, `longest` has passed (no value: no limit), or following is over.
     Event wait(int fd, std::optional<milliseconds> longest = std::nullopt);
-    // Prints one line. False when it was the last. A line for which there is no room is cut when following ends: a reader
+    // Prints one line. False when it was the last. A line that the output has no room for is cut when following ends: a reader
     // that does not read must not keep the command from ending.
     bool print(const Record &record, Plain form);
     // Prints a line after the end. Only a signal ends the wait for a reader that does not read.
