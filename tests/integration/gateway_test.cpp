@@ -632,7 +632,7 @@ TEST(Gw, PlaysAScenarioAndShowsHowFarItIs) {
 TEST(Gw, WatchBeginsWithTheNewestEntriesIfToldSo) {
     const auto output = inGateway(
         "gw note first; gw note second\n"
-        "gw watch last 4 >/tmp/watched & watch=$!\n"
+        ": >/tmp/watched; gw watch last 4 >/tmp/watched & watch=$!\n"
         "until grep -q second /tmp/watched; do :; done; gw note third\n"
         "until grep -q third /tmp/watched; do :; done; kill $watch; cat /tmp/watched\n",
         {"--net", "none"});
