@@ -8,21 +8,10 @@
 #include <string>
 #include <vector>
 
+#include "fuzz/split.h"
 #include "vxutils/ping_arp_line.h"
 
 namespace {
-
-std::vector<std::string> split(const std::string &text, const std::string &separators) {
-    std::vector<std::string> parts(1);
-    for (const char c : text) {
-        if (separators.find(c) != std::string::npos) {
-            parts.emplace_back();
-        } else {
-            parts.back() += c;
-        }
-    }
-    return parts;
-}
 
 // The base is the one that the prefix says; what follows the digits is ignored. Nothing for a number that is too large
 // for the kernel to write.

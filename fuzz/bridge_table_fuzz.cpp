@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "fuzz/split.h"
 #include "vxutils/interface_bridge.h"
 
 namespace {
@@ -23,14 +24,7 @@ public:
 
     std::string member(const std::string &line) {
         if (line.compare(0, 7, "bridge ") == 0) return "";
-        std::vector<std::string> fields(1);
-        for (const char c : line) {
-            if (c == '\t') {
-                fields.emplace_back();
-            } else {
-                fields.back() += c;
-            }
-        }
+        const std::vector<std::string> fields = split(line, "\t");
         const std::string name = fields[0].substr(0, fields[0].find('\n'));
         std::vector<std::string> full;
         for (const std::string &field : fields) {

@@ -18,6 +18,8 @@
 #include <ctime>
 #include <thread>
 
+#include "gateway/send_alone.h"
+
 namespace {
 
 template <typename Function>
@@ -57,25 +59,6 @@ int boundSocket(int type, const char *path) {
     ::unlink(path);
     if (fd == -1 || ::bind(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address) == -1) std::abort();
     return fd;
-}
-
-// Sends a part that one recv() of the other side brings, even when more has come: the kernel ends a read after bytes that
-// a descriptor was passed with. Without a buffer for it the receiver does not get the descriptor.
-void sendAlone(int fd, const std::string &part) {
-    static const int passed = contentFile("");
-    alignas(cmsghdr) std::array<char, CMSG_SPACE(sizeof passed)> control{};
-    iovec bytes{const_cast<char *>(part.data()), part.size()};
-    msghdr message{};
-    message.msg_iov = &bytes;
-    message.msg_iovlen = 1;
-    message.msg_control = control.data();
-    message.msg_controllen = control.size();
-    cmsghdr *const header = CMSG_FIRSTHDR(&message);
-    header->cmsg_level = SOL_SOCKET;
-    header->cmsg_type = SCM_RIGHTS;
-    header->cmsg_len = CMSG_LEN(sizeof passed);
-    std::memcpy(CMSG_DATA(header), &passed, sizeof passed);
-    ::sendmsg(fd, &message, MSG_NOSIGNAL);
 }
 
 }  // namespace
@@ -168,7 +151,7 @@ void startStreamPeer(const char *path, std::function<Reply(std::string_view requ
                 const ssize_t got = ::recv(fd, request.data(), request.size(), 0);
                 if (got <= 0) break;
                 const Reply reply = answer({request.data(), static_cast<size_t>(got)});
-                for (const std::string &part : reply.parts) sendAlone(fd, part);
+                for (const std::string &part : reply.parts) vxgateway::sendAlone(fd, part);
                 if (reply.hangUp) break;
             }
             ::close(fd);

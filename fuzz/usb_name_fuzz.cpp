@@ -4,8 +4,8 @@
 #include <cstdint>
 #include <cstdlib>
 #include <string>
-#include <vector>
 
+#include "fuzz/split.h"
 #include "vxutils/storage_usb_port.h"
 
 namespace {
@@ -25,15 +25,7 @@ bool hasBetweenSlashes(const std::string &path, const std::string &name) {
 }
 
 bool slowReading(const std::string &path, const std::string &names) {
-    std::vector<std::string> lines(1);
-    for (const char c : names) {
-        if (c == '\n') {
-            lines.emplace_back();
-        } else {
-            lines.back() += c;
-        }
-    }
-    for (const std::string &line : lines) {
+    for (const std::string &line : split(names, "\n")) {
         if (!line.empty() && hasBetweenSlashes(path, line)) return true;
     }
     return false;

@@ -6,7 +6,6 @@
 #include <fcntl.h>
 #include <linux/sockios.h>
 #include <poll.h>
-#include <sys/eventfd.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -31,6 +30,7 @@
 #include <vector>
 
 #include "gateway/control.h"
+#include "gateway/send_alone.h"
 
 namespace {
 
@@ -304,26 +304,6 @@ bool Daemon::sendTimed(Client &client) {
     return !answers.empty();
 }
 
-// Sends bytes that are not received together with what comes before or after them: the kernel ends a receive at a message
-// that carries a descriptor. A receiver that does not ask for the descriptor never gets it.
-void sendAlone(int fd, const std::string &text) {
-    static const int carried = ::eventfd(0, EFD_CLOEXEC);
-    std::string bytes = text;
-    iovec part{bytes.data(), bytes.size()};
-    alignas(cmsghdr) std::array<char, CMSG_SPACE(sizeof carried)> control{};
-    msghdr message{};
-    message.msg_iov = &part;
-    message.msg_iovlen = 1;
-    message.msg_control = control.data();
-    message.msg_controllen = control.size();
-    cmsghdr *const header = CMSG_FIRSTHDR(&message);
-    header->cmsg_level = SOL_SOCKET;
-    header->cmsg_type = SCM_RIGHTS;
-    header->cmsg_len = CMSG_LEN(sizeof carried);
-    std::memcpy(CMSG_DATA(header), &carried, sizeof carried);
-    (void)!::sendmsg(fd, &message, MSG_NOSIGNAL);
-}
-
 // Sends the next piece when it is due and the one before has been read. Returns whether more is to come.
 bool Daemon::sendDue(Client &client) {
     if (client.pieces.empty()) return false;
@@ -334,7 +314,7 @@ bool Daemon::sendDue(Client &client) {
     }
     const Piece &piece = client.pieces.front();
     if (nowUs() < client.previousDoneUs + piece.delayMs * 1000LL) return true;
-    sendAlone(client.fd, piece.bytes);
+    vxgateway::sendAlone(client.fd, piece.bytes);
     client.pieces.pop_front();
     client.previousDoneUs = nowUs();
     return !client.pieces.empty();
