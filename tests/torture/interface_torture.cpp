@@ -8,6 +8,7 @@
 
 #include "support/files.h"
 #include "support/netns.h"
+#include "support/process.h"
 #include "torture/faults.h"
 
 using torture::Run;
@@ -33,8 +34,19 @@ void bridge(Run &run) {
     run.outcome("bridge_members", size == 10 && std::string(text) == "eth0 eth1 ", size < 10);
 }
 
+// The kernel counts a new cable as running until it has looked at the other end, up to a second later.
+bool makeDeadCable() {
+    vxtest::ip("link add torture0 type veth peer name torture1");
+    vxtest::ip("link set torture0 up");
+    const char *const state = "/sys/class/net/torture0/operstate";
+    const bool known = vxtest::eventually([state] { return vxtest::readFile(state) == "lowerlayerdown\n"; });
+    vxtest::ip("link set torture0 down");
+    return known;
+}
+
 void requests(Run &run) {
-    static const std::string made = vxtest::ip("link add torture0 type veth peer name torture1");
+    static const bool made = makeDeadCable();
+    run.always("a cable without its other end", made);
     IpInterfaceStatus status;
     const int set = run([&] { return status.setIpV4Address("torture0", 0xC0000207); });
     run.outcome("setIpV4Address", set == 1, set == 0);
