@@ -70,6 +70,50 @@ TEST(DynamicModule, CallsInitOnceAndDoneBeforeTheLibraryIsClosed) {
                                         LogLine{LOG_DEBUG, "closing shared library " + quoted(full)}));
 }
 
+// When a plug-in hangs or crashes, the last line of the log names the function that it was in.
+TEST(DynamicModule, LogsEachStepBeforeItTakesIt) {
+    vxtest::SyslogCapture log;
+    std::string diary = "aloud;";
+    {
+        CDynamicModule module(full);
+        ASSERT_EQ(module.load(&diary), 0);
+        ASSERT_NE(module.getClassFactory(), nullptr);
+    }
+    const std::string path = "shared library " + quoted(full);
+    EXPECT_THAT(
+        log.take(),
+        ElementsAre(LogLine{LOG_DEBUG, "opened " + path}, LogLine{LOG_DEBUG, "calling init function for " + path},
+                    LogLine{LOG_INFO, "init"}, LogLine{LOG_DEBUG, "Retrieving classfactory from " + path},
+                    LogLine{LOG_INFO, "factory"}, LogLine{LOG_DEBUG, "Calling done function for " + path},
+                    LogLine{LOG_INFO, "done"}, LogLine{LOG_DEBUG, "closing " + path}, LogLine{LOG_INFO, "closed"}));
+}
+
+TEST(DynamicModule, TwoObjectsOfOnePathShareTheLibraryAndInitialiseItTwice) {
+    std::string diary;
+    auto first = std::make_unique<CDynamicModule>(full);
+    CDynamicModule second(full);
+    ASSERT_EQ(first->load(&diary), 0);
+    ASSERT_EQ(second.load(&diary), 0);
+    EXPECT_EQ(diary, "init;init;");
+    EXPECT_EQ(first->getClassFactory(), second.getClassFactory());
+    first.reset();
+    EXPECT_EQ(diary, "init;init;factory;factory;done;");
+    EXPECT_TRUE(isLoaded(full));
+}
+
+TEST(DynamicModule, WhatInitialisationThrowsReachesTheCallerAndTheLibraryStaysLoaded) {
+    vxtest::SyslogCapture log;
+    CDynamicModule first(full);
+    ASSERT_EQ(first.load(nullptr), 0);
+    CDynamicModule module(user);
+    int number = 43;
+    EXPECT_THROW(module.load(&number), int);
+    (void)log.take();
+    EXPECT_EQ(module.load(nullptr), -1);
+    EXPECT_THAT(log.take(), ElementsAre(LogLine{LOG_DEBUG, "Dynamic module " + user + " already loaded"}));
+    EXPECT_NE(module.getClassFactory(), nullptr);
+}
+
 TEST(DynamicModule, LoadsALibraryWithoutEntryPoints) {
     vxtest::SyslogCapture log;
     {

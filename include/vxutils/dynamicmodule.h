@@ -35,9 +35,10 @@
  *
  * **Blocking.** Loading takes as long as the library's initialisation.
  *
- * **Errors.** A call that fails returns -1 or nullptr. Errors (LOG_ERR) and progress (LOG_DEBUG) go to the system log;
- * lastError() has the loader's own text. The destructor never throws; exceptions of the plug-in's other functions reach
- * the caller.
+ * **Errors.** A call that fails returns -1 or nullptr. Errors (LOG_ERR), a library that the loader refuses to close
+ * (LOG_WARNING), and progress and a second load() (LOG_DEBUG) go to the system log; lastError() has the loader's own
+ * text. The destructor never throws; exceptions of the plug-in's other functions reach the caller. After one of
+ * `dynamic_module_init` the library is loaded.
  *
  * **Limits.** Those of the dynamic loader. Two objects with the same path share one loaded library: each calls
  * `dynamic_module_init`.

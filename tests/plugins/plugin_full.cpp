@@ -1,11 +1,20 @@
 // SPDX-License-Identifier: MIT
-// A plug-in with every entry point. It tells what happened in a text that the test hands to its initialisation.
+// A plug-in with every entry point. It tells what happened in a text that the test hands to its initialisation, and in
+// the system log if that text asks for it.
+#include <syslog.h>
+
 #include <string>
 
 namespace {
 
 std::string *diary = nullptr;
 int factory = 0;
+
+void note(const std::string &event) {
+    if (diary == nullptr) return;
+    if (diary->rfind("aloud;", 0) == 0) ::syslog(LOG_INFO, "%s", event.c_str());
+    *diary += event + ";";
+}
 
 }  // namespace
 
@@ -19,16 +28,14 @@ void *getClassFactory();
 
 void dynamic_module_init(void *arg) {
     diary = static_cast<std::string *>(arg);
-    if (diary != nullptr) *diary += "init;";
+    note("init");
     ++plugin_full_calls;
 }
 
-void dynamic_module_done() {
-    if (diary != nullptr) *diary += "done;";
-}
+void dynamic_module_done() { note("done"); }
 
 void *getClassFactory() {
-    if (diary != nullptr) *diary += "factory;";
+    note("factory");
     ++factory;
     return &factory;
 }
@@ -38,9 +45,7 @@ namespace {
 
 // The library's own end: what happens in dlclose().
 struct Farewell {
-    ~Farewell() {
-        if (diary != nullptr) *diary += "closed;";
-    }
+    ~Farewell() { note("closed"); }
 } farewell;
 
 }  // namespace
