@@ -9,6 +9,7 @@
 #include <array>
 #include <cerrno>
 #include <functional>
+#include <memory>
 #include <new>
 #include <optional>
 #include <system_error>
@@ -18,6 +19,7 @@
 #include "support/call_hooks.h"
 #include "support/descriptor_limit.h"
 #include "support/messagequeue.h"
+#include "support/text.h"
 
 VXTEST_HOOK(int, pthread_mutexattr_init, (pthread_mutexattr_t * attributes), (attributes))
 VXTEST_HOOK(int, pthread_mutexattr_settype, (pthread_mutexattr_t * attributes, int kind), (attributes, kind))
@@ -35,6 +37,7 @@ using namespace vxtest::messagequeue;
 namespace hooks = vxtest::hooks;
 
 using vxtest::Hooked;
+using vxtest::textf;
 
 using MessagequeueFaults = Messagequeue;
 using FullPipeFaults = FullPipe;
@@ -120,6 +123,22 @@ TEST_F(MessagequeueFaults, InitThrowsWhatTheSourceThrowsAndTheQueueCanBeDestroye
     EXPECT_EQ(vxtest::openDescriptors(), before);
 }
 
+TEST_F(MessagequeueFaults, InitSucceedsThoughTheSourceCannotWatchTheQueue) {
+    CEPollEventsource source;  // without its init() it has no epoll set
+    auto unwatched = std::make_unique<CMessageQueue>(&consumer, &source);
+    void *const sink = static_cast<IFDEventsink *>(unwatched.get());
+    EXPECT_EQ(unwatched->init(), 0);
+    const int fd = unwatched->getFd();
+    EXPECT_EQ(log.take(),
+              (Lines{{vxtest::errorLevel, textf("Unable to add fd %i (sink 0x%p) to epoll-events", fd, sink)}}));
+    EXPECT_EQ(unwatched->send(CQMsg(1)), 0);
+    unwatched->onReadable();
+    EXPECT_EQ(consumer.codes, std::vector<int>{1});
+    unwatched.reset();
+    EXPECT_EQ(log.take(),
+              (Lines{{vxtest::errorLevel, textf("Unable to remove fd %i (sink 0x%p) from epoll-events", fd, sink)}}));
+}
+
 TEST_F(MessagequeueFaults, SendingBeforeInitFailsAndQueuesNothing) {
     EXPECT_EQ(queue->send(CQMsg(1)), -1);
     EXPECT_EQ(log.take(), (Lines{{vxtest::errorLevel, "Unable to write to pipe - errno=Bad file descriptor"}}));
@@ -140,11 +159,11 @@ TEST_F(MessagequeueFaults, AnUnreadablePipeIsReportedToTheConsumer) {
     consumer.whenError = [&](CMessageQueue *from) {
         EXPECT_EQ(from, queue.get());
         std::thread([&] { EXPECT_EQ(queue->send(CQMsg(3)), 0); }).join();  // the lock is not held
+        EXPECT_EQ(log.take(),
+                  (Lines{{vxtest::errorLevel, "Unable to read from pipe - errno=Resource temporarily unavailable"}}));
     };
     queue->onReadable();  // nothing sent
     EXPECT_EQ(consumer.errors, 2);
-    EXPECT_EQ(log.take(),
-              (Lines{{vxtest::errorLevel, "Unable to read from pipe - errno=Resource temporarily unavailable"}}));
     queue->onReadable();
     EXPECT_EQ(consumer.codes, std::vector<int>{3});
     queue->onWritable();  // does nothing
