@@ -195,6 +195,49 @@ TEST_F(Eventsource, AOneShotSinkWithTwoTimersLosesTheLowestWhenItFires) {
     source->removeTimer(&timer);
 }
 
+// A timer whose sink gives another answer from the second time on.
+class FickleTimer : public Timer {
+public:
+    explicit FickleTimer(bool onceAtFirst) : Timer(1, onceAtFirst) {}
+    int getTimeoutMs() override {
+        ++periodsAsked;
+        return Timer::getTimeoutMs();
+    }
+    bool isOneShot() override { return (++kindsAsked > 1) != oneShot; }
+
+    int periodsAsked = 0;
+    int kindsAsked = 0;
+};
+
+TEST_F(Eventsource, ATimerThatBecomesOneShotIsRemovedWhenItFires) {
+    init();
+    FickleTimer timer(false);
+    timer.whenFired = [&] {
+        EXPECT_FALSE(source->activeTimer(&timer));
+        source->terminate();
+    };
+    source->addTimer(&timer);
+    runUntilTerminated();
+    EXPECT_EQ(timer.counts.size(), 1U);
+    EXPECT_EQ(timer.periodsAsked, 1);
+    EXPECT_EQ(timer.kindsAsked, 2);
+    EXPECT_EQ(timerDescriptors(), std::vector<int>{});
+}
+
+TEST_F(Eventsource, AOneShotTimerThatBecomesPeriodicStaysActiveAndFiresOnce) {
+    init();
+    FickleTimer timer(true);
+    Timer end(30, true);
+    end.whenFired = [&] { source->terminate(); };
+    source->addTimer(&timer);
+    source->addTimer(&end);
+    runUntilTerminated();
+    EXPECT_EQ(timer.counts, std::vector<unsigned int>{1});
+    EXPECT_EQ(timer.periodsAsked, 1);
+    EXPECT_TRUE(source->activeTimer(&timer));
+    source->removeTimer(&timer);
+}
+
 // A derived loop that counts the timers that are removed.
 class CountingLoop : public CEPollEventsource {
 public:

@@ -17,6 +17,7 @@
 #include <random>
 #include <stdexcept>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "support/loop.h"
@@ -452,6 +453,32 @@ TEST_F(Eventsource, AnUnknownDescriptorIsClosedAndStopsTheLoop) {
         (Lines{{LOG_ERR,
                 textf("Unable to find corresponding event-sink for active file descriptor %i - terminating!", fd)}}));
     EXPECT_EQ(::fcntl(fd, F_GETFD), -1);
+}
+
+TEST_F(Eventsource, TheRoundOfAnUnknownDescriptorIsServedToItsEnd) {
+    init();
+    Sink sink;
+    sink.whenReadable = [&] { sink.clear(); };
+    source->addSink(&sink, IFDEventsource::ET_READ);
+    sink.fire();
+    Sink second;
+    source->addSink(&second, IFDEventsource::ET_NONE);  // with two sinks a round has room for two events
+    const int unknown = ::eventfd(0, EFD_CLOEXEC);
+    bool reported = false;
+    kernel.wait = [&](epoll_event *events, int) -> std::optional<int> {
+        if (std::exchange(reported, true)) {
+            EXPECT_EQ(sink.reads, 1);
+            return std::nullopt;
+        }
+        events[0].events = EPOLLIN;
+        events[0].data.fd = unknown;
+        events[1].events = EPOLLIN;
+        events[1].data.fd = sink.getFd();
+        return 2;
+    };
+    runUntilTerminated();
+    EXPECT_EQ(log.take().size(), 1U);
+    ::close(unknown);
 }
 
 // A duplicate keeps a sink's file open after its descriptor was closed. Its events still carry the old number, which
