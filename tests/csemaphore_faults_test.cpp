@@ -499,6 +499,23 @@ TEST_F(PlainSemaphoreFaults, InitReportsThatANewSemaphoreCannotBeFreed) {
     EXPECT_EQ(log.take(), (Lines{{LOG_ERR, "CSemaphore::lock() - invalid semId!"}}));
 }
 
+TEST_F(PlainSemaphoreFaults, AnInterruptedLockIsRepeatedAndAnInterruptedUnlockIsNot) {
+    CSemaphore lock("/etc/hostname", 18);
+    ASSERT_EQ(lock.init(), 0);
+    int calls = 0;
+    const Hooked interrupted(hooks::semop, [&](int, sembuf *, size_t) -> std::optional<int> {
+        if (++calls % 4 == 0) return std::nullopt;
+        errno = EINTR;
+        return -1;
+    });
+    EXPECT_EQ(lock.lock(), 0);
+    EXPECT_EQ(calls, 4);
+    EXPECT_EQ(log.take(), Lines{});
+    EXPECT_EQ(lock.unlock(), -1);
+    EXPECT_EQ(calls, 5);
+    EXPECT_EQ(log.take(), (Lines{{LOG_ERR, textf("CSemaphore::unlock() - semop() failed errno=%i", EINTR)}}));
+}
+
 TEST_F(PlainSemaphoreFaults, ARemovedSemaphoreIsReportedByLockAndUnlock) {
     CSemaphore lock("/etc/hostname", 12);
     ASSERT_EQ(lock.init(), 0);
