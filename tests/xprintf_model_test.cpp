@@ -127,6 +127,7 @@ void modelFormat(Model &out, const char *at, va_list ap) {
                 break;
             }
         }
+        if (field.left) field.zero = false;
         if (*at == '*') {
             ++at;
             field.width = va_arg(ap, int);
@@ -147,7 +148,6 @@ void modelFormat(Model &out, const char *at, va_list ap) {
                 for (; *at >= '0' && *at <= '9'; ++at) field.precision = field.precision * 10 + (*at - '0');
             }
         }
-        if (field.left) field.zero = false;
         char length = '\0';
         if (*at == 'h' || *at == 'l') length = *at++;
         switch (*at) {

@@ -307,7 +307,10 @@ TEST(Xprintf, StarsComeFromTheArguments) {
     EXPECT_EQ(whole("[%*d]", 5, 42), "[   42]");
     EXPECT_EQ(whole("[%*d]", -5, 42), "[42   ]");
     EXPECT_EQ(whole("[%0*d]", 5, 42), "[00042]");
-    EXPECT_EQ(whole("[%0*d]", -5, 42), "[42   ]") << "left-justified, so the zero flag drops";
+    EXPECT_EQ(whole("[%0*d]", -5, 42), "[00042]") << "only the flag - drops the zero flag";
+    EXPECT_EQ(whole("[%0*d|%#0*x]", -5, -42, -7, 0xabU), "[-0042|0x000ab]");
+    EXPECT_EQ(whole("[%-0*d|%0-*d]", -5, 42, 5, 42), "[42   |42   ]");
+    EXPECT_EQ(whole("[%0*.3d|%0*s|%0*c]", -5, 4, -5, "ab", -3, 'c'), "[004  |ab   |c  ]");
     EXPECT_EQ(whole("[%.*s]", 2, "abc"), "[ab]");
     EXPECT_EQ(whole("[%.*s]", -2, "abc"), "[abc]");
     EXPECT_EQ(whole("[%05.*d]", -1, 42), "[00042]") << "a negative precision is none and leaves the zero flag in force";

@@ -381,9 +381,9 @@ inline void readPrecision(const char *&at, Field &field, Arguments &args) {
         at += 2;
     } else if (*at <= '9') {  // most conversions are a bare letter
         field.flags = readFlags(at);
-        readWidth(at, field, args);
-        readPrecision(at, field, args);
         if (field.has(leftJustify)) field.flags &= ~static_cast<unsigned int>(zeroPad);
+        readWidth(at, field, args);  // a negative one leaves the 0 flag in force
+        readPrecision(at, field, args);
     }
     if (*at == 'h' || *at == 'l') field.length = *at++;
     return field;

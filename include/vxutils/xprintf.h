@@ -35,6 +35,7 @@
  * - l is ignored before c, s, p and n, h before c, s and p: with ls the argument is a text of bytes, with ln an int.
  * - Any other conversion character, floating point and a second l or h included, prints itself and takes no argument
  *   (but those of its stars); what came before it is dropped. A lone percent sign at the end ends the output.
+ * - A negative \* width justifies to the left but leaves the 0 flag in force: zeros then come before a number's digits.
  * - A negative \* precision counts as none. A width or precision written in digits wraps when it overflows.
  *
  * A text argument with a precision need not be terminated within it: no byte after the precision is read.
