@@ -197,15 +197,21 @@ TEST_F(CfreadIncludeLimits, NamesHaveTheirLimitsAndAreNeverCut) {
     EXPECT_EQ(openText("include " + relative(511) + "\n"), nullptr);
     EXPECT_EQ(log.take(), error("cfread: unable to open " + relative(511)));
 
-    // The including file's own name, whose directory is needed.
-    vxtest::writeFile(pathOf(511), "include beside.conf\n");
-    vxtest::writeFile(pathOf(512), "include beside.conf\n");
-    vxtest::writeFile(std::filesystem::path(pathOf(511)).parent_path() / "beside.conf", "b=3\n");
-    const Table table = openFile(pathOf(511).c_str());
-    ASSERT_NE(table, nullptr);
-    EXPECT_EQ(value(table, "b"), "3");
-    EXPECT_EQ(cfread_open(pathOf(512).c_str()), nullptr);
-    EXPECT_EQ(log.take(), error("cfread: unable to open beside.conf"));
+    // The directory of the including file, with its slash. What comes after it may be of any length.
+    for (const size_t length : {510u, 511u}) {
+        const std::string directory = pathOf(length - 1) + "/";
+        vxtest::writeFile(directory + "beside.conf", "b=3\n");
+        for (const size_t rest : {1u, 2u, 255u}) {
+            const std::string file = directory + std::string(rest, 'm');
+            vxtest::writeFile(file, "include beside.conf\n");
+            const Table table = openFile(file.c_str());
+            ASSERT_EQ(table != nullptr, length == 510) << rest;
+            if (table != nullptr) {
+                EXPECT_EQ(value(table, "b"), "3");
+            }
+            EXPECT_EQ(log.take(), length == 510 ? Log{} : error("cfread: unable to open beside.conf"));
+        }
+    }
 }
 
 TEST_F(CfreadIncludeLimits, ANameThatGrowsWithEachIncludeEndsAtItsLimit) {

@@ -58,8 +58,9 @@ namespace {
 
 constexpr size_t lineMax = 1023;     // of a line buffer of 1024 bytes
 constexpr size_t textMax = 255;      // characters of a key, of a value
-constexpr size_t pathMax = 511;      // characters of the path of a file with includes, of an absolute include
+constexpr size_t pathMax = 511;      // characters of an absolute include
 constexpr size_t relativeMax = 510;  // characters of an include beside the file
+constexpr ptrdiff_t ownMax = 510;    // characters of the including file's directory and the slash after it
 constexpr int slotStep = 64;
 constexpr uint32_t firstCells = 4 * slotStep;
 constexpr size_t firstChunk = 4000;  // each chunk is twice as large as the one before it
@@ -488,10 +489,11 @@ private:
     vx::MallocText pathOf(const char *name) const {
         const size_t length = std::strlen(name);
         if (*name == '/') return vx::MallocText(length > pathMax ? nullptr : ::strdup(name));
-        const size_t ownLength = std::strlen(source_->name);
-        if (length > relativeMax || ownLength > pathMax) return nullptr;
+        // Only the last part of the including file's name may be cut: what is before it is the directory.
+        const char *slash = std::strrchr(source_->name, '/');
+        if (length > relativeMax || (slash != nullptr && slash - source_->name >= ownMax)) return nullptr;
         std::array<char, pathMax + 1> own;
-        std::memcpy(own.data(), source_->name, ownLength + 1);
+        strlcpy(own.data(), source_->name, own.size());
         const char *directory = ::dirname(own.data());
         const size_t size = std::strlen(directory) + 1 + length + 1;
         vx::MallocText path(static_cast<char *>(std::malloc(size)));

@@ -41,10 +41,10 @@
  *
  * **Limits.** A line has at most 1023 bytes with its line end. Of a longer one the rest is read as a line of its own,
  * whether it is a comment, an include or an entry with a carriage return; any other entry of that length fails. Key and
- * value have at most 255 characters each. A file whose name has more than 511 characters cannot include one whose name
- * does not begin with "/". Files nest as deep as there are descriptors; a file that includes itself fails when they run
- * out. One read opens at most 16384 included files, and no more after it has read 16 MiB from them: the next one then
- * fails as a file that cannot be opened.
+ * value have at most 255 characters each. A file whose directory, the slash after it included, has more than 510
+ * characters cannot include one whose name does not begin with "/". Files nest as deep as there are descriptors; a file
+ * that includes itself fails when they run out. One read opens at most 16384 included files, and no more after it has
+ * read 16 MiB from them: the next one then fails as a file that cannot be opened.
  *
  * **Privileges.** Read access to the files.
  *
