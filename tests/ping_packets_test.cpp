@@ -196,6 +196,38 @@ TEST_F(PingPackets, WhileItWaitsOneSocketIsOpen) {
     }
 }
 
+// The kernel takes milliseconds to close the query socket and to begin to record arrivals. An echo that leaves before
+// both is done has them in its round-trip time.
+TEST_F(PingPackets, AnEchoLeavesWhenItsArrivalIsRecordedAndTheQuerySocketIsClosed) {
+    ConnectedLog log;
+    knowGateway(wan->gateway);
+    const size_t before = vxtest::openDescriptors().size();
+    for (const char *target : {gatewayText, targetText}) {
+        SCOPED_TRACE(target);
+        Watch watch;
+        watch.receiveFromScript();
+        std::vector<size_t> openAtRequest;
+        int recorded = -1;
+        watch.calls->setsockopt = [&](int fd, int level, int option, const void *, socklen_t) -> std::optional<int> {
+            if (level == SOL_SOCKET && option == SO_TIMESTAMPNS) {
+                openAtRequest.push_back(vxtest::openDescriptors().size() - before);
+                recorded = fd;
+            }
+            return std::nullopt;
+        };
+        int echoes = 0;
+        watch.calls->sendto = [&](int fd, const void *, size_t, const sockaddr *, socklen_t) -> std::optional<ssize_t> {
+            ++echoes;
+            EXPECT_EQ(fd, recorded);
+            EXPECT_EQ(vxtest::openDescriptors().size(), before + 1) << "the echo's own socket";
+            return std::nullopt;
+        };
+        EXPECT_EQ(rawping("wan0", target, gatewayText, 0), -1);
+        EXPECT_EQ(echoes, 1);
+        EXPECT_EQ(openAtRequest, (std::vector<size_t>{1, 2})) << "first on the query socket, which is still open then";
+    }
+}
+
 // ---- rawping at IP level ----
 
 TEST_F(PingPackets, TheIpLevelEchoIsTheseBytes) {

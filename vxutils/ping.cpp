@@ -57,8 +57,9 @@ struct EchoContext {
     int interfaceIndex;
     unsigned int timeoutMs;
     int bufferSize;
-    // Closed only when the first echo has been sent: closing a packet socket takes the kernel milliseconds, and a
-    // processor that has slept in them is slow to send an echo.
+    // Closed right before the first echo is sent, when the echo's own socket is open. Closing a packet socket takes the
+    // kernel milliseconds: they must not lie between an echo and the first look for its reply, and in them the kernel
+    // begins to record times.
     vx::Fd querySocket;
     vx::Fd packetSocket;
     vx::Fd ipSocket;
@@ -272,11 +273,11 @@ int sendIp(EchoContext &context, uint32_t address) {
 
     if (!context.ipSocket.valid() && openIpSocket(context) == -1) return -1;
     const sockaddr_in host = hostAddress(address);
+    context.querySocket.reset();
     rehearse(context.ipSocket.get(), packet, host);
     context.sent = now(CLOCK_REALTIME);
     const ssize_t sent = sendto(context.ipSocket.get(), packet.data(), packet.size(), 0,
                                 reinterpret_cast<const sockaddr *>(&host), sizeof host);
-    context.querySocket.reset();
     if (sent < static_cast<ssize_t>(packet.size())) {
         vx::log(LOG_ERR, "rawping[%s]: unable to send %d bytes to %s (%s)", context.interface, context.bufferSize,
                 addressText(address).data(), lastError());
@@ -395,10 +396,10 @@ int sendLink(EchoContext &context, const uint32_t *mark) {
     address.sll_pkttype = PACKET_OTHERHOST;
     address.sll_halen = ETH_ALEN;
     std::copy(context.targetHardware.begin(), context.targetHardware.end(), address.sll_addr);
+    context.querySocket.reset();
     context.sent = now(CLOCK_MONOTONIC);
     const ssize_t sent = sendto(context.packetSocket.get(), frame.data(), frame.size(), 0,
                                 reinterpret_cast<const sockaddr *>(&address), sizeof address);
-    context.querySocket.reset();
     if (sent < static_cast<ssize_t>(frame.size())) {
         vx::log(LOG_ERR, "rawping[%s]: cannot send %d bytes to %s (%s)", context.interface, context.bufferSize,
                 addressText(context.targetAddress).data(), lastError());
@@ -545,7 +546,8 @@ int queryInterface(EchoContext &context) {
         vx::log(LOG_ERR, "rawping[%s]: unable to create socket (%s)", context.interface, lastError());
         return -1;
     }
-    // The kernel begins to record times a moment after it is asked to: asking now has it ready for the echo.
+    // The kernel begins to record times a moment after the first socket asks for it. A reply that comes in earlier gets
+    // the time of the look that finds it.
     stampArrivals(context.querySocket.get());
     if (findIndex(context) == -1) return -1;
     if (findAddress(context, context.sourceText, SIOCGIFADDR, "source", context.sourceAddress) == -1) return -1;
