@@ -5,7 +5,6 @@
 #include <net/if.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
-#include <syslog.h>
 #include <unistd.h>
 #include <vxutils/ipinterfacestatus.h>
 
@@ -271,35 +270,46 @@ TEST_F(Status, ConnectivityIsTheHotLinksInterfaceFile) {
     EXPECT_EQ(status.haveNetworkConnectivity(), 0);
 }
 
-TEST_F(Status, WithoutMemoryThereIsNoConnectivity) {
-    vxtest::writeFile("/tmp/status/link-manager/hotlink/interface", "");
+TEST_F(Status, WithoutMemoryALinkIsNotFollowed) {
+    vxtest::writeFile("/tmp/status/link-manager/wan0", "");
+    vxtest::makeDirs("/tmp/status/link-manager/hotlink");
+    ASSERT_EQ(::symlink("../wan0", "/tmp/status/link-manager/hotlink/interface"), 0);
     vxtest::objectsRunOut = true;
     const int connected = status.haveNetworkConnectivity();
     vxtest::objectsRunOut = false;
     EXPECT_EQ(connected, 0);
     EXPECT_EQ(status.haveNetworkConnectivity(), 1);
-    ::unlink("/tmp/status/link-manager/hotlink/interface");
-}
-
-TEST_F(Status, ARefusedTreeIsLogged) {
-    vxtest::writeFile("/tmp/status/link-manager/hotlink/interface", "");
-    ASSERT_EQ(::chmod("/tmp/status/link-manager", 0777), 0);
-    ASSERT_EQ(::chown("/tmp/status/link-manager/hotlink", 65534, 65534), 0);
-    vxtest::SyslogCapture log;
-    EXPECT_EQ(status.haveNetworkConnectivity(), 0);
-    const std::vector<vxtest::LogLine> expected{
-        {LOG_ERR,
-         "Refused status path /tmp/status/link-manager/hotlink/interface: \"hotlink\" belongs to user 65534!"}};
-    EXPECT_EQ(log.take(), expected);
     std::filesystem::remove_all("/tmp/status/link-manager");
 }
 
-TEST_F(Status, NothingElseIsLogged) {
+TEST_F(Status, AStrangersTreeDoesNotCount) {
+    const std::string tree = "/tmp/status/link-manager";
+    vxtest::writeFile(tree + "/hotlink/interface", "");
+    EXPECT_EQ(status.haveNetworkConnectivity(), 1);
+    for (const std::string entry : {"", "/hotlink", "/hotlink/interface"}) {
+        const std::string path = tree + entry;
+        const std::string directory = std::filesystem::path(path).parent_path();
+        ASSERT_EQ(::chmod(directory.c_str(), 0777), 0);
+        ASSERT_EQ(::chown(path.c_str(), 65534, 65534), 0);
+        EXPECT_EQ(status.haveNetworkConnectivity(), 0) << path;
+        ASSERT_EQ(::chmod(directory.c_str(), 0755), 0);
+        EXPECT_EQ(status.haveNetworkConnectivity(), 1) << "only root can have put it there";
+        ASSERT_EQ(::chown(path.c_str(), 0, 0), 0);
+    }
+    std::filesystem::remove_all(tree);
+}
+
+TEST_F(Status, NothingIsLogged) {
     vxtest::SyslogCapture log;
     status.isInterfaceUp(missing);
     status.setIpV4Address(missing, 1);
     status.haveNetworkConnectivity();
+    vxtest::writeFile("/tmp/status/link-manager/hotlink/interface", "");
+    ASSERT_EQ(::chmod("/tmp/status/link-manager", 0777), 0);
+    ASSERT_EQ(::chown("/tmp/status/link-manager/hotlink", 65534, 65534), 0);
+    EXPECT_EQ(status.haveNetworkConnectivity(), 0);
     EXPECT_TRUE(log.take().empty());
+    std::filesystem::remove_all("/tmp/status/link-manager");
 }
 
 }  // namespace

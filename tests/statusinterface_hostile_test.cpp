@@ -173,9 +173,7 @@ TEST_F(StatusTree, AStrangersTreeIsRefused) {
     writeFile("/tmp/status/link-manager/hotlink/interface", "wwan0");
     vxtest::SyslogCapture log;
     EXPECT_EQ(IpInterfaceStatus().haveNetworkConnectivity(), 0);
-    EXPECT_EQ(log.take(), (std::vector<LogLine>{{LOG_ERR,
-                                                 "Refused status path /tmp/status/link-manager/hotlink/interface: "
-                                                 "\"status\" belongs to user 12345!"}}));
+    EXPECT_TRUE(log.take().empty());
 }
 
 TEST_F(StatusTree, AStrangersTreeIsNamedInTheLog) {

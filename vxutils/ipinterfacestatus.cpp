@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include <vxutils/ipinterfacestatus.h>
 
+#include <fcntl.h>
 #include <ifaddrs.h>
 #include <sys/socket.h>
 
@@ -10,7 +11,6 @@
 #include "vxutils/internal/guarded_open.h"
 #include "vxutils/internal/handles.h"
 #include "vxutils/internal/ifrequest.h"
-#include "vxutils/internal/status_path.h"
 
 namespace {
 
@@ -95,7 +95,6 @@ int IpInterfaceStatus::setIpV4Mask(const char *name, unsigned int mask) {
 }
 
 int IpInterfaceStatus::haveNetworkConnectivity() {
-    const vx::StatusPath place(connectedInterface, vx::Use::reading);
     struct stat status {};
-    return place.valid() && vx::openValue(place.directory(), place.name(), status).valid() ? 1 : 0;
+    return vx::isBelievable(connectedInterface) && vx::openValue(AT_FDCWD, connectedInterface, status).valid() ? 1 : 0;
 }

@@ -18,8 +18,7 @@
  *
  * **Blocking.** Calls wait for the kernel's answer only.
  *
- * **Errors.** A call that fails returns 0, which a question returns for "no" as well. Nothing is logged but a path that
- * haveNetworkConnectivity() refuses (LOG_ERR).
+ * **Errors.** A call that fails returns 0, which a question returns for "no" as well. Nothing is logged.
  *
  * **Limits.** Addresses and netmasks are 32-bit words in host order. Interface names are used up to their 15th
  * character, but the text that isInterfaceAvailable() looks for is used in full; a NULL name counts as a missing
@@ -110,8 +109,8 @@ public:
     int setIpV4Mask(const char *name, unsigned int mask);
 
     /**
-     * Tell whether a WAN link is in use. A status tree that an untrusted user may have made does not
-     * count (statusinterface.h). A FIFO is not waited for and does not count either.
+     * Tell whether a WAN link is in use. A file that an untrusted user may have made does not count (interface.h). A
+     * FIFO is not waited for and does not count either.
      * @return 1 when "/tmp/status/link-manager/hotlink/interface" opens for reading, else 0.
      */
     int haveNetworkConnectivity();
