@@ -155,6 +155,7 @@ TEST_F(RouteFaults, NullAndUnknownFamiliesFailSilentlyWithoutASocket) {
     Target target("127.0.0.1");
     char name[IF_NAMESIZE] = "untouched";
     sockets = 0;
+    errno = EDOM;
     EXPECT_EQ(route_get_interface(nullptr, name), -1);
     EXPECT_EQ(route_get_interface(&target.info, nullptr), -1);
     for (const int family : {AF_UNSPEC, AF_UNIX, AF_PACKET, -1, 1000}) {
@@ -164,6 +165,7 @@ TEST_F(RouteFaults, NullAndUnknownFamiliesFailSilentlyWithoutASocket) {
     target.info.ai_family = AF_INET;
     target.info.ai_addr = nullptr;
     EXPECT_EQ(route_get_interface(&target.info, name), -1);
+    EXPECT_EQ(errno, EDOM);
     EXPECT_EQ(sockets, 0);
     EXPECT_STREQ(name, "untouched");
     EXPECT_TRUE(log.take().empty());
@@ -232,17 +234,18 @@ TEST_F(RouteFaults, EveryStepThatFailsIsNamedAndClosesTheSocket) {
     ConnectedLog log;
     const vxtest::NoLeaks noLeaks;
     const LogLine question{LOG_DEBUG, "looking up route for 127.0.0.1"};
-    const auto expectFailure = [] {
+    const auto errorOfFailure = [] {
         const Found found = lookUp("127.0.0.1");
         EXPECT_EQ(found.result, -1);
         EXPECT_EQ(found.name, "untouched");
+        return found.error;
     };
     {
         vxtest::Intercept calls;
         calls->socket = [](int domain, int, int) -> std::optional<int> {
             return domain == AF_NETLINK ? std::optional(vxtest::failing(EMFILE)) : std::nullopt;
         };
-        expectFailure();
+        EXPECT_EQ(errorOfFailure(), EMFILE);
         EXPECT_EQ(log.take(), (Lines{{LOG_DEBUG, "rtq: unable to open netlink socket"}}));
     }
     for (const int refused : {SO_SNDBUF, SO_RCVBUF}) {
@@ -250,7 +253,7 @@ TEST_F(RouteFaults, EveryStepThatFailsIsNamedAndClosesTheSocket) {
         calls->setsockopt = [&](int, int, int option, const void *, socklen_t) -> std::optional<int> {
             return option == refused ? std::optional(vxtest::failing(EPERM)) : std::nullopt;
         };
-        expectFailure();
+        EXPECT_EQ(errorOfFailure(), EPERM);
         EXPECT_EQ(log.take(), (Lines{{LOG_DEBUG, "rtq: unable to set buffer size"}}));
     }
     {
@@ -258,7 +261,7 @@ TEST_F(RouteFaults, EveryStepThatFailsIsNamedAndClosesTheSocket) {
         calls->bind = [](int, const sockaddr *, socklen_t) -> std::optional<int> {
             return vxtest::failing(EADDRINUSE);
         };
-        expectFailure();
+        EXPECT_EQ(errorOfFailure(), EADDRINUSE);
         EXPECT_EQ(log.take(), (Lines{{LOG_DEBUG, "rtq: unable to bind netlink socket"}}));
     }
     for (const int wrong : {0, 1, 2}) {
@@ -271,18 +274,19 @@ TEST_F(RouteFaults, EveryStepThatFailsIsNamedAndClosesTheSocket) {
             *length = wrong == 2 ? 11 : sizeof local;
             return 0;
         };
-        expectFailure();
+        const int error = errorOfFailure();
+        if (wrong == 0) EXPECT_EQ(error, EBADF);
         EXPECT_EQ(log.take(), (Lines{{LOG_DEBUG, "rtq: invalid netlink socket"}})) << wrong;
     }
     {
         vxtest::Intercept calls;
         calls->sendmsg = [](int, const msghdr *) -> std::optional<ssize_t> { return vxtest::failing(ENOBUFS); };
-        expectFailure();
+        EXPECT_EQ(errorOfFailure(), ENOBUFS);
         EXPECT_EQ(log.take(), (Lines{question, {LOG_DEBUG, "rtq: unable to query netlink"}}));
     }
     {
         noMemory = true;
-        expectFailure();
+        errorOfFailure();
         noMemory = false;
         EXPECT_EQ(log.take(), (Lines{{LOG_DEBUG, "rtq: no mem for request"}}));
     }
