@@ -13,7 +13,9 @@
 #include <cerrno>
 #include <cstring>
 #include <optional>
+#include <set>
 #include <string>
+#include <vector>
 
 #include "support/files.h"
 #include "support/ping.h"
@@ -126,6 +128,91 @@ TEST_F(PingFaults, EveryRefusedQuestionAboutTheInterfaceIsNamed) {
             log.take(),
             (Lines{{LOG_ERR, std::string("rawping[wan0]: can't get interface ") + name + " (Input/output error)"}}));
     }
+}
+
+// Of several steps that would fail, the first is named: each row repairs what the row before named.
+TEST_F(PingFaults, TheStepsOfTheSetUpHaveThisOrder) {
+    ConnectedLog log;
+    const vxtest::NoLeaks noLeaks;
+    struct Row {
+        const char *target, *gateway, *source, *netmask;
+        bool socket;
+        std::set<unsigned long> refused;
+        const char *message;
+    };
+    const char *const bad = "no-such-host";
+    const Row rows[] = {
+        {"", bad, "", "", false, {}, "rawping: no target given"},
+        {bad, bad, "", "", false, {}, "rawping: no source given"},
+        {bad, bad, "x", "", false, {}, "rawping: no netmask given"},
+        {bad, bad, nullptr, nullptr, false, {}, "rawping[wan0]: invalid target 'no-such-host'"},
+        {targetText, bad, nullptr, nullptr, false, {}, "rawping[wan0]: unable to create socket (Input/output error)"},
+        {targetText,
+         bad,
+         "x",
+         "x",
+         true,
+         {SIOCGIFINDEX, SIOCGIFHWADDR},
+         "rawping[wan0]: can't get interface index (Input/output error)"},
+        {targetText,
+         bad,
+         nullptr,
+         nullptr,
+         true,
+         {SIOCGIFADDR, SIOCGIFNETMASK, SIOCGIFHWADDR},
+         "rawping[wan0]: can't get interface address (Input/output error)"},
+        {targetText,
+         bad,
+         nullptr,
+         nullptr,
+         true,
+         {SIOCGIFNETMASK, SIOCGIFHWADDR},
+         "rawping[wan0]: can't get interface netmask (Input/output error)"},
+        {targetText, bad, nullptr, nullptr, true, {SIOCGIFHWADDR}, "rawping[wan0]: invalid gateway 'no-such-host'"},
+    };
+    for (const Row &row : rows) {
+        Watch watch;
+        watch.calls->socket = [&](int, int type, int) -> std::optional<int> {
+            const bool query = (type & ~SOCK_CLOEXEC) == SOCK_PACKET;
+            return query && !row.socket ? std::optional(vxtest::failing(EIO)) : std::nullopt;
+        };
+        watch.calls->ioctl = [&](int, unsigned long request, void *) -> std::optional<int> {
+            return row.refused.count(request) != 0 ? std::optional(vxtest::failing(EIO)) : std::nullopt;
+        };
+        EXPECT_EQ(__rawping("wan0", row.target, row.gateway, row.source, row.netmask, 0, -1, nullptr, nullptr), -1);
+        EXPECT_EQ(log.take(), (Lines{{LOG_ERR, row.message}}));
+    }
+    Watch watch;
+    watch.calls->socket = [](int, int type, int) -> std::optional<int> {
+        return (type & ~SOCK_CLOEXEC) == SOCK_RAW ? std::optional(vxtest::failing(EMFILE)) : std::nullopt;
+    };
+    EXPECT_EQ(icmpping("nosuch0", "no-such-host", 0), -1);
+    EXPECT_EQ(icmpping("nosuch0", gatewayText, 0), -1);
+    EXPECT_EQ(log.take(), (Lines{{LOG_ERR, "icmpping[nosuch0]: invalid target 'no-such-host'"},
+                                 {LOG_ERR, "icmpping: unable to open socket (Too many open files)"}}));
+}
+
+TEST_F(PingFaults, TheStepsThatMakeAnEchosSocketHaveThisOrder) {
+    ConnectedLog log;
+    knowGateway(wan->gateway);
+    const uint32_t mark = 3;
+    std::vector<int> steps;
+    Watch watch;
+    watch.receiveFromScript();
+    watch.calls->setsockopt = [&](int, int, int option, const void *, socklen_t) -> std::optional<int> {
+        if (option != SO_TIMESTAMPNS) steps.push_back(option);
+        return option == SO_MARK ? std::optional(0) : std::nullopt;
+    };
+    constexpr int bound = -1;
+    watch.calls->bind = [&](int, const sockaddr *, socklen_t) -> std::optional<int> {
+        steps.push_back(bound);
+        return std::nullopt;
+    };
+    EXPECT_EQ(__rawping("wan0", targetText, gatewayText, nullptr, nullptr, 0, -1, nullptr, &mark), -1);
+    EXPECT_EQ(steps, (std::vector<int>{SO_ATTACH_FILTER, SO_MARK, bound}));
+    steps.clear();
+    EXPECT_EQ(rawping("wan0", gatewayText, nullptr, 0), -1);
+    EXPECT_EQ(steps, (std::vector<int>{IP_HDRINCL, SO_BINDTODEVICE, IP_HDRINCL}));
 }
 
 TEST_F(PingFaults, AFailingPointToPointTestCountsAsNo) {
