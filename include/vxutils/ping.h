@@ -19,9 +19,10 @@
  * **Threads, signals, fork.** Calls share nothing: any number of threads may ping at once. Signals do not shorten the
  * waits. Not for signal handlers. A forked child may ping.
  *
- * **Blocking.** Each call waits for the reply. It looks for one at once and then every 300 ms, until the time-out plus
- * 300 ms are used up or it has looked at 1024 packets. Resolving a name may take longer than the time-out. A program
- * with an event loop pings in another thread or with pingclient.h.
+ * **Blocking.** Each call waits for the reply. It looks for one at once and then every 300 ms. It gives up when it has
+ * looked at 1024 packets or when its steps of 300 ms add up to the time-out plus 300 ms or more: with a time-out of
+ * 500 ms it looks for the last time after 600 ms and returns after 900 ms. Resolving a name may take longer than the
+ * time-out. A program with an event loop pings in another thread or with pingclient.h.
  *
  * **Errors.** A call that fails, or gets no reply, returns -1. Errors are logged at LOG_ERR, steps at LOG_DEBUG.
  *
