@@ -1,11 +1,13 @@
 // SPDX-License-Identifier: MIT
 // Display names of every length, WAN links that cannot be read, bridge tools that fail, and odd tables.
+#include <fcntl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <vxutils/interface.h>
 
 #include <cctype>
+#include <cstdlib>
 #include <filesystem>
 #include <functional>
 #include <string>
@@ -173,6 +175,26 @@ TEST(BridgeMembers, AToolThatFailsOrIsMissingGivesNothing) {
     EXPECT_EQ(membersOf("br3"), (Members{10, "eth3 eth4 "})) << "what it printed counts";
     toolPrints("");
     EXPECT_EQ(membersOf("br0"), (Members{0, ""}));
+}
+
+TEST(BridgeMembers, WhatTheToolOrTheShellComplainsAboutIsNotShown) {
+    const vxtest::NoLeaks noLeaks;
+    const char *const complaints = "/tmp/complaints";
+    const auto whileComplaining = [&](const auto &call) {
+        const int before = ::dup(STDERR_FILENO);
+        const int file = ::open(complaints, O_WRONLY | O_CREAT | O_TRUNC, 0600);
+        ::dup2(file, STDERR_FILENO);
+        ::close(file);
+        call();
+        ::dup2(before, STDERR_FILENO);
+        ::close(before);
+        return vxtest::readFile(complaints);
+    };
+    ASSERT_EQ(whileComplaining([] { EXPECT_EQ(std::system("echo noise >&2"), 0); }), "noise\n");
+    toolPrints(table);
+    EXPECT_EQ(whileComplaining([] { EXPECT_EQ(membersOf("br3").result, 10); }), "");
+    std::filesystem::remove(tool);
+    EXPECT_EQ(whileComplaining([] { EXPECT_EQ(membersOf("br3").result, 0); }), "");
 }
 
 TEST(BridgeMembers, WithoutAProcessThereIsAFailure) {

@@ -92,7 +92,7 @@ VXUTILS_API int wanlink_count(void);
  *         members, or the tool is missing or prints nothing (its exit status does not count); -1 when @p bridge is null
  *         or empty, @p buffer null, @p size 0 or no process could be started.
  *
- * Runs a shell and waits for it.
+ * Runs a shell and waits for it. What the tool writes to its standard error is dropped.
  */
 VXUTILS_API int bridge_members(const char *bridge, char *buffer, size_t size);
 
