@@ -103,6 +103,22 @@ TEST(StatusSetup, TakesTheNameAsItIs) {
     EXPECT_EQ(vxtest::readFile("/tmp/status/top"), "x");
 }
 
+// Making it tells only that there is something.
+TEST(StatusSetup, ALastComponentThatIsNotADirectoryCountsAsThere) {
+    vxtest::SyslogCapture log;
+    vxtest::makeDirs("/tmp/status");
+    vxtest::writeFile("/tmp/status/file", "in the way");
+    std::filesystem::create_symlink("/tmp/none", "/tmp/status/link");
+    for (const char *name : {"/file", "/link"}) {
+        StatusInterface status;
+        EXPECT_TRUE(status.setup(BASEPATH_STATUS, name)) << name;
+        EXPECT_FALSE(status.setStatus("/state", "x")) << name;
+        std::filesystem::remove(std::string("/tmp/status") + name);
+    }
+    EXPECT_FALSE(vxtest::exists("/tmp/none"));
+    EXPECT_THAT(log.take(), IsEmpty());
+}
+
 TEST(StatusSetup, ReachesTheKernelsTree) {
     vxtest::SyslogCapture log;
     StatusInterface status;

@@ -105,8 +105,9 @@ public:
      * Choose the directory and make it and its missing parents, mode 0777 less the process's umask.
      * @param basePath tree.
      * @param name daemon's name, beginning with "/"; may name a directory further down.
-     * @return true; false, with the reason in the system log, when @p basePath is not one of the three (names are paths
-     *         then, as before setup()), or a directory cannot be made or is unsafe (it stays chosen).
+     * @return true, also when the last component exists and is not a directory: the other calls fail then; false, with
+     *         the reason in the system log, when @p basePath is not one of the three (names are paths then, as before
+     *         setup()), or a directory cannot be made or is unsafe (it stays chosen).
      */
     bool setup(BasePath basePath, const String &name);
 
