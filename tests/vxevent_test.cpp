@@ -19,10 +19,25 @@
 #include <type_traits>
 #include <vector>
 
+#include "support/call_hooks.h"
 #include "support/files.h"
 #include "support/process.h"
 #include "support/resources.h"
 #include "support/vxevent.h"
+
+namespace {
+
+// Set while the library is loaded, before any constructor of this program.
+constinit int createdLevels = 0;
+constinit int createdLevel = 0;
+
+}  // namespace
+
+devlog_level *devlog_level_create(int number) {
+    ++createdLevels;
+    createdLevel = number;
+    return vxtest::nextCall<decltype(&devlog_level_create)>("devlog_level_create")(number);
+}
 
 namespace {
 
@@ -278,6 +293,8 @@ TEST(EventLevel, IsMadeWhenTheLibraryIsLoaded) {
     static_assert(std::is_same_v<decltype(DL_MQCONTENTS), devlog_level *>);
     ASSERT_NE(DL_MQCONTENTS, nullptr);
     EXPECT_EQ(devlog_level_to_prio(DL_MQCONTENTS), LOG_DEBUG);
+    EXPECT_EQ(createdLevels, 1);
+    EXPECT_EQ(createdLevel, 29);
 }
 
 }  // namespace
