@@ -24,6 +24,7 @@
 #include "support/interruptions.h"
 #include "support/process.h"
 #include "support/resources.h"
+#include "support/stranger.h"
 #include "support/syslog_capture.h"
 
 VXTEST_HOOK(void *, zalloc, (size_t size), (size))
@@ -86,6 +87,27 @@ TEST_F(ConfigdOpenFaults, FailsWithoutMemory) {
               }),
               0);
     EXPECT_EQ(log.take(), (Log{{LOG_ERR, "no mem for configd connection"}}));
+}
+
+// Of root every file counts as readable.
+TEST_F(ConfigdOpenFaults, AFileInTheSocketsPlaceThatCannotBeReadIsLeftThere) {
+    if (!vxtest::hasOtherUsers()) GTEST_SKIP() << "a box made by an ordinary user has no other";
+    ASSERT_EQ(::chmod(directory, 0777), 0);
+    EXPECT_EQ(vxtest::asUser(vxtest::stranger,
+                             [] {
+                                 configd_handle handle{};
+                                 handle.fd = -1;
+                                 const std::string path = clientPath(&handle);
+                                 vxtest::writeFile(path, "left over");
+                                 ::chmod(path.c_str(), 0);
+                                 if (__configd_open(&handle) != -1 || !vxtest::exists(path)) return 1;
+                                 ::unlink(path.c_str());
+                                 if (__configd_open(&handle) != 0) return 2;
+                                 ::chmod(path.c_str(), 0);
+                                 __configd_close(&handle);
+                                 return handle.fd == -1 && vxtest::exists(path) ? 0 : 3;
+                             }),
+              0);
 }
 
 TEST_F(ConfigdOpenFaults, ADescriptorNumberedOneIsLeftOpen) {
@@ -201,6 +223,11 @@ TEST_F(ConfigdGetFaults, AFailedReconnectLeavesTheHandleClosedAndEachCallTriesAg
     EXPECT_EQ(configd_done(handle.get()), -2);
     EXPECT_EQ(log.take(), failures);
     daemon.tell("restart");
+    EXPECT_EQ(configd_send(handle.get(), "x", 1), -1);
+    EXPECT_EQ(configd_recv(handle.get(), buffer, sizeof buffer), -1);
+    EXPECT_EQ(configd_prepare_get(handle.get(), array.data()), -1);
+    expectClosed(handle.get());
+    EXPECT_EQ(log.take(), (Log{{LOG_ERR, "unable to send query to configd"}}));
     EXPECT_EQ(value(handle.get(), "a"), "failed: untouched");  // still closed, but connects again
     EXPECT_EQ(log.take(), (Log{{LOG_ERR, "unable to send query to configd"}}));
     EXPECT_EQ(value(handle.get(), "a"), "1");
@@ -400,6 +427,10 @@ TEST_F(ConfigdTransportFaults, AnInterruptedWaitEndsAfterItsTenSecondsAndLeavesT
     }
     EXPECT_GE(Clock::now() - start, 10s);
     EXPECT_STREQ(buffer, "abc");
+    const Peer late;
+    EXPECT_EQ(late.send(handle->client_path, "late"), 0);
+    EXPECT_EQ(configd_recv(handle.get(), buffer, sizeof buffer), 3) << "the caller may wait again";
+    EXPECT_STREQ(buffer, "lat");
 }
 
 TEST_F(ConfigdTransportFaults, ReceivingFromASocketOfTheCallersOwnEndsAfterItsTenSeconds) {

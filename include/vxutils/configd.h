@@ -31,7 +31,8 @@
  *
  * **Connection.** A handle is either connected (`fd` is a descriptor, both paths are set, the client's socket file
  * exists) or closed (`fd` is -1, both paths empty). A failed exchange ends with a fresh connection and the same paths.
- * A closed handle can be used: each call fails and tries to connect again.
+ * A closed handle can be used: configd_get(), configd_fetch(), configd_set() and configd_done() fail and try to connect
+ * again. configd_send(), configd_recv() and configd_prepare_get() fail and leave it closed.
  *
  * **Late answers.** When configd_get(), configd_fetch(), configd_set(), configd_done() or configd_prepare_get() has
  * given up a request, an answer that still comes is lost. No later call of the process takes it for the answer to
@@ -220,8 +221,9 @@ VXUTILS_API int configd_send(configd_handle *handle, const char *data, int lengt
  * @param data    buffer for the answer
  * @param size    bytes of the buffer; at most size - 1 are received, and the rest of a longer datagram is lost
  * @return bytes received, 0 for an empty datagram; -1 for a NULL argument, a closed handle, a size below 1, or when
- *         none came or receiving failed. A socket to which an answer to an earlier request may still come receives
- *         nothing: -1 at once; the next request connects again.
+ *         none came or receiving failed. When none came, the caller may wait again. But a socket that another function
+ *         has given up, because an answer to its request may still come, receives nothing: -1 at once; the next request
+ *         connects again.
  */
 VXUTILS_API int configd_recv(configd_handle *handle, char *data, int size);
 
@@ -236,15 +238,16 @@ VXUTILS_API int configd_prepare_get(configd_handle *handle, configd_entry *entry
 
 /**
  * Connect: make the socket file "/var/run/configd/client.PID.ADDRESS_OF_HANDLE", accessible to everyone. A connected
- * handle is disconnected first, and a file that an earlier process with the same id has left is replaced.
+ * handle is disconnected first, and a file that an earlier process with the same id has left is replaced, if it is
+ * readable.
  * @param handle  the connection, or a caller's own record (see configd_handle)
  * @return 0, or -1 for NULL or when socket or bind failed (logged); the handle is closed then.
  */
 VXUTILS_API int __configd_open(configd_handle *handle);
 
 /**
- * Disconnect: close the socket, except that a descriptor numbered 1 is left open, remove its file and empty both
- * paths. NULL is accepted.
+ * Disconnect: close the socket, except that a descriptor numbered 1 is left open, remove its file, if it is readable,
+ * and empty both paths. NULL is accepted.
  * @param handle  the connection, or NULL
  */
 VXUTILS_API void __configd_close(configd_handle *handle);
