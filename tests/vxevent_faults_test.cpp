@@ -26,6 +26,7 @@ VXTEST_HOOK_AS(int, fstat, "__fstat64_time64", (int fd, struct stat *status), (f
 VXTEST_THREAD_HOOK(int, poll, (pollfd * fds, nfds_t count, int timeout), (fds, count, timeout))
 VXTEST_THREAD_HOOK(ssize_t, write, (int fd, const void *data, size_t size), (fd, data, size))
 VXTEST_HOOK(int, zmq_msg_close, (zmq_msg_t * message), (message))
+VXTEST_HOOK(int, zmq_msg_send, (zmq_msg_t * message, void *socket, int flags), (message, socket, flags))
 VXTEST_HOOK(int, zmq_setsockopt, (void *socket, int option, const void *value, size_t size),
             (socket, option, value, size))
 VXTEST_HOOK(int, zmq_msg_init_data, (zmq_msg_t * message, void *data, size_t size, zmq_free_fn *function, void *hint),
@@ -117,6 +118,18 @@ TEST_F(VxeventFaults, AStepThatTheSystemRefusesFailsAtOnceWithItsError) {
     EXPECT_EQ(vxevent(1, 2, "x"), -1);
     EXPECT_EQ(errno, ENOMEM);
     EXPECT_EQ(writes, 2);
+}
+
+TEST_F(VxeventFaults, ARecordThatIsNotWrittenWholeFails) {
+    makeFifo();
+    int writes = 0;
+    const Hooked write(hooks::write, [&](const auto &...) -> std::optional<ssize_t> {
+        ++writes;
+        errno = 0;
+        return sizeof(vxevent_record) - 1;
+    });
+    EXPECT_EQ(vxevent(1, 2, "x"), -1);
+    EXPECT_EQ(writes, 1);
 }
 
 TEST_F(VxeventFaults, OnlyAFifoIsWrittenTo) {
@@ -262,6 +275,16 @@ TEST_F(LegacyMemory, ARecordWithoutSubscribersIsFreedOnce) {
 TEST_F(LegacyMemory, ARecordThatCannotBeSentIsFreedOnce) {
     EXPECT_EQ(dispatch_legacy_event(sink, &event), -1);  // subscribers do not send
     EXPECT_EQ(errno, ENOTSUP);
+    EXPECT_EQ(releases, 1);
+    expectFreedOnce();
+}
+
+TEST_F(LegacyMemory, ARecordThatIsNotSentWholeIsFreedOnce) {
+    const Hooked cut(hooks::zmq_msg_send, [](zmq_msg_t *, void *, int flags) -> std::optional<int> {
+        EXPECT_EQ(flags, 0);
+        return sizeof(vxevent_record) - 1;
+    });
+    EXPECT_EQ(dispatch_legacy_event(source, &event), -1);
     EXPECT_EQ(releases, 1);
     expectFreedOnce();
 }
