@@ -78,7 +78,8 @@
  * configd_set() and configd_done() fail at once ("unable to send query to configd") and configd_fetch() returns empty
  * texts; the same handle works as soon as the daemon runs. configd_fetch() also returns an empty text for
  * an empty value. To tell the two apart, call configd_get() with NULL first: it returns 0 only when the daemon has
- * answered for every key.
+ * answered for every key. When configd_set() or configd_done() has failed with -3 or -4, the daemon may have done what
+ * it was told all the same.
  *
  * **Limits.** Keys have at most 255 characters, values 1023, a query list 512 keys, a request 16381 characters. Keys
  * and values are texts without line feeds; keys hold no "=". The client does not check this.
