@@ -26,7 +26,7 @@ extern "C" {
 #include "vxutils/internal/late_library.h"
 #include "vxutils/internal/log.h"
 #include "vxutils/internal/retry.h"
-#include "vxutils/internal/status_path.h"
+#include "vxutils/statusinterface_path.h"
 
 namespace {
 

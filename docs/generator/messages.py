@@ -8,8 +8,7 @@ STRING = r'"(?:[^"\\]|\\.)*"'
 LITERAL = re.compile(rf"(?:{STRING}|\s|PRI\w+)+")
 CONSTANT = re.compile(rf"constexpr const char \*(\w+) =\s*((?:{STRING}\s*)+);")
 LEVELS = {"DL_ERR": "err", "DL_ERROR": "err", "DL_INFO": "info"}
-OF_OTHERS = {"copy": "file", "directory": "file", "late_library": "other libraries",
-             "status_path": "statusinterface"}  # sources of messages under another heading
+OF_OTHERS = {"copy": "file", "directory": "file", "late_library": "other libraries"}  # sources of messages under another heading
 FRAME = {"log.h", "log.cpp", "prepared_log.h", "prepared_log.cpp", "assertion.h"}  # what the others log with
 
 # Functions of one source that log the text that they are given: how the texts are found in it.

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-#include "vxutils/internal/status_path.h"
+#include "vxutils/statusinterface_path.h"
 
 #include <fcntl.h>
 
