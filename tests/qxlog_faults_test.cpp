@@ -14,6 +14,7 @@
 #include <array>
 #include <cerrno>
 #include <csignal>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
@@ -23,6 +24,7 @@
 #include <optional>
 #include <string>
 #include <thread>
+#include <utility>
 
 #include "support/call_hooks.h"
 #include "support/clock_hook.h"
@@ -40,6 +42,7 @@ VXTEST_HOOK(size_t, strftime, (char *text, size_t size, const char *format, cons
 VXTEST_HOOK(int, flock, (int fd, int operation), (fd, operation))
 VXTEST_HOOK(int, rename, (const char *from, const char *to), (from, to))
 VXTEST_HOOK(int, usleep, (useconds_t pause), (pause))
+VXTEST_HOOK(FILE *, open_memstream, (char **text, size_t *size), (text, size))
 
 namespace {
 
@@ -194,6 +197,24 @@ TEST_F(DeviceLogFaults, OnAFullDiskTheOldLogStays) {
               (Reported{-1, "rename: No space left on device\n"}));
     EXPECT_EQ(readFile(logFile), old + old + old + old);
     ASSERT_EQ(::umount("/var/log"), 0);
+}
+
+// The C library has no room for the entry, and then has it for the old lines.
+TEST_F(DeviceLogFaults, ALogThatLacksAPieceDoesNotReplaceTheOldOne) {
+    writeFile(logFile, "old\n");
+    bool lacking = true;
+    const auto write = [](void *was, const char *, size_t size) -> ssize_t {
+        if (!std::exchange(*static_cast<bool *>(was), false)) return static_cast<ssize_t>(size);
+        errno = ENOMEM;
+        return 0;
+    };
+    const Hooked narrow(hooks::open_memstream, [&](char **, size_t *) -> std::optional<FILE *> {
+        FILE *const stream = ::fopencookie(&lacking, "w", {nullptr, write, nullptr, nullptr});
+        std::setvbuf(stream, nullptr, _IONBF, 0);
+        return stream;
+    });
+    EXPECT_EQ(reported(append), (Reported{-1, "rename: Cannot allocate memory\n"}));
+    EXPECT_EQ(readFile(logFile), "old\n");
 }
 
 TEST_F(DeviceLogFaults, AFileSystemWithoutLocksDoes) {
