@@ -26,9 +26,15 @@ int main(int argc, char **argv) {
     }
     message.len = snprintf(message.data, sizeof message.data, "%s", command);
     message.timeout = 10;
-    result = wwanmd_command(modem, &message);
+    result = wwanmd_send(modem, &message);
+    message.len = -1; /* the message still is the command: tells when there is no answer */
+    if (result == 0) result = wwanmd_recv(modem, &message);
     message.data[strcspn(message.data, "\n")] = '\0';
-    printf("card %s: %s:%s%s\n", argv[1], command, result == 0 ? "" : " refused:", message.data);
+    if (message.len < 0) {
+        printf("card %s: %s: no answer\n", argv[1], command);
+    } else {
+        printf("card %s: %s:%s%s\n", argv[1], command, result == 0 ? "" : " refused:", message.data);
+    }
     wwanmd_free(modem);
     return result == 0 ? 0 : 1;
 }

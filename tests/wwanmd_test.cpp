@@ -42,6 +42,16 @@ TEST_F(Wwanmd, TheExampleAsksOneQuestion) {
     EXPECT_EQ(vxtest::run({example}).status, 2);
 }
 
+TEST_F(Wwanmd, TheExampleDoesNotTakeACommandThatWasNotSentForAnAnswer) {
+    modem.tell("silent");
+    modem.tell("handshake silent");
+    vxtest::Process asking({vxtest::built("examples/wwanmd_signal"), "0", "hello"});
+    size_t events = 0;  // the connection and the handshake
+    EXPECT_TRUE(vxtest::eventually([&] { return (events += modem.happened().size()) == 2; }));
+    for (const char *order : {"handshake ok", "stale OK", "hangup"}) modem.tell(order);
+    EXPECT_EQ(asking.readAll(), "card 0: hello: no answer\n");
+}
+
 TEST_F(Wwanmd, AnOkYieldsTheTextAfterIt) {
     const Handle handle = connect();
     ASSERT_NE(handle, nullptr);
@@ -141,6 +151,25 @@ TEST_F(Wwanmd, ANewlineIsAppendedOnlyWhereThereIsNone) {
     Message third("three");
     EXPECT_EQ(command(handle, third), 0);
     EXPECT_THAT(modem.happened(), ElementsAre("command one", "command two", "command three"));
+}
+
+TEST_F(Wwanmd, AMessageThatGetsNoAnswerStaysTheCommandWithItsNewline) {
+    const Handle handle = connect();
+    Message message("signal");
+    EXPECT_EQ(wwanmd_send(handle.get(), &message), 0);
+    EXPECT_EQ(message.text(), "signal\n");
+    EXPECT_EQ(wwanmd_recv(handle.get(), &message), 0);
+    modem.tell("hangup");
+    Message unsent("signal");
+    EXPECT_EQ(command(handle, unsent), -1);
+    EXPECT_EQ(unsent.text(), "signal\n");
+    EXPECT_EQ(command(handle, unsent), 0) << "as it is";
+    EXPECT_EQ(unsent.text(), "\n");
+    modem.die();
+    wwanmd_close(handle.get());
+    Message unconnected("signal");
+    EXPECT_EQ(command(handle, unconnected), -1);
+    EXPECT_EQ(unconnected.text(), "signal");
 }
 
 TEST_F(Wwanmd, StaleAnswersAreThrownAwayBeforeTheNextCommand) {

@@ -20,6 +20,11 @@
  * pieces ends at its first piece; the rest is stale and is thrown away before the next command. That is done by one
  * recv() of at most 8191 bytes: what is left of a longer rest is taken for the answer to that command.
  *
+ * A message without an answer may still hold the command: when wwanmd_send(), or the part of wwanmd_command() that
+ * sends, fails; and when receiving does not begin, because the card is in reset or no connection could be made. The
+ * newline that was appended stays, and the message can be sent again. To tell the command from an answer, call
+ * wwanmd_send() and wwanmd_recv() in place of wwanmd_command(), and set `len` to -1 in between.
+ *
  * **Late answers.** An answer does not tell which command it belongs to. After a command that timed out, the next
  * wwanmd_send() or wwanmd_command() therefore connects again before it sends, and what the daemon still sends on the
  * old connection is lost. No command gets the answer to an earlier one that timed out, however late and however often
@@ -108,7 +113,7 @@ typedef struct wwanmd_handle wwanmd_handle; /**< the record's short name */
 /** One command and, after the exchange, its answer. It belongs to the caller. */
 struct wwanmd_msg {
     char data[8192]; /**< the command; then the answer after its first word, with a NUL after it */
-    int len;         /**< bytes in data, 0 or below for none; then the answer's length, -1 when there was none */
+    int len;         /**< bytes in data, 0 or below for none; then the answer's length, -1 when none was received */
     int timeout;     /**< seconds to wait for the daemon to take the command, and for its answer: 5 to 300, clamped */
     int reserved;    /**< 0 */
 };
@@ -137,7 +142,7 @@ VXUTILS_API void wwanmd_free(wwanmd_handle *handle);
  * reset before sending and again before receiving.
  *
  * @param handle   the connection; NULL gives -1
- * @param message  the command, replaced by the answer; NULL gives -1
+ * @param message  the command, replaced by the answer if one is received; NULL gives -1
  * @return 0 when the daemon answered "OK", else -1 (also while the card is in reset)
  */
 VXUTILS_API int wwanmd_command(wwanmd_handle *handle, wwanmd_msg *message);
@@ -158,11 +163,11 @@ VXUTILS_API int wwanmd_open(wwanmd_handle *handle);
 VXUTILS_API void wwanmd_close(wwanmd_handle *handle);
 
 /**
- * Send a command. A newline is appended if the text does not end in one; a length of 0 or below sends the newline
- * alone. Waits until 300 ms have passed since the connection was made or last sent something.
+ * Send a command. A newline is appended to the message if its text does not end in one; a length of 0 or below sends
+ * the newline alone. Waits until 300 ms have passed since the connection was made or last sent something.
  *
  * @param handle   the connection; NULL gives -1
- * @param message  the command, at most 8190 bytes; NULL gives -1
+ * @param message  the command, at most 8190 bytes, of which `len` then counts the newline; NULL gives -1
  * @return 0 when all of it was sent; -1 on failure; -11 while the card is in reset (the connection is closed then). On
  *         a closed handle a card in reset gives -1: it cannot be connected to.
  */

@@ -24,6 +24,11 @@ public:
         process_.send(order + "\n");
         while (process_.readLine() != "done") continue;
     }
+    // Waits for a handshake that it was told not to answer, answers it, and closes the connection at once.
+    void hangUpAfterTheHandshake() {
+        while (process_.readLine().find("command init ") == std::string::npos) continue;
+        for (const char *order : {"handshake ok", "stale OK", "hangup"}) tell(order);
+    }
 
 private:
     Process process_;
@@ -69,6 +74,16 @@ TEST_F(VxModem, ARefusalIsAFailureWithTheDaemonsWords) {
     EXPECT_EQ(result.status, 1);
     EXPECT_EQ(result.out, "");
     EXPECT_EQ(result.err, "vx: modem send: card 0: the modem daemon refuses or is busy: not now\\0033[31m\n");
+}
+
+TEST_F(VxModem, ACommandThatCannotBeSentIsNotShownAsTheDaemonsWords) {
+    Modem modem(0);
+    modem.tell("silent");
+    modem.tell("handshake silent");
+    Process send(vxCommand({"modem", "send", "hello"}));
+    modem.hangUpAfterTheHandshake();
+    EXPECT_EQ(send.readAll(), "vx: modem send: card 0: no answer from the modem daemon\n");
+    EXPECT_EQ(send.wait(), 1);
 }
 
 // Each takes the library's 5 s, so they run at the same time.

@@ -54,7 +54,8 @@ std::string trimmed(std::string_view text) {
     return std::string(text.substr(first, text.find_last_not_of(blanks) - first + 1));
 }
 
-// Sends one command; its answer without the word that tells of success.
+// Sends one command; its answer without the word that tells of success. By steps: where a command cannot be sent, the
+// message still is the command, which must not be shown as the daemon's words.
 std::string ask(const Arguments &arguments, const std::string &command) {
     const int card = cardOf(arguments);
     const auto message = std::make_unique<wwanmd_msg>();
@@ -64,11 +65,12 @@ std::string ask(const Arguments &arguments, const std::string &command) {
     message->len = static_cast<int>(command.size());
     const Handle handle = open(card);
     if (!handle) throw cannotConnect(card);
-    if (wwanmd_command(handle.get(), message.get()) == 0) {
-        return trimmed({message->data, static_cast<size_t>(message->len)});
-    }
+    int result = wwanmd_send(handle.get(), message.get());
+    message->len = -1;
+    if (result == 0) result = wwanmd_recv(handle.get(), message.get());
     if (message->len < 0) throw Failure(nameOf(card), "no answer from the modem daemon");
     const std::string text = trimmed({message->data, static_cast<size_t>(message->len)});
+    if (result == 0) return text;
     throw Failure(nameOf(card), "the modem daemon refuses or is busy" + (text.empty() ? "" : ": " + text));
 }
 
