@@ -82,8 +82,9 @@ VXUTILS_API int qxbeta_adc_read(const char *path, float *value);
 VXUTILS_API int qxgamma_adc_read(const char *path, float *value, float factor);
 
 /**
- * Find the hardware monitor's file of an input of the fourth board type, among hwmon0 to hwmon9. Anything else
- * in place of a regular file is logged (LOG_ERR), and so is finding none.
+ * Find the hardware monitor's file of an input of the fourth board type:
+ * "/sys/bus/i2c/devices/0-0058/da9063-hwmon/hwmon/hwmonN/inINPUT_input", with the first N of 0 to 9 that has it.
+ * Anything else in place of a regular file is logged (LOG_ERR), and so is finding none.
  * @param input  1 or 2
  * @return the path, in the input's static buffer until its next call; empty when there is none; NULL for another input
  */

@@ -47,7 +47,20 @@ VXUTILS_API int get_generation(const char *technology);
 /**
  * Tell the family of a modem module from the start of its name, which is case-sensitive (the table is in lower case).
  * The first match in the order of the modem daemon's table counts, so "mc509..." is of the family of "mc..." (Quirk
- * Q89).
+ * Q89):
+ *
+ * | name begins with | code      |
+ * |------------------|-----------|
+ * | gtm              | 0x10001   |
+ * | mc               | 0x20002   |
+ * | em               | 0x40004   |
+ * | me, mu           | 0x80004   |
+ * | mpn, mpl         | 0x200008  |
+ * | trm              | 0x400010  |
+ * | sim              | 0x800020  |
+ * | tobyl2           | 0x1000040 |
+ * | laral6           | 0x4000040 |
+ * | fn, le, lm, ln   | 0x2000080 |
  *
  * @param module  name of the module, or NULL
  * @return the modem daemon's code of the family; 0 for other names and NULL

@@ -73,7 +73,8 @@ VXUTILS_API int has_poe(void);
 VXUTILS_API int has_sim_holder(void);
 
 /**
- * @return 1 while an update or configuration is in progress (a marker below "/tmp/progress" is readable), else 0. A
+ * @return 1 while an update or configuration is in progress, else 0: whether one of the markers "swupdate", "bdupdate",
+ *         "fwupdate", "config", "switch-software", "switch-config" and "sshkeys" in "/tmp/progress" is readable. A
  *         marker of an untrusted user does not count (see Privileges).
  */
 VXUTILS_API int in_maintenance(void);

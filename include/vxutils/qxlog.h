@@ -32,10 +32,11 @@
  * **Limits.** The file keeps the new entry and 32 older lines. Older lines have at most 1023 characters, the newline
  * included: longer ones are split. qxlog_read() needs a buffer of more than 256 bytes.
  *
- * **Privileges.** qxlog() needs write access to the directory /var/log, qxlog_clear() to the file, and qxlog_read()
- * read access to the file. The file has mode 0664 and is always replaced as a whole, so that other readers of the file
- * need no lock. Every user of the system may operate on the semaphore and lock the log; that can delay a call, but not
- * prevent it. The two paths must name regular files: links are not followed.
+ * **Privileges.** The file /etc/fstab must exist, whatever it holds: it identifies the semaphore. qxlog() needs write
+ * access to the directory /var/log, qxlog_clear() to the file, and qxlog_read() read access to the file. The file has
+ * mode 0664 and is always replaced as a whole, so that other readers of the file need no lock. Every user of the system
+ * may operate on the semaphore and lock the log; that can delay a call, but not prevent it. The two paths must name
+ * regular files: links are not followed.
  *
  * **Compatibility.** Behaviour kept on purpose (docs/compatibility.md): Q91 every call sets the semaphore free first;
  * Q92 a failure leaves semaphore and temporary file; Q93 qxlog_clear() succeeds without a file.

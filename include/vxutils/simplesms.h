@@ -27,9 +27,13 @@
  *
  * **Errors.** A call that fails returns -1 or nullptr. std::bad_alloc is thrown when memory is short.
  *
- * **Limits.** An incoming file is read up to its first 1023 bytes, without white space at its ends: header lines, an
- * empty line, the text. An id that is empty, is "." or "..", or holds a slash or a NUL is not a file name and reads as
- * a message that does not exist.
+ * **Files.** An outgoing file is the line "To: " and the number, an empty line, the text and a newline. An incoming
+ * file is header lines, an empty line, the text. Its header lines are "From:" and "Received:", each followed by a
+ * blank; of several the last counts, and they may be missing. Other header lines are logged (LOG_DEBUG) and ignored.
+ *
+ * **Limits.** An incoming file is read up to its first NUL, at most 1023 bytes, without white space at its ends. An id
+ * that is empty, is "." or "..", or holds a slash or a NUL is not a file name and reads as a message that does not
+ * exist.
  *
  * **Privileges.** send() needs write access to /tmp and an executable tool; reading and deleting need access to the
  * spool directory.
@@ -88,6 +92,7 @@ public:
     /**
      * List the incoming messages, in the directory's order. Only regular files are messages. A spool directory that is
      * missing or cannot be read has none; on a file system whose directory entries carry no type the list is empty.
+     * A file that cannot be examined is logged (LOG_DEBUG) and left out.
      * @param ids  receives one pair for each message, after those that it holds: status-change time of its file
      *             (seconds since 1970), and its id
      */

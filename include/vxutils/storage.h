@@ -17,7 +17,12 @@
  * Of several mount points the first in /proc/mounts counts.
  *
  * **Types.** Types are single bits: 2 is internal flash or eMMC, 4 partition 4 of an eMMC, 8 an SD card, a SATA disk
- * (index 1) or a USB disk on an unknown port, 16 a USB disk on a known port.
+ * (index 1) or a USB disk on an unknown port, 16 a USB disk on a known port. The link of the partition in
+ * /sys/class/block tells which, by the first of these texts that it holds: "/mtd" is 2; "/mmc_host" is 4 for mmcblk0p4
+ * and mmcblk1p4, 8 for mmcblk1p1 on a board of generation 18 (qxhw()), else 2; "/ata1" and "/ata2" are 8; "/usb" is 16
+ * if a directory in the link has one of the names of port 0 or 1, else 8. The names of a port are the lines of
+ * /proc/sysinfo/usbportN/usbName, of which 63 characters are read; a ':' in them is read as '.'. Partitions with any
+ * other link are left out.
  *
  * **Ownership.** The caller frees the entries with old_free_storage() and the head with free(). A pointer to an entry
  * is valid as long as the list's entries.
