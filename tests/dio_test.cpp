@@ -64,7 +64,11 @@ TEST(Dio, NullOutputsAreASystemErrorWithEinval) {
     EXPECT_TRUE(refused([] { return dio_rwValue(1, nullptr); }));
     EXPECT_TRUE(refused([] { return dio_frequency(1, nullptr); }));
     EXPECT_TRUE(refused([] { return dio_frequencyActive(1, nullptr); }));
-    EXPECT_TRUE(refused([] { return dio_roValue(0, nullptr); }));  // looked at before the number
+    // Looked at before the number.
+    EXPECT_TRUE(refused([] { return dio_roValue(0, nullptr); }));
+    EXPECT_TRUE(refused([] { return dio_rwValue(100, nullptr); }));
+    EXPECT_TRUE(refused([] { return dio_frequency(0, nullptr); }));
+    EXPECT_TRUE(refused([] { return dio_frequencyActive(-1, nullptr); }));
     EXPECT_TRUE(log.take().empty());
 }
 
