@@ -49,23 +49,25 @@
  * the loop with messagequeue.h. T is the message's time-out (5 to 300 s); "opening" means one wwanmd_open(). The
  * longest times are:
  *
- * | call              | waits at most          | in addition                                                      |
- * |-------------------|------------------------|------------------------------------------------------------------|
- * | wwanmd_in_reset() | 5 s                    | waits only while the reset marker is there                       |
- * | wwanmd_open()     | 15.3 s                 | 15 s in all while the reset marker comes and goes                |
- * | wwanmd_init()     | one opening            |                                                                  |
- * | wwanmd_send()     | 0.3 s + T              | 5 s for the marker; an opening if closed, late or 4 times failed |
- * | wwanmd_recv()     | T                      | as wwanmd_send(); T is one budget for all waits, "BUSY" included |
- * | wwanmd_command()  | 0.3 s + 2 T            | 10 s for the marker; openings as above; one when receiving fails |
- * | others            | 0 s                    |                                                                  |
+ * | call              | waits at most | in addition                                                            |
+ * |-------------------|---------------|------------------------------------------------------------------------|
+ * | wwanmd_in_reset() | 5 s           | waits only while the reset marker is there                             |
+ * | wwanmd_open()     | 15.3 s        | 15 s in all while the reset marker comes and goes                      |
+ * | wwanmd_init()     | one opening   |                                                                        |
+ * | wwanmd_send()     | 0.3 s + T     | 5 s for the marker; an opening if closed or late, another if it fails  |
+ * | wwanmd_recv()     | T             | 5 s for the marker; an opening if closed or if it fails                |
+ * | wwanmd_command()  | 0.3 s + 2 T   | 10 s for the marker; an opening if closed or late, another if it fails |
+ * | others            | 0 s           |                                                                        |
  *
- * An opening waits 5 s to be accepted, 0.3 s of pacing, 5 s to send the handshake and 5 s for its answer.
+ * An opening waits 5 s to be accepted, 0.3 s of pacing, 5 s to send the handshake and 5 s for its answer. A handle is
+ * late after a command that timed out, also after "BUSY", or that was sent only in part. For receiving, T is one budget
+ * for all waits, "BUSY" included.
  *
  * **Reconnecting.** The connection is made again
  *
  * - by the fourth failure in a row of sending or receiving, and by a broken pipe at once; a complete send sets
  *   `failures` back to 0;
- * - before the next command, when the last one timed out or was sent only in part;
+ * - before the next command, when the handle is late;
  * - by the 17th command in a row that ends in "BUSY"; an "OK" sets `busy_count` back to 0;
  * - before a command on a closed handle.
  *
