@@ -119,8 +119,8 @@ VXUTILS_API int dio_setValue(int dio, unsigned int value);
 VXUTILS_API int dio_frequency(int dio, dio_frequency_record *record);
 
 /**
- * Tell whether an input counts pulses, by a probe that the driver refuses (EEXIST) while it does. The refusal is logged
- * like an error (Quirk Q85).
+ * Tell whether an input counts pulses, by a probe ("-1" is written) that the driver refuses with EEXIST while it does.
+ * The refusal is logged like an error (Quirk Q85).
  * @param dio     number of the input
  * @param active  receives 0 or 1 on DIO_OK; NULL gives DIO_SYSTEM
  * @return DIO_OK; DIO_INACTIVE when the driver refuses the probe for another reason; DIO_RANGE, DIO_MISSING, DIO_SYSTEM
@@ -128,7 +128,8 @@ VXUTILS_API int dio_frequency(int dio, dio_frequency_record *record);
 VXUTILS_API int dio_frequencyActive(int dio, unsigned char *active);
 
 /**
- * Start or stop an input's pulse counting.
+ * Start or stop an input's pulse counting: write "1" or "0", which the driver refuses with EEXIST ("1") or ENOENT ("0")
+ * when there is nothing to change.
  * @param dio  number of the input
  * @param on   0 stops, anything else starts
  * @return DIO_OK; DIO_ACTIVE when it was to be started and ran; DIO_INACTIVE when it was to be stopped and did not run;
