@@ -242,7 +242,9 @@ TEST_F(Wwanmd, ACardInResetIsNeverConnectedTo) {
     EXPECT_EQ(handle->failures, 2);  // no attempt was made
     EXPECT_THAT(logTexts(), ElementsAre("wwanmd0 is currently in reset"));
     EXPECT_EQ(wwanmd_command(handle.get(), &message), -1);
+    handle->last_io = {};
     EXPECT_EQ(wwanmd_send(handle.get(), &message), -1);
+    EXPECT_NE(handle->last_io.tv_sec, 0) << "an attempt to send all the same";
     EXPECT_EQ(wwanmd_recv(handle.get(), &message), -1);
     EXPECT_EQ(wwanmd_init(0, "tester"), nullptr);
     EXPECT_EQ(logTexts(), std::vector<std::string>(4, "wwanmd0 is currently in reset"));
