@@ -98,6 +98,17 @@ TEST_F(WriteFileAtomic, ADirectWriteThatCannotOpenIsReported) {
     EXPECT_EQ(log.take(),
               (std::vector<LogLine>{
                   {LOG_ERR, "Unable to open file (/dev/none/x) for writing - errno=2(No such file or directory)"}}));
+    for (const std::string target : {"/dev/null/", "/dev/none/"}) {
+        EXPECT_EQ(write_file_atomic(target.c_str(), "x", 1, 1, 1), -1);
+        EXPECT_EQ(errno, EISDIR);
+        EXPECT_EQ(log.take(), (std::vector<LogLine>{{LOG_ERR, "Unable to open file (" + target +
+                                                                  ") for writing - errno=21(Is a directory)"}}));
+    }
+    EXPECT_EQ(write_file_atomic("/dev/null/x", "x", 1, 1, 1), -1);
+    EXPECT_EQ(errno, ENOTDIR);
+    EXPECT_EQ(
+        log.take(),
+        (std::vector<LogLine>{{LOG_ERR, "Unable to open file (/dev/null/x) for writing - errno=20(Not a directory)"}}));
 }
 
 TEST_F(WriteFileAtomic, ASizeThatLeavesNoRoomForTheNewlineIsNoMemory) {

@@ -45,7 +45,8 @@ Target openOrCreate(int directory, const char *path, mode_t mode) noexcept {
     constexpr int attempts = 40;  // ends the loop when an attacker makes and removes the file all the time
     for (int i = 0; i < attempts; ++i) {
         Fd file = open(directory, path, flags);
-        if (file.valid() || errno != ENOENT) return {std::move(file)};
+        // For a file's name with a slash after it, ENOTDIR: open() with O_CREAT says EISDIR.
+        if (file.valid() || (errno != ENOENT && errno != ENOTDIR)) return {std::move(file)};
         file = open(directory, path, flags | O_CREAT | O_EXCL, mode);
         if (file.valid()) return {std::move(file), true};
         if (errno != EEXIST) return {};
