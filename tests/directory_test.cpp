@@ -99,6 +99,22 @@ TEST_F(CreateDirectory, OneTrailingSlashIsIgnored) {
     EXPECT_FALSE(exists(path("nowhere")));
 }
 
+TEST_F(CreateDirectory, FollowsLinksAlsoAfterADirectoryThatItMade) {
+    vxtest::makeDirs(path("real"));
+    ASSERT_EQ(::symlink("real", path("link").c_str()), 0);
+    ASSERT_EQ(::symlink("nowhere", path("dangling").c_str()), 0);
+    vxtest::SyslogCapture log;
+    EXPECT_EQ(createDirectory(path("new1/../link")), 0);
+    EXPECT_EQ(createDirectory(path("new2/../link/a/b")), 0);
+    EXPECT_TRUE(exists(path("real/a/b")));
+    EXPECT_EQ(createDirectory(path("new3/../dangling")), 0);
+    EXPECT_TRUE(log.take().empty());
+    EXPECT_EQ(createDirectory(path("new4/../dangling/a")), -1);
+    EXPECT_EQ(log.take(),
+              (std::vector<LogLine>{{LOG_ERR, "Cannot create directory. mkdir " + path("new4/../dangling/a") +
+                                                  " throw errno=2, No such file or directory"}}));
+}
+
 TEST_F(CreateDirectory, StopsAtTheFirstFailure) {
     writeFile(path("file"), "x");
     vxtest::SyslogCapture log;

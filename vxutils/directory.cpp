@@ -67,14 +67,14 @@ int makeDirectory(int directory, const char *name, const char *shown, Fd &made) 
     return errno == EEXIST ? acceptExisting(directory, name, shown) : cannotMake(shown);
 }
 
-// Does the same inside `above`, a directory that this call has made, and replaces `above` by the new one.
+// Does the same inside `above`, where the walk is since it has made a directory, and replaces `above` by the new one.
+// After a link that leads nowhere `above` is invalid, and the walk goes on by the path.
 int makeBelow(Fd &above, const char *name, const char *shown) {
     if (*name == '\0') return 0;
     Fd made;
     const int result = makeDirectory(above.get(), name, shown, made);
     if (result != 0) return result;
-    if (!made.valid()) made = Fd(::openat(above.get(), name, O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-    if (!made.valid()) return cannotMake(shown);
+    if (!made.valid()) made = Fd(::openat(above.get(), name, O_PATH | O_DIRECTORY | O_CLOEXEC));
     above = std::move(made);
     return 0;
 }
