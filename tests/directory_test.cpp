@@ -184,6 +184,18 @@ TEST_F(DeleteDirectory, ALinkGivenAsThePathIsRemovedAndNotFollowed) {
     }
 }
 
+// As for remove(): the slash says that a directory is meant.
+TEST_F(DeleteDirectory, AFileWithASlashAfterItsNameStays) {
+    ASSERT_EQ(::symlink("one", path("tree/linked").c_str()), 0);
+    for (const char *name : {"tree/one/", "tree/one//", "tree/linked/"}) {
+        EXPECT_EQ(delete_directory(path(name).c_str()), 0) << name;
+        EXPECT_EQ(readFile(path("tree/linked")), "1") << name;
+    }
+    ASSERT_EQ(::symlink("one/none", path("tree/nowhere").c_str()), 0);
+    EXPECT_EQ(delete_directory(path("tree/nowhere").c_str()), 0);
+    EXPECT_FALSE(exists(path("tree/nowhere")));
+}
+
 TEST_F(DeleteDirectory, SlashesAfterThePathDoNotMatter) {
     EXPECT_EQ(delete_directory((path("tree") + "//").c_str()), 0);
     EXPECT_FALSE(exists(path("tree")));

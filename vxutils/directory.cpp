@@ -129,10 +129,13 @@ int deleteEntries(Fd top) {
 }
 
 // Removes a directory with its content, or a file of another type.
-int deleteTree(const std::string &path) {
-    const vx::LastComponent last(path);
+int deleteTree(const char *path) {
+    const vx::LastComponent last(vx::withoutSlashes(path));
     if (!last.valid()) return 0;
     Fd top(::openat(last.directory(), last.name(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    struct stat status;
+    const bool fileAndSlash = !top.valid() && ::lstat(path, &status) == -1 && errno == ENOTDIR;
+    if (fileAndSlash) return 0;
     if (top.valid() && deleteEntries(std::move(top)) == -1) return -1;
     removeEntry(last.directory(), last.name());
     return 0;
@@ -178,7 +181,7 @@ int delete_regular_file(const char *name) {
 // Quirk Q28.
 int delete_directory(const char *path) {
     if (path == nullptr || *path == '\0') return -1;
-    return vx::memoryGuarded([path] { return deleteTree(vx::withoutSlashes(path)); });
+    return vx::memoryGuarded([path] { return deleteTree(path); });
 }
 
 int delete_directory_contents(const char *path) {

@@ -218,8 +218,9 @@ VXUTILS_API int delete_regular_file(const char *name);
 
 /**
  * Remove a directory with everything in it, or a file, or a symbolic link. Links are removed and never followed, also
- * when @p path is one, with or without a slash at its end. A tree may have any depth, with paths longer than the kernel
- * accepts. Entries that cannot be removed are skipped without a message (Quirk Q28).
+ * when @p path is one, with or without a slash at its end. A file, or a link to one, stays when a slash follows its
+ * name. A tree may have any depth, with paths longer than the kernel accepts. Entries that cannot be removed are
+ * skipped without a message (Quirk Q28).
  *
  * @param path directory or file
  * @return 0, also when something could not be removed; -1 for NULL and "", when an entry of the directory cannot be
