@@ -6,6 +6,7 @@
 #include <unistd.h>
 #include <vxutils/file.h>
 
+#include <cerrno>
 #include <cstring>
 #include <string>
 
@@ -431,6 +432,22 @@ TEST_F(CopyDirectory, OntoItselfChangesNothing) {
     EXPECT_EQ(copyDirectory(path("tree"), path("tree")), 0);
     EXPECT_EQ(readFile(path("tree/sub/deep/two")), "2");
     EXPECT_EQ(readFile(path("tree/one")), "1");
+}
+
+// The destination is made before the source is looked for.
+TEST_F(CopyDirectory, TheSourceMayBeTheDirectoryThatIsMade) {
+    EXPECT_EQ(copyDirectory(path("new"), path("new")), 0);
+    EXPECT_TRUE(fs::is_empty(path("new")));
+    EXPECT_EQ(copyDirectory(path("copy/../outside"), path("copy")), 0);
+    EXPECT_EQ(readFile(path("copy/kept")), "kept");
+    vxtest::makeDirs(path("small/sub"));
+    EXPECT_EQ(vxtest::inChild([] {
+                  ::alarm(20);  // a copy without end ends then
+                  const int result = copyDirectory(path("small/sub/in/../.."), path("small/sub/in"));
+                  return result == -1 && errno == EINVAL ? 0 : 1;
+              }),
+              0);
+    EXPECT_FALSE(exists(path("small/sub/in/sub/in")));
 }
 
 TEST_F(CopyDirectory, BesideOrAboveItselfSucceeds) {

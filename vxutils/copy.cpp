@@ -259,16 +259,14 @@ bool hasEnd(const vx::LastComponent &dst, const struct stat &source) {
 int copyTree(const char *src, const char *dst) {
     const vx::LastComponent last(dst);
     if (!last.valid()) return -1;
-    Fd from(::open(src, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    constexpr int flags = O_RDONLY | O_DIRECTORY | O_CLOEXEC;
+    Fd from(::open(src, flags));
     struct stat source {};
     if (from.valid() && (::fstat(from.get(), &source) == -1 || !hasEnd(last, source))) return -1;
-    const int whyNoSource = errno;
     Fd to = openCopy(last.directory(), last.name());  // made even when there is nothing to copy
     if (!to.valid()) return -1;
-    if (!from.valid()) {
-        errno = whyNoSource;
-        return -1;
-    }
+    if (!from.valid()) from = Fd(::open(src, flags));  // what was just made may be the source, or lead to it
+    if (!from.valid()) return -1;
     struct stat top {};
     if (::fstat(to.get(), &top) == -1) return -1;
     return TreeCopy(std::move(from), std::move(to), top, src, dst).run();

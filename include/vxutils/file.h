@@ -277,8 +277,8 @@ VXUTILS_API int copy_file(const char *src, const char *dst);
  * These are failures: an entry that copy_file() cannot copy (a FIFO, a socket, a character device, a link that leads
  * nowhere or to a directory), a directory that cannot be read to its end, and a directory that was moved elsewhere
  * during the call (ESTALE). A copy into the tree itself would never end; it is refused with EINVAL before anything is
- * made. Where only a bind mount shows that @p dst is inside the tree, the copy ends with EINVAL when it meets @p dst. A
- * tree copied onto itself stays as it is.
+ * made. Where only a bind mount shows that @p dst is inside the tree, or only @p dst itself once it is made, the copy
+ * ends with EINVAL when it meets @p dst. A tree copied onto itself stays as it is.
  *
  * @param src directory to copy, or a link to it
  * @param dst directory to fill; made if it is missing, but the one above it must exist. A link is refused.
