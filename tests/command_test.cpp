@@ -38,6 +38,7 @@ using namespace vxtest::command;
 using vxtest::LogLine;
 using vxtest::readFile;
 using vxtest::writeFile;
+using namespace std::string_literals;
 
 using CommandExample = Commands;
 
@@ -166,6 +167,8 @@ TEST_F(ExecCommand, DetachedReturnsTheProgramsOwnProcessId) {
         struct stat status {};
         ASSERT_EQ(::stat(("/proc/" + std::to_string(pid) + "/fd/" + stream).c_str(), &status), 0);
         EXPECT_EQ(status.st_rdev, nullDevice.st_rdev) << stream;
+        const std::string flags = readFile("/proc/" + std::to_string(pid) + "/fdinfo/" + stream);
+        EXPECT_EQ(std::stoi(flags.substr(flags.find("flags:") + 6), nullptr, 8) & O_ACCMODE, O_RDWR) << stream;
     }
     ::kill(pid, SIGKILL);
 }
@@ -196,6 +199,33 @@ TEST_F(RunCommand, RunsTheShell) {
     EXPECT_EQ(run_command("/none 2>/dev/null", 0), 127);
     EXPECT_EQ(run_command("", 0), 0);
     EXPECT_GT(run_command(nullptr, 0), 0) << "the shell misses its argument";
+}
+
+// What procname() and lists of processes show.
+TEST_F(RunCommand, TheShellHasItsPathAsArgumentZero) {
+    for (const int background : {0, 1}) {
+        ::unlink(path("line").c_str());
+        const std::string command =
+            "cat /proc/$$/cmdline >" + path("line.tmp") + "; mv " + path("line.tmp") + " " + path("line") + "; true";
+        EXPECT_GE(run_command(command.c_str(), background), 0);
+        ASSERT_TRUE(vxtest::eventually([] { return vxtest::exists(path("line")); }));
+        EXPECT_EQ(readFile(path("line")), "/bin/sh\0-c\0"s + command + '\0');
+    }
+}
+
+TEST_F(RunCommand, AndEvaluatedCommandsInheritEnvironmentAndSignals) {
+    EXPECT_EQ(vxtest::inChild([] {
+                  ::setenv("INHERITED", "yes", 1);
+                  std::signal(SIGUSR2, SIG_IGN);
+                  sigset_t user1;
+                  sigemptyset(&user1);
+                  sigaddset(&user1, SIGUSR1);
+                  ::pthread_sigmask(SIG_BLOCK, &user1, nullptr);
+                  const std::string command = "kill -USR1 $$; kill -USR2 $$; echo $INHERITED";
+                  if (eval(command, 100) != Evaluated{4, "yes\n"}) return 1;
+                  return run_command(("[ \"$(" + command + ")\" = yes ]").c_str(), 0) == 0 ? 0 : 2;
+              }),
+              0);
 }
 
 TEST_F(RunCommand, DoesNotWaitInTheBackground) {
