@@ -70,6 +70,15 @@ TEST_F(DeleteRegularFile, WhatCannotBeLookedUpCountsAsRemoved) {
     EXPECT_TRUE(vxtest::exists(path("closed/file")));
 }
 
+TEST_F(DeleteRegularFile, AFileThatCannotBeRemovedIsAFailure) {
+    writeFile(path("busy"), "x");
+    ASSERT_EQ(::mount(path("busy").c_str(), path("busy").c_str(), nullptr, MS_BIND, nullptr), 0);
+    EXPECT_EQ(delete_regular_file(path("busy").c_str()), -1);
+    EXPECT_EQ(errno, EBUSY);
+    ASSERT_EQ(::umount(path("busy").c_str()), 0);
+    EXPECT_TRUE(exists(path("busy")));
+}
+
 // --- making
 
 TEST_F(TryMkdir, TheUmaskMayTakeEveryRight) {

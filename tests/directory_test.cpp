@@ -325,6 +325,14 @@ TEST_F(CopyFile, EachFailureIsReported) {
                   {LOG_ERR, "Sendfile error: Invalid argument (22)"}}));
 }
 
+TEST_F(CopyFile, WithoutASourceNoFolderIsMade) {
+    vxtest::SyslogCapture log;
+    EXPECT_EQ(copyFile(path("none"), path("folder/dst")), -1);
+    EXPECT_FALSE(exists(path("folder")));
+    EXPECT_EQ(log.take(), (std::vector<LogLine>{{LOG_ERR, "Source file " + path("none") +
+                                                              " could not be opened: No such file or directory (2)"}}));
+}
+
 TEST_F(CopyFile, OntoItselfChangesNothing) {
     writeFile(path("file"), "content");
     ASSERT_EQ(::symlink("file", path("symbolic").c_str()), 0);

@@ -411,6 +411,8 @@ TEST_F(CreateTmpfile, AFailureRemovesWhatHasTheName) {
     EXPECT_EQ(create_tmpfile(path("plain").c_str()), nullptr);
     EXPECT_EQ(errno, EINVAL);
     EXPECT_FALSE(vxtest::exists(path("plain")));
+    EXPECT_EQ(create_tmpfile(path("plain").c_str()), nullptr);
+    EXPECT_EQ(errno, EINVAL) << "not that of the removal";
 }
 
 }  // namespace
