@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <new>
 #include <optional>
 #include <string>
 #include <utility>
@@ -16,6 +17,7 @@
 #include "support/files.h"
 #include "support/process.h"
 #include "support/processcontrol.h"
+#include "support/short_memory.h"
 
 VXTEST_HOOK(char *, strdup, (const char *text), (text))
 
@@ -149,6 +151,39 @@ TEST(ProcessControl, FollowsProcessesThatComeAndGoInAnyOrder) {
                 EXPECT_EQ(control.getProcessEntryByPid(pid)->getName(), "p" + std::to_string(pid));
             }
         }
+    });
+}
+
+// Makes the first allocation of a refresh fail, then the second one, and so on until it succeeds.
+TEST(ProcessControl, AfterARefreshWithoutMemoryTheListCanStillBeUsed) {
+    withEmptyProc([] {
+        int thrown = 0;
+        for (int allocations = 0;; ++allocations) {
+            for (int pid = 700001; pid <= 700005; ++pid) addProcess(pid, "kept");
+            removeProcess(700006);
+            ProcessControl control;
+            control.refresh(false);
+            const int first = pidsOf(control).front();
+            removeProcess(first);
+            addProcess(700006, "new");
+            const int before = thrown;
+            vxtest::objectsLeft = allocations;
+            vxtest::objectsRunOut = true;
+            try {
+                control.refresh(true);
+            } catch (const std::bad_alloc &) {
+                ++thrown;
+            }
+            vxtest::objectsRunOut = false;
+            EXPECT_EQ(control.getProcessEntryByPid(first) != nullptr, thrown > before) << allocations;
+            EXPECT_EQ(control.getNumberOfProcessesByName("kept"), thrown > before ? 5 : 4) << allocations;
+            if (thrown == before && control.getProcessEntryByPid(700006) != nullptr) break;
+            control.refresh(true);
+            EXPECT_EQ(pidsOf(control).size(), 5U) << allocations;
+            EXPECT_EQ(control.getNumberOfProcesses(), 5) << allocations;
+            EXPECT_NE(control.getProcessEntryByPid(700006), nullptr) << allocations;
+        }
+        EXPECT_GT(thrown, 0);
     });
 }
 
