@@ -17,6 +17,7 @@
 #include <csignal>
 #include <cstring>
 #include <limits>
+#include <optional>
 #include <random>
 #include <thread>
 
@@ -32,6 +33,7 @@
 // The library's allocator of zeroed records, and the C library's copies of texts.
 VXTEST_HOOK(void *, zalloc, (size_t size), (size))
 VXTEST_HOOK(char *, strndup, (const char *text, size_t most), (text, most))
+VXTEST_HOOK(ssize_t, write, (int fd, const void *data, size_t size), (fd, data, size))
 
 // A huge request is to fail as it does without the sanitizer.
 extern "C" const char *__asan_default_options();
@@ -228,6 +230,34 @@ TEST_F(WriteFileAtomic, AShortDirectWriteFails) {
     EXPECT_EQ(log.take(),
               (std::vector<LogLine>{{LOG_ERR, "Unable to write to file (/dev/shm/direct) - errno=0(Success)"}}));
     ::unlink("/dev/shm/direct");
+}
+
+TEST_F(WriteFileAtomic, ADirectWriteIntoAFifoNeitherWaitsNorRaisesSigpipe) {
+    const std::string fifo = "/dev/shm/fifo";
+    ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
+    vxtest::SyslogCapture log;
+    EXPECT_EQ(vxtest::inChild([&] {
+                  ::alarm(20);
+                  const int reader = ::open(fifo.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+                  const std::string piece(4095, 'x');
+                  int taken = 0;
+                  while (taken < 1000 && writefile(fifo.c_str(), piece.c_str()) == 0) ++taken;
+                  if (taken == 0 || errno != EAGAIN) return 1;
+                  const vxtest::Hooked leaves(vxtest::hooks::write, [&](const auto &...) -> std::optional<ssize_t> {
+                      ::close(reader);
+                      return std::nullopt;
+                  });
+                  return writefile(fifo.c_str(), "x") == -1 && errno == EPIPE ? 0 : 2;
+              }),
+              0);
+    std::vector<LogLine> failures;
+    for (const LogLine &line : log.take()) {
+        if (line.priority == LOG_ERR) failures.push_back(line);
+    }
+    const std::string start = "Unable to write to file (" + fifo + ") - errno=";
+    EXPECT_EQ(failures, (std::vector<LogLine>{{LOG_ERR, start + "11(Resource temporarily unavailable)"},
+                                              {LOG_ERR, start + "32(Broken pipe)"}}));
+    ::unlink(fifo.c_str());
 }
 
 // A terminal takes a few KiB; the rest has to wait until they are read.

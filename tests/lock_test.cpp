@@ -85,7 +85,7 @@ TEST_F(DirectoryLock, AHeldOneIsTriedOnceASecondAndTheLastTrySleepsToo) {
     const vxtest::Hooked recorder(vxtest::hooks::sleep, [&](unsigned int seconds) -> std::optional<unsigned int> {
         pauses_s.push_back(seconds);
         if (pauses_s.size() == 5) release_lock(path.c_str());
-        return 0;
+        return pauses_s.size() == 2 ? 1U : 0U;  // a signal ends the second one early
     });
     EXPECT_EQ(acquire_lock(path.c_str(), 3), -1);
     EXPECT_EQ(pauses_s, std::vector(3, 1U));
@@ -207,6 +207,17 @@ TEST_F(FirewallLock, GoesOnWaitingThroughSignals) {
     EXPECT_EQ(firewall_unlock(handle), 0);
     while (vxtest::waitChild(holder) == -1) {
     }
+}
+
+TEST_F(FirewallLock, ASecondOneInTheSameProcessWaits) {
+    EXPECT_EQ(vxtest::inChild([] {
+                  ::signal(SIGALRM, SIG_DFL);
+                  if (firewall_lock() == nullptr) return 1;
+                  ::ualarm(100000, 0);
+                  (void)firewall_lock();
+                  return 2;
+              }),
+              128 + SIGALRM);
 }
 
 TEST_F(FirewallLock, IsSharedWithAForkedChild) {
