@@ -540,6 +540,31 @@ TEST_F(CopyDirectoryFaults, AnExistingDestinationThatCannotBeExaminedIsNotFilled
     EXPECT_TRUE(fs::is_empty(path("copy")));
 }
 
+TEST_F(CopyDirectoryFaults, EachLookAtTheDestinationCounts) {
+    for (const bool existing : {false, true}) {
+        bool refused = true;
+        for (int passing = 0; refused; ++passing) {
+            ASSERT_LT(passing, 10);
+            fs::remove_all(path("copy"));
+            if (existing) vxtest::makeDirs(path("copy"));
+            int left = passing;
+            refused = false;
+            const Hooked hooked(hooks::fstat, [&](int fd, struct stat *) -> std::optional<int> {
+                if (refused || pathOf(fd) != path("copy") || left-- > 0) return std::nullopt;
+                refused = true;
+                errno = EIO;
+                return -1;
+            });
+            const int result = copyDirectory(path("outside"), path("copy"));
+            if (!refused) continue;
+            EXPECT_EQ(errno, EIO) << passing;
+            EXPECT_EQ(result, -1) << passing;
+            EXPECT_TRUE(fs::is_empty(path("copy"))) << passing;
+        }
+        EXPECT_EQ(readFile(path("copy/kept")), "kept");
+    }
+}
+
 // Whether it is inside the source is not known then.
 TEST_F(CopyDirectoryFaults, WhereTheDestinationCannotBeExaminedNothingIsMade) {
     for (const char *copy : {"tree/sub/in", "tree/sub/deep"}) {
