@@ -255,6 +255,7 @@ TEST_F(WwanmdFaults, ACommandTheSocketTakesOnlyInPartHasFailed) {
     const int smallest = 1;
     ASSERT_EQ(::setsockopt(handle->fd, SOL_SOCKET, SO_SNDBUF, &smallest, sizeof smallest), 0);
     Message message(std::string(8190, 'f'));
+    errno = EPIPE;  // left over: the daemon has not stalled
     EXPECT_EQ(command(handle, message), -1);
     EXPECT_THAT(logTexts(), ElementsAre("could not send 8191 bytes to wwanmd0 (Success)",
                                         "sending to wwanmd0 failed (1 failures)"));
@@ -275,6 +276,27 @@ TEST_F(WwanmdFaults, TheCommandAfterOneThatWasSentInPartGoesOutOnANewConnection)
     EXPECT_EQ(handle->failures, 0);
     EXPECT_THAT(modem.happened(),
                 testing::IsSupersetOf({"closed", "connected", "command init tester", "command signal"}));
+}
+
+TEST_F(WwanmdFaults, ANewConnectionAfterATimeoutForgetsNoFailure) {
+    const Handle handle = connect();
+    handle->flags = 3;  // as after a command that timed out
+    handle->failures = 1;
+    handle->last_io = {};
+    Message message("signal");
+    int polls = 0;
+    {
+        // The first poll is that of the old connection, two are those of the handshake.
+        const Hooked broken(hooks::poll, [&](pollfd *, nfds_t, int) -> std::optional<int> {
+            if (++polls <= 3) return std::nullopt;
+            errno = EIO;
+            return -1;
+        });
+        EXPECT_EQ(wwanmd_send(handle.get(), &message), -1);
+    }
+    EXPECT_EQ(handle->failures, 2);
+    EXPECT_THAT(logTexts(), ElementsAre("cannot send command to wwanmd0", "sending to wwanmd0 failed (2 failures)"));
+    EXPECT_THAT(modem.happened(), testing::UnorderedElementsAre("closed", "connected", "command init tester"));
 }
 
 TEST_F(WwanmdFaults, ADaemonThatAcceptsAndClosesAtOnceEndsEachCallAndIsRecoveredFrom) {

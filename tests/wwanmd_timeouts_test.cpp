@@ -221,7 +221,9 @@ TEST_F(WwanmdTimeouts, AResetThatBeginsAfterATimeoutIsSeenByTheNextSend) {
     Message message("signal");
     EXPECT_EQ(command(handle, message), -1);
     modem.tell("reset on");
+    handle->last_io = {};
     EXPECT_EQ(wwanmd_send(handle.get(), &message), -11);
+    EXPECT_NE(handle->last_io.tv_sec, 0);
     EXPECT_EQ(handle->fd, -1);
     modem.tell("reset off");
 }
