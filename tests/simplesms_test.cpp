@@ -140,6 +140,26 @@ TEST_F(SimpleSms, AChildForkedWhileTheFileIsWrittenMayEndWithExit) {
     EXPECT_EQ(vxtest::readFile("/tmp/sent"), "To: 1\n\nhello\n");
 }
 
+TEST_F(SimpleSms, TheFileIsClosedOnce) {
+    tool(0);
+    const int next = ::dup(0);
+    ::close(next);
+    int other = -1;
+    {
+        // Another thread opens something as soon as the descriptor is free.
+        const vxtest::Hooked closing(vxtest::hooks::fclose, [&](FILE *file) -> std::optional<int> {
+            if (other != -1) return std::nullopt;
+            const int result = vxtest::real::fclose(file);
+            other = ::dup(0);
+            return result;
+        });
+        EXPECT_EQ(CSimpleSMS("1", "hello").send(), 0);
+    }
+    EXPECT_EQ(other, next);
+    EXPECT_NE(::fcntl(other, F_GETFD), -1) << "closed by send()";
+    ::close(other);
+}
+
 TEST_F(SimpleSms, WhatTheToolRefusesIsRemoved) {
     tool(1);
     const vxtest::NoLeaks leaks;
