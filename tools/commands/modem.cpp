@@ -69,7 +69,7 @@ std::string ask(const Arguments &arguments, const std::string &command) {
     message->len = -1;
     if (result == 0) result = wwanmd_recv(handle.get(), message.get());
     if (message->len < 0) throw Failure(nameOf(card), "no answer from the modem daemon");
-    const std::string text = trimmed({message->data, static_cast<size_t>(message->len)});
+    std::string text = trimmed({message->data, static_cast<size_t>(message->len)});
     if (result == 0) return text;
     throw Failure(nameOf(card), "the modem daemon refuses or is busy" + (text.empty() ? "" : ": " + text));
 }
