@@ -27,7 +27,7 @@ int main(int argc, char **argv) {
     message.len = snprintf(message.data, sizeof message.data, "%s", command);
     message.timeout = 10;
     result = wwanmd_send(modem, &message);
-    message.len = -1; /* the message still is the command: tells when there is no answer */
+    message.len = -1; /* if it stays -1, no answer came and the message still holds the command */
     if (result == 0) result = wwanmd_recv(modem, &message);
     message.data[strcspn(message.data, "\n")] = '\0';
     if (message.len < 0) {

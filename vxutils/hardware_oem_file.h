@@ -9,8 +9,8 @@ namespace vx {
 
 inline constexpr size_t oemLineSize = 1024;  // characters of a line, and of a value with its NUL
 
-// Puts the value of the first line "KEY=VALUE" into `value` (oemLineSize bytes), which may hold the key. Returns false,
-// and leaves `value` unchanged, when there is no such line.
+// Puts the value of the first line "KEY=VALUE" into `value` (oemLineSize bytes), which may hold the key. If no line
+// has the key, returns false and leaves `value` unchanged.
 bool findOemValue(FILE *file, std::string_view key, char *value);
 
 }  // namespace vx

@@ -22,8 +22,8 @@
  * Q45), and eval_command() returns -1.
  *
  * **Blocking.** Foreground runs wait until the program ends, and eval_command() also until every process that has
- * inherited its output has ended or closed it. There is no limit: do not call them in an event loop. A detached start
- * waits at most about 1 s for other detached starts. system_reboot() and system_poweroff() take 100 ms more.
+ * inherited its output has ended or closed it. Neither has a time-out: do not call them in an event loop. A detached
+ * start waits at most about 1 s for other detached starts. system_reboot() and system_poweroff() take 100 ms more.
  *
  * **Errors.** Functions return -1. Too many arguments, and steps of _exec_command() that fail, are logged (LOG_ERR),
  * except that the token's memory cannot be attached. A NULL or empty argument, eval_command() and makeargv() log

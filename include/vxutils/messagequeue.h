@@ -124,7 +124,7 @@ public:
      * Open the wake-up pipe, which is close-on-exec, and register with the event source. Call it once, on the loop's
      * thread, after the source's init(). A source that cannot watch the pipe, as before its init(), logs that; this
      * function then returns 0 all the same, and nothing is delivered.
-     * @return 0, or -1 when there is no pipe; the reason is in the system log
+     * @return 0, or -1 if the pipe cannot be made; the reason is in the system log
      */
     int init();
 

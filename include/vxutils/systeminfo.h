@@ -75,7 +75,7 @@ VXUTILS_API const char *systeminfo_getvar(const systeminfo_table *table, const c
  * @param table  from systeminfo_init(), or NULL
  * @param name   name of the variable; NULL finds nothing
  * @return the value as atoi() reads it (0 for a text that is not a number, a line feed alone included), or the nearest
- *         int when it is out of range; -1 when there is no value or it is empty (NAME=""), also for NULL
+ *         int when it is out of range; -1 if the value is missing or empty (NAME=""), also for NULL
  */
 VXUTILS_API int systeminfo_getint(const systeminfo_table *table, const char *name);
 
