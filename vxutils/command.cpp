@@ -10,8 +10,10 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
+#include <climits>
 #include <cstdarg>
 #include <cstdint>
 #include <cstdio>
@@ -48,6 +50,8 @@ constexpr int mostRemovals = 3;  // of abandoned tokens in one try
 constexpr int64_t handoverPause_us = 100000;
 
 constexpr size_t outputPieceLength = 1022;
+// The result is an int and counts a last piece that was cut whole.
+constexpr size_t mostOutput = INT_MAX - outputPieceLength;
 
 constexpr size_t mostArguments = 255;
 constexpr const char *blanks = " \t\n";
@@ -332,7 +336,7 @@ int eval_command(const char *command, char *out, size_t size) {
     out[0] = '\0';
     vx::ShellOutput output(command);
     if (!output.running()) return -1;
-    const size_t room = size - 1;
+    const size_t room = std::min(size, mostOutput) - 1;
     size_t used = 0;
     while (const auto piece = output.nextLine(outputPieceLength)) {
         if (used >= room) continue;  // full: the rest is read and dropped, so that the command can end

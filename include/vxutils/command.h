@@ -31,7 +31,7 @@
  * find a program.
  *
  * **Limits.** 15 arguments after argument 0 in _exec_command(), 255 in makeargv(). eval_command() stores at most two
- * characters less than the buffer has bytes.
+ * characters less than the buffer has bytes, and less than 2 GiB.
  *
  * **Privileges.** The program runs with the caller's rights. A detached start creates a System V shared-memory segment
  * as its token; root and the user who made it may remove it. Without their scripts, system_reboot() and
@@ -88,7 +88,8 @@ VXUTILS_API int run_command(const char *command, int background);
  * Run a command line with /bin/sh and collect its standard output. Waits until it ends.
  *
  * @param command text for "sh -c"
- * @param out     receives the output, at most @p size - 2 characters, terminated; a NUL byte hides the rest of its line
+ * @param out     receives the output, at most @p size - 2 characters and less than 2 GiB, terminated; a NUL byte hides
+ *                the rest of its line
  * @param size    size of @p out in bytes
  * @return the number of characters of the stored lines; a line that was cut counts with all its characters, later lines
  *         do not count (pieces of 1022 characters count as lines). -1 when the exit code is not 0, when the command
