@@ -38,6 +38,7 @@
 #include "support/open_hook.h"
 #include "support/process.h"
 #include "support/resources.h"
+#include "support/short_memory.h"
 #include "support/stranger.h"
 #include "support/syscall_filter.h"
 #include "support/syslog_capture.h"
@@ -693,6 +694,16 @@ TEST_F(EvalCommandFaults, FailsWithoutADescriptorForTheOutput) {
                   return eval_command("echo x", out, sizeof out) == -1 && *out == '\0' ? 0 : 1;
               }),
               0);
+}
+
+TEST(MakeargvFaults, FailsWithoutMemoryForTheArray) {
+    char **argv = nullptr;
+    int argc = -7;
+    vxtest::scarceRecord = 255 * sizeof *argv;
+    EXPECT_EQ(makeargv("one two", &argv, &argc), -1);
+    vxtest::scarceRecord = 0;
+    EXPECT_EQ(argv, nullptr);
+    EXPECT_EQ(argc, -7);
 }
 
 TEST(MakeargvFaults, FailsWithoutMemory) {

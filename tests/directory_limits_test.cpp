@@ -13,24 +13,31 @@
 #include <csignal>
 #include <cstring>
 #include <functional>
+#include <optional>
 #include <string>
 #include <utility>
 
+#include "support/call_hooks.h"
 #include "support/directories.h"
 #include "support/files.h"
 #include "support/process.h"
 #include "support/stranger.h"
 #include "support/syslog_capture.h"
 
+VXTEST_HOOK(int, mkdirat, (int directory, const char *name, mode_t mode), (directory, name, mode))
+
 namespace {
 
 using namespace vxtest::directories;
+
+namespace hooks = vxtest::hooks;
 
 using vxtest::exists;
 using vxtest::LogLine;
 using vxtest::readFile;
 using vxtest::writeFile;
 
+using CreateDirectory = Directories;
 using TryMkdir = Directories;
 using CopyFile = Directories;
 using DeleteDirectory = Trees;
@@ -80,6 +87,28 @@ TEST_F(DeleteRegularFile, AFileThatCannotBeRemovedIsAFailure) {
 }
 
 // --- making
+
+// The walk goes on from it by its descriptor all the same, so that no link in its place is followed.
+TEST_F(CreateDirectory, ADirectoryThatMayOnlyBeEnteredIsAPlaceToGoOnFrom) {
+    if (!vxtest::hasOtherUsers()) GTEST_SKIP() << "a box made by an ordinary user has no other";
+    vxtest::makeDirs(path("his"));
+    vxtest::giveTo(vxtest::stranger, path("his"));
+    EXPECT_EQ(vxtest::asUser(vxtest::stranger,
+                             [] {
+                                 ::mkdir(path("his/dark").c_str(), 0300);
+                                 bool byDescriptor = false;
+                                 const vxtest::Hooked watch(hooks::mkdirat,
+                                                            [&](int directory, const char *name, mode_t) {
+                                                                if (std::string(name) == "below")
+                                                                    byDescriptor = directory != AT_FDCWD;
+                                                                return std::optional<int>();
+                                                            });
+                                 if (createDirectory(path("his/new/../dark/below")) != 0) return 1;
+                                 return byDescriptor ? 0 : 2;
+                             }),
+              0);
+    EXPECT_TRUE(exists(path("his/dark/below")));
+}
 
 TEST_F(TryMkdir, TheUmaskMayTakeEveryRight) {
     if (!vxtest::hasOtherUsers()) GTEST_SKIP() << "a box made by an ordinary user has no other";

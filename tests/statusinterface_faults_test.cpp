@@ -32,6 +32,7 @@ VXTEST_HOOK(bufferevent *, bufferevent_new,
             (evutil_socket_t fd, bufferevent_data_cb read, bufferevent_data_cb write, bufferevent_event_cb error,
              void *argument),
             (fd, read, write, error, argument))
+VXTEST_HOOK_AS(int, fstat, "__fstat64_time64", (int fd, struct stat *status), (fd, status))
 VXTEST_HOOK(int, mkfifoat, (int directory, const char *name, mode_t mode), (directory, name, mode))
 VXTEST_HOOK(int, bufferevent_enable, (bufferevent * bev, short what), (bev, what))
 VXTEST_WATCH(bufferevent_free, (bufferevent * bev), (bev))
@@ -177,6 +178,43 @@ TEST(StatusSetupFaults, APathFromACurrentDirectoryThatCannotBeOpenedLeadsNowhere
     EXPECT_TRUE(status.setStatus("sub/state", "x"));
     std::filesystem::current_path(before);
     std::filesystem::remove_all("/tmp/place");
+}
+
+// Its directories are looked at, not opened one by one.
+TEST_F(StatusFaults, ATreeMadeWithCareCostsNoWalk) {
+    vxtest::makeDirs(directory_ + "/a/b");
+    const auto walked = [&](const char *name) {
+        int places = 0;
+        const Hooked counted(hooks::open, [&](const char *, int flags) -> std::optional<int> {
+            if ((flags & O_PATH) != 0 && (flags & O_NOFOLLOW) != 0) ++places;
+            return std::nullopt;
+        });
+        EXPECT_TRUE(status_.setStatus(name, "x"));
+        return places;
+    };
+    EXPECT_EQ(walked("/a/b/state"), 0);
+    std::filesystem::create_symlink("a", directory_ + "/link");
+    EXPECT_GT(walked("/link/b/state"), 0) << "a link is walked through";
+}
+
+TEST_F(StatusFaults, ADirectoryThatCannotBeExaminedIsNotEntered) {
+    vxtest::makeDirs(directory_ + "/a");
+    std::filesystem::create_symlink(directory_ + "/a", directory_ + "/link");
+    int refusals = 0;
+    for (bool refused = true; refused; ++refusals) {
+        int left = refusals;
+        refused = false;
+        const Hooked failing(hooks::fstat, [&](int, const struct stat *) -> std::optional<int> {
+            if (left-- != 0) return std::nullopt;
+            refused = true;
+            errno = EIO;
+            return -1;
+        });
+        const bool written = status_.setStatus("/link/state", "x");
+        EXPECT_EQ(written, !refused) << "look " << refusals;
+        ASSERT_LT(refusals, 100);
+    }
+    EXPECT_GT(refusals, 5) << "each directory of the way, link and file";
 }
 
 TEST_F(StatusFaults, TellsWhenNotEveryByteWasTaken) {
