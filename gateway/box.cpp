@@ -39,6 +39,7 @@
 #include <string_view>
 #include <vector>
 
+#include "gateway/ignored_signal.h"
 #include "gateway/standard_streams.h"
 
 namespace {
@@ -576,7 +577,8 @@ int main(int argc, char **argv) {
     if (boxInit == 0) runBox(options, othersFiles, inUserNamespace, mapped);
     // Signals of the terminal belong to the program inside; a request to end takes the whole box down.
     for (const int signal : {SIGINT, SIGQUIT}) std::signal(signal, SIG_IGN);
-    for (const int signal : {SIGTERM, SIGHUP}) std::signal(signal, endBox);
+    std::signal(SIGTERM, endBox);
+    if (!isIgnored(SIGHUP)) std::signal(SIGHUP, endBox);
     if (inUserNamespace.pass()) {
         if (!options.privileged) mapSameIds(boxInit);
         mapped.open();

@@ -35,6 +35,7 @@
 #include "gateway/core/junit.h"
 #include "gateway/core/preload.h"
 #include "gateway/core/replay.h"
+#include "gateway/ignored_signal.h"
 #include "gateway/tap.h"
 
 namespace {
@@ -206,7 +207,8 @@ private:
     void holdSignals() {
         sigset_t handled;
         ::sigemptyset(&handled);
-        for (const int signal : {SIGCHLD, SIGTERM, SIGHUP}) ::sigaddset(&handled, signal);
+        for (const int signal : {SIGCHLD, SIGTERM}) ::sigaddset(&handled, signal);
+        if (!isIgnored(SIGHUP)) ::sigaddset(&handled, SIGHUP);  // one that is held back comes though it is ignored
         ::sigprocmask(SIG_BLOCK, &handled, &before_);
         signals_ = Descriptor(::signalfd(-1, &handled, SFD_CLOEXEC | SFD_NONBLOCK));
         for (const int signal : {SIGINT, SIGQUIT, SIGPIPE})

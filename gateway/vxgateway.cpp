@@ -26,6 +26,7 @@
 #include "gateway/core/junit.h"
 #include "gateway/core/recorder.h"
 #include "gateway/core/scenario.h"
+#include "gateway/ignored_signal.h"
 #include "gateway/standard_streams.h"
 
 namespace {
@@ -345,6 +346,10 @@ void endPanel(int) {
     ::alarm(5);
 }
 
+void passToBox(int signal) {
+    if (box > 0) ::kill(box, signal);
+}
+
 int runBox(const Arguments &command) {
     std::vector<char *> words;
     for (const std::string &word : command) words.push_back(const_cast<char *>(word.c_str()));
@@ -362,12 +367,11 @@ int runBox(const Arguments &command) {
     // Ctrl-C is for the program inside; a request to end is for the box.
     for (const int signal : {SIGINT, SIGQUIT}) std::signal(signal, SIG_IGN);
     for (const int signal : {SIGTERM, SIGHUP}) {
-        std::signal(signal, [](int which) {
-            if (box > 0) ::kill(box, which);
-        });
+        if (signal == SIGHUP && isIgnored(signal)) continue;
+        std::signal(signal, leash != -1 ? endPanel : passToBox);
     }
     if (leash != -1) {
-        for (const int signal : {SIGINT, SIGTERM, SIGHUP, SIGALRM}) std::signal(signal, endPanel);
+        for (const int signal : {SIGINT, SIGALRM}) std::signal(signal, endPanel);
     }
     int status = 0;
     while (::waitpid(box, &status, 0) == -1) {

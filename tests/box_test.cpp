@@ -198,6 +198,19 @@ TEST_F(BoxCommand, LeavesTheSignalsOfTheTerminalToTheProgram) {
     EXPECT_EQ(box.wait(), 5);
 }
 
+TEST_F(BoxCommand, EndsWithItsTerminalUnlessSighupIsIgnored) {
+    for (const bool ignored : {false, true}) {
+        std::vector<std::string> command = {vxtest::built("gateway/vxbox"), "--", "sh", "-c",
+                                            "echo ready; read word; exit 5"};
+        if (ignored) command.insert(command.begin(), {"env", "--ignore-signal=HUP"});
+        vxtest::Process box(command);
+        EXPECT_EQ(box.readLine(), "ready");
+        box.signal(SIGHUP);
+        if (ignored) box.send("go on\n");
+        EXPECT_EQ(box.wait(), ignored ? 5 : 128 + SIGKILL);
+    }
+}
+
 pid_t onlyChild(pid_t parent) {
     const std::string id = std::to_string(parent);
     const std::string children = vxtest::readFile("/proc/" + id + "/task/" + id + "/children");

@@ -52,6 +52,23 @@ vxtest::Output inGateway(const std::string &script, std::vector<std::string> opt
 
 // ---- the program vxgateway
 
+TEST(VxGateway, EndsWithItsTerminalUnlessSighupIsIgnored) {
+    for (const bool ignored : {false, true}) {
+        std::vector<std::string> command = {
+            vxtest::built("gateway/vxgateway"), "run", "--net", "none", "--", "sh", "-c",
+            "echo ready; read word; exit 5"};
+        if (ignored) command.insert(command.begin(), {"env", "--ignore-signal=HUP"});
+        vxtest::Process process(command);
+        EXPECT_EQ(process.readLine(), "ready");
+        // As the terminal does: each process of its group gets the signal.
+        EXPECT_EQ(vxtest::run({"pkill", "-HUP", "-x", "gatewayd"}).status, 0);
+        process.signal(SIGHUP);
+        if (ignored) process.send("go on\n");
+        if (ignored) EXPECT_EQ(process.wait(), 5);
+        if (!ignored) EXPECT_NE(process.wait(), 5);
+    }
+}
+
 TEST(VxGateway, PassesTheStatusAndTheStreamsThrough) {
     vxtest::Process process(
         {vxtest::built("gateway/vxgateway"), "run", "--", "sh", "-c", "cat; printf 'a\\0b'; exit 7"});
