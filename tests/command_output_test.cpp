@@ -77,7 +77,7 @@ TEST(EvalCommandOutput, IsReadOnThroughSignals) {
 }
 
 #if SIZE_MAX > UINT32_MAX  // elsewhere no buffer of that size fits into the address space
-TEST(EvalCommandOutput, OfMoreThanAnIntCountsIsCut) {
+TEST(EvalCommandOutput, BeyondIntMaxIsCut) {
     constexpr size_t piece = 1022;
     constexpr size_t stored = INT_MAX - piece - 2;
     const SameMemory out(size_t{3} << 30);

@@ -88,8 +88,8 @@ TEST_F(DeleteRegularFile, AFileThatCannotBeRemovedIsAFailure) {
 
 // --- making
 
-// The walk goes on from it by its descriptor all the same, so that no link in its place is followed.
-TEST_F(CreateDirectory, ADirectoryThatMayOnlyBeEnteredIsAPlaceToGoOnFrom) {
+// Otherwise a link that another process puts in its place would be followed.
+TEST_F(CreateDirectory, AnUnreadableDirectoryIsContinuedByItsDescriptor) {
     if (!vxtest::hasOtherUsers()) GTEST_SKIP() << "a box made by an ordinary user has no other";
     vxtest::makeDirs(path("his"));
     vxtest::giveTo(vxtest::stranger, path("his"));

@@ -181,7 +181,7 @@ TEST(StatusSetupFaults, APathFromACurrentDirectoryThatCannotBeOpenedLeadsNowhere
 }
 
 // Its directories are looked at, not opened one by one.
-TEST_F(StatusFaults, ATreeMadeWithCareCostsNoWalk) {
+TEST_F(StatusFaults, ATreeThatStrangersCannotChangeIsNotWalked) {
     vxtest::makeDirs(directory_ + "/a/b");
     const auto walked = [&](const char *name) {
         int places = 0;
