@@ -26,6 +26,7 @@
 
 VXTEST_HOOK(int, closedir, (DIR * directory), (directory))
 VXTEST_HOOK(int, fclose, (FILE * file), (file))
+VXTEST_HOOK_AS(int, mkostemp, "mkostemp64", (char *name, int flags), (name, flags))
 VXTEST_HOOK(FILE *, fdopen, (int fd, const char *mode), (fd, mode))
 
 namespace {
@@ -214,6 +215,13 @@ TEST_F(SimpleSms, SendingNeedsAFile) {
             << length;
     }
     EXPECT_TRUE(outgoing().empty());
+    EXPECT_FALSE(vxtest::exists("/tmp/sent"));
+}
+
+TEST_F(SimpleSms, WithoutAFileTheToolIsNotStarted) {
+    tool(0);
+    const vxtest::Hooked full(vxtest::hooks::mkostemp, vxtest::answering<int>(-1, ENOSPC));
+    EXPECT_EQ(CSimpleSMS("1", "x").send(), -1);
     EXPECT_FALSE(vxtest::exists("/tmp/sent"));
 }
 

@@ -148,8 +148,9 @@ void CSimpleSMS::RetrieveIncomingIds(std::vector<std::pair<long long, std::strin
 CSimpleSMS *CSimpleSMS::getIncomingSMSById(const std::string &id) {
     const std::string path = spool + id;
     vx::SmsParts parts;
-    errno = validId(id) ? 0 : ENOENT;
-    if (!validId(id) || !vx::splitSms(readfile(path.c_str()), parts)) {
+    const bool valid = validId(id);
+    if (!valid) errno = ENOENT;
+    if (!valid || !vx::splitSms(readfile(path.c_str()), parts)) {
         vx::log(LOG_DEBUG, "sms: file \"%s\" not existing or invalid, errno=%s", path.c_str(), std::strerror(errno));
         return nullptr;
     }

@@ -42,8 +42,9 @@
  *
  * **Errors.** Functions return 0 for success and -1 for failure unless they say otherwise. After a failure errno is
  * that of the system call that failed. A write that takes only a part is a failure as well, but sets no errno: neither
- * errno nor the message tells its reason. Functions that log write one line. A copy that the kernel transferred only in
- * part counts as a success (Quirk Q27).
+ * errno nor the message tells its reason. readfile() and readfile_r() set errno to 0 before they open the file, and it
+ * is 0 after the file was read. Functions that log write one line. A copy that the kernel transferred only in part
+ * counts as a success (Quirk Q27).
  *
  * **Limits.** Relative paths start at the current directory. readfile() returns at most 1023 characters,
  * read_file_lines() takes at most 32 MiB, copy_file() copies at most 2 GiB.
