@@ -147,6 +147,7 @@ TEST_F(StorageTest, UsbDisksAreMatchedToPorts) {
     usbName(1, "..");   // read unchanged
     EXPECT_THAT(found(), ElementsAre("sda(sda) 16/1"));
     usbName(1, "\n \n");
+    usbName(2, "1-1.2\n");  // there are two ports
     EXPECT_THAT(found(), ElementsAre("sda(sda) 8/0"));
 }
 

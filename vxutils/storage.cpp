@@ -151,7 +151,7 @@ private:
     void read() {
         lines_.assign(1, '\n');
         const vx::Fd fd = openMounts();
-        ssize_t got = fd.valid() ? 1 : 0;
+        ssize_t got = 1;
         for (size_t size = 1; got > 0; lines_.resize(size)) {
             lines_.resize(size + readSize);
             got = vx::retryEintr([&] { return ::read(fd.get(), &lines_[size], readSize); });
