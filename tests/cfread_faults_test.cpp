@@ -36,7 +36,7 @@ extern "C" size_t __sanitizer_get_current_allocated_bytes();
 // Lets a test see a large allocation fail as it does without the sanitizer.
 extern "C" const char *__asan_default_options();
 extern "C" const char *__asan_default_options() {
-    return "allocator_may_return_null=1:max_allocation_size_mb=256:detect_leaks=1";
+    return "allocator_may_return_null=1:max_allocation_size_mb=48:detect_leaks=1";
 }
 #endif
 
@@ -402,10 +402,14 @@ char *hugeText(size_t size) {
     return map;
 }
 
+// Small enough for an emulated board to read a text of that size many times.
+constexpr size_t mostMemory = 48 << 20;
+constexpr size_t tooMuch = mostMemory + (1 << 20);
+
 // After this a large allocation fails; the sanitizer has been told so from the start.
 void limitMemory() {
 #ifndef __SANITIZE_ADDRESS__
-    const rlimit memory{256u << 20, 256u << 20};
+    const rlimit memory{mostMemory, mostMemory};
     EXPECT_EQ(::setrlimit(RLIMIT_DATA, &memory), 0);
 #endif
 }
@@ -414,7 +418,7 @@ TEST_F(CfreadMemory, OutOfMemoryForTheCopiesAlsoClearsSlotZero) {
     if (vxtest::emulated()) GTEST_SKIP() << "user-mode emulation does not pass memory limits through";
     EXPECT_EQ(vxtest::inChild([] {
                   const Table table = openText("first=1\nsecond=2\nthird=3\n");
-                  const char *huge = hugeText(512u << 20);
+                  const char *huge = hugeText(tooMuch);
                   if (huge == nullptr) return 10;
                   limitMemory();
                   if (cfread_set_entry(table.get(), "second", huge) != nullptr) return 1;
@@ -440,7 +444,7 @@ TEST_F(CfreadMemory, EntriesAreFoundAlsoWhenTheCountIsTooLow) {
                   constexpr int entries = 400;
                   ::alarm(enough);
                   const Table table = openText("");
-                  const char *huge = hugeText(257u << 20);
+                  const char *huge = hugeText(tooMuch);
                   if (huge == nullptr) return 10;
                   limitMemory();
                   for (int i = 0; i < failures; ++i) {

@@ -160,7 +160,6 @@ int connectTo(int fd, const sockaddr_un &address, socklen_t size) {
         }
         const timeval limit{static_cast<int>(leftUs / usPerSecond), static_cast<int>(leftUs % usPerSecond)};
         if (::setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit) == -1) return -1;
-        errno = 0;
         if (::connect(fd, reinterpret_cast<const sockaddr *>(&address), size) == 0) return 0;
         if (errno != EINTR) return -1;
     }
