@@ -21,9 +21,6 @@ char formatted[formatLimit];
 constexpr long long firstYear = 1999;
 constexpr long long lastYear = 2035;
 
-// strchr alone would find the terminator in every set.
-bool inSet(char c, const char *set) { return c != '\0' && std::strchr(set, c) != nullptr; }
-
 constexpr unsigned int foldCase(char c) {
     const auto byte = static_cast<unsigned char>(c);
     return byte >= 'A' && byte <= 'Z' ? byte + ('a' - 'A') : byte;
@@ -111,7 +108,7 @@ char *stripchars(char *s, const char *set) {
     char *const kept = skipchars(s, set);
     char *const end = kept + std::strlen(kept);
     char *cut = end;
-    while (cut != kept && inSet(cut[-1], set)) --cut;
+    while (cut != kept && std::strchr(set, cut[-1]) != nullptr) --cut;
     if (cut != end) *cut = '\0';  // a text without a trailing run may be in read-only memory
     return kept;
 }
