@@ -38,7 +38,7 @@
 #include "support/open_hook.h"
 #include "support/process.h"
 #include "support/resources.h"
-#include "support/short_memory.h"
+#include "support/short_records.h"
 #include "support/stranger.h"
 #include "support/syscall_filter.h"
 #include "support/syslog_capture.h"

@@ -28,7 +28,7 @@
 #include "support/emulation.h"
 #include "support/files.h"
 #include "support/process.h"
-#include "support/short_memory.h"
+#include "support/short_objects.h"
 #include "support/syslog_capture.h"
 
 VXTEST_HOOK(int, fchmod, (int fd, mode_t mode), (fd, mode))

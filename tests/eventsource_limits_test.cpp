@@ -107,23 +107,54 @@ TEST_F(Eventsource, MemoryGrowsWithTheSinksAndNotWithTheirNumbers) {
 
 // --- timers
 
+// Takes every descriptor number up to 4100, so that the next one is above all that have a slot of their own.
+class HighNumbers {
+public:
+    HighNumbers() {
+        for (int fd = 0; fd != -1 && fd < 4100; taken_.push_back(fd)) fd = ::fcntl(0, F_DUPFD_CLOEXEC, 0);
+    }
+    ~HighNumbers() {
+        for (const int fd : taken_) ::close(fd);
+    }
+    HighNumbers(const HighNumbers &) = delete;
+    HighNumbers &operator=(const HighNumbers &) = delete;
+
+private:
+    std::vector<int> taken_;
+};
+
 TEST_F(Eventsource, TimersOnHighDescriptorNumbersFireAndGo) {
     init();
-    std::vector<int> taken;
-    for (int fd = 0; fd < 4100;) {
-        fd = ::fcntl(0, F_DUPFD_CLOEXEC, 0);
-        ASSERT_NE(fd, -1);
-        taken.push_back(fd);
-    }
     Timer timer(1, true);
     timer.whenFired = [&] { source->terminate(); };
-    source->addTimer(&timer);
+    {
+        const HighNumbers next;
+        source->addTimer(&timer);
+    }
     EXPECT_GT(timerDescriptors().at(0), 4095);
     EXPECT_TRUE(source->activeTimer(&timer));
-    for (const int fd : taken) ::close(fd);
     runUntilTerminated();
     EXPECT_EQ(timer.counts.size(), 1U);
     EXPECT_FALSE(source->activeTimer(&timer));
+}
+
+TEST_F(Eventsource, OfTimersOnHighDescriptorNumbersTheRightOneIsRemoved) {
+    init();
+    Timer stays(100000, false);
+    Timer goes(100000, false);
+    {
+        const HighNumbers next;
+        source->addTimer(&stays);
+        source->addTimer(&goes);
+    }
+    const auto both = timerDescriptors();
+    ASSERT_EQ(both.size(), 2U);
+    ASSERT_GT(both[0], 4095);
+    source->removeTimer(&goes);
+    EXPECT_EQ(timerDescriptors(), std::vector{both[0]});
+    EXPECT_TRUE(source->activeTimer(&stays));
+    EXPECT_FALSE(source->activeTimer(&goes));
+    source->removeTimer(&stays);
 }
 
 TEST_F(Eventsource, WholeSecondsAndMillisecondsAddUp) {

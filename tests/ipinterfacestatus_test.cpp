@@ -18,7 +18,7 @@
 #include "support/netns.h"
 #include "support/process.h"
 #include "support/resources.h"
-#include "support/short_memory.h"
+#include "support/short_objects.h"
 #include "support/syslog_capture.h"
 
 namespace {

@@ -19,6 +19,7 @@
 #include "support/call_hooks.h"
 #include "support/descriptor_limit.h"
 #include "support/messagequeue.h"
+#include "support/short_objects.h"
 #include "support/text.h"
 
 VXTEST_HOOK(int, pthread_mutexattr_init, (pthread_mutexattr_t * attributes), (attributes))
@@ -229,6 +230,37 @@ TEST_F(FullPipeFaults, AReadThatFailsLeavesTheMessageForTheNextCall) {
     ::close(unreadable);
     deliverWhatTheLoopWould();
     EXPECT_EQ(consumer.codes, std::vector<int>{1});
+}
+
+// Every message is first sent without memory; most fit into what the queue has.
+TEST_F(FullPipeFaults, AMessageWithoutMemoryIsNotQueuedAndDelaysNoOther) {
+    capacity = ::fcntl(queue->getFd(), F_SETPIPE_SZ, 4096);
+    ASSERT_GE(capacity, 4096);
+    for (const int count : {2 * capacity, capacity / 2}) {
+        int refusals = 0;
+        for (int i = 0; i < count; ++i) {
+            vxtest::objectsLeft = 0;
+            vxtest::objectsRunOut = true;
+            bool refused = false;
+            try {
+                queue->send(CQMsg(i));
+            } catch (const std::bad_alloc &) {
+                refused = true;
+            }
+            vxtest::objectsRunOut = false;
+            if (refused) {
+                ++refusals;
+                ASSERT_EQ(queue->send(CQMsg(i)), 0);
+            }
+        }
+        EXPECT_GT(refusals, 2) << "of " << count;
+        deliverWhatTheLoopWould();
+        ASSERT_EQ(consumer.codes.size(), static_cast<size_t>(count));
+        for (int i = 0; i < count; ++i) ASSERT_EQ(consumer.codes[static_cast<size_t>(i)], i);
+        EXPECT_EQ(consumer.errors, 0);
+        EXPECT_EQ(bytesInPipe(), 0);
+        consumer.codes.clear();
+    }
 }
 
 }  // namespace

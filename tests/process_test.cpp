@@ -8,6 +8,7 @@
 #include <unistd.h>
 #include <vxutils/process.h>
 
+#include <climits>
 #include <csignal>
 #include <cstring>
 #include <functional>
@@ -138,7 +139,11 @@ TEST(GetParentPid, TakesOddStatusLinesAsTheyAre) {
                         {"700012/stat", "1 2 3 " + std::string(300, '0') + "7"},
                         {"700013/stat", "1 2 " + std::string(248, '3') + " 456"},
                         {"700014/stat", "1 2 3 \t+42x\n"},
-                        {"700015/stat", "15 (a#b) S 42\n"}},
+                        {"700015/stat", "15 (a#b) S 42\n"},
+                        {"700016/stat", "1 2 3 2147483647"},
+                        {"700017/stat", "1 2 3 2147483648"},
+                        {"700018/stat", "1 2 3 -2147483648"},
+                        {"700019/stat", "1 2 3 -2147483649"}},
                        [] {
                            EXPECT_EQ(get_parent_pid(700005), 815);
                            EXPECT_EQ(get_parent_pid(700006), -1);
@@ -151,6 +156,10 @@ TEST(GetParentPid, TakesOddStatusLinesAsTheyAre) {
                            EXPECT_EQ(get_parent_pid(700013), 4);
                            EXPECT_EQ(get_parent_pid(700014), 42);  // read as atoi() reads it
                            EXPECT_EQ(get_parent_pid(700015), 42);
+                           EXPECT_EQ(get_parent_pid(700016), INT_MAX);
+                           EXPECT_EQ(get_parent_pid(700017), 0);
+                           EXPECT_EQ(get_parent_pid(700018), INT_MIN);
+                           EXPECT_EQ(get_parent_pid(700019), 0);
                            return testing::Test::HasFailure() ? 1 : 0;
                        }),
               0);

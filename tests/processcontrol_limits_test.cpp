@@ -17,7 +17,7 @@
 #include "support/files.h"
 #include "support/process.h"
 #include "support/processcontrol.h"
-#include "support/short_memory.h"
+#include "support/short_objects.h"
 
 VXTEST_HOOK(char *, strdup, (const char *text), (text))
 

@@ -24,7 +24,7 @@
 #include "support/open_hook.h"
 #include "support/process.h"
 #include "support/resources.h"
-#include "support/short_memory.h"
+#include "support/short_objects.h"
 #include "support/statusinterface.h"
 #include "support/syslog_capture.h"
 
@@ -177,6 +177,25 @@ TEST(StatusSetupFaults, APathFromACurrentDirectoryThatCannotBeOpenedLeadsNowhere
     }
     EXPECT_TRUE(status.setStatus("sub/state", "x"));
     std::filesystem::current_path(before);
+    std::filesystem::remove_all("/tmp/place");
+}
+
+// The text of a link in /proc/self/fd is not always a path, and another directory may have that name.
+TEST(StatusSetupFaults, ALinkToAnOpenDirectoryLeadsToItWhateverItsTextSays) {
+    vxtest::makeDirs("/tmp/place/kept");
+    vxtest::makeDirs("/tmp/place/gone");
+    const int kept = ::open("/tmp/place/kept", O_PATH | O_CLOEXEC);
+    const int gone = ::open("/tmp/place/gone", O_PATH | O_CLOEXEC);
+    std::filesystem::remove("/tmp/place/gone");
+    vxtest::makeDirs("/tmp/place/gone (deleted)");
+    const auto link = [](int fd) { return "/proc/self/fd/" + std::to_string(fd) + "/state"; };
+    StatusInterface status;
+    EXPECT_FALSE(status.setStatus(link(gone).c_str(), "x"));
+    EXPECT_FALSE(vxtest::exists("/tmp/place/gone (deleted)/state"));
+    EXPECT_TRUE(status.setStatus(link(kept).c_str(), "x"));
+    EXPECT_EQ(vxtest::readFile("/tmp/place/kept/state"), "x");
+    ::close(kept);
+    ::close(gone);
     std::filesystem::remove_all("/tmp/place");
 }
 

@@ -18,7 +18,8 @@
 #include "support/files.h"
 #include "support/process.h"
 #include "support/resources.h"
-#include "support/short_memory.h"
+#include "support/short_objects.h"
+#include "support/short_records.h"
 #include "support/storage.h"
 
 VXTEST_HOOK_AS(int, statfs, "statfs64", (const char *path, struct statfs *status), (path, status))

@@ -26,7 +26,8 @@
 #include "support/files.h"
 #include "support/interruptions.h"
 #include "support/resources.h"
-#include "support/short_memory.h"
+#include "support/short_objects.h"
+#include "support/short_records.h"
 #include "support/syslog_capture.h"
 #include "support/wwanmd.h"
 
