@@ -3,9 +3,11 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <csignal>
 #include <cstdio>
 #include <cstring>
+#include <exception>
 #include <new>
 #include <system_error>
 
@@ -102,8 +104,17 @@ int refuse(const Call &call, const Usage &usage) {
     return statusUsage;
 }
 
-int run(int argc, char **argv) {
-    Call call;
+// Commands that run another one pass its status on, which may be 1 as well. Memory may be short before the line is read.
+int ownTrouble(char **argv) {
+    const auto takesCommand = [](const Argument &one) { return one.count == Count::command; };
+    while (*argv != nullptr && **argv == '-') ++argv;
+    const Command *command = *argv != nullptr ? findCommand(*argv) : nullptr;
+    if (command == nullptr) return statusFailed;
+    const auto arguments = command->verbs[0].arguments;
+    return std::any_of(arguments.begin(), arguments.end(), takesCommand) ? statusCannotRun : statusFailed;
+}
+
+int attempt(Call &call, int argc, char **argv) {
     try {
         return perform(call, argc, argv);
     } catch (const Usage &usage) {
@@ -111,11 +122,29 @@ int run(int argc, char **argv) {
     } catch (const Failure &failure) {
         call.out.note(failure.text);
         return failure.status;
-    } catch (const std::bad_alloc &) {
-        call.out.note("out of memory");
-        return statusFailed;
     } catch (const std::system_error &error) {
         call.out.note(std::string("no thread can be started: ") + error.code().message());
+        return ownTrouble(argv + 1);
+    }
+}
+
+int run(int argc, char **argv) {
+    Call call;
+    try {
+        return attempt(call, argc, argv);
+    } catch (const std::bad_alloc &) {  // of a message, too
+        call.out.noteOutOfMemory();
+        return ownTrouble(argv + 1);
+    }
+}
+
+// A shell says nothing in the middle of a line, and gets no part of what there is to offer.
+int completeOrFail(int argc, char **argv) {
+    try {
+        return complete({argv + 2, argv + argc});
+    } catch (const Failure &) {  // of standard output
+        return statusFailed;
+    } catch (const std::exception &) {  // memory is short
         return statusFailed;
     }
 }
@@ -150,7 +179,7 @@ int main(int argc, char **argv) {
     // A caller that ignores it would take the status of every program away that is run here or by the library.
     ::signal(SIGCHLD, SIG_DFL);
     // Asked for by the completions of the shells.
-    if (argc > 1 && std::strcmp(argv[1], "__complete") == 0) return tool::complete({argv + 2, argv + argc});
+    if (argc > 1 && std::strcmp(argv[1], "__complete") == 0) return tool::completeOrFail(argc, argv);
     tool::failWhereFilesAreFull();
     return tool::run(argc, argv);
 }

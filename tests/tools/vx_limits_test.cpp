@@ -3,6 +3,7 @@
 // message; it ends by itself and within its time, and never by a signal.
 #include <gtest/gtest.h>
 #include <sys/resource.h>
+#include <unistd.h>
 
 #include <csignal>
 #include <string>
@@ -112,6 +113,76 @@ TEST(VxLimits, littleMemoryFailsNoCommandByASignal) {
     const VxResult ping = vx({"ping", "-c", "1", "127.0.0.1"}, setting);
     EXPECT_EQ(ping.status, 1);
     EXPECT_EQ(ping.err, "vx: ping: no thread can be started: Resource temporarily unavailable\n");
+}
+
+// Documents, and what is said of a command line or of things that are not there: all need memory, too.
+const std::vector<std::vector<std::string>> documentsAndMessages = {
+    {"-j", "config", "list", "--file", "/tmp/limits.conf"},
+    {"-j", "status", "get", "limits/value"},
+    {"-j", "status", "list"},
+    {"-j", "digest", "md5", "/tmp/limits.conf"},
+    {"-j", "addr", "10.0.0.1/8"},
+    {"-j", "route", "127.0.0.1"},
+    {"config", "set", "no-equals-sign"},
+    {"config", "nothing"},
+    {"event", "raise"},
+    {"proc", "find", "/a/name/that/no/program/has"},
+    {"digest", "md5", "/a/file/that/is/not/there"},
+    {"help", "io"},
+    {"__complete", "status", ""},
+    {"lock", "limits", "--", "true"},
+    {"run", "--", "true"},
+};
+
+constexpr const char *reachedMark = "/tmp/limits-reached";
+
+// Memory runs out at this allocation, from there on or for that one alone.
+VxSetting withoutMemory(unsigned int from, bool once) {
+    VxSetting setting;
+    setting.alarm_s = hangsAfter_s;
+    setting.environment = {{"LD_PRELOAD", vxtest::built("tests/no_memory.so")},
+                           {"NO_MEMORY_FROM", std::to_string(from)},
+                           {"NO_MEMORY_MARK", reachedMark}};
+    if (once) setting.environment.emplace_back("NO_MEMORY_ONCE", "");
+    if (!vxtest::emulated()) return setting;
+    std::string forTheProgram;  // and not for the emulator
+    for (const auto &[name, value] : setting.environment)
+        forTheProgram += (forTheProgram.empty() ? "" : ",") + name + "=" + value;
+    setting.environment = {{"QEMU_SET_ENV", forTheProgram}};
+    return setting;
+}
+
+// Whether memory ran out; the tool has to tell then, or to do what it does with enough.
+bool expectToldWithoutMemory(const std::vector<std::string> &words, const VxSetting &setting, const VxResult &usual) {
+    ::unlink(reachedMark);
+    writeFile("/tmp/limits.conf", "a.key=1\n");
+    const VxResult result = vx(words, setting);
+    const std::string what = "vx" + joined(words) + ": status " + std::to_string(result.status) + ", " + result.err;
+    if (result.status == usual.status) {
+        EXPECT_EQ(result.out, usual.out) << what;
+        EXPECT_EQ(result.err.empty(), usual.err.empty()) << what;
+    } else {
+        const bool runsAnother = words[0] == "lock" || words[0] == "run";
+        EXPECT_EQ(result.status, runsAnother ? 125 : 1) << what;
+        EXPECT_EQ(result.out, "") << what;
+        EXPECT_EQ(result.err.empty(), words[0] == "__complete") << what;
+    }
+    return vxtest::exists(reachedMark);
+}
+
+TEST(VxLimits, memoryThatRunsOutAnywhereIsTold) {
+    if (sanitized) GTEST_SKIP() << "sanitizers need memory themselves";
+    vx({"status", "set", "limits/value", "1"});
+    for (const auto &words : documentsAndMessages) {
+        writeFile("/tmp/limits.conf", "a.key=1\n");
+        const VxResult usual = vx(words);
+        for (const bool once : {false, true}) {
+            if (once && vxtest::emulated()) break;  // whose starts take ten times as long
+            unsigned int from = 1;
+            while (expectToldWithoutMemory(words, withoutMemory(from, once), usual) && !HasFailure()) ++from;
+            EXPECT_GT(from, 5U) << "vx" << joined(words);
+        }
+    }
 }
 
 }  // namespace

@@ -174,9 +174,9 @@ int check(const std::vector<std::string> &lists, Algorithm algorithm, const std:
         out.print(records, Plain::row);
     } else {
         for (const Record &record : records) {
-            const auto &result = std::get<std::string>(record[1].value);
+            const auto &result = std::get<Text>(record[1].value).text;
             const char *shown = result == "ok" ? "OK" : result == "failed" ? "FAILED" : "FAILED open or read";
-            out.print(Record{{"line", std::get<std::string>(record[0].value) + ": " + shown}}, Plain::name);
+            out.print(Record{{"line", std::get<Text>(record[0].value).text + ": " + shown}}, Plain::name);
         }
     }
     if (bad == 0) return statusDone;

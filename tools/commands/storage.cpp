@@ -56,7 +56,7 @@ std::vector<Record> allDevices() {
     return records;
 }
 
-const std::string &nameOf(const Record &device) { return std::get<std::string>(device[0].value); }
+const std::string &nameOf(const Record &device) { return std::get<Text>(device[0].value).text; }
 
 int storage(const Arguments &arguments, Output &out) {
     const std::vector<Record> devices = allDevices();

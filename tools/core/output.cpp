@@ -9,6 +9,8 @@
 #include <cerrno>
 #include <cmath>
 #include <cstdio>
+#include <cstdlib>
+#include <new>
 
 #include "core/failure.h"
 #include "core/fd.h"
@@ -17,7 +19,20 @@ namespace tool {
 
 namespace {
 
-using Json = rapidjson::Writer<rapidjson::StringBuffer>;
+// RapidJSON's own allocator hands out null where memory is short, and its writers write there.
+class ThrowingAllocator {
+public:
+    void *Malloc(size_t size) { return Realloc(nullptr, 0, size); }
+    void *Realloc(void *memory, size_t, size_t size) {
+        void *const grown = std::realloc(memory, size);
+        if (grown == nullptr) throw std::bad_alloc();
+        return grown;
+    }
+    static void Free(void *memory) noexcept { std::free(memory); }
+};
+
+using Buffer = rapidjson::GenericStringBuffer<rapidjson::UTF8<>, ThrowingAllocator>;
+using Json = rapidjson::Writer<Buffer, rapidjson::UTF8<>, rapidjson::UTF8<>, ThrowingAllocator>;
 
 bool onTerminal() {
     static const bool terminal = ::isatty(STDOUT_FILENO) == 1;
@@ -52,7 +67,7 @@ void writeText(Json &json, std::string_view text) {
 struct JsonValue {
     Json &json;
     void operator()(std::monostate) const { json.Null(); }
-    void operator()(const std::string &text) const { writeText(json, text); }
+    void operator()(const Text &value) const { writeText(json, value.text); }
     void operator()(int64_t number) const { json.Int64(number); }
     void operator()(Real real) const {
         if (std::isfinite(real.value)) {
@@ -76,7 +91,7 @@ void writeRecord(Json &json, const Record &record) {
 struct PlainValue {
     Escape escape;
     std::string operator()(std::monostate) const { return {}; }
-    std::string operator()(const std::string &text) const { return escaped(text, escape); }
+    std::string operator()(const Text &value) const { return escaped(value.text, escape); }
     std::string operator()(int64_t number) const { return std::to_string(number); }
     std::string operator()(Real real) const {
         std::array<char, 64> text;
@@ -166,7 +181,7 @@ std::string Output::plain(const Record &record, Plain form, Escape escape) {
 
 std::string Output::document(const Record &record, Plain form, Escape escape) const {
     if (!json_) return plain(record, form, escape);
-    rapidjson::StringBuffer text;
+    Buffer text;
     Json json(text);
     writeRecord(json, record);
     return forTerminals({text.GetString(), text.GetSize()});
@@ -179,7 +194,7 @@ void Output::print(const std::vector<Record> &records, Plain form) {
         for (const Record &record : records) buffer_ += plain(record, form, escape(form));
         return;
     }
-    rapidjson::StringBuffer text;
+    Buffer text;
     Json json(text);
     json.StartArray();
     for (const Record &record : records) writeRecord(json, record);
@@ -206,9 +221,15 @@ void Output::flush() {
     writeAll(text);
 }
 
-void Output::message(std::string_view text) const {
-    const std::string place = place_.empty() ? "" : place_ + ": ";
-    std::fprintf(stderr, "vx: %s%s\n", place.c_str(), harmless(text).c_str());
+void Output::message(std::string_view text) const { messageAsItIs(harmless(text).c_str()); }
+
+void Output::noteOutOfMemory() const {
+    if (!quiet_) messageAsItIs("out of memory");
+}
+
+// Allocates nothing: standard error has no buffer.
+void Output::messageAsItIs(const char *text) const {
+    std::fprintf(stderr, "vx: %s%s%s\n", place_.c_str(), place_.empty() ? "" : ": ", text);
 }
 
 }  // namespace tool

@@ -18,8 +18,17 @@ struct Real {
     int decimals;  // of the plain form
 };
 
+// Text in a value. Not a plain std::string: where a variant that can hold one cannot be copied for lack of memory,
+// libstdc++ 12 destroys what was not made.
+struct Text {
+    Text(std::string from) : text(std::move(from)) {}
+    Text(const char *from) : text(from) {}
+
+    std::string text;
+};
+
 // Value() is one that is not known: null in JSON, and empty in the plain form.
-using Value = std::variant<std::monostate, std::string, int64_t, Real, bool>;
+using Value = std::variant<std::monostate, Text, int64_t, Real, bool>;
 
 struct Field {
     const char *name;
@@ -68,12 +77,14 @@ public:
     void note(std::string_view text) const {
         if (!quiet_) message(text);
     }
+    void noteOutOfMemory() const;  // needs no memory itself
 
     // Command and subcommand, for remarks.
     void setPlace(std::string place) { place_ = std::move(place); }
     const std::string &place() const { return place_; }
 
 private:
+    void messageAsItIs(const char *text) const;
     Escape escape(Plain form) const;
     static std::string plain(const Record &record, Plain form, Escape escape);
     std::string document(const Record &record, Plain form, Escape escape) const;
