@@ -446,8 +446,9 @@ TEST(Gw, FillsNoDiskThatTheProgramHasUnmounted) {
 
 TEST(Gw, IsNotHeldUpByAMessageThatIsNoFile) {
     const auto output = inGateway(
-        "mkfifo /tmp/message; check 1 send-sms /tmp/message; check 1 send-sms /nowhere/message\n"
-        "cd /tmp; printf 'To: +1\\n\\nhello\\n' >message.txt; check 0 send-sms message.txt; gw sms\n",
+        "send=/usr/local/sbin/send-sms\n"
+        "mkfifo /tmp/message; check 1 $send /tmp/message; check 1 $send /nowhere/message\n"
+        "cd /tmp; printf 'To: +1\\n\\nhello\\n' >message.txt; check 0 $send message.txt; gw sms\n",
         {"--net", "none", "--timeout", "20"});
     EXPECT_EQ(output.status, 0) << output.text;
     EXPECT_EQ(output.text, "gw: /tmp/message: not a file\ngw: /nowhere/message: not a file\n+1 hello\n");
